@@ -1,0 +1,25 @@
+# The common part of the cross tool chains. Programs find loader and libraries in the cross
+# compiler's own folder, so that they start in place, with or without an emulator.
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+    "-Wl,--dynamic-linker=${ORVEX_SYSROOT}/lib/${ORVEX_LOADER} -Wl,-rpath=${ORVEX_SYSROOT}/lib")
+
+# Some kernels refuse programs of another width or kind: try one, and emulate when it won't run.
+if(NOT DEFINED CACHE{ORVEX_RUNS_FOREIGN})
+  set(probe ${CMAKE_BINARY_DIR}/foreign-probe)
+  file(WRITE ${probe}.cpp "int main() { return 0; }\n")
+  separate_arguments(link_flags UNIX_COMMAND "${CMAKE_EXE_LINKER_FLAGS_INIT}")
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${probe}.cpp -o ${probe} ${link_flags}
+                  COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND ${probe} RESULT_VARIABLE result OUTPUT_QUIET ERROR_QUIET)
+  if(result EQUAL 0)
+    set(runs TRUE)
+  else()
+    set(runs FALSE)
+    message(STATUS "This kernel runs no ${CMAKE_SYSTEM_PROCESSOR} programs: using ${ORVEX_EMULATOR}")
+  endif()
+  set(ORVEX_RUNS_FOREIGN ${runs} CACHE BOOL "The kernel runs programs of this tool chain")
+endif()
+if(NOT ORVEX_RUNS_FOREIGN)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${ORVEX_EMULATOR})
+endif()
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ORVEX_RUNS_FOREIGN)

@@ -1,0 +1,35 @@
+# What every target of the project is compiled with, and the three kinds of target there are:
+#   orvex_library(NAME sources... LINKS libraries...)   a folder of the daemon
+#   orvex_program(NAME sources... LINKS libraries...)   a program
+#   orvex_test(NAME sources... LINKS libraries... [LABELS labels...])   tests (tests/CMakeLists.txt)
+
+add_library(orvex_options INTERFACE)
+target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+target_compile_definitions(orvex_options INTERFACE ORVEX_VERSION="${PROJECT_VERSION}")
+if(ORVEX_WERROR)
+  target_compile_options(orvex_options INTERFACE -Werror)
+endif()
+if(ORVEX_SANITIZE)
+  # For everything that is linked together, GoogleTest included.
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# The daemon throws nothing and asks no object for its type.
+add_library(orvex_daemon_options INTERFACE)
+target_compile_options(orvex_daemon_options INTERFACE -fno-exceptions -fno-rtti)
+target_link_libraries(orvex_daemon_options INTERFACE orvex_options)
+
+function(orvex_library name)
+  cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE orvex_daemon_options)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+endfunction()
+
+function(orvex_program name)
+  cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} orvex_options)
+endfunction()

@@ -1,0 +1,155 @@
+#include "tqr/tqrcli.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace {
+
+const char* const appname = "tqrcli";
+
+// A socket, or -1. One that does not fit an fd_set can't be waited for, so it counts as none.
+int open_socket() {
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock >= FD_SETSIZE) {
+        close(sock);
+        errno = EMFILE;
+        return -1;
+    }
+    return sock;
+}
+
+void enable_option(int sock, int level, int option, const char* name) {
+    const int on = 1;
+    if (setsockopt(sock, level, option, &on, sizeof on) != 0) {
+        fprintf(stderr, "%s: setsockopt(%s) failed err=%d\n", appname, name, errno);
+    }
+}
+
+void report_failed_connect(const sockaddr_in& peer) {
+    const int err = errno;
+    unsigned char ip[4];
+    memcpy(ip, &peer.sin_addr, sizeof ip);
+    fprintf(stderr, "%s: connect(%d.%d.%d.%d:%d) failed err=%d\n", appname, ip[0], ip[1], ip[2],
+            ip[3], ntohs(peer.sin_port), err);
+}
+
+}  // namespace
+
+CTQRClient::~CTQRClient() {
+    close();
+}
+
+int CTQRClient::open(unsigned long ip, short port, int size) {
+    close();
+    if (size >= 0 && size < INT_MAX) {
+        m_nBufSize = size + 1;
+        m_pBuf = new (std::nothrow) char[static_cast<size_t>(m_nBufSize)];
+    }
+    m_pRead = m_pEnd = m_pBuf;
+    if (m_pBuf == nullptr) {
+        fprintf(stderr, "%s out of memory\n", appname);
+        return -2;
+    }
+
+    sockaddr_in peer = {};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = static_cast<in_addr_t>(ip);
+    peer.sin_port = htons(static_cast<uint16_t>(port));
+
+    const int sock = open_socket();
+    if (sock < 0) {
+        fprintf(stderr, "%s: socket() failed err=%d\n", appname, errno);
+        return -1;
+    }
+    enable_option(sock, IPPROTO_TCP, TCP_NODELAY, "TCP_NODELAY");
+    enable_option(sock, SOL_SOCKET, SO_KEEPALIVE, "SO_KEEPALIVE");
+    if (connect(sock, reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0) {
+        report_failed_connect(peer);
+        ::close(sock);
+        return -1;
+    }
+    m_nSock = sock;
+    return m_nSock;
+}
+
+int CTQRClient::open(const char* host, short port, int size) {
+    return open(inet_addr(host), port, size);
+}
+
+int CTQRClient::send(const char* text) {
+    if (m_nSock == -1) {
+        return -1;
+    }
+    return static_cast<int>(::send(m_nSock, text, strlen(text), 0));
+}
+
+char* CTQRClient::recv(long timeout) {
+    if (m_nSock == -1) {
+        return nullptr;
+    }
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(m_nSock, &readable);
+    timeval limit = {0, static_cast<suseconds_t>(timeout)};
+    if (select(m_nSock + 1, &readable, nullptr, nullptr, &limit) > 0 && !read_more()) {
+        return nullptr;
+    }
+    return take_line();
+}
+
+// Reads what is there behind the data not yet handed out. A full buffer without a line leaves no
+// room: the read of 0 bytes then ends the connection like a closed peer does.
+bool CTQRClient::read_more() {
+    const size_t pending = static_cast<size_t>(m_pEnd - m_pRead);
+    if (pending != 0) {
+        memmove(m_pBuf, m_pRead, pending);
+    }
+    const size_t room = static_cast<size_t>(m_nBufSize) - pending - 1;
+    const ssize_t got = ::recv(m_nSock, m_pBuf + pending, room, 0);
+    if (got <= 0) {
+        fprintf(stderr, "%s: recv() failed err=%d\n", appname, errno);
+        close();
+        return false;
+    }
+    m_pRead = m_pBuf;
+    m_pEnd = m_pBuf + pending + got;
+    *m_pEnd = '\0';
+    return true;
+}
+
+char* CTQRClient::take_line() {
+    if (m_pRead >= m_pEnd) {
+        return nullptr;
+    }
+    char* const line = m_pRead;
+    char* const end = line + strcspn(line, "\r\n");
+    if (*end == '\0') {
+        return nullptr;
+    }
+    *end = '\0';
+    m_pRead = end + 1;
+    while (m_pRead < m_pEnd && (*m_pRead == '\r' || *m_pRead == '\n')) {
+        ++m_pRead;
+    }
+    return line;
+}
+
+void CTQRClient::close() {
+    if (m_nSock != -1) {
+        ::close(m_nSock);
+        m_nSock = -1;
+    }
+    delete[] m_pBuf;
+    m_pBuf = nullptr;
+}
