@@ -1,0 +1,100 @@
+// The device that the stand-in server plays: its pins, its configuration, and what control lines do
+// to them.
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+class LineWords;
+
+// What a line led to: an error, or lines to send. The lines have no line end.
+struct LineEffect {
+    std::string error;                   // why the line was refused; empty when it was understood
+    std::vector<std::string> answers;    // for the client that sent the line
+    std::vector<std::string> broadcast;  // for every client
+    int changedInput = 0;                // its InputLine() is for those who subscribed to it
+    int subscribe = 0;                   // the input that the client subscribes to
+    int unsubscribe = 0;                 // the input that the client unsubscribes from
+};
+
+// 256 inputs (GPI), 32 outputs (GPO), five pins each, all high at first; a configuration line an
+// output; settings. Knows neither sockets nor the time, which its callers pass in.
+//
+// A state text has one to five characters, one a pin: 'H' or 'h' (high), 'L' or 'l' (low), 'x'
+// (leave this pin alone). Pins keep the character as it was given. Pins beyond the text are left
+// alone. Numbers may be decimal, hexadecimal (0x) or octal (0).
+class DeviceState {
+public:
+    static constexpr int INPUTS = 256;
+    static constexpr int OUTPUTS = 32;
+    static constexpr size_t PINS = 5;
+
+    using Clock = std::chrono::steady_clock;
+
+    // A set of inputs; an input is the bit of its number.
+    using InputSet = std::bitset<INPUTS + 1>;
+
+    DeviceState();
+
+    // Takes a line of the device's operator, in the words that the server itself would send:
+    //   SET field...               settings; replaces the SET line that begins with the same tag
+    //   CFG GPO n field...         configuration of an output; replaces the one it had
+    //   GPI n state                state of an input
+    //   GPO n state [DURATION:ms]  state of an output
+    // A line that changes nothing has an empty effect.
+    LineEffect Apply(const std::string& line, Clock::time_point now);
+
+    // Takes a line of a client:
+    //   SET                        asks for the settings
+    //   CFG GPO                    asks for the configuration of all outputs
+    //   ADD GPI n, DEL GPI n       subscribes to an input (it is reported at once), unsubscribes
+    //   GPO n state [DURATION:ms]  sets pins of an output
+    LineEffect Request(const std::string& line, Clock::time_point now);
+
+    // With a duration, a pin returns after that many milliseconds to the state it had before. A
+    // later line for the pin takes the pin over: without a duration it stays as that line says,
+    // with one it returns, after the new time, to where it was before the first.
+    //
+    // Ends the durations that are over. Returns the lines, for every client, of the outputs that
+    // changed by that.
+    std::vector<std::string> Expire(Clock::time_point now);
+
+    // When the next duration ends, if any runs.
+    std::optional<Clock::time_point> NextExpiry() const;
+
+    // "GPI n state" and "GPO n state" as they stand.
+    std::string InputLine(int number) const;
+    std::string OutputLine(int number) const;
+
+    // The operator's lines that lead to the present state: settings, configuration, and the inputs
+    // and outputs whose pins are not all 'H'.
+    std::vector<std::string> Lines() const;
+
+private:
+    struct Pulse {
+        char restore;
+        Clock::time_point end;
+    };
+    struct Output {
+        std::string pins;
+        std::array<std::optional<Pulse>, PINS> pulses;
+    };
+
+    std::string SetInput(LineWords& words, LineEffect& effect);
+    std::string SetOutput(LineWords& words, Clock::time_point now, LineEffect& effect);
+    static void SetPin(Output& output, size_t pin, char state, int duration, Clock::time_point now);
+    std::string Configure(LineWords& words, const std::string& line, LineEffect& effect);
+    std::string ChangeSetting(LineWords& words, const std::string& line, LineEffect& effect);
+    std::string AnswerConfiguration(LineWords& words, LineEffect& effect) const;
+    std::string Subscribe(LineWords& words, bool on, LineEffect& effect) const;
+
+    std::vector<std::string> m_settings;  // in the order they were made: the last word counts
+    std::map<int, std::string> m_configuration;
+    std::vector<std::string> m_inputs;
+    std::vector<Output> m_outputs;
+};

@@ -1,0 +1,315 @@
+#include "tools/sim/SimServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace {
+
+const int BACKLOG = 64;
+const size_t READ_SIZE = 4096;
+const std::chrono::seconds ACCEPT_PAUSE(1);
+
+std::string AddressText(const sockaddr_in& address) {
+    char ip[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
+    return std::string(ip) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+std::string ErrorText(int error) {
+    return std::generic_category().message(error);
+}
+
+bool IsTransient(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED;
+}
+
+void Check(bool ok, const std::string& what) {
+    if (!ok) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+}  // namespace
+
+SimServer::SimServer(Observer observer) : m_observer(std::move(observer)) {}
+
+uint16_t SimServer::Listen(const std::string& ip, uint16_t port) {
+    const std::string wanted = ip + ":" + std::to_string(port);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    errno = EINVAL;
+    Check(inet_pton(AF_INET, ip.c_str(), &address.sin_addr) == 1, wanted);
+
+    Descriptor sock(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    Check(sock.IsOpen(), wanted);
+    const int on = 1;
+    sockaddr* const raw = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    Check(setsockopt(sock.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0, wanted);
+    Check(bind(sock.Get(), raw, size) == 0, wanted);
+    Check(listen(sock.Get(), BACKLOG) == 0, wanted);
+    Check(getsockname(sock.Get(), raw, &size) == 0, wanted);
+
+    m_port = ntohs(address.sin_port);
+    m_listeners.push_back({std::move(sock), AddressText(address)});
+    return m_port;
+}
+
+std::string SimServer::Apply(const std::string& line) {
+    const LineEffect effect = m_device.Apply(line, Clock::now());
+    Broadcast(effect.broadcast);
+    if (effect.changedInput != 0) {
+        ReportInput(effect.changedInput);
+    }
+    return effect.error;
+}
+
+void SimServer::SendRaw(const std::string& bytes) {
+    for (Connection& client : m_clients) {
+        if (client.socket.IsOpen()) {
+            Tell(EventKind::Sent, client.peer, bytes);
+            SendBytes(client, bytes);
+        }
+    }
+}
+
+void SimServer::DropAll() {
+    for (Connection& client : m_clients) {
+        Disconnect(client, "dropped");
+    }
+}
+
+void SimServer::Close() {
+    for (Listener& listener : m_listeners) {
+        listener.socket.Close();
+    }
+    DropAll();
+}
+
+size_t SimServer::ClientCount() const {
+    const auto isOpen = [](const Connection& client) { return client.socket.IsOpen(); };
+    return static_cast<size_t>(std::count_if(m_clients.begin(), m_clients.end(), isOpen));
+}
+
+std::vector<std::string> SimServer::DescribeClients() const {
+    std::vector<std::string> lines;
+    for (const Connection& client : m_clients) {
+        if (!client.socket.IsOpen()) {
+            continue;
+        }
+        std::string line = client.peer;
+        for (size_t number = 1; number < client.subscriptions.size(); ++number) {
+            if (client.subscriptions[number]) {
+                line += " GPI " + std::to_string(number);
+            }
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+void SimServer::StepAll(const std::vector<SimServer*>& servers, int timeout) {
+    std::vector<pollfd> fds;
+    for (const SimServer* server : servers) {
+        server->AddDescriptors(fds);
+        timeout = server->Timeout(timeout);
+    }
+    poll(fds.data(), fds.size(), timeout);
+    for (SimServer* server : servers) {
+        server->Serve(fds);
+    }
+}
+
+void SimServer::AddDescriptors(std::vector<pollfd>& fds) const {
+    for (const Listener& listener : m_listeners) {
+        if (listener.socket.IsOpen() && m_acceptAfter <= Clock::now()) {
+            fds.push_back({listener.socket.Get(), POLLIN, 0});
+        }
+    }
+    for (const Connection& client : m_clients) {
+        if (client.socket.IsOpen()) {
+            const int events = client.output.empty() ? POLLIN : POLLIN | POLLOUT;
+            fds.push_back({client.socket.Get(), static_cast<short>(events), 0});
+        }
+    }
+}
+
+int SimServer::Timeout(int limit) const {
+    const Clock::time_point now = Clock::now();
+    Clock::time_point next = m_device.NextExpiry().value_or(Clock::time_point::max());
+    if (m_acceptAfter > now) {
+        next = std::min(next, m_acceptAfter);
+    }
+    if (next == Clock::time_point::max()) {
+        return limit;
+    }
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(std::max(next, now) - now);
+    const int milliseconds = static_cast<int>(wait.count());
+    return limit < 0 ? milliseconds : std::min(limit, milliseconds);
+}
+
+void SimServer::Serve(const std::vector<pollfd>& fds) {
+    for (const pollfd& ready : fds) {
+        if (ready.revents == 0) {
+            continue;
+        }
+        const auto isReady = [&ready](const auto& entry) { return entry.socket.Get() == ready.fd; };
+        const auto listener = std::find_if(m_listeners.begin(), m_listeners.end(), isReady);
+        if (listener != m_listeners.end()) {
+            Accept(*listener);
+            continue;
+        }
+        const auto client = std::find_if(m_clients.begin(), m_clients.end(), isReady);
+        if (client != m_clients.end()) {
+            Flush(*client);
+            Receive(*client);
+        }
+    }
+    Broadcast(m_device.Expire(Clock::now()));
+    const auto isClosed = [](const auto& entry) { return !entry.socket.IsOpen(); };
+    m_listeners.remove_if(isClosed);
+    m_clients.remove_if(isClosed);
+}
+
+void SimServer::Accept(Listener& listener) {
+    while (listener.socket.IsOpen()) {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        Descriptor sock(accept4(listener.socket.Get(), reinterpret_cast<sockaddr*>(&address), &size,
+                                SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (sock.IsOpen()) {
+            AddConnection(std::move(sock), AddressText(address), listener.address);
+            continue;
+        }
+        const int error = errno;
+        if (!IsTransient(error)) {
+            m_acceptAfter = Clock::now() + ACCEPT_PAUSE;
+            Tell(EventKind::Problem, listener.address, "can't accept: " + ErrorText(error));
+        }
+        return;
+    }
+}
+
+void SimServer::AddConnection(Descriptor socket, const std::string& peer,
+                              const std::string& address) {
+    if (ClientCount() >= MAX_CLIENTS) {
+        Tell(EventKind::Problem, peer, "turned away: too many clients");
+        return;
+    }
+    const int on = 1;
+    setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    Connection client;
+    client.socket = std::move(socket);
+    client.peer = peer;
+    m_clients.push_back(std::move(client));
+    Tell(EventKind::Connected, peer, "connected to " + address);
+}
+
+void SimServer::Receive(Connection& client) {
+    if (!client.socket.IsOpen()) {
+        return;
+    }
+    char data[READ_SIZE];
+    const ssize_t got = recv(client.socket.Get(), data, sizeof data, 0);
+    if (got <= 0) {
+        if (got == 0 || !IsTransient(errno)) {
+            Disconnect(client, got == 0 ? "disconnected" : "lost: " + ErrorText(errno));
+        }
+        return;
+    }
+    client.input.Append(data, static_cast<size_t>(got));
+    std::string line;
+    LineBuffer::Result result = LineBuffer::Result::Incomplete;
+    while (client.socket.IsOpen() &&
+           (result = client.input.Next(line)) == LineBuffer::Result::Line) {
+        HandleLine(client, line);
+    }
+    if (client.socket.IsOpen() && result == LineBuffer::Result::Overlong) {
+        Tell(EventKind::Problem, client.peer, "line too long, closing the connection");
+        Disconnect(client, "dropped");
+    }
+}
+
+void SimServer::HandleLine(Connection& client, const std::string& line) {
+    Tell(EventKind::Received, client.peer, line);
+    const LineEffect effect = m_device.Request(line, Clock::now());
+    if (!effect.error.empty()) {
+        Tell(EventKind::Problem, client.peer, effect.error);
+        return;
+    }
+    // Number 0, for none, is a bit that no input has.
+    client.subscriptions[static_cast<size_t>(effect.unsubscribe)] = false;
+    client.subscriptions[static_cast<size_t>(effect.subscribe)] = true;
+    for (const std::string& answer : effect.answers) {
+        SendLine(client, answer);
+    }
+    Broadcast(effect.broadcast);
+}
+
+void SimServer::SendLine(Connection& client, const std::string& line) {
+    if (client.socket.IsOpen()) {
+        Tell(EventKind::Sent, client.peer, line);
+        SendBytes(client, line + "\n");
+    }
+}
+
+void SimServer::SendBytes(Connection& client, const std::string& bytes) {
+    client.output += bytes;
+    Flush(client);
+    if (client.socket.IsOpen() && client.output.size() > MAX_OUTPUT) {
+        Tell(EventKind::Problem, client.peer, "client does not read, closing the connection");
+        Disconnect(client, "dropped");
+    }
+}
+
+// Gives the system as much of the output as it takes without waiting.
+void SimServer::Flush(Connection& client) {
+    while (client.socket.IsOpen() && !client.output.empty()) {
+        const ssize_t sent =
+            send(client.socket.Get(), client.output.data(), client.output.size(), MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (!IsTransient(errno)) {
+                Disconnect(client, "lost: " + ErrorText(errno));
+            }
+            return;
+        }
+        client.output.erase(0, static_cast<size_t>(sent));
+    }
+}
+
+void SimServer::Broadcast(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        for (Connection& client : m_clients) {
+            SendLine(client, line);
+        }
+    }
+}
+
+void SimServer::ReportInput(int number) {
+    const std::string line = m_device.InputLine(number);
+    for (Connection& client : m_clients) {
+        if (client.subscriptions[static_cast<size_t>(number)]) {
+            SendLine(client, line);
+        }
+    }
+}
+
+void SimServer::Disconnect(Connection& client, const std::string& reason) {
+    if (client.socket.IsOpen()) {
+        client.socket.Close();
+        Tell(EventKind::Disconnected, client.peer, reason);
+    }
+}
+
+void SimServer::Tell(EventKind kind, const std::string& peer, const std::string& text) const {
+    if (m_observer) {
+        m_observer({kind, peer, text});
+    }
+}

@@ -1,0 +1,120 @@
+// A stand-in control server: a DeviceState behind TCP connections that speak TQR control lines.
+#pragma once
+
+#include <poll.h>
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "tools/sim/Descriptor.h"
+#include "tools/sim/DeviceState.h"
+#include "tools/sim/LineBuffer.h"
+
+// Plays a device with one state to any number of clients on any number of addresses. For one
+// thread: it works only inside its calls and blocks only in Step(), so several servers, and
+// whatever else a program waits for, fit into one poll loop:
+//
+//     std::vector<pollfd> fds;
+//     server.AddDescriptors(fds);
+//     poll(fds.data(), fds.size(), server.Timeout(limit));
+//     server.Serve(fds);
+//
+// Clients can neither harm nor hold it up: a client whose line grows too long, or that does not
+// read what it is sent, is dropped.
+class SimServer {
+public:
+    static constexpr size_t MAX_CLIENTS = 500;
+    static constexpr size_t MAX_OUTPUT = 256 * 1024;  // bytes that a client may leave unread
+
+    enum class EventKind { Connected, Disconnected, Received, Sent, Problem };
+
+    struct Event {
+        EventKind kind;
+        std::string peer;  // "IP:PORT" of the client, or of the listener that has the problem
+        std::string text;  // the line without its end; the bytes of SendRaw(); or what happened
+    };
+
+    // Is told of all that happens, in order. May call everything of the server but Step(),
+    // StepAll() and Serve().
+    using Observer = std::function<void(const Event&)>;
+
+    explicit SimServer(Observer observer = nullptr);
+
+    // Listens on an IPv4 address (a dotted quad) and port too, and returns the port: 0 chooses a
+    // free one. Throws std::system_error when that is not possible.
+    uint16_t Listen(const std::string& ip, uint16_t port);
+
+    // The port that the last Listen() returned. Close() leaves it as it is, so that
+    // Listen(ip, Port()) brings the server back to where it was.
+    uint16_t Port() const { return m_port; }
+
+    // Takes a line of the operator (see DeviceState::Apply) and tells the clients what changed.
+    // Returns why the line was refused, empty when it was not.
+    std::string Apply(const std::string& line);
+
+    // Sends bytes as they are to every client.
+    void SendRaw(const std::string& bytes);
+
+    // Closes all connections. Clients may connect again.
+    void DropAll();
+
+    // Closes all connections and stops listening. The device keeps its state.
+    void Close();
+
+    size_t ClientCount() const;
+    const DeviceState& Device() const { return m_device; }
+
+    // A line about each client: its address and the inputs it subscribed to ("127.0.0.1:4711 GPI
+    // 3").
+    std::vector<std::string> DescribeClients() const;
+
+    // Waits at most timeout milliseconds (-1: no limit) for something to do, and does it.
+    void Step(int timeout) { StepAll({this}, timeout); }
+
+    // The same for several servers at once.
+    static void StepAll(const std::vector<SimServer*>& servers, int timeout);
+
+    // The three parts of a turn, for loops that wait for other things as well. Serve() may be given
+    // descriptors that are not the server's own.
+    void AddDescriptors(std::vector<pollfd>& fds) const;
+    int Timeout(int limit) const;
+    void Serve(const std::vector<pollfd>& fds);
+
+private:
+    struct Listener {
+        Descriptor socket;
+        std::string address;
+    };
+    struct Connection {
+        Descriptor socket;
+        std::string peer;
+        LineBuffer input;
+        std::string output;  // accepted for sending, not yet taken by the system
+        DeviceState::InputSet subscriptions;
+    };
+    using Clock = DeviceState::Clock;
+
+    void Accept(Listener& listener);
+    void AddConnection(Descriptor socket, const std::string& peer, const std::string& address);
+    void Receive(Connection& client);
+    void HandleLine(Connection& client, const std::string& line);
+    void SendLine(Connection& client, const std::string& line);
+    void SendBytes(Connection& client, const std::string& bytes);
+    void Flush(Connection& client);
+    void Broadcast(const std::vector<std::string>& lines);
+    void ReportInput(int number);
+    void Disconnect(Connection& client, const std::string& reason);
+    void Tell(EventKind kind, const std::string& peer, const std::string& text) const;
+
+    Observer m_observer;
+    DeviceState m_device;
+    uint16_t m_port = 0;
+    Clock::time_point m_acceptAfter;  // a pause, when the system had no descriptor left
+
+    // Closed ones stay in these lists until the end of Serve(), which may be working on them.
+    std::list<Listener> m_listeners;
+    std::list<Connection> m_clients;
+};

@@ -1,0 +1,282 @@
+// orvex-sim: the stand-in control server as a program.
+#include <arpa/inet.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "tools/sim/SimServer.h"
+
+namespace {
+
+const char* const appname = "orvex-sim";
+const char* const DEFAULT_ADDRESS = "127.0.0.1:93";
+
+const int STATUS_FAILED = 1;
+const int STATUS_USAGE = 2;
+
+const char* const DESCRIPTION =
+    "Plays the control server of a device, or a remote GPIO server: answers SET and CFG GPO,\n"
+    "reports inputs to those who subscribed to them, and sets outputs as it is told.\n";
+
+const char* const COMMANDS =
+    "FILE, and standard input while it runs, hold one line each of:\n"
+    "  SET TAG=VALUE...           settings\n"
+    "  CFG GPO n SRCA=...         the source of output n (1 to 32)\n"
+    "  GPI n STATE                the state of input n (1 to 256)\n"
+    "  GPO n STATE [DURATION:ms]  the state of output n\n"
+    "  # a comment\n"
+    "STATE has up to five of H, L, h, l and x (leave this pin alone). Standard input also takes\n"
+    "  show, drop (cut all connections) and quit.\n"
+    "Exit status: 0 after quit, SIGINT or SIGTERM; 1 when it can't listen or can't read FILE;\n"
+    "2 for a usage error.\n";
+
+struct Address {
+    std::string ip;
+    uint16_t port = 0;
+};
+
+struct Options {
+    std::vector<std::string> listen = {DEFAULT_ADDRESS};
+    std::string file;
+};
+
+std::optional<Address> ParseAddress(const std::string& text) {
+    const size_t colon = text.find(':');
+    in_addr address = {};
+    if (colon == std::string::npos ||
+        inet_pton(AF_INET, text.substr(0, colon).c_str(), &address) != 1) {
+        return std::nullopt;
+    }
+    const std::string port = text.substr(colon + 1);
+    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != port.npos ||
+        std::stoi(port) > UINT16_MAX) {
+        return std::nullopt;
+    }
+    return Address{text.substr(0, colon), static_cast<uint16_t>(std::stoi(port))};
+}
+
+// Reads the command line. Returns the exit status when there is nothing left to do.
+std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
+    CLI::App app(DESCRIPTION, appname);
+    app.footer(COMMANDS);
+    app.set_version_flag("--version", std::string(appname) + " " + ORVEX_VERSION);
+    app.add_option("--listen", options.listen, "Address to listen on, port 0 for any; repeatable")
+        ->type_name("IP:PORT")
+        ->allow_extra_args(false)
+        ->check([](const std::string& text) {
+            return ParseAddress(text) ? std::string() : "not an IP:PORT: " + text;
+        })
+        ->capture_default_str();
+    app.add_option("FILE", options.file, "Lines to begin with")->type_name("");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : STATUS_USAGE;
+    }
+    return std::nullopt;
+}
+
+void Print(const std::string& text) {
+    timespec now = {};
+    tm local = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    localtime_r(&now.tv_sec, &local);
+    printf("%02d:%02d:%02d.%03d %s\n", local.tm_hour, local.tm_min, local.tm_sec,
+           static_cast<int>(now.tv_nsec / 1000000), Printable(text).c_str());
+}
+
+void PrintProblem(const std::string& origin, const std::string& text) {
+    fprintf(stderr, "%s: %s: %s\n", appname, origin.c_str(), text.c_str());
+}
+
+void PrintEvent(const SimServer::Event& event) {
+    switch (event.kind) {
+        case SimServer::EventKind::Received:
+            return Print(event.peer + " < " + event.text);
+        case SimServer::EventKind::Sent:
+            return Print(event.peer + " > " + event.text);
+        case SimServer::EventKind::Connected:
+        case SimServer::EventKind::Disconnected:
+            return Print(event.peer + " " + event.text);
+        case SimServer::EventKind::Problem:
+            return PrintProblem(event.peer, event.text);
+    }
+}
+
+// The line without blanks around it; empty when it is a comment.
+std::string Content(const std::string& line) {
+    const size_t begin = line.find_first_not_of(" \t\r");
+    if (begin == std::string::npos || line[begin] == '#') {
+        return {};
+    }
+    return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+void Apply(SimServer& server, const std::string& origin, const std::string& line) {
+    const std::string error = server.Apply(line);
+    if (!error.empty()) {
+        PrintProblem(origin, error);
+    }
+}
+
+bool LoadFile(SimServer& server, const std::string& name) {
+    errno = 0;
+    std::ifstream file(name);
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        const std::string content = Content(line);
+        if (!content.empty()) {
+            Apply(server, name + ":" + std::to_string(number), content);
+        }
+    }
+    if (file.eof()) {
+        return true;
+    }
+    PrintProblem(name, "can't read: " + std::generic_category().message(errno));
+    return false;
+}
+
+bool Listen(SimServer& server, const std::vector<std::string>& addresses) {
+    for (const std::string& text : addresses) {
+        const Address address = ParseAddress(text).value();
+        try {
+            const uint16_t port = server.Listen(address.ip, address.port);
+            Print("listening on " + address.ip + ":" + std::to_string(port));
+        } catch (const std::system_error& error) {
+            PrintProblem(text, "can't listen: " + error.code().message());
+            if (error.code() == std::errc::permission_denied) {
+                fprintf(stderr, "%s: ports below 1024 are for root; try --listen %s:1093\n",
+                        appname, address.ip.c_str());
+            }
+            return false;
+        }
+    }
+    return true;
+}
+
+// The operator at standard input.
+class Console {
+public:
+    explicit Console(SimServer& server) : m_server(server) {}
+
+    bool HasQuit() const { return m_quit; }
+
+    // -1 once the input has ended.
+    int GetDescriptor() const { return m_open ? STDIN_FILENO : -1; }
+
+    void Read() {
+        char data[4096];
+        const ssize_t got = read(STDIN_FILENO, data, sizeof data);
+        if (got > 0) {
+            m_input.Append(data, static_cast<size_t>(got));
+        } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+            m_open = false;
+            m_input.Append("\n", 1);
+        }
+        std::string line;
+        LineBuffer::Result result = LineBuffer::Result::Incomplete;
+        while (!m_quit && (result = m_input.Next(line)) == LineBuffer::Result::Line) {
+            Execute(Content(line));
+        }
+        if (result == LineBuffer::Result::Overlong) {
+            m_input.Clear();
+            PrintProblem("standard input", "line too long");
+        }
+    }
+
+private:
+    void Execute(const std::string& line) {
+        if (line == "quit") {
+            m_quit = true;
+        } else if (line == "drop") {
+            m_server.DropAll();
+        } else if (line == "show") {
+            Show();
+        } else if (!line.empty()) {
+            Apply(m_server, "standard input", line);
+        }
+    }
+
+    // In the syntax of FILE, so that it may become one.
+    void Show() {
+        for (const std::string& line : m_server.Device().Lines()) {
+            printf("%s\n", line.c_str());
+        }
+        for (const std::string& client : m_server.DescribeClients()) {
+            printf("# %s\n", client.c_str());
+        }
+    }
+
+    SimServer& m_server;
+    LineBuffer m_input;
+    bool m_open = true;
+    bool m_quit = false;
+};
+
+// A descriptor that becomes readable when the program is asked to end.
+Descriptor WatchSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
+}
+
+void Run(SimServer& server, const Descriptor& signals) {
+    Console console(server);
+    std::vector<pollfd> fds;
+    while (!console.HasQuit()) {
+        fds = {{signals.Get(), POLLIN, 0}, {console.GetDescriptor(), POLLIN, 0}};
+        server.AddDescriptors(fds);
+        poll(fds.data(), fds.size(), server.Timeout(-1));
+        if (fds[0].revents != 0) {
+            return;
+        }
+        server.Serve(fds);
+        if (fds[1].revents != 0) {
+            console.Read();
+        }
+    }
+}
+
+int Main(int argc, char** argv) {
+    Options options;
+    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
+        return *status;
+    }
+    // Lines are seen when they happen, through a pipe as well. In the background of a shell, a read
+    // from the terminal fails instead of stopping the program.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    signal(SIGTTIN, SIG_IGN);
+    const Descriptor signals = WatchSignals();
+    SimServer server(PrintEvent);
+    if ((!options.file.empty() && !LoadFile(server, options.file)) ||
+        !Listen(server, options.listen)) {
+        return STATUS_FAILED;
+    }
+    Run(server, signals);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "%s: %s\n", appname, error.what());
+        return STATUS_FAILED;
+    }
+}
