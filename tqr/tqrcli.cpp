@@ -14,6 +14,8 @@
 #include <cstring>
 #include <new>
 
+#include "tqr/dotted_quad.h"
+
 namespace {
 
 const char* const appname = "tqrcli";
@@ -38,10 +40,8 @@ void enable_option(int sock, int level, int option, const char* name) {
 
 void report_failed_connect(const sockaddr_in& peer) {
     const int err = errno;
-    unsigned char ip[4];
-    memcpy(ip, &peer.sin_addr, sizeof ip);
-    fprintf(stderr, "%s: connect(%d.%d.%d.%d:%d) failed err=%d\n", appname, ip[0], ip[1], ip[2],
-            ip[3], ntohs(peer.sin_port), err);
+    fprintf(stderr, "%s: connect(%s:%d) failed err=%d\n", appname,
+            DottedQuad(peer.sin_addr.s_addr).text, ntohs(peer.sin_port), err);
 }
 
 }  // namespace

@@ -1,0 +1,82 @@
+#include "tests/support/loopback.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+const int LIMIT_MS = 5000;
+
+bool Readable(int fd, int timeout_ms) {
+    pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, timeout_ms) == 1;
+}
+
+}  // namespace
+
+LoopbackServer::LoopbackServer(unsigned short port)
+    : m_listener(socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    const int on = 1;
+    setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    socklen_t size = sizeof address;
+    if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+        listen(m_listener, 40) == 0 &&
+        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+        m_port = ntohs(address.sin_port);
+    }
+}
+
+LoopbackServer::~LoopbackServer() {
+    Drop();
+    close(m_listener);
+}
+
+bool LoopbackServer::Accept() {
+    Drop();
+    m_sock = Readable(m_listener, LIMIT_MS) ? accept(m_listener, nullptr, nullptr) : -1;
+    return m_sock != -1;
+}
+
+bool LoopbackServer::HasConnection() {
+    return Readable(m_listener, 0);
+}
+
+void LoopbackServer::Send(const std::string& bytes) {
+    send(m_sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+std::string LoopbackServer::Receive(size_t size) {
+    std::string received;
+    while (received.size() < size && Readable(m_sock, LIMIT_MS)) {
+        char buf[4096];
+        const ssize_t got = recv(m_sock, buf, std::min(sizeof buf, size - received.size()), 0);
+        if (got <= 0) {
+            break;
+        }
+        received.append(buf, static_cast<size_t>(got));
+    }
+    return received;
+}
+
+bool LoopbackServer::IsQuiet() {
+    return !Readable(m_sock, 0);
+}
+
+bool LoopbackServer::SeesEnd() {
+    char c;
+    return Readable(m_sock, LIMIT_MS) && recv(m_sock, &c, 1, MSG_PEEK) <= 0;
+}
+
+void LoopbackServer::Drop() {
+    if (m_sock != -1) {
+        close(m_sock);
+        m_sock = -1;
+    }
+}

@@ -1,0 +1,28 @@
+// A server end of a TCP connection on loopback, played by the test byte by byte.
+#pragma once
+
+#include <string>
+
+// Listens on 127.0.0.1. Waits are limited to five seconds; what does not come in that time is told
+// by the results.
+class LoopbackServer {
+public:
+    explicit LoopbackServer(unsigned short port = 0);  // 0: the system chooses
+    ~LoopbackServer();
+    LoopbackServer(const LoopbackServer&) = delete;
+    LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+    unsigned short Port() const { return m_port; }
+    bool Accept();         // takes the next connection in place of the current one
+    bool HasConnection();  // whether one waits to be accepted
+    void Send(const std::string& bytes);
+    std::string Receive(size_t size);  // the next size bytes, fewer when they don't come
+    bool IsQuiet();                    // nothing waits to be received
+    bool SeesEnd();                    // the other end closed
+    void Drop();                       // closes the current connection
+
+private:
+    int m_listener;
+    int m_sock = -1;
+    unsigned short m_port;
+};

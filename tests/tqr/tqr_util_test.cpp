@@ -1,0 +1,207 @@
+#include "tqr/tqr_util.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tqr/dotted_quad.h"
+
+namespace {
+
+TEST(TqrUtil, FindsTheFieldWithTheWholeTag) {
+    const struct {
+        const char* line;
+        const char* key;
+        const char* value;  // what the found value begins with; null: not found
+    } table[] = {
+        {"A=1 B=2", "B", "2"},
+        {"AB=1", "A", nullptr},
+        {"XA=1", "A", nullptr},
+        {"B:5", "B", "5"},
+        {"b=1", "B", nullptr},
+        {R"(X="B=1" B=2)", "B", "2"},
+        {R"(X=a\ B=1 B=2)", "B", "2"},
+        {R"(X=\" B=1)", "B", "1"},
+        {R"(X="open B=1)", "B", nullptr},
+        {" , B=1", "B", "1"},
+        {"A=1,, B=", "B", ""},
+        {"A=1 B", "B", nullptr},
+        {"A=1", "", nullptr},
+        {"=7", "", "7"},
+        {"", "A", nullptr},
+        {nullptr, "A", nullptr},
+        {"A=1", nullptr, nullptr},
+        {"X=1\\", "B", nullptr},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.line == nullptr ? "null" : row.line);
+        const char* value = tqr_findval(row.line, row.key);
+        ASSERT_EQ(value == nullptr, row.value == nullptr);
+        if (value != nullptr) {
+            EXPECT_EQ(std::string(value).substr(0, 1), row.value);
+        }
+    }
+}
+
+TEST(TqrUtil, CopiesAndMeasuresValues) {
+    const struct {
+        const char* value;
+        const char* copy;
+        int len;
+    } table[] = {
+        {R"("a b",c)", "a b", 3},
+        {R"(a\ b c)", "a b", 3},
+        {R"("a,b" x)", "a,b", 3},
+        {R"(a\"b\\c)", R"(a"b\c)", 5},
+        {"ab\\", "ab\\", 3},
+        {"ab\rc", "ab", 2},
+        {"\"a\nb\"", "a\nb", 1},
+        {R"(a"b c"d e)", "ab cd", 5},
+        {"", "", 0},
+        {nullptr, "", 0},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.value == nullptr ? "null" : row.value);
+        char copy[20];
+        tqr_copyval(copy, row.value, sizeof copy);
+        EXPECT_STREQ(copy, row.copy);
+        EXPECT_EQ(tqr_vallen(row.value), row.len);
+        char* dup = tqr_valdup(row.value);
+        EXPECT_EQ(dup == nullptr, row.len == 0);
+        EXPECT_EQ(std::string(dup == nullptr ? "" : dup),
+                  std::string(row.copy).substr(0, static_cast<size_t>(row.len)));
+        free(dup);
+    }
+}
+
+TEST(TqrUtil, NeverWritesBehindTheSizeOfTheCopy) {
+    const struct {
+        const char* value;
+        const char* copy;
+    } table[] = {{"abcdef", "abc"}, {R"(ab\"cd)", "ab\""}, {"ab", "ab"}, {R"("a b c")", "a b"}};
+    for (const auto& row : table) {
+        char copy[] = "########";
+        tqr_copyval(copy, row.value, 4);
+        EXPECT_STREQ(copy, row.copy);
+        EXPECT_STREQ(copy + 4, "####");
+    }
+    char copy[] = "##";
+    tqr_copyval(copy, "abc", 0);
+    EXPECT_STREQ(copy, "##");
+    tqr_copyval(copy, "abc", 1);
+    EXPECT_EQ(copy[0], '\0');
+    EXPECT_EQ(copy[1], '#');
+    tqr_copyval(nullptr, "abc", 9);
+}
+
+TEST(TqrUtil, EscapesQuotesWhole) {
+    const struct {
+        int size;
+        const char* text;
+    } table[] = {{20, R"(say \"hi\")"}, {6, "say "}, {7, R"(say \")"}, {5, "say "}, {1, ""}};
+    for (const auto& row : table) {
+        char out[24];
+        memset(out, '#', sizeof out);
+        EXPECT_EQ(tqr_escape(out, row.size, R"(say "hi")"), static_cast<int>(strlen(row.text)));
+        EXPECT_STREQ(out, row.text);
+        EXPECT_EQ(out[row.size], '#');
+    }
+    char out[] = "#";
+    EXPECT_EQ(tqr_escape(out, 0, "a"), 0);
+    EXPECT_EQ(tqr_escape(nullptr, 5, "a"), 0);
+    EXPECT_EQ(out[0], '#');
+    EXPECT_EQ(tqr_escape(out, 1, nullptr), 0);
+    EXPECT_STREQ(out, "");
+}
+
+TEST(TqrUtil, NumbersAreThoseOfA32BitHost) {
+    const struct {
+        const char* text;
+        long value;
+        unsigned long unsigned_value;
+    } table[] = {
+        {"0x10", 16, 16},
+        {"020", 16, 16},
+        {"-1", -1, 0xFFFFFFFF},
+        {"2147483648", 2147483647, 2147483648},
+        {"-2147483649", -2147483647 - 1, 0x7FFFFFFF},
+        {"4294967296", 2147483647, 0xFFFFFFFF},
+        {"-4294967296", -2147483647 - 1, 0xFFFFFFFF},
+        {"99999999999999999999", 2147483647, 0xFFFFFFFF},
+        {"-99999999999999999999", -2147483647 - 1, 0xFFFFFFFF},
+        {"abc", 0, 0},
+    };
+    for (const auto& row : table) {
+        EXPECT_EQ(tqr_strtol(row.text, nullptr, 0), row.value) << row.text;
+        EXPECT_EQ(tqr_strtoul(row.text, nullptr, 0), row.unsigned_value) << row.text;
+    }
+    EXPECT_EQ(tqr_vall(R"("0x10")"), 16);
+    EXPECT_EQ(tqr_vall(nullptr), 0);
+}
+
+TEST(TqrUtil, ReadsUrls) {
+    const unsigned short UNTOUCHED = 1;
+    const struct {
+        const char* url;
+        const char* address;
+        unsigned short port;
+    } table[] = {
+        {"tqs://300", "239.192.1.44", 5004},        {"tqs://1:2", "239.192.0.1", 5004},
+        {"\"tqs://0x12345", "239.192.35.69", 5004}, {"10.0.0.5:94", "10.0.0.5", 94},
+        {"tqs://10.0.0.5:0x10", "10.0.0.5", 16},    {"10.0.0.5:60000", "10.0.0.5", 60000},
+        {"10.0.0.5/3", "10.0.0.5", 5004},           {"10.257.0.5", "10.1.0.5", 5004},
+        {"http://1.2.3.4", "0.0.0.0", UNTOUCHED},   {"x tqs://1", "0.0.0.0", UNTOUCHED},
+        {"0.1.2.3", "0.0.0.0", UNTOUCHED},          {"10.0.5", "0.0.0.0", UNTOUCHED},
+        {"10.0.0-5", "0.0.0.0", UNTOUCHED},         {"", "0.0.0.0", UNTOUCHED},
+    };
+    for (const auto& row : table) {
+        unsigned short port = UNTOUCHED;
+        EXPECT_STREQ(DottedQuad(tq_url2ip(row.url, &port)).text, row.address) << row.url;
+        EXPECT_EQ(port, row.port) << row.url;
+    }
+    EXPECT_EQ(tq_url2ip("10.0.0.5", nullptr), inet_addr("10.0.0.5"));
+    EXPECT_EQ(tq_url2ip(nullptr, nullptr), 0U);
+}
+
+TEST(TqrUtil, MergesChangedFields) {
+    const char* only_c[] = {"C", nullptr};
+    const char* longer[] = {"X", "DATA", nullptr};
+    const struct {
+        const char* base;
+        const char* changes;
+        const char** allowed;
+        const char* result;
+    } table[] = {
+        {"A=1 B=2,C=3", "B=9 D=4", nullptr, "A=1 B=9 C=3 D=4"},
+        {"A=1 B=2,C=3", "B=9 D=4", only_c, "A=1 B=9 C=3"},
+        {"A=1", "D=4 E=5", longer, "A=1 D=4"},
+        {"HWID:20 X=1", "HWID:7", nullptr, "HWID:20 X=1"},
+        {"HWID:20 X=1", "HWID:32767", nullptr, "HWID:32767 X=1"},
+        {"X=1", "HWID:7", nullptr, "X=1 HWID:7"},
+        {"GPO 5 SRCA=1", "SRCA=2", nullptr, "GPO 5 SRCA=2"},
+        {"A=1 A=2", "A=33", nullptr, "A=33 A=33"},
+        {"A=1", R"(N="x y\" z" A=2)", nullptr, R"(A=2 N="x y\" z")"},
+        {"A=1,=5", "", nullptr, "A=1"},
+        {"", "A=1 B=2", nullptr, "A=1 B=2"},
+        {"A=1, B=2", nullptr, nullptr, "A=1, B=2"},
+        {nullptr, "A=1", nullptr, "A=1"},
+        {nullptr, nullptr, nullptr, ""},
+    };
+    for (const auto& row : table) {
+        char out[100];
+        char* end = tqr_alter_str(out, row.base, row.changes, row.allowed);
+        EXPECT_STREQ(out, row.result);
+        EXPECT_EQ(end, out + strlen(out));
+    }
+    for (const char* refused : {"HWID:14", "HWID:32768", "HWID:x", "HWID:4294967316"}) {
+        EXPECT_EQ(tqr_check_range(refused), 0) << refused;
+    }
+    for (const char* fine : {"HWID:15", "HWID:32767", "HWID=5", "NAME:1"}) {
+        EXPECT_EQ(tqr_check_range(fine), 1) << fine;
+    }
+}
+
+}  // namespace
