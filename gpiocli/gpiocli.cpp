@@ -1,0 +1,214 @@
+#include "gpiocli/gpiocli.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "tqr/dotted_quad.h"
+#include "tqr/tqr_util.h"
+#include "tqr/tqrcli.h"
+
+int dbg = 0;
+
+namespace {
+
+const int LINE_SIZE = 2000;
+const int MASK_BITS = 32;
+const char* const fname = "/var/log/gpiocli.txt";
+
+int connect_client(CTQRClient& client, uint32_t ip, uint16_t port) {
+    return client.open(ip, static_cast<short>(port), LINE_SIZE);
+}
+
+void subscribe(CTQRClient& client, uint8_t gpi) {
+    char line[16];
+    snprintf(line, sizeof line, "ADD GPI %d\n", gpi + 1);
+    client.send(line);
+}
+
+// The state text of a "GPI" line, null for any other line.
+char* parse_state(char* line, long& gpi_number) {
+    if (strncmp(line, "GPI ", 4) != 0) {
+        return nullptr;
+    }
+    const char* behind = nullptr;
+    gpi_number = tqr_strtol(line + 4, &behind, 0);
+    return *behind == ' ' ? line + (behind - line) + 1 : nullptr;
+}
+
+}  // namespace
+
+CGPIOClient::CGPIOClient(int count)
+    : m_nCount(count), m_pCons(new (std::nothrow) ConEntry[static_cast<size_t>(count)]()) {
+    if (m_pCons == nullptr) {
+        m_nCount = 0;
+    }
+}
+
+CGPIOClient::~CGPIOClient() {
+    for (int k = 0; k < m_nCount; ++k) {
+        close(static_cast<unsigned long>(k));
+    }
+    delete[] m_pCons;
+}
+
+int CGPIOClient::get_fd(int entry) {
+    const ConEntry* e = find(static_cast<unsigned long>(entry));
+    return e == nullptr || e->client == nullptr ? -1 : e->client->get_fd();
+}
+
+int CGPIOClient::open(unsigned long entry, unsigned long ip, unsigned short port,
+                      unsigned char gpi) {
+    const DottedQuad server(ip);
+    if (dbg != 0) {
+        printf("CGPIOClient::open(%lu,%s:%d/%d)\n", entry, server.text, port, gpi);
+    }
+    close(entry);
+    ConEntry* e = find(entry);
+    if (e == nullptr) {
+        return -1;
+    }
+    const uint32_t address = static_cast<uint32_t>(ip);
+    CTQRClient* shared = find_client(address, port);
+    *e = {shared, address, port, gpi};
+    if (shared == nullptr) {
+        e->client = new (std::nothrow) CTQRClient;
+        if (e->client == nullptr) {
+            *e = {};
+            return -1;
+        }
+        if (dbg != 0) {
+            printf("Opening connection to %s:%d\n", server.text, port);
+        }
+        if (connect_client(*e->client, address, port) < 0) {
+            fprintf(stderr, "CGPIOClient Failed to connect to %s:%d/%d\n", server.text, port, gpi);
+            return -1;
+        }
+    }
+    subscribe(*e->client, gpi);
+    if (dbg != 0) {
+        print_cons();
+    }
+    return 0;
+}
+
+void CGPIOClient::close(unsigned long entry) {
+    ConEntry* e = find(entry);
+    if (e == nullptr || (e->client == nullptr && e->ip == 0 && e->gpi == 0)) {
+        return;
+    }
+    if (e->client != nullptr && count_users(e->client) == 1) {
+        if (dbg != 0) {
+            printf("Deleteing connection to %s\n", DottedQuad(e->ip).text);
+        }
+        delete e->client;
+    }
+    e->client = nullptr;
+    e->ip = 0;
+    e->gpi = 0;
+    if (dbg != 0) {
+        print_cons();
+    }
+}
+
+int CGPIOClient::reconnect(int entry) {
+    const ConEntry* e = find(static_cast<unsigned long>(entry));
+    if (e == nullptr || e->client == nullptr || e->ip == 0 || e->client->get_fd() != -1) {
+        return -1;
+    }
+    const DottedQuad server(e->ip);
+    if (dbg != 0) {
+        printf("Reconnecting to %s\n", server.text);
+    }
+    if (connect_client(*e->client, e->ip, e->port) < 0) {
+        fprintf(stderr, "CGPIOClient Failed to connect to %s\n", server.text);
+        return -1;
+    }
+    for (int k = 0; k < m_nCount; ++k) {
+        if (m_pCons[k].client == e->client) {
+            subscribe(*e->client, m_pCons[k].gpi);
+        }
+    }
+    if (dbg != 0) {
+        print_cons();
+    }
+    return e->client->get_fd();
+}
+
+char* CGPIOClient::receive(int entry, unsigned long* mask) {
+    const ConEntry* e = find(static_cast<unsigned long>(entry));
+    if (e == nullptr || e->client == nullptr) {
+        return nullptr;
+    }
+    while (char* line = e->client->recv(0)) {
+        if (dbg != 0) {
+            printf("CGPIOClient < %s\n", line);
+        }
+        long gpi_number = 0;
+        char* state = parse_state(line, gpi_number);
+        if (state == nullptr) {
+            continue;
+        }
+        const unsigned long concerned = followers(e->client, gpi_number);
+        if (concerned == 0) {
+            continue;
+        }
+        if (mask != nullptr) {
+            *mask = concerned;
+        }
+        return state;
+    }
+    return nullptr;
+}
+
+void CGPIOClient::print_cons() {
+    FILE* file = fopen(fname, "wt");
+    if (file == nullptr) {
+        fprintf(stderr, "CGPIOClient::print_cons can't create %s\n", fname);
+        return;
+    }
+    fprintf(file, "Connection table:\r\n");
+    for (int k = 0; k < m_nCount; ++k) {
+        const ConEntry& e = m_pCons[k];
+        const bool connected = e.client != nullptr && e.client->get_fd() != -1;
+        fprintf(file, "%d %s/%d id=%lX %s\r\n", k, DottedQuad(e.ip).text, e.gpi,
+                reinterpret_cast<unsigned long>(e.client),
+                connected ? "connected" : "disconnected");
+    }
+    fclose(file);
+}
+
+CGPIOClient::ConEntry* CGPIOClient::find(unsigned long entry) {
+    return entry < static_cast<unsigned long>(m_nCount) ? &m_pCons[entry] : nullptr;
+}
+
+CTQRClient* CGPIOClient::find_client(uint32_t ip, uint16_t port) {
+    for (int k = 0; k < m_nCount; ++k) {
+        const ConEntry& e = m_pCons[k];
+        if (e.client != nullptr && e.ip == ip && e.port == port) {
+            return e.client;
+        }
+    }
+    return nullptr;
+}
+
+int CGPIOClient::count_users(const CTQRClient* client) {
+    int users = 0;
+    for (int k = 0; k < m_nCount; ++k) {
+        users += m_pCons[k].client == client ? 1 : 0;
+    }
+    return users;
+}
+
+// The entries of one connection that follow its GPI gpi_number, counted from 1. The connection
+// stands for the server: comparing addresses would take an empty entry for one of the server
+// 0.0.0.0.
+unsigned long CGPIOClient::followers(const CTQRClient* client, long gpi_number) {
+    unsigned long set = 0;
+    for (int k = 0; k < m_nCount && k < MASK_BITS; ++k) {
+        if (m_pCons[k].client == client && m_pCons[k].gpi + 1 == gpi_number) {
+            set |= 1UL << k;
+        }
+    }
+    return set;
+}

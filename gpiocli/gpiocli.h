@@ -1,0 +1,69 @@
+// Subscriptions to the inputs of remote GPIO servers.
+#pragma once
+
+#include <cstdint>
+
+class CTQRClient;
+
+// The debug flag of the process: 1 makes every part of the daemon print its trace lines on standard
+// output. It stands here because this is the lowest part that traces.
+extern int dbg;
+
+// A table of subscriptions, one entry per channel: entry k follows, for channel k + 1, one GPI of
+// one server. Entries that name the same server (address and port) share one connection, so a
+// server is connected once however many channels follow it.
+//
+// An entry is empty, connected or disconnected (its first connection failed, or it broke). Nothing
+// reconnects by itself: the caller asks for it with reconnect(). Entry numbers that are out of
+// range are treated as empty entries. Owns its connections. For one thread; not copied.
+class CGPIOClient {
+public:
+    // A table of count empty entries; of none when memory is short.
+    explicit CGPIOClient(int count);
+    ~CGPIOClient();
+    CGPIOClient(const CGPIOClient&) = delete;
+    CGPIOClient& operator=(const CGPIOClient&) = delete;
+
+    // The socket of the entry's connection for the caller's select(): -1 when the entry is empty or
+    // disconnected. Entries that share a connection give the same socket.
+    int get_fd(int entry);
+
+    // Points the entry at a server (ip in network, port in host byte order) and at its GPI number
+    // gpi + 1, after closing what the entry was before, and subscribes. Connects, and waits for it,
+    // unless another entry has the connection already.
+    // Returns 0; -1 when a new connection could not be made, and leaves the entry disconnected.
+    int open(unsigned long entry, unsigned long ip, unsigned short port, unsigned char gpi);
+
+    // Empties the entry. The connection is closed with the last entry that uses it; a subscription
+    // that others on the connection don't need stays active at the server and is ignored here.
+    void close(unsigned long entry);
+
+    // Connects a disconnected entry again, and waits for it, then renews the subscription of every
+    // entry of that server. Returns the new socket; -1 when there was nothing to do or it failed.
+    int reconnect(int entry);
+
+    // Takes lines from the entry's connection, without waiting, until one is the state of a GPI
+    // that some entries follow. Returns its state text and stores the set of those entries in mask
+    // (bit k = entry k, of the first 32 entries) unless mask is null; returns null when no complete
+    // line is left. The text is valid until the next call for an entry of that connection.
+    char* receive(int entry, unsigned long* mask);
+
+    // Writes the table to /var/log/gpiocli.txt, in place of what the file held.
+    void print_cons();
+
+private:
+    struct ConEntry {
+        CTQRClient* client;  // shared by all entries with the same ip and port; null when empty
+        uint32_t ip;         // network byte order
+        uint16_t port;       // host byte order
+        uint8_t gpi;         // counted from 0
+    };
+
+    ConEntry* find(unsigned long entry);
+    CTQRClient* find_client(uint32_t ip, uint16_t port);
+    int count_users(const CTQRClient* client);
+    unsigned long followers(const CTQRClient* client, long gpi_number);
+
+    int m_nCount;
+    ConEntry* m_pCons;
+};
