@@ -1,0 +1,12 @@
+#include "app/orvex.h"
+
+int main(int argc, char** argv) {
+    parse_commands(argc, argv);
+    if (!start(argc > 0 ? argv[0] : appname)) {
+        return 1;
+    }
+    CMainLoop loop;
+    while (loop.Turn()) {
+    }
+    return 2;
+}

@@ -1,0 +1,152 @@
+// The select() loop.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "app/orvex.h"
+
+namespace {
+
+const useconds_t RECONNECT_PAUSE_US = 3400000;
+const int WAIT_S = 27;
+const long long SWEEP_PERIOD_MS = 27000;
+
+long long milliseconds_between(const timeval& from, const timeval& to) {
+    return (static_cast<long long>(to.tv_sec) - from.tv_sec) * 1000 +
+           (to.tv_usec - from.tv_usec) / 1000;
+}
+
+// Moves line behind the word if it begins with it.
+bool skip_word(const char*& line, const char* word) {
+    const size_t len = strlen(word);
+    if (strncmp(line, word, len) != 0) {
+        return false;
+    }
+    line += len;
+    return true;
+}
+
+}  // namespace
+
+CMainLoop::CMainLoop() : m_now() {
+    gettimeofday(&m_sweep, nullptr);
+    FD_ZERO(&m_readable);
+    std::fill(std::begin(m_remote), std::end(m_remote), -1);
+}
+
+bool CMainLoop::Turn() {
+    keep_control_connection();
+    begin_read_set();
+    watch_remotes();
+    const int ready = wait_for_input();
+    if (ready <= 0) {
+        return ready == 0;
+    }
+    serve_control();
+    if (m_config_changed) {
+        return true;  // the read set may name connections that are closed by now
+    }
+    serve_remotes();
+    return true;
+}
+
+// Without TQRD there is nobody to serve, so nothing else happens until it is back.
+void CMainLoop::keep_control_connection() {
+    if (local.get_fd() != -1) {
+        return;
+    }
+    fprintf(stderr, "Connection to TQRD lost\n");
+    do {
+        usleep(RECONNECT_PAUSE_US);
+        connect_control();
+    } while (local.get_fd() == -1);
+    request_configuration();
+    fprintf(stderr, "Connection to TQRD reopened\n");
+}
+
+void CMainLoop::watch(int fd) {
+    FD_SET(fd, &m_readable);
+    m_maxfd = std::max(m_maxfd, fd);
+}
+
+void CMainLoop::begin_read_set() {
+    gettimeofday(&m_now, nullptr);
+    FD_ZERO(&m_readable);
+    m_maxfd = -1;
+    watch(local.get_fd());
+}
+
+// Watches every remote connection once, through the lowest of the entries that share it. When the
+// sweep is due, brings back those that are down.
+void CMainLoop::watch_remotes() {
+    const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_MS;
+    for (int entry = 0; entry < CHANNEL_COUNT; ++entry) {
+        int fd = gpiocli.get_fd(entry);
+        if (fd == -1 && sweep_due) {
+            fd = gpiocli.reconnect(entry);
+        }
+        if (is_readable(fd)) {
+            fd = -1;  // in the set already, through a lower entry
+        }
+        if (fd != -1) {
+            watch(fd);
+        }
+        m_remote[entry] = fd;
+    }
+    if (sweep_due) {
+        m_sweep = m_now;
+    }
+}
+
+int CMainLoop::wait_for_input() {
+    timeval limit = {WAIT_S, 0};
+    const int ready = select(m_maxfd + 1, &m_readable, nullptr, nullptr, &limit);
+    if (ready < 0) {
+        printf("%s: select() failed err=%d\n", appname, errno);
+    }
+    return ready;
+}
+
+void CMainLoop::serve_control() {
+    m_config_changed = false;
+    if (is_readable(local.get_fd())) {
+        while (const char* line = local.recv(0)) {
+            dispatch_control_line(line);
+        }
+    }
+}
+
+void CMainLoop::dispatch_control_line(const char* line) {
+    if (skip_word(line, "CFG ")) {
+        m_config_changed = parse_CFG(line) != 0 || m_config_changed;
+    } else if (skip_word(line, "GPO ")) {
+        parse_GPO(line);
+    } else if (skip_word(line, "SET ")) {
+        parse_SET(line);
+    }
+}
+
+void CMainLoop::serve_remotes() {
+    for (int entry = 0; entry < CHANNEL_COUNT; ++entry) {
+        if (is_readable(m_remote[entry])) {
+            forward_remote(entry);
+        }
+    }
+}
+
+// The state of a remote input becomes the state of the output of every channel that follows it.
+void CMainLoop::forward_remote(int entry) {
+    unsigned long mask = 0;
+    while (const char* state = gpiocli.receive(entry, &mask)) {
+        for (int k = 0; k < CHANNEL_COUNT; ++k) {
+            if ((mask >> k & 1) != 0) {
+                snprintf(m_msg, sizeof m_msg, "GPO %d %s\n", k + 1, state);
+                local.send(m_msg);
+            }
+        }
+    }
+}

@@ -1,0 +1,134 @@
+// The router: what the application's files share, and what a test of them needs.
+//
+//   orvex.cpp     settings, endpoints, command line, start-up
+//   mainloop.cpp  the select() loop
+//   channels.cpp  the channel table and the control lines that change it
+#pragma once
+
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <string>
+
+#include "gpiocli/gpiocli.h"
+#include "tqr/tqrcli.h"
+
+const char* const appname = "orvex";
+const int CHANNEL_COUNT = 32;
+
+// ---- Settings. The debug flag dbg is declared in gpiocli/gpiocli.h.
+
+extern std::string tqr_ip;       // address of TQRD, a dotted quad
+extern unsigned short tqr_port;  // its TCP port
+extern uint32_t gpioip;          // the GPIO multicast group, network byte order
+extern uint32_t iface;           // our address for multicast, network byte order; 0 = any interface
+extern int iface_changed;        // 1 from a change of iface until the loop has acted on it
+
+// ---- Endpoints, constructed before main in this order and destroyed in reverse.
+
+extern CTQRClient local;     // the control connection to TQRD
+extern CGPIOClient gpiocli;  // remote GPIO servers; entry n - 1 belongs to channel n
+
+// ---- Channel table. Channel n of control lines is channels[n - 1].
+
+// Where a channel's output is driven from.
+enum ChannelKind : uint32_t {
+    KIND_NONE = 0,
+    KIND_REMOTE = 1,  // its GPO follows one GPI of a remote GPIO server
+    KIND_BUS = 2      // its GPO is written, and its GPI reported, on the multicast bus
+};
+
+struct ChannelConfig {
+    uint32_t proto;  // a ChannelKind
+    uint32_t ach;    // KIND_BUS: circuit-group address
+    uint32_t ip;     // KIND_REMOTE: the server, network byte order
+    uint16_t port;   // KIND_REMOTE: its TCP port, host byte order
+    uint16_t gpi;    // KIND_REMOTE: number of its GPI, counted from 0
+
+    bool operator==(const ChannelConfig& other) const;
+};
+
+const int PIN_COUNT = 5;
+
+// The states are one character a pin, without a terminator: 'H', 'L', 'h', 'l', 'x', or NUL when
+// not known yet.
+struct Channel : ChannelConfig {
+    char gpi_state[PIN_COUNT];  // KIND_BUS: from the last "GPI" line
+    char gpo_state[PIN_COUNT];  // KIND_BUS: from the last "GPO" line; "HHHHH" after a change
+};
+
+extern Channel channels[CHANNEL_COUNT];
+
+// The handlers take the text of a control line from TQRD behind its first four characters. What is
+// malformed is ignored without a message.
+
+// "CFG GPO n ... SRCA=source ...": configures channel n. When that differs from what the channel
+// was, tells TQRD and the remote connections. Returns 1 when it did, else 0.
+int parse_CFG(const char* text);
+
+// "GPO n state": stores the output state of channel n, of KIND_BUS and 1 to 8.
+void parse_GPO(const char* text);
+
+// "SET ... NIC_IPADDR=a.b.c.d ...": replaces iface and sets iface_changed when it differs.
+void parse_SET(const char* text);
+
+// A dotted quad, with or without a double quote before it, as an address in network byte order; 0
+// when text is null or no dotted quad. Parts may be decimal, octal or hexadecimal; a part above 255
+// spills into the one before it.
+uint32_t url2ip(const char* text);
+
+// Stores the first five characters of a state text; where it is shorter, NULs.
+void copy_state(char (&state)[PIN_COUNT], const char* text);
+
+// ---- Start-up.
+
+// Applies the command line to the settings. Ends the process with status 0 after "-help".
+void parse_commands(int argc, char** argv);
+
+// The IPv4 address of eth0 in network byte order, 0 (after a message) when it has none.
+uint32_t get_iface();
+
+// Connects local to TQRD, waiting for as long as the system takes. Whether it worked is
+// local.get_fd() != -1.
+void connect_control();
+
+// Asks TQRD for its settings and its GPO configuration. Does nothing when not connected.
+void request_configuration();
+
+// Everything between the command line and the first turn of the loop: detaches unless debugging,
+// opens the endpoints. program is the invocation name. False: exit with status 1.
+bool start(const char* program);
+
+// ---- Main loop.
+
+// Serves all endpoints, turn by turn, and holds what lasts from turn to turn.
+class CMainLoop {
+public:
+    // The first sweep of the remote connections is due 27 s from now.
+    CMainLoop();
+
+    // One turn: waits for input, at most 27 s, and handles it. First, when the control connection
+    // is down, brings it back, however long that takes. False, after a message: select() failed.
+    bool Turn();
+
+private:
+    void keep_control_connection();
+    void begin_read_set();
+    void watch_remotes();
+    int wait_for_input();
+    void serve_control();
+    void dispatch_control_line(const char* line);
+    void serve_remotes();
+    void forward_remote(int entry);
+    void watch(int fd);
+    bool is_readable(int fd) const { return fd != -1 && FD_ISSET(fd, &m_readable); }
+
+    timeval m_sweep;                // time of the last sweep of the remote connections
+    timeval m_now;                  // the turn's one reading of the clock
+    fd_set m_readable;              // what to wait for, then what is readable
+    int m_maxfd = -1;               // the highest descriptor in it
+    int m_remote[CHANNEL_COUNT];    // the socket watched for each remote entry, -1 for none
+    bool m_config_changed = false;  // a "CFG" line of this turn changed a channel
+    char m_msg[2000];               // a line on its way from a remote server to TQRD
+};
