@@ -1,0 +1,146 @@
+#include "gpiocli/gpiocli.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+
+#include "tests/support/loopback.h"
+
+namespace {
+
+const unsigned long LOOPBACK = htonl(INADDR_LOOPBACK);
+
+class GpioClient : public testing::Test {
+protected:
+    void SetUp() override { signal(SIGPIPE, SIG_IGN); }
+
+    int Open(unsigned long entry, const LoopbackServer& at, unsigned char gpi) {
+        return client.open(entry, LOOPBACK, at.Port(), gpi);
+    }
+
+    // The next state that concerns entries, "(none)" when there is none; what is under way on
+    // loopback has arrived when its sender's send() returns.
+    std::string Next(int entry) {
+        mask = 0;
+        const char* state = client.receive(entry, &mask);
+        return state == nullptr ? "(none)" : state;
+    }
+
+    LoopbackServer server;
+    CGPIOClient client{32};
+    unsigned long mask = 0;
+};
+
+TEST_F(GpioClient, EntriesOfOneServerShareAConnectionAndItsLines) {
+    ASSERT_EQ(Open(2, server, 0), 0);
+    ASSERT_TRUE(server.Accept());
+    ASSERT_EQ(Open(5, server, 1), 0);
+    ASSERT_EQ(Open(31, server, 1), 0);
+    EXPECT_EQ(server.Receive(30), "ADD GPI 1\nADD GPI 2\nADD GPI 2\n");
+    EXPECT_FALSE(server.HasConnection());
+    EXPECT_EQ(client.get_fd(2), client.get_fd(5));
+    EXPECT_NE(client.get_fd(2), -1);
+
+    server.Send(
+        "GPI 1 HHHHL\nGPI 9 LLLLL\nGPO 1 LLLLL\nGPI 2\nGPI 2,L\nGPI x L\nGPI -1 L\n"
+        "GPI 258 L\nGPI 0x2 LHHHH extra\nGPI 1 \n");
+    EXPECT_EQ(Next(2), "HHHHL");
+    EXPECT_EQ(mask, 1UL << 2);
+    EXPECT_EQ(Next(2), "LHHHH extra");
+    EXPECT_EQ(mask, 1UL << 5 | 1UL << 31);
+    EXPECT_EQ(Next(5), "");
+    EXPECT_EQ(mask, 1UL << 2);
+    EXPECT_EQ(Next(2), "(none)");
+}
+
+TEST_F(GpioClient, TheLastEntryClosesTheConnection) {
+    ASSERT_EQ(Open(2, server, 0), 0);
+    ASSERT_EQ(Open(5, server, 255), 0);
+    ASSERT_TRUE(server.Accept());
+    EXPECT_EQ(server.Receive(22), "ADD GPI 1\nADD GPI 256\n");
+    client.close(2);
+    EXPECT_EQ(client.get_fd(2), -1);
+    server.Send("GPI 1 L\nGPI 256 L\n");
+    EXPECT_EQ(Next(5), "L");
+    EXPECT_EQ(mask, 1UL << 5);
+    client.close(5);
+    EXPECT_TRUE(server.SeesEnd());
+    client.close(5);
+
+    ASSERT_EQ(Open(5, server, 0), 0);
+    ASSERT_TRUE(server.Accept());
+    LoopbackServer other;
+    ASSERT_EQ(Open(5, other, 0), 0);
+    EXPECT_TRUE(server.Receive(11) == "ADD GPI 1\n" && server.SeesEnd()) << "moved to another";
+}
+
+TEST_F(GpioClient, ReconnectsOnceAndSubscribesEveryEntryAgain) {
+    ASSERT_EQ(Open(2, server, 0), 0);
+    ASSERT_EQ(Open(5, server, 1), 0);
+    ASSERT_TRUE(server.Accept());
+    EXPECT_EQ(client.reconnect(2), -1) << "it is connected";
+    server.Receive(20);
+    server.Send("GPI 1 LHHHH\nGPI 2 LH");
+    server.Drop();
+    EXPECT_EQ(Next(5), "LHHHH");
+    EXPECT_EQ(Next(5), "(none)");
+    EXPECT_EQ(client.get_fd(2), -1);
+
+    ASSERT_EQ(Open(7, server, 2), 0) << "joins the connection although it is down";
+    EXPECT_FALSE(server.HasConnection());
+    const int fd = client.reconnect(5);
+    EXPECT_NE(fd, -1);
+    EXPECT_EQ(client.get_fd(2), fd);
+    EXPECT_EQ(client.reconnect(2), -1);
+    ASSERT_TRUE(server.Accept());
+    EXPECT_EQ(server.Receive(30), "ADD GPI 1\nADD GPI 2\nADD GPI 3\n");
+    EXPECT_TRUE(server.IsQuiet());
+}
+
+TEST_F(GpioClient, KeepsAnEntryThatCantBeConnected) {
+    unsigned short port = 0;
+    {
+        const LoopbackServer gone;
+        port = gone.Port();
+    }
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(client.open(3, LOOPBACK, port, 1), -1);
+    EXPECT_EQ(client.reconnect(3), -1);
+    EXPECT_EQ(client.reconnect(4), -1);
+    const std::string place = "127.0.0.1:" + std::to_string(port);
+    const std::string refused = "tqrcli: connect(" + place + ") failed err=111\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              refused + "CGPIOClient Failed to connect to " + place + "/1\n" + refused +
+                  "CGPIOClient Failed to connect to 127.0.0.1\n");
+    LoopbackServer back(port);
+    EXPECT_NE(client.reconnect(3), -1);
+    ASSERT_TRUE(back.Accept());
+    EXPECT_EQ(back.Receive(10), "ADD GPI 2\n");
+}
+
+TEST_F(GpioClient, HasNoEntriesOutOfRange) {
+    for (int entry : {-1, 32, 1000}) {
+        const unsigned long number = static_cast<unsigned long>(entry);
+        EXPECT_EQ(client.open(number, LOOPBACK, server.Port(), 0), -1);
+        EXPECT_EQ(client.get_fd(entry), -1);
+        EXPECT_EQ(client.reconnect(entry), -1);
+        EXPECT_EQ(client.receive(entry, nullptr), nullptr);
+        client.close(number);
+    }
+    EXPECT_FALSE(server.HasConnection());
+}
+
+// The server 0.0.0.0 is this host. Empty entries hold the address 0 too, and follow nothing.
+TEST_F(GpioClient, AnEmptyEntryIsNoEntryOfTheServer0) {
+    ASSERT_EQ(client.open(0, 0, server.Port(), 0), 0);
+    client.close(0);
+    ASSERT_EQ(client.open(1, 0, server.Port(), 0), 0);
+    ASSERT_TRUE(server.Accept() && server.Accept());
+    server.Send("GPI 1 L\n");
+    EXPECT_EQ(Next(1), "L");
+    EXPECT_EQ(mask, 1UL << 1);
+}
+
+}  // namespace

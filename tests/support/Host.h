@@ -1,0 +1,45 @@
+// Hosts of a network that exists for one test only.
+#pragma once
+
+// A network namespace with loopback up. Sockets and child processes stay on the host in which they
+// were made, so one test plays several hosts by entering one after the other:
+//
+//     Host device, peer;
+//     Host::Connect(device, "10.77.0.1", peer, "10.77.0.2");
+//     { Host::Scope on(device); start the daemon }
+//
+// Needs root or unprivileged user namespaces; see Host::IsPossible().
+class Host {
+public:
+    // Call once, first, while the process has one thread: takes what the test needs of the system
+    // into namespaces of its own, and gives it a /run and a /var/log of its own. False: not
+    // possible here.
+    static bool IsPossible();
+
+    Host();
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // The calling thread is on the host for as long as the scope lives.
+    class Scope {
+    public:
+        explicit Scope(const Host& host);
+        ~Scope();
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+    private:
+        int m_before;
+    };
+
+    // Joins two hosts by a cable. At both ends the interface is eth0, with a /24 address and the
+    // route for multicast. False when that failed.
+    static bool Connect(const Host& a, const char* address_a, const Host& b, const char* address_b);
+
+    // Runs a shell command on the host; its exit status.
+    int Run(const char* command) const;
+
+private:
+    int m_ns;
+};
