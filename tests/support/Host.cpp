@@ -36,7 +36,7 @@ bool BecomeRoot() {
 
 }  // namespace
 
-bool Host::IsPossible() {
+bool Host::Prepare() {
     return BecomeRoot() && unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("run", "/run", "tmpfs", 0, nullptr) == 0 &&

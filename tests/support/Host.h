@@ -8,13 +8,13 @@
 //     Host::Connect(device, "10.77.0.1", peer, "10.77.0.2");
 //     { Host::Scope on(device); start the daemon }
 //
-// Needs root or unprivileged user namespaces; see Host::IsPossible().
+// Needs root or unprivileged user namespaces; see Host::Prepare().
 class Host {
 public:
     // Call once, first, while the process has one thread: takes what the test needs of the system
     // into namespaces of its own, and gives it a /run and a /var/log of its own. False: not
     // possible here.
-    static bool IsPossible();
+    static bool Prepare();
 
     Host();
     ~Host();

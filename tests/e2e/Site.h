@@ -1,0 +1,65 @@
+// A device with the daemon on it, its control server, and a second host beside it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/Host.h"
+#include "tests/support/Process.h"
+#include "tools/sim/SimServer.h"
+
+// A stand-in server and what it was told by its clients.
+struct Peer {
+    Peer();
+
+    SimServer server;
+    std::vector<std::string> heard;
+    int connections = 0;
+
+    // How often the line came.
+    long Count(const std::string& line) const;
+};
+
+// The base of the end-to-end tests: nothing runs on the hosts until the test starts it.
+class Site : public testing::Test {
+protected:
+    static constexpr const char* DEVICE_ADDRESS = "10.77.0.1";
+    static constexpr const char* STUDIO_ADDRESS = "10.77.0.2";
+
+    Site();
+    void SetUp() override;
+    void TearDown() override;
+
+    // Listens where the daemon looks for them: the control server at port 93 of the device's
+    // loopback, the remote GPIO server at port 93 of the studio.
+    void StartControl();
+    void StartRemote();
+
+    void StartDaemon(const std::vector<std::string>& options = {"-debug"},
+                     const std::vector<std::string>& environment = {});
+
+    // The environment that makes time run the given number of times faster for the daemon. False:
+    // there is no library for that in this width.
+    static bool CanSpeedUp();
+    static std::vector<std::string> SpeedUp(int factor);
+
+    // Serves all peers until the condition holds; false when it doesn't within the limit.
+    bool Await(const std::function<bool()>& condition, int limit_ms = 10000);
+    bool AwaitHeard(Peer& peer, const std::string& line, long times = 1);
+    bool AwaitOut(const std::string& text);
+    bool AwaitErr(const std::string& text);
+
+    // Serves all peers for a while, for what must not happen.
+    void Linger(int ms);
+
+    bool m_prepared;
+    Host device;
+    Host studio;
+    Peer tqrd;
+    Peer remote;
+    std::unique_ptr<Process> daemon;
+};

@@ -1,0 +1,226 @@
+// A remote input mirrored onto a local output, whatever happens to the peers.
+
+#include <csignal>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "tests/e2e/Site.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+std::string ReadFile(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+class Mirror : public Site {
+protected:
+    // Channels 4 and 8 follow one input of the studio, channel 2 another.
+    void StartAll(const std::vector<std::string>& environment = {}) {
+        for (const char* line : {"CFG GPO 2 SRCA=10.77.0.2/7", "CFG GPO 4 SRCA=10.77.0.2/3",
+                                 "CFG GPO 8 SRCA=\"tqs://10.77.0.2:93/3\" NAME=\"two words\""}) {
+            ASSERT_EQ(tqrd.server.Apply(line), "");
+        }
+        ASSERT_EQ(remote.server.Apply("GPI 3 LHHHH"), "");
+        StartControl();
+        StartRemote();
+        StartDaemon({"-debug"}, environment);
+        ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 LHHHH"));
+        ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 3", 2));
+        ASSERT_TRUE(Follows("LHHHL")) << "behind the answers to all subscriptions";
+    }
+
+    // Changes the input and waits until the output follows.
+    bool Follows(const std::string& state) {
+        remote.server.Apply("GPI 3 " + state);
+        return AwaitHeard(tqrd, "GPO 4 " + state) && AwaitHeard(tqrd, "GPO 8 " + state);
+    }
+};
+
+TEST_F(Mirror, FollowsARemoteInput) {
+    StartAll();
+    EXPECT_EQ(remote.connections, 1);
+    EXPECT_EQ(remote.heard, (Lines{"ADD GPI 7", "ADD GPI 3", "ADD GPI 3"}));
+    tqrd.heard.clear();
+    EXPECT_TRUE(Follows("LLHLh"));
+    EXPECT_EQ(tqrd.heard, (Lines{"GPO 4 LLHLh", "GPO 8 LLHLh"}));
+
+    const std::string table = ReadFile("/var/log/gpiocli.txt");
+    EXPECT_EQ(table.rfind("Connection table:\r\n0 0.0.0.0/0 id=0 disconnected\r\n", 0), 0U);
+    EXPECT_NE(table.find("\r\n1 10.77.0.2/6 id="), std::string::npos);
+    EXPECT_EQ(table.find("\r\n3 10.77.0.2/2 id=0 "), std::string::npos);
+
+    tqrd.heard.clear();
+    tqrd.server.Apply("CFG GPO 4 SRCA=none");
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 4 HHHHH"));
+    remote.server.Apply("GPI 3 HLHLH");
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 8 HLHLH"));
+    EXPECT_EQ(tqrd.heard, (Lines{"GPO 4 HHHHH", "GPO 8 HLHLH"}));
+    for (const char* channel : {"2", "8"}) {
+        tqrd.server.Apply(std::string("CFG GPO ") + channel + " SRCA=none");
+    }
+    EXPECT_TRUE(Await([&] { return remote.server.ClientCount() == 0; }));
+}
+
+TEST_F(Mirror, ComesBackWithTheControlServer) {
+    if (!CanSpeedUp()) {
+        GTEST_SKIP() << "no libfaketime in this width";
+    }
+    StartAll(SpeedUp(10));
+    tqrd.heard.clear();
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost\n"));
+    ASSERT_TRUE(AwaitErr("tqrcli: connect(127.0.0.1:93) failed err=111\n"));
+    EXPECT_EQ(remote.server.ClientCount(), 1U) << "the outage leaves the others alone";
+    remote.server.Apply("GPI 3 LLLLL");
+    StartControl();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened\n"));
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 LLLLL")) << "what came in the meantime is still there";
+    EXPECT_EQ(tqrd.heard, (Lines{"SET", "CFG GPO", "GPO 4 LLLLL", "GPO 8 LLLLL"}))
+        << "an unchanged configuration sends nothing";
+}
+
+TEST_F(Mirror, WaitsForAControlServerThatIsNotThereYet) {
+    if (!CanSpeedUp()) {
+        GTEST_SKIP() << "no libfaketime in this width";
+    }
+    StartRemote();
+    StartDaemon({"-debug", "-r", "127.0.0.1:0x5d"}, SpeedUp(10));
+    const std::string refused = "tqrcli: connect(127.0.0.1:93) failed err=111\n";
+    ASSERT_TRUE(AwaitErr(refused + "Failed to connect to 127.0.0.1:93\n" +
+                         "Connection to TQRD lost\n" + refused + refused));
+    tqrd.server.Apply("CFG GPO 1 SRCA=10.77.0.2/3");
+    StartControl();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened\n"));
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 HHHHH", 2));
+}
+
+TEST_F(Mirror, ReconnectsToARemoteServerAtTheSweep) {
+    if (!CanSpeedUp()) {
+        GTEST_SKIP() << "no libfaketime in this width";
+    }
+    StartAll(SpeedUp(30));
+    remote.server.SendRaw("GPI 3 LLL");  // closes in the middle of a line
+    remote.server.Close();
+    ASSERT_TRUE(AwaitErr("tqrcli: recv() failed err="));
+    ASSERT_TRUE(AwaitErr("CGPIOClient Failed to connect to 10.77.0.2\n"));
+    tqrd.heard.clear();
+    remote.heard.clear();
+    StartRemote();
+    remote.server.Apply("GPI 3 HHHLL");
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 HHHLL"));
+    EXPECT_EQ(remote.connections, 2);
+    EXPECT_EQ(remote.heard, (Lines{"ADD GPI 7", "ADD GPI 3", "ADD GPI 3"}));
+    EXPECT_EQ(tqrd.Count("GPO 4 LLL"), 0);
+    EXPECT_EQ(daemon->Err().find("TQRD"), std::string::npos);
+}
+
+// Any bytes at all on either connection end in a dropped line or in a connection closed and opened
+// again; the daemon lives on and does its work.
+TEST_F(Mirror, SurvivesAnyBytes) {
+    if (!CanSpeedUp()) {
+        GTEST_SKIP() << "no libfaketime in this width";
+    }
+    StartAll(SpeedUp(200));
+    std::mt19937 random(1);
+    const std::string words[] = {"CFG GPO ",
+                                 "SRCA=",
+                                 "GPI ",
+                                 "GPO ",
+                                 "SET ",
+                                 "NIC_IPADDR=",
+                                 "1",
+                                 "99999999999",
+                                 "\"",
+                                 "\\",
+                                 ".",
+                                 ":",
+                                 "/",
+                                 " ",
+                                 "\n",
+                                 "\r",
+                                 std::string(1, '\0'),
+                                 std::string(700, 'x'),
+                                 "\xFF",
+                                 "=L"};
+    for (int round = 0; round < 400; ++round) {
+        std::string bytes;
+        for (int i = 0; i < 30; ++i) {
+            bytes += words[random() % std::size(words)];
+        }
+        tqrd.server.SendRaw(bytes);
+        remote.server.SendRaw(bytes);
+        SimServer::StepAll({&tqrd.server, &remote.server}, 0);
+    }
+    tqrd.server.DropAll();
+    remote.server.DropAll();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened\n"));
+    for (const char* line : {"CFG GPO 4 SRCA=none", "CFG GPO 8 SRCA=none",
+                             "CFG GPO 4 SRCA=10.77.0.2/3", "CFG GPO 8 SRCA=10.77.0.2/3"}) {
+        tqrd.server.Apply(line);
+    }
+    EXPECT_TRUE(Follows("LHLLH"));
+    EXPECT_TRUE(daemon->IsRunning());
+}
+
+TEST_F(Mirror, StaysWhenItsControlServerVanishesAfterASend) {
+    StartAll();
+    tqrd.server.Close();
+    for (int i = 0; i < 50; ++i) {
+        remote.server.Apply(i % 2 == 0 ? "GPI 3 LHLHL" : "GPI 3 HLHLH");
+        Linger(1);
+    }
+    EXPECT_TRUE(AwaitErr("Connection to TQRD lost\n"));
+    EXPECT_TRUE(daemon->IsRunning());
+}
+
+TEST_F(Site, TellsItsUsage) {
+    StartDaemon({"-r", "1.2.3.4:99", "-help", "-r", "5"});
+    ASSERT_TRUE(Await([&] { return !daemon->IsRunning(); }));
+    EXPECT_EQ(daemon->Status(), 0);
+    EXPECT_EQ(daemon->Out(),
+              "orvex <options>\n"
+              "  -r ip[:port] or port - tqr server (default: 1.2.3.4:99)\n"
+              "  -debug               - enable debug information\n"
+              "  -help                - this usage info\n"
+              "  -gpioip              - GPIO mcast addr (default 239.192.255.4)\n");
+    EXPECT_EQ(daemon->Err(), "");
+}
+
+TEST_F(Site, DetachesAndLeavesItsPid) {
+    StartControl();
+    StartDaemon({});
+    ASSERT_TRUE(AwaitHeard(tqrd, "CFG GPO"));
+    ASSERT_TRUE(Await([&] { return !daemon->IsRunning(); }));
+    EXPECT_EQ(daemon->Status(), 0);
+    const std::string pid = ReadFile("/var/run/orvex.pid");
+    const pid_t background = static_cast<pid_t>(std::stol("0" + pid));
+    ASSERT_GT(background, 1);
+    EXPECT_NE(background, daemon->Pid());
+    EXPECT_EQ(pid, std::to_string(background) + "\n");
+    tqrd.server.Apply("CFG GPO 3 SRCA=1:2");
+    EXPECT_TRUE(AwaitHeard(tqrd, "ADD GPI 3")) << "it serves";
+    EXPECT_EQ(kill(background, SIGTERM), 0);
+    EXPECT_TRUE(Await([&] { return tqrd.server.ClientCount() == 0; }));
+    EXPECT_EQ(ReadFile("/var/run/orvex.pid"), pid);
+}
+
+TEST_F(Site, RunsWithoutItsInterfaceAndItsFiles) {
+    device.Run("ip link del eth0");
+    ASSERT_EQ(device.Run("umount /run && mount -t tmpfs -o ro none /run && umount /var/log && "
+                         "mount -t tmpfs -o ro none /var/log"),
+              0);
+    StartControl();
+    StartDaemon({"-debug"});
+    ASSERT_TRUE(AwaitHeard(tqrd, "CFG GPO"));
+    EXPECT_TRUE(AwaitOut("ioctl(SIOCGIFADDR) request failed err=13\n"));
+    tqrd.server.Apply("CFG GPO 1 SRCA=127.0.0.1:93/2");
+    EXPECT_TRUE(AwaitErr("CGPIOClient::print_cons can't create /var/log/gpiocli.txt\n"));
+    EXPECT_TRUE(AwaitHeard(tqrd, "ADD GPI 2"));
+}
+
+}  // namespace

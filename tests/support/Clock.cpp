@@ -1,0 +1,26 @@
+#include "tests/support/Clock.h"
+
+#include <sys/time.h>
+
+namespace {
+
+timeval now = {1000, 0};
+long readings = 0;
+
+}  // namespace
+
+void Clock::Advance(long seconds, long microseconds) {
+    const long sum = now.tv_usec + microseconds;
+    now.tv_sec += seconds + sum / 1000000;
+    now.tv_usec = sum % 1000000;
+}
+
+long Clock::Readings() {
+    return readings;
+}
+
+extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
+    *time = now;
+    ++readings;
+    return 0;
+}

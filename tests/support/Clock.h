@@ -1,0 +1,9 @@
+// The time of day of a test program, for tests in which time moves only when they move it.
+//
+// Linking this in replaces gettimeofday() in the whole program.
+#pragma once
+
+struct Clock {
+    static void Advance(long seconds, long microseconds);
+    static long Readings();  // how often the time was read
+};
