@@ -1,0 +1,430 @@
+// The encoding of a message. Multi-byte numbers are most significant byte first; there is no
+// padding.
+//
+//   message                                item
+//   offset width                           offset width
+//   0      4      identifier               0      4      tag
+//   4      2      number of items          4      1      type code
+//   6      ...    the items                5      ...    value
+//
+//   type             value
+//   dword            4 bytes
+//   byte             1 byte
+//   word             2 bytes
+//   qword            8 bytes
+//   string           2: n, then n bytes, the terminating NUL among them
+//   byte array       2: n, then n bytes
+//   word array       2: n, then n times 2 bytes
+//   dword array      2: n, then n times 4 bytes
+//   message          2: n, then n bytes: a message
+//   any other        2: a count, nothing more
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <new>
+
+#include "msg/Msg2.h"
+
+const unsigned char rudp_msg2_ver = 2;
+
+namespace {
+
+const uint32_t MESSAGE_HEAD = 6;
+const uint32_t ITEM_HEAD = 5;
+const uint32_t COUNT_WIDTH = 2;
+const uint32_t MAX_DATA = 0xFFFF;
+const unsigned int NESTED_GROW_BY = 16;
+
+// The layout of an item's value: the width of a number, 0 for an item with a count, and the width
+// of each of the elements that are counted.
+struct ValueLayout {
+    uint32_t number;
+    uint32_t element;
+};
+
+ValueLayout s_GetLayout(uint8_t type) {
+    switch (type) {
+        case CMsg2::ITEM_DWORD:
+            return {4, 0};
+        case CMsg2::ITEM_BYTE:
+            return {1, 0};
+        case CMsg2::ITEM_WORD:
+            return {2, 0};
+        case CMsg2::ITEM_QWORD:
+            return {8, 0};
+        case CMsg2::ITEM_STRING:
+        case CMsg2::ITEM_BYTE_ARRAY:
+        case CMsg2::ITEM_MSG:
+            return {0, 1};
+        case CMsg2::ITEM_WORD_ARRAY:
+            return {0, 2};
+        case CMsg2::ITEM_DWORD_ARRAY:
+            return {0, 4};
+        default:
+            return {0, 0};
+    }
+}
+
+// Host to network order and back.
+uint64_t htonll(uint64_t v) {
+    if (htonl(1) == 1) {
+        return v;
+    }
+    return static_cast<uint64_t>(htonl(static_cast<uint32_t>(v))) << 32 |
+           htonl(static_cast<uint32_t>(v >> 32));
+}
+
+// Copies a value from data + pos, where pos <= len, and moves pos behind it. False, with nothing
+// changed, when it would pass len.
+template <typename T>
+bool s_Get(const char* data, uint32_t& pos, T& out, uint32_t len) {
+    if (len - pos < sizeof out) {
+        return false;
+    }
+    memcpy(&out, data + pos, sizeof out);
+    pos += static_cast<uint32_t>(sizeof out);
+    return true;
+}
+
+bool s_GetByte(const char* data, uint32_t& pos, uint8_t& out, uint32_t len) {
+    return s_Get(data, pos, out, len);
+}
+
+bool s_GetShort(const char* data, uint32_t& pos, uint16_t& out, uint32_t len) {
+    if (!s_Get(data, pos, out, len)) {
+        return false;
+    }
+    out = ntohs(out);
+    return true;
+}
+
+bool s_GetLong(const char* data, uint32_t& pos, uint32_t& out, uint32_t len) {
+    if (!s_Get(data, pos, out, len)) {
+        return false;
+    }
+    out = ntohl(out);
+    return true;
+}
+
+bool s_GetLongLong(const char* data, uint32_t& pos, uint64_t& out, uint32_t len) {
+    if (!s_Get(data, pos, out, len)) {
+        return false;
+    }
+    out = htonll(out);
+    return true;
+}
+
+// Copies a value to buf + pos and moves pos behind it. The caller has made sure of the room.
+template <typename T>
+void s_Set(char* buf, unsigned short& pos, T value) {
+    memcpy(buf + pos, &value, sizeof value);
+    pos = static_cast<unsigned short>(pos + sizeof value);
+}
+
+void s_SetByte(char* buf, unsigned short& pos, uint8_t value) {
+    s_Set(buf, pos, value);
+}
+
+void s_SetShort(char* buf, unsigned short& pos, uint16_t value) {
+    s_Set(buf, pos, htons(value));
+}
+
+void s_SetLong(char* buf, unsigned short& pos, uint32_t value) {
+    s_Set(buf, pos, htonl(value));
+}
+
+void s_SetLongLong(char* buf, unsigned short& pos, uint64_t value) {
+    s_Set(buf, pos, htonll(value));
+}
+
+void s_SetBytes(char* buf, unsigned short& pos, const void* bytes, uint16_t count) {
+    if (count > 0) {
+        memcpy(buf + pos, bytes, count);
+        pos = static_cast<unsigned short>(pos + count);
+    }
+}
+
+// What stands before an item's number or elements, and how many bytes those take.
+struct ItemHead {
+    uint32_t tag;
+    uint8_t type;
+    uint16_t count;
+    uint32_t size;
+};
+
+// Reads an item's head and leaves pos behind it. False when the item would pass len.
+bool s_GetHead(const char* data, uint32_t& pos, ItemHead& head, uint32_t len) {
+    if (!s_GetLong(data, pos, head.tag, len) || !s_GetByte(data, pos, head.type, len)) {
+        return false;
+    }
+    const ValueLayout layout = s_GetLayout(head.type);
+    head.count = 0;
+    if (layout.number == 0 && !s_GetShort(data, pos, head.count, len)) {
+        return false;
+    }
+    head.size = layout.number + layout.element * head.count;
+    return head.size <= len - pos;
+}
+
+// Moves pos over the items, looking at nothing but their heads: a nested message is taken by its
+// length. False when they don't fit the data or take more than a message may.
+bool s_SkipItems(const char* data, uint32_t& pos, unsigned int count, uint32_t len) {
+    for (; count > 0; --count) {
+        ItemHead head;
+        if (!s_GetHead(data, pos, head, len)) {
+            return false;
+        }
+        pos += head.size;
+    }
+    return pos <= MAX_DATA;
+}
+
+// Copies len bytes of an array to storage of their own with room bytes, zeros behind the copy. Null
+// when memory is short, as below.
+template <typename T>
+T* s_NewBytes(const char* data, uint32_t len, uint32_t room) {
+    T* const bytes = new (std::nothrow) T[room]();
+    if (bytes != nullptr) {
+        memcpy(bytes, data, len);
+    }
+    return bytes;
+}
+
+unsigned short* s_NewWords(const char* data, uint32_t len) {
+    unsigned short* const words = new (std::nothrow) unsigned short[len / sizeof(uint16_t)];
+    uint32_t pos = 0;
+    for (unsigned int i = 0; words != nullptr && pos < len; ++i) {
+        s_GetShort(data, pos, words[i], len);
+    }
+    return words;
+}
+
+unsigned long* s_NewDwords(const char* data, uint32_t len) {
+    unsigned long* const dwords = new (std::nothrow) unsigned long[len / sizeof(uint32_t)];
+    uint32_t pos = 0;
+    for (unsigned int i = 0; dwords != nullptr && pos < len; ++i) {
+        uint32_t dword = 0;
+        s_GetLong(data, pos, dword, len);
+        dwords[i] = dword;
+    }
+    return dwords;
+}
+
+// Reads the number of a slot from exactly len bytes.
+void s_GetNumber(CMsg2::Node& slot, const char* data, uint32_t len) {
+    CMsg2::Node::Value& value = slot.m_Value;
+    uint32_t pos = 0;
+    uint8_t byte = 0;
+    uint16_t word = 0;
+    switch (slot.m_nType) {
+        case CMsg2::ITEM_DWORD:
+            s_GetLong(data, pos, value.m_nDword, len);
+            break;
+        case CMsg2::ITEM_BYTE:
+            s_GetByte(data, pos, byte, len);
+            value.m_nDword = byte;
+            break;
+        case CMsg2::ITEM_WORD:
+            s_GetShort(data, pos, word, len);
+            value.m_nDword = word;
+            break;
+        default:
+            s_GetLongLong(data, pos, value.m_nQword, len);
+            break;
+    }
+}
+
+// Reads the elements of a slot, one at least, from exactly len bytes. False when memory is short.
+bool s_GetElements(CMsg2::Node& slot, const char* data, uint32_t len) {
+    CMsg2::Node::Value& value = slot.m_Value;
+    switch (slot.m_nType) {
+        case CMsg2::ITEM_STRING:
+            // Whatever the peer sent, the text in memory ends with a NUL.
+            value.m_pString = s_NewBytes<char>(data, len, len + 1);
+            return value.m_pString != nullptr;
+        case CMsg2::ITEM_BYTE_ARRAY:
+            value.m_pBytes = s_NewBytes<unsigned char>(data, len, len);
+            return value.m_pBytes != nullptr;
+        case CMsg2::ITEM_WORD_ARRAY:
+            value.m_pWords = s_NewWords(data, len);
+            return value.m_pWords != nullptr;
+        case CMsg2::ITEM_DWORD_ARRAY:
+            value.m_pDwords = s_NewDwords(data, len);
+            return value.m_pDwords != nullptr;
+        default:
+            return true;
+    }
+}
+
+}  // namespace
+
+unsigned char CMsg2::GetVer() {
+    return rudp_msg2_ver & 0x7F;
+}
+
+unsigned short CMsg2::GetDataSize() const {
+    return static_cast<unsigned short>(EncodedSize());
+}
+
+unsigned long CMsg2::GetTrueDataSize() const {
+    const uint64_t size = EncodedSize();
+    return size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
+}
+
+uint64_t CMsg2::EncodedSize() const {
+    uint64_t size = MESSAGE_HEAD;
+    for (unsigned int i = 0; i < m_nItemCount; ++i) {
+        size += EncodedSize(m_pItems[i]);
+    }
+    return size;
+}
+
+uint64_t CMsg2::EncodedSize(const Node& item) {
+    if (item.m_nType == ITEM_NONE) {
+        return 0;
+    }
+    const ValueLayout layout = s_GetLayout(item.m_nType);
+    if (layout.number > 0) {
+        return ITEM_HEAD + layout.number;
+    }
+    const uint64_t elements = item.m_nType == ITEM_MSG ? item.m_Value.m_pMsg->EncodedSize()
+                                                       : layout.element * item.m_nCount;
+    return ITEM_HEAD + COUNT_WIDTH + elements;
+}
+
+unsigned short CMsg2::GetData(char* buf) const {
+    if (EncodedSize() > MAX_DATA) {
+        return 0;
+    }
+    unsigned short pos = 0;
+    Encode(buf, pos);
+    return pos;
+}
+
+// Encodes into buf from pos on, where there is room for all of it.
+void CMsg2::Encode(char* buf, unsigned short& pos) const {
+    s_SetLong(buf, pos, m_nId);
+    unsigned short count_pos = pos;
+    s_SetShort(buf, pos, 0);
+    uint16_t count = 0;
+    for (unsigned int i = 0; i < m_nItemCount; ++i) {
+        // An item without a type has no encoding: it isn't counted either.
+        if (m_pItems[i].m_nType != ITEM_NONE) {
+            EncodeItem(m_pItems[i], buf, pos);
+            ++count;
+        }
+    }
+    s_SetShort(buf, count_pos, count);
+}
+
+void CMsg2::EncodeItem(const Node& item, char* buf, unsigned short& pos) {
+    const Node::Value& value = item.m_Value;
+    s_SetLong(buf, pos, item.m_nTag);
+    s_SetByte(buf, pos, item.m_nType);
+    unsigned short count_pos = pos;
+    if (s_GetLayout(item.m_nType).number == 0) {
+        s_SetShort(buf, pos, item.m_nCount);
+    }
+    switch (item.m_nType) {
+        case ITEM_DWORD:
+            s_SetLong(buf, pos, value.m_nDword);
+            break;
+        case ITEM_BYTE:
+            s_SetByte(buf, pos, static_cast<uint8_t>(value.m_nDword));
+            break;
+        case ITEM_WORD:
+            s_SetShort(buf, pos, static_cast<uint16_t>(value.m_nDword));
+            break;
+        case ITEM_QWORD:
+            s_SetLongLong(buf, pos, value.m_nQword);
+            break;
+        case ITEM_STRING:
+            s_SetBytes(buf, pos, value.m_pString, item.m_nCount);
+            break;
+        case ITEM_BYTE_ARRAY:
+            s_SetBytes(buf, pos, value.m_pBytes, item.m_nCount);
+            break;
+        case ITEM_WORD_ARRAY:
+            for (unsigned int i = 0; i < item.m_nCount; ++i) {
+                s_SetShort(buf, pos, value.m_pWords[i]);
+            }
+            break;
+        case ITEM_DWORD_ARRAY:
+            for (unsigned int i = 0; i < item.m_nCount; ++i) {
+                s_SetLong(buf, pos, static_cast<uint32_t>(value.m_pDwords[i]));
+            }
+            break;
+        case ITEM_MSG:
+            // Its length is known only now: to ask for it before would walk it once per level.
+            value.m_pMsg->Encode(buf, pos);
+            s_SetShort(buf, count_pos, static_cast<uint16_t>(pos - count_pos - COUNT_WIDTH));
+            break;
+        default:
+            break;
+    }
+}
+
+CMsg2::CMsg2(const char* data, unsigned long len, unsigned int growBy) : m_nGrowBy(growBy) {
+    SetData(data, len);
+}
+
+unsigned short CMsg2::SetData(const char* data, unsigned long len) {
+    uint32_t pos = 0;
+    const Decoded result = Decode(data, static_cast<uint32_t>(len), pos);
+    return result == Decoded::OK ? static_cast<unsigned short>(pos) : 0;
+}
+
+// Decodes a message and leaves pos behind it. Anything but OK leaves no items. Allocates nothing
+// before all items of this level are known to be there.
+CMsg2::Decoded CMsg2::Decode(const char* data, uint32_t len, uint32_t& pos) {
+    Empty();
+    uint16_t count = 0;
+    if (!s_GetLong(data, pos, m_nId, len) || !s_GetShort(data, pos, count, len)) {
+        return Decoded::MALFORMED;
+    }
+    const uint32_t items_pos = pos;
+    if (!s_SkipItems(data, pos, count, len)) {
+        return Decoded::MALFORMED;
+    }
+    if ((m_nCapacity < count && !Resize(count)) ||
+        !DecodeItems(data + items_pos, pos - items_pos, count)) {
+        Empty();
+        return Decoded::NO_MEMORY;
+    }
+    return Decoded::OK;
+}
+
+// Fills the slots, all empty, with count items that take len bytes. False when memory is short.
+bool CMsg2::DecodeItems(const char* data, uint32_t len, uint16_t count) {
+    uint32_t pos = 0;
+    while (m_nItemCount < count) {
+        ItemHead head;
+        s_GetHead(data, pos, head, len);
+        Node& slot = m_pItems[m_nItemCount++];
+        slot.m_nTag = head.tag;
+        slot.m_nType = head.type;
+        slot.m_nCount = head.count;
+        if (!DecodeValue(slot, data + pos, head.size)) {
+            return false;
+        }
+        pos += head.size;
+    }
+    return true;
+}
+
+// Gives a slot with type and count its value, from exactly len bytes. False when memory is short.
+bool CMsg2::DecodeValue(Node& slot, const char* data, uint32_t len) {
+    if (slot.m_nType == ITEM_MSG) {
+        slot.m_nCount = 0;
+        CMsg2* const msg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
+        slot.m_Value.m_pMsg = msg;
+        uint32_t pos = 0;
+        // Bytes that are no message make an empty one.
+        return msg != nullptr && msg->Decode(data, len, pos) != Decoded::NO_MEMORY;
+    }
+    if (s_GetLayout(slot.m_nType).number > 0) {
+        s_GetNumber(slot, data, len);
+        return true;
+    }
+    return slot.m_nCount == 0 || s_GetElements(slot, data, len);
+}
