@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <utility>
 
 namespace {
 
@@ -57,52 +56,16 @@ void CMsg2::Node::DeleteValue() {
     }
     m_nType = ITEM_NONE;
     m_nCount = 0;
-    m_Value = Value(0);
+    m_Value.m_nQword = 0;
 }
 
 CMsg2::CMsg2(unsigned int size, unsigned int growBy) : m_nGrowBy(growBy) {
     Resize(size);
 }
 
-CMsg2::CMsg2(const CMsg2& other) : m_nGrowBy(other.m_nGrowBy) {
-    *this = other;
-}
-
 CMsg2::~CMsg2() {
     Empty();
     delete[] m_pItems;
-}
-
-CMsg2& CMsg2::operator=(const CMsg2& other) {
-    if (&other == this) {
-        return *this;
-    }
-    // The old items go last: other may be one of them.
-    CMsg2 copy(other.m_nCapacity, other.m_nGrowBy);
-    copy.m_nId = other.m_nId;
-    if (copy.CopyItems(other)) {
-        Swap(copy);
-    }
-    return *this;
-}
-
-void CMsg2::Copy(const CMsg2* other) {
-    if (other != nullptr) {
-        *this = *other;
-    }
-}
-
-CMsg2& CMsg2::operator+=(const CMsg2& other) {
-    if (&other == this) {
-        return *this;
-    }
-    if (HoldsMsg()) {
-        // Replacing a nested message could free other on the way, if other is part of it.
-        CopyItems(CMsg2(other));
-    } else {
-        CopyItems(other);
-    }
-    return *this;
 }
 
 void CMsg2::Empty() {
@@ -355,65 +318,6 @@ char* CMsg2::GetName(unsigned long tag, char* buf) {
     }
     buf[TAG_CHARS] = '\0';
     return buf;
-}
-
-// A deep copy, or null when memory is short.
-CMsg2* CMsg2::Clone(const CMsg2& other) {
-    CMsg2* const clone = new (std::nothrow) CMsg2(other.m_nCapacity, other.m_nGrowBy);
-    if (clone == nullptr) {
-        return nullptr;
-    }
-    clone->m_nId = other.m_nId;
-    if (!clone->CopyItems(other)) {
-        delete clone;
-        return nullptr;
-    }
-    return clone;
-}
-
-// Sets all items of other, which must not be part of this message. False when one of them failed.
-bool CMsg2::CopyItems(const CMsg2& other) {
-    bool complete = true;
-    for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
-        complete = CopyItem(other.m_pItems[i]) && complete;
-    }
-    return complete;
-}
-
-bool CMsg2::CopyItem(const Node& item) {
-    switch (item.m_nType) {
-        case ITEM_BYTE:
-        case ITEM_WORD:
-        case ITEM_DWORD:
-        case ITEM_QWORD:
-            return Store(item.m_nTag, item);
-        case ITEM_STRING:
-            return SetString(item.m_nTag, item.m_Value.m_pString);
-        case ITEM_BYTE_ARRAY:
-            return SetByteArray(item.m_nTag, item.m_nCount, item.m_Value.m_pBytes);
-        case ITEM_WORD_ARRAY:
-            return SetWordArray(item.m_nTag, item.m_nCount, item.m_Value.m_pWords);
-        case ITEM_DWORD_ARRAY:
-            return SetDwordArray(item.m_nTag, item.m_nCount, item.m_Value.m_pDwords);
-        case ITEM_MSG:
-            return SetMsg(item.m_nTag, item.m_Value.m_pMsg);
-        default:
-            return true;
-    }
-}
-
-bool CMsg2::HoldsMsg() const {
-    return std::any_of(m_pItems, m_pItems + m_nItemCount,
-                       [](const Node& item) { return item.m_nType == ITEM_MSG; });
-}
-
-void CMsg2::Swap(CMsg2& other) {
-    std::swap(m_pItems, other.m_pItems);
-    std::swap(m_nId, other.m_nId);
-    std::swap(m_nItemCount, other.m_nItemCount);
-    std::swap(m_nCapacity, other.m_nCapacity);
-    std::swap(m_nGrowBy, other.m_nGrowBy);
-    std::swap(m_nCursor, other.m_nCursor);
 }
 
 const CMsg2::Node* CMsg2::FindItem(unsigned long tag, ItemType type) {

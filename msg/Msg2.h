@@ -173,11 +173,9 @@ public:
     unsigned short SetData(const char* data, unsigned long len);
 
 private:
-    enum class Decoded { OK, MALFORMED, NO_MEMORY };
-
     static CMsg2* Clone(const CMsg2& other);
     bool CopyItems(const CMsg2& other);
-    bool CopyItem(const Node& item);
+    bool CopyValue(const Node& item);
     bool HoldsMsg() const;
     void Swap(CMsg2& other);
 
@@ -191,10 +189,10 @@ private:
     uint64_t EncodedSize() const;
     static uint64_t EncodedSize(const Node& item);
     void Encode(char* buf, unsigned short& pos) const;
+    unsigned short CountEncoded() const;
     static void EncodeItem(const Node& item, char* buf, unsigned short& pos);
-    Decoded Decode(const char* data, uint32_t len, uint32_t& pos);
-    bool DecodeItems(const char* data, uint32_t len, uint16_t count);
-    static bool DecodeValue(Node& slot, const char* data, uint32_t len);
+    int Decode(const char* data, uint32_t len);
+    int DecodeLevel(const char* data, uint32_t len);
 
     Node* m_pItems = nullptr;  // m_nCapacity slots; those from m_nItemCount on are empty
     uint32_t m_nId = 0;

@@ -20,6 +20,7 @@
 //   any other        2: a count, nothing more
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -34,6 +35,7 @@ const uint32_t ITEM_HEAD = 5;
 const uint32_t COUNT_WIDTH = 2;
 const uint32_t MAX_DATA = 0xFFFF;
 const unsigned int NESTED_GROW_BY = 16;
+const int NO_MEMORY = -1;
 
 // The layout of an item's value: the width of a number, 0 for an item with a count, and the width
 // of each of the elements that are counted.
@@ -63,6 +65,13 @@ ValueLayout s_GetLayout(uint8_t type) {
         default:
             return {0, 0};
     }
+}
+
+// What an item takes with as many elements as its count says.
+uint32_t s_GetItemSize(const CMsg2::Node& item) {
+    const ValueLayout layout = s_GetLayout(item.m_nType);
+    const uint32_t number = layout.number > 0 ? layout.number : COUNT_WIDTH;
+    return ITEM_HEAD + number + layout.element * item.m_nCount;
 }
 
 // Host to network order and back.
@@ -144,37 +153,77 @@ void s_SetBytes(char* buf, unsigned short& pos, const void* bytes, uint16_t coun
     }
 }
 
-// What stands before an item's number or elements, and how many bytes those take.
-struct ItemHead {
-    uint32_t tag;
-    uint8_t type;
-    uint16_t count;
-    uint32_t size;
-};
+// Fills in the length of a nested message that takes the bytes from start to end.
+void s_SetLength(char* buf, unsigned short start, unsigned short end) {
+    unsigned short pos = static_cast<unsigned short>(start - COUNT_WIDTH);
+    s_SetShort(buf, pos, static_cast<uint16_t>(end - start));
+}
 
-// Reads an item's head and leaves pos behind it. False when the item would pass len.
-bool s_GetHead(const char* data, uint32_t& pos, ItemHead& head, uint32_t len) {
-    if (!s_GetLong(data, pos, head.tag, len) || !s_GetByte(data, pos, head.type, len)) {
+// Writes the value of an item that is not a message.
+void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
+    const CMsg2::Node::Value& value = item.m_Value;
+    if (s_GetLayout(item.m_nType).number == 0) {
+        s_SetShort(buf, pos, item.m_nCount);
+    }
+    switch (item.m_nType) {
+        case CMsg2::ITEM_DWORD:
+            s_SetLong(buf, pos, value.m_nDword);
+            break;
+        case CMsg2::ITEM_BYTE:
+            s_SetByte(buf, pos, static_cast<uint8_t>(value.m_nDword));
+            break;
+        case CMsg2::ITEM_WORD:
+            s_SetShort(buf, pos, static_cast<uint16_t>(value.m_nDword));
+            break;
+        case CMsg2::ITEM_QWORD:
+            s_SetLongLong(buf, pos, value.m_nQword);
+            break;
+        case CMsg2::ITEM_STRING:
+            s_SetBytes(buf, pos, value.m_pString, item.m_nCount);
+            break;
+        case CMsg2::ITEM_BYTE_ARRAY:
+            s_SetBytes(buf, pos, value.m_pBytes, item.m_nCount);
+            break;
+        case CMsg2::ITEM_WORD_ARRAY:
+            for (unsigned int i = 0; i < item.m_nCount; ++i) {
+                s_SetShort(buf, pos, value.m_pWords[i]);
+            }
+            break;
+        case CMsg2::ITEM_DWORD_ARRAY:
+            for (unsigned int i = 0; i < item.m_nCount; ++i) {
+                s_SetLong(buf, pos, static_cast<uint32_t>(value.m_pDwords[i]));
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+// Reads what stands before an item's number or elements into slot and leaves pos behind it; size
+// is what those take. False when the item would pass len.
+bool s_GetHead(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t& size, uint32_t len) {
+    if (!s_GetLong(data, pos, slot.m_nTag, len) || !s_GetByte(data, pos, slot.m_nType, len)) {
         return false;
     }
-    const ValueLayout layout = s_GetLayout(head.type);
-    head.count = 0;
-    if (layout.number == 0 && !s_GetShort(data, pos, head.count, len)) {
+    const ValueLayout layout = s_GetLayout(slot.m_nType);
+    slot.m_nCount = 0;
+    if (layout.number == 0 && !s_GetShort(data, pos, slot.m_nCount, len)) {
         return false;
     }
-    head.size = layout.number + layout.element * head.count;
-    return head.size <= len - pos;
+    size = layout.number + layout.element * slot.m_nCount;
+    return size <= len - pos;
 }
 
 // Moves pos over the items, looking at nothing but their heads: a nested message is taken by its
 // length. False when they don't fit the data or take more than a message may.
 bool s_SkipItems(const char* data, uint32_t& pos, unsigned int count, uint32_t len) {
     for (; count > 0; --count) {
-        ItemHead head;
-        if (!s_GetHead(data, pos, head, len)) {
+        CMsg2::Node item;
+        uint32_t size = 0;
+        if (!s_GetHead(data, pos, item, size, len)) {
             return false;
         }
-        pos += head.size;
+        pos += size;
     }
     return pos <= MAX_DATA;
 }
@@ -256,6 +305,20 @@ bool s_GetElements(CMsg2::Node& slot, const char* data, uint32_t len) {
     }
 }
 
+// Reads a value from exactly len bytes; a message is made, but not read. False when memory is
+// short.
+bool s_GetValue(CMsg2::Node& slot, const char* data, uint32_t len) {
+    if (slot.m_nType == CMsg2::ITEM_MSG) {
+        slot.m_Value.m_pMsg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
+        return slot.m_Value.m_pMsg != nullptr;
+    }
+    if (s_GetLayout(slot.m_nType).number > 0) {
+        s_GetNumber(slot, data, len);
+        return true;
+    }
+    return slot.m_nCount == 0 || s_GetElements(slot, data, len);
+}
+
 }  // namespace
 
 unsigned char CMsg2::GetVer() {
@@ -280,16 +343,14 @@ uint64_t CMsg2::EncodedSize() const {
 }
 
 uint64_t CMsg2::EncodedSize(const Node& item) {
-    if (item.m_nType == ITEM_NONE) {
-        return 0;
+    switch (item.m_nType) {
+        case ITEM_NONE:
+            return 0;
+        case ITEM_MSG:
+            return s_GetItemSize(item) + item.m_Value.m_pMsg->EncodedSize();
+        default:
+            return s_GetItemSize(item);
     }
-    const ValueLayout layout = s_GetLayout(item.m_nType);
-    if (layout.number > 0) {
-        return ITEM_HEAD + layout.number;
-    }
-    const uint64_t elements = item.m_nType == ITEM_MSG ? item.m_Value.m_pMsg->EncodedSize()
-                                                       : layout.element * item.m_nCount;
-    return ITEM_HEAD + COUNT_WIDTH + elements;
 }
 
 unsigned short CMsg2::GetData(char* buf) const {
@@ -304,64 +365,34 @@ unsigned short CMsg2::GetData(char* buf) const {
 // Encodes into buf from pos on, where there is room for all of it.
 void CMsg2::Encode(char* buf, unsigned short& pos) const {
     s_SetLong(buf, pos, m_nId);
-    unsigned short count_pos = pos;
-    s_SetShort(buf, pos, 0);
-    uint16_t count = 0;
+    s_SetShort(buf, pos, CountEncoded());
     for (unsigned int i = 0; i < m_nItemCount; ++i) {
-        // An item without a type has no encoding: it isn't counted either.
         if (m_pItems[i].m_nType != ITEM_NONE) {
             EncodeItem(m_pItems[i], buf, pos);
-            ++count;
         }
     }
-    s_SetShort(buf, count_pos, count);
+}
+
+// The items that are encoded: one without a type is neither written nor counted.
+unsigned short CMsg2::CountEncoded() const {
+    const auto count = std::count_if(m_pItems, m_pItems + m_nItemCount,
+                                     [](const Node& item) { return item.m_nType != ITEM_NONE; });
+    return static_cast<unsigned short>(count);
 }
 
 void CMsg2::EncodeItem(const Node& item, char* buf, unsigned short& pos) {
-    const Node::Value& value = item.m_Value;
     s_SetLong(buf, pos, item.m_nTag);
     s_SetByte(buf, pos, item.m_nType);
-    unsigned short count_pos = pos;
-    if (s_GetLayout(item.m_nType).number == 0) {
-        s_SetShort(buf, pos, item.m_nCount);
+    if (item.m_nType != ITEM_MSG) {
+        s_SetValue(buf, pos, item);
+        return;
     }
-    switch (item.m_nType) {
-        case ITEM_DWORD:
-            s_SetLong(buf, pos, value.m_nDword);
-            break;
-        case ITEM_BYTE:
-            s_SetByte(buf, pos, static_cast<uint8_t>(value.m_nDword));
-            break;
-        case ITEM_WORD:
-            s_SetShort(buf, pos, static_cast<uint16_t>(value.m_nDword));
-            break;
-        case ITEM_QWORD:
-            s_SetLongLong(buf, pos, value.m_nQword);
-            break;
-        case ITEM_STRING:
-            s_SetBytes(buf, pos, value.m_pString, item.m_nCount);
-            break;
-        case ITEM_BYTE_ARRAY:
-            s_SetBytes(buf, pos, value.m_pBytes, item.m_nCount);
-            break;
-        case ITEM_WORD_ARRAY:
-            for (unsigned int i = 0; i < item.m_nCount; ++i) {
-                s_SetShort(buf, pos, value.m_pWords[i]);
-            }
-            break;
-        case ITEM_DWORD_ARRAY:
-            for (unsigned int i = 0; i < item.m_nCount; ++i) {
-                s_SetLong(buf, pos, static_cast<uint32_t>(value.m_pDwords[i]));
-            }
-            break;
-        case ITEM_MSG:
-            // Its length is known only now: to ask for it before would walk it once per level.
-            value.m_pMsg->Encode(buf, pos);
-            s_SetShort(buf, count_pos, static_cast<uint16_t>(pos - count_pos - COUNT_WIDTH));
-            break;
-        default:
-            break;
-    }
+    // The length is filled in afterwards: asking for it first would walk every message once for
+    // each level above it.
+    s_SetShort(buf, pos, 0);
+    const unsigned short start = pos;
+    item.m_Value.m_pMsg->Encode(buf, pos);
+    s_SetLength(buf, start, pos);
 }
 
 CMsg2::CMsg2(const char* data, unsigned long len, unsigned int growBy) : m_nGrowBy(growBy) {
@@ -369,62 +400,58 @@ CMsg2::CMsg2(const char* data, unsigned long len, unsigned int growBy) : m_nGrow
 }
 
 unsigned short CMsg2::SetData(const char* data, unsigned long len) {
-    uint32_t pos = 0;
-    const Decoded result = Decode(data, static_cast<uint32_t>(len), pos);
-    return result == Decoded::OK ? static_cast<unsigned short>(pos) : 0;
+    const int taken = Decode(data, static_cast<uint32_t>(len));
+    return taken == NO_MEMORY ? 0 : static_cast<unsigned short>(taken);
 }
 
-// Decodes a message and leaves pos behind it. Anything but OK leaves no items. Allocates nothing
-// before all items of this level are known to be there.
-CMsg2::Decoded CMsg2::Decode(const char* data, uint32_t len, uint32_t& pos) {
+// Decodes a message. Returns the bytes that it takes, 0 when they are no message, or NO_MEMORY; the
+// message is empty then. Runs once more for each level of nesting, so it has no locals whose
+// address is taken: they would cost stack in every level.
+int CMsg2::Decode(const char* data, uint32_t len) {
+    const int taken = DecodeLevel(data, len);
+    uint32_t pos = MESSAGE_HEAD;
+    for (unsigned int i = 0; i < m_nItemCount; ++i) {
+        Node& slot = m_pItems[i];
+        const uint32_t size = s_GetItemSize(slot);
+        if (slot.m_nType == ITEM_MSG) {
+            // Bytes that are no message make an empty one.
+            const uint32_t length = slot.m_nCount;
+            slot.m_nCount = 0;
+            if (slot.m_Value.m_pMsg->Decode(data + pos + size - length, length) == NO_MEMORY) {
+                Empty();
+                return NO_MEMORY;
+            }
+        }
+        pos += size;
+    }
+    return taken;
+}
+
+// Decodes everything but the contents of nested messages: these are empty as yet, and the counts of
+// their slots are their lengths. Allocates nothing before all items are known to be there.
+int CMsg2::DecodeLevel(const char* data, uint32_t len) {
     Empty();
+    uint32_t pos = 0;
     uint16_t count = 0;
     if (!s_GetLong(data, pos, m_nId, len) || !s_GetShort(data, pos, count, len)) {
-        return Decoded::MALFORMED;
+        return 0;
     }
-    const uint32_t items_pos = pos;
-    if (!s_SkipItems(data, pos, count, len)) {
-        return Decoded::MALFORMED;
+    uint32_t end = pos;
+    if (!s_SkipItems(data, end, count, len)) {
+        return 0;
     }
-    if ((m_nCapacity < count && !Resize(count)) ||
-        !DecodeItems(data + items_pos, pos - items_pos, count)) {
-        Empty();
-        return Decoded::NO_MEMORY;
+    if (count > m_nCapacity && !Resize(count)) {
+        return NO_MEMORY;
     }
-    return Decoded::OK;
-}
-
-// Fills the slots, all empty, with count items that take len bytes. False when memory is short.
-bool CMsg2::DecodeItems(const char* data, uint32_t len, uint16_t count) {
-    uint32_t pos = 0;
     while (m_nItemCount < count) {
-        ItemHead head;
-        s_GetHead(data, pos, head, len);
+        uint32_t size = 0;
         Node& slot = m_pItems[m_nItemCount++];
-        slot.m_nTag = head.tag;
-        slot.m_nType = head.type;
-        slot.m_nCount = head.count;
-        if (!DecodeValue(slot, data + pos, head.size)) {
-            return false;
+        s_GetHead(data, pos, slot, size, len);
+        if (!s_GetValue(slot, data + pos, size)) {
+            Empty();
+            return NO_MEMORY;
         }
-        pos += head.size;
+        pos += size;
     }
-    return true;
-}
-
-// Gives a slot with type and count its value, from exactly len bytes. False when memory is short.
-bool CMsg2::DecodeValue(Node& slot, const char* data, uint32_t len) {
-    if (slot.m_nType == ITEM_MSG) {
-        slot.m_nCount = 0;
-        CMsg2* const msg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
-        slot.m_Value.m_pMsg = msg;
-        uint32_t pos = 0;
-        // Bytes that are no message make an empty one.
-        return msg != nullptr && msg->Decode(data, len, pos) != Decoded::NO_MEMORY;
-    }
-    if (s_GetLayout(slot.m_nType).number > 0) {
-        s_GetNumber(slot, data, len);
-        return true;
-    }
-    return slot.m_nCount == 0 || s_GetElements(slot, data, len);
+    return static_cast<int>(pos);
 }
