@@ -95,10 +95,6 @@ bool s_Get(const char* data, uint32_t& pos, T& out, uint32_t len) {
     return true;
 }
 
-bool s_GetByte(const char* data, uint32_t& pos, uint8_t& out, uint32_t len) {
-    return s_Get(data, pos, out, len);
-}
-
 bool s_GetShort(const char* data, uint32_t& pos, uint16_t& out, uint32_t len) {
     if (!s_Get(data, pos, out, len)) {
         return false;
@@ -128,10 +124,6 @@ template <typename T>
 void s_Set(char* buf, unsigned short& pos, T value) {
     memcpy(buf + pos, &value, sizeof value);
     pos = static_cast<unsigned short>(pos + sizeof value);
-}
-
-void s_SetByte(char* buf, unsigned short& pos, uint8_t value) {
-    s_Set(buf, pos, value);
 }
 
 void s_SetShort(char* buf, unsigned short& pos, uint16_t value) {
@@ -170,7 +162,7 @@ void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
             s_SetLong(buf, pos, value.m_nDword);
             break;
         case CMsg2::ITEM_BYTE:
-            s_SetByte(buf, pos, static_cast<uint8_t>(value.m_nDword));
+            s_Set(buf, pos, static_cast<uint8_t>(value.m_nDword));
             break;
         case CMsg2::ITEM_WORD:
             s_SetShort(buf, pos, static_cast<uint16_t>(value.m_nDword));
@@ -202,7 +194,7 @@ void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
 // Reads what stands before an item's number or elements into slot and leaves pos behind it; size
 // is what those take. False when the item would pass len.
 bool s_GetHead(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t& size, uint32_t len) {
-    if (!s_GetLong(data, pos, slot.m_nTag, len) || !s_GetByte(data, pos, slot.m_nType, len)) {
+    if (!s_GetLong(data, pos, slot.m_nTag, len) || !s_Get(data, pos, slot.m_nType, len)) {
         return false;
     }
     const ValueLayout layout = s_GetLayout(slot.m_nType);
@@ -270,7 +262,7 @@ void s_GetNumber(CMsg2::Node& slot, const char* data, uint32_t len) {
             s_GetLong(data, pos, value.m_nDword, len);
             break;
         case CMsg2::ITEM_BYTE:
-            s_GetByte(data, pos, byte, len);
+            s_Get(data, pos, byte, len);
             value.m_nDword = byte;
             break;
         case CMsg2::ITEM_WORD:
@@ -382,7 +374,7 @@ unsigned short CMsg2::CountEncoded() const {
 
 void CMsg2::EncodeItem(const Node& item, char* buf, unsigned short& pos) {
     s_SetLong(buf, pos, item.m_nTag);
-    s_SetByte(buf, pos, item.m_nType);
+    s_Set(buf, pos, item.m_nType);
     if (item.m_nType != ITEM_MSG) {
         s_SetValue(buf, pos, item);
         return;

@@ -1,0 +1,34 @@
+// What the tests of messages share.
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "msg/Msg2.h"
+#include "msg/cmsgdump.h"
+
+inline std::string bytes(std::initializer_list<int> values) {
+    std::string result;
+    for (const int value : values) {
+        result.push_back(static_cast<char>(value));
+    }
+    return result;
+}
+
+// Decodes from a block of exactly the data's size, so that a sanitizer sees every read past it.
+inline unsigned short decode(CMsg2& msg, const std::string& data) {
+    const std::vector<char> block(data.begin(), data.end());
+    return msg.SetData(block.data(), block.size());
+}
+
+inline std::string encode(const CMsg2& msg) {
+    std::vector<char> block(msg.GetTrueDataSize());
+    const unsigned short size = msg.GetData(block.data());
+    return std::string(block.data(), size);
+}
+
+inline std::string dump(const CMsg2& msg, unsigned char type = ' ', int flags = MSG_LABEL_TAG) {
+    char text[MSG_TEXT_SIZE];
+    return Msg2String(&msg, type, text, flags);
+}

@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "msg/Message.h"
+#include "tests/msg/bytes.h"
+
+namespace {
+
+const unsigned long MINUS_ONE = static_cast<unsigned long>(-1);
+
+TEST(Container, KeepsPlaceAndOrder) {
+    CMsg2 msg(2, 3);
+    for (unsigned int tag = 1; tag <= 6; ++tag) {
+        EXPECT_TRUE(msg.SetByte(tag, static_cast<unsigned char>(tag)));
+    }
+    EXPECT_TRUE(msg.SetString(3, "ab"));
+    EXPECT_EQ(dump(msg),
+              "[ 00000001=01,00000002=02,00000003='ab',00000004=04,00000005=05,"
+              "00000006=06]");
+    EXPECT_FALSE(msg.Remove(7));
+    EXPECT_TRUE(msg.Remove(3));
+    EXPECT_TRUE(msg.Remove(6));
+    EXPECT_TRUE(msg.Remove(1));
+    EXPECT_EQ(dump(msg), "[ 00000002=02,00000004=04,00000005=05]");
+    msg.SetId(MINUS_ONE);
+    msg.Empty();
+    EXPECT_EQ(msg.GetItemCount(), 0);
+    EXPECT_EQ(msg.GetId(), 0xFFFFFFFFu);
+    EXPECT_FALSE(msg.Exists(2));
+}
+
+TEST(Container, ReadsNothingButItsOwnType) {
+    CMsg2 sub(1, 1);
+    const struct {
+        bool (*set)(CMsg2&, const CMsg2&);
+        unsigned char type;
+        unsigned short count;
+        unsigned long number;
+        const char* read;  // which getters give a value: b, w, d, q, s, B, W, D, m
+    } rows[] = {
+        {[](CMsg2& m, const CMsg2&) { return m.SetDword(1, MINUS_ONE); }, 1, 0, 0xFFFFFFFF, "d"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetString(1, "ab"); }, 2, 3, 0, "s"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetByteArray(1, 0x10002, nullptr); }, 3, 2, 0, "B"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetWordArray(1, 2, nullptr); }, 4, 2, 0, "W"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetDwordArray(1, 2, nullptr); }, 5, 2, 0, "D"},
+        {[](CMsg2& m, const CMsg2& s) { return m.SetMsg(1, &s); }, 6, 0, 0, "m"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetByte(1, 0x85); }, 7, 0, 0x85, "b"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetWord(1, 0x8585); }, 8, 0, 0x8585, "w"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetQword(1, 0x100000000); }, 9, 0, 0, "q"},
+        {[](CMsg2& m, const CMsg2&) { return m.SetBool(1, true); }, 7, 0, 1, "b"},
+    };
+    CMsg2 msg(1, 0);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.read);
+        ASSERT_TRUE(row.set(msg, sub));
+        EXPECT_EQ(msg.GetItemCount(), 1);
+        EXPECT_EQ(msg.GetItemType(1), row.type);
+        EXPECT_EQ(msg.GetArrayCount(1), row.count);
+        EXPECT_EQ(msg.GetNumber(1), row.number);
+        std::string read;
+        read += msg.GetByte(1) != 0 ? "b" : "";
+        read += msg.GetWord(1) != 0 ? "w" : "";
+        read += msg.GetDword(1) != 0 ? "d" : "";
+        read += msg.GetQword(1) != 0 ? "q" : "";
+        read += msg.GetString(1) != nullptr ? "s" : "";
+        read += msg.GetByteArray(1) != nullptr ? "B" : "";
+        read += msg.GetWordArray(1) != nullptr ? "W" : "";
+        read += msg.GetDwordArray(1) != nullptr ? "D" : "";
+        read += msg.GetMsg(1) != nullptr ? "m" : "";
+        EXPECT_EQ(read, row.read);
+        EXPECT_EQ(msg.GetBool(1), row.type == CMsg2::ITEM_BYTE);
+        EXPECT_EQ(msg.SetByteArrayItem(1, 1, 7), row.type == CMsg2::ITEM_BYTE_ARRAY);
+        EXPECT_EQ(msg.SetWordArrayItem(1, 1, 7), row.type == CMsg2::ITEM_WORD_ARRAY);
+        EXPECT_EQ(msg.SetDwordArrayItem(1, 1, MINUS_ONE), row.type == CMsg2::ITEM_DWORD_ARRAY);
+        EXPECT_FALSE(msg.SetByteArrayItem(1, 2, 7) || msg.SetWordArrayItem(1, 2, 7) ||
+                     msg.SetDwordArrayItem(1, 2, 7));
+        if (msg.GetDwordArray(1) != nullptr) {
+            EXPECT_EQ(msg.GetDwordArray(1)[0], 0u);
+            EXPECT_EQ(msg.GetDwordArray(1)[1], 0xFFFFFFFFu);
+        }
+    }
+    EXPECT_EQ(msg.GetItemType(2) + msg.GetArrayCount(2) + msg.GetNumber(2), 0u);
+}
+
+TEST(Container, RefusesWhatDoesNotFit) {
+    CMsg2 full(2, 0);
+    full.SetByte(1, 1);
+    full.SetByte(MINUS_ONE, 2);
+    const std::string before = dump(full);
+    const std::string text(65535, 'x');
+    EXPECT_FALSE(full.SetByte(3, 3) || full.SetString(3, "ab") || full.SetMsg(3, &full));
+    EXPECT_FALSE(full.SetMsg(1, nullptr) || full.SetString(1, text.c_str()));
+    EXPECT_EQ(dump(full), before);
+    EXPECT_TRUE(full.SetDword(0xFFFFFFFF, 5));  // the tag that is there already
+    EXPECT_TRUE(full.SetString(1, text.c_str() + 1));
+    EXPECT_EQ(full.GetArrayCount(1), 65535);
+
+    CMsg2 more(1, 1);
+    more.SetByte(3, 3);
+    more.SetByte(1, 9);
+    full += more;
+    EXPECT_EQ(dump(full), "[ 00000001=09,FFFFFFFF=00000005]");
+
+    CMsg2 wraps(16, 0xFFFFFFFF);
+    for (unsigned int tag = 0; tag < 16; ++tag) {
+        EXPECT_TRUE(wraps.SetByte(tag, 0));
+    }
+    EXPECT_FALSE(wraps.SetByte(16, 0));
+}
+
+TEST(Container, HoldsNoMoreThan65535Items) {
+#ifndef __OPTIMIZE__
+    GTEST_SKIP() << "every new tag is compared with all others: too slow without optimisation";
+#endif
+    CMsg2 msg(16, 16384);
+    for (unsigned long tag = 0; tag < 65535; ++tag) {
+        ASSERT_TRUE(msg.SetByte(tag, 1));
+    }
+    EXPECT_FALSE(msg.SetByte(65535, 1));
+    EXPECT_TRUE(msg.SetByte(65534, 2));
+    EXPECT_EQ(msg.GetItemCount(), 65535);
+    EXPECT_EQ(msg.GetDataSize(), (6 + 65535 * 6) % 65536);
+}
+
+// With repeated tags the cursor shows: a search begins where the last one ended.
+TEST(Container, SearchesFromTheCursor) {
+    CMsg2 msg(0, 16);
+    decode(msg, bytes({0, 0, 0, 0, 0, 5, 0, 0, 0, 1, 7, 1, 0, 0, 0, 2, 7, 2,
+                       0, 0, 0, 1, 7, 3, 0, 0, 0, 3, 7, 4, 0, 0, 0, 2, 7, 5}));
+    EXPECT_EQ(msg.GetByte(1), 1);
+    EXPECT_EQ(msg.GetByte(3), 4);
+    EXPECT_EQ(msg.GetByte(2), 5);
+    EXPECT_EQ(msg.GetByte(1), 1);  // around the end
+    EXPECT_EQ(msg.GetByte(2), 2);
+    EXPECT_EQ(msg.GetByte(9), 0);  // a miss leaves the cursor where it was
+    EXPECT_EQ(msg.GetByte(1), 3);
+    EXPECT_TRUE(msg.Remove(1));  // the cursor names what moved up
+    EXPECT_EQ(msg.GetByte(2), 5);
+    EXPECT_EQ(dump(msg), "[ 00000001=01,00000002=02,00000003=04,00000002=05]");
+    CMsg2 copy(msg);  // the last value in the first place
+    EXPECT_EQ(dump(copy), "[ 00000001=01,00000002=05,00000003=04]");
+}
+
+TEST(Container, MergesAndCopies) {
+    CMsg2 sub(1, 1), a(1, 1), b(2, 0);
+    sub.SetByte(7, 7);
+    a.SetId(0x41000000);
+    a.SetByte(1, 1);
+    a.SetMsg(2, &sub);
+    b.SetId(0x42000000);
+    b.SetString(2, "b");
+    b.SetWordArray(3, 1, nullptr);
+    a += b;
+    EXPECT_EQ(dump(a), "[A 00000001=01,00000002='b',00000003={0000}]");
+    a.SetMsg(1, &sub);
+    b = a;
+    a.Empty();
+    EXPECT_EQ(dump(b), "[A 00000001=DGRM [ 00000007=07],00000002='b',00000003={0000}]");
+    EXPECT_TRUE(b.SetByte(4, 4));  // grows now, as a does
+    b.Copy(nullptr);
+    EXPECT_EQ(b.GetItemCount(), 4);
+    decode(b, bytes({0, 0, 0, 0, 0, 2, 0, 0, 0, 9, 12, 0, 5, 0, 0, 0, 8, 7, 6}));
+    a += b;
+    EXPECT_EQ(dump(a), "[A 00000008=06]");  // what has no value is not copied
+}
+
+TEST(Container, TakesPointersIntoItself) {
+    const unsigned long dwords[] = {1, 2};
+    CMsg2 msg(16, 16), sub(16, 16);
+    sub.SetId(0x53000000);
+    sub.SetByte(3, 3);
+    sub.SetMsg(4, &sub);
+    sub.SetByte(5, 5);
+    msg.SetString(1, "abc");
+    msg.SetDwordArray(2, 2, dwords);
+    msg.SetMsg(4, &sub);
+    EXPECT_TRUE(msg.SetString(1, msg.GetString(1) + 1));
+    EXPECT_TRUE(msg.SetDwordArray(2, 1, msg.GetDwordArray(2) + 1));
+    EXPECT_TRUE(msg.SetString(3, msg.GetString(1)));
+    const std::string whole = dump(msg);
+    EXPECT_EQ(whole,
+              "[ 00000001='bc',00000002={00000002},00000004=DGRM [S 00000003=03,"
+              "00000004=DGRM [S 00000003=03],00000005=05],00000003='bc']");
+    CMsg2& same = msg;
+    msg = same;
+    msg += same;
+    msg.Copy(&same);
+    EXPECT_EQ(dump(msg), whole);
+
+    msg += *msg.GetMsg(4);  // replaces the message that it is read from
+    EXPECT_EQ(dump(msg),
+              "[ 00000001='bc',00000002={00000002},00000004=DGRM [S 00000003=03],"
+              "00000003=03,00000005=05]");
+    EXPECT_TRUE(msg.SetMsg(4, msg.GetMsg(4)));
+    EXPECT_TRUE(msg.SetMsg(6, &msg));
+    msg = *msg.GetMsg(6)->GetMsg(4);
+    EXPECT_EQ(dump(msg), "[S 00000003=03]");
+}
+
+TEST(Container, NamesTags) {
+    EXPECT_EQ(CMsg2::GetTag(nullptr), 0u);
+    EXPECT_EQ(CMsg2::GetTag(""), 0u);
+    EXPECT_EQ(CMsg2::GetTag("IN"), 0x494E0000u);
+    EXPECT_EQ(CMsg2::GetTag("INDIX"), 0x494E4449u);
+    EXPECT_EQ(CMsg2::GetTag("\xFF"), 0xFF000000u);
+    EXPECT_EQ(CMsg2::GetTag("A", 5), 0x41303035u);
+    EXPECT_EQ(CMsg2::GetTag(nullptr, 42), 0x30303432u);
+    EXPECT_EQ(CMsg2::GetTag("", 9999), 0x39393939u);
+    EXPECT_EQ(CMsg2::GetTag("", 10000), 0u);
+    EXPECT_EQ(CMsg2::GetTag("AB", 99), 0x41423939u);
+    EXPECT_EQ(CMsg2::GetTag("AB", 100), 0u);
+    EXPECT_EQ(CMsg2::GetTag("ABC", 9), 0x41424339u);
+    EXPECT_EQ(CMsg2::GetTag("ABCD", 0), 0u);
+    char name[5];
+    EXPECT_STREQ(CMsg2::GetName(0x494E4449, name), "INDI");
+    CMsg2 msg(2, 0);
+    msg.SetByte(0x41420001, 0);
+    msg.SetByte(0x7E20807F, 0);
+    EXPECT_TRUE(msg.GetItemName(0, name));
+    EXPECT_STREQ(name, "AB");
+    EXPECT_TRUE(msg.GetItemName(1, name));
+    EXPECT_STREQ(name, "~ ");
+    EXPECT_FALSE(msg.GetItemName(2, name));
+    unsigned long tag = 1;
+    EXPECT_FALSE(msg.GetItemTag(2, tag));
+    EXPECT_TRUE(msg.GetItemTag(1, tag));
+    EXPECT_EQ(tag, 0x7E20807Fu);
+}
+
+TEST(Message, CopiesAllButTheWayItIsSent) {
+    CMessage from(16, 16), to(16, 16);
+    EXPECT_EQ(to.GetHost() + to.GetPort() + to.GetLockID() + to.GetLockTID() + to.GetMsgType(), 0u);
+    EXPECT_TRUE(to.GetRel());
+    from.SetRoutingInfo1(MINUS_ONE, 2055, 7, MINUS_ONE);
+    from.SetRel(false);
+    from.SetMsgType('M');
+    from.SetId(0x41000000);
+    from.SetByte(1, 1);
+    to = from;
+    EXPECT_EQ(dump(to), "[A 00000001=01]");
+    EXPECT_EQ(to.GetHost(), 0xFFFFFFFFu);
+    EXPECT_EQ(to.GetPort(), 2055);
+    EXPECT_EQ(to.GetLockID(), 7);
+    EXPECT_EQ(to.GetLockTID(), 0xFFFFFFFFu);
+    EXPECT_TRUE(to.GetRel());
+    EXPECT_EQ(to.GetMsgType(), 0);
+}
+
+}  // namespace
