@@ -1,17 +1,22 @@
 // What the tests of messages share.
 #pragma once
 
-#include <initializer_list>
+#include <cctype>
 #include <string>
 #include <vector>
 
 #include "msg/Msg2.h"
 #include "msg/cmsgdump.h"
 
-inline std::string bytes(std::initializer_list<int> values) {
-    std::string result;
-    for (const int value : values) {
-        result.push_back(static_cast<char>(value));
+// Bytes written as hexadecimal digits; blanks don't count.
+inline std::string hex(const std::string& digits) {
+    std::string result, pair;
+    for (const char c : digits) {
+        pair += c == ' ' ? "" : std::string(1, c);
+        if (pair.size() == 2) {
+            result += static_cast<char>(std::stoul(pair, nullptr, 16));
+            pair.clear();
+        }
     }
     return result;
 }
@@ -24,8 +29,7 @@ inline unsigned short decode(CMsg2& msg, const std::string& data) {
 
 inline std::string encode(const CMsg2& msg) {
     std::vector<char> block(msg.GetTrueDataSize());
-    const unsigned short size = msg.GetData(block.data());
-    return std::string(block.data(), size);
+    return std::string(block.data(), msg.GetData(block.data()));
 }
 
 inline std::string dump(const CMsg2& msg, unsigned char type = ' ', int flags = MSG_LABEL_TAG) {
