@@ -1,0 +1,144 @@
+// An endpoint of the reliable-UDP transport.
+#pragma once
+
+#include <cstdint>
+
+#include "net/InetSocket.h"
+
+class CInetAddress;
+class CRUdpTIDMap;
+class RUdpMsg;
+
+// One UDP socket, one packet buffer that every message sent or received uses again, and the
+// protocol that makes a data message reliable: its sender repeats it until an acknowledgement
+// comes, its receiver acknowledges it as often as it comes and delivers it once. Which messages are
+// delivered and acknowledged is up to the derived class.
+//
+// A server receives and can send datagrams; a client sends, and receives nothing but
+// acknowledgements. Times are in milliseconds in 32 bits. For one thread; not copied.
+class CRUdpLayer1Base {
+public:
+    static constexpr unsigned char m_nRUdpVersion = 7;
+
+    // Message types. Any type but a datagram is sent reliably.
+    static constexpr unsigned char ACK = 'A';
+    static constexpr unsigned char NACK = 'N';
+    static constexpr unsigned char MESSAGE = 'M';
+    static constexpr unsigned char DATAGRAM = 0;
+
+    // What GetLastError returns.
+    enum Error : uint32_t {
+        OK = 0,
+        REFUSED = 1000,      // the receiver answered with NACK
+        TIMED_OUT = 1001,    // no acknowledgement, no message; or a datagram not sent whole
+        NO_MESSAGE = 9000,   // none given
+        NO_TIMEOUTS = 9001,  // a reliable message, and no schedule to repeat it by
+        BAD_LAYER = 9002,    // layer 0, or a type that layer 1 does not have
+        BAD_PAYLOAD_VERSION = 9003,
+        NO_BUFFER = 9004,      // not opened yet
+        TOO_LARGE = 9005,      // the message does not fit the packet
+        NOT_RECEIVING = 9006,  // no server, or not opened yet
+        BAD_ENCODING = 9007,   // the message's encoder wrote another size than it announced
+        BAD_PAYLOAD = 9008,    // the payload is no message, or more than one
+        READ_FAILED = 9009,
+        WRITE_FAILED = 9010,  // of a reliable message, or it was not written whole
+        ACK_WAIT_FAILED = 9011,
+        MSG_WAIT_FAILED = 9012
+    };
+
+    // Closed. Transaction IDs will start behind the time of day in seconds, so that an endpoint
+    // that is started again does not repeat those of its last life.
+    CRUdpLayer1Base();
+    virtual ~CRUdpLayer1Base();
+    CRUdpLayer1Base(const CRUdpLayer1Base&) = delete;
+    CRUdpLayer1Base& operator=(const CRUdpLayer1Base&) = delete;
+
+    // Opens the socket, closing an open one first, and binds it when host (a local address, or null
+    // for any) or port is given. A server must be given its port; the port of a client is chosen by
+    // the system.
+    //
+    // msg and map replace the packet buffer and the memory for repeats; they are borrowed until
+    // this object is destroyed or given others. With null the endpoint keeps what it has or makes
+    // its own: a buffer as large as the socket's, a memory of 10 s. A client needs no map; it gets
+    // the schedule of SetCliOptions(4, 1000, true, 200, null, false) unless it has one. False, with
+    // the socket closed, when any of it fails.
+    bool Open(bool server, char const* host, unsigned short port, RUdpMsg* msg, CRUdpTIDMap* map);
+
+    // Closes the socket. What Open made stays for the next Open.
+    void Close();
+
+    // Sets how often a reliable message is sent and how long its acknowledgement is awaited after
+    // each attempt. table is the caller's array of retries entries, borrowed as in Open; with null
+    // the endpoint makes its own. With tableReady the table holds the times already; else it is
+    // filled with times that add up to totalMs: all alike, or each longer than the one before by
+    // factorPct percent of it (200: twice as long). False, with nothing changed, when retries is 0,
+    // when the factor is not above 100 or too large to reckon with, or when memory is short.
+    bool SetCliOptions(unsigned int retries, unsigned long totalMs, bool exponential,
+                       unsigned long factorPct, unsigned long* table, bool tableReady);
+
+    // Sends the packet with a new transaction ID, once as a datagram; with any other type until it
+    // is acknowledged, for as long as the schedule says. To a multicast group the first
+    // acknowledgement from any host counts. Payload, payload version and routing fields are the
+    // caller's, all else of the header is written here. False with an error code on failure.
+    bool SendMsg(CInetAddress const& to, RUdpMsg* msg, unsigned char type, unsigned char layer);
+
+    // Sends the acknowledgement (positive) or refusal of the message tid. False when it could not
+    // be written.
+    bool SendAck(CInetAddress const& to, unsigned long tid, bool positive);
+
+    // Reads and drops datagrams until the answer to message tid comes from the peer. Returns 1 and
+    // whether it is a refusal; 0 when the time is up; below 0 when waiting failed.
+    int WaitForAck(CInetAddress const& from, unsigned long tid, unsigned long timeoutMs,
+                   bool& nack);
+
+    // Waits for a message to deliver; acknowledges what is to be acknowledged meanwhile. timeoutMs
+    // 0xFFFFFFFF waits without limit, 0 reads one datagram at most. msg is the packet buffer: valid
+    // until the next message is sent or received. False with an error code on failure.
+    bool WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs);
+
+    // The socket's operations of the same names (addresses in network byte order). False on
+    // failure, with errno set.
+    bool SetMcastTTL(unsigned int ttl);
+    bool SetMcastInterface(unsigned long iface);
+    bool JoinMcastGroup(unsigned long group, unsigned long iface);
+    bool LeaveMcastGroup(unsigned long group, unsigned long iface);
+
+    // The descriptor for the caller's select(), -1 when closed.
+    int GetSocket() const { return m_Socket; }
+    // The error code of the last operation.
+    unsigned long GetLastError() const { return m_nLastError; }
+    static unsigned char GetVer() { return m_nRUdpVersion; }
+    // The packet buffer, null before the first Open.
+    RUdpMsg* GetMsgBuffer() { return m_pMsg; }
+
+protected:
+    // Called for every datagram received that has a whole header. Sets deliver (to the caller of
+    // WaitForMsg), sendAck (answer its sender) and, with sendAck, positive (ACK rather than NACK).
+    virtual void ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck,
+                                bool& positive) = 0;
+
+    // Keeps the code for GetLastError. Returns false.
+    bool Fail(Error code);
+
+private:
+    bool TakeBuffer(RUdpMsg* msg);
+    bool TakeTIDMap(CRUdpTIDMap* map);
+    bool SetTable(unsigned int retries, unsigned long* table);
+    unsigned long NextTID();
+    bool Write(CInetAddress const& to, RUdpMsg& msg);
+    bool SendReliably(CInetAddress const& to, RUdpMsg& msg);
+    bool IsAck(CInetAddress const& from, unsigned long tid, bool& nack);
+    bool Receive(bool& delivered);
+
+    CInetSocket m_Socket;
+    bool m_bOpen = false;
+    unsigned long* m_pTimeouts = nullptr;  // m_nRetries entries of 32 bits each
+    bool m_bOwnTimeouts = false;
+    uint32_t m_nRetries = 0;
+    uint32_t m_nTID;  // the last one issued
+    RUdpMsg* m_pMsg = nullptr;
+    bool m_bOwnMsg = false;
+    CRUdpTIDMap* m_pTIDMap = nullptr;
+    bool m_bOwnTIDMap = false;
+    uint32_t m_nLastError = OK;
+};

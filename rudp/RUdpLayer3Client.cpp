@@ -1,0 +1,37 @@
+#include "rudp/RUdpLayer3Client.h"
+
+#include "msg/Message.h"
+#include "rudp/RUdpMsg.h"
+
+namespace {
+
+const unsigned char layer = 3;
+const unsigned long max_encoded = 65535;  // what the encoder can write
+
+}  // namespace
+
+bool CRUdpLayer3Client::SendMsg(CSvcAddress const& to, CMessage const* msg, unsigned char type) {
+    if (msg == nullptr) {
+        return Fail(NO_MESSAGE);
+    }
+    if (type != DATAGRAM && type != MESSAGE && type != USE_MESSAGE_FLAG) {
+        return false;
+    }
+    RUdpMsg* const packet = GetMsgBuffer();
+    if (packet == nullptr) {
+        return Fail(NO_BUFFER);
+    }
+    const unsigned long size = msg->GetTrueDataSize();
+    if (size > max_encoded || size > packet->GetDataSize()) {
+        return Fail(TOO_LARGE);
+    }
+    if (msg->GetData(reinterpret_cast<char*>(packet->GetDataPtr())) != size) {
+        return Fail(BAD_ENCODING);
+    }
+    packet->SetDataCount(size);
+    packet->SetPayloadVersion(CMsg2::GetVer());
+    if (type == USE_MESSAGE_FLAG) {
+        type = msg->GetRel() ? MESSAGE : DATAGRAM;
+    }
+    return CRUdpLayer2Client::SendMsg(to, packet, type, layer);
+}

@@ -1,0 +1,21 @@
+// The endpoint that sends messages.
+#pragma once
+
+#include "rudp/RUdpLayer2Client.h"
+
+class CMessage;
+
+// Puts one CMessage into each packet.
+class CRUdpLayer3Client : public CRUdpLayer2Client {
+public:
+    // A type to send with: MESSAGE when the message's reliable flag is set, else DATAGRAM.
+    static constexpr unsigned char USE_MESSAGE_FLAG = 255;
+
+    // Neither argument is used.
+    CRUdpLayer3Client(unsigned short, unsigned long) : CRUdpLayer2Client(0, 0) {}
+
+    // Sends the message's identifier and items; its routing information is not sent. type is
+    // DATAGRAM, MESSAGE or USE_MESSAGE_FLAG; any other gives false and leaves the error code as it
+    // was. False with an error code on failure.
+    bool SendMsg(CSvcAddress const& to, CMessage const* msg, unsigned char type);
+};

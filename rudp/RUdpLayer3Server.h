@@ -1,0 +1,21 @@
+// The endpoint that receives messages.
+#pragma once
+
+#include "rudp/RUdpLayer2Server.h"
+
+class CMessage;
+
+// Takes one CMessage out of each packet. Refuses (NACK) packets from a layer below.
+class CRUdpLayer3Server : public CRUdpLayer2Server {
+public:
+    static unsigned char GetLayer() { return 3; }
+
+    // Waits for the next message as layer 1 does and fills msg with it: with what it says, where it
+    // came from (the sender's address as the socket tells it; all else from the packet's header)
+    // and how. False with an error code on failure. A packet whose payload is no message is
+    // acknowledged all the same: to repeat it would not help.
+    bool WaitForMsg(CMessage* msg, unsigned long timeoutMs);
+
+protected:
+    void ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck, bool& positive) override;
+};
