@@ -1,5 +1,7 @@
 // The select() loop.
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +10,8 @@
 #include <cstring>
 
 #include "app/orvex.h"
+#include "msg/cmsgdump.h"
+#include "tqr/dotted_quad.h"
 
 namespace {
 
@@ -32,7 +36,7 @@ bool skip_word(const char*& line, const char* word) {
 
 }  // namespace
 
-CMainLoop::CMainLoop() : m_now() {
+CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     gettimeofday(&m_sweep, nullptr);
     FD_ZERO(&m_readable);
     std::fill(std::begin(m_remote), std::end(m_remote), -1);
@@ -50,6 +54,7 @@ bool CMainLoop::Turn() {
     if (m_config_changed) {
         return true;  // the read set may name connections that are closed by now
     }
+    serve_bus();
     serve_remotes();
     return true;
 }
@@ -69,8 +74,10 @@ void CMainLoop::keep_control_connection() {
 }
 
 void CMainLoop::watch(int fd) {
-    FD_SET(fd, &m_readable);
-    m_maxfd = std::max(m_maxfd, fd);
+    if (fd != -1) {
+        FD_SET(fd, &m_readable);
+        m_maxfd = std::max(m_maxfd, fd);
+    }
 }
 
 void CMainLoop::begin_read_set() {
@@ -78,6 +85,7 @@ void CMainLoop::begin_read_set() {
     FD_ZERO(&m_readable);
     m_maxfd = -1;
     watch(local.get_fd());
+    watch(rudpsrv.GetSocket());
 }
 
 // Watches every remote connection once, through the lowest of the entries that share it. When the
@@ -92,9 +100,7 @@ void CMainLoop::watch_remotes() {
         if (is_readable(fd)) {
             fd = -1;  // in the set already, through a lower entry
         }
-        if (fd != -1) {
-            watch(fd);
-        }
+        watch(fd);
         m_remote[entry] = fd;
     }
     if (sweep_due) {
@@ -118,16 +124,51 @@ void CMainLoop::serve_control() {
             dispatch_control_line(line);
         }
     }
+    if (iface_changed != 0) {
+        follow_interface();
+        iface_changed = 0;
+    }
 }
 
 void CMainLoop::dispatch_control_line(const char* line) {
     if (skip_word(line, "CFG ")) {
         m_config_changed = parse_CFG(line) != 0 || m_config_changed;
+    } else if (skip_word(line, "GPI ")) {
+        parse_GPI(line);
     } else if (skip_word(line, "GPO ")) {
         parse_GPO(line);
     } else if (skip_word(line, "SET ")) {
         parse_SET(line);
     }
+}
+
+// A batch of "SET" lines may change the interface more than once; the last one counts.
+void CMainLoop::follow_interface() {
+    const DottedQuad address(iface);
+    if (dbg != 0) {
+        printf("%s: iface changed: %s\n", appname, address.text);
+    }
+    if (setsockopt(rudpcli.GetSocket(), IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof iface) != 0) {
+        printf("%s: setsockopt(IP_MULTICAST_IF,%s) failed error: %lu\n", appname, address.text,
+               static_cast<unsigned long>(errno));
+    }
+    join_group();
+}
+
+// One message a turn, so that a flood from the bus leaves the other peers their share.
+void CMainLoop::serve_bus() {
+    if (!is_readable(rudpsrv.GetSocket())) {
+        return;
+    }
+    if (!rudpsrv.WaitForMsg(&m_received, 0)) {
+        printf("%s server RUDP:WaitForMsg failed with error: %lu\n", appname,
+               rudpsrv.GetLastError());
+        return;
+    }
+    if (dbg != 0 && msgdump != nullptr) {
+        printf("S< %s\n", Message2String(&m_received, msgdump, MSG_LABEL_TAG));
+    }
+    cmsgprocess(m_received);
 }
 
 void CMainLoop::serve_remotes() {

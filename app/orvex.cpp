@@ -13,8 +13,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "app/pidfile.h"
+#include "msg/cmsgdump.h"
+#include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
 
 std::string tqr_ip = "127.0.0.1";
@@ -22,13 +25,17 @@ unsigned short tqr_port = 93;
 uint32_t gpioip = htonl(0xEFC0FF04);  // 239.192.255.4
 uint32_t iface = 0;
 int iface_changed = 0;
+char* msgdump = nullptr;
 
 CTQRClient local;
 CGPIOClient gpiocli(CHANNEL_COUNT);
+CRUdpLayer3Server rudpsrv;
+CRUdpLayer3Client rudpcli(0, 1000);
 
 namespace {
 
 const int CONTROL_LINE_SIZE = 2000;
+const unsigned short BUS_PORT = 2060;
 
 // "ip", "ip:port" or "port"; a port that is no number, or 0, changes nothing.
 void set_control_address(const char* value) {
@@ -55,6 +62,22 @@ void print_usage() {
         "  -help                - this usage info\n"
         "  -gpioip              - GPIO mcast addr (default 239.192.255.4)\n",
         appname, tqr_ip.c_str(), tqr_port);
+}
+
+bool open_bus() {
+    if (!rudpsrv.Open(BUS_PORT, nullptr, nullptr, nullptr)) {
+        fprintf(stderr, "%s server at port %d open failed\n", appname, BUS_PORT);
+        return false;
+    }
+    if (dbg != 0) {
+        printf("%s server at port %d opened on IF_ANY\n", appname, BUS_PORT);
+    }
+    join_group();
+    if (!rudpcli.Open(nullptr, nullptr)) {
+        fprintf(stderr, "%s client open failed\n", appname);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -104,9 +127,19 @@ void request_configuration() {
     local.send("SET\nCFG GPO\n");
 }
 
+void join_group() {
+    const DottedQuad group(gpioip);
+    if (!rudpsrv.JoinMcastGroup(gpioip, iface)) {
+        fprintf(stderr, "%s S join %s failed err=%d\n", appname, group.text, errno);
+    } else if (dbg != 0) {
+        printf("%s S join %s on %s\n", appname, group.text, DottedQuad(iface).text);
+    }
+}
+
 bool start(const char* program) {
     if (dbg != 0) {
         setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // a trace is of use when it is seen at once
+        msgdump = new (std::nothrow) char[MSG_TEXT_SIZE];
     }
     signal(SIGPIPE, SIG_IGN);
     if (dbg == 0 && daemon(0, 0) != 0) {
@@ -120,6 +153,9 @@ bool start(const char* program) {
     connect_control();
     if (local.get_fd() == -1) {
         fprintf(stderr, "Failed to connect to %s:%d\n", tqr_ip.c_str(), tqr_port);
+    }
+    if (!open_bus()) {
+        return false;
     }
     request_configuration();
     return true;

@@ -3,6 +3,7 @@
 //   orvex.cpp     settings, endpoints, command line, start-up
 //   mainloop.cpp  the select() loop
 //   channels.cpp  the channel table and the control lines that change it
+//   state.cpp     pin states between the bus, the channel table and TQRD
 #pragma once
 
 #include <sys/select.h>
@@ -12,6 +13,10 @@
 #include <string>
 
 #include "gpiocli/gpiocli.h"
+#include "msg/Message.h"
+#include "net/SvcAddress.h"
+#include "rudp/RUdpLayer3Client.h"
+#include "rudp/RUdpLayer3Server.h"
 #include "tqr/tqrcli.h"
 
 const char* const appname = "orvex";
@@ -24,11 +29,14 @@ extern unsigned short tqr_port;  // its TCP port
 extern uint32_t gpioip;          // the GPIO multicast group, network byte order
 extern uint32_t iface;           // our address for multicast, network byte order; 0 = any interface
 extern int iface_changed;        // 1 from a change of iface until the loop has acted on it
+extern char* msgdump;            // in debug mode room for the text of a message, else null
 
 // ---- Endpoints, constructed before main in this order and destroyed in reverse.
 
-extern CTQRClient local;     // the control connection to TQRD
-extern CGPIOClient gpiocli;  // remote GPIO servers; entry n - 1 belongs to channel n
+extern CTQRClient local;           // the control connection to TQRD
+extern CGPIOClient gpiocli;        // remote GPIO servers; entry n - 1 belongs to channel n
+extern CRUdpLayer3Server rudpsrv;  // receives state messages from the bus
+extern CRUdpLayer3Client rudpcli;  // sends state messages to the bus
 
 // ---- Channel table. Channel n of control lines is channels[n - 1].
 
@@ -81,6 +89,46 @@ uint32_t url2ip(const char* text);
 // Stores the first five characters of a state text; where it is shorter, NULs.
 void copy_state(char (&state)[PIN_COUNT], const char* text);
 
+// ---- State messages. On the bus a pin is an item tagged (circuit-group address << 8) | circuit. A
+// pin number is the character's place in a state text: 0 to 4 of the output, 8 to 12 of the input.
+
+// What the application's messages are made with: room for 16 items, and 16 more at a time.
+const unsigned int MSG_SIZE = 16;
+const unsigned int MSG_GROW_BY = 16;
+
+const unsigned long ID_REPORT = 0x494E4449;       // "INDI": pin states, told or asked for
+const unsigned long ID_WRITE = 0x57524E49;        // "WRNI": set pins
+const unsigned long ID_WRITE_ALIAS = 0x5752494E;  // "WRIN": the same
+const unsigned long ID_READ = 0x52454144;         // "READ": ask for pin states
+
+const unsigned long TAG_REQUEST_ID = 0xFFFFFFFF;    // dword of a request
+const unsigned long TAG_REFERS_TO = 0xFFFFFFFE;     // dword of a reply: the request's identifier
+const unsigned long TAG_REPLY_KIND = 0xFFFFFFFD;    // byte of a reply
+const unsigned long TAG_REQUEST_DATA = 0xFFFFFFFC;  // qword, given back as it came
+
+// The pin number of a circuit, -1 when there is no such circuit.
+int cid2pin(unsigned long circuit);
+
+// Adds the pins of a state text to the message: of an input with offset 0, of an output with 8.
+// 'H' and 'L' make items of value 0 and 1, 'h' and 'l' are passed over, anything else ends the
+// text. Returns the number of items.
+int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset);
+
+// Reports the pins of a state text, as in iostate2cmsg, to the group. Without pins nothing is sent.
+void send_state_to_kelvo(unsigned long ach, const char* state, int offset);
+
+// Sends the message twice as a datagram: nobody acknowledges what goes to a group, so the second
+// stands in when the first is lost. What can't be sent is told on standard output. Returns 1.
+int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest);
+
+// Carries out a message from the bus: writes become lines for TQRD, a read is answered to the
+// group. Circuits and addresses that no channel has are passed over, other messages ignored.
+void cmsgprocess(CMessage& request);
+
+// "GPI n state", a control line from TQRD as those above: stores the input state of channel n, of
+// KIND_BUS, and reports it to the group.
+void parse_GPI(const char* text);
+
 // ---- Start-up.
 
 // Applies the command line to the settings. Ends the process with status 0 after "-help".
@@ -95,6 +143,9 @@ void connect_control();
 
 // Asks TQRD for its settings and its GPO configuration. Does nothing when not connected.
 void request_configuration();
+
+// Makes rudpsrv a member of the group gpioip on the interface iface. Tells a failure.
+void join_group();
 
 // Everything between the command line and the first turn of the loop: detaches unless debugging,
 // opens the endpoints. program is the invocation name. False: exit with status 1.
@@ -119,11 +170,14 @@ private:
     int wait_for_input();
     void serve_control();
     void dispatch_control_line(const char* line);
+    void follow_interface();
+    void serve_bus();
     void serve_remotes();
     void forward_remote(int entry);
     void watch(int fd);
     bool is_readable(int fd) const { return fd != -1 && FD_ISSET(fd, &m_readable); }
 
+    CMessage m_received;            // the last message from the bus
     timeval m_sweep;                // time of the last sweep of the remote connections
     timeval m_now;                  // the turn's one reading of the clock
     fd_set m_readable;              // what to wait for, then what is readable

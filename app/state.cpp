@@ -1,0 +1,195 @@
+// Pin states between the bus, the channel table and TQRD.
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <cstdio>
+
+#include "app/orvex.h"
+#include "msg/cmsgdump.h"
+#include "tqr/dotted_quad.h"
+#include "tqr/tqr_util.h"
+
+namespace {
+
+const unsigned short REPORT_PORT = 2055;
+
+// The circuits of a channel's pins: the five of its input from index 0 on, the five of its output
+// from index 8 on, in the order of state texts. 0 is no circuit.
+const unsigned char CircIDs[16] = {13, 12, 11, 10, 9, 0, 0, 0, 8, 7, 6, 5, 4, 0, 0, 0};
+const int INPUT_CIRCUITS = 0;
+const int OUTPUT_CIRCUITS = 8;
+const int INPUT_PINS = 8;  // pin numbers from here on are pins of the input
+
+// The value byte of a write.
+const unsigned char LEVEL_LOW = 0x40;
+const unsigned char STEP_10_MS = 0x80;
+const unsigned char COUNT_MASK = 0x1F;
+
+const unsigned char REPLY_TO_READ = 2;
+
+void send_to_group(CMsg2& msg) {
+    CSvcAddress dest(ntohl(gpioip), REPORT_PORT);
+    deliver_msg(msg, rudpcli, dest);
+}
+
+// Calls visit(channel index, tag, pin number) for every item that names a pin, and of these for
+// every channel with the item's address.
+template <class Visitor>
+void for_each_pin(const CMessage& request, Visitor visit) {
+    for (unsigned int i = 0; i < request.GetItemCount(); ++i) {
+        unsigned long tag = 0;
+        request.GetItemTag(i, tag);
+        const int pin = cid2pin(tag & 0xFF);
+        if (pin < 0) {
+            continue;
+        }
+        for (int c = 0; c < CHANNEL_COUNT; ++c) {
+            if (channels[c].proto == KIND_BUS && channels[c].ach == tag >> 8) {
+                visit(c, tag, pin);
+            }
+        }
+    }
+}
+
+void write_pin(int channel_number, int pin, unsigned char value) {
+    char state[] = "xxxxx";
+    state[pin] = (value & LEVEL_LOW) != 0 ? 'L' : 'H';
+    const int duration = (value & COUNT_MASK) * ((value & STEP_10_MS) != 0 ? 10 : 250);
+    char line[40];
+    if (duration == 0) {
+        snprintf(line, sizeof line, "GPO %d %s\n", channel_number, state);
+    } else {
+        snprintf(line, sizeof line, "GPO %d %s DURATION:%d\n", channel_number, state, duration);
+    }
+    local.send(line);
+    if (dbg != 0) {
+        printf("cmsgprocess > TQR %s\n", line);
+    }
+}
+
+void write_pins(CMessage& request) {
+    for_each_pin(request, [&request](int c, unsigned long tag, int pin) {
+        if (pin >= INPUT_PINS) {
+            return;  // inputs are not ours to set
+        }
+        const unsigned char value = request.GetByte(tag);
+        if (dbg != 0) {
+            printf("cmsgprocess ch=%lX circ=%d value=%X\n", tag >> 8, static_cast<int>(tag & 0xFF),
+                   value);
+        }
+        write_pin(c + 1, pin, value);
+    });
+}
+
+unsigned char read_pin(const Channel& channel, int pin) {
+    const char state =
+        pin < INPUT_PINS ? channel.gpo_state[pin] : channel.gpi_state[pin - INPUT_PINS];
+    return tolower(static_cast<unsigned char>(state)) == 'l' ? 1 : 0;
+}
+
+void answer_read(CMessage& request) {
+    CMessage reply(MSG_SIZE, MSG_GROW_BY);
+    reply.SetId(ID_REPORT);
+    reply.SetDword(TAG_REFERS_TO, request.GetDword(TAG_REQUEST_ID));
+    int matches = 0;
+    for_each_pin(request, [&reply, &matches](int c, unsigned long tag, int pin) {
+        reply.SetByte(tag, read_pin(channels[c], pin));
+        ++matches;
+    });
+    if (matches == 0) {
+        return;
+    }
+    reply.SetByte(TAG_REPLY_KIND, REPLY_TO_READ);
+    reply.SetQword(TAG_REQUEST_DATA, request.GetQword(TAG_REQUEST_DATA));
+    send_to_group(reply);
+}
+
+}  // namespace
+
+int cid2pin(unsigned long circuit) {
+    for (int pin = 0; pin < PIN_COUNT; ++pin) {
+        if (CircIDs[OUTPUT_CIRCUITS + pin] == circuit) {
+            return pin;
+        }
+    }
+    for (int pin = 0; pin < PIN_COUNT; ++pin) {
+        if (CircIDs[INPUT_CIRCUITS + pin] == circuit) {
+            return INPUT_PINS + pin;
+        }
+    }
+    return -1;
+}
+
+int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset) {
+    int count = 0;
+    for (int i = 0; i < PIN_COUNT; ++i) {
+        const unsigned long tag = (ach << 8) + CircIDs[i + offset];
+        switch (state[i]) {
+            case 'L':
+            case 'H':
+                msg->SetByte(tag, state[i] == 'L' ? 1 : 0);
+                ++count;
+                break;
+            case 'l':
+            case 'h':
+                break;
+            default:
+                return count;
+        }
+    }
+    return count;
+}
+
+void send_state_to_kelvo(unsigned long ach, const char* state, int offset) {
+    CMsg2 report(MSG_SIZE, MSG_GROW_BY);
+    report.SetId(ID_REPORT);
+    if (iostate2cmsg(&report, ach, state, offset) > 0) {
+        send_to_group(report);
+    }
+}
+
+int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
+    if (dbg != 0 && msgdump != nullptr) {
+        printf("I> %s:%d\n   %s\n", DottedQuad(htonl(static_cast<uint32_t>(dest.GetHost()))).text,
+               dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
+    }
+    CMessage copy(MSG_SIZE, MSG_GROW_BY);
+    copy.Copy(&msg);
+    for (int i = 0; i < 2; ++i) {
+        if (!client.SendMsg(dest, &copy, CRUdpLayer3Client::DATAGRAM)) {
+            printf("%s RUDP:SendMsg failed with error: %lu\n", appname, client.GetLastError());
+        }
+    }
+    return 1;
+}
+
+void cmsgprocess(CMessage& request) {
+    switch (request.GetId()) {
+        case ID_WRITE:
+        case ID_WRITE_ALIAS:
+            write_pins(request);
+            break;
+        case ID_READ:
+            answer_read(request);
+            break;
+        default:
+            break;
+    }
+}
+
+void parse_GPI(const char* text) {
+    if (dbg != 0) {
+        printf("parse_GPI %s\n", text);
+    }
+    const char* behind = nullptr;
+    const long number = tqr_strtol(text, &behind, 0);
+    if (number < 1 || number > CHANNEL_COUNT || *behind != ' ') {
+        return;
+    }
+    Channel& channel = channels[number - 1];
+    if (channel.proto == KIND_BUS) {
+        copy_state(channel.gpi_state, behind + 1);
+        send_state_to_kelvo(channel.ach, behind + 1, INPUT_CIRCUITS);
+    }
+}
