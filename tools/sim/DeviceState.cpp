@@ -15,7 +15,7 @@ public:
     // The next word, empty at the end of the line.
     std::string Next() {
         const size_t end = std::min(m_line.find(' ', m_pos), m_line.size());
-        const std::string word = m_line.substr(m_pos, end - m_pos);
+        std::string word = m_line.substr(m_pos, end - m_pos);
         m_pos = end;
         SkipBlanks();
         return word;

@@ -27,7 +27,7 @@
 class SimServer {
 public:
     static constexpr size_t MAX_CLIENTS = 500;
-    static constexpr size_t MAX_OUTPUT = 256 * 1024;  // bytes that a client may leave unread
+    static constexpr size_t MAX_OUTPUT = 262144;  // bytes that a client may leave unread
 
     enum class EventKind { Connected, Disconnected, Received, Sent, Problem };
 
