@@ -1,47 +1,27 @@
 #include "tests/rudp/test_env.h"
 
 #include <sys/time.h>
-#include <time.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <new>
 
-namespace {
-
-FixedClock* fixed = nullptr;
-
-}  // namespace
-
-FixedClock::FixedClock(int64_t start) : now(start) {
-    fixed = this;
-}
-
-FixedClock::~FixedClock() {
-    fixed = nullptr;
-}
+int64_t fixed_time = 0;
+unsigned long allocations = 0;
 
 extern "C" int gettimeofday(timeval* tv, void*) noexcept {
-    if (fixed != nullptr) {
-        *tv = {static_cast<time_t>(fixed->now / 1000000),
-               static_cast<suseconds_t>(fixed->now % 1000000)};
-        return 0;
+    timespec now = {static_cast<time_t>(fixed_time / 1000), fixed_time % 1000 * 1000000};
+    if (fixed_time == 0) {
+        clock_gettime(CLOCK_REALTIME, &now);
     }
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
     *tv = {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
     return 0;
 }
 
-unsigned long allocations = 0;
-
 void* operator new(size_t size) {
     ++allocations;
-    void* const p = malloc(size);
-    if (p == nullptr) {
-        abort();
-    }
-    return memset(p, 0xA5, size);
+    return memset(malloc(size), 0xA5, size);
 }
 
 void operator delete(void* p) noexcept {

@@ -3,13 +3,8 @@
 
 #include <cstdint>
 
-// Stops the time of day at now (microseconds) while an object of this class lives.
-class FixedClock {
-public:
-    explicit FixedClock(int64_t start);
-    ~FixedClock();
-    int64_t now;
-};
+// The time of day in milliseconds; the system's while it is 0.
+extern int64_t fixed_time;
 
-// How often operator new was called in this process. Memory from it is never zero by chance.
+// How often operator new was called. Memory from it is never zero by chance.
 extern unsigned long allocations;
