@@ -5,7 +5,8 @@
 
 add_library(orvex_options INTERFACE)
 target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
-target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+# No object is asked for its type, and classes are shared by all programs: none has type information.
+target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -fno-rtti)
 target_compile_definitions(orvex_options INTERFACE ORVEX_VERSION="${PROJECT_VERSION}")
 if(ORVEX_WERROR)
   target_compile_options(orvex_options INTERFACE -Werror)
@@ -18,9 +19,9 @@ if(ORVEX_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-# The daemon throws nothing and asks no object for its type.
+# The daemon throws nothing.
 add_library(orvex_daemon_options INTERFACE)
-target_compile_options(orvex_daemon_options INTERFACE -fno-exceptions -fno-rtti)
+target_compile_options(orvex_daemon_options INTERFACE -fno-exceptions)
 target_link_libraries(orvex_daemon_options INTERFACE orvex_options)
 
 function(orvex_library name)
