@@ -76,6 +76,21 @@ TEST_F(SimServerTest, SurvivesAnyBytes) {
     ExpectAlive(hostile);
 }
 
+TEST_F(SimServerTest, KeepsWhatAClientReadsLate) {
+    TestClient late(port);
+    ExpectAlive(late);
+    const std::string chunk(100000, 'x');
+    size_t sent = 0;
+    for (std::vector<pollfd> fds; fds.empty() || fds.back().events == POLLIN;
+         sent += chunk.size()) {
+        server.SendRaw(chunk);
+        ASSERT_EQ(server.ClientCount(), 1U);
+        fds.clear();
+        server.AddDescriptors(fds);
+    }
+    EXPECT_TRUE(StepUntil([&] { return late.Read() && late.received.size() == sent; }));
+}
+
 TEST_F(SimServerTest, DropsAClientThatDoesNotRead) {
     TestClient sleeper(port);
     TestClient reader(port);
@@ -150,6 +165,7 @@ TEST_F(SimServerTest, WaitsForDescriptors) {
     }
     EXPECT_TRUE(StepUntil([this] { return seen[Kind::Problem] == 1; }));
     EXPECT_GT(server.Timeout(-1), 500);  // the waiting client keeps nobody busy
+    server.Step(1);
     setrlimit(RLIMIT_NOFILE, &limits);
     spent.clear();
     ExpectAlive(client);
