@@ -6,6 +6,13 @@ CMessage& CMessage::Copy(const CMessage& other) {
     return *this;
 }
 
+CMessage& CMessage::operator=(const CMessage& other) {
+    if (&other != this) {
+        Copy(other);
+    }
+    return *this;
+}
+
 void CMessage::SetRoutingInfo1(unsigned long host, unsigned short port, unsigned short lockID,
                                unsigned long lockTID) {
     m_nHost = static_cast<uint32_t>(host);

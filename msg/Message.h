@@ -14,7 +14,7 @@ public:
     // does. Reliable flag and message type stay: a reply made from a request is sent as it was
     // meant to be.
     CMessage& Copy(const CMessage& other);
-    CMessage& operator=(const CMessage& other) { return Copy(other); }
+    CMessage& operator=(const CMessage& other);
     using CMsg2::Copy;
 
     // host (host byte order) and port are where the message came from and where answers go.

@@ -60,7 +60,9 @@ void CMsg2::Node::DeleteValue() {
 }
 
 CMsg2::CMsg2(unsigned int size, unsigned int growBy) : m_nGrowBy(growBy) {
-    Resize(size);
+    if (size > 0) {
+        Resize(size);
+    }
 }
 
 CMsg2::~CMsg2() {
@@ -346,14 +348,11 @@ CMsg2::Node* CMsg2::AddItem(unsigned long tag) {
     return slot;
 }
 
-// Moves the items to an array of so many slots, not fewer than there are items.
+// Moves the items to an array of so many slots, one at least and not fewer than there are items.
 bool CMsg2::Resize(uint32_t capacity) {
-    Node* items = nullptr;
-    if (capacity > 0) {
-        items = new (std::nothrow) Node[capacity];
-        if (items == nullptr) {
-            return false;
-        }
+    Node* const items = new (std::nothrow) Node[capacity];
+    if (items == nullptr) {
+        return false;
     }
     std::copy(m_pItems, m_pItems + m_nItemCount, items);
     delete[] m_pItems;

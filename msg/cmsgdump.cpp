@@ -19,6 +19,7 @@ public:
     // Nothing more can be added.
     bool IsFull() const { return m_nRoom <= 1; }
 
+    // NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format.
     void Add(const char* format, ...) __attribute__((format(printf, 2, 3))) {
         va_list args;
         va_start(args, format);
