@@ -1,4 +1,4 @@
-// Packets and the memory for repeats: no sockets, and a clock that the tests set.
+// Packets, their transaction IDs and the memory for these, with a clock that the tests set.
 #include <gtest/gtest.h>
 
 #include <list>
@@ -6,9 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "net/InetAddress.h"
+#include "net/InetSocket.h"
+#include "net/SvcAddress.h"
+#include "rudp/RUdpLayer2Client.h"
 #include "rudp/RUdpMsg.h"
 #include "rudp/RUdpTIDMap.h"
-#include "tests/rudp/test_env.h"
+#include "tests/support/Clock.h"
 
 namespace {
 
@@ -55,14 +59,31 @@ TEST(Packet, Capacity) {
     EXPECT_EQ(RUdpMsg(0xFFFFFFF0ul).GetPacketPtr(), nullptr) << "with its header beyond 32 bits";
 }
 
-// What a map remembers, in the plainest way.
+// They follow the clock, which has arrived at the last one but one, and 0 is none.
+TEST(Packet, TransactionIDs) {
+    Clock::Advance(-1002, 0);
+    CInetSocket sock;
+    CInetAddress to;
+    socklen_t size = sizeof(sockaddr_in);
+    ASSERT_EQ(sock.Open(false) | sock.Bind(0, "127.0.0.1"), 0);
+    ASSERT_EQ(getsockname(sock, to.GetAddress(), &size), 0);
+    CRUdpLayer2Client client(0, 0);
+    ASSERT_TRUE(client.Open(nullptr, nullptr));
+    for (const unsigned long tid : {0xFFFFFFFFul, 1ul, 2ul}) {
+        RUdpMsg packet(0);
+        EXPECT_TRUE(client.SendMsg({to.GetIP(), to.GetPort()}, &packet, 0, 2));
+        EXPECT_EQ(packet.GetMsgTID(), tid);
+    }
+}
+
+// What a map remembers, in the plainest way. Times are in milliseconds.
 class Model {
 public:
-    explicit Model(size_t capacity) : m_Capacity(capacity) {}
+    Model(int64_t max_age, size_t capacity) : m_MaxAge(max_age), m_Capacity(capacity) {}
 
-    bool Test(int64_t max_age, uint32_t host, uint16_t port, uint32_t tid) {
-        const auto is_old = [&](int64_t age) { return age < 0 || age > max_age; };
-        while (!m_Entries.empty() && is_old(fixed_time - m_Entries.front().since)) {
+    bool Test(int64_t now, uint32_t host, uint16_t port, uint32_t tid) {
+        const auto is_old = [&](int64_t age) { return age < 0 || age > m_MaxAge; };
+        while (!m_Entries.empty() && is_old(now - m_Entries.front().since)) {
             m_Entries.pop_front();
         }
         for (auto i = m_Entries.begin(); i != m_Entries.end(); ++i) {
@@ -70,13 +91,13 @@ public:
                 const bool repeat = i->tid == tid;
                 i->tid = tid;
                 if (!repeat && &*i != &m_Entries.back()) {
-                    i->since = fixed_time;
+                    i->since = now;
                     m_Entries.splice(m_Entries.end(), m_Entries, i);
                 }
                 return repeat;
             }
         }
-        m_Entries.push_back({host, port, tid, fixed_time});
+        m_Entries.push_back({host, port, tid, now});
         if (m_Entries.size() > m_Capacity) {
             m_Entries.pop_front();
         }
@@ -91,33 +112,36 @@ private:
         int64_t since;
     };
     std::list<Entry> m_Entries;
+    int64_t m_MaxAge;
     size_t m_Capacity;
 };
 
-// Any traffic of 80 peers, most of it close together; at times after 2^32 microseconds (and a bit),
-// at times with the clock set back.
+// Any traffic of 80 peers or 8, most of it close together; at times after 2^32 microseconds (and a
+// bit), at times with the clock set back.
 TEST(TIDMap, RemembersTheLastOfEachPeer) {
-    const int64_t steps[] = {0, 0, 0, 0, 1, 1, 2, 50, 51, 4294970, -1};
+    const long steps[] = {0, 0, 0, 0, 1, 1, 2, 5, 6, 4294970, -1};
     const struct {
         unsigned int nodes, grow_by, buckets;
     } table[] = {{0, 32, 17}, {5, 3, 17}, {5, 0, 17}, {1, 0, 1}, {0, 0, 17}, {40, 0, 3}};
     for (const auto& row : table) {
         std::vector<CRUdpTIDMap::Node> nodes(row.nodes);
-        fixed_time = 1000000000000;
-        CRUdpTIDMap map(50, nullptr, row.buckets, nodes.data(), row.nodes, row.grow_by);
-        Model model(row.grow_by != 0 ? 80 : row.nodes);
-        std::mt19937 random(1);
+        CRUdpTIDMap map(5, nullptr, row.buckets, nodes.data(), row.nodes, row.grow_by);
+        Model model(5, row.grow_by != 0 ? 80 : row.nodes);
+        std::mt19937 engine(1);
+        const auto random = [&](size_t n) { return static_cast<uint32_t>(engine() % n); };
+        int64_t now = 0;
         for (int i = 0; i < 20000; ++i) {
-            const uint32_t host = 0x0A000000 + static_cast<uint32_t>(random() % 10);
-            const uint16_t port = static_cast<uint16_t>(2055 + random() % 8);
-            const uint32_t tid = static_cast<uint32_t>(random() % 2);
-            fixed_time += steps[random() % (i % 50 == 0 ? std::size(steps) : 6)];
+            const long step = steps[random(i % 50 == 0 ? 11 : 6)];
+            Clock::Advance(step < 0 ? -1 : step / 1000, step < 0 ? 999000 : step % 1000 * 1000);
+            now += step;
             map.RemoveOldEntries();
-            ASSERT_EQ(map.DuplicateTestAndSet(host, port, tid), model.Test(50, host, port, tid))
+            const uint32_t host = 0x0A000000 + random(i % 1000 < 500 ? 10 : 1);
+            const uint16_t port = static_cast<uint16_t>(2055 + random(8));
+            const uint32_t tid = random(2);
+            ASSERT_EQ(map.DuplicateTestAndSet(host, port, tid), model.Test(now, host, port, tid))
                 << "message " << i << ", " << row.nodes << " nodes, growing by " << row.grow_by;
         }
     }
-    fixed_time = 0;
 }
 
 }  // namespace
