@@ -136,7 +136,7 @@ TEST_F(Bus, MessagesOnABadRoad) {
         ASSERT_TRUE(server.JoinMcastGroup(network_order(server_group), network_order(server_ip)));
     }
     const Host::Scope on(here);
-    ASSERT_TRUE(client.SetCliOptions(16, 16 * 250, false, 0, nullptr, false));
+    ASSERT_TRUE(client.SetCliOptions(16, 4000, false, 0, nullptr, false));
     ASSERT_TRUE(client.Open(client_ip, nullptr));
 
     const bool netem = here.Run(add_netem) == 0 && there.Run(add_netem) == 0;

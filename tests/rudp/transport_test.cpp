@@ -78,6 +78,10 @@ Bytes ack(char type, const Bytes& of) {
     return Bytes{'\0', type, '\0', '\7'} + of;
 }
 
+Bytes packet_of(const Bytes& header, const Bytes& of, const Bytes& routing, const Bytes& payload) {
+    return header + of + routing + payload;
+}
+
 TEST(Transport, RulesOfDelivery) {
     const struct {
         int layer, type, payload_version, version;
@@ -101,7 +105,7 @@ TEST(Transport, RulesOfDelivery) {
         const Bytes header{static_cast<char>(row.layer), static_cast<char>(row.type),
                            static_cast<char>(row.payload_version), static_cast<char>(row.version)};
         const Bytes routing("\x98\x07\x00\x05\x00\x00\x00\x63", 8);
-        const Bytes sent = (header + tid + routing + row.payload).substr(0, row.length);
+        const Bytes sent = packet_of(header, tid, routing, row.payload).substr(0, row.length);
         Peer peer;
         CMessage msg(16, 16);
         peer.Send(address_of(server.GetSocket()), sent);
@@ -230,7 +234,7 @@ TEST(Transport, WhatIsSent) {
                   std::chrono::milliseconds(reliable ? 995 : 0));
         const Bytes sent = peer.Receive();
         const Bytes header{3, reliable ? 'M' : '\0', 2, 7};
-        EXPECT_EQ(sent, header + sent.substr(4, 4) + Bytes(8, '\0') + indi);
+        EXPECT_EQ(sent, packet_of(header, sent.substr(4, 4), Bytes(8, '\0'), indi));
         for (int repeats = reliable ? 3 : 0; repeats > 0; --repeats) {
             EXPECT_EQ(peer.Receive(), sent);
         }
