@@ -1,0 +1,37 @@
+// A peer on the bus, played byte by byte on the studio's host.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/support/Host.h"
+
+// Receives what is sent to the group on port 2055, and sends from a port of its own.
+class BusPeer {
+public:
+    // group is a dotted quad.
+    BusPeer(const Host& host, const char* address, const char* group = "239.192.255.4");
+    ~BusPeer();
+    BusPeer(const BusPeer&) = delete;
+    BusPeer& operator=(const BusPeer&) = delete;
+
+    // Sends the bytes to an address's port 2060.
+    void Send(const std::string& bytes, const char* to);
+
+    // What came to the group, and what was answered to the sender, since it was last taken.
+    std::vector<std::string> Reports() { return Take(m_listener); }
+    std::vector<std::string> Answers() { return Take(m_sender); }
+
+    // A packet of layer 3 with the next transaction ID: header and payload.
+    std::string Packet(char type, const std::string& payload);
+
+private:
+    static std::vector<std::string> Take(int sock);
+
+    int m_listener;
+    int m_sender;
+    unsigned char m_tid = 0;
+};
+
+// Bytes from their hexadecimal text; blanks are left out.
+std::string Hex(const std::string& text);

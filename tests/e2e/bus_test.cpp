@@ -1,0 +1,300 @@
+// The daemon between its control server and a peer on the bus.
+
+#include <csignal>
+#include <memory>
+
+#include "tests/e2e/BusPeer.h"
+#include "tests/e2e/Site.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const char* const GROUP = "239.192.255.4";
+const std::string WRITE = "57524E49";
+const std::string WRITE_ALIAS = "5752494E";
+const std::string READ = "52454144";
+
+class OnTheBus : public Site {
+protected:
+    // Channels 1 and 3 have the circuit-group address 1:2, channel 2 has 0x30.
+    void StartAll(const Lines& options = {"-debug"}, const char* group = GROUP) {
+        for (const char* line :
+             {"CFG GPO 1 SRCA=1:2", "CFG GPO 2 SRCA=0x30", "CFG GPO 3 SRCA=\"tqs://1:2\"",
+              "GPI 1 LHLhl", "GPI 2 xLHHH", "GPI 3 HHHHL"}) {
+            ASSERT_EQ(tqrd.server.Apply(line), "");
+        }
+        StartControl();
+        peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS, group);
+        StartDaemon(options);
+        ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 3"));
+        ASSERT_TRUE(AwaitReports(4)) << "channels 1 and 3; the text of 2 begins with no state";
+        reports.clear();
+        tqrd.heard.clear();
+    }
+
+    bool AwaitReports(size_t count) {
+        return Await([&] {
+            for (std::string& report : peer->Reports()) {
+                reports.push_back(std::move(report));
+            }
+            return reports.size() >= count;
+        });
+    }
+
+    // Everything sent so far has been handled when this write to pin 5 of channel 2 is.
+    Lines HeardBehind(const char* to = GROUP) {
+        tqrd.heard.clear();
+        peer->Send(peer->Packet('\0', Hex(WRITE + "0001 00003004 07 40")), to);
+        AwaitHeard(tqrd, "GPO 2 xxxxL");
+        Lines heard = tqrd.heard;
+        if (!heard.empty()) {
+            heard.pop_back();
+        }
+        return heard;
+    }
+
+    // The payload of the last two reports, which must be of one message sent twice.
+    std::string LastPayload() {
+        if (reports.size() < 2) {
+            return "(no report)";
+        }
+        const std::string& first = reports[reports.size() - 2];
+        const std::string& second = reports.back();
+        EXPECT_EQ(first.substr(0, 4), std::string("\3\0\2\7", 4));
+        EXPECT_EQ(first.substr(8, 8), std::string(8, '\0'));
+        EXPECT_EQ(first.substr(16), second.substr(16));
+        EXPECT_EQ(static_cast<unsigned char>(second[7]), static_cast<unsigned char>(first[7] + 1));
+        return second.substr(16);
+    }
+
+    std::unique_ptr<BusPeer> peer;
+    Lines reports;
+};
+
+TEST_F(OnTheBus, WritesBecomeLines) {
+    StartAll();
+    const struct {
+        std::string payload;
+        Lines lines;
+    } table[] = {
+        {WRITE + "0001 00010208 07 40", {"GPO 1 Lxxxx", "GPO 3 Lxxxx"}},
+        {WRITE_ALIAS + "0001 00003008 07 00", {"GPO 2 Hxxxx"}},
+        {WRITE + "0001 00003008 07 85", {"GPO 2 Hxxxx DURATION:50"}},
+        {WRITE + "0001 00003006 07 65", {"GPO 2 xxLxx DURATION:1250"}},
+        {WRITE + "0002 00003004 07 9F 00003007 07 1F",
+         {"GPO 2 xxxxH DURATION:310", "GPO 2 xHxxx DURATION:7750"}},
+        {WRITE + "0001 00003005 01 00000040", {"GPO 2 xxxHx"}},  // no byte item
+        {WRITE + "0004 0000300D 07 40 00003003 07 40 00013108 07 40 FFFFFFFF 01 00000001", {}},
+        {READ + "0001 00013108 07 00", {}},
+        {"494E4449 0001 00003008 07 40", {}},
+        {WRITE + "0000", {}},
+    };
+    for (const auto& row : table) {
+        for (const char* to : {GROUP, DEVICE_ADDRESS}) {
+            SCOPED_TRACE(row.payload + " to " + to);
+            peer->Send(peer->Packet('\0', Hex(row.payload)), to);
+            const Lines heard = HeardBehind(to);
+            EXPECT_EQ(heard, row.lines);
+        }
+    }
+    EXPECT_FALSE(Await([&] { return !peer->Reports().empty(); }, 50));
+    EXPECT_TRUE(
+        AwaitOut("cmsgprocess ch=102 circ=8 value=40\n"
+                 "cmsgprocess > TQR GPO 1 Lxxxx\n\n"));
+    EXPECT_TRUE(AwaitOut("S< DGRM [WRNI 00010208=40]\n"));
+}
+
+TEST_F(OnTheBus, ReadsAreAnsweredToTheGroup) {
+    StartAll();
+    tqrd.server.Apply("GPO 2 LHHHH");
+    ASSERT_TRUE(AwaitOut("parse_GPO 2 LHHHH\n"));
+    // Pins of both kinds, in this order; an unknown circuit and an unknown address between them.
+    peer->Send(peer->Packet('\0', Hex(READ + "0006 0000300D 07 00 FFFFFFFF 01 12345678"
+                                             "0000300C 07 00 00003063 07 00 00009908 07 00"
+                                             "00003008 01 00000000")),
+               DEVICE_ADDRESS);
+    ASSERT_TRUE(AwaitReports(2));
+    EXPECT_EQ(LastPayload(), Hex("494E4449 0006 FFFFFFFE 01 12345678 0000300D 07 00"
+                                 "0000300C 07 01 00003008 07 01 FFFFFFFD 07 02"
+                                 "FFFFFFFC 09 0000000000000000"));
+    // Of two channels with one address the last one's pin stays; 'l' counts as low.
+    peer->Send(peer->Packet('\0', Hex(READ + "0004 0001020D 07 00 00010209 07 00"
+                                             "FFFFFFFC 09 0102030405060708 00010204 07 00")),
+               GROUP);
+    ASSERT_TRUE(AwaitReports(4));
+    EXPECT_EQ(LastPayload(), Hex("494E4449 0006 FFFFFFFE 01 00000000 0001020D 07 00"
+                                 "00010209 07 01 00010204 07 00 FFFFFFFD 07 02"
+                                 "FFFFFFFC 09 0102030405060708"));
+    EXPECT_TRUE(AwaitOut("I> 239.192.255.4:2055\n        [INDI FFFFFFFE=12345678,0000300D=00,"));
+}
+
+TEST_F(OnTheBus, InputsAreReported) {
+    StartAll();
+    const struct {
+        const char* line;
+        const char* items;  // null: no report
+    } table[] = {
+        {"GPI 2 HLxHH", "0002 0000300D 07 00 0000300C 07 01"},
+        {"GPI 2 hLHHH", "0004 0000300C 07 01 0000300B 07 00 0000300A 07 00 00003009 07 00"},
+        {"GPI 2 LH", "0002 0000300D 07 01 0000300C 07 00"},
+        {"GPI 02 LHHHH and more",
+         "0005 0000300D 07 01 0000300C 07 00 0000300B 07 00 0000300A 07 00 00003009 07 00"},
+        {"GPI 2 xLLLL", nullptr},
+        {"GPI 2 ", nullptr},
+        {"GPI 2", nullptr},
+        {"GPI 33 LLLLL", nullptr},
+        {"GPI 4 LLLLL", nullptr},
+        {"GPI 2,LLLLL", nullptr},
+    };
+    size_t expected = 0;
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.line);
+        tqrd.server.SendRaw(std::string(row.line) + "\n");
+        if (row.items != nullptr) {
+            expected += 2;
+            ASSERT_TRUE(AwaitReports(expected));
+            EXPECT_EQ(LastPayload(), Hex(std::string("494E4449") + row.items));
+        }
+    }
+    tqrd.server.SendRaw("GPI 2 L\n");
+    ASSERT_TRUE(AwaitReports(expected + 2));
+    EXPECT_EQ(reports.size(), expected + 2) << "nothing else was reported";
+}
+
+TEST_F(OnTheBus, PacketsAreAnsweredByTheRules) {
+    StartAll();
+    const std::string payload = Hex(WRITE + "0001 00003008 07 40");
+    const Lines WRITTEN = {"GPO 2 Lxxxx"};
+    const Lines NOTHING;
+    const struct {
+        const char* header;  // the first four bytes
+        size_t cut;          // how much of the payload is sent
+        const char* answer;  // the first four bytes, null: none
+        Lines lines;
+        const char* message;  // on standard output
+    } table[] = {
+        {"03000207", 12, nullptr, WRITTEN, nullptr},
+        {"034D0207", 12, "00410007", WRITTEN, nullptr},
+        {"FF520207", 12, "00410007", WRITTEN, nullptr},
+        {"02000207", 12, "004E0007", NOTHING, nullptr},
+        {"014D0206", 12, "004E0007", NOTHING, nullptr},
+        {"034D0206", 12, nullptr, NOTHING, nullptr},
+        {"034D0307", 12, "00410007", NOTHING,
+         "orvex server RUDP:WaitForMsg failed with error: 9003\n"},
+        {"034D0207", 11, "00410007", NOTHING,
+         "orvex server RUDP:WaitForMsg failed with error: 9008\n"},
+        {"03000207", 0, nullptr, NOTHING, nullptr},
+    };
+    unsigned char tid = 1;
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.header) + " " + std::to_string(row.cut));
+        const std::string id = {0, 0, 2, static_cast<char>(tid++)};
+        const std::string packet =
+            Hex(row.header) + id + std::string(8, '\7') + payload.substr(0, row.cut);
+        peer->Send(packet, DEVICE_ADDRESS);
+        EXPECT_EQ(HeardBehind(), row.lines);
+        Lines answers;
+        Await(
+            [&] {
+                answers = peer->Answers();
+                return !answers.empty();
+            },
+            row.answer == nullptr ? 0 : 5000);
+        EXPECT_EQ(answers, row.answer == nullptr ? NOTHING : Lines{Hex(row.answer) + id});
+        if (row.message != nullptr) {
+            EXPECT_TRUE(AwaitOut(row.message));
+        }
+    }
+    peer->Send(std::string(15, '\3'), DEVICE_ADDRESS);
+    EXPECT_TRUE(HeardBehind().empty());
+    EXPECT_TRUE(AwaitOut("orvex server RUDP:WaitForMsg failed with error: 1001\n"));
+}
+
+TEST_F(OnTheBus, RepeatsAreCarriedOutOnce) {
+    StartAll();
+    const std::string packet = peer->Packet('M', Hex(WRITE + "0001 00003008 07 40"));
+    for (int i = 0; i < 3; ++i) {
+        peer->Send(packet, DEVICE_ADDRESS);
+    }
+    Lines answers;
+    EXPECT_TRUE(Await([&] {
+        for (std::string& answer : peer->Answers()) {
+            answers.push_back(std::move(answer));
+        }
+        return answers.size() == 3;
+    }));
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 2 Lxxxx"));
+    EXPECT_EQ(tqrd.Count("GPO 2 Lxxxx"), 1);
+    EXPECT_TRUE(HeardBehind().empty());
+}
+
+TEST_F(OnTheBus, AChangedConfigurationComesBeforeTheDatagram) {
+    StartAll();
+    daemon->Signal(SIGSTOP);
+    peer->Send(peer->Packet('\0', Hex(WRITE + "0001 00003108 07 40")), DEVICE_ADDRESS);
+    tqrd.server.Apply("CFG GPO 2 SRCA=0x31");
+    daemon->Signal(SIGCONT);
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 2 Lxxxx"));
+    EXPECT_EQ(tqrd.heard, (Lines{"DEL GPI 2", "GPO 2 HHHHH", "ADD GPI 2", "GPO 2 Lxxxx"}));
+}
+
+TEST_F(OnTheBus, FollowsItsInterface) {
+    device.Run("ip addr del 10.77.0.1/24 dev eth0");
+    tqrd.server.Apply("CFG GPO 2 SRCA=0x30");
+    StartControl();
+    peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
+    StartDaemon();
+    ASSERT_TRUE(AwaitOut("ioctl(SIOCGIFADDR) request failed err=63\n"));
+    ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 2"));
+    ASSERT_EQ(device.Run("ip addr add 10.77.0.5/24 dev eth0"), 0);
+    tqrd.server.Apply("SET NIC_IPADDR=10.77.0.5");
+    ASSERT_TRUE(
+        AwaitOut("orvex: iface changed: 10.77.0.5\n"
+                 "orvex S join 239.192.255.4 on 10.77.0.5\n"));
+    EXPECT_TRUE(HeardBehind().empty());
+    tqrd.server.Apply("GPI 2 LHHHH");
+    EXPECT_TRUE(AwaitReports(2));
+
+    tqrd.server.Apply("SET NIC_IPADDR=192.0.2.9");  // not ours
+    EXPECT_TRUE(AwaitOut("orvex: setsockopt(IP_MULTICAST_IF,192.0.2.9) failed error: 99\n"));
+    EXPECT_TRUE(AwaitErr("orvex S join 239.192.255.4 failed err=19\n"));
+    EXPECT_TRUE(HeardBehind().empty()) << "the earlier membership stays";
+}
+
+TEST_F(OnTheBus, JoinsTheGroupItIsTold) {
+    StartAll({"-debug", "-gpioip", "239.1.1.1"}, "239.1.1.1");
+    EXPECT_TRUE(
+        AwaitOut("orvex server at port 2060 opened on IF_ANY\n"
+                 "orvex S join 239.1.1.1 on 10.77.0.1\n"));
+    EXPECT_TRUE(HeardBehind("239.1.1.1").empty());
+}
+
+TEST_F(OnTheBus, ServesWithoutTheGroup) {
+    StartControl();
+    StartDaemon({"-debug", "-gpioip", "10.1.2.3"});
+    EXPECT_TRUE(AwaitErr("orvex S join 10.1.2.3 failed err=22\n"));
+    EXPECT_TRUE(AwaitHeard(tqrd, "CFG GPO"));
+}
+
+TEST_F(OnTheBus, EndsWithStatus1WhenItsPortIsTaken) {
+    StartControl();
+    std::unique_ptr<Process> squatter;
+    {
+        const Host::Scope on(device);
+        squatter = std::make_unique<Process>(
+            Lines{"python3", "-c",
+                  "import socket,sys; s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM);"
+                  "s.bind(('',2060)); print('bound',flush=True); sys.stdin.read()"});
+    }
+    ASSERT_TRUE(Await([&] {
+        squatter->Pump();
+        return squatter->Out() == "bound\n";
+    }));
+    StartDaemon();
+    ASSERT_TRUE(Await([&] { return !daemon->IsRunning(); }));
+    EXPECT_EQ(daemon->Status(), 1);
+    EXPECT_EQ(daemon->Err(), "orvex server at port 2060 open failed\n");
+}
+
+}  // namespace
