@@ -1,0 +1,15 @@
+// What writing and reading the JSON form share.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+// Keeps the order of fields.
+using Json = nlohmann::ordered_json;
+
+// "byte" for CMsg2::ITEM_BYTE and so on; null for the others.
+const char* const TYPE_NAMES[] = {nullptr,  "dword",   "string", "bytes", "words",
+                                  "dwords", "message", "byte",   "word",  "qword"};
+const int TYPE_NAME_COUNT = 10;
+
+// Levels of nested messages that are written out and read.
+const int MAX_DEPTH = 32;

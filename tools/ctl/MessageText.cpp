@@ -1,0 +1,91 @@
+#include "tools/ctl/MessageText.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "tools/ctl/MessageJson.h"
+#include "tools/ctl/PinName.h"
+
+namespace {
+
+std::string Padded(const std::string& text, size_t width) {
+    return text.size() < width ? text + std::string(width - text.size(), ' ') : text;
+}
+
+// The time of day, local, to the millisecond.
+std::string TimeText(double time) {
+    const double seconds = static_cast<double>(static_cast<long long>(time));
+    const time_t whole = static_cast<time_t>(seconds);
+    tm local = {};
+    localtime_r(&whole, &local);
+    char text[32];
+    snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<int>((time - seconds) * 1000));
+    return text;
+}
+
+std::string KindText(const Traffic& traffic) {
+    switch (traffic.GetKind()) {
+        case Kind::Report:
+            return "report";
+        case Kind::Reply:
+            return "reply";
+        case Kind::Write:
+            return "write";
+        case Kind::Read:
+            return "read";
+        default:
+            return IdText(static_cast<uint32_t>(traffic.message.GetId()));
+    }
+}
+
+std::string TagText(uint32_t tag) {
+    if (tag == TAG_REQUEST_ID) {
+        return "request";
+    }
+    if (tag == TAG_REFERS_TO) {
+        return "refers to";
+    }
+    char text[16];
+    snprintf(text, sizeof text, "0x%08X", tag);
+    return text;
+}
+
+// The last two columns; empty when the item is not shown.
+std::string ItemText(Kind kind, const CMsg2::Node& item, bool everything) {
+    const size_t width = 12;
+    if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {
+        const PinState state = PinStateOf(kind, item);
+        return Padded(PinText(item.m_nTag), width) + "  " + LevelText(state.level, state.duration);
+    }
+    if (kind != Kind::Other && !everything) {
+        return {};
+    }
+    return Padded(TagText(item.m_nTag), width) + "  " + TypeText(item) + " " + ValueText(item);
+}
+
+std::string Line(const std::string& head, const std::string& rest) {
+    const std::string line = head + rest;
+    return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+}
+
+}  // namespace
+
+std::string ToText(const Traffic& traffic, bool everything) {
+    const std::string head = TimeText(traffic.time) + "  " +
+                             Padded(traffic.host.empty() ? "(sent)" : traffic.host, 15) + "  " +
+                             Padded(KindText(traffic), 6) + "  ";
+    std::string lines;
+    for (unsigned int i = 0; i < traffic.message.GetItemCount(); ++i) {
+        const std::string text =
+            ItemText(traffic.GetKind(), *traffic.message.GetItem(i), everything);
+        if (!text.empty()) {
+            lines += Line(head, text);
+        }
+    }
+    return lines.empty() ? Line(head, "(no pins)") : lines;
+}
+
+std::string LevelText(const std::string& level, unsigned int duration_ms) {
+    return duration_ms == 0 ? level : level + " for " + std::to_string(duration_ms) + " ms";
+}

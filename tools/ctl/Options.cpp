@@ -1,0 +1,111 @@
+#include "tools/ctl/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <cstring>
+#include <stdexcept>
+
+#include "tools/ctl/ExitStatus.h"
+
+namespace {
+
+const char* const DESCRIPTION =
+    "Reads, sets and watches pins on the multicast bus, and records and sends its messages.\n";
+
+const char* const NAMES =
+    "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal (0x10) or octal\n"
+    "(010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to c255. Behind an address of two\n"
+    "numbers the circuit needs no c: 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are one pin, but "
+    "258:8\n"
+    "is an address.\n";
+
+std::string Footer() {
+    std::string text = std::string(NAMES) + "\nExit status:\n";
+    for (const StatusSpec& status : STATUSES) {
+        text += "  " + std::to_string(status.status) + "  " + status.meaning + "\n";
+    }
+    return text;
+}
+
+bool Has(const char* commands, const char* name) {
+    return (" " + std::string(commands) + " ").find(" " + std::string(name) + " ") !=
+           std::string::npos;
+}
+
+template <typename Spec>
+void Set(const Spec& spec, const char* name, Options& options, const std::string& text) {
+    try {
+        spec.set(options, text);
+    } catch (const std::invalid_argument& error) {
+        throw CLI::ValidationError(name, error.what());
+    }
+}
+
+void AddOption(CLI::App& app, const OptionSpec& spec, Options& options) {
+    if (spec.value == nullptr) {
+        app.add_flag_callback(
+            spec.names, [&] { Set(spec, spec.names, options, ""); }, spec.help);
+        return;
+    }
+    app.add_option_function<std::string>(
+           spec.names, [&](const std::string& text) { Set(spec, spec.names, options, text); },
+           spec.help)
+        ->type_name(spec.value);
+}
+
+void AddArgument(CLI::App& app, const ArgumentSpec& spec, Options& options) {
+    app.add_option_function<std::vector<std::string>>(
+           spec.name,
+           [&](const std::vector<std::string>& words) {
+               for (const std::string& word : words) {
+                   Set(spec, spec.name, options, word);
+               }
+           },
+           spec.help)
+        ->type_name("")
+        ->required(spec.required)
+        ->expected(1, spec.repeats ? CLI::detail::expected_max_vector_size : 1);
+}
+
+// Options of all commands may stand before the command as well as behind it.
+void AddCommand(CLI::App& app, const CommandSpec& command, Options& options) {
+    CLI::App& sub = *app.add_subcommand(command.name, command.summary);
+    sub.footer(std::string(command.details) + "\n\n" + Footer());
+    for (const ArgumentSpec& argument : command.arguments) {
+        AddArgument(sub, argument, options);
+    }
+    for (const OptionSpec& option : OPTIONS) {
+        if (option.commands == nullptr || Has(option.commands, command.name)) {
+            AddOption(sub, option, options);
+        }
+    }
+}
+
+}  // namespace
+
+const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int& status) {
+    CLI::App app(DESCRIPTION, APP_NAME);
+    app.footer(Footer());
+    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
+    app.require_subcommand(1);
+    for (const OptionSpec& option : OPTIONS) {
+        if (option.commands == nullptr) {
+            AddOption(app, option, options);
+        }
+    }
+    for (const CommandSpec& command : COMMANDS) {
+        AddCommand(app, command, options);
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        status = app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+        return nullptr;
+    }
+    for (const CommandSpec& command : COMMANDS) {
+        if (app.got_subcommand(command.name)) {
+            return &command;
+        }
+    }
+    status = STATUS_USAGE;
+    return nullptr;
+}

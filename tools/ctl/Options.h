@@ -1,0 +1,74 @@
+// The command line.
+//
+// All that it takes is in the tables below: the parser, the help and whatever completes command
+// lines for a shell are made from them.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/ctl/BusLink.h"
+#include "tools/ctl/Console.h"
+#include "tools/ctl/PinName.h"
+#include "tools/ctl/PinWrite.h"
+
+struct Options {
+    BusSettings bus;
+    Console console;
+    bool json = false;
+    bool reliable = false;
+    bool all = false;   // repeats too
+    bool fast = false;  // without gaps
+    std::optional<unsigned long> count;
+    std::optional<double> seconds;
+    std::vector<PinRef> pins;
+    std::vector<PinWrite> writes;
+    std::string file;
+};
+
+// What a shell may offer for a word.
+enum class Completion { None, Interface, Pin, PinWrite, File };
+
+// The positional arguments of a command; the setter takes one word.
+struct ArgumentSpec {
+    const char* name;
+    bool required;
+    bool repeats;
+    Completion completion;
+    const char* help;
+    void (*set)(Options& options, const std::string& text);
+};
+
+struct CommandSpec {
+    const char* name;
+    const char* summary;
+    const char* details;
+    std::vector<ArgumentSpec> arguments;
+    int (*run)(const Options& options);  // returns the exit status; may throw a Failure
+};
+
+// An option with the name of its value, or a flag with null. commands holds the names of the
+// commands that have it, with blanks between; null: all of them. Setters throw
+// std::invalid_argument with the reason.
+struct OptionSpec {
+    const char* names;  // "-W,--wait"
+    const char* value;
+    Completion completion;
+    const char* commands;
+    const char* help;
+    void (*set)(Options& options, const std::string& text);
+};
+
+struct StatusSpec {
+    int status;
+    const char* meaning;
+};
+
+extern const std::vector<CommandSpec> COMMANDS;
+extern const std::vector<OptionSpec> OPTIONS;
+extern const std::vector<StatusSpec> STATUSES;
+
+// Reads a command line into options. Null when there is nothing left to do but end with the status.
+const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int& status);

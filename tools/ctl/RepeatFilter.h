@@ -1,0 +1,24 @@
+// Recognises the second copy of a message.
+#pragma once
+
+#include <deque>
+
+#include "tools/ctl/BusLink.h"
+#include "tools/ctl/Traffic.h"
+
+// A device sends every report and reply twice, one right after the other, as two packets. The
+// second is the same message from the same host within 250 ms of the first. Each message has one
+// second copy at most: of four that are alike two are repeats, so nothing that happened twice is
+// lost.
+class RepeatFilter {
+public:
+    bool IsRepeat(const Traffic& traffic, TimePoint now);
+
+private:
+    struct Entry {
+        size_t hash;  // of host, identifier and items
+        TimePoint time;
+    };
+
+    std::deque<Entry> m_entries;  // messages whose second copy may come, oldest first
+};
