@@ -1,0 +1,128 @@
+// What people write on the command line, and the note of repeats.
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "tools/ctl/PinName.h"
+#include "tools/ctl/PinWrite.h"
+#include "tools/ctl/RepeatFilter.h"
+
+namespace {
+
+const uint32_t NO_PIN = 0xFFFFFFFF;
+
+TEST(PinName, ReadsAddressesAndPins) {
+    const struct {
+        const char* text;
+        uint32_t address;
+        uint32_t tag;  // NO_PIN: an address alone
+        const char* canonical;
+    } cases[] = {
+        {"0", 0, NO_PIN, "0"},
+        {"258", 258, NO_PIN, "1:2"},
+        {"1:2", 258, NO_PIN, "1:2"},
+        {"0x102", 258, NO_PIN, "1:2"},
+        {"010", 8, NO_PIN, "8"},
+        {"0x1:010", 264, NO_PIN, "1:8"},
+        {"1:0x102", 258, NO_PIN, "1:2"},
+        {"258:8", 66056, NO_PIN, "258:8"},
+        {"0xFFFFFF", 0xFFFFFF, NO_PIN, "65535:255"},
+        {"258:out1", 258, 0x10208, "1:2:out1"},
+        {"1:2:OUT5", 258, 0x10204, "1:2:out5"},
+        {"1:2:8", 258, 0x10208, "1:2:out1"},
+        {"258:c8", 258, 0x10208, "1:2:out1"},
+        {"1:2:c0x0D", 258, 0x1020D, "1:2:in1"},
+        {"7:in5", 7, 0x709, "7:in5"},
+        {"1:2:20", 258, 0x10214, "1:2:c20"},
+        {"7:c255", 7, 0x7FF, "7:c255"},
+    };
+    for (const auto& c : cases) {
+        const PinRef pins = ParsePinRef(c.text);
+        EXPECT_EQ(pins.address, c.address) << c.text;
+        EXPECT_EQ(pins.circuit.has_value(), c.tag != NO_PIN) << c.text;
+        const std::vector<uint32_t> tags = pins.Tags();
+        if (c.tag == NO_PIN) {
+            EXPECT_EQ(tags.size(), 10U) << c.text;
+            EXPECT_EQ(tags.front(), c.address << 8 | 13) << c.text;
+            EXPECT_EQ(tags.back(), c.address << 8 | 4) << c.text;
+            EXPECT_EQ(AddressText(pins.address), c.canonical);
+        } else {
+            EXPECT_EQ(tags, std::vector<uint32_t>{c.tag}) << c.text;
+            EXPECT_EQ(PinText(c.tag), c.canonical);
+        }
+        EXPECT_EQ(ParsePinRef(c.canonical).Tags(), tags) << "what is printed can be typed";
+    }
+}
+
+TEST(PinName, RefusesTheRest) {
+    for (const char* text :
+         {"",      ":",         "1:",         ":1",          "1:2:",
+          "1::2",  "1:2:3:4",   "1:2:out1:8", "-1",          "+1",
+          " 1",    "1 ",        "x",          "out1",        "1:out6",
+          "1:in0", "1:c256",    "1:2:256",    "1:c",         "08",
+          "0x",    "0x1000000", "0x10000:1",  "1:0x1000000", "99999999999999999999",
+          "1.2"}) {
+        EXPECT_THROW(ParsePinRef(text), std::invalid_argument) << text;
+    }
+    EXPECT_THROW(ParsePin("258:8"), std::invalid_argument) << "an address is no pin";
+}
+
+TEST(PinWrite, RoundsToWhatTheByteCarries) {
+    const struct {
+        const char* text;
+        int byte;
+        unsigned int duration;
+    } cases[] = {
+        {"1:2:out1=L", 0x40, 0},         {"1:2:out1=h", 0x00, 0},
+        {"1:2:out1=L,0", 0x40, 0},       {"1:2:out1=L,1", 0xC1, 10},
+        {"1:2:out1=H,14", 0x81, 10},     {"1:2:out1=H,15", 0x82, 20},
+        {"1:2:out1=H,50", 0x85, 50},     {"1:2:out1=L,250", 0x41, 250},
+        {"1:2:out1=L,310", 0xDF, 310},   {"1:2:out1=L,404", 0xDF, 310},
+        {"1:2:out1=L,405", 0x42, 500},   {"1:2:out1=L,7750", 0x5F, 7750},
+        {"1:2:out1=H,7626", 0x1F, 7750}, {"1:2:out1=H,1000000000", 0x1F, 7750},
+    };
+    for (const auto& c : cases) {
+        const PinWrite write = ParsePinWrite(c.text);
+        EXPECT_EQ(write.tag, 0x10208U);
+        EXPECT_EQ(write.value.Byte(), c.byte) << c.text;
+        EXPECT_EQ(write.value.Duration(), c.duration) << c.text;
+    }
+    // Nothing that the byte carries is nearer than what is chosen.
+    for (unsigned long asked = 1; asked < 9000; ++asked) {
+        const long chosen = static_cast<long>(WriteValue(true, asked).Duration());
+        for (int byte = 0; byte < 256; ++byte) {
+            const long other = static_cast<long>(WriteValue(static_cast<uint8_t>(byte)).Duration());
+            ASSERT_TRUE(other == 0 || labs(other - static_cast<long>(asked)) >=
+                                          labs(chosen - static_cast<long>(asked)))
+                << asked << ": " << chosen << " rather than " << other;
+        }
+    }
+    for (const char* text : {"1:2:out1", "1:2:out1=", "1:2:out1=x", "1:2:out1=LL", "1:2:out1=1",
+                             "1:2:out1=L,", "1:2:out1=L,-1", "1:2:out1=L,1s", "1:2:out1=L,5,5",
+                             "1:2:out1=L,1000000001", "1:2=L", "=L"}) {
+        EXPECT_THROW(ParsePinWrite(text), std::invalid_argument) << text;
+    }
+}
+
+TEST(RepeatFilter, PairsMessages) {
+    const TimePoint start = After(0);
+    RepeatFilter filter;
+    const auto is_repeat = [&](const char* host, uint8_t value, int ms) {
+        Traffic traffic;
+        traffic.host = host;
+        traffic.message.SetByte(0x1020D, value);
+        return filter.IsRepeat(traffic, start + std::chrono::milliseconds(ms));
+    };
+    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 0));
+    EXPECT_FALSE(is_repeat("10.0.0.2", 1, 0)) << "another host";
+    EXPECT_FALSE(is_repeat("10.0.0.1", 0, 1)) << "another value";
+    EXPECT_TRUE(is_repeat("10.0.0.1", 1, 1));
+    EXPECT_TRUE(is_repeat("10.0.0.1", 0, 2));
+    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 3)) << "it happened again";
+    EXPECT_TRUE(is_repeat("10.0.0.1", 1, 253));
+    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 254));
+    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 505)) << "too late for a second copy";
+}
+
+}  // namespace
