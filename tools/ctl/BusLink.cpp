@@ -171,6 +171,7 @@ BusLink::Event BusLink::Wait(Traffic& traffic, TimePoint deadline) {
 
 // Reads one datagram. False when it was no message for us.
 bool BusLink::Receive(Traffic& traffic) {
+    traffic.message.SetId(0);  // a packet without a payload is delivered and names none
     if (!m_server.WaitForMsg(&traffic.message, 0)) {
         const unsigned long code = m_server.GetLastError();
         if (code == CRUdpLayer3Server::READ_FAILED) {

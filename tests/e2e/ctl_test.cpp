@@ -1,0 +1,324 @@
+// orvexctl on the studio, the daemon on the device.
+
+#include <arpa/inet.h>
+
+#include <csignal>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "net/InetAddress.h"
+#include "net/InetSocket.h"
+#include "tests/e2e/Site.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using Words = std::vector<std::string>;
+
+const char* const GROUP = "239.192.255.4";
+
+// A socket on the device for packets that no client of ours would send.
+class RawPeer {
+public:
+    RawPeer(const Host& host, unsigned short port) {
+        const Host::Scope on(host);
+        EXPECT_EQ(m_socket.Open(false), 0);
+        EXPECT_EQ(m_socket.Bind(port, nullptr), 0);
+    }
+
+    bool HasPacket() { return m_socket.WaitForRead(0) > 0; }
+
+    std::string Receive() {
+        char buf[2000];
+        const int got = m_socket.Read(&m_from, buf, sizeof buf);
+        return std::string(buf, static_cast<size_t>(std::max(got, 0)));
+    }
+
+    void Answer(const std::string& packet) { Send(m_from, packet); }
+
+    void SendToGroup(const std::string& packet) {
+        CInetAddress group;
+        group.SetAddress(GROUP, 2055);
+        Send(group, packet);
+    }
+
+private:
+    void Send(const CInetAddress& to, const std::string& packet) {
+        EXPECT_EQ(m_socket.Write(&to, packet.data(), static_cast<int>(packet.size())),
+                  static_cast<int>(packet.size()));
+    }
+
+    CInetSocket m_socket;
+    CInetAddress m_from;
+};
+
+class Ctl : public Site {
+protected:
+    // Channel 1 is at the address 1:2.
+    void StartAll() {
+        ASSERT_EQ(tqrd.server.Apply("CFG GPO 1 SRCA=1:2"), "");
+        ASSERT_EQ(tqrd.server.Apply("GPI 1 HLHHL"), "");
+        StartControl();
+        StartDaemon();
+        ASSERT_TRUE(AwaitOut("parse_GPI 1 HLHHL\n"));
+    }
+
+    std::unique_ptr<Process> Start(const Host& host, Words arguments) {
+        const std::string emulator = ORVEX_EMULATOR;
+        arguments.insert(arguments.begin(), ORVEXCTL_PROGRAM);
+        if (!emulator.empty()) {
+            arguments.insert(arguments.begin(), emulator);
+        }
+        const Host::Scope on(host);
+        return std::make_unique<Process>(arguments);
+    }
+
+    // A watch or record that listens already.
+    std::unique_ptr<Process> StartListener(const Host& host, Words arguments) {
+        arguments.emplace_back("-v");
+        auto listener = Start(host, arguments);
+        EXPECT_TRUE(Await([&] {
+            listener->Pump();
+            return listener->Err().find("listening to") != std::string::npos;
+        }));
+        return listener;
+    }
+
+    // Waits for the end; the exit status.
+    int Finish(Process& process) {
+        EXPECT_TRUE(Await([&] {
+            process.Pump();
+            return !process.IsRunning();
+        })) << process.Out()
+            << process.Err();
+        return process.Status();
+    }
+
+    bool AwaitText(Process& process, const std::string& text) {
+        return Await([&] {
+            process.Pump();
+            return process.Out().find(text) != std::string::npos;
+        });
+    }
+
+    void ExpectRun(const Words& arguments, int status, const std::string& out,
+                   const std::string& err) {
+        const auto ctl = Start(studio, arguments);
+        EXPECT_EQ(Finish(*ctl), status);
+        EXPECT_EQ(ctl->Out(), out);
+        EXPECT_EQ(ctl->Err(), err);
+    }
+};
+
+std::vector<Json> Lines(const std::string& text) {
+    std::vector<Json> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(Json::parse(line, nullptr, false));
+        EXPECT_FALSE(lines.back().is_discarded()) << line;
+    }
+    return lines;
+}
+
+long CountOf(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(Ctl, GetsPins) {
+    StartAll();
+    ExpectRun({"get", "1:2"}, 0,
+              "1:2:in1   H\n1:2:in2   L\n1:2:in3   H\n1:2:in4   H\n1:2:in5   L\n"
+              "1:2:out1  H\n1:2:out2  H\n1:2:out3  H\n1:2:out4  H\n1:2:out5  H\n",
+              "");
+    ExpectRun({"-W", "0.6", "get", "258:in2", "1:2:c13", "7", "1:2:20", "-i", "eth0"}, 3,
+              "1:2:in2  L\n1:2:in1  H\n", "orvexctl: no answer for 7, 1:2:c20\n");
+    ExpectRun({"get", "-q", "-W", "0.1", "-g", "239.1.2.3", "1:2"}, 3, "", "");
+
+    const auto json = Start(device, {"get", "--json", "-i", DEVICE_ADDRESS, "1:2:in5"});
+    EXPECT_EQ(Finish(*json), 0) << "on the device itself";
+    const std::vector<Json> lines = Lines(json->Out());
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0]["host"], DEVICE_ADDRESS);
+    EXPECT_EQ(lines[0]["items"][1]["level"], "L");
+}
+
+TEST_F(Ctl, SetsPins) {
+    StartAll();
+    ExpectRun({"set", "1:2:out1=L", "258:out5=H,333", "1:2:in1=L"}, 0, "",
+              "orvexctl: 1:2:out5: 333 ms becomes 310 ms\n"
+              "orvexctl: 1:2:in1 is an input: devices do not set it\n");
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 Lxxxx"));
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xxxxH DURATION:310"));
+    for (const Words& more : {Words{}, Words{"--to", DEVICE_ADDRESS}}) {
+        tqrd.heard.clear();
+        Words arguments = {"set", "--reliable", "-j", "1:2:c7=L,500"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const auto ctl = Start(studio, arguments);
+        EXPECT_EQ(Finish(*ctl), 0) << ctl->Err();
+        const std::vector<Json> lines = Lines(ctl->Out());
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0]["reliable"], true);
+        EXPECT_EQ(lines[0]["items"], Json::parse(R"([{"tag":66055,"type":"byte","value":66,
+                  "pin":"1:2:out2","level":"L","duration":500}])"));
+        EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xLxxx DURATION:500"));
+    }
+    EXPECT_EQ(tqrd.heard.size(), 1U);
+}
+
+TEST_F(Ctl, TellsRefusedFromUnanswered) {
+    RawPeer peer(device, 2060);
+    const Words arguments = {"set", "-r", "-W", "5", "-t", DEVICE_ADDRESS, "1:2:out1=L"};
+    const auto ctl = Start(studio, arguments);
+    ASSERT_TRUE(Await([&] { return peer.HasPacket(); }));
+    const std::string packet = peer.Receive();
+    peer.Answer(std::string("\0N\0\7", 4) + packet.substr(4, 4));
+    EXPECT_EQ(Finish(*ctl), 1);
+    EXPECT_EQ(ctl->Err(), "orvexctl: refused by the receiver\n");
+    ExpectRun({"set", "-r", "-W", "0.1", "-t", DEVICE_ADDRESS, "1:2:out1=L"}, 3, "",
+              "orvexctl: no acknowledgement within 0.1 s\n");
+}
+
+TEST_F(Ctl, WatchesUntilItIsToldToEnd) {
+    StartAll();
+    const auto all = StartListener(studio, {"watch", "--all"});
+    const auto one = StartListener(studio, {"watch", "1:2:in1"});
+    const auto other = StartListener(studio, {"watch", "7", "-W", "0.2"});
+    ASSERT_TRUE(AwaitText(*one, "reply   1:2:in1       H\n")) << "the present state";
+    ASSERT_TRUE(AwaitText(*all, "reply   1:2:in1       H\n")) << "answers to others as well";
+    tqrd.server.Apply("GPI 1 LLHHL");
+    EXPECT_TRUE(Await([&] {
+        all->Pump();
+        return CountOf(all->Out(), "report  1:2:in1       L\n") == 2;
+    })) << "both copies";
+    ASSERT_TRUE(AwaitText(*one, "report  1:2:in1       L\n"));
+    tqrd.server.Apply("GPI 1 HLHHL");
+    ASSERT_TRUE(AwaitText(*one, "report  1:2:in1       H\n"));
+    ASSERT_TRUE(Await([&] {
+        other->Pump();
+        return other->Err().find("orvexctl: no answer for 7\n") != std::string::npos;
+    }));
+    for (const auto& watch : {one.get(), other.get()}) {
+        watch->Signal(watch == one.get() ? SIGINT : SIGTERM);
+        EXPECT_EQ(Finish(*watch), 0);
+    }
+    EXPECT_EQ(CountOf(one->Out(), "1:2:in1"), 3) << one->Out();
+    EXPECT_EQ(other->Out(), "");
+
+    ExpectRun({"watch", "--for", "0.2"}, 0, "", "");
+    ExpectRun({"watch", "--for", "0.2", "--count", "1"}, 3, "", "");
+}
+
+TEST_F(Ctl, PlaysBackWhatItRecorded) {
+    StartAll();
+    const std::string file = "/run/recording";
+    const auto record = StartListener(studio, {"record", file, "--count", "2"});
+    tqrd.server.Apply("GPI 1 LLLLL");
+    ASSERT_TRUE(AwaitOut("parse_GPI 1 LLLLL\n"));
+    Linger(300);
+    tqrd.server.Apply("GPI 1 HHHHH");
+    ASSERT_EQ(Finish(*record), 0);
+
+    const auto watch = StartListener(studio, {"watch", "--json", "-c", "3"});
+    ExpectRun({"send", file}, 0, "", "");
+    ExpectRun({"send", "--fast", "/dev/null"}, 0, "", "");
+    // Made by hand, of an identifier and types that no device knows, for those who listen.
+    std::ofstream("/run/made") << R"({"id":"0xFF000001","port":2055,"reliable":true,"items":[)"
+                               << R"({"tag":7,"type":99,"value":5},{"tag":7,"type":"message",)"
+                               << R"("value":{"id":"ABCD","items":[]}}]})"
+                               << "\n\n";
+    ExpectRun({"send", "/run/made"}, 0, "", "");
+    ASSERT_EQ(Finish(*watch), 0);
+    std::stringstream text;
+    text << std::ifstream(file).rdbuf();
+    std::vector<Json> sent = Lines(text.str());
+    const std::vector<Json> heard = Lines(watch->Out());
+    ASSERT_EQ(sent.size(), 2U);
+    ASSERT_EQ(heard.size(), 3U);
+    for (size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(heard[i]["host"], STUDIO_ADDRESS);
+        EXPECT_EQ(heard[i]["items"], sent[i]["items"]);
+    }
+    const double gap = heard[1]["time"].get<double>() - heard[0]["time"].get<double>();
+    EXPECT_GE(gap, 0.29);
+    EXPECT_NEAR(gap, sent[1]["time"].get<double>() - sent[0]["time"].get<double>(), 0.2);
+    EXPECT_EQ(heard[2]["items"], Json::parse(R"([{"tag":7,"type":99,"value":5},
+              {"tag":7,"type":"message","value":{"id":"ABCD","items":[]}}])"));
+    EXPECT_EQ(heard[2]["reliable"], true);
+
+    std::ofstream("/run/made") << "{\"id\":\"ABCD\",\"items\":[]}\n{\"id\":\"ABCD\"}\n";
+    ExpectRun({"send", "/run/made"}, 1, "", "orvexctl: /run/made:2: no \"items\"\n");
+}
+
+TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
+    StartAll();
+    const auto json = StartListener(studio, {"watch", "--json"});
+    const auto text = StartListener(studio, {"watch"});
+    RawPeer peer(device, 4000);
+    const auto packet = [](int layer, int type, int payload, int version, const std::string& rest) {
+        static int tid = 0;
+        const char head[] = {static_cast<char>(layer),
+                             static_cast<char>(type),
+                             static_cast<char>(payload),
+                             static_cast<char>(version),
+                             0,
+                             0,
+                             0,
+                             static_cast<char>(++tid)};
+        return std::string(head, sizeof head) + std::string(8, '\xFF') + rest;
+    };
+    std::string deep("ABCD\0\0", 6);
+    while (deep.size() < 60000) {
+        const char length[] = {static_cast<char>(deep.size() >> 8), static_cast<char>(deep.size())};
+        deep = std::string("INDI\0\1\xFF\xFF\xFF\xFE\6", 11) + std::string(length, 2) + deep;
+    }
+    const std::string escapes("IN\x1B\xFF\0\2\0\1\2\10\2\0\6\x1B[2J\xFF\0\0\1\2\7\2\0\2\xC2\x9B",
+                              28);
+    for (const std::string& bytes :
+         {std::string(), std::string("x"), std::string(65507, '\xFF'), packet(1, 'M', 2, 7, "INDI"),
+          packet(3, 'M', 2, 6, "INDI"), packet(3, 0, 3, 7, "INDI"),
+          packet(3, 'M', 2, 7, "INDI\xFF\xFF"), packet(255, 255, 2, 7, ""),
+          packet(3, 0, 2, 7, std::string("INDI\0\0x", 7)), packet(3, 0, 2, 7, escapes),
+          packet(3, 'M', 2, 7, deep)}) {
+        peer.SendToGroup(bytes);
+    }
+    tqrd.server.Apply("GPI 1 LLLLL");
+    ASSERT_TRUE(AwaitText(*text, "report  1:2:in5       L\n"));
+    ASSERT_TRUE(AwaitText(*json, R"("pin":"1:2:in5","level":"L"}]})"));
+    std::vector<Json> lines = Lines(json->Out());
+    ASSERT_EQ(lines.size(), 4U) << "the three that are messages, and the report";
+    EXPECT_EQ(lines[0]["id"], "0x00000000") << "an empty payload";
+    EXPECT_EQ(lines[1]["id"], "0x494E1BFF");
+    EXPECT_EQ(lines[1]["items"][0]["value"], "\x1B[2J\\xFF");
+    EXPECT_EQ(text->Out().find('\x1B'), std::string::npos);
+    EXPECT_NE(text->Out().find(R"(string "\u001b[2J\\xFF")"), std::string::npos) << text->Out();
+}
+
+TEST_F(Ctl, TellsItsUsage) {
+    for (const Words& arguments :
+         {Words{}, Words{"frob"}, Words{"get"}, Words{"get", "x"}, Words{"get", "1", "-W", "0"},
+          Words{"get", "1", "-g", "10.0.0.1"}, Words{"get", "1", "-p", "0"},
+          Words{"get", "1", "-p", "1:2:3"}, Words{"get", "1", "--reliable"}, Words{"set", "1:2=L"},
+          Words{"set", "1:2:out1=L", "1:2:8=H"}, Words{"watch", "--count", "0"},
+          Words{"watch", "--for", "x"}, Words{"record"}, Words{"send", "a", "b"}}) {
+        const auto ctl = Start(studio, arguments);
+        EXPECT_EQ(Finish(*ctl), 2) << ctl->Err();
+        EXPECT_EQ(ctl->Out(), "");
+        EXPECT_NE(ctl->Err(), "");
+    }
+    const auto help = Start(studio, {"watch", "--help"});
+    EXPECT_EQ(Finish(*help), 0);
+    EXPECT_NE(help->Out().find("  3  no answer"), std::string::npos);
+    ExpectRun({"get", "-i", "nosuch", "1"}, 1, "", "orvexctl: interface nosuch: No such device\n");
+    ExpectRun({"send", "/nosuch"}, 1, "",
+              "orvexctl: can't read /nosuch: No such file or directory\n");
+    studio.Run("ip route del 224.0.0.0/4");
+    ExpectRun({"set", "1:out1=L"}, 1, "", "orvexctl: not sent: Network is unreachable\n");
+    ExpectRun({"watch"}, 1, "",
+              "orvexctl: can't join 239.192.255.4: No such device (name an interface with -i)\n");
+}
+
+}  // namespace
