@@ -21,14 +21,14 @@ protected:
     void StartAll(const Lines& options = {"-debug"}, const char* group = GROUP) {
         for (const char* line :
              {"CFG GPO 1 SRCA=1:2", "CFG GPO 2 SRCA=0x30", "CFG GPO 3 SRCA=\"tqs://1:2\"",
-              "GPI 1 LHLhl", "GPI 2 xLHHH", "GPI 3 HHHHL"}) {
+              "GPI 1 LHLhl", "GPI 2 HLHHH", "GPI 3 HHHHL"}) {
             ASSERT_EQ(tqrd.server.Apply(line), "");
         }
         StartControl();
         peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS, group);
         StartDaemon(options);
         ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 3"));
-        ASSERT_TRUE(AwaitReports(4)) << "channels 1 and 3; the text of 2 begins with no state";
+        ASSERT_TRUE(AwaitReports(6));
         reports.clear();
         tqrd.heard.clear();
     }
