@@ -232,6 +232,7 @@ TEST_F(OnTheBus, RepeatsAreCarriedOutOnce) {
 TEST_F(OnTheBus, AChangedConfigurationComesBeforeTheDatagram) {
     StartAll();
     daemon->Signal(SIGSTOP);
+    ASSERT_TRUE(Await([&] { return daemon->IsStopped(); }));
     peer->Send(peer->Packet('\0', Hex(WRITE + "0001 00003108 07 40")), DEVICE_ADDRESS);
     tqrd.server.Apply("CFG GPO 2 SRCA=0x31");
     daemon->Signal(SIGCONT);
