@@ -64,10 +64,9 @@ protected:
     }
 
     std::unique_ptr<Process> Start(const Host& host, Words arguments) {
-        const std::string emulator = ORVEX_EMULATOR;
         arguments.insert(arguments.begin(), ORVEXCTL_PROGRAM);
-        if (!emulator.empty()) {
-            arguments.insert(arguments.begin(), emulator);
+        if (ORVEX_EMULATOR[0] != '\0') {
+            arguments.insert(arguments.begin(), ORVEX_EMULATOR);
         }
         const Host::Scope on(host);
         return std::make_unique<Process>(arguments);
@@ -273,7 +272,7 @@ TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
     std::string deep("ABCD\0\0", 6);
     while (deep.size() < 60000) {
         const char length[] = {static_cast<char>(deep.size() >> 8), static_cast<char>(deep.size())};
-        deep = std::string("INDI\0\1\xFF\xFF\xFF\xFE\6", 11) + std::string(length, 2) + deep;
+        deep.insert(0, std::string("INDI\0\1\xFF\xFF\xFF\xFE\6", 11).append(length, 2));
     }
     const std::string escapes("IN\x1B\xFF\0\2\0\1\2\10\2\0\6\x1B[2J\xFF\0\0\1\2\7\2\0\2\xC2\x9B",
                               28);

@@ -87,7 +87,8 @@ TEST(MessageJson, NamesPinsOfKnownMessages) {
             ",\"type\":\"" + std::string(c.type) + "\",\"value\":" + std::to_string(c.value);
         const std::string head = "{\"id\":\"" + std::string(c.id) + "\",\"items\":[{";
         Traffic traffic;
-        FromJson(head + "\"pin\":\"258:out1\"" + value + "}]}", traffic);
+        FromJson(std::string(head).append(R"("pin":"258:out1")").append(value).append("}]}"),
+                 traffic);
         EXPECT_FALSE(traffic.message.GetRel());
         const std::string item = "[{\"tag\":66056" + value + c.rest + "}]";
         EXPECT_NE(ToJson(traffic).find(item), std::string::npos) << ToJson(traffic);
@@ -98,7 +99,8 @@ TEST(MessageJson, RefusesWhatIsNoMessage) {
     const std::string item = R"({"tag":1,"type":"byte","value":1})";
     std::string deep = R"({"id":"ABCD","items":[]})";
     for (int i = 0; i < 33; ++i) {
-        deep = R"({"id":"ABCD","items":[{"tag":1,"type":"message","value":)" + deep + "}]}";
+        deep.insert(0, R"({"id":"ABCD","items":[{"tag":1,"type":"message","value":)");
+        deep += "}]}";
     }
     const std::string lines[] = {
         "",
@@ -173,7 +175,7 @@ TEST(MessageJson, BoundsItsDepth) {
     while (bytes.size() + 13 <= 65507) {
         const char length[] = {static_cast<char>(bytes.size() >> 8),
                                static_cast<char>(bytes.size())};
-        bytes = std::string("ABCD\0\1\0\0\0\1\6", 11) + std::string(length, 2) + bytes;
+        bytes.insert(0, std::string("ABCD\0\1\0\0\0\1\6", 11).append(length, 2));
     }
     Traffic traffic;
     ASSERT_EQ(traffic.message.SetData(bytes.data(), bytes.size()), bytes.size());
