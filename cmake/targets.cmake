@@ -18,6 +18,10 @@ if(ORVEX_SANITIZE)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+if(ORVEX_FUZZ)
+  # The fuzzer follows the paths through the daemon.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 
 # The daemon throws nothing.
 add_library(orvex_daemon_options INTERFACE)

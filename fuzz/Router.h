@@ -1,0 +1,37 @@
+// The router of app/ with all its peers on loopback.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/orvex.h"
+#include "fuzz/Net.h"
+
+// Time stands still but for what moves the Clock of the tests; usleep() moves it.
+class Router {
+public:
+    static const uint16_t BUS_PORT = 2060;
+
+    // The only one, as the router has but one set of endpoints; opens those of the bus.
+    static Router& Get();
+
+    // To the state after start-up, with nothing configured; connected: to TQRD.
+    void Restart(bool connected);
+    // Restores the sending of multicasts after "SET" lines.
+    void UseLoopback();
+    void AcceptRemotes();
+    void ResetRemotes();
+
+    // The number of the channel with each address of the bus. False when channels share one.
+    static bool BusChannels(std::map<uint32_t, int>& numbers);
+    // Takes from the group what must be there: reports, each sent twice. The payloads.
+    std::vector<std::string> TakeReports(size_t wanted);
+
+    TcpPeer tqrd{40093};
+    TcpPeer remotes[2] = {TcpPeer(93), TcpPeer(94)};
+    UdpPeer group{2055};
+
+private:
+    Router();
+};
