@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -27,9 +28,7 @@ sockaddr_in address(uint32_t ip, uint16_t port) {
 
 int bound_socket(int type, uint32_t ip, uint16_t port) {
     const int sock = socket(AF_INET, type, 0);
-    const int on = 1;
     const sockaddr_in local = address(ip, port);
-    CHECK(setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0);
     CHECK(bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0);
     return sock;
 }
@@ -113,7 +112,10 @@ void TcpPeer::Accept(int client) {
 
 void TcpPeer::AcceptAll() {
     while (is_readable(m_Listener)) {
-        m_Socks.push_back(accept(m_Listener, nullptr, nullptr));
+        const int sock = accept(m_Listener, nullptr, nullptr);
+        const int on = 1;
+        setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // what is sent arrives at once
+        m_Socks.push_back(sock);
     }
 }
 
