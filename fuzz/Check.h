@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -14,6 +15,6 @@
 inline const int check_output = dup(STDERR_FILENO);
 
 [[noreturn]] inline void check_failed(const char* condition, const char* file, int line) {
-    dprintf(check_output, "%s:%d: does not hold: %s\n", file, line, condition);
+    dprintf(check_output, "%s:%d: does not hold: %s (errno %d)\n", file, line, condition, errno);
     abort();
 }

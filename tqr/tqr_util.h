@@ -49,7 +49,7 @@ char* tqr_valdup(const char* value);
 
 // Reads "tqs://N" (a multicast group 239.192.x.y), "tqs://a.b.c.d[:port]" or either without scheme.
 // Returns the address in network byte order, 0 when the text is neither. Stores the port (host byte
-// order, 5004 when none is given) unless port is null or the result is 0.
+// order, 5004 when none is given) unless port is null or the text is neither.
 unsigned long tq_url2ip(const char* url, unsigned short* port);
 
 // Whether tqr_alter_str may put this field in place of an old one: 1, or 0 for an "HWID:" field
