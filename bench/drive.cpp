@@ -1,0 +1,267 @@
+// Drives the daemon and the stand-ins and measures them from outside; prints JSON.
+//
+//   orvex-drive delay COUNT                 delays of COUNT events of each path, all subjects in
+//   turn orvex-drive rate                        events a second without loss orvex-drive growth
+//   with the number of senders and of items orvex-drive idle SECONDS                wake-ups of an
+//   idle daemon orvex-drive events PATH COUNT WORD...   only drives the daemon, started as WORD...
+//   DAEMON
+#include <sched.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "bench/Rig.h"
+#include "bench/sockets.h"
+
+namespace {
+
+using json = nlohmann::json;
+using Words = std::vector<std::string>;
+
+std::unique_ptr<Rig> start_daemon(Words words = {}) {
+    words.push_back(ORVEX_PROGRAM);
+    return std::make_unique<Rig>(words, Rig::Kind::Daemon);
+}
+
+std::unique_ptr<Rig> start_floor(const char* name, Path path) {
+    return std::make_unique<Rig>(Words{ORVEX_FLOOR, name, path_name(path)}, Rig::Kind::Floor);
+}
+
+// This process and all it starts from now on run on the processors from first to last.
+void pin(int first, int last) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (int cpu = first; cpu <= last; ++cpu) {
+        CPU_SET(cpu, &set);
+    }
+    sched_setaffinity(0, sizeof set, &set);
+}
+
+int last_processor() {
+    return static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1;
+}
+
+double percentile(std::vector<int64_t>& values, double part) {
+    const auto place =
+        values.begin() + static_cast<long>(part * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), place, values.end());
+    return static_cast<double>(*place) / 1000;
+}
+
+json summary(std::vector<int64_t>& delays) {
+    return {{"median_us", percentile(delays, 0.5)}, {"p99_us", percentile(delays, 0.99)}};
+}
+
+// ---- delay
+
+// A subject and what was measured of it on one path.
+struct Subject {
+    std::string name;
+    std::unique_ptr<Rig> rig;
+    std::vector<int64_t> delays;
+};
+
+// The subjects take turns event by event, each turn beginning with another one, so that all of them
+// see the same machine.
+json path_delays(Path path, int count) {
+    Subject subjects[3] = {{"daemon", start_daemon(), {}},
+                           {"least", start_floor("least", path), {}},
+                           {"same", start_floor("same", path), {}}};
+    const int warm_up = 50;
+    int64_t cpu[3] = {};
+    for (int i = -warm_up; i < count; ++i) {
+        for (int k = 0; k < 3; ++k) {
+            Subject& subject = subjects[(i + warm_up + k) % 3];
+            if (i == 0) {
+                cpu[(i + warm_up + k) % 3] = subject.rig->CpuNs();
+            }
+            const int64_t delay = subject.rig->Event(path);
+            if (i >= 0) {
+                subject.delays.push_back(delay);
+            }
+        }
+    }
+    json result;
+    for (int k = 0; k < 3; ++k) {
+        Subject& subject = subjects[k];
+        json& entry = result[subject.name] = summary(subject.delays);
+        entry["cpu_us"] = static_cast<double>(subject.rig->CpuNs() - cpu[k]) / 1000 / count;
+        entry["resident_kib"] = subject.rig->ResidentKiB();
+    }
+    return result;
+}
+
+json delay(int count) {
+    pin(last_processor(), last_processor());
+    json result;
+    for (int path = 0; path < PATH_COUNT; ++path) {
+        result[PATH_NAMES[path]] = path_delays(static_cast<Path>(path), count);
+    }
+    return result;
+}
+
+// ---- rate
+
+// Sends for a fifth of a second at the rate. Whether every event was completed.
+bool sustains(Rig& rig, Path path, int rate) {
+    const int count = rate / 5;
+    const int64_t start = now_ns();
+    int sent = 0;
+    int done = 0;
+    while (sent < count) {
+        const int64_t due = (now_ns() - start) * rate / 1000000000;
+        for (; sent < std::min<int64_t>(due, count); ++sent) {
+            rig.Start(path);
+        }
+        done += rig.Finish(path);
+    }
+    const bool kept_up = now_ns() - start < INT64_C(250000000);
+    const int64_t end = now_ns() + 200000000;
+    while (done < count && now_ns() < end) {
+        done += rig.Finish(path);
+    }
+    return kept_up && done == count;
+}
+
+// The highest rate that works, to a twentieth: doubled until it fails twice, then halved in.
+int sustained_rate(Rig& rig, Path path) {
+    const auto works = [&](int rate) {
+        return sustains(rig, path, rate) || sustains(rig, path, rate);
+    };
+    int low = 2000;
+    int high = 2 * low;
+    for (; high < 1000000 && works(high); high *= 2) {
+        low = high;
+    }
+    while (high - low > low / 20) {
+        const int middle = low + (high - low) / 2;
+        (works(middle) ? low : high) = middle;
+    }
+    return low;
+}
+
+json rate() {
+    json result;
+    for (int path = 0; path < PATH_COUNT; ++path) {
+        pin(last_processor(), last_processor());
+        const auto rig = start_daemon();
+        pin(0, std::max(0, last_processor() - 1));
+        const int before = rig->ResidentKiB();
+        const int events = sustained_rate(*rig, static_cast<Path>(path));
+        result[PATH_NAMES[path]] = {{"events_per_s", events},
+                                    {"resident_before_kib", before},
+                                    {"resident_after_kib", rig->ResidentKiB()}};
+    }
+    return result;
+}
+
+// ---- growth
+
+// Writes from so many source ports, one each. The last ones count: the others are known by then.
+json sender_growth(int senders) {
+    const auto rig = start_daemon();
+    const int measured = 400;
+    const int before = rig->ResidentKiB();
+    std::string packet = Rig::Packet(Path::Write, 1);
+    std::vector<int64_t> delays;
+    for (int i = 0; i < std::max(senders, measured); ++i) {
+        const int sock = rig->OpenPeer(static_cast<unsigned short>(10000 + i % senders));
+        const int64_t delay = rig->BusEvent(Path::Write, sock, packet);
+        if (i >= senders - measured) {
+            delays.push_back(delay);
+        }
+        close(sock);
+    }
+    json result = summary(delays);
+    result["senders"] = senders;
+    result["resident_before_kib"] = before;
+    result["resident_after_kib"] = rig->ResidentKiB();
+    return result;
+}
+
+json item_growth(Rig& rig, unsigned int items) {
+    const int measured = 300;
+    std::string packet = Rig::Packet(Path::Write, items);
+    const int sock = rig.OpenPeer(0);
+    std::vector<int64_t> delays;
+    for (int i = 0; i < measured; ++i) {
+        delays.push_back(rig.BusEvent(Path::Write, sock, packet));
+    }
+    close(sock);
+    json result = summary(delays);
+    result["items"] = items;
+    result["resident_after_kib"] = rig.ResidentKiB();
+    return result;
+}
+
+json growth() {
+    pin(last_processor(), last_processor());
+    json result;
+    for (const int senders : {1, 10, 100, 1000, 10000, 50000}) {
+        result["senders"].push_back(sender_growth(senders));
+    }
+    const auto rig = start_daemon();
+    for (const unsigned int items : {1U, 6U, 16U, 64U, 256U, 1000U, 4000U}) {
+        result["items"].push_back(item_growth(*rig, items));
+    }
+    return result;
+}
+
+// ---- idle
+
+json idle(int seconds) {
+    const auto rig = start_daemon();
+    sleep(1);
+    const int before = rig->Wakeups();
+    const int64_t cpu = rig->CpuNs();
+    sleep(static_cast<unsigned int>(seconds));
+    return {{"seconds", seconds},
+            {"wakeups", rig->Wakeups() - before},
+            {"cpu_us", (rig->CpuNs() - cpu) / 1000},
+            {"resident_kib", rig->ResidentKiB()}};
+}
+
+json events(Path path, int count, const Words& words) {
+    const auto rig = start_daemon(words);
+    for (int i = 0; i < count; ++i) {
+        rig->Event(path);
+    }
+    return {{"events", count}, {"pid", rig->Pid()}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Words words(argv + 1, argv + argc);
+    signal(SIGPIPE, SIG_IGN);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // to wait for a daemon that has detached
+    require(Host::Prepare(), "needs root or unprivileged user namespaces");
+    Path path = Path::Write;
+    json result;
+    if (words.size() == 2 && words[0] == "delay") {
+        result = delay(atoi(argv[2]));
+    } else if (words.size() == 1 && words[0] == "rate") {
+        result = rate();
+    } else if (words.size() == 1 && words[0] == "growth") {
+        result = growth();
+    } else if (words.size() == 2 && words[0] == "idle") {
+        result = idle(atoi(argv[2]));
+    } else if (words.size() >= 3 && words[0] == "events" && find_path(argv[2], path)) {
+        result = events(path, atoi(argv[3]), Words(words.begin() + 3, words.end()));
+    } else {
+        fprintf(stderr,
+                "usage: orvex-drive delay COUNT | rate | growth | idle SECONDS | "
+                "events PATH COUNT WORD...\n");
+        return 2;
+    }
+    printf("%s\n", result.dump().c_str());
+    return 0;
+}

@@ -1,0 +1,11 @@
+// Sockets that are opened as a measurement needs them; what can't be opened ends the program.
+#pragma once
+
+// "a.b.c.d" and a port, where the socket listens, is bound or is connected to.
+int listen_at(const char* address, unsigned short port);
+int connect_to(const char* address, unsigned short port);
+int open_udp(const char* address, unsigned short port);  // port 0: any
+void join(int sock, const char* group, const char* own_address);
+
+// Ends the program with the message and the system's reason unless ok.
+void require(bool ok, const char* what);
