@@ -154,7 +154,7 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
         printf("I> %s:%d\n   %s\n", DottedQuad(htonl(static_cast<uint32_t>(dest.GetHost()))).text,
                dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
     }
-    CMessage copy(MSG_SIZE, MSG_GROW_BY);
+    CMessage copy(0, 0);  // takes its room from the message
     copy.Copy(&msg);
     for (int i = 0; i < 2; ++i) {
         if (!client.SendMsg(dest, &copy, CRUdpLayer3Client::DATAGRAM)) {
