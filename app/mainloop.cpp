@@ -183,8 +183,8 @@ void CMainLoop::serve_remotes() {
 void CMainLoop::forward_remote(int entry) {
     unsigned long mask = 0;
     while (const char* state = gpiocli.receive(entry, &mask)) {
-        for (int k = 0; k < CHANNEL_COUNT; ++k) {
-            if ((mask >> k & 1) != 0) {
+        for (int k = 0; mask != 0; ++k, mask >>= 1) {
+            if ((mask & 1) != 0) {
                 snprintf(m_msg, sizeof m_msg, "GPO %d %s\n", k + 1, state);
                 local.send(m_msg);
             }

@@ -1,5 +1,6 @@
 #include "gpiocli/gpiocli.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -205,7 +206,8 @@ int CGPIOClient::count_users(const CTQRClient* client) {
 // 0.0.0.0.
 unsigned long CGPIOClient::followers(const CTQRClient* client, long gpi_number) {
     unsigned long set = 0;
-    for (int k = 0; k < m_nCount && k < MASK_BITS; ++k) {
+    const int count = std::min(m_nCount, MASK_BITS);
+    for (int k = 0; k < count; ++k) {
         if (m_pCons[k].client == client && m_pCons[k].gpi + 1 == gpi_number) {
             set |= 1UL << k;
         }
