@@ -183,8 +183,7 @@ void Rig::Await(Path path, int sock) {
     require(recv(source, buf, sizeof buf, 0) > 0, path_name(path));
 }
 
-// Reports and replies come twice, except from the least program: the second one is taken out of the
-// way without the clock running.
+// Reports and replies come twice, except from the least program.
 void Rig::AwaitSecond(Path path) {
     if (ResultSocket(path) == m_reports) {
         char buf[4096];
@@ -193,13 +192,25 @@ void Rig::AwaitSecond(Path path) {
     }
 }
 
+// Nothing but the wait for the next event makes the subject sleep.
+void Rig::Settle() const {
+    char state = 0;
+    do {
+        usleep(20);
+        const std::string text = read_file("/proc/" + std::to_string(m_pid) + "/stat");
+        const size_t name_end = text.rfind(')');
+        require(name_end != std::string::npos, "the subject ended");
+        state = text[name_end + 2];
+    } while (state != 'S');
+}
+
 int64_t Rig::Event(Path path) {
     if (path == Path::Report || path == Path::Mirror) {
         const int64_t start = now_ns();
         SendLine(path);
         Await(path, -1);
         const int64_t end = now_ns();
-        usleep(30);
+        Settle();
         AwaitSecond(path);
         return end - start;
     }
@@ -211,7 +222,7 @@ int64_t Rig::BusEvent(Path path, int sock, std::string& packet) {
     SendPacket(sock, packet);
     Await(path, sock);
     const int64_t end = now_ns();
-    usleep(30);  // the subject goes back to sleep
+    Settle();
     AwaitSecond(path);
     return end - start;
 }

@@ -33,8 +33,8 @@ public:
     // Makes a datagram's bytes: items for channels that exist last, those of others before.
     static std::string Packet(Path path, unsigned int items);
 
-    // One event of the path, from what starts it to the first result, in nanoseconds. All results
-    // have come on return. Ends the program when there are none within 5 s.
+    // One event of the path, from what starts it to the first result, in nanoseconds. On return the
+    // subject is done with it and asleep. Ends the program when there is no result within 5 s.
     int64_t Event(Path path);
     // The same for a packet of the caller's, sent from the socket.
     int64_t BusEvent(Path path, int sock, std::string& packet);
@@ -59,6 +59,7 @@ private:
     void SendLine(Path path);
     void Await(Path path, int sock);
     void AwaitSecond(Path path);
+    void Settle() const;
     int ResultSocket(Path path) const;
 
     Host m_device;
