@@ -1,7 +1,7 @@
 #include "rudp/RUdpMsg.h"
 
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 // The packet. An acknowledgement is its first 8 bytes, where layer and payload version mean
 // nothing. There is no length field: the payload ends with the datagram.
@@ -31,12 +31,13 @@ enum Offset {
 };
 
 // The buffer starts as zeros: header fields that a sender leaves alone carry nothing of what was in
-// memory before.
+// memory before. calloc leaves the pages of a large one, most of which no datagram ever reaches,
+// out of memory until they are used.
 unsigned char* new_packet(unsigned long data_size) {
     if (data_size > UINT32_MAX - RUdpMsg::HEADER_SIZE) {
         return nullptr;
     }
-    return new (std::nothrow) unsigned char[data_size + RUdpMsg::HEADER_SIZE]();
+    return static_cast<unsigned char*>(calloc(data_size + RUdpMsg::HEADER_SIZE, 1));
 }
 
 }  // namespace
@@ -57,7 +58,7 @@ RUdpMsg::RUdpMsg(unsigned char* buffer, unsigned long length)
 
 RUdpMsg::~RUdpMsg() {
     if (m_bOwnPacket) {
-        delete[] m_pPacket;
+        free(m_pPacket);
     }
 }
 
