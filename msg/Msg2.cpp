@@ -350,6 +350,7 @@ CMsg2::Node* CMsg2::AddItem(unsigned long tag) {
 
 // Moves the items to an array of so many slots, one at least and not fewer than there are items.
 bool CMsg2::Resize(uint32_t capacity) {
+    capacity = std::min<uint32_t>(capacity, MAX_COUNT);  // more is of no use
     Node* const items = new (std::nothrow) Node[capacity];
     if (items == nullptr) {
         return false;
