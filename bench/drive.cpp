@@ -26,9 +26,8 @@ namespace {
 using json = nlohmann::json;
 using Words = std::vector<std::string>;
 
-std::unique_ptr<Rig> start_daemon(Words words = {}) {
-    words.push_back(ORVEX_PROGRAM);
-    return std::make_unique<Rig>(words, Rig::Kind::Daemon);
+std::unique_ptr<Rig> start_daemon(const Words& command = {ORVEX_PROGRAM}) {
+    return std::make_unique<Rig>(command, Rig::Kind::Daemon);
 }
 
 std::unique_ptr<Rig> start_floor(const char* name, Path path) {
@@ -229,12 +228,12 @@ json idle(int seconds) {
             {"resident_kib", rig->ResidentKiB()}};
 }
 
-json events(Path path, int count, const Words& words) {
-    const auto rig = start_daemon(words);
+json events(Path path, int count, const Words& command) {
+    const auto rig = start_daemon(command);
     for (int i = 0; i < count; ++i) {
         rig->Event(path);
     }
-    return {{"events", count}, {"pid", rig->Pid()}};
+    return {{"events", count}, {"pid", rig->Pid()}, {"resident_kib", rig->ResidentKiB()}};
 }
 
 }  // namespace
@@ -254,7 +253,7 @@ int main(int argc, char** argv) {
         result = growth();
     } else if (words.size() == 2 && words[0] == "idle") {
         result = idle(atoi(argv[2]));
-    } else if (words.size() >= 3 && words[0] == "events" && find_path(argv[2], path)) {
+    } else if (words.size() >= 4 && words[0] == "events" && find_path(argv[2], path)) {
         result = events(path, atoi(argv[3]), Words(words.begin() + 3, words.end()));
     } else {
         fprintf(stderr,
