@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "msg/Msg2.h"
@@ -44,32 +45,27 @@ struct ValueLayout {
     uint32_t element;
 };
 
-ValueLayout s_GetLayout(uint8_t type) {
-    switch (type) {
-        case CMsg2::ITEM_DWORD:
-            return {4, 0};
-        case CMsg2::ITEM_BYTE:
-            return {1, 0};
-        case CMsg2::ITEM_WORD:
-            return {2, 0};
-        case CMsg2::ITEM_QWORD:
-            return {8, 0};
-        case CMsg2::ITEM_STRING:
-        case CMsg2::ITEM_BYTE_ARRAY:
-        case CMsg2::ITEM_MSG:
-            return {0, 1};
-        case CMsg2::ITEM_WORD_ARRAY:
-            return {0, 2};
-        case CMsg2::ITEM_DWORD_ARRAY:
-            return {0, 4};
-        default:
-            return {0, 0};
-    }
+const ValueLayout LAYOUTS[] = {
+    {0, 0},  // ITEM_NONE
+    {4, 0},  // ITEM_DWORD
+    {0, 1},  // ITEM_STRING
+    {0, 1},  // ITEM_BYTE_ARRAY
+    {0, 2},  // ITEM_WORD_ARRAY
+    {0, 4},  // ITEM_DWORD_ARRAY
+    {0, 1},  // ITEM_MSG
+    {1, 0},  // ITEM_BYTE
+    {2, 0},  // ITEM_WORD
+    {8, 0}   // ITEM_QWORD
+};
+
+// Unknown types are laid out like none.
+const ValueLayout& s_GetLayout(uint8_t type) {
+    return LAYOUTS[type < std::size(LAYOUTS) ? type : 0];
 }
 
 // What an item takes with as many elements as its count says.
 uint32_t s_GetItemSize(const CMsg2::Node& item) {
-    const ValueLayout layout = s_GetLayout(item.m_nType);
+    const ValueLayout& layout = s_GetLayout(item.m_nType);
     const uint32_t number = layout.number > 0 ? layout.number : COUNT_WIDTH;
     return ITEM_HEAD + number + layout.element * item.m_nCount;
 }
@@ -192,12 +188,14 @@ void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
 }
 
 // Reads what stands before an item's number or elements into slot and leaves pos behind it; size
-// is what those take. False when the item would pass len.
-bool s_GetHead(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t& size, uint32_t len) {
+// is what those take. False when the item would pass len. Inline, because every item of every
+// message comes here twice.
+inline bool s_GetHead(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t& size,
+                      uint32_t len) {
     if (!s_GetLong(data, pos, slot.m_nTag, len) || !s_Get(data, pos, slot.m_nType, len)) {
         return false;
     }
-    const ValueLayout layout = s_GetLayout(slot.m_nType);
+    const ValueLayout& layout = s_GetLayout(slot.m_nType);
     slot.m_nCount = 0;
     if (layout.number == 0 && !s_GetShort(data, pos, slot.m_nCount, len)) {
         return false;
