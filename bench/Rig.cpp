@@ -259,6 +259,22 @@ int Rig::ResidentKiB() const {
     return static_cast<int>(proc_number(m_pid, "smaps_rollup", "Rss:"));
 }
 
+int Rig::LowResidentKiB() const {
+    std::ifstream maps("/proc/" + std::to_string(m_pid) + "/smaps");
+    bool low = false;
+    int sum = 0;
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long long start = 0;
+        int kib = 0;
+        if (sscanf(line.c_str(), "%llx-%*x ", &start) == 1 && line.find('-') < line.find(' ')) {
+            low = start >> 32 == 0;
+        } else if (low && sscanf(line.c_str(), "Rss: %d", &kib) == 1) {
+            sum += kib;
+        }
+    }
+    return sum;
+}
+
 int Rig::Wakeups() const {
     return static_cast<int>(proc_number(m_pid, "status", "\nvoluntary_ctxt_switches:"));
 }

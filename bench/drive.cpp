@@ -233,7 +233,7 @@ json events(Path path, int count, const Words& command) {
     for (int i = 0; i < count; ++i) {
         rig->Event(path);
     }
-    return {{"events", count}, {"pid", rig->Pid()}, {"resident_kib", rig->ResidentKiB()}};
+    return {{"events", count}, {"pid", rig->Pid()}, {"low_resident_kib", rig->LowResidentKiB()}};
 }
 
 }  // namespace
