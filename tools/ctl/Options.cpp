@@ -4,6 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tools/completion/Completion.h"
 #include "tools/ctl/ExitStatus.h"
 
 namespace {
@@ -95,6 +96,7 @@ const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int
     for (const CommandSpec& command : COMMANDS) {
         AddCommand(app, command, options);
     }
+    AddCompletion(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

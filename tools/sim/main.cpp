@@ -15,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "tools/completion/Completion.h"
 #include "tools/sim/SimServer.h"
 
 namespace {
@@ -79,6 +80,7 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         })
         ->capture_default_str();
     app.add_option("FILE", options.file, "Lines to begin with")->type_name("");
+    AddCompletion(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
