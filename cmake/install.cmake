@@ -1,0 +1,36 @@
+# What cmake --install puts where. Included last, when all targets are known.
+include(GNUInstallDirs)
+set(ORVEX_UNIT_DIR lib/systemd/system CACHE STRING "Where units of systemd go")
+set(ORVEX_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
+    "Where completion of zsh goes")
+set(ORVEX_BASH_DIR ${CMAKE_INSTALL_DATADIR}/bash-completion/completions CACHE STRING
+    "Where completion of bash goes")
+set(ORVEX_WIRESHARK_DIR ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins CACHE STRING
+    "Where plug-ins of Wireshark go")
+
+install(TARGETS orvex RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES docs/man/orvex.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES docs/man/orvex-protocol.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
+install(FILES docs/protocol.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/nftables/orvex.nft DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY packaging/wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
+        FILES_MATCHING PATTERN "*.lua")
+
+configure_file(packaging/systemd/orvex.service.in orvex.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvex.service DESTINATION ${ORVEX_UNIT_DIR})
+install(FILES packaging/systemd/orvex.default
+        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default RENAME orvex)
+
+foreach(tool orvexctl orvex-sim)
+  if(TARGET ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES docs/man/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/completion/${tool}.bash
+            DESTINATION ${ORVEX_BASH_DIR} RENAME ${tool})
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/completion/_${tool} DESTINATION ${ORVEX_ZSH_DIR})
+  endif()
+endforeach()
+if(TARGET orvex-sim)
+  install(FILES tools/sim/example.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+          RENAME orvex-sim.conf)
+endif()
