@@ -138,7 +138,7 @@ std::string Bash(const CLI::App& app) {
            function + " " + app.get_name() + "\n";
 }
 
-// A text inside a specification of zsh's _arguments.
+// A text inside an argument of zsh's _arguments.
 std::string ZshText(const std::string& text) {
     std::string escaped;
     for (const char c : text) {

@@ -32,39 +32,39 @@ bool Has(const char* commands, const char* name) {
            std::string::npos;
 }
 
-template <typename Spec>
-void Set(const Spec& spec, const char* name, Options& options, const std::string& text) {
+template <typename Row>
+void Set(const Row& row, const char* name, Options& options, const std::string& text) {
     try {
-        spec.set(options, text);
+        row.set(options, text);
     } catch (const std::invalid_argument& error) {
         throw CLI::ValidationError(name, error.what());
     }
 }
 
-void AddOption(CLI::App& app, const OptionSpec& spec, Options& options) {
-    if (spec.value == nullptr) {
+void AddOption(CLI::App& app, const OptionSpec& row, Options& options) {
+    if (row.value == nullptr) {
         app.add_flag_callback(
-            spec.names, [&] { Set(spec, spec.names, options, ""); }, spec.help);
+            row.names, [&] { Set(row, row.names, options, ""); }, row.help);
         return;
     }
     app.add_option_function<std::string>(
-           spec.names, [&](const std::string& text) { Set(spec, spec.names, options, text); },
-           spec.help)
-        ->type_name(spec.value);
+           row.names, [&](const std::string& text) { Set(row, row.names, options, text); },
+           row.help)
+        ->type_name(row.value);
 }
 
-void AddArgument(CLI::App& app, const ArgumentSpec& spec, Options& options) {
+void AddArgument(CLI::App& app, const ArgumentSpec& row, Options& options) {
     app.add_option_function<std::vector<std::string>>(
-           spec.name,
+           row.name,
            [&](const std::vector<std::string>& words) {
                for (const std::string& word : words) {
-                   Set(spec, spec.name, options, word);
+                   Set(row, row.name, options, word);
                }
            },
-           spec.help)
+           row.help)
         ->type_name("")
-        ->required(spec.required)
-        ->expected(1, spec.repeats ? CLI::detail::expected_max_vector_size : 1);
+        ->required(row.required)
+        ->expected(1, row.repeats ? CLI::detail::expected_max_vector_size : 1);
 }
 
 // Options of all commands may stand before the command as well as behind it.
