@@ -129,7 +129,7 @@ private:
             if (numbers.count(item.type) != 0) {
                 item.number = reader.Number(numbers.at(item.type));
             } else {
-                const size_t count = reader.Number(2);
+                const size_t count = static_cast<size_t>(reader.Number(2));
                 reader.Skip(elements.count(item.type) != 0 ? count * elements.at(item.type) : 0);
             }
             items.push_back(item);
