@@ -1,6 +1,7 @@
 // Half a million events of all kinds while peers come and go: everything that had to come out is
 // counted, and the daemon is at the end what it was after the first tenth.
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -35,6 +36,13 @@ protected:
         Linger(100);
         peer->Reports();
         tqrd.heard.clear();
+    }
+
+    void TearDown() override {
+        if (pid > 1) {
+            kill(pid, SIGTERM);
+        }
+        Site::TearDown();
     }
 
     long ResidentKiB() const {
