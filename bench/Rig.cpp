@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -103,12 +104,17 @@ Rig::Rig(const std::vector<std::string>& command, Kind kind) : m_detached(kind =
         AwaitText(m_control, "GPO 2 HHHHH\n");
         AwaitText(m_remote, "ADD GPI 1\n");
     }
+    Settle();
 }
 
 Rig::~Rig() {
     if (m_detached) {
         kill(m_pid, SIGTERM);
         waitpid(m_pid, nullptr, 0);
+        // What traces the daemon writes its summary now.
+        for (m_process->Pump(); m_process->IsRunning(); m_process->Pump()) {
+            usleep(1000);
+        }
     }
     for (const int sock : {m_control, m_remote, m_peer, m_reports}) {
         close(sock);
@@ -194,14 +200,15 @@ void Rig::AwaitSecond(Path path) {
 
 // Nothing but the wait for the next event makes the subject sleep.
 void Rig::Settle() const {
-    char state = 0;
-    do {
-        usleep(20);
-        const std::string text = read_file("/proc/" + std::to_string(m_pid) + "/stat");
-        const size_t name_end = text.rfind(')');
-        require(name_end != std::string::npos, "the subject ended");
-        state = text[name_end + 2];
-    } while (state != 'S');
+    for (sched_yield(); !IsAsleep(); usleep(20)) {
+    }
+}
+
+bool Rig::IsAsleep() const {
+    const std::string text = read_file("/proc/" + std::to_string(m_pid) + "/stat");
+    const size_t name_end = text.rfind(')');
+    require(name_end != std::string::npos, "the subject ended");
+    return text[name_end + 2] == 'S';
 }
 
 int64_t Rig::Event(Path path) {

@@ -48,9 +48,10 @@ public:
     int OpenPeer(unsigned short port) const;
 
     pid_t Pid() const { return m_pid; }
-    int64_t CpuNs() const;    // processor time so far
-    int ResidentKiB() const;  // memory present
-    int Wakeups() const;      // times that it went to sleep so far
+    int64_t CpuNs() const;       // processor time so far
+    int ResidentKiB() const;     // memory present
+    int LowResidentKiB() const;  // of that, below 4 GiB: all that an emulated 32-bit program has
+    int Wakeups() const;         // times that it went to sleep so far
 
 private:
     void Configure();
@@ -60,6 +61,7 @@ private:
     void Await(Path path, int sock);
     void AwaitSecond(Path path);
     void Settle() const;
+    bool IsAsleep() const;
     int ResultSocket(Path path) const;
 
     Host m_device;
