@@ -1,11 +1,18 @@
 #include "rudp/RUdpTIDMap.h"
 
+#include <algorithm>
 #include <new>
+
+namespace {
+
+const unsigned int MAX_GROW_BY = 65536;  // a chunk's size in bytes fits 32 bits
+
+}  // namespace
 
 // ---- pool ----
 
 CRUdpTIDMap::Node::NodeManager::NodeManager(Node* nodes, unsigned int count, unsigned int growBy)
-    : m_nGrowBy(growBy) {
+    : m_nGrowBy(std::min(growBy, MAX_GROW_BY)) {
     for (unsigned int i = 0; i < count; ++i) {
         ReleaseNode(nodes + i);
     }

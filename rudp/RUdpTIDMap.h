@@ -129,9 +129,10 @@ public:
     };
 
     // lists: listCount buckets of the caller's, or null for as many of the map's own. nodes:
-    // nodeCount entries of the caller's to begin with. growBy: entries allocated at a time once
-    // these are used up; with 0 the oldest entry is used again. A map that can have no entries (or,
-    // when memory is short, no buckets) records nothing: it recognises no repeats.
+    // nodeCount entries of the caller's to begin with. growBy: entries allocated at a time, at
+    // most 65536, once these are used up; with 0 the oldest entry is used again. A map that can
+    // have no entries (or, when memory is short, no buckets) records nothing: it recognises no
+    // repeats.
     CRUdpTIDMap(unsigned long maxAgeMs, List* lists, unsigned int listCount, Node* nodes,
                 unsigned int nodeCount, unsigned int growBy);
     CRUdpTIDMap(const CRUdpTIDMap&) = delete;
