@@ -70,7 +70,7 @@ void add_label(Text& text, uint32_t tag, int flags) {
     }
 }
 
-// An array of words or dwords, each written by format.
+// An array of words or dwords, each with so many digits.
 template <typename T>
 void add_numbers(Text& text, const T* numbers, unsigned int count, int digits) {
     for (unsigned int i = 0; i < count && !text.IsFull(); ++i) {
