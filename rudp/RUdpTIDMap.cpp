@@ -5,14 +5,14 @@
 
 namespace {
 
-const unsigned int MAX_GROW_BY = 65536;  // a chunk's size in bytes fits 32 bits
+const uint32_t MAX_GROW_BY = 65536;  // a chunk's size in bytes fits 32 bits
 
 }  // namespace
 
 // ---- pool ----
 
 CRUdpTIDMap::Node::NodeManager::NodeManager(Node* nodes, unsigned int count, unsigned int growBy)
-    : m_nGrowBy(std::min(growBy, MAX_GROW_BY)) {
+    : m_nGrowBy(growBy) {
     for (unsigned int i = 0; i < count; ++i) {
         ReleaseNode(nodes + i);
     }
@@ -38,7 +38,8 @@ CRUdpTIDMap::Node* CRUdpTIDMap::Node::NodeManager::GetFreeNode() {
 
 // Allocates a chunk, puts all nodes but the first into the free list and returns the first.
 CRUdpTIDMap::Node* CRUdpTIDMap::Node::NodeManager::Grow() {
-    Node* const nodes = new (std::nothrow) Node[m_nGrowBy];
+    const uint32_t count = std::min(m_nGrowBy, MAX_GROW_BY);
+    Node* const nodes = new (std::nothrow) Node[count];
     NodeChunk* const chunk = new (std::nothrow) NodeChunk{nodes, m_pChunks};
     if (nodes == nullptr || chunk == nullptr) {
         delete[] nodes;
@@ -46,7 +47,7 @@ CRUdpTIDMap::Node* CRUdpTIDMap::Node::NodeManager::Grow() {
         return nullptr;
     }
     m_pChunks = chunk;
-    for (uint32_t i = 1; i < m_nGrowBy; ++i) {
+    for (uint32_t i = 1; i < count; ++i) {
         ReleaseNode(nodes + i);
     }
     return nodes;

@@ -14,6 +14,9 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// The allocator takes a page now and then; a byte lost an event would be 440 KiB at the end.
+const long SLACK_KIB = 64;
+
 const int ROUNDS = 5000;
 const int PER_ROUND = 25;  // of each of the four kinds: what the buffers of the sockets hold
 
@@ -128,7 +131,7 @@ TEST_F(Soak, HalfAMillionEvents) {
     }
     EXPECT_GT(resident, 0);
     EXPECT_GT(descriptors, 0);
-    EXPECT_LE(ResidentKiB(), resident);
+    EXPECT_LE(ResidentKiB(), resident + SLACK_KIB);
     EXPECT_EQ(Descriptors(), descriptors);
     printf("%d events, %ld KiB resident, %ld descriptors\n", ROUNDS * PER_ROUND * 4, ResidentKiB(),
            Descriptors());
