@@ -1,14 +1,7 @@
 // Half a million events of all kinds while peers come and go: everything that had to come out is
 // counted, and the daemon is at the end what it was after the first tenth.
 
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <memory>
-
-#include "tests/e2e/BusPeer.h"
-#include "tests/e2e/Site.h"
+#include "tests/e2e/Wired.h"
 
 namespace {
 
@@ -20,50 +13,8 @@ const long SLACK_KIB = 64;
 const int ROUNDS = 5000;
 const int PER_ROUND = 25;  // of each of the four kinds: what the buffers of the sockets hold
 
-class Soak : public Site {
+class Soak : public Wired {
 protected:
-    void StartAll() {
-        for (const char* line :
-             {"CFG GPO 1 SRCA=10.77.0.2/1", "CFG GPO 2 SRCA=10.77.0.2/1", "CFG GPO 3 SRCA=0x30"}) {
-            ASSERT_EQ(tqrd.server.Apply(line), "");
-        }
-        StartControl();
-        StartRemote();
-        peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
-        StartDaemon({}, {"ASAN_OPTIONS=quarantine_size_mb=1"});
-        ASSERT_TRUE(Await([&] { return !daemon->IsRunning(); })) << "it detaches";
-        ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1", 2));
-        ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 3"));
-        std::ifstream("/run/orvex.pid") >> pid;
-        ASSERT_GT(pid, 1);
-        Linger(100);
-        peer->Reports();
-        tqrd.heard.clear();
-    }
-
-    void TearDown() override {
-        if (pid > 1) {
-            kill(pid, SIGTERM);
-        }
-        Site::TearDown();
-    }
-
-    long ResidentKiB() const {
-        std::ifstream statm("/proc/" + std::to_string(pid) + "/statm");
-        long total = 0;
-        long resident = 0;
-        statm >> total >> resident;
-        return resident * 4;
-    }
-
-    // 0 when they can't be listed.
-    long Descriptors() const {
-        std::error_code error;
-        const std::filesystem::directory_iterator list("/proc/" + std::to_string(pid) + "/fd",
-                                                       error);
-        return std::distance(begin(list), end(list));
-    }
-
     // One batch of each kind of event, and all that must come of it.
     void Round() {
         std::string states;
@@ -74,8 +25,8 @@ protected:
         }
         remote.server.SendRaw(states);
         for (int i = 0; i < PER_ROUND; ++i) {
-            peer->Send(peer->Packet('\0', Hex("57524E49 0001 00003008 07 40")), DEVICE_ADDRESS);
-            peer->Send(peer->Packet('M', Hex("52454144 0001 0000300D 07 00")), DEVICE_ADDRESS);
+            SendWrite();
+            SendRead();
         }
         tqrd.server.SendRaw(inputs);
         // Mirrored to two channels, and a line a write.
@@ -110,13 +61,10 @@ protected:
         Linger(5);
         tqrd.heard.clear();
     }
-
-    std::unique_ptr<BusPeer> peer;
-    pid_t pid = 0;
 };
 
 TEST_F(Soak, HalfAMillionEvents) {
-    StartAll();
+    StartAll({}, {"ASAN_OPTIONS=quarantine_size_mb=1"});
     long resident = 0;
     long descriptors = 0;
     for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {

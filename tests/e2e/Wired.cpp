@@ -1,0 +1,142 @@
+#include "tests/e2e/Wired.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+void Wired::ConfigureChannels() {
+    for (const char* line :
+         {"CFG GPO 1 SRCA=10.77.0.2/1", "CFG GPO 2 SRCA=10.77.0.2/1", "CFG GPO 3 SRCA=0x30"}) {
+        ASSERT_EQ(tqrd.server.Apply(line), "");
+    }
+}
+
+void Wired::StartPeers() {
+    ConfigureChannels();
+    StartControl();
+    StartRemote();
+    peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
+}
+
+void Wired::StartAll(const std::vector<std::string>& options,
+                     const std::vector<std::string>& environment) {
+    StartPeers();
+    StartDaemon(options, environment);
+    AwaitRunning();
+}
+
+void Wired::AwaitRunning() {
+    ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1", 2));
+    ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 3"));
+    Linger(100);
+    peer->Reports();
+    tqrd.heard.clear();
+    remote.heard.clear();
+}
+
+void Wired::TearDown() {
+    if (daemon != nullptr && !daemon->IsRunning() && Pid() > 1) {
+        kill(Pid(), SIGTERM);
+    }
+    Site::TearDown();
+}
+
+void Wired::SendWrite() {
+    peer->Send(peer->Packet('\0', Hex("57524E49 0001 00003008 07 40")), DEVICE_ADDRESS);
+}
+
+void Wired::SendRead() {
+    peer->Send(peer->Packet('M', Hex("52454144 0001 0000300D 07 00")), DEVICE_ADDRESS);
+}
+
+testing::AssertionResult Wired::Works() {
+    const auto missing = [](const char* what) { return testing::AssertionFailure() << what; };
+    const auto reports = [this](size_t count, int limit_ms) {
+        return Await([&] { return (count -= std::min(count, peer->Reports().size())) == 0; },
+                     limit_ms);
+    };
+    const std::string state = m_low ? "HHHHH" : "LLLLL";
+    m_low = !m_low;
+    peer->Reports();
+    peer->Answers();
+    tqrd.heard.clear();
+    SendRead();
+    if (!reports(2, 1000)) {
+        return missing("no reply to a read");
+    }
+    if (!Await([this] { return !peer->Answers().empty(); })) {
+        return missing("no acknowledgement");
+    }
+    SendWrite();
+    if (!AwaitHeard(tqrd, "GPO 3 Lxxxx")) {
+        return missing("no line for a write");
+    }
+    tqrd.server.Apply("GPI 3 " + state);
+    if (!reports(2, 10000)) {
+        return missing("no report");
+    }
+    remote.server.Apply("GPI 1 " + state);
+    if (!AwaitHeard(tqrd, "GPO 1 " + state) || !AwaitHeard(tqrd, "GPO 2 " + state)) {
+        return missing("no mirrored line");
+    }
+    return testing::AssertionSuccess();
+}
+
+pid_t Wired::Pid() const {
+    if (daemon->IsRunning()) {
+        return daemon->Pid();
+    }
+    pid_t pid = 0;
+    std::ifstream("/run/orvex.pid") >> pid;
+    return pid;
+}
+
+namespace {
+
+std::string ProcPath(pid_t pid, const char* name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+// The number behind a word in the process's status.
+long StatusValue(pid_t pid, const std::string& word) {
+    std::ifstream status(ProcPath(pid, "status"));
+    long value = 0;
+    for (std::string read; status >> read;) {
+        if (read == word + ":") {
+            status >> value;
+        }
+    }
+    return value;
+}
+
+}  // namespace
+
+long Wired::ResidentKiB() const {
+    return StatusValue(Pid(), "VmRSS");
+}
+
+long Wired::WakeUps() const {
+    return StatusValue(Pid(), "voluntary_ctxt_switches");
+}
+
+long Wired::Descriptors() const {
+    std::error_code error;
+    const std::filesystem::directory_iterator list(ProcPath(Pid(), "fd"), error);
+    return std::distance(begin(list), end(list));
+}
+
+long Wired::CpuMs() const {
+    std::ifstream stat(ProcPath(Pid(), "stat"));
+    const int USER_TIME = 14;
+    long ticks = 0;
+    std::string word;
+    for (int field = 1; field <= USER_TIME + 1 && stat >> word; ++field) {
+        ticks += field < USER_TIME ? 0 : std::stol(word);
+    }
+    return ticks * 1000 / sysconf(_SC_CLK_TCK);
+}

@@ -1,0 +1,37 @@
+// The site with everything wired up: remote servers, control server and bus, and a daemon between
+// them that is measured.
+#pragma once
+
+#include <memory>
+
+#include "tests/e2e/BusPeer.h"
+#include "tests/e2e/Site.h"
+
+class Wired : public Site {
+protected:
+    // Channels 1 and 2 mirror the studio's input 1, channel 3 is on the bus at 0x30.
+    void ConfigureChannels();
+    void StartPeers();
+    void AwaitRunning();  // until all that the daemon's start brings about is over
+    void StartAll(const std::vector<std::string>& options = {},
+                  const std::vector<std::string>& environment = {});
+    void TearDown() override;
+
+    // A write, a read, a report and a mirrored line come through, and the read is answered at once.
+    testing::AssertionResult Works();
+
+    void SendWrite();  // to channel 3; its line is "GPO 3 Lxxxx"
+    void SendRead();   // of channel 3, reliable: an acknowledgement, and the reply twice
+
+    // Of the daemon, in the foreground or detached.
+    pid_t Pid() const;
+    long ResidentKiB() const;
+    long Descriptors() const;
+    long CpuMs() const;
+    long WakeUps() const;  // how often it had to wait
+
+    std::unique_ptr<BusPeer> peer;
+
+private:
+    bool m_low = false;  // the state that Works() gave the inputs last
+};
