@@ -30,7 +30,7 @@ int BoundSocket(const char* ip, unsigned short port) {
 }  // namespace
 
 BusPeer::BusPeer(const Host& host, const char* address, const char* group)
-    : m_listener(-1), m_sender(-1) {
+    : m_host(host), m_address(address), m_listener(-1), m_sender(-1) {
     const Host::Scope on(host);
     m_listener = BoundSocket(group, REPORT_PORT);
     m_sender = BoundSocket(address, 0);
@@ -46,8 +46,19 @@ BusPeer::~BusPeer() {
 }
 
 void BusPeer::Send(const std::string& bytes, const char* to) {
+    SendBy(m_sender, bytes, to);
+}
+
+void BusPeer::SendFrom(unsigned short port, const std::string& bytes, const char* to) {
+    const Host::Scope on(m_host);
+    const int sock = BoundSocket(m_address, port);
+    SendBy(sock, bytes, to);
+    close(sock);
+}
+
+void BusPeer::SendBy(int sock, const std::string& bytes, const char* to) {
     const sockaddr_in address = Address(to, BUS_PORT);
-    if (sendto(m_sender, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+    if (sendto(sock, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
                sizeof address) < 0) {
         perror("sendto");
     }

@@ -9,7 +9,7 @@
 // Receives what is sent to the group on port 2055, and sends from a port of its own.
 class BusPeer {
 public:
-    // group is a dotted quad.
+    // address and group are dotted quads.
     BusPeer(const Host& host, const char* address, const char* group = "239.192.255.4");
     ~BusPeer();
     BusPeer(const BusPeer&) = delete;
@@ -17,6 +17,9 @@ public:
 
     // Sends the bytes to an address's port 2060.
     void Send(const std::string& bytes, const char* to);
+
+    // The same as if another sender on that port did it.
+    void SendFrom(unsigned short port, const std::string& bytes, const char* to);
 
     // What came to the group, and what was answered to the sender, since it was last taken.
     std::vector<std::string> Reports() { return Take(m_listener); }
@@ -28,6 +31,10 @@ public:
 private:
     static std::vector<std::string> Take(int sock);
 
+    static void SendBy(int sock, const std::string& bytes, const char* to);
+
+    const Host& m_host;
+    const char* m_address;
     int m_listener;
     int m_sender;
     unsigned char m_tid = 0;

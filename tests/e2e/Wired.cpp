@@ -54,37 +54,43 @@ void Wired::SendRead() {
     peer->Send(peer->Packet('M', Hex("52454144 0001 0000300D 07 00")), DEVICE_ADDRESS);
 }
 
-testing::AssertionResult Wired::Works() {
-    const auto missing = [](const char* what) { return testing::AssertionFailure() << what; };
-    const auto reports = [this](size_t count, int limit_ms) {
-        return Await([&] { return (count -= std::min(count, peer->Reports().size())) == 0; },
-                     limit_ms);
-    };
-    const std::string state = m_low ? "HHHHH" : "LLLLL";
-    m_low = !m_low;
+bool Wired::AwaitReports(size_t count, int limit_ms) {
+    return Await([&] { return (count -= std::min(count, peer->Reports().size())) == 0; }, limit_ms);
+}
+
+testing::AssertionResult Wired::AnswersRead() {
+    const int AT_ONCE_MS = 1000;  // on a busy machine
     peer->Reports();
     peer->Answers();
-    tqrd.heard.clear();
     SendRead();
-    if (!reports(2, 1000)) {
-        return missing("no reply to a read");
+    if (!AwaitReports(2, AT_ONCE_MS)) {
+        return testing::AssertionFailure() << "no reply to a read";
     }
-    if (!Await([this] { return !peer->Answers().empty(); })) {
-        return missing("no acknowledgement");
+    return Await([this] { return !peer->Answers().empty(); })
+               ? testing::AssertionSuccess()
+               : testing::AssertionFailure() << "no acknowledgement";
+}
+
+testing::AssertionResult Wired::Works() {
+    testing::AssertionResult read = AnswersRead();
+    if (!read) {
+        return read;
     }
+    const std::string state = m_low ? "HHHHH" : "LLLLL";
+    m_low = !m_low;
+    tqrd.heard.clear();
     SendWrite();
     if (!AwaitHeard(tqrd, "GPO 3 Lxxxx")) {
-        return missing("no line for a write");
+        return testing::AssertionFailure() << "no line for a write";
     }
     tqrd.server.Apply("GPI 3 " + state);
-    if (!reports(2, 10000)) {
-        return missing("no report");
+    if (!AwaitReports(2)) {
+        return testing::AssertionFailure() << "no report";
     }
     remote.server.Apply("GPI 1 " + state);
-    if (!AwaitHeard(tqrd, "GPO 1 " + state) || !AwaitHeard(tqrd, "GPO 2 " + state)) {
-        return missing("no mirrored line");
-    }
-    return testing::AssertionSuccess();
+    return AwaitHeard(tqrd, "GPO 1 " + state) && AwaitHeard(tqrd, "GPO 2 " + state)
+               ? testing::AssertionSuccess()
+               : testing::AssertionFailure() << "no mirrored line";
 }
 
 pid_t Wired::Pid() const {

@@ -17,8 +17,8 @@ protected:
                   const std::vector<std::string>& environment = {});
     void TearDown() override;
 
-    // A write, a read, a report and a mirrored line come through, and the read is answered at once.
-    testing::AssertionResult Works();
+    testing::AssertionResult AnswersRead();  // at once
+    testing::AssertionResult Works();  // a read, a write, a report and a mirrored line come through
 
     void SendWrite();  // to channel 3; its line is "GPO 3 Lxxxx"
     void SendRead();   // of channel 3, reliable: an acknowledgement, and the reply twice
@@ -33,5 +33,7 @@ protected:
     std::unique_ptr<BusPeer> peer;
 
 private:
+    bool AwaitReports(size_t count, int limit_ms = 10000);
+
     bool m_low = false;  // the state that Works() gave the inputs last
 };

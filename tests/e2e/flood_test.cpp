@@ -1,0 +1,138 @@
+// Floods from all sides, and nothing at all: what they cost, and that the daemon serves at once
+// when they are over.
+
+#include <random>
+
+#include "tests/e2e/Wired.h"
+
+namespace {
+
+const int EVENTS = 50000;
+const int SENDERS = 10000;
+const int BURST = 50;  // what the daemon's socket holds
+#ifdef __SANITIZE_ADDRESS__
+const long SLACK_KIB = 512;  // the sanitizer's own
+#else
+const long SLACK_KIB = 64;  // the allocator takes a page now and then
+#endif
+const long SENDER_BYTES = 80;  // of memory that a sender may cost
+const long EVENT_US = 200;     // of processor time that an event may cost, emulated as well
+
+class Flood : public Wired {
+protected:
+    void SetUp() override {
+        Wired::SetUp();
+        StartAll({}, {"ASAN_OPTIONS=quarantine_size_mb=0"});
+        Begin();
+    }
+
+    void Begin() {
+        EXPECT_TRUE(Works());
+        m_resident = ResidentKiB();
+        m_cpu = CpuMs();
+        m_descriptors = Descriptors();
+    }
+
+    // Nothing is left of so many events since but the memory that may be, and no work.
+    void ExpectUnharmed(long events, long more_kib = 0) {
+        EXPECT_TRUE(Works());
+        const long grown = ResidentKiB() - m_resident;
+        const long spent = CpuMs() - m_cpu;
+        printf("%ld events: %ld ms, %+ld KiB\n", events, spent, grown);
+        EXPECT_LE(grown, more_kib + SLACK_KIB);
+        EXPECT_LE(spent, 100 + events * EVENT_US / 1000);
+        EXPECT_EQ(Descriptors(), m_descriptors);
+        ExpectQuiet(300, 1);
+    }
+
+    void ExpectQuiet(int ms, long wake_ups) {
+        const long cpu = CpuMs();
+        const long waits = WakeUps();
+        Linger(ms);
+        EXPECT_LE(CpuMs() - cpu, 10);
+        EXPECT_LE(WakeUps() - waits, wake_ups);
+    }
+
+    // Calls send(i) for each event, and lets the daemon follow.
+    template <class Send>
+    void Repeat(int events, Send send) {
+        for (int i = 0; i < events; ++i) {
+            send(i);
+            if (i % BURST == 0) {
+                Linger(1);
+            }
+        }
+    }
+
+    long m_resident = 0;
+    long m_cpu = 0;
+    long m_descriptors = 0;
+};
+
+TEST_F(Flood, OfMalformedDatagrams) {
+    std::mt19937 random(1);
+    const std::string good =
+        peer->Packet('M', Hex("52454144 0002 0000300D 07 00 0000300C 02 0001 78"));
+    const auto send = [&](int i) {
+        std::string bytes = good;
+        bytes[random() % bytes.size()] ^= static_cast<char>(1 + random() % 255);
+        bytes[7] = static_cast<char>(i);  // a repeat would be dropped unseen
+        bytes.resize(random() % 4 == 0 ? random() % 1400 : bytes.size(), '\x41');
+        peer->Send(bytes, DEVICE_ADDRESS);
+    };
+    Repeat(EVENTS / 10, send);
+    Begin();
+    Repeat(EVENTS, send);
+    ExpectUnharmed(EVENTS);
+}
+
+// The first flood grows the list of senders; the second finds the entries of the first aged.
+TEST_F(Flood, OfSenders) {
+    const auto flood = [this] {
+        tqrd.heard.clear();
+        for (int done = 0; done < SENDERS; done += BURST) {
+            for (int i = 0; i < BURST; ++i) {
+                peer->SendFrom(static_cast<unsigned short>(10000 + done + i),
+                               peer->Packet('\0', Hex("57524E49 0001 00003008 07 40")),
+                               DEVICE_ADDRESS);
+            }
+            ASSERT_TRUE(AwaitHeard(tqrd, "GPO 3 Lxxxx", done + BURST));
+        }
+    };
+    flood();
+    ExpectUnharmed(SENDERS, SENDERS * SENDER_BYTES / 1024);
+    const int AGE_MS = 10000;
+    Linger(AGE_MS + 1000);
+    Begin();
+    flood();
+    ExpectUnharmed(SENDERS);
+}
+
+// Lines that don't end, lines in pieces, lines of no use.
+TEST_F(Flood, OfLines) {
+    const std::string half = "GPI 1 " + std::string(1900, 'x');
+    const auto send = [&](int i) {
+        const bool ends = i % 5 == 4;
+        remote.server.SendRaw(ends ? "\nGPI 2 LLLLL\nGPI 1" : "LLLLL");
+        tqrd.server.SendRaw(ends ? " LLLLL\nGPO 99 LLLLL\nCFG GPO 7 NAME=\"x\nG" : "PI 3\nG");
+    };
+    Repeat(EVENTS / 10, send);
+    remote.server.SendRaw("\n");
+    tqrd.server.SendRaw("\n");
+    Begin();
+    Repeat(EVENTS, send);
+    remote.server.SendRaw("\n" + half);
+    tqrd.server.SendRaw("\n" + half);
+    EXPECT_TRUE(AnswersRead());
+    remote.server.SendRaw("\n");
+    tqrd.server.SendRaw("\n");
+    ExpectUnharmed(EVENTS);
+}
+
+TEST_F(Flood, OfNothing) {
+    const long waits = WakeUps();
+    ExpectQuiet(28000, 2);
+    EXPECT_GE(WakeUps() - waits, 1) << "it looks for remote servers to bring back";
+}
+
+}  // namespace
