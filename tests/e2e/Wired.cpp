@@ -23,10 +23,15 @@ void Wired::StartPeers() {
     peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
 }
 
-void Wired::StartAll(const std::vector<std::string>& options,
-                     const std::vector<std::string>& environment) {
-    StartPeers();
-    StartDaemon(options, environment);
+void Wired::StartAll(std::vector<std::string> environment) {
+    if (peer == nullptr) {
+        StartPeers();
+    }
+    // What a sanitizer keeps back of freed memory would look like a leak.
+    environment.push_back(
+        "ASAN_OPTIONS=verify_asan_link_order=0:quarantine_size_mb=0:"
+        "thread_local_quarantine_size_kb=0");
+    StartDaemon({}, environment);
     AwaitRunning();
 }
 
@@ -83,11 +88,11 @@ testing::AssertionResult Wired::Works() {
     if (!AwaitHeard(tqrd, "GPO 3 Lxxxx")) {
         return testing::AssertionFailure() << "no line for a write";
     }
-    tqrd.server.Apply("GPI 3 " + state);
+    tqrd.server.SendRaw("GPI 3 " + state + "\n");
     if (!AwaitReports(2)) {
         return testing::AssertionFailure() << "no report";
     }
-    remote.server.Apply("GPI 1 " + state);
+    remote.server.SendRaw("GPI 1 " + state + "\n");
     return AwaitHeard(tqrd, "GPO 1 " + state) && AwaitHeard(tqrd, "GPO 2 " + state)
                ? testing::AssertionSuccess()
                : testing::AssertionFailure() << "no mirrored line";

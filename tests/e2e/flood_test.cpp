@@ -9,12 +9,7 @@ namespace {
 
 const int EVENTS = 50000;
 const int SENDERS = 10000;
-const int BURST = 50;  // what the daemon's socket holds
-#ifdef __SANITIZE_ADDRESS__
-const long SLACK_KIB = 512;  // the sanitizer's own
-#else
-const long SLACK_KIB = 64;  // the allocator takes a page now and then
-#endif
+const int BURST = 50;          // what the daemon's socket holds
 const long SENDER_BYTES = 80;  // of memory that a sender may cost
 const long EVENT_US = 200;     // of processor time that an event may cost, emulated as well
 
@@ -22,7 +17,7 @@ class Flood : public Wired {
 protected:
     void SetUp() override {
         Wired::SetUp();
-        StartAll({}, {"ASAN_OPTIONS=quarantine_size_mb=0"});
+        StartAll();
         Begin();
     }
 
