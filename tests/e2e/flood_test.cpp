@@ -81,25 +81,26 @@ TEST_F(Flood, OfMalformedDatagrams) {
     ExpectUnharmed(EVENTS);
 }
 
-// The first flood grows the list of senders; the second finds the entries of the first aged.
+// The first flood grows the list of senders. The second comes from others, which take the places of
+// the first: those have aged.
 TEST_F(Flood, OfSenders) {
-    const auto flood = [this] {
+    const auto flood = [this](int first_port) {
         tqrd.heard.clear();
         for (int done = 0; done < SENDERS; done += BURST) {
             for (int i = 0; i < BURST; ++i) {
-                peer->SendFrom(static_cast<unsigned short>(10000 + done + i),
+                peer->SendFrom(static_cast<unsigned short>(first_port + done + i),
                                peer->Packet('\0', Hex("57524E49 0001 00003008 07 40")),
                                DEVICE_ADDRESS);
             }
             ASSERT_TRUE(AwaitHeard(tqrd, "GPO 3 Lxxxx", done + BURST));
         }
     };
-    flood();
+    flood(10000);
     ExpectUnharmed(SENDERS, SENDERS * SENDER_BYTES / 1024);
     const int AGE_MS = 10000;
     Linger(AGE_MS + 1000);
     Begin();
-    flood();
+    flood(30000);
     ExpectUnharmed(SENDERS);
 }
 
