@@ -1,0 +1,99 @@
+"""Checks that the manuals are well-formed, and that they tell every option and message there is.
+
+Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM
+"""
+
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+MANUALS = sorted((ROOT / "docs/man").iterdir())
+DAEMON, CTL, SIM = sys.argv[1:]
+
+LITERAL = r'"((?:[^"\\]|\\.)*)"'
+PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*appname)?")
+# What begins a statement of the tools that makes a message.
+TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|Fail|Note|Detail|Error|PrintProblem|Tell"
+                  r"|Disconnect|NumberError)\(|fprintf\(stderr|(?:return|reason =|_ERROR =) \"")
+
+
+def text_of(path):
+    """A manual as it is shown, each run of blanks as one."""
+    shown = subprocess.run(["mandoc", "-T", "utf8", path], check=True, capture_output=True).stdout
+    return " ".join(re.sub(".\b", "", shown.decode()).split())
+
+
+def sources(*folders):
+    for folder in folders:
+        for path in sorted((ROOT / folder).glob("*.cpp")):
+            yield path.read_text("utf-8")
+
+
+def joined(literals):
+    return "".join(re.findall(LITERAL, literals)).replace('\\"', '"').replace("\\n", " ")
+
+
+def messages(folder):
+    """What the daemon's code in a folder prints; the names of its parts are put in."""
+    name = "tqrcli" if folder == "tqr" else "orvex"
+    for text in sources(folder):
+        for call in PRINTED.finditer(text):
+            yield joined(call[1]).replace("%s", name, 1 if call[3] else 0)
+
+
+def is_told(message, manual):
+    """A message with its conversions stands in the manual with a word for each of them."""
+    words = " ".join(message.split())
+    pattern = r"\S+".join(re.escape(part) for part in re.split(r"%\d*l*[a-zA-Z]", words))
+    return re.search(rf"(?<!\S){pattern}(?!\S)", manual)
+
+
+class ManualsTest(unittest.TestCase):
+    maxDiff = None
+
+    def test_lint(self):
+        done = subprocess.run(["mandoc", "-T", "lint", *MANUALS], check=False, capture_output=True,
+                              encoding="utf-8")
+        # Not of the manuals but of what is installed here.
+        found = [line for line in done.stdout.splitlines()
+                 if "referenced manual not found" not in line and "mandoc.db" not in line]
+        self.assertEqual(found, [])
+
+    def test_daemon_messages(self):
+        manual = text_of(ROOT / "docs/man/orvex.8")
+        found = [message for folder in ("app", "net", "rudp", "msg", "tqr", "gpiocli")
+                 for message in messages(folder)]
+        self.assertGreater(len(found), 30)
+        missing = [message for message in found
+                   if "<options>" not in message and not is_told(message, manual)]
+        self.assertEqual(missing, [])
+
+    def test_tool_messages(self):
+        for name, folder in {"orvexctl": "tools/ctl", "orvex-sim": "tools/sim"}.items():
+            manual = text_of(ROOT / f"docs/man/{name}.1")
+            parts = {" ".join(joined(f'"{literal}"').split())
+                     for text in sources(folder) for start in TOLD.finditer(text)
+                     for literal in re.findall(LITERAL, text[start.start():].split(";\n", 1)[0])}
+            parts = {part for part in parts if re.search("[a-z]{2}", part) and "%" not in part}
+            self.assertGreater(len(parts), 20)
+            self.assertEqual(sorted(part for part in parts if part not in manual), [], name)
+
+    def test_options(self):
+        helps = {"orvex.8": (DAEMON, "-help"), "orvexctl.1": (CTL, "--completion", "bash"),
+                 "orvex-sim.1": (SIM, "--completion", "bash")}
+        for name, command in helps.items():
+            shown = subprocess.run(command, check=True, capture_output=True, encoding="utf-8").stdout
+            words = shown.split("values=(")[0]
+            options = set(re.findall(r"(?<=[\s'])--?[a-zA-Z][a-z]*", words)) - {"-A"}
+            self.assertGreater(len(options), 2)
+            manual = text_of(ROOT / "docs/man" / name)
+            missing = [option for option in sorted(options)
+                       if not re.search(rf"(?<![\w-]){option}(?![\w-])", manual)]
+            self.assertEqual(missing, [], name)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
