@@ -3,9 +3,11 @@
 import pathlib
 import random
 import re
+import shutil
+import subprocess
 import unittest
 
-from capture import ICMP, Capture, read, tshark
+from capture import ICMP, PLUGINS, Capture, read, tshark
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs" / "wireshark.md"
 INFO = "_ws.col.Info"
@@ -308,6 +310,14 @@ class LineTest(unittest.TestCase):
         for options, expected in [([], []), (["-o", "orvex_line.ports:9393"], ["SET"]),
                                   (["-d", "tcp.port==9393,orvex_line"], ["SET"])]:
             self.assertEqual(read(capture, "orvex_line.text", options=options), [(expected,)])
+
+
+class SourceTest(unittest.TestCase):
+    @unittest.skipUnless(shutil.which("luacheck"), "no luacheck")
+    def test_check(self):
+        done = subprocess.run(["luacheck", "-q", *sorted(PLUGINS.glob("*.lua"))], check=False,
+                              cwd=PLUGINS.parents[1], capture_output=True, encoding="utf-8")
+        self.assertEqual(done.returncode, 0, done.stdout)
 
 
 class DocumentationTest(unittest.TestCase):
