@@ -1,7 +1,9 @@
 # The common part of the cross tool chains. Programs find loader and libraries in the cross
-# compiler's own folder, so that they start in place, with or without an emulator.
+# compiler's own folder, so that they start in place, with or without an emulator. The old kind of
+# tag leads there the libraries of libraries as well.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
-    "-Wl,--dynamic-linker=${ORVEX_SYSROOT}/lib/${ORVEX_LOADER} -Wl,-rpath=${ORVEX_SYSROOT}/lib")
+    "-Wl,--dynamic-linker=${ORVEX_SYSROOT}/lib/${ORVEX_LOADER} \
+-Wl,--disable-new-dtags,-rpath=${ORVEX_SYSROOT}/lib")
 
 # Some kernels refuse programs of another width or kind: try one, and emulate when it won't run.
 if(NOT DEFINED CACHE{ORVEX_RUNS_FOREIGN})
