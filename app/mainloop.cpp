@@ -36,6 +36,8 @@ bool skip_word(const char*& line, const char* word) {
 
 }  // namespace
 
+// What m_msg holds is written before it is read.
+// cppcheck-suppress uninitMemberVar
 CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     gettimeofday(&m_sweep, nullptr);
     FD_ZERO(&m_readable);

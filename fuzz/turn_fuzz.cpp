@@ -197,6 +197,7 @@ void Game::CheckService() {
     await_bytes(local.get_fd(), lines.size());
     Drain();
     UdpPeer peer;
+    // cppcheck-suppress danglingLifetime; SendNext() takes it out again
     m_Queue.push_back(
         {&peer, std::string("\3M\2\7\0\0\0\1\0\0\0\0\0\0\0\0WRNI\0\1\0\1\2\10\7\100", 28)});
     SendNext();

@@ -40,6 +40,8 @@ CRUdpTIDMap::Node* CRUdpTIDMap::Node::NodeManager::GetFreeNode() {
 CRUdpTIDMap::Node* CRUdpTIDMap::Node::NodeManager::Grow() {
     const uint32_t count = std::min(m_nGrowBy, MAX_GROW_BY);
     Node* const nodes = new (std::nothrow) Node[count];
+    // Kept in m_pChunks. cppcheck does not know new (std::nothrow).
+    // cppcheck-suppress [unreadVariable, unusedAllocatedMemory]
     NodeChunk* const chunk = new (std::nothrow) NodeChunk{nodes, m_pChunks};
     if (nodes == nullptr || chunk == nullptr) {
         delete[] nodes;

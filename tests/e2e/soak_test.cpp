@@ -27,9 +27,9 @@ protected:
         }
         tqrd.server.SendRaw(inputs);
         // Mirrored to two channels, and a line a write.
-        const size_t lines = 3 * PER_ROUND;
+        const size_t lines = size_t{3} * PER_ROUND;
         // A reply a read and a report an input, all sent twice; an acknowledgement a read.
-        const size_t sent = 4 * PER_ROUND;
+        const size_t sent = size_t{4} * PER_ROUND;
         size_t reports = 0;
         size_t answers = 0;
         ASSERT_TRUE(Await([&] {

@@ -19,6 +19,8 @@ long Clock::Readings() {
     return readings;
 }
 
+// The system's names of the parameters are not for us.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
     *time = now;
     ++readings;

@@ -38,7 +38,7 @@ bool BecomeRoot() {
 
 bool Host::Prepare() {
     return BecomeRoot() && unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("run", "/run", "tmpfs", 0, nullptr) == 0 &&
            mount("log", "/var/log", "tmpfs", 0, nullptr) == 0;
 }

@@ -238,6 +238,7 @@ Descriptor WatchSignals() {
 
 void Run(SimServer& server, const Descriptor& signals) {
     Console console(server);
+    // cppcheck-suppress variableScope; its memory is used again
     std::vector<pollfd> fds;
     while (!console.HasQuit()) {
         fds = {{signals.Get(), POLLIN, 0}, {console.GetDescriptor(), POLLIN, 0}};
