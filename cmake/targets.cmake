@@ -14,9 +14,9 @@ endif()
 if(ORVEX_SANITIZE)
   # For everything that is linked together, GoogleTest included. The vptr check would need the type
   # information that the daemon is built without.
-  add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
+  add_compile_options(-fsanitize=${ORVEX_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=address,undefined)
+  add_link_options(-fsanitize=${ORVEX_SANITIZE})
 endif()
 if(ORVEX_FUZZ)
   # The fuzzer follows the paths through the daemon.
@@ -33,6 +33,9 @@ target_link_libraries(orvex_daemon_options INTERFACE orvex_options)
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   include(CheckIPOSupported)
   check_ipo_supported(RESULT ORVEX_LTO OUTPUT ORVEX_LTO_REASON LANGUAGES CXX)
+  if(ORVEX_LTO AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    add_link_options(-flto=thin)  # else tests, not optimized themselves, can't link the libraries
+  endif()
 endif()
 
 function(orvex_library name)
