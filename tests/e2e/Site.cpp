@@ -11,7 +11,8 @@ namespace {
 const char* const FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
 
 std::vector<std::string> DaemonCommand() {
-    const std::string emulator(ORVEX_EMULATOR);  // NOLINT: none for our own programs
+    // Empty where nothing emulates. NOLINTNEXTLINE(readability-redundant-string-init)
+    const std::string emulator(ORVEX_EMULATOR);
     return emulator.empty() ? std::vector<std::string>{ORVEX_PROGRAM}
                             : std::vector<std::string>{emulator, ORVEX_PROGRAM};
 }

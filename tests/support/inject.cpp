@@ -54,6 +54,7 @@ bool IsDue(const char* call) {
 
 // The label gives the function its name for the linker; the compiler would insist on the exact
 // declaration of the system's header.
+// NOLINTBEGIN(bugprone-macro-parentheses): parameters are not an expression
 #define INTERPOSE(result, name, parameters, arguments, failure)                                   \
     extern "C" result faulty_##name parameters __asm__(#name);                                    \
     extern "C" result faulty_##name parameters {                                                  \
@@ -63,6 +64,7 @@ bool IsDue(const char* call) {
         static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
         return next arguments;                                                                    \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 INTERPOSE(int, daemon, (int a, int b), (a, b), -1)
 INTERPOSE(void*, fopen, (const char* a, const char* b), (a, b), nullptr)
