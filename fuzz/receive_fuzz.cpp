@@ -3,12 +3,12 @@
 #include <array>
 #include <map>
 
+#include "fuzz/BusModel.h"
 #include "fuzz/Check.h"
 #include "fuzz/Net.h"
 #include "fuzz/Script.h"
 #include "msg/Message.h"
 #include "rudp/RUdpLayer3Server.h"
-#include "tests/support/BusModel.h"
 #include "tests/support/Clock.h"
 
 namespace {

@@ -6,10 +6,10 @@
 #include <deque>
 #include <memory>
 
+#include "fuzz/BusModel.h"
 #include "fuzz/Check.h"
 #include "fuzz/Router.h"
 #include "fuzz/Script.h"
-#include "tests/support/BusModel.h"
 #include "tests/support/Clock.h"
 
 namespace {

@@ -1,5 +1,5 @@
-// What the daemon must make of a datagram from the bus, told in the plainest way: what the hostile
-// tests and the fuzzers compare with.
+// What the daemon must make of a datagram from the bus, told in the plainest way: what the fuzzers
+// compare with.
 #pragma once
 
 #include <cstdint>
