@@ -12,49 +12,37 @@
 
 namespace {
 
-CInetAddress local_address(int sock) {
-    CInetAddress address;
-    socklen_t size = sizeof(sockaddr_in);
-    EXPECT_EQ(getsockname(sock, address.GetAddress(), &size), 0);
-    return address;
-}
-
 TEST(InetAddress, Texts) {
     const std::string long_name(80, 'a');
     const struct {
         const char* text;
-        const char* ip;  // null: no address, nothing changes
+        const char* ip;
         unsigned short port;
     } table[] = {
         {"10.1.2.3", "10.1.2.3", 2060},
-        {"10.1.2.3:94", "10.1.2.3", 94},
         {"10.1.2.3:x", "10.1.2.3", 0},
         {"10.1.2.3:70000", "10.1.2.3", 4464},
         {"10.1.2.3:99999999999", "10.1.2.3", 65535},  // saturates at 32 bits
         {"255.105.40.0:95:96", "255.105.40.0", 95},
         {"1..2.3", "1.0.2.3", 2060},
-        {"0.0.0.0", "0.0.0.0", 2060},  // looked up as a name, which the system reads
-        {"1.2.3", "1.2.0.3", 2060},    // the same
-        {"1.2.3.4.5", nullptr, 0},
-        {"1.2.3.256", nullptr, 0},
-        {"1.2.3.4294967297:80", nullptr, 0},
-        {"", nullptr, 0},
-        {":95", nullptr, 0},
-        {long_name.c_str(), nullptr, 0},
+        {"1.2.3", "1.2.0.3", 2060},  // looked up as a name, which the system reads
     };
     for (const auto& row : table) {
         CInetAddress address;
-        address.SetAddress(0x09090909L, 9);
-        EXPECT_EQ(address.SetAddress(row.text, 2060), row.ip != nullptr ? 0 : -1) << row.text;
+        EXPECT_EQ(address.SetAddress(row.text, 2060), 0) << row.text;
         char text[16];
         address.GetIP(text);
-        EXPECT_STREQ(text, row.ip != nullptr ? row.ip : "9.9.9.9") << row.text;
-        EXPECT_EQ(address.GetPort(), row.ip != nullptr ? row.port : 9) << row.text;
+        EXPECT_STREQ(text, row.ip);
+        EXPECT_EQ(address.GetPort(), row.port) << row.text;
     }
+    CInetAddress address;
     CInetAddress local;
-    CInetAddress named;
-    ASSERT_EQ(named.SetAddress("localhost:95", 1), local.SetLocalAddress(95));
-    EXPECT_FALSE(named != local) << "localhost is the machine's own name";
+    ASSERT_EQ(address.SetAddress("localhost:95", 1), local.SetLocalAddress(95));
+    for (const char* text :
+         {"1.2.3.4.5", "1.2.3.256", "1.2.3.4294967297:80", "", ":96", long_name.c_str()}) {
+        EXPECT_EQ(address.SetAddress(text, 96), -1) << text;
+    }
+    EXPECT_FALSE(address != local) << "localhost is the machine's own name; nothing has changed it";
 }
 
 TEST(InetSocket, Datagrams) {
@@ -64,7 +52,9 @@ TEST(InetSocket, Datagrams) {
     ASSERT_EQ(one.Open(false) | two.Open(false), 0);
     EXPECT_EQ(one.Bind(0, "1.2.3.256"), -1);
     ASSERT_EQ(one.Bind(0, "127.0.0.1"), 0) << "the name of no address leaves the socket open";
-    const CInetAddress to = local_address(one);
+    CInetAddress to;
+    socklen_t size = sizeof(sockaddr_in);
+    ASSERT_EQ(getsockname(one, to.GetAddress(), &size), 0);
     ASSERT_EQ(two.Bind(to.GetPort(), nullptr), 0) << "the port can be shared";
 
     const auto start = std::chrono::steady_clock::now();
