@@ -77,15 +77,3 @@ std::string BusPeer::Packet(char type, const std::string& payload) {
     const std::string tid = {0, 0, 1, static_cast<char>(++m_tid)};
     return std::string("\3") + type + "\2\7" + tid + std::string(8, '\0') + payload;
 }
-
-std::string Hex(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); i += 2) {
-        i = text.find_first_not_of(' ', i);
-        if (i == std::string::npos) {
-            break;
-        }
-        bytes.push_back(static_cast<char>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
-}

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/support/Host.h"
+#include "tests/support/captures.h"
 
 // Receives what is sent to the group on port 2055, and sends from a port of its own.
 class BusPeer {
@@ -39,6 +40,3 @@ private:
     int m_sender;
     unsigned char m_tid = 0;
 };
-
-// Bytes from their hexadecimal text; blanks are left out.
-std::string Hex(const std::string& text);

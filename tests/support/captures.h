@@ -1,12 +1,24 @@
-// The captures of docs/protocol.md: what is documented there is what the tests compare with.
+// Bytes from texts: hexadecimal ones, and the captures of docs/protocol.md, with which the tests
+// compare.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <sstream>
 #include <string>
+
+// Bytes written as hexadecimal digits; blanks don't count.
+inline std::string Hex(std::string digits) {
+    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
+    std::string bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
 
 // The bytes of the table behind "<!-- capture NAME -->", whose rows are "| offset | bytes | meaning
 // |". Fails the test when there is none or an offset isn't the number of the bytes before it.
@@ -18,14 +30,12 @@ inline std::string read_capture(const std::string& name) {
     std::string bytes;
     while (std::getline(doc, line) && (line.empty() || line[0] == '|')) {
         std::istringstream row(line);
-        std::string bar, offset, byte;
-        if (!(row >> bar >> offset) || isdigit(static_cast<unsigned char>(offset[0])) == 0) {
-            continue;  // a blank line or the table's head
-        }
-        EXPECT_EQ(offset, std::to_string(bytes.size())) << name;
-        row >> bar;
-        while (row >> byte && byte != "|") {
-            bytes.push_back(static_cast<char>(std::stoul(byte, nullptr, 16)));
+        std::string bar, offset, digits;
+        if (row >> bar >> offset && isdigit(static_cast<unsigned char>(offset[0])) != 0) {
+            EXPECT_EQ(offset, std::to_string(bytes.size())) << name;
+            row >> bar;
+            std::getline(row, digits, '|');
+            bytes += Hex(digits);
         }
     }
     EXPECT_FALSE(bytes.empty()) << "no capture " << name;
