@@ -1,7 +1,5 @@
 // orvexctl on the studio, the daemon on the device.
 
-#include <arpa/inet.h>
-
 #include <csignal>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -9,6 +7,7 @@
 #include "net/InetAddress.h"
 #include "net/InetSocket.h"
 #include "tests/e2e/Site.h"
+#include "tests/support/captures.h"
 
 namespace {
 
@@ -16,41 +15,6 @@ using Json = nlohmann::json;
 using Words = std::vector<std::string>;
 
 const char* const GROUP = "239.192.255.4";
-
-// A socket on the device for packets that no client of ours would send.
-class RawPeer {
-public:
-    RawPeer(const Host& host, unsigned short port) {
-        const Host::Scope on(host);
-        EXPECT_EQ(m_socket.Open(false), 0);
-        EXPECT_EQ(m_socket.Bind(port, nullptr), 0);
-    }
-
-    bool HasPacket() { return m_socket.WaitForRead(0) > 0; }
-
-    std::string Receive() {
-        char buf[2000];
-        const int got = m_socket.Read(&m_from, buf, sizeof buf);
-        return std::string(buf, static_cast<size_t>(std::max(got, 0)));
-    }
-
-    void Answer(const std::string& packet) { Send(m_from, packet); }
-
-    void SendToGroup(const std::string& packet) {
-        CInetAddress group;
-        group.SetAddress(GROUP, 2055);
-        Send(group, packet);
-    }
-
-private:
-    void Send(const CInetAddress& to, const std::string& packet) {
-        EXPECT_EQ(m_socket.Write(&to, packet.data(), static_cast<int>(packet.size())),
-                  static_cast<int>(packet.size()));
-    }
-
-    CInetSocket m_socket;
-    CInetAddress m_from;
-};
 
 class Ctl : public Site {
 protected:
@@ -98,6 +62,12 @@ protected:
             process.Pump();
             return process.Out().find(text) != std::string::npos;
         });
+    }
+
+    // A socket on the device, for packets that no client of ours would send.
+    void OpenRaw(CInetSocket& raw, int port) {
+        const Host::Scope on(device);
+        EXPECT_EQ(raw.Open(false) | raw.Bind(port, nullptr), 0);
     }
 
     void ExpectRun(const Words& arguments, int status, const std::string& out,
@@ -169,12 +139,17 @@ TEST_F(Ctl, SetsPins) {
 }
 
 TEST_F(Ctl, TellsRefusedFromUnanswered) {
-    RawPeer peer(device, 2060);
+    CInetSocket peer;
+    OpenRaw(peer, 2060);
     const Words arguments = {"set", "-r", "-W", "5", "-t", DEVICE_ADDRESS, "1:2:out1=L"};
     const auto ctl = Start(studio, arguments);
-    ASSERT_TRUE(Await([&] { return peer.HasPacket(); }));
-    const std::string packet = peer.Receive();
-    peer.Answer(std::string("\0N\0\7", 4) + packet.substr(4, 4));
+    ASSERT_TRUE(Await([&] { return peer.WaitForRead(0) > 0; }));
+    char packet[100];
+    CInetAddress sender;
+    ASSERT_GT(peer.Read(&sender, packet, sizeof packet), 8);
+    packet[0] = packet[2] = '\0';
+    packet[1] = 'N';
+    EXPECT_EQ(peer.Write(&sender, packet, 8), 8);
     EXPECT_EQ(Finish(*ctl), 1);
     EXPECT_EQ(ctl->Err(), "orvexctl: refused by the receiver\n");
     ExpectRun({"set", "-r", "-W", "0.1", "-t", DEVICE_ADDRESS, "1:2:out1=L"}, 3, "",
@@ -256,18 +231,13 @@ TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
     StartAll();
     const auto json = StartListener(studio, {"watch", "--json"});
     const auto text = StartListener(studio, {"watch"});
-    RawPeer peer(device, 4000);
-    const auto packet = [](int layer, int type, int payload, int version, const std::string& rest) {
-        static int tid = 0;
-        const char head[] = {static_cast<char>(layer),
-                             static_cast<char>(type),
-                             static_cast<char>(payload),
-                             static_cast<char>(version),
-                             0,
-                             0,
-                             0,
-                             static_cast<char>(++tid)};
-        return std::string(head, sizeof head) + std::string(8, '\xFF') + rest;
+    CInetSocket peer;
+    CInetAddress group;
+    OpenRaw(peer, 4000);
+    group.SetAddress(GROUP, 2055);
+    char tid = 0;
+    const auto packet = [&tid](const std::string& head, const std::string& payload) {
+        return Hex(head) + std::string(3, '\0') + ++tid + std::string(8, '\xFF') + payload;
     };
     std::string deep("ABCD\0\0", 6);
     while (deep.size() < 60000) {
@@ -277,12 +247,12 @@ TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
     const std::string escapes("IN\x1B\xFF\0\2\0\1\2\10\2\0\6\x1B[2J\xFF\0\0\1\2\7\2\0\2\xC2\x9B",
                               28);
     for (const std::string& bytes :
-         {std::string(), std::string("x"), std::string(65507, '\xFF'), packet(1, 'M', 2, 7, "INDI"),
-          packet(3, 'M', 2, 6, "INDI"), packet(3, 0, 3, 7, "INDI"),
-          packet(3, 'M', 2, 7, "INDI\xFF\xFF"), packet(255, 255, 2, 7, ""),
-          packet(3, 0, 2, 7, std::string("INDI\0\0x", 7)), packet(3, 0, 2, 7, escapes),
-          packet(3, 'M', 2, 7, deep)}) {
-        peer.SendToGroup(bytes);
+         {std::string(), std::string(65507, '\xFF'), packet("014D0207", "INDI"),
+          packet("034D0206", "INDI"), packet("03000307", "INDI"),
+          packet("034D0207", "INDI\xFF\xFF"), packet("FFFF0207", ""),
+          packet("03000207", std::string("INDI\0\0x", 7)), packet("03000207", escapes),
+          packet("034D0207", deep)}) {
+        peer.Write(&group, bytes.data(), static_cast<int>(bytes.size()));
     }
     tqrd.server.Apply("GPI 1 LLLLL");
     ASSERT_TRUE(AwaitText(*text, "report  1:2:in5       L\n"));
