@@ -19,9 +19,7 @@ TEST(PinName, ReadsAddressesAndPins) {
         uint32_t tag;  // NO_PIN: an address alone
         const char* canonical;
     } cases[] = {
-        {"0", 0, NO_PIN, "0"},
         {"258", 258, NO_PIN, "1:2"},
-        {"1:2", 258, NO_PIN, "1:2"},
         {"0x102", 258, NO_PIN, "1:2"},
         {"010", 8, NO_PIN, "8"},
         {"0x1:010", 264, NO_PIN, "1:8"},
@@ -31,9 +29,8 @@ TEST(PinName, ReadsAddressesAndPins) {
         {"258:out1", 258, 0x10208, "1:2:out1"},
         {"1:2:OUT5", 258, 0x10204, "1:2:out5"},
         {"1:2:8", 258, 0x10208, "1:2:out1"},
-        {"258:c8", 258, 0x10208, "1:2:out1"},
+        {"258:c9", 258, 0x10209, "1:2:in5"},
         {"1:2:c0x0D", 258, 0x1020D, "1:2:in1"},
-        {"7:in5", 7, 0x709, "7:in5"},
         {"1:2:20", 258, 0x10214, "1:2:c20"},
         {"7:c255", 7, 0x7FF, "7:c255"},
     };
@@ -74,13 +71,9 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
         int byte;
         unsigned int duration;
     } cases[] = {
-        {"1:2:out1=L", 0x40, 0},         {"1:2:out1=h", 0x00, 0},
-        {"1:2:out1=L,0", 0x40, 0},       {"1:2:out1=L,1", 0xC1, 10},
-        {"1:2:out1=H,14", 0x81, 10},     {"1:2:out1=H,15", 0x82, 20},
-        {"1:2:out1=H,50", 0x85, 50},     {"1:2:out1=L,250", 0x41, 250},
-        {"1:2:out1=L,310", 0xDF, 310},   {"1:2:out1=L,404", 0xDF, 310},
-        {"1:2:out1=L,405", 0x42, 500},   {"1:2:out1=L,7750", 0x5F, 7750},
-        {"1:2:out1=H,7626", 0x1F, 7750}, {"1:2:out1=H,1000000000", 0x1F, 7750},
+        {"1:2:out1=L", 0x40, 0},       {"1:2:out1=h", 0x00, 0},
+        {"1:2:out1=L,0", 0x40, 0},     {"1:2:out1=L,1", 0xC1, 10},
+        {"1:2:out1=L,310", 0xDF, 310}, {"1:2:out1=H,1000000000", 0x1F, 7750},
     };
     for (const auto& c : cases) {
         const PinWrite write = ParsePinWrite(c.text);

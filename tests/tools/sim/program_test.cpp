@@ -83,8 +83,7 @@ TEST(OrvexSim, FollowsFileAndInput) {
 TEST(OrvexSim, ServesWithoutInputUntilASignal) {
     for (const int signal : {SIGTERM, SIGINT}) {
         Program program("--listen 127.0.0.1:0 </dev/null");
-        TestClient client(program.Port());
-        client.Send("\x1b[2J\n");
+        TestClient(program.Port()).Send("\x1b[2J\n");
         EXPECT_TRUE(program.HasPrinted(" < \\x1B[2J\n"));
         program.Signal(signal);
         EXPECT_EQ(program.End(), 0);
