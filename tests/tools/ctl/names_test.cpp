@@ -73,6 +73,7 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
     } cases[] = {
         {"1:2:out1=L", 0x40, 0},       {"1:2:out1=h", 0x00, 0},
         {"1:2:out1=L,0", 0x40, 0},     {"1:2:out1=L,1", 0xC1, 10},
+        {"1:2:out1=H,15", 0x82, 20},   {"1:2:out1=L,405", 0x42, 500},
         {"1:2:out1=L,310", 0xDF, 310}, {"1:2:out1=H,1000000000", 0x1F, 7750},
     };
     for (const auto& c : cases) {
