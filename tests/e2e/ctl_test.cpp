@@ -16,6 +16,14 @@ using Words = std::vector<std::string>;
 
 const char* const GROUP = "239.192.255.4";
 
+long CountOf(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 class Ctl : public Site {
 protected:
     // Channel 1 is at the address 1:2.
@@ -40,10 +48,7 @@ protected:
     std::unique_ptr<Process> StartListener(const Host& host, Words arguments) {
         arguments.emplace_back("-v");
         auto listener = Start(host, arguments);
-        EXPECT_TRUE(Await([&] {
-            listener->Pump();
-            return listener->Err().find("listening to") != std::string::npos;
-        }));
+        EXPECT_TRUE(AwaitText(*listener, "listening to"));
         return listener;
     }
 
@@ -57,10 +62,11 @@ protected:
         return process.Status();
     }
 
-    bool AwaitText(Process& process, const std::string& text) {
+    // Waits until the program has printed the text so many times.
+    bool AwaitText(Process& process, const std::string& text, long times = 1) {
         return Await([&] {
             process.Pump();
-            return process.Out().find(text) != std::string::npos;
+            return CountOf(process.Out() + process.Err(), text) >= times;
         });
     }
 
@@ -87,14 +93,6 @@ std::vector<Json> Lines(const std::string& text) {
         EXPECT_FALSE(lines.back().is_discarded()) << line;
     }
     return lines;
-}
-
-long CountOf(const std::string& text, const std::string& part) {
-    long count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
 }
 
 TEST_F(Ctl, GetsPins) {
@@ -164,17 +162,11 @@ TEST_F(Ctl, WatchesUntilItIsToldToEnd) {
     ASSERT_TRUE(AwaitText(*one, "reply   1:2:in1       H\n")) << "the present state";
     ASSERT_TRUE(AwaitText(*all, "reply   1:2:in1       H\n")) << "answers to others as well";
     tqrd.server.Apply("GPI 1 LLHHL");
-    EXPECT_TRUE(Await([&] {
-        all->Pump();
-        return CountOf(all->Out(), "report  1:2:in1       L\n") == 2;
-    })) << "both copies";
+    EXPECT_TRUE(AwaitText(*all, "report  1:2:in1       L\n", 2)) << "both copies";
     ASSERT_TRUE(AwaitText(*one, "report  1:2:in1       L\n"));
     tqrd.server.Apply("GPI 1 HLHHL");
     ASSERT_TRUE(AwaitText(*one, "report  1:2:in1       H\n"));
-    ASSERT_TRUE(Await([&] {
-        other->Pump();
-        return other->Err().find("orvexctl: no answer for 7\n") != std::string::npos;
-    }));
+    ASSERT_TRUE(AwaitText(*other, "orvexctl: no answer for 7\n"));
     for (const auto& watch : {one.get(), other.get()}) {
         watch->Signal(watch == one.get() ? SIGINT : SIGTERM);
         EXPECT_EQ(Finish(*watch), 0);
