@@ -140,6 +140,7 @@ TEST(Memory, SufficesForDeepMessages) {
     const std::string data = nest(MAX_LEVELS);
     CMsg2 msg(0, 16);
     EXPECT_EQ(decode(msg, data), data.size());
+    EXPECT_EQ(encode(msg), data);
     CMsg2 copy(msg);
     EXPECT_EQ(encode(copy), data);
     EXPECT_EQ(dump(copy).size(), MSG_TEXT_SIZE - 1);
