@@ -122,7 +122,10 @@ TEST_F(Peers, TheClockIsSetBackAnHour) {
     set_clock("+0");
     StartAll(
         {SpeedUp(1)[0], std::string("FAKETIME_TIMESTAMP_FILE=") + CLOCK, "FAKETIME_NO_CACHE=1"});
-    EXPECT_TRUE(Works());
+    for (const char* offset : {"-60", "+0"}) {  // what the library needs is in memory behind this
+        set_clock(offset);
+        EXPECT_TRUE(Works());
+    }
     const long descriptors = Descriptors();
     const long resident = ResidentKiB();
     for (const char* offset : {"-3600s", "+3600s", "-1", "+0"}) {
