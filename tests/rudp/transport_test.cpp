@@ -295,7 +295,7 @@ TEST(Transport, Errors) {
     CRUdpLayer3Client client(0, 0);
     CRUdpLayer1Base& client1 = client;
     CRUdpLayer1Base& server1 = server;
-    const auto error = [](CRUdpLayer1Base& endpoint, bool result) {
+    const auto error = [](const CRUdpLayer1Base& endpoint, bool result) {
         return result ? 0 : endpoint.GetLastError();
     };
     EXPECT_FALSE(server.Open(0, nullptr, nullptr, nullptr)) << "no port";

@@ -30,9 +30,10 @@ inline std::string read_capture(const std::string& name) {
     std::string bytes;
     while (std::getline(doc, line) && (line.empty() || line[0] == '|')) {
         std::istringstream row(line);
-        std::string bar, offset, digits;
+        std::string bar, offset;
         if (row >> bar >> offset && isdigit(static_cast<unsigned char>(offset[0])) != 0) {
             EXPECT_EQ(offset, std::to_string(bytes.size())) << name;
+            std::string digits;
             row >> bar;
             std::getline(row, digits, '|');
             bytes += Hex(digits);
