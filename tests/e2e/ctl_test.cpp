@@ -111,6 +111,16 @@ TEST_F(Ctl, GetsPins) {
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_EQ(lines[0]["host"], DEVICE_ADDRESS);
     EXPECT_EQ(lines[0]["items"][1]["level"], "L");
+
+    CInetSocket peer;
+    CInetAddress group;
+    OpenRaw(peer, 4000);
+    group.SetAddress(GROUP, 2055);
+    const auto get = StartListener(studio, {"get", "-W", "0.5", "7:out1"});
+    const std::string reply =
+        Hex("03000207 00000001 0000000000000000 494E4449 0002 FFFFFFFE 01 00000001 00000708 07 01");
+    peer.Write(&group, reply.data(), static_cast<int>(reply.size()));
+    EXPECT_EQ(Finish(*get), 3) << "what another had asked for";
 }
 
 TEST_F(Ctl, SetsPins) {

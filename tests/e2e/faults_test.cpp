@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 
 #include "tests/e2e/Wired.h"
@@ -189,6 +190,8 @@ TEST_F(Faults, InATurn) {
         EXPECT_EQ(daemon->Err().substr(err), row.err);
         EXPECT_NE(daemon->Out().find(row.out, out), std::string::npos) << daemon->Out().substr(out);
     }
+    daemon->Signal(SIGPIPE);  // from a peer that has gone
+    EXPECT_TRUE(Works());
     Settle();
     Arm("select 3 9");
     mirrored();

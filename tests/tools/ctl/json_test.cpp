@@ -38,6 +38,8 @@ void FillWithAllTypes(CMsg2& message) {
     message.SetDwordArray(9, 2, dwords);
     message.SetDwordArray(10, 0, nullptr);
     message.SetMsg(11, &nested);
+    // No characters: longer than need be, a surrogate, beyond the last.
+    message.SetString(12, "\xC1\xBF\xE0\x9F\xBF\xED\xA0\x80\xF4\x90\x80\x80");
 }
 
 const char* const ALL_TYPES =
@@ -49,7 +51,9 @@ const char* const ALL_TYPES =
     R"({"tag":6,"type":"string","value":null},{"tag":7,"type":"bytes","value":[0,128,255]},)"
     R"({"tag":8,"type":"words","value":[1,65535]},{"tag":9,"type":"dwords","value":[0,4294967295]},)"
     R"({"tag":10,"type":"dwords","value":[]},{"tag":11,"type":"message","value":)"
-    R"({"id":"0x01020304","items":[{"tag":5,"type":"word","value":6}]}}]})";
+    R"({"id":"0x01020304","items":[{"tag":5,"type":"word","value":6}]}},)"
+    R"({"tag":12,"type":"string","value":)"
+    R"("\\xC1\\xBF\\xE0\\x9F\\xBF\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80"}]})";
 
 TEST(MessageJson, HoldsAllTypes) {
     Traffic traffic;
