@@ -70,6 +70,11 @@ TEST(Container, ReadsNothingButItsOwnType) {
             EXPECT_EQ(msg.GetDwordArray(1)[1], 0xFFFFFFFFu);
         }
     }
+    EXPECT_EQ(msg.GetItemType(2) + msg.GetArrayCount(2) + msg.GetNumber(2) + msg.GetByte(2) +
+                  msg.GetWord(2) + msg.GetDword(2) + msg.GetQword(2),
+              0u)
+        << "no item";
+    EXPECT_EQ(msg.GetString(2), nullptr);
 }
 
 TEST(Container, RefusesWhatDoesNotFit) {
