@@ -329,6 +329,9 @@ TEST(Transport, Errors) {
     ASSERT_EQ(connect(server.GetSocket(), to.GetAddressPtr(), 16), 0);  // socket is told
     ASSERT_EQ(send(server.GetSocket(), "", 0, 0), 0);
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9009u);
+    server.Close();
+    EXPECT_EQ(server.GetSocket(), -1);
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9012u) << "closed";
 }
 
 // A datagram larger than the buffer is cut to it. Once open, nothing is allocated.
