@@ -331,6 +331,8 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9009u);
     server.Close();
     EXPECT_EQ(server.GetSocket(), -1);
+    EXPECT_FALSE(client.Open(std::string(80, 'x').c_str(), nullptr)) << "no such address";
+    EXPECT_EQ(client.GetSocket(), -1);
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9012u) << "closed";
 }
 
