@@ -13,6 +13,7 @@
 namespace {
 
 TEST(InetAddress, Texts) {
+    const std::string longest_name(79, 'a');
     const std::string long_name(80, 'a');
     const struct {
         const char* text;
@@ -38,8 +39,8 @@ TEST(InetAddress, Texts) {
     CInetAddress address;
     CInetAddress local;
     ASSERT_EQ(address.SetAddress("localhost:95", 1), local.SetLocalAddress(95));
-    for (const char* text :
-         {"1.2.3.4.5", "1.2.3.256", "1.2.3.4294967297:80", "", ":96", long_name.c_str()}) {
+    for (const char* text : {"1.2.3.4.5", "1.2.3.256", "1.2.3.4294967297:80", "", ":96",
+                             longest_name.c_str(), long_name.c_str()}) {
         EXPECT_EQ(address.SetAddress(text, 96), -1) << text;
     }
     EXPECT_FALSE(address != local) << "localhost is the machine's own name; nothing has changed it";
