@@ -113,10 +113,10 @@ TEST_F(OnTheBus, ReadsAreAnsweredToTheGroup) {
     StartAll();
     tqrd.server.Apply("GPO 2 LHHHH");
     ASSERT_TRUE(AwaitOut("parse_GPO 2 LHHHH\n"));
-    // Pins of both kinds, in this order; an unknown circuit and an unknown address between them.
-    peer->Send(peer->Packet('\0', Hex(READ + "0006 0000300D 07 00 FFFFFFFF 01 12345678"
-                                             "0000300C 07 00 00003063 07 00 00009908 07 00"
-                                             "00003008 01 00000000")),
+    // Pins of both kinds, in this order; unknown circuits and an unknown address between them.
+    peer->Send(peer->Packet('\0', Hex(READ + "0007 0000300D 07 00 FFFFFFFF 01 12345678"
+                                             "0000300C 07 00 00003063 07 00 00003000 07 00"
+                                             "00009908 07 00 00003008 01 00000000")),
                DEVICE_ADDRESS);
     ASSERT_TRUE(AwaitReports(2));
     EXPECT_EQ(LastPayload(), Hex("494E4449 0006 FFFFFFFE 01 12345678 0000300D 07 00"
