@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "app/pidfile.h"
 #include "tests/e2e/Site.h"
 
 namespace {
@@ -64,6 +65,8 @@ TEST_F(Mirror, FollowsARemoteInput) {
     tqrd.heard.clear();
     tqrd.server.Apply("CFG GPO 4 SRCA=none");
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 4 HHHHH"));
+    EXPECT_NE(ReadFile("/var/log/gpiocli.txt").find("\r\n3 0.0.0.0/0 id=0 disconnected\r\n"),
+              std::string::npos);
     remote.server.Apply("GPI 3 HLHLH");
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 8 HLHLH"));
     EXPECT_EQ(tqrd.heard, (Lines{"GPO 4 HHHHH", "GPO 8 HLHLH"}));
@@ -160,6 +163,8 @@ TEST_F(Site, DetachesAndLeavesItsPid) {
     EXPECT_EQ(kill(background, SIGTERM), 0);
     EXPECT_TRUE(Await([&] { return tqrd.server.ClientCount() == 0; }));
     EXPECT_EQ(ReadFile("/var/run/orvex.pid"), pid);
+    EXPECT_EQ(remove_pid_file("/usr/sbin/orvex"), 0);
+    EXPECT_EQ(ReadFile("/var/run/orvex.pid"), "");
 }
 
 TEST_F(Site, RunsWithoutItsInterfaceAndItsFiles) {

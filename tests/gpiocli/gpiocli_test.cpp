@@ -70,23 +70,23 @@ TEST_F(GpioClient, EntriesOfOneServerShareAConnectionAndItsLines) {
 }
 
 TEST_F(GpioClient, ReconnectsOnceAndSubscribesEveryEntryAgain) {
-    ASSERT_EQ(Open(2, server, 0), 0);
+    ASSERT_EQ(Open(0, server, 0), 0);
     ASSERT_EQ(Open(5, server, 1), 0);
     ASSERT_TRUE(server.Accept());
-    EXPECT_EQ(client.reconnect(2), -1) << "it is connected";
+    EXPECT_EQ(client.reconnect(0), -1) << "it is connected";
     server.Receive(20);
     server.Send("GPI 1 LHHHH\nGPI 2 LH");
     server.Drop();
     EXPECT_EQ(Next(5), "LHHHH");
     EXPECT_EQ(Next(5), "(none)");
-    EXPECT_EQ(client.get_fd(2), -1);
+    EXPECT_EQ(client.get_fd(0), -1);
 
     ASSERT_EQ(Open(7, server, 2), 0) << "joins the connection although it is down";
     EXPECT_FALSE(server.HasConnection());
     const int fd = client.reconnect(5);
     EXPECT_NE(fd, -1);
-    EXPECT_EQ(client.get_fd(2), fd);
-    EXPECT_EQ(client.reconnect(2), -1);
+    EXPECT_EQ(client.get_fd(0), fd);
+    EXPECT_EQ(client.reconnect(0), -1);
     ASSERT_TRUE(server.Accept());
     EXPECT_EQ(server.Receive(30), "ADD GPI 1\nADD GPI 2\nADD GPI 3\n");
     EXPECT_TRUE(server.IsQuiet());

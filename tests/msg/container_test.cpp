@@ -66,7 +66,11 @@ TEST(Container, ReadsNothingButItsOwnType) {
         EXPECT_EQ(getters, row.getters);
         EXPECT_FALSE(msg.SetByteArrayItem(1, 2, 7) || msg.SetWordArrayItem(1, 2, 7) ||
                      msg.SetDwordArrayItem(1, 2, 7));
-        if (row.type == CMsg2::ITEM_DWORD_ARRAY) {
+        if (getters == "bytes item ") {
+            EXPECT_EQ(msg.GetByteArray(1)[1], 7);
+        } else if (getters == "words item ") {
+            EXPECT_EQ(msg.GetWordArray(1)[1], 7);
+        } else if (getters == "dwords item ") {
             EXPECT_EQ(msg.GetDwordArray(1)[1], 0xFFFFFFFFu);
         }
     }

@@ -9,6 +9,7 @@
 
 #include "net/InetAddress.h"
 #include "net/InetSocket.h"
+#include "net/SvcAddress.h"
 
 namespace {
 
@@ -44,6 +45,14 @@ TEST(InetAddress, Texts) {
         EXPECT_EQ(address.SetAddress(text, 96), -1) << text;
     }
     EXPECT_FALSE(address != local) << "localhost is the machine's own name; nothing has changed it";
+}
+
+TEST(SvcAddress, ComparesHostAndPortEachOnItsOwn) {
+    const CSvcAddress one(1, 2);
+    const CSvcAddress two(2, 1);
+    EXPECT_TRUE(one < two && two < one && one > two && two > one);
+    EXPECT_FALSE(one < one || one > one || one == two);
+    EXPECT_TRUE(one == CSvcAddress(0xFFFFFFFFUL + 2, 2)) << "where a long has 64 bits, too";
 }
 
 TEST(InetSocket, Datagrams) {
@@ -91,7 +100,8 @@ TEST(InetSocket, DescriptorThatFitsNoSet) {
     EXPECT_EQ(sock.Open(false), -1);
     EXPECT_EQ(errno, EMFILE);
     EXPECT_EQ(sock, -1);
-    for (int fd = 3; fd < FD_SETSIZE; ++fd) {
+    EXPECT_EQ(dup(0), FD_SETSIZE) << "it is not kept";
+    for (int fd = 3; fd <= FD_SETSIZE; ++fd) {
         close(fd);
     }
 }

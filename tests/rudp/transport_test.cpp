@@ -329,7 +329,9 @@ TEST(Transport, Errors) {
     ASSERT_EQ(connect(server.GetSocket(), to.GetAddressPtr(), 16), 0);  // socket is told
     ASSERT_EQ(send(server.GetSocket(), "", 0, 0), 0);
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9009u);
+    EXPECT_TRUE(server.SetMcastTTL(1));
     server.Close();
+    EXPECT_FALSE(server.SetMcastTTL(1));
     EXPECT_EQ(server.GetSocket(), -1);
     EXPECT_FALSE(client.Open(std::string(80, 'x').c_str(), nullptr)) << "no such address";
     EXPECT_EQ(client.GetSocket(), -1);

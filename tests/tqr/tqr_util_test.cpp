@@ -165,14 +165,17 @@ TEST(TqrUtil, MergesChangedFields) {
         {"A=1", R"(N="x y\" z" A=2)", nullptr, R"(A=2 N="x y\" z")"},
         {"A=1,=5", "", nullptr, "A=1"},
         {"A=1, B=2", nullptr, nullptr, "A=1, B=2"},
-        {nullptr, "A=1", nullptr, "A=1"},
+        {nullptr, "A=1 B=2", nullptr, "A=1 B=2"},
         {nullptr, nullptr, nullptr, ""},
     };
     for (const auto& row : table) {
-        char out[100];
-        char* end = tqr_alter_str(out, row.base, row.changes, row.allowed);
-        EXPECT_STREQ(out, row.result);
-        EXPECT_EQ(end, out + strlen(out));
+        std::string out;
+        while (out.size() < 100) {
+            out += "B=";  // what was there before is no field
+        }
+        const char* end = tqr_alter_str(out.data(), row.base, row.changes, row.allowed);
+        EXPECT_STREQ(out.c_str(), row.result);
+        EXPECT_EQ(end, out.data() + strlen(row.result));
     }
 }
 
