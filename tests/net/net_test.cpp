@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <utility>
 
 #include "net/InetAddress.h"
 #include "net/InetSocket.h"
@@ -50,8 +51,15 @@ TEST(InetAddress, Texts) {
 TEST(SvcAddress, ComparesHostAndPortEachOnItsOwn) {
     const CSvcAddress one(1, 2);
     const CSvcAddress two(2, 1);
-    EXPECT_TRUE(one < two && two < one && one > two && two > one);
-    EXPECT_FALSE(one < one || one > one || one == two);
+    for (const auto& [a, b] : {std::pair(one, two), std::pair(two, one)}) {
+        EXPECT_TRUE(a < b) << "by host or by port";
+        EXPECT_TRUE(a > b);
+        EXPECT_FALSE(a == b);
+    }
+    const CSvcAddress same = one;
+    EXPECT_TRUE(one == same);
+    EXPECT_FALSE(one < same);
+    EXPECT_FALSE(one > same);
     EXPECT_TRUE(one == CSvcAddress(0xFFFFFFFFUL + 2, 2)) << "where a long has 64 bits, too";
 }
 
