@@ -5,24 +5,20 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstring>
+#include <system_error>
 
 #include "net/SvcAddress.h"
+#include "tools/base/ErrorText.h"
 #include "tools/ctl/ExitStatus.h"
 
 namespace {
-
-std::string ErrorText(int err) {
-    return strerror(err);
-}
 
 // The address of an interface, given itself or the interface's name; network byte order.
 uint32_t FindInterface(const std::string& text) {
@@ -106,12 +102,6 @@ BusLink::BusLink(const BusSettings& settings, const Console& console)
                            false);
 }
 
-BusLink::~BusLink() {
-    if (m_signals != -1) {
-        close(m_signals);
-    }
-}
-
 void BusLink::Listen() {
     const std::string port = std::to_string(m_settings.listen_port);
     if (!m_server.Open(m_settings.listen_port, nullptr, nullptr, nullptr)) {
@@ -129,14 +119,10 @@ void BusLink::Listen() {
 }
 
 void BusLink::StopOnSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    m_signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (m_signals == -1) {
-        throw Failure(STATUS_FAILED, "signalfd: " + ErrorText(errno));
+    try {
+        m_signals.emplace();
+    } catch (const std::system_error& error) {
+        throw Failure(STATUS_FAILED, error.what());
     }
 }
 
@@ -152,7 +138,8 @@ void BusLink::Send(const CMessage& message, uint16_t port, bool reliable) {
 
 BusLink::Event BusLink::Wait(Traffic& traffic, TimePoint deadline) {
     for (;;) {
-        pollfd fds[] = {{m_signals, POLLIN, 0}, {m_server.GetSocket(), POLLIN, 0}};
+        pollfd fds[] = {{m_signals ? m_signals->Get() : -1, POLLIN, 0},
+                        {m_server.GetSocket(), POLLIN, 0}};
         const int ready = poll(fds, 2, MillisecondsUntil(deadline));
         if (ready < 0 && errno != EINTR) {
             throw Failure(STATUS_FAILED, "poll: " + ErrorText(errno));

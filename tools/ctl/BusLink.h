@@ -8,6 +8,7 @@
 
 #include "rudp/RUdpLayer3Client.h"
 #include "rudp/RUdpLayer3Server.h"
+#include "tools/base/Signals.h"
 #include "tools/ctl/Console.h"
 #include "tools/ctl/Traffic.h"
 
@@ -31,7 +32,6 @@ public:
 
     // Opens the sending end.
     BusLink(const BusSettings& settings, const Console& console);
-    ~BusLink();
     BusLink(const BusLink&) = delete;
     BusLink& operator=(const BusLink&) = delete;
 
@@ -59,7 +59,7 @@ private:
     uint32_t m_iface;  // network byte order
     CRUdpLayer3Client m_client;
     CRUdpLayer3Server m_server;
-    int m_signals = -1;
+    std::optional<Signals> m_signals;
 };
 
 // "10.0.0.1" for an address in host byte order.

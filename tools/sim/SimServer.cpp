@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "tools/base/ErrorText.h"
+
 namespace {
 
 const int BACKLOG = 64;
@@ -19,10 +21,6 @@ std::string AddressText(const sockaddr_in& address) {
     char ip[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
     return std::string(ip) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-std::string ErrorText(int error) {
-    return std::generic_category().message(error);
 }
 
 bool IsTransient(int error) {

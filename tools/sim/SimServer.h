@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/sim/Descriptor.h"
+#include "tools/base/Descriptor.h"
 #include "tools/sim/DeviceState.h"
 #include "tools/sim/LineBuffer.h"
 

@@ -1,6 +1,5 @@
 // orvex-sim: the stand-in control server as a program.
 #include <arpa/inet.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -15,6 +14,8 @@
 #include <system_error>
 #include <vector>
 
+#include "tools/base/ErrorText.h"
+#include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
 #include "tools/sim/SimServer.h"
 
@@ -145,7 +146,7 @@ bool LoadFile(SimServer& server, const std::string& name) {
     if (file.eof()) {
         return true;
     }
-    PrintProblem(name, "can't read: " + std::generic_category().message(errno));
+    PrintProblem(name, "can't read: " + ErrorText(errno));
     return false;
 }
 
@@ -226,17 +227,7 @@ private:
     bool m_quit = false;
 };
 
-// A descriptor that becomes readable when the program is asked to end.
-Descriptor WatchSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
-}
-
-void Run(SimServer& server, const Descriptor& signals) {
+void Run(SimServer& server, const Signals& signals) {
     Console console(server);
     // cppcheck-suppress variableScope; its memory is used again
     std::vector<pollfd> fds;
@@ -263,7 +254,7 @@ int Main(int argc, char** argv) {
     // from the terminal fails instead of stopping the program.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGTTIN, SIG_IGN);
-    const Descriptor signals = WatchSignals();
+    const Signals signals;
     SimServer server(PrintEvent);
     if ((!options.file.empty() && !LoadFile(server, options.file)) ||
         !Listen(server, options.listen)) {

@@ -11,7 +11,7 @@
 #include <functional>
 #include <string>
 
-#include "tools/sim/Descriptor.h"
+#include "tools/base/Descriptor.h"
 
 // Makes turns until the condition holds; false when it does not come true in good time.
 inline bool Await(

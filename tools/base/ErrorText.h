@@ -1,0 +1,7 @@
+// What the system says about an error number.
+#pragma once
+
+#include <string>
+
+// The text for an errno value, in the language of the C library's messages.
+std::string ErrorText(int error);
