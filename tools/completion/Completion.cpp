@@ -63,9 +63,10 @@ bool Repeats(const CLI::Option& option) {
     return option.get_items_expected_max() > 1;
 }
 
-// What the user calls the value: the name of a positional, the type of an option's.
+// What the user calls the value: its type, or the name of a positional that has none.
 std::string ValueName(const CLI::Option& option) {
-    return option.get_positional() ? option.get_name(true) : option.get_type_name();
+    const std::string type = option.get_type_name();
+    return option.get_positional() && type.empty() ? option.get_name(true) : type;
 }
 
 std::string Kind(const CLI::Option& option) {

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 
 #include "tools/completion/Completion.h"
@@ -53,16 +54,33 @@ void AddOption(CLI::App& app, const OptionSpec& row, Options& options) {
         ->type_name(row.value);
 }
 
+// Shows an argument as its type: CLI11 takes no ':' in a name.
+class ArgumentFormatter : public CLI::Formatter {
+    std::string make_option_name(const CLI::Option* option, bool positional) const override {
+        return positional ? option->get_type_name()
+                          : CLI::Formatter::make_option_name(option, positional);
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        if (!option->get_positional()) {
+            return CLI::Formatter::make_option_opts(option);
+        }
+        return std::string(option->get_expected_max() > 1 ? " ..." : "") +
+               (option->get_required() ? " REQUIRED" : "");
+    }
+};
+
 void AddArgument(CLI::App& app, const ArgumentSpec& row, Options& options) {
+    const std::string name(row.name, std::strcspn(row.name, "[:="));
     app.add_option_function<std::vector<std::string>>(
-           row.name,
+           name,
            [&](const std::vector<std::string>& words) {
                for (const std::string& word : words) {
                    Set(row, row.name, options, word);
                }
            },
            row.help)
-        ->type_name("")
+        ->type_name(row.name)
         ->required(row.required)
         ->expected(1, row.repeats ? CLI::detail::expected_max_vector_size : 1);
 }
@@ -88,6 +106,7 @@ const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int
     app.footer(Footer());
     app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
     app.require_subcommand(1);
+    app.formatter(std::make_shared<ArgumentFormatter>());
     for (const OptionSpec& option : OPTIONS) {
         if (option.commands == nullptr) {
             AddOption(app, option, options);
