@@ -3,6 +3,7 @@
 //   orvex.cpp     settings, endpoints, command line, start-up
 //   mainloop.cpp  the select() loop
 //   channels.cpp  the channel table and the control lines that change it
+//   source.cpp    what a line says about a channel
 //   state.cpp     pin states between the bus, the channel table and TQRD
 #pragma once
 
@@ -12,6 +13,7 @@
 #include <cstdint>
 #include <string>
 
+#include "app/source.h"
 #include "gpiocli/gpiocli.h"
 #include "msg/Message.h"
 #include "net/SvcAddress.h"
@@ -20,7 +22,6 @@
 #include "tqr/tqrcli.h"
 
 const char* const appname = "orvex";
-const int CHANNEL_COUNT = 32;
 
 // ---- Settings. The debug flag dbg is declared in gpiocli/gpiocli.h.
 
@@ -39,23 +40,6 @@ extern CRUdpLayer3Server rudpsrv;  // receives state messages from the bus
 extern CRUdpLayer3Client rudpcli;  // sends state messages to the bus
 
 // ---- Channel table. Channel n of control lines is channels[n - 1].
-
-// Where a channel's output is driven from.
-enum ChannelKind : uint32_t {
-    KIND_NONE = 0,
-    KIND_REMOTE = 1,  // its GPO follows one GPI of a remote GPIO server
-    KIND_BUS = 2      // its GPO is written, and its GPI reported, on the multicast bus
-};
-
-struct ChannelConfig {
-    uint32_t proto;  // a ChannelKind
-    uint32_t ach;    // KIND_BUS: circuit-group address
-    uint32_t ip;     // KIND_REMOTE: the server, network byte order
-    uint16_t port;   // KIND_REMOTE: its TCP port, host byte order
-    uint16_t gpi;    // KIND_REMOTE: number of its GPI, counted from 0
-
-    bool operator==(const ChannelConfig& other) const;
-};
 
 const int PIN_COUNT = 5;
 

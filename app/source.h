@@ -1,0 +1,32 @@
+// What the configuration of a channel says: where its output is driven from. Reads texts and
+// touches nothing else, so that other programs can ask what the daemon makes of a line.
+#pragma once
+
+#include <cstdint>
+
+const int CHANNEL_COUNT = 32;
+
+// Where a channel's output is driven from.
+enum ChannelKind : uint32_t {
+    KIND_NONE = 0,
+    KIND_REMOTE = 1,  // its GPO follows one GPI of a remote GPIO server
+    KIND_BUS = 2      // its GPO is written, and its GPI reported, on the multicast bus
+};
+
+struct ChannelConfig {
+    uint32_t proto;  // a ChannelKind
+    uint32_t ach;    // KIND_BUS: circuit-group address
+    uint32_t ip;     // KIND_REMOTE: the server, network byte order
+    uint16_t port;   // KIND_REMOTE: its TCP port, host byte order
+    uint16_t gpi;    // KIND_REMOTE: number of its GPI, counted from 0
+
+    bool operator==(const ChannelConfig& other) const;
+};
+
+// The text of a "CFG" line behind its first four characters: "GPO n ... SRCA=source ...". Stores
+// the channel's number, 1 to 32, and returns the source's value; null when the line has none or is
+// no such line.
+const char* find_source(const char* text, int& number);
+
+// What a source's value means, up to the end of the value. KIND_NONE when it is no source.
+ChannelConfig parse_source(const char* source);
