@@ -16,10 +16,8 @@ install(FILES packaging/nftables/orvex.nft DESTINATION ${CMAKE_INSTALL_DOCDIR}/e
 install(DIRECTORY packaging/wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
         FILES_MATCHING PATTERN "*.lua")
 
-configure_file(packaging/systemd/orvex.service.in orvex.service @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvex.service DESTINATION ${ORVEX_UNIT_DIR})
-install(FILES packaging/systemd/orvex.default
-        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default RENAME orvex)
+configure_file(cmake/unit.cmake.in unit.cmake @ONLY)
+install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/unit.cmake)
 
 foreach(tool orvexctl orvex-sim)
   if(TARGET ${tool})
