@@ -1,7 +1,5 @@
 // The channel table and the control lines that change it.
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 
 #include "app/orvex.h"
@@ -101,21 +99,4 @@ void parse_SET(const char* text) {
         iface = address;
         iface_changed = 1;
     }
-}
-
-uint32_t url2ip(const char* text) {
-    if (text == nullptr) {
-        return 0;
-    }
-    if (*text == '"') {
-        ++text;
-    }
-    uint32_t value = 0;
-    for (int part = 0; part < 4; ++part) {
-        if (part > 0 && *text++ != '.') {
-            return 0;
-        }
-        value = value << 8 | static_cast<uint32_t>(tqr_strtol(text, &text, 0));
-    }
-    return htonl(value);
 }

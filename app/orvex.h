@@ -41,8 +41,6 @@ extern CRUdpLayer3Client rudpcli;  // sends state messages to the bus
 
 // ---- Channel table. Channel n of control lines is channels[n - 1].
 
-const int PIN_COUNT = 5;
-
 // The states are one character a pin, without a terminator: 'H', 'L', 'h', 'l', 'x', or NUL when
 // not known yet.
 struct Channel : ChannelConfig {
@@ -64,11 +62,6 @@ void parse_GPO(const char* text);
 
 // "SET ... NIC_IPADDR=a.b.c.d ...": replaces iface and sets iface_changed when it differs.
 void parse_SET(const char* text);
-
-// A dotted quad, with or without a double quote before it, as an address in network byte order; 0
-// when text is null or no dotted quad. Parts may be decimal, octal or hexadecimal; a part above 255
-// spills into the one before it.
-uint32_t url2ip(const char* text);
 
 // Stores the first five characters of a state text; where it is shorter, NULs.
 void copy_state(char (&state)[PIN_COUNT], const char* text);

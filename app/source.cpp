@@ -98,3 +98,20 @@ bool ChannelConfig::operator==(const ChannelConfig& other) const {
     return proto == other.proto && ach == other.ach && ip == other.ip && port == other.port &&
            gpi == other.gpi;
 }
+
+uint32_t url2ip(const char* text) {
+    if (text == nullptr) {
+        return 0;
+    }
+    if (*text == '"') {
+        ++text;
+    }
+    uint32_t value = 0;
+    for (int part = 0; part < 4; ++part) {
+        if (part > 0 && *text++ != '.') {
+            return 0;
+        }
+        value = value << 8 | static_cast<uint32_t>(tqr_strtol(text, &text, 0));
+    }
+    return htonl(value);
+}

@@ -1,10 +1,11 @@
-// What the configuration of a channel says: where its output is driven from. Reads texts and
+// What lines of configuration say: where the output of a channel is driven from. Reads texts and
 // touches nothing else, so that other programs can ask what the daemon makes of a line.
 #pragma once
 
 #include <cstdint>
 
 const int CHANNEL_COUNT = 32;
+const int PIN_COUNT = 5;  // of an output, and of an input
 
 // Where a channel's output is driven from.
 enum ChannelKind : uint32_t {
@@ -30,3 +31,8 @@ const char* find_source(const char* text, int& number);
 
 // What a source's value means, up to the end of the value. KIND_NONE when it is no source.
 ChannelConfig parse_source(const char* source);
+
+// A dotted quad, with or without a double quote before it, as an address in network byte order; 0
+// when text is null or no dotted quad. Parts may be decimal, octal or hexadecimal; a part above 255
+// spills into the one before it.
+uint32_t url2ip(const char* text);

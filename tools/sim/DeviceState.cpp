@@ -4,7 +4,7 @@
 #include <climits>
 #include <string_view>
 
-#include "tools/sim/LineBuffer.h"
+#include "tools/base/LineBuffer.h"
 #include "tqr/tqr_util.h"
 
 // Reads a line word by word.

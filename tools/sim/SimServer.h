@@ -11,7 +11,7 @@
 
 #include "tools/base/Descriptor.h"
 #include "tools/sim/DeviceState.h"
-#include "tools/sim/LineBuffer.h"
+#include "tools/base/LineBuffer.h"
 
 // Plays a device with one state to any number of clients on any number of addresses. For one
 // thread: it works only inside its calls and blocks only in Step(), so several servers, and

@@ -1,4 +1,4 @@
-#include "tools/sim/LineBuffer.h"
+#include "tools/base/LineBuffer.h"
 
 #include <algorithm>
 #include <cstdio>

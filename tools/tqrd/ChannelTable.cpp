@@ -1,0 +1,96 @@
+#include "tools/tqrd/ChannelTable.h"
+
+#include <cstring>
+
+#include "tools/tqrd/SourceNotes.h"
+#include "tqr/dotted_quad.h"
+#include "tqr/tqr_util.h"
+
+namespace {
+
+const size_t WORD_SIZE = 4;  // "CFG " and its like
+
+const char* SkipWord(const std::string& line, const char* word) {
+    return line.compare(0, WORD_SIZE, word) == 0 ? line.c_str() + WORD_SIZE : nullptr;
+}
+
+}  // namespace
+
+ChannelTable::Subject ChannelTable::Take(const std::string& line) {
+    if (const char* const text = SkipWord(line, "CFG ")) {
+        return TakeConfiguration(text);
+    }
+    if (const char* const text = SkipWord(line, "GPI ")) {
+        return TakeState(text, Kind::Input);
+    }
+    if (const char* const text = SkipWord(line, "GPO ")) {
+        return TakeState(text, Kind::Output);
+    }
+    if (const char* const text = SkipWord(line, "SET ")) {
+        if (const char* const value = tqr_findval(text, "NIC_IPADDR")) {
+            m_interface = url2ip(value);
+            return {Kind::Settings, 0};
+        }
+    }
+    return {};
+}
+
+ChannelTable::Subject ChannelTable::TakeConfiguration(const char* text) {
+    int number = 0;
+    const char* const source = find_source(text, number);
+    if (source == nullptr) {
+        return {};
+    }
+    ChannelInfo& channel = m_channels[Index(number)];
+    channel.is_configured = true;
+    channel.source = FieldText(source);
+    channel.config = parse_source(source);
+    return {Kind::Configuration, number};
+}
+
+// "n state", of any channel: unlike the daemon this keeps the outputs above 8 too.
+ChannelTable::Subject ChannelTable::TakeState(const char* text, Kind kind) {
+    const char* behind = nullptr;
+    const long number = tqr_strtol(text, &behind, 0);
+    if (number < 1 || number > CHANNEL_COUNT || *behind != ' ') {
+        return {};
+    }
+    ChannelInfo& channel = m_channels[Index(static_cast<int>(number))];
+    std::string& state = kind == Kind::Input ? channel.input : channel.output;
+    state.assign(behind + 1, strnlen(behind + 1, PIN_COUNT));
+    return {kind, static_cast<int>(number)};
+}
+
+std::vector<int> ChannelTable::Find(ChannelKind kind) const {
+    std::vector<int> numbers;
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        if (Channel(number).config.proto == kind) {
+            numbers.push_back(number);
+        }
+    }
+    return numbers;
+}
+
+int RemoteInput(const ChannelConfig& config) {
+    return (config.gpi & 0xFF) + 1;
+}
+
+std::string RemoteServer(const ChannelConfig& config) {
+    return std::string(DottedQuad(config.ip).text) + ":" + std::to_string(config.port);
+}
+
+std::string BusAddress(uint32_t address) {
+    return address < 256 ? std::to_string(address)
+                         : std::to_string(address >> 8) + ":" + std::to_string(address & 0xFF);
+}
+
+std::string DescribeSource(const ChannelConfig& config) {
+    switch (config.proto) {
+        case KIND_REMOTE:
+            return "input " + std::to_string(RemoteInput(config)) + " of " + RemoteServer(config);
+        case KIND_BUS:
+            return "writes on the bus to " + BusAddress(config.ach);
+        default:
+            return "nothing";
+    }
+}

@@ -1,0 +1,178 @@
+#include "tools/tqrd/SourceNotes.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "tools/tqrd/ChannelTable.h"
+#include "tqr/dotted_quad.h"
+#include "tqr/tqr_util.h"
+
+namespace {
+
+const uint32_t MAX_BUS_ADDRESS = 0xFFFFFF;  // a tag has 24 bits for it
+
+// The value without quotes, escapes and scheme.
+std::string PlainText(const std::string& value) {
+    std::string text(value.size() + 1, '\0');
+    tqr_copyval(text.data(), value.c_str(), static_cast<int>(text.size()));
+    text.resize(strlen(text.c_str()));
+    return text.compare(0, 6, "tqs://") == 0 ? text.substr(6) : text;
+}
+
+// What follows the first separator; empty when there is none.
+std::string After(const std::string& text, char separator) {
+    const size_t at = text.find(separator);
+    return at == std::string::npos ? std::string() : text.substr(at + 1);
+}
+
+std::string Before(const std::string& text, char separator) {
+    return text.substr(0, text.find(separator));
+}
+
+bool IsOctal(const std::string& number) {
+    return number.size() > 1 && number[0] == '0' && number[1] >= '0' && number[1] <= '9';
+}
+
+class Notes {
+public:
+    Notes(const std::string& value, const ChannelConfig& config)
+        : m_value(value), m_text(PlainText(value)), m_config(config) {}
+
+    std::vector<std::string> Make() {
+        AboutLaterFields();
+        switch (m_config.proto) {
+            case KIND_BUS:
+                AboutAddress();
+                break;
+            case KIND_REMOTE:
+                AboutServer();
+                AboutPort();
+                AboutInput();
+                break;
+            default:
+                AboutNothing();
+                break;
+        }
+        return std::move(m_notes);
+    }
+
+private:
+    void Add(const std::string& note) { m_notes.push_back(note); }
+    void AboutLaterFields();
+    void AboutAddress();
+    void AboutServer();
+    void AboutPort();
+    void AboutInput();
+    void AboutNothing();
+
+    const std::string& m_value;
+    const std::string m_text;
+    const ChannelConfig& m_config;
+    std::vector<std::string> m_notes;
+};
+
+// The value alone would be read in another way.
+void Notes::AboutLaterFields() {
+    const ChannelConfig alone = parse_source(m_value.c_str());
+    if (!(alone == m_config)) {
+        Add("A '.' before the first blank makes a remote server, and the comma is no blank: the "
+            "'.' of a later field counts. With a blank behind the source it is: " +
+            DescribeSource(alone) + ".");
+    }
+}
+
+void Notes::AboutAddress() {
+    const char* behind = nullptr;
+    const std::string first = Before(m_text, ':');
+    const bool has_two = m_text.find(':') == first.size();
+    const std::string second = has_two ? After(m_text, ':') : std::string();
+    tqr_strtol(m_text.c_str(), &behind, 0);
+    if (has_two && *behind == ':') {
+        const long b = tqr_strtol(behind + 1, &behind, 0);
+        if (b < 0 || b > 255) {
+            Add("The second number has 8 bits: " + second +
+                " runs over into the first one, which "
+                "makes " +
+                BusAddress(m_config.ach) + ".");
+        }
+    }
+    if (IsOctal(first) || IsOctal(second)) {
+        Add("A number that begins with 0 is octal (010 is 8).");
+    }
+    if (*behind != '\0') {
+        Add("What is behind the number is not read: \"" + std::string(behind) + "\".");
+    }
+    if (m_config.ach > MAX_BUS_ADDRESS) {
+        Add("Addresses on the bus have 24 bits: no message can name this one.");
+    }
+}
+
+void Notes::AboutServer() {
+    const std::string address = Before(Before(m_text, '/'), ':');
+    const std::string read = DottedQuad(m_config.ip).text;
+    if (m_config.ip == 0) {
+        Add("0.0.0.0 is no server: nothing is connected.");
+    } else if (address != read) {
+        Add("The address \"" + address + "\" is read as " + read +
+            ": parts that begin with 0 are octal, and the last of fewer than four fills the rest.");
+    }
+}
+
+void Notes::AboutPort() {
+    const std::string place = Before(m_text, '/');
+    const std::string port = After(place, ':');
+    if (After(m_text, '/').find(':') != std::string::npos) {
+        Add("What is behind the '/' is the number of the input and nothing else: no port is named, "
+            "so it is " +
+            std::to_string(m_config.port) + ". A port goes before it: " + place + ":" +
+            After(After(m_text, '/'), ':') + "/" + Before(After(m_text, '/'), ':') + ".");
+    }
+    if (place.find(':') != std::string::npos && port != std::to_string(m_config.port)) {
+        Add("The port \"" + port + "\" is read as " + std::to_string(m_config.port) +
+            ": ports are decimal and have 16 bits.");
+    }
+    if (m_config.port == 0) {
+        Add("Nothing listens on port 0.");
+    }
+}
+
+void Notes::AboutInput() {
+    const std::string input = Before(After(m_text, '/'), ':');
+    if (m_text.find('/') != std::string::npos && input != std::to_string(RemoteInput(m_config))) {
+        Add("The input \"" + input + "\" is read as " + std::to_string(RemoteInput(m_config)) +
+            ": inputs are decimal, 1 to 256.");
+    }
+}
+
+void Notes::AboutNothing() {
+    if (m_config.ip == INADDR_NONE) {
+        Add("A '.' makes a remote server, but \"" + Before(Before(m_text, '/'), ':') +
+            "\" is no address of one: names are not looked up.");
+    } else {
+        Add("It begins with no digit, as an address on the bus does, and has no '.', as the "
+            "address of a server does.");
+    }
+}
+
+}  // namespace
+
+std::optional<SourceReading> ReadSource(const std::string& text) {
+    const std::string fields = text.compare(0, 4, "CFG ") == 0 ? text.substr(4) : "GPO 1 " + text;
+    int number = 0;
+    const char* const value = find_source(fields.c_str(), number);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    SourceReading reading = {FieldText(value), parse_source(value), {}};
+    reading.notes = Notes(reading.source, reading.config).Make();
+    return reading;
+}
+
+std::string FieldText(const char* value) {
+    std::string text(strlen(value) + 2, '\0');
+    char* end = text.data();
+    tqr_copyval(value, end);
+    text.resize(static_cast<size_t>(end - text.data()) - 1);  // without the blank behind it
+    return text;
+}
