@@ -255,7 +255,7 @@ int main(int argc, char** argv) {
     const Words words(argv + 1, argv + argc);
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // to wait for a daemon that has detached
-    require(Host::Prepare(), "needs root or unprivileged user namespaces");
+    require(Host::Prepare(), Host::NEEDED);
     Path path = Path::Write;
     json result;
     if (words.size() == 2 && (words[0] == "delay" || words[0] == "shared")) {

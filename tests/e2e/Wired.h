@@ -9,13 +9,6 @@
 
 class Wired : public Site {
 protected:
-    // Of memory that may be taken without being a leak.
-#ifdef __SANITIZE_ADDRESS__
-    static constexpr long SLACK_KIB = 512;  // the sanitizer's own
-#else
-    static constexpr long SLACK_KIB = 64;  // the allocator takes a page now and then
-#endif
-
     // Channels 1 and 2 mirror the studio's input 1, channel 3 is on the bus at 0x30.
     void ConfigureChannels();
     void StartPeers();
@@ -32,6 +25,9 @@ protected:
     // Of the daemon, in the foreground or detached.
     pid_t Pid() const;
     long ResidentKiB() const;
+    // The memory since it was resident_kib, so many events ago: a sanitizer's own can't be told
+    // from the daemon's and is not tested.
+    void ExpectMemory(long resident_kib, long events, long bytes_per_event = 0) const;
     long Descriptors() const;
     long CpuMs() const;
     long WakeUps() const;  // how often it had to wait

@@ -18,19 +18,20 @@ protected:
         Wired::SetUp();
     }
 
-    void ExpectAsBefore(long descriptors, long resident) {
+    void ExpectAsBefore(long descriptors, long resident, long events) {
         EXPECT_TRUE(Works());
         // The library that sets the clock opens a file now and then.
         EXPECT_TRUE(Await([&] { return Descriptors() == descriptors; })) << Descriptors();
-        EXPECT_LE(ResidentKiB(), resident + SLACK_KIB);
+        ExpectMemory(resident, events);
     }
 };
 
 TEST_F(Peers, ControlServerRestartedTwoHundredTimes) {
+    const int RESTARTS = 200;
     StartAll(SpeedUp(100));
     long descriptors = 0;
     long resident = 0;
-    for (int i = 0; i < 200 && !HasFailure(); ++i) {
+    for (int i = 0; i < RESTARTS && !HasFailure(); ++i) {
         // In the middle of traffic: with lines and datagrams on their way in both directions.
         SendWrite();
         SendRead();
@@ -50,7 +51,7 @@ TEST_F(Peers, ControlServerRestartedTwoHundredTimes) {
         }
     }
     EXPECT_EQ(remote.connections, 1);
-    ExpectAsBefore(descriptors, resident);
+    ExpectAsBefore(descriptors, resident, RESTARTS - 20);
 }
 
 // Three servers of no use beside one that works.
@@ -69,10 +70,11 @@ TEST_F(Peers, RemoteServersOfNoUse) {
     const auto serve = [&] {
         SimServer::StepAll({&silent.server, &closing.server, &stalling.server}, 0);
     };
+    const int SWEEPS = 60;
     StartAll(SpeedUp(200));
     long descriptors = 0;
     long resident = 0;
-    for (int sweep = 1; sweep <= 60 && !HasFailure(); ++sweep) {
+    for (int sweep = 1; sweep <= SWEEPS && !HasFailure(); ++sweep) {
         ASSERT_TRUE(Await([&] {
             serve();
             closing.server.DropAll();
@@ -87,7 +89,7 @@ TEST_F(Peers, RemoteServersOfNoUse) {
     }
     EXPECT_EQ(silent.connections + stalling.connections, 2);
     EXPECT_EQ(tqrd.Count("GPO 16 LL"), 0);
-    ExpectAsBefore(descriptors, resident);
+    ExpectAsBefore(descriptors, resident, SWEEPS - 10);
     stalling.server.SendRaw("LLL\n");
     EXPECT_TRUE(Await([&] {
         serve();
@@ -113,7 +115,7 @@ TEST_F(Peers, TheCableIsPulled) {
         EXPECT_TRUE(AwaitHeard(tqrd, "GPO 3 xLxxx")) << "it is a member of the group still";
     }
     EXPECT_EQ(remote.connections, 1);
-    ExpectAsBefore(descriptors, resident);
+    ExpectAsBefore(descriptors, resident, 3);
 }
 
 TEST_F(Peers, TheClockIsSetBackAnHour) {
@@ -131,7 +133,7 @@ TEST_F(Peers, TheClockIsSetBackAnHour) {
     for (const char* offset : {"-3600s", "+3600s", "-1", "+0"}) {
         set_clock(offset);
         EXPECT_TRUE(Works()) << offset;
-        ExpectAsBefore(descriptors, resident);
+        ExpectAsBefore(descriptors, resident, 1);
         const long cpu = CpuMs();
         Linger(300);
         EXPECT_LE(CpuMs() - cpu, 10) << offset;
@@ -143,7 +145,7 @@ TEST_F(Peers, TheClockIsSetBackAnHour) {
         SendWrite();
         return remote.connections == 2;
     })) << "the sweep is overdue";
-    ExpectAsBefore(descriptors, resident);
+    ExpectAsBefore(descriptors, resident, 1);
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ TEST_F(Bus, MessagesOnABadRoad) {
         {server_group, relay_group, 'M', {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}},
     };
     if (!Host::Prepare()) {
-        GTEST_SKIP() << "needs root or user namespaces";
+        GTEST_SKIP() << Host::NEEDED;
     }
     const Host here;
     const Host there;

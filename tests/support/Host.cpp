@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,13 +19,10 @@ void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
 }
 
-// Without root, become root of a user namespace.
+// In a user namespace, which root without its capabilities needs as well.
 bool BecomeRoot() {
     const std::string uid = std::to_string(getuid());
     const std::string gid = std::to_string(getgid());
-    if (uid == "0") {
-        return true;
-    }
     if (unshare(CLONE_NEWUSER) != 0) {
         return false;
     }
@@ -34,16 +32,44 @@ bool BecomeRoot() {
     return getuid() == 0;
 }
 
+bool LeaveNamespaces() {
+    return unshare(CLONE_NEWNS | CLONE_NEWNET) == 0;
+}
+
+bool MakePrivate() {
+    return mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+// Keeps our mounts from the rest of the system. A root that is no mount point, as that of a build
+// chroot, has no name for what it is on; a child that enters our namespace anew begins at the top.
+bool HideMounts() {
+    if (MakePrivate()) {
+        return true;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        const int own = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+        _exit(setns(own, CLONE_NEWNS) == 0 && MakePrivate() ? 0 : 1);
+    }
+    int status = 1;
+    return child > 0 && waitpid(child, &status, 0) == child && status == 0;
+}
+
+bool prepared = true;  // false when Prepare() failed
+
 }  // namespace
 
 bool Host::Prepare() {
-    return BecomeRoot() && unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
-           mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("run", "/run", "tmpfs", 0, nullptr) == 0 &&
-           mount("log", "/var/log", "tmpfs", 0, nullptr) == 0;
+    prepared = (LeaveNamespaces() || (BecomeRoot() && LeaveNamespaces())) && HideMounts() &&
+               mount("run", "/run", "tmpfs", 0, nullptr) == 0 &&
+               mount("log", "/var/log", "tmpfs", 0, nullptr) == 0;
+    return prepared;
 }
 
 Host::Host() : m_ns(-1) {
+    if (!prepared) {
+        return;
+    }
     const int before = open(OWN_NAMESPACE, O_RDONLY | O_CLOEXEC);
     if (unshare(CLONE_NEWNET) != 0) {
         perror("unshare(CLONE_NEWNET)");
@@ -60,7 +86,10 @@ Host::~Host() {
 }
 
 Host::Scope::Scope(const Host& host) : m_before(open(OWN_NAMESPACE, O_RDONLY | O_CLOEXEC)) {
-    setns(host.m_ns, CLONE_NEWNET);
+    if (setns(host.m_ns, CLONE_NEWNET) != 0) {
+        perror("setns");  // what comes next must not happen on the machine's own network
+        abort();
+    }
 }
 
 Host::Scope::~Scope() {

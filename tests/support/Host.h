@@ -8,12 +8,16 @@
 //     Host::Connect(device, "10.77.0.1", peer, "10.77.0.2");
 //     { Host::Scope on(device); start the daemon }
 //
-// Needs root or unprivileged user namespaces; see Host::Prepare().
+// Needs namespaces, as root or as a user that the system gives them; see Host::Prepare().
 class Host {
 public:
+    // What a test is skipped with when Prepare() failed.
+    static constexpr const char* NEEDED =
+        "needs network namespaces, and neither as root nor in a user namespace can one be had";
+
     // Call once, first, while the process has one thread: takes what the test needs of the system
     // into namespaces of its own, and gives it a /run and a /var/log of its own. False: not
-    // possible here.
+    // possible here, and no host may be entered.
     static bool Prepare();
 
     Host();
