@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shutil
 import struct
 import subprocess
 import tempfile
@@ -9,6 +10,7 @@ import tempfile
 PLUGINS = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "wireshark"
 RAW_IP = 101
 UDP, TCP, ICMP = 17, 6, 1
+NOBODY = 65534
 
 
 def address(text):
@@ -51,15 +53,29 @@ class Capture:
                 file.write(struct.pack("<IIII", seconds, micros, len(cut), len(data)) + cut)
 
 
+def ordinary_user():
+    """How to run tshark as one: Wireshark 4.4 loads no plugins for root. A user
+    namespace of one user has no other."""
+    users = int(pathlib.Path("/proc/self/uid_map").read_text("utf-8").split()[2])
+    if os.getuid() != 0 or users == 1:
+        return {}
+    return {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+
+
 def tshark(*args):
-    """What tshark prints, with the plugins of this tree installed as a user's own."""
+    """What tshark prints, with the plugins of this tree installed as a user's own. A file that it
+    reads must be open to all users."""
+    user = ordinary_user()
     with tempfile.TemporaryDirectory() as home:
         plugins = pathlib.Path(home, ".local/lib/wireshark/plugins")
-        plugins.parent.mkdir(parents=True)
-        plugins.symlink_to(PLUGINS)
+        shutil.copytree(PLUGINS, plugins)
+        if user:
+            for path in [pathlib.Path(home), *pathlib.Path(home).rglob("*")]:
+                os.chown(path, NOBODY, NOBODY)
         env = {"PATH": os.environ["PATH"], "HOME": home, "LC_ALL": "C.UTF-8"}
         done = subprocess.run([os.environ.get("TSHARK", "tshark"), *args], env=env, check=False,
-                              capture_output=True, encoding="utf-8", errors="replace", timeout=120)
+                              cwd=home, capture_output=True, encoding="utf-8", errors="replace",
+                              timeout=120, **user)
     if done.returncode != 0 or "Lua" in done.stderr:
         raise AssertionError(f"tshark {args}: {done.returncode}\n{done.stderr}")
     return done.stdout
@@ -83,6 +99,7 @@ def read_file(path, *names, options=()):
 def read(capture, *names, options=()):
     """The same of a capture that is no file yet."""
     with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
         path = os.path.join(folder, "capture.pcap")
         capture.write(path)
         return read_file(path, *names, options=options)
