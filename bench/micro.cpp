@@ -1,6 +1,7 @@
 // Single operations, beside msgpack-c and protobuf where these do the same. The message is a reply
-// to a read with three pins: six items. Every encoder writes into a buffer that is there already,
-// and every decoder decodes into an object that it has used before, as far as its interface allows.
+// to a read: three items and its pins, of which a reply to one read for a channel has three. Every
+// encoder writes into a buffer that it has used before, and every decoder decodes into an object
+// that it has used before, as far as its interface allows.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <msgpack.h>
@@ -23,30 +24,43 @@ const uint32_t ID = 0x494E4449;
 const uint32_t REFERENCE = 0xFFFFFFFE;
 const uint32_t KIND = 0xFFFFFFFD;
 const uint32_t DATA = 0xFFFFFFFC;
-const uint32_t PINS[] = {0x1020D, 0x1020C, 0x1020B};
+const uint32_t FIRST_PIN = 0x10204;
 const uint64_t DATA_VALUE = 0x0102030405060708;
+const uint32_t OTHER_ITEMS = 3;
 
-CMsg2 make_message() {
-    CMsg2 msg(16, 16);
+const uint32_t MAX_ITEMS = 4000;
+char encoded[MAX_ITEMS * 16];
+
+// How many items the message of a benchmark has.
+void item_counts(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Arg(6)->Arg(256)->Arg(MAX_ITEMS);
+}
+
+uint32_t pins_of(const benchmark::State& state) {
+    return static_cast<uint32_t>(state.range(0)) - OTHER_ITEMS;
+}
+
+CMsg2 make_message(uint32_t pins) {
+    CMsg2 msg(pins + OTHER_ITEMS, 16);
     msg.SetId(ID);
     msg.SetDword(REFERENCE, 7);
-    for (const uint32_t pin : PINS) {
-        msg.SetByte(pin, 1);
+    for (uint32_t i = 0; i < pins; ++i) {
+        msg.SetByte(FIRST_PIN + i, 1);
     }
     msg.SetByte(KIND, 2);
     msg.SetQword(DATA, DATA_VALUE);
     return msg;
 }
 
-void fill_message(bench::Message& msg) {
+void fill_message(bench::Message& msg, uint32_t pins) {
     msg.Clear();
     msg.set_id(ID);
     bench::Item* item = msg.add_items();
     item->set_tag(REFERENCE);
     item->set_dword(7);
-    for (const uint32_t pin : PINS) {
+    for (uint32_t i = 0; i < pins; ++i) {
         item = msg.add_items();
-        item->set_tag(pin);
+        item->set_tag(FIRST_PIN + i);
         item->set_byte(1);
     }
     item = msg.add_items();
@@ -58,14 +72,14 @@ void fill_message(bench::Message& msg) {
 }
 
 // An array of the identifier and a map from tags to values.
-void pack_message(msgpack_packer& packer) {
+void pack_message(msgpack_packer& packer, uint32_t pins) {
     msgpack_pack_array(&packer, 2);
     msgpack_pack_fix_uint32(&packer, ID);
-    msgpack_pack_map(&packer, 6);
+    msgpack_pack_map(&packer, pins + OTHER_ITEMS);
     msgpack_pack_fix_uint32(&packer, REFERENCE);
     msgpack_pack_fix_uint32(&packer, 7);
-    for (const uint32_t pin : PINS) {
-        msgpack_pack_fix_uint32(&packer, pin);
+    for (uint32_t i = 0; i < pins; ++i) {
+        msgpack_pack_fix_uint32(&packer, FIRST_PIN + i);
         msgpack_pack_uint8(&packer, 1);
     }
     msgpack_pack_fix_uint32(&packer, KIND);
@@ -77,66 +91,64 @@ void pack_message(msgpack_packer& packer) {
 // ---- encode: a message in memory to bytes
 
 void encode_orvex(benchmark::State& state) {
-    const CMsg2 msg = make_message();
-    char buf[256];
+    const CMsg2 msg = make_message(pins_of(state));
     for (auto _ : state) {
-        benchmark::DoNotOptimize(msg.GetData(buf));
+        benchmark::DoNotOptimize(msg.GetData(encoded));
         benchmark::ClobberMemory();
     }
     state.counters["bytes"] = msg.GetDataSize();
 }
-BENCHMARK(encode_orvex);
+BENCHMARK(encode_orvex)->Apply(item_counts);
 
 void encode_msgpack(benchmark::State& state) {
     msgpack_sbuffer buf;
     msgpack_sbuffer_init(&buf);
     msgpack_packer packer;
     msgpack_packer_init(&packer, &buf, msgpack_sbuffer_write);
+    const uint32_t pins = pins_of(state);
     for (auto _ : state) {
         msgpack_sbuffer_clear(&buf);
-        pack_message(packer);
+        pack_message(packer, pins);
         benchmark::DoNotOptimize(buf.data);
         benchmark::ClobberMemory();
     }
     state.counters["bytes"] = static_cast<double>(buf.size);
     msgpack_sbuffer_destroy(&buf);
 }
-BENCHMARK(encode_msgpack);
+BENCHMARK(encode_msgpack)->Apply(item_counts);
 
 void encode_protobuf(benchmark::State& state) {
     bench::Message msg;
-    fill_message(msg);
-    char buf[256];
+    fill_message(msg, pins_of(state));
     for (auto _ : state) {
-        benchmark::DoNotOptimize(msg.SerializeToArray(buf, sizeof buf));
+        benchmark::DoNotOptimize(msg.SerializeToArray(encoded, sizeof encoded));
         benchmark::ClobberMemory();
     }
     state.counters["bytes"] = static_cast<double>(msg.ByteSizeLong());
 }
-BENCHMARK(encode_protobuf);
+BENCHMARK(encode_protobuf)->Apply(item_counts);
 
 // ---- decode: bytes to a message in memory
 
 void decode_orvex(benchmark::State& state) {
-    char buf[256];
-    const unsigned short size = make_message().GetData(buf);
+    const unsigned short size = make_message(pins_of(state)).GetData(encoded);
     CMsg2 msg(16, 16);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(msg.SetData(buf, size));
+        benchmark::DoNotOptimize(msg.SetData(encoded, size));
         benchmark::ClobberMemory();
     }
     if (msg.GetQword(DATA) != DATA_VALUE) {
         state.SkipWithError("wrong message");
     }
 }
-BENCHMARK(decode_orvex);
+BENCHMARK(decode_orvex)->Apply(item_counts);
 
 void decode_msgpack(benchmark::State& state) {
     msgpack_sbuffer buf;
     msgpack_sbuffer_init(&buf);
     msgpack_packer packer;
     msgpack_packer_init(&packer, &buf, msgpack_sbuffer_write);
-    pack_message(packer);
+    pack_message(packer, pins_of(state));
     msgpack_zone zone;
     msgpack_zone_init(&zone, 2048);
     msgpack_object msg;
@@ -145,27 +157,27 @@ void decode_msgpack(benchmark::State& state) {
         benchmark::DoNotOptimize(msgpack_unpack(buf.data, buf.size, nullptr, &zone, &msg));
         benchmark::ClobberMemory();
     }
-    if (msg.via.array.ptr[1].via.map.ptr[5].val.via.u64 != DATA_VALUE) {
+    if (msg.via.array.ptr[1].via.map.ptr[pins_of(state) + 2].val.via.u64 != DATA_VALUE) {
         state.SkipWithError("wrong message");
     }
     msgpack_zone_destroy(&zone);
     msgpack_sbuffer_destroy(&buf);
 }
-BENCHMARK(decode_msgpack);
+BENCHMARK(decode_msgpack)->Apply(item_counts);
 
 void decode_protobuf(benchmark::State& state) {
     bench::Message msg;
-    fill_message(msg);
+    fill_message(msg, pins_of(state));
     const std::string buf = msg.SerializeAsString();
     for (auto _ : state) {
         benchmark::DoNotOptimize(msg.ParseFromArray(buf.data(), static_cast<int>(buf.size())));
         benchmark::ClobberMemory();
     }
-    if (msg.items(5).qword() != DATA_VALUE) {
+    if (msg.items(static_cast<int>(pins_of(state)) + 2).qword() != DATA_VALUE) {
         state.SkipWithError("wrong message");
     }
 }
-BENCHMARK(decode_protobuf);
+BENCHMARK(decode_protobuf)->Apply(item_counts);
 
 // ---- look-up of every item of a message by its tag
 

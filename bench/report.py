@@ -33,6 +33,7 @@ SHORT, LONG = 100, 300  # events of the two runs whose difference is counted
 IDLE_SECONDS = 85
 
 MAX_RATIO = 1.05
+ITEMS = [6, 256, 4000]  # of the messages that are encoded and decoded
 SYSCALLS = {"write": 4, "report": 6, "read": 5, "mirror": 5, "reliable": 4}
 ALLOCATIONS = {"write": 0, "report": 2, "read": 2, "mirror": 0, "reliable": 0}
 INSTRUCTIONS = {"write": 3000, "report": 5000, "read": 5000, "mirror": 3000, "reliable": 2000}
@@ -140,8 +141,9 @@ def micro():
     ns = {row["run_name"]: row["cpu_time"] for row in rows if row["aggregate_name"] == "median"}
     for operation, other, factor in [("decode", "msgpack", 1), ("decode", "protobuf", 1),
                                      ("encode", "protobuf", 1), ("encode", "msgpack", 3)]:
-        check(f"{operation} beside {other}",
-              ns[f"{operation}_orvex"] / ns[f"{operation}_{other}"], factor)
+        for items in ITEMS:
+            check(f"{operation} beside {other}, {items:,} items",
+                  ns[f"{operation}_orvex/{items}"] / ns[f"{operation}_{other}/{items}"], factor)
     return ns
 
 

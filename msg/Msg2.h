@@ -188,9 +188,7 @@ private:
 
     uint64_t EncodedSize() const;
     static uint64_t EncodedSize(const Node& item);
-    void Encode(char* buf, unsigned short& pos) const;
-    unsigned short CountEncoded() const;
-    static void EncodeItem(const Node& item, char* buf, unsigned short& pos);
+    uint32_t Encode(char* buf, uint32_t pos) const;
     int Decode(const char* data, uint32_t len);
     int DecodeLevel(const char* data, uint32_t len);
 

@@ -115,44 +115,52 @@ bool s_GetLongLong(const char* data, uint32_t& pos, uint64_t& out, uint32_t len)
     return true;
 }
 
-// Copies a value to buf + pos and moves pos behind it. The caller has made sure of the room.
+// Copies a value to buf + pos and moves pos behind it. The caller has made sure of the room. What
+// is written could be any variable whose address is known: the position stays in a register only
+// as long as it is a local one and all that is called is inlined.
 template <typename T>
-void s_Set(char* buf, unsigned short& pos, T value) {
+void s_Set(char* buf, uint32_t& pos, T value) {
     memcpy(buf + pos, &value, sizeof value);
-    pos = static_cast<unsigned short>(pos + sizeof value);
+    pos += static_cast<uint32_t>(sizeof value);
 }
 
-void s_SetShort(char* buf, unsigned short& pos, uint16_t value) {
+void s_SetShort(char* buf, uint32_t& pos, uint16_t value) {
     s_Set(buf, pos, htons(value));
 }
 
-void s_SetLong(char* buf, unsigned short& pos, uint32_t value) {
+void s_SetLong(char* buf, uint32_t& pos, uint32_t value) {
     s_Set(buf, pos, htonl(value));
 }
 
-void s_SetLongLong(char* buf, unsigned short& pos, uint64_t value) {
+void s_SetLongLong(char* buf, uint32_t& pos, uint64_t value) {
     s_Set(buf, pos, htonll(value));
 }
 
-void s_SetBytes(char* buf, unsigned short& pos, const void* bytes, uint16_t count) {
+void s_SetBytes(char* buf, uint32_t& pos, const void* bytes, uint16_t count) {
+    s_SetShort(buf, pos, count);
     if (count > 0) {
         memcpy(buf + pos, bytes, count);
-        pos = static_cast<unsigned short>(pos + count);
+        pos += count;
     }
 }
 
-// Fills in the length of a nested message that takes the bytes from start to end.
-void s_SetLength(char* buf, unsigned short start, unsigned short end) {
-    unsigned short pos = static_cast<unsigned short>(start - COUNT_WIDTH);
-    s_SetShort(buf, pos, static_cast<uint16_t>(end - start));
+void s_SetWords(char* buf, uint32_t& pos, const unsigned short* words, uint16_t count) {
+    s_SetShort(buf, pos, count);
+    for (unsigned int i = 0; i < count; ++i) {
+        s_SetShort(buf, pos, words[i]);
+    }
+}
+
+void s_SetDwords(char* buf, uint32_t& pos, const unsigned long* dwords, uint16_t count) {
+    s_SetShort(buf, pos, count);
+    for (unsigned int i = 0; i < count; ++i) {
+        s_SetLong(buf, pos, static_cast<uint32_t>(dwords[i]));
+    }
 }
 
 // Writes the value of an item that is not a message.
-void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
+inline void s_SetValue(char* buf, uint32_t& pos, const CMsg2::Node& item) {
     const CMsg2::Node::Value& value = item.m_Value;
-    if (s_GetLayout(item.m_nType).number == 0) {
-        s_SetShort(buf, pos, item.m_nCount);
-    }
     switch (item.m_nType) {
         case CMsg2::ITEM_DWORD:
             s_SetLong(buf, pos, value.m_nDword);
@@ -173,49 +181,65 @@ void s_SetValue(char* buf, unsigned short& pos, const CMsg2::Node& item) {
             s_SetBytes(buf, pos, value.m_pBytes, item.m_nCount);
             break;
         case CMsg2::ITEM_WORD_ARRAY:
-            for (unsigned int i = 0; i < item.m_nCount; ++i) {
-                s_SetShort(buf, pos, value.m_pWords[i]);
-            }
+            s_SetWords(buf, pos, value.m_pWords, item.m_nCount);
             break;
         case CMsg2::ITEM_DWORD_ARRAY:
-            for (unsigned int i = 0; i < item.m_nCount; ++i) {
-                s_SetLong(buf, pos, static_cast<uint32_t>(value.m_pDwords[i]));
-            }
+            s_SetDwords(buf, pos, value.m_pDwords, item.m_nCount);
             break;
         default:
+            s_SetShort(buf, pos, item.m_nCount);
             break;
     }
 }
 
-// Reads what stands before an item's number or elements into slot and leaves pos behind it; size
-// is what those take. False when the item would pass len. Inline, because every item of every
-// message comes here twice.
-inline bool s_GetHead(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t& size,
-                      uint32_t len) {
-    if (!s_GetLong(data, pos, slot.m_nTag, len) || !s_Get(data, pos, slot.m_nType, len)) {
-        return false;
+// The width of an item's number, 0 for an item with a count. Tests, not the table: the processor
+// guesses their outcome and goes on, but would have to wait for what the table says before it knew
+// where the next item begins.
+inline uint32_t s_GetNumberSize(uint8_t type) {
+    if (type == CMsg2::ITEM_BYTE) {
+        return sizeof(uint8_t);
     }
-    const ValueLayout& layout = s_GetLayout(slot.m_nType);
-    slot.m_nCount = 0;
-    if (layout.number == 0 && !s_GetShort(data, pos, slot.m_nCount, len)) {
-        return false;
+    if (type == CMsg2::ITEM_DWORD) {
+        return sizeof(uint32_t);
     }
-    size = layout.number + layout.element * slot.m_nCount;
-    return size <= len - pos;
+    if (type == CMsg2::ITEM_WORD) {
+        return sizeof(uint16_t);
+    }
+    return type == CMsg2::ITEM_QWORD ? sizeof(uint64_t) : 0;
 }
 
-// Moves pos over the items, looking at nothing but their heads: a nested message is taken by its
-// length. False when they don't fit the data or take more than a message may.
-bool s_SkipItems(const char* data, uint32_t& pos, unsigned int count, uint32_t len) {
-    for (; count > 0; --count) {
-        CMsg2::Node item;
-        uint32_t size = 0;
-        if (!s_GetHead(data, pos, item, size, len)) {
+// Moves pos behind an item, looking at nothing but its head: a nested message is taken by its
+// length. False when the item would pass len.
+inline bool s_SkipItem(const char* data, uint32_t& pos, uint32_t len) {
+    if (len - pos < ITEM_HEAD) {
+        return false;
+    }
+    const uint8_t type = static_cast<uint8_t>(data[pos + ITEM_HEAD - 1]);
+    pos += ITEM_HEAD;
+    uint32_t size = s_GetNumberSize(type);
+    if (size == 0) {
+        uint16_t count = 0;
+        if (!s_GetShort(data, pos, count, len)) {
             return false;
         }
-        pos += size;
+        size = s_GetLayout(type).element * count;
     }
-    return pos <= MAX_DATA;
+    if (len - pos < size) {
+        return false;
+    }
+    pos += size;
+    return true;
+}
+
+// The position behind so many items, 0 when they don't fit the data or take more than a message
+// may.
+uint32_t s_SkipItems(const char* data, uint32_t pos, unsigned int count, uint32_t len) {
+    for (; count > 0; --count) {
+        if (!s_SkipItem(data, pos, len)) {
+            return 0;
+        }
+    }
+    return pos <= MAX_DATA ? pos : 0;
 }
 
 // Copies len bytes of an array to storage of their own with room bytes, zeros behind the copy. Null
@@ -249,64 +273,64 @@ unsigned long* s_NewDwords(const char* data, uint32_t len) {
     return dwords;
 }
 
-// Reads the number of a slot from exactly len bytes.
-void s_GetNumber(CMsg2::Node& slot, const char* data, uint32_t len) {
+// Reads the elements of a slot, whose count is known, and moves pos behind them; a message is made,
+// but not read. False when memory is short.
+bool s_GetElements(const char* data, uint32_t& pos, CMsg2::Node& slot) {
     CMsg2::Node::Value& value = slot.m_Value;
-    uint32_t pos = 0;
-    uint8_t byte = 0;
-    uint16_t word = 0;
-    switch (slot.m_nType) {
-        case CMsg2::ITEM_DWORD:
-            s_GetLong(data, pos, value.m_nDword, len);
-            break;
-        case CMsg2::ITEM_BYTE:
-            s_Get(data, pos, byte, len);
-            value.m_nDword = byte;
-            break;
-        case CMsg2::ITEM_WORD:
-            s_GetShort(data, pos, word, len);
-            value.m_nDword = word;
-            break;
-        default:
-            s_GetLongLong(data, pos, value.m_nQword, len);
-            break;
+    const char* const elements = data + pos;
+    const uint32_t size = s_GetLayout(slot.m_nType).element * slot.m_nCount;
+    pos += size;
+    if (slot.m_nType == CMsg2::ITEM_MSG) {
+        value.m_pMsg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
+        return value.m_pMsg != nullptr;
     }
-}
-
-// Reads the elements of a slot, one at least, from exactly len bytes. False when memory is short.
-bool s_GetElements(CMsg2::Node& slot, const char* data, uint32_t len) {
-    CMsg2::Node::Value& value = slot.m_Value;
+    if (slot.m_nCount == 0) {
+        return true;
+    }
     switch (slot.m_nType) {
         case CMsg2::ITEM_STRING:
             // Whatever the peer sent, the text in memory ends with a NUL.
-            value.m_pString = s_NewBytes<char>(data, len, len + 1);
+            value.m_pString = s_NewBytes<char>(elements, size, size + 1);
             return value.m_pString != nullptr;
         case CMsg2::ITEM_BYTE_ARRAY:
-            value.m_pBytes = s_NewBytes<unsigned char>(data, len, len);
+            value.m_pBytes = s_NewBytes<unsigned char>(elements, size, size);
             return value.m_pBytes != nullptr;
         case CMsg2::ITEM_WORD_ARRAY:
-            value.m_pWords = s_NewWords(data, len);
+            value.m_pWords = s_NewWords(elements, size);
             return value.m_pWords != nullptr;
         case CMsg2::ITEM_DWORD_ARRAY:
-            value.m_pDwords = s_NewDwords(data, len);
+            value.m_pDwords = s_NewDwords(elements, size);
             return value.m_pDwords != nullptr;
         default:
             return true;
     }
 }
 
-// Reads a value from exactly len bytes; a message is made, but not read. False when memory is
-// short.
-bool s_GetValue(CMsg2::Node& slot, const char* data, uint32_t len) {
-    if (slot.m_nType == CMsg2::ITEM_MSG) {
-        slot.m_Value.m_pMsg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
-        return slot.m_Value.m_pMsg != nullptr;
+// Reads an item into an empty slot and moves pos behind it. The item is known to be within len;
+// what fails is memory alone.
+inline bool s_GetItem(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t len) {
+    CMsg2::Node::Value& value = slot.m_Value;
+    uint8_t byte = 0;
+    uint16_t word = 0;
+    s_GetLong(data, pos, slot.m_nTag, len);
+    s_Get(data, pos, slot.m_nType, len);
+    switch (slot.m_nType) {
+        case CMsg2::ITEM_DWORD:
+            return s_GetLong(data, pos, value.m_nDword, len);
+        case CMsg2::ITEM_BYTE:
+            s_Get(data, pos, byte, len);
+            value.m_nDword = byte;
+            return true;
+        case CMsg2::ITEM_WORD:
+            s_GetShort(data, pos, word, len);
+            value.m_nDword = word;
+            return true;
+        case CMsg2::ITEM_QWORD:
+            return s_GetLongLong(data, pos, value.m_nQword, len);
+        default:
+            s_GetShort(data, pos, slot.m_nCount, len);
+            return s_GetElements(data, pos, slot);
     }
-    if (s_GetLayout(slot.m_nType).number > 0) {
-        s_GetNumber(slot, data, len);
-        return true;
-    }
-    return slot.m_nCount == 0 || s_GetElements(slot, data, len);
 }
 
 }  // namespace
@@ -347,42 +371,36 @@ unsigned short CMsg2::GetData(char* buf) const {
     if (EncodedSize() > MAX_DATA) {
         return 0;
     }
-    unsigned short pos = 0;
-    Encode(buf, pos);
-    return pos;
+    return static_cast<unsigned short>(Encode(buf, 0));
 }
 
-// Encodes into buf from pos on, where there is room for all of it.
-void CMsg2::Encode(char* buf, unsigned short& pos) const {
+// Encodes into buf from pos on, where there is room for all of it. Returns the position behind it.
+// What is known only afterwards is filled in then: the number of items, for one without a type is
+// neither written nor counted, and the length of a nested message. To ask for that first would
+// walk every message once for each level above it.
+uint32_t CMsg2::Encode(char* buf, uint32_t pos) const {
     s_SetLong(buf, pos, m_nId);
-    s_SetShort(buf, pos, CountEncoded());
-    for (unsigned int i = 0; i < m_nItemCount; ++i) {
-        if (m_pItems[i].m_nType != ITEM_NONE) {
-            EncodeItem(m_pItems[i], buf, pos);
+    uint32_t count_pos = pos;
+    uint16_t count = 0;
+    s_SetShort(buf, pos, count);
+    const Node* const end = m_pItems + m_nItemCount;
+    for (const Node* item = m_pItems; item != end; ++item) {
+        if (item->m_nType == ITEM_NONE) {
+            continue;
+        }
+        ++count;
+        s_SetLong(buf, pos, item->m_nTag);
+        s_Set(buf, pos, item->m_nType);
+        if (item->m_nType != ITEM_MSG) {
+            s_SetValue(buf, pos, *item);
+        } else {
+            uint32_t length_pos = pos;
+            pos = item->m_Value.m_pMsg->Encode(buf, pos + COUNT_WIDTH);
+            s_SetShort(buf, length_pos, static_cast<uint16_t>(pos - length_pos - COUNT_WIDTH));
         }
     }
-}
-
-// The items that are encoded: one without a type is neither written nor counted.
-unsigned short CMsg2::CountEncoded() const {
-    const auto count = std::count_if(m_pItems, m_pItems + m_nItemCount,
-                                     [](const Node& item) { return item.m_nType != ITEM_NONE; });
-    return static_cast<unsigned short>(count);
-}
-
-void CMsg2::EncodeItem(const Node& item, char* buf, unsigned short& pos) {
-    s_SetLong(buf, pos, item.m_nTag);
-    s_Set(buf, pos, item.m_nType);
-    if (item.m_nType != ITEM_MSG) {
-        s_SetValue(buf, pos, item);
-        return;
-    }
-    // The length is filled in afterwards: asking for it first would walk every message once for
-    // each level above it.
-    s_SetShort(buf, pos, 0);
-    const unsigned short start = pos;
-    item.m_Value.m_pMsg->Encode(buf, pos);
-    s_SetLength(buf, start, pos);
+    s_SetShort(buf, count_pos, count);
+    return pos;
 }
 
 CMsg2::CMsg2(const char* data, unsigned long len, unsigned int growBy) : m_nGrowBy(growBy) {
@@ -399,6 +417,9 @@ unsigned short CMsg2::SetData(const char* data, unsigned long len) {
 // address is taken: they would cost stack in every level.
 int CMsg2::Decode(const char* data, uint32_t len) {
     const int taken = DecodeLevel(data, len);
+    if (!HoldsMsg()) {
+        return taken;
+    }
     uint32_t pos = MESSAGE_HEAD;
     for (unsigned int i = 0; i < m_nItemCount; ++i) {
         Node& slot = m_pItems[i];
@@ -426,22 +447,22 @@ int CMsg2::DecodeLevel(const char* data, uint32_t len) {
     if (!s_GetLong(data, pos, m_nId, len) || !s_GetShort(data, pos, count, len)) {
         return 0;
     }
-    uint32_t end = pos;
-    if (!s_SkipItems(data, end, count, len)) {
+    const uint32_t end = s_SkipItems(data, pos, count, len);
+    if (end == 0) {
         return 0;
     }
     if (count > m_nCapacity && !Resize(count)) {
         return NO_MEMORY;
     }
-    while (m_nItemCount < count) {
-        uint32_t size = 0;
-        Node& slot = m_pItems[m_nItemCount++];
-        s_GetHead(data, pos, slot, size, len);
-        if (!s_GetValue(slot, data + pos, size)) {
-            Empty();
-            return NO_MEMORY;
-        }
-        pos += size;
+    Node* slot = m_pItems;
+    bool memory = true;
+    for (Node* const behind = slot + count; memory && slot != behind; ++slot) {
+        memory = s_GetItem(data, pos, *slot, end);
     }
-    return static_cast<int>(pos);
+    m_nItemCount = static_cast<uint16_t>(slot - m_pItems);
+    if (!memory) {
+        Empty();
+        return NO_MEMORY;
+    }
+    return static_cast<int>(end);
 }
