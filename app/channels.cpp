@@ -48,6 +48,14 @@ void copy_state(char (&state)[PIN_COUNT], const char* text) {
     }
 }
 
+void subscribe_inputs() {
+    for (int i = 0; i < CHANNEL_COUNT; ++i) {
+        if (channels[i].proto == KIND_BUS) {
+            send_channel_line("ADD GPI %d\n", i + 1);
+        }
+    }
+}
+
 int parse_CFG(const char* text) {
     if (dbg != 0) {
         printf("parse_CFG(%s)\n", text);

@@ -1,7 +1,9 @@
 #include "app/orvex.h"
 
 int main(int argc, char** argv) {
+    open_standard_streams();
     parse_commands(argc, argv);
+    read_environment();
     if (!start(argc > 0 ? argv[0] : appname)) {
         return 1;
     }

@@ -40,6 +40,7 @@ bool skip_word(const char*& line, const char* word) {
 // cppcheck-suppress uninitMemberVar
 CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     gettimeofday(&m_sweep, nullptr);
+    m_looked = m_sweep;
     FD_ZERO(&m_readable);
     std::fill(std::begin(m_remote), std::end(m_remote), -1);
 }
@@ -47,6 +48,9 @@ CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
 bool CMainLoop::Turn() {
     keep_control_connection();
     begin_read_set();
+    if (drop_vanished()) {
+        return true;
+    }
     watch_remotes();
     const int ready = wait_for_input();
     if (ready <= 0) {
@@ -72,6 +76,9 @@ void CMainLoop::keep_control_connection() {
         connect_control();
     } while (local.get_fd() == -1);
     request_configuration();
+    if (resubscribe) {
+        subscribe_inputs();
+    }
     fprintf(stderr, "Connection to TQRD reopened\n");
 }
 
@@ -88,6 +95,21 @@ void CMainLoop::begin_read_set() {
     m_maxfd = -1;
     watch(local.get_fd());
     watch(rudpsrv.GetSocket());
+}
+
+// Looks now and then for connections whose peers have vanished. True when there was one: the read
+// set is out of date.
+bool CMainLoop::drop_vanished() {
+    if (tqr_limits.peer_ms == 0) {
+        return false;
+    }
+    const long long elapsed = milliseconds_between(m_looked, m_now);
+    if (elapsed >= 0 && elapsed < peer_watch_period(tqr_limits.peer_ms)) {
+        return false;
+    }
+    m_looked = m_now;
+    const bool control = local.drop_vanished();
+    return gpiocli.drop_vanished() || control;
 }
 
 // Watches every remote connection once, through the lowest of the entries that share it. When the
@@ -112,6 +134,11 @@ void CMainLoop::watch_remotes() {
 
 int CMainLoop::wait_for_input() {
     timeval limit = {WAIT_S, 0};
+    const unsigned int period = peer_watch_period(tqr_limits.peer_ms);
+    if (period != 0 && period < WAIT_S * 1000) {
+        limit = {static_cast<time_t>(period / 1000),
+                 static_cast<suseconds_t>(period % 1000 * 1000)};
+    }
     const int ready = select(m_maxfd + 1, &m_readable, nullptr, nullptr, &limit);
     if (ready < 0) {
         printf("%s: select() failed err=%d\n", appname, errno);

@@ -3,6 +3,7 @@
 #include "app/orvex.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -82,6 +83,16 @@ bool open_bus() {
 
 }  // namespace
 
+void open_standard_streams() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 void parse_commands(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const bool has_value = i + 1 < argc;
@@ -119,8 +130,8 @@ uint32_t get_iface() {
     return address.sin_addr.s_addr;
 }
 
-void connect_control() {
-    local.open(tqr_ip.c_str(), static_cast<short>(tqr_port), CONTROL_LINE_SIZE);
+int connect_control() {
+    return local.open(tqr_ip.c_str(), static_cast<short>(tqr_port), CONTROL_LINE_SIZE);
 }
 
 void request_configuration() {
@@ -150,8 +161,7 @@ bool start(const char* program) {
     for (Channel& channel : channels) {
         channel.proto = KIND_NONE;
     }
-    connect_control();
-    if (local.get_fd() == -1) {
+    if (connect_control() == -1) {
         fprintf(stderr, "Failed to connect to %s:%d\n", tqr_ip.c_str(), tqr_port);
     }
     if (!open_bus()) {

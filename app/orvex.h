@@ -1,6 +1,7 @@
 // The router: what the application's files share, and what a test of them needs.
 //
 //   orvex.cpp     settings, endpoints, command line, start-up
+//   environment.cpp  the settings that the environment holds
 //   mainloop.cpp  the select() loop
 //   channels.cpp  the channel table and the control lines that change it
 //   source.cpp    what a line says about a channel
@@ -30,7 +31,9 @@ extern unsigned short tqr_port;  // its TCP port
 extern uint32_t gpioip;          // the GPIO multicast group, network byte order
 extern uint32_t iface;           // our address for multicast, network byte order; 0 = any interface
 extern int iface_changed;        // 1 from a change of iface until the loop has acted on it
-extern char* msgdump;            // in debug mode room for the text of a message, else null
+extern CTQRLimits tqr_limits;    // to waiting for TQRD and for remote servers
+extern bool resubscribe;  // whether TQRD is taken to forget subscriptions with its connection
+extern char* msgdump;     // in debug mode room for the text of a message, else null
 
 // ---- Endpoints, constructed before main in this order and destroyed in reverse.
 
@@ -88,14 +91,15 @@ int cid2pin(unsigned long circuit);
 
 // Adds the pins of a state text to the message: of an input with offset 0, of an output with 8.
 // 'H' and 'L' make items of value 0 and 1, 'h' and 'l' are passed over, anything else ends the
-// text. Returns the number of items.
+// text. Returns the number of items added, which is smaller when memory is short.
 int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset);
 
 // Reports the pins of a state text, as in iostate2cmsg, to the group. Without pins nothing is sent.
 void send_state_to_kelvo(unsigned long ach, const char* state, int offset);
 
 // Sends the message twice as a datagram: nobody acknowledges what goes to a group, so the second
-// stands in when the first is lost. What can't be sent is told on standard output. Returns 1.
+// stands in when the first is lost. What can't be sent is told on standard output; without the
+// memory for a copy nothing is sent. Returns 1.
 int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest);
 
 // Carries out a message from the bus: writes become lines for TQRD, a read is answered to the
@@ -108,18 +112,29 @@ void parse_GPI(const char* text);
 
 // ---- Start-up.
 
+// Opens those of the descriptors 0 to 2 that are closed: the first socket would become the standard
+// error stream, and messages lines to a peer. Call it before anything is opened.
+void open_standard_streams();
+
+// Applies ORVEX_CONNECT_TIMEOUT, ORVEX_PEER_TIMEOUT and ORVEX_RESUBSCRIBE to the settings and to
+// the endpoints. A value that is of no use is told on standard error and ignored.
+void read_environment();
+
 // Applies the command line to the settings. Ends the process with status 0 after "-help".
 void parse_commands(int argc, char** argv);
 
 // The IPv4 address of eth0 in network byte order, 0 (after a message) when it has none.
 uint32_t get_iface();
 
-// Connects local to TQRD, waiting for as long as the system takes. Whether it worked is
-// local.get_fd() != -1.
-void connect_control();
+// Connects local to TQRD, waiting for as long as the system takes or tqr_limits allow. Returns what
+// local.open() returns; whether there is a connection is local.get_fd() != -1.
+int connect_control();
 
 // Asks TQRD for its settings and its GPO configuration. Does nothing when not connected.
 void request_configuration();
+
+// Subscribes to the inputs of all channels of KIND_BUS.
+void subscribe_inputs();
 
 // Makes rudpsrv a member of the group gpioip on the interface iface. Tells a failure.
 void join_group();
@@ -136,13 +151,15 @@ public:
     // The first sweep of the remote connections is due 27 s from now.
     CMainLoop();
 
-    // One turn: waits for input, at most 27 s, and handles it. First, when the control connection
-    // is down, brings it back, however long that takes. False, after a message: select() failed.
+    // One turn: waits for input, at most 27 s, or a peer_watch_period(), and handles it. First,
+    // when the control connection is down, brings it back, however long that takes. False, after a
+    // message: select() failed.
     bool Turn();
 
 private:
     void keep_control_connection();
     void begin_read_set();
+    bool drop_vanished();
     void watch_remotes();
     int wait_for_input();
     void serve_control();
@@ -156,6 +173,7 @@ private:
 
     CMessage m_received;            // the last message from the bus
     timeval m_sweep;                // time of the last sweep of the remote connections
+    timeval m_looked;               // time of the last look for peers that have vanished
     timeval m_now;                  // the turn's one reading of the clock
     fd_set m_readable;              // what to wait for, then what is readable
     int m_maxfd = -1;               // the highest descriptor in it

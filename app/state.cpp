@@ -89,21 +89,20 @@ unsigned char read_pin(const Channel& channel, int pin) {
     return tolower(static_cast<unsigned char>(state)) == 'l' ? 1 : 0;
 }
 
-void answer_read(CMessage& request) {
+// Without memory there is no reply: one without its pins would be taken for the whole.
+void answer_read(CMessage& request, unsigned long request_id) {
     CMessage reply(MSG_SIZE, MSG_GROW_BY);
     reply.SetId(ID_REPORT);
-    reply.SetDword(TAG_REFERS_TO, request.GetDword(TAG_REQUEST_ID));
+    bool complete = reply.SetDword(TAG_REFERS_TO, request_id);
     int matches = 0;
-    for_each_pin(request, [&reply, &matches](int c, unsigned long tag, int pin) {
-        reply.SetByte(tag, read_pin(channels[c], pin));
+    for_each_pin(request, [&](int c, unsigned long tag, int pin) {
+        complete = reply.SetByte(tag, read_pin(channels[c], pin)) && complete;
         ++matches;
     });
-    if (matches == 0) {
-        return;
+    if (matches > 0 && complete && reply.SetByte(TAG_REPLY_KIND, REPLY_TO_READ) &&
+        reply.SetQword(TAG_REQUEST_DATA, request.GetQword(TAG_REQUEST_DATA))) {
+        send_to_group(reply);
     }
-    reply.SetByte(TAG_REPLY_KIND, REPLY_TO_READ);
-    reply.SetQword(TAG_REQUEST_DATA, request.GetQword(TAG_REQUEST_DATA));
-    send_to_group(reply);
 }
 
 }  // namespace
@@ -129,8 +128,7 @@ int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset) {
         switch (state[i]) {
             case 'L':
             case 'H':
-                msg->SetByte(tag, state[i] == 'L' ? 1 : 0);
-                ++count;
+                count += msg->SetByte(tag, state[i] == 'L' ? 1 : 0) ? 1 : 0;
                 break;
             case 'l':
             case 'h':
@@ -156,7 +154,9 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
                dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
     }
     CMessage copy(0, 0);  // takes its room from the message
-    copy.Copy(&msg);
+    if (!copy.Copy(&msg)) {
+        return 1;
+    }
     for (int i = 0; i < 2; ++i) {
         if (!client.SendMsg(dest, &copy, CRUdpLayer3Client::DATAGRAM)) {
             printf("%s RUDP:SendMsg failed with error: %lu\n", appname, client.GetLastError());
@@ -166,13 +166,15 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
 }
 
 void cmsgprocess(CMessage& request) {
+    // Looked up for every message: it moves the cursor, which decides between items of one tag.
+    const unsigned long request_id = request.GetDword(TAG_REQUEST_ID);
     switch (request.GetId()) {
         case ID_WRITE:
         case ID_WRITE_ALIAS:
             write_pins(request);
             break;
         case ID_READ:
-            answer_read(request);
+            answer_read(request, request_id);
             break;
         default:
             break;

@@ -17,8 +17,9 @@ const int LINE_SIZE = 2000;
 const int MASK_BITS = 32;
 const char* const fname = "/var/log/gpiocli.txt";
 
-int connect_client(CTQRClient& client, uint32_t ip, uint16_t port) {
-    return client.open(ip, static_cast<short>(port), LINE_SIZE);
+// As CTQRClient::open; without memory for the client, null, there is no connection.
+int connect_client(CTQRClient* client, uint32_t ip, uint16_t port) {
+    return client == nullptr ? -1 : client->open(ip, static_cast<short>(port), LINE_SIZE);
 }
 
 void subscribe(CTQRClient& client, uint8_t gpi) {
@@ -58,6 +59,14 @@ int CGPIOClient::get_fd(int entry) {
     return e == nullptr || e->client == nullptr ? -1 : e->client->get_fd();
 }
 
+bool CGPIOClient::drop_vanished() {
+    bool dropped = false;
+    for (int k = 0; k < m_nCount; ++k) {
+        dropped = (m_pCons[k].client != nullptr && m_pCons[k].client->drop_vanished()) || dropped;
+    }
+    return dropped;
+}
+
 int CGPIOClient::open(unsigned long entry, unsigned long ip, unsigned short port,
                       unsigned char gpi) {
     const DottedQuad server(ip);
@@ -73,15 +82,11 @@ int CGPIOClient::open(unsigned long entry, unsigned long ip, unsigned short port
     CTQRClient* shared = find_client(address, port);
     *e = {shared, address, port, gpi};
     if (shared == nullptr) {
-        e->client = new (std::nothrow) CTQRClient;
-        if (e->client == nullptr) {
-            *e = {};
-            return -1;
-        }
+        e->client = new_client();
         if (dbg != 0) {
             printf("Opening connection to %s:%d\n", server.text, port);
         }
-        if (connect_client(*e->client, address, port) < 0) {
+        if (connect_client(e->client, address, port) == -1) {
             fprintf(stderr, "CGPIOClient Failed to connect to %s:%d/%d\n", server.text, port, gpi);
             return -1;
         }
@@ -113,15 +118,18 @@ void CGPIOClient::close(unsigned long entry) {
 }
 
 int CGPIOClient::reconnect(int entry) {
-    const ConEntry* e = find(static_cast<unsigned long>(entry));
-    if (e == nullptr || e->client == nullptr || e->ip == 0 || e->client->get_fd() != -1) {
+    ConEntry* e = find(static_cast<unsigned long>(entry));
+    if (e == nullptr || e->ip == 0 || get_fd(entry) != -1) {
         return -1;
+    }
+    if (e->client == nullptr && join(*e)) {
+        return e->client->get_fd();
     }
     const DottedQuad server(e->ip);
     if (dbg != 0) {
         printf("Reconnecting to %s\n", server.text);
     }
-    if (connect_client(*e->client, e->ip, e->port) < 0) {
+    if (connect_client(e->client, e->ip, e->port) == -1) {
         fprintf(stderr, "CGPIOClient Failed to connect to %s\n", server.text);
         return -1;
     }
@@ -183,6 +191,15 @@ CGPIOClient::ConEntry* CGPIOClient::find(unsigned long entry) {
     return entry < static_cast<unsigned long>(m_nCount) ? &m_pCons[entry] : nullptr;
 }
 
+// Null without memory.
+CTQRClient* CGPIOClient::new_client() const {
+    CTQRClient* const client = new (std::nothrow) CTQRClient;
+    if (client != nullptr) {
+        client->set_limits(m_limits);
+    }
+    return client;
+}
+
 CTQRClient* CGPIOClient::find_client(uint32_t ip, uint16_t port) {
     for (int k = 0; k < m_nCount; ++k) {
         const ConEntry& e = m_pCons[k];
@@ -191,6 +208,21 @@ CTQRClient* CGPIOClient::find_client(uint32_t ip, uint16_t port) {
         }
     }
     return nullptr;
+}
+
+// Gives an entry that was opened without memory its client: another's, or a new one. True when that
+// is connected, and the entry subscribed, already.
+bool CGPIOClient::join(ConEntry& e) {
+    e.client = find_client(e.ip, e.port);
+    if (e.client == nullptr) {
+        e.client = new_client();
+        return false;
+    }
+    if (e.client->get_fd() == -1) {
+        return false;
+    }
+    subscribe(*e.client, e.gpi);
+    return true;
 }
 
 int CGPIOClient::count_users(const CTQRClient* client) {

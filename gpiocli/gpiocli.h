@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "tqr/tqrlimits.h"
+
 class CTQRClient;
 
 // The debug flag of the process: 1 makes every part of the daemon print its trace lines on standard
@@ -28,10 +30,19 @@ public:
     // disconnected. Entries that share a connection give the same socket.
     int get_fd(int entry);
 
+    // For connections opened from now on.
+    void set_limits(const CTQRLimits& limits) { m_limits = limits; }
+
+    // Closes the connections whose peers have vanished, as CTQRClient::drop_vanished does. True
+    // when there was one: sockets that get_fd() gave before are not to be used.
+    bool drop_vanished();
+
     // Points the entry at a server (ip in network, port in host byte order) and at its GPI number
     // gpi + 1, after closing what the entry was before, and subscribes. Connects, and waits for it,
     // unless another entry has the connection already.
-    // Returns 0; -1 when a new connection could not be made, and leaves the entry disconnected.
+    // Returns 0; -1 when a new connection could not be made, and leaves the entry disconnected. (0
+    // as well when memory was too short for the connection's buffer: reconnect() takes care of
+    // both.)
     int open(unsigned long entry, unsigned long ip, unsigned short port, unsigned char gpi);
 
     // Empties the entry. The connection is closed with the last entry that uses it; a subscription
@@ -53,17 +64,20 @@ public:
 
 private:
     struct ConEntry {
-        CTQRClient* client;  // shared by all entries with the same ip and port; null when empty
+        CTQRClient* client;  // shared by all with the same ip and port; null: empty or no memory
         uint32_t ip;         // network byte order
         uint16_t port;       // host byte order
         uint8_t gpi;         // counted from 0
     };
 
     ConEntry* find(unsigned long entry);
+    CTQRClient* new_client() const;
     CTQRClient* find_client(uint32_t ip, uint16_t port);
+    bool join(ConEntry& e);
     int count_users(const CTQRClient* client);
     unsigned long followers(const CTQRClient* client, long gpi_number);
 
     int m_nCount;
     ConEntry* m_pCons;
+    CTQRLimits m_limits;
 };

@@ -1,8 +1,9 @@
 #include "msg/Message.h"
 
 CMessage& CMessage::Copy(const CMessage& other) {
-    SetRoutingInfo(&other);
-    CMsg2::Copy(&other);
+    if (CMsg2::Copy(&other)) {
+        SetRoutingInfo(&other);
+    }
     return *this;
 }
 

@@ -11,8 +11,8 @@ public:
     CMessage(const CMessage& other) = default;
 
     // Take the other message's routing information, identifier and items, as CMsg2's assignment
-    // does. Reliable flag and message type stay: a reply made from a request is sent as it was
-    // meant to be.
+    // does: all or, without memory, nothing. Reliable flag and message type stay: a reply made from
+    // a request is sent as it was meant to be.
     CMessage& Copy(const CMessage& other);
     CMessage& operator=(const CMessage& other);
     using CMsg2::Copy;

@@ -9,15 +9,15 @@ namespace {
 const unsigned int MAX_COUNT = 0xFFFF;  // items of a message, elements of an array, bytes of a text
 const unsigned int TAG_CHARS = 4;
 
-// Makes array an owned copy of n elements, or of n zeros without a source; null for no elements.
-// False when there is no memory.
+// Makes array an owned copy of n elements, or of n zeros without a source. False when there is no
+// memory.
 template <typename T>
 bool copy_array(T*& array, unsigned int n, const T* source) {
-    array = n == 0 ? nullptr : new (std::nothrow) T[n]();
+    array = new (std::nothrow) T[n]();
     if (array != nullptr && source != nullptr) {
         std::copy(source, source + n, array);
     }
-    return array != nullptr || n == 0;
+    return array != nullptr;
 }
 
 // The first characters of text, up to four, each shifted in from the right; none for null.
@@ -224,7 +224,10 @@ bool CMsg2::SetQword(unsigned long tag, unsigned long long v) {
 }
 
 bool CMsg2::SetString(unsigned long tag, const char* s) {
-    const size_t size = s == nullptr ? 0 : strlen(s) + 1;
+    if (s == nullptr) {
+        return Store(tag, Node(ITEM_STRING, 0));
+    }
+    const size_t size = strlen(s) + 1;
     if (size > MAX_COUNT) {
         return false;
     }

@@ -76,11 +76,12 @@ public:
     // Without the memory for the copy this message stays as it was. other may be one of the
     // messages nested in this one.
     CMsg2& operator=(const CMsg2& other);
-    // The same; nothing happens when other is null.
-    void Copy(const CMsg2* other);
+    // The same, and tells whether it was done: not without memory, nor when other is null.
+    bool Copy(const CMsg2* other);
     // Sets every item of other in this message, in other's order: tags that are here already are
     // replaced in their place, new ones are appended. What has no room is left out, and so are
-    // items of unknown type. The identifier stays.
+    // items of unknown type. The identifier stays. other may be this message or one of those
+    // nested in it.
     CMsg2& operator+=(const CMsg2& other);
 
     // Removes all items. Identifier and room stay.
@@ -133,8 +134,8 @@ public:
     bool SetQword(unsigned long tag, unsigned long long v);
     // Copies the text. Null makes an item without text; more than 65534 characters are refused.
     bool SetString(unsigned long tag, const char* s);
-    // Copies n (its low 16 bits) elements; null stands for zeros. An array of no elements has no
-    // storage: its getter gives null.
+    // Copies n (its low 16 bits) elements; null stands for zeros. An array of no elements is an
+    // array all the same: its getter gives null only when the array was decoded.
     bool SetByteArray(unsigned long tag, unsigned int n, const unsigned char* p);
     bool SetWordArray(unsigned long tag, unsigned int n, const unsigned short* p);
     bool SetDwordArray(unsigned long tag, unsigned int n, const unsigned long* p);
@@ -175,8 +176,9 @@ public:
 private:
     static CMsg2* Clone(const CMsg2& other);
     bool CopyItems(const CMsg2& other);
-    bool CopyValue(const Node& item);
-    bool HoldsMsg() const;
+    bool CopyItem(unsigned long tag, const Node& item);
+    bool Holds(const CMsg2& other) const;
+    void MergeOwn(const CMsg2& other);
     void Swap(CMsg2& other);
 
     const Node* FindItem(unsigned long tag, ItemType type);

@@ -10,31 +10,28 @@ CMsg2::CMsg2(const CMsg2& other) : m_nGrowBy(other.m_nGrowBy) {
 }
 
 CMsg2& CMsg2::operator=(const CMsg2& other) {
-    if (&other == this) {
-        return *this;
-    }
-    // The old items go last: other may be one of them.
-    CMsg2 copy(other.m_nCapacity, other.m_nGrowBy);
-    copy.m_nId = other.m_nId;
-    if (copy.CopyItems(other)) {
-        Swap(copy);
-    }
+    Copy(&other);
     return *this;
 }
 
-void CMsg2::Copy(const CMsg2* other) {
-    if (other != nullptr) {
-        *this = *other;
+bool CMsg2::Copy(const CMsg2* other) {
+    if (other == nullptr || other == this) {
+        return other != nullptr;
     }
+    // The old items go last: other may be one of them.
+    CMsg2 copy(other->m_nCapacity, other->m_nGrowBy);
+    copy.m_nId = other->m_nId;
+    copy.m_nCursor = m_nCursor;
+    const bool complete = copy.CopyItems(*other);
+    if (complete) {
+        Swap(copy);
+    }
+    return complete;
 }
 
 CMsg2& CMsg2::operator+=(const CMsg2& other) {
-    if (&other == this) {
-        return *this;
-    }
-    if (HoldsMsg()) {
-        // Replacing a nested message could free other on the way, if other is part of it.
-        CopyItems(CMsg2(other));
+    if (Holds(other)) {
+        MergeOwn(other);
     } else {
         CopyItems(other);
     }
@@ -60,37 +57,54 @@ bool CMsg2::CopyItems(const CMsg2& other) {
     bool complete = true;
     for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
         const Node& item = other.m_pItems[i];
-        const bool copied =
-            item.m_nType == ITEM_MSG ? SetMsg(item.m_nTag, item.m_Value.m_pMsg) : CopyValue(item);
-        complete = complete && copied;
+        complete = CopyItem(item.m_nTag, item) && complete;
     }
     return complete;
 }
 
-// Sets an item that is not a message.
-bool CMsg2::CopyValue(const Node& item) {
+// Sets the tag to a copy of the item's value.
+bool CMsg2::CopyItem(unsigned long tag, const Node& item) {
     switch (item.m_nType) {
         case ITEM_BYTE:
         case ITEM_WORD:
         case ITEM_DWORD:
         case ITEM_QWORD:
-            return Store(item.m_nTag, item);
+            return Store(tag, item);
         case ITEM_STRING:
-            return SetString(item.m_nTag, item.m_Value.m_pString);
+            return SetString(tag, item.m_Value.m_pString);
         case ITEM_BYTE_ARRAY:
-            return SetByteArray(item.m_nTag, item.m_nCount, item.m_Value.m_pBytes);
+            return SetByteArray(tag, item.m_nCount, item.m_Value.m_pBytes);
         case ITEM_WORD_ARRAY:
-            return SetWordArray(item.m_nTag, item.m_nCount, item.m_Value.m_pWords);
+            return SetWordArray(tag, item.m_nCount, item.m_Value.m_pWords);
         case ITEM_DWORD_ARRAY:
-            return SetDwordArray(item.m_nTag, item.m_nCount, item.m_Value.m_pDwords);
+            return SetDwordArray(tag, item.m_nCount, item.m_Value.m_pDwords);
+        case ITEM_MSG:
+            return SetMsg(tag, item.m_Value.m_pMsg);
         default:
             return true;
     }
 }
 
-bool CMsg2::HoldsMsg() const {
-    return std::any_of(m_pItems, m_pItems + m_nItemCount,
-                       [](const Node& item) { return item.m_nType == ITEM_MSG; });
+// Whether other is this message or part of it.
+bool CMsg2::Holds(const CMsg2& other) const {
+    return &other == this || std::any_of(m_pItems, m_pItems + m_nItemCount, [&](const Node& item) {
+        return item.m_nType == ITEM_MSG && item.m_Value.m_pMsg->Holds(other);
+    });
+}
+
+// Merges a part of this message, from a copy: replacing a nested message could free that part on
+// the way. Setters make one item of all with the same tag, so the copy's tags are the places until
+// all items are there.
+void CMsg2::MergeOwn(const CMsg2& other) {
+    CMsg2 copy(other.m_nItemCount, 0);
+    for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
+        copy.CopyItem(i, other.m_pItems[i]);
+    }
+    for (unsigned int i = 0; i < copy.m_nItemCount; ++i) {
+        uint32_t& tag = copy.m_pItems[i].m_nTag;
+        tag = other.m_pItems[tag].m_nTag;
+    }
+    CopyItems(copy);
 }
 
 void CMsg2::Swap(CMsg2& other) {

@@ -184,7 +184,10 @@ bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
         if (m_pTimeouts != nullptr && retries == m_nRetries) {
             return true;
         }
-        table = new (std::nothrow) unsigned long[retries]();
+        const size_t size = retries;
+        if (size <= PTRDIFF_MAX / sizeof *table) {  // more is no size of an array
+            table = new (std::nothrow) unsigned long[size]();
+        }
         if (table == nullptr) {
             return false;
         }

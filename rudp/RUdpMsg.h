@@ -51,12 +51,14 @@ public:
     void SetDataCount(unsigned long count) { m_nDataCount = static_cast<uint32_t>(count); }
 
     // The length of the datagram: header and payload. n is at least HEADER_SIZE.
-    unsigned long GetPacketByteCount() const { return m_nDataCount + HEADER_SIZE; }
+    unsigned long GetPacketByteCount() const {
+        return static_cast<uint32_t>(m_nDataCount + HEADER_SIZE);
+    }
     void SetPacketByteCount(unsigned long n) { SetDataCount(n - HEADER_SIZE); }
 
     // The capacity for payload, and with the header.
     unsigned long GetDataSize() const { return m_nDataSize; }
-    unsigned long GetPacketSize() const { return m_nDataSize + HEADER_SIZE; }
+    unsigned long GetPacketSize() const { return static_cast<uint32_t>(m_nDataSize + HEADER_SIZE); }
 
     unsigned char* GetPacketPtr() { return m_pPacket; }
     unsigned char* GetDataPtr() { return m_pPacket + HEADER_SIZE; }

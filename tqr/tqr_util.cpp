@@ -30,6 +30,20 @@ bool is_escape(const char* p) {
     return p[0] == '\\' && p[1] != '\0';
 }
 
+// What base 0 means to the device: newer C libraries also take "0b1" for a number.
+int base_of(const char* number) {
+    while (isspace(static_cast<unsigned char>(*number)) != 0) {
+        ++number;
+    }
+    if (*number == '+' || *number == '-') {
+        ++number;
+    }
+    if (*number != '0') {
+        return 10;
+    }
+    return number[1] == 'x' || number[1] == 'X' ? 16 : 8;
+}
+
 int tag_length(const char* field) {
     return static_cast<int>(strcspn(field, ":="));
 }
@@ -65,7 +79,7 @@ char* replace_fields(char* w, const char* base, const char* changes) {
 
 long tqr_strtol(const char* text, const char** end, int base) {
     char* behind = nullptr;
-    const long long value = strtoll(text, &behind, base);
+    const long long value = strtoll(text, &behind, base == 0 ? base_of(text) : base);
     if (end != nullptr) {
         *end = behind;
     }
@@ -77,7 +91,7 @@ long tqr_strtol(const char* text, const char** end, int base) {
 
 unsigned long tqr_strtoul(const char* text, const char** end, int base) {
     char* behind = nullptr;
-    const unsigned long long value = strtoull(text, &behind, base);
+    const unsigned long long value = strtoull(text, &behind, base == 0 ? base_of(text) : base);
     if (end != nullptr) {
         *end = behind;
     }

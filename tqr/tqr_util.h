@@ -66,7 +66,8 @@ int tqr_check_range(const char* field);
 char* tqr_alter_str(char* out, const char* base, const char* changes, const char** allowed);
 
 // strtol and strtoul as they are on a 32-bit host: the result saturates at the limits of 32 bits
-// (and a negative number wraps in 32 bits in the unsigned one). end, when not null, receives the
-// position behind the number, text itself when there is none.
+// (and a negative number wraps in 32 bits in the unsigned one). Base 0 knows decimal, octal and
+// hexadecimal numbers. end, when not null, receives the position behind the number, text itself
+// when there is none.
 long tqr_strtol(const char* text, const char** end, int base);
 unsigned long tqr_strtoul(const char* text, const char** end, int base);

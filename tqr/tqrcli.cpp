@@ -31,11 +31,31 @@ int open_socket() {
     return sock;
 }
 
-void enable_option(int sock, int level, int option, const char* name) {
-    const int on = 1;
-    if (setsockopt(sock, level, option, &on, sizeof on) != 0) {
+// The connection is used without an option that can't be set.
+void check_option(int result, const char* name) {
+    if (result != 0) {
         fprintf(stderr, "%s: setsockopt(%s) failed err=%d\n", appname, name, errno);
     }
+}
+
+void enable_option(int sock, int level, int option, const char* name) {
+    const int on = 1;
+    check_option(setsockopt(sock, level, option, &on, sizeof on), name);
+}
+
+// connect(), within the limit. A send time-out left behind would cut lines to a slow reader.
+bool connect_within(int sock, const sockaddr_in& peer, unsigned int limit_ms) {
+    const sockaddr* const address = reinterpret_cast<const sockaddr*>(&peer);
+    if (limit_ms == 0) {
+        return connect(sock, address, sizeof peer) == 0;
+    }
+    check_option(set_connect_limit(sock, limit_ms), "SO_SNDTIMEO");
+    if (connect(sock, address, sizeof peer) != 0) {
+        errno = errno == EINPROGRESS ? ETIMEDOUT : errno;
+        return false;
+    }
+    check_option(set_connect_limit(sock, 0), "SO_SNDTIMEO");
+    return true;
 }
 
 void report_failed_connect(const sockaddr_in& peer) {
@@ -74,7 +94,10 @@ int CTQRClient::open(unsigned long ip, short port, int size) {
     }
     enable_option(sock, IPPROTO_TCP, TCP_NODELAY, "TCP_NODELAY");
     enable_option(sock, SOL_SOCKET, SO_KEEPALIVE, "SO_KEEPALIVE");
-    if (connect(sock, reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0) {
+    if (m_limits.peer_ms != 0) {
+        check_option(set_keep_alive(sock, m_limits.peer_ms), "TCP_KEEPIDLE");
+    }
+    if (!connect_within(sock, peer, m_limits.connect_ms)) {
         report_failed_connect(peer);
         ::close(sock);
         return -1;
@@ -143,6 +166,15 @@ char* CTQRClient::take_line() {
         ++m_pRead;
     }
     return line;
+}
+
+bool CTQRClient::drop_vanished() {
+    if (m_nSock == -1 || m_limits.peer_ms == 0 || !m_watch.HasVanished(m_nSock, m_limits.peer_ms)) {
+        return false;
+    }
+    fprintf(stderr, "%s: recv() failed err=%d\n", appname, ETIMEDOUT);
+    close();
+    return true;
 }
 
 void CTQRClient::close() {

@@ -1,9 +1,12 @@
 // A connection to a TQR server: whole text lines over TCP.
 #pragma once
 
+#include "tqr/tqrlimits.h"
+
 // Connects to one server, sends lines and cuts what arrives into lines. Owns its socket and its
 // line buffer. Never waits for data longer than the caller says, so one select() loop can serve
-// many; but open() waits as long as the system takes to complete or refuse the connection.
+// many; but open() waits as long as the system takes to complete or refuse the connection, unless
+// that is limited.
 //
 // Failures are told on standard error, each message beginning with "tqrcli". A process that uses it
 // ignores SIGPIPE. For one thread; not copied.
@@ -14,6 +17,9 @@ public:
     ~CTQRClient();
     CTQRClient(const CTQRClient&) = delete;
     CTQRClient& operator=(const CTQRClient&) = delete;
+
+    // For connections opened from now on. Without this the system's own limits hold.
+    void set_limits(const CTQRLimits& limits) { m_limits = limits; }
 
     // Drops any earlier connection with what it had buffered, then connects to ip (network byte
     // order; 32 bits) and port (host byte order; its 16 bits count as unsigned). size bounds a
@@ -36,6 +42,10 @@ public:
     // null; complete lines still buffered are lost with it.
     char* recv(long timeout);
 
+    // With a limit for the peer: closes the connection when its peer has vanished, and tells so. To
+    // be called once in a peer_watch_period(). True when it did.
+    bool drop_vanished();
+
     // Closes the socket and frees the buffer. Harmless when already closed.
     void close();
 
@@ -51,4 +61,6 @@ private:
     char* m_pEnd = nullptr;   // one past the last byte received
     int m_nBufSize = 0;
     int m_nSock = -1;
+    CTQRLimits m_limits;
+    CPeerWatch m_watch;
 };

@@ -101,7 +101,9 @@ TEST(TqrUtil, NumbersAreThoseOfA32BitHost) {
         unsigned long unsigned_value;
     } table[] = {
         {"0x10", 16, 16},
+        {" -0X10", -16, 0xFFFFFFF0},
         {"020", 16, 16},
+        {"0b1", 0, 0},
         {"-1", -1, 0xFFFFFFFF},
         {"2147483648", 2147483647, 2147483648},
         {"-2147483649", -2147483647 - 1, 0x7FFFFFFF},
