@@ -177,6 +177,7 @@ private:
     static CMsg2* Clone(const CMsg2& other);
     bool CopyItems(const CMsg2& other);
     bool CopyItem(unsigned long tag, const Node& item);
+    bool HoldsMsg() const;
     bool Holds(const CMsg2& other) const;
     void MergeOwn(const CMsg2& other);
     void Swap(CMsg2& other);

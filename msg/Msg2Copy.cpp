@@ -85,6 +85,11 @@ bool CMsg2::CopyItem(unsigned long tag, const Node& item) {
     }
 }
 
+bool CMsg2::HoldsMsg() const {
+    return std::any_of(m_pItems, m_pItems + m_nItemCount,
+                       [](const Node& item) { return item.m_nType == ITEM_MSG; });
+}
+
 // Whether other is this message or part of it.
 bool CMsg2::Holds(const CMsg2& other) const {
     return &other == this || std::any_of(m_pItems, m_pItems + m_nItemCount, [&](const Node& item) {
