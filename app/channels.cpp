@@ -79,7 +79,6 @@ int parse_CFG(const char* text) {
 }
 
 void parse_GPO(const char* text) {
-    const int HIGHEST_FOLLOWED = 8;
     if (dbg != 0) {
         printf("parse_GPO %s\n", text);
     }

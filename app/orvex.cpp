@@ -22,8 +22,8 @@
 #include "tqr/tqr_util.h"
 
 std::string tqr_ip = "127.0.0.1";
-unsigned short tqr_port = 93;
-uint32_t gpioip = htonl(0xEFC0FF04);  // 239.192.255.4
+unsigned short tqr_port = LINE_PORT;
+uint32_t gpioip = htonl(DEFAULT_GROUP);
 uint32_t iface = 0;
 int iface_changed = 0;
 char* msgdump = nullptr;
@@ -36,7 +36,6 @@ CRUdpLayer3Client rudpcli(0, 1000);
 namespace {
 
 const int CONTROL_LINE_SIZE = 2000;
-const unsigned short BUS_PORT = 2060;
 
 // "ip", "ip:port" or "port"; a port that is no number, or 0, changes nothing.
 void set_control_address(const char* value) {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "app/protocol.h"
 #include "app/source.h"
 #include "gpiocli/gpiocli.h"
 #include "msg/Message.h"
@@ -75,16 +76,6 @@ void copy_state(char (&state)[PIN_COUNT], const char* text);
 // What the application's messages are made with: room for 16 items, and 16 more at a time.
 const unsigned int MSG_SIZE = 16;
 const unsigned int MSG_GROW_BY = 16;
-
-const unsigned long ID_REPORT = 0x494E4449;       // "INDI": pin states, told or asked for
-const unsigned long ID_WRITE = 0x57524E49;        // "WRNI": set pins
-const unsigned long ID_WRITE_ALIAS = 0x5752494E;  // "WRIN": the same
-const unsigned long ID_READ = 0x52454144;         // "READ": ask for pin states
-
-const unsigned long TAG_REQUEST_ID = 0xFFFFFFFF;    // dword of a request
-const unsigned long TAG_REFERS_TO = 0xFFFFFFFE;     // dword of a reply: the request's identifier
-const unsigned long TAG_REPLY_KIND = 0xFFFFFFFD;    // byte of a reply
-const unsigned long TAG_REQUEST_DATA = 0xFFFFFFFC;  // qword, given back as it came
 
 // The pin number of a circuit, -1 when there is no such circuit.
 int cid2pin(unsigned long circuit);

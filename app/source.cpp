@@ -8,7 +8,6 @@
 
 namespace {
 
-const uint16_t DEFAULT_REMOTE_PORT = 93;
 const int SOURCE_SIZE = 200;
 
 int to_int(const char* text) {
@@ -49,7 +48,7 @@ void cut_number(char* text, char separator, int& number) {
 void parse_remote_source(const char* source, ChannelConfig& config) {
     char copy[SOURCE_SIZE];
     int gpi_number = 1;
-    int port = DEFAULT_REMOTE_PORT;
+    int port = LINE_PORT;
     tqr_copyval(copy, source, sizeof copy);
     cut_number(copy, '/', gpi_number);
     cut_number(copy, ':', port);

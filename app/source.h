@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-const int CHANNEL_COUNT = 32;
-const int PIN_COUNT = 5;  // of an output, and of an input
+#include "app/protocol.h"
 
 // Where a channel's output is driven from.
 enum ChannelKind : uint32_t {

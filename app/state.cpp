@@ -12,21 +12,12 @@
 
 namespace {
 
-const unsigned short REPORT_PORT = 2055;
-
 // The circuits of a channel's pins: the five of its input from index 0 on, the five of its output
 // from index 8 on, in the order of state texts. 0 is no circuit.
 const unsigned char CircIDs[16] = {13, 12, 11, 10, 9, 0, 0, 0, 8, 7, 6, 5, 4, 0, 0, 0};
 const int INPUT_CIRCUITS = 0;
 const int OUTPUT_CIRCUITS = 8;
 const int INPUT_PINS = 8;  // pin numbers from here on are pins of the input
-
-// The value byte of a write.
-const unsigned char LEVEL_LOW = 0x40;
-const unsigned char STEP_10_MS = 0x80;
-const unsigned char COUNT_MASK = 0x1F;
-
-const unsigned char REPLY_TO_READ = 2;
 
 void send_to_group(CMsg2& msg) {
     CSvcAddress dest(ntohl(gpioip), REPORT_PORT);

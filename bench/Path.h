@@ -4,6 +4,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "app/protocol.h"
+
 enum class Path {
     Write,    // a write from the bus to the line at the control server
     Report,   // a line from the control server to the report on the bus
@@ -35,6 +37,3 @@ const char* const DEVICE_ADDRESS = "10.77.0.1";
 const char* const STUDIO_ADDRESS = "10.77.0.2";
 const char* const CONTROL_ADDRESS = "127.0.0.1";
 const char* const GROUP_ADDRESS = "239.192.255.4";
-const unsigned short LINE_PORT = 93;
-const unsigned short BUS_PORT = 2060;
-const unsigned short REPORT_PORT = 2055;
