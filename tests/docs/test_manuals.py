@@ -16,7 +16,7 @@ DAEMON, CTL, SIM = sys.argv[1:]
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*appname)?")
 # What begins a statement of the tools that makes a message.
-TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|Fail|Note|Detail|Error|PrintProblem|Tell"
+TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|BusError|NamesError|Fail|Note|Detail|Error|PrintProblem|Tell"
                   r"|Disconnect|NumberError)\(|fprintf\(stderr|(?:return|reason =|_ERROR =) \"")
 
 
@@ -72,10 +72,10 @@ class ManualsTest(unittest.TestCase):
         self.assertEqual(missing, [])
 
     def test_tool_messages(self):
-        for name, folder in {"orvexctl": "tools/ctl", "orvex-sim": "tools/sim"}.items():
+        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",)}.items():
             manual = text_of(ROOT / f"docs/man/{name}.1")
             parts = {" ".join(joined(f'"{literal}"').split())
-                     for text in sources(folder) for start in TOLD.finditer(text)
+                     for text in sources(*folders) for start in TOLD.finditer(text)
                      for literal in re.findall(LITERAL, text[start.start():].split(";\n", 1)[0])}
             parts = {part for part in parts if re.search("[a-z]{2}", part) and "%" not in part}
             self.assertGreater(len(parts), 20)

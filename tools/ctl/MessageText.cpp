@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "tools/ctl/MessageJson.h"
-#include "tools/ctl/PinName.h"
+#include "tools/bus/MessageJson.h"
+#include "tools/bus/PinName.h"
 
 namespace {
 
@@ -55,8 +55,8 @@ std::string TagText(uint32_t tag) {
 std::string ItemText(Kind kind, const CMsg2::Node& item, bool everything) {
     const size_t width = 12;
     if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {
-        const PinState state = PinStateOf(kind, item);
-        return Padded(PinText(item.m_nTag), width) + "  " + LevelText(state.level, state.duration);
+        const PinValue value = PinValueOf(kind, item);
+        return Padded(PinText(item.m_nTag), width) + "  " + LevelText(value);
     }
     if (kind != Kind::Other && !everything) {
         return {};
@@ -86,6 +86,8 @@ std::string ToText(const Traffic& traffic, bool everything) {
     return lines.empty() ? Line(head, "(no pins)") : lines;
 }
 
-std::string LevelText(const std::string& level, unsigned int duration_ms) {
-    return duration_ms == 0 ? level : level + " for " + std::to_string(duration_ms) + " ms";
+std::string LevelText(const PinValue& value) {
+    const std::string level = value.level ? LevelLetter(*value.level) : "";
+    return value.duration_ms == 0 ? level
+                                  : level + " for " + std::to_string(value.duration_ms) + " ms";
 }

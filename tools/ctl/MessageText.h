@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tools/ctl/Traffic.h"
+#include "tools/bus/Traffic.h"
 
 // A line for each pin, in columns: time, sender, kind of message, pin, level with its duration.
 // Of messages of unknown kind, and with everything of all, each other item has a line as well: its
@@ -13,4 +13,4 @@
 std::string ToText(const Traffic& traffic, bool everything);
 
 // "L for 250 ms"
-std::string LevelText(const std::string& level, unsigned int duration_ms);
+std::string LevelText(const PinValue& value);

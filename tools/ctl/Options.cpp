@@ -70,13 +70,20 @@ class ArgumentFormatter : public CLI::Formatter {
     }
 };
 
-void AddArgument(CLI::App& app, const ArgumentSpec& row, Options& options) {
+// A word for an argument. It is read when all options are known, those behind it too: it may be a
+// name in a file that an option names.
+struct Word {
+    const ArgumentSpec* row;
+    std::string text;
+};
+
+void AddArgument(CLI::App& app, const ArgumentSpec& row, std::vector<Word>& words) {
     const std::string name(row.name, std::strcspn(row.name, "[:="));
     app.add_option_function<std::vector<std::string>>(
            name,
-           [&](const std::vector<std::string>& words) {
-               for (const std::string& word : words) {
-                   Set(row, row.name, options, word);
+           [&](const std::vector<std::string>& texts) {
+               for (const std::string& text : texts) {
+                   words.push_back({&row, text});
                }
            },
            row.help)
@@ -86,11 +93,12 @@ void AddArgument(CLI::App& app, const ArgumentSpec& row, Options& options) {
 }
 
 // Options of all commands may stand before the command as well as behind it.
-void AddCommand(CLI::App& app, const CommandSpec& command, Options& options) {
+void AddCommand(CLI::App& app, const CommandSpec& command, Options& options,
+                std::vector<Word>& words) {
     CLI::App& sub = *app.add_subcommand(command.name, command.summary);
     sub.footer(std::string(command.details) + "\n\n" + Footer());
     for (const ArgumentSpec& argument : command.arguments) {
-        AddArgument(sub, argument, options);
+        AddArgument(sub, argument, words);
     }
     for (const OptionSpec& option : OPTIONS) {
         if (option.commands == nullptr || Has(option.commands, command.name)) {
@@ -102,6 +110,7 @@ void AddCommand(CLI::App& app, const CommandSpec& command, Options& options) {
 }  // namespace
 
 const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int& status) {
+    std::vector<Word> words;
     CLI::App app(DESCRIPTION, APP_NAME);
     app.footer(Footer());
     app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
@@ -113,13 +122,21 @@ const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int
         }
     }
     for (const CommandSpec& command : COMMANDS) {
-        AddCommand(app, command, options);
+        AddCommand(app, command, options, words);
     }
     AddCompletion(app);
     try {
         app.parse(argc, argv);
+        options.names = Names::Load(options.names_file);
+        for (const Word& word : words) {
+            Set(*word.row, word.row->name, options, word.text);
+        }
     } catch (const CLI::ParseError& error) {
         status = app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+        return nullptr;
+    } catch (const NamesError& error) {
+        options.console.Error(error.what());
+        status = STATUS_FAILED;
         return nullptr;
     }
     for (const CommandSpec& command : COMMANDS) {

@@ -9,10 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/ctl/BusLink.h"
+#include "tools/bus/BusLink.h"
+#include "tools/bus/Names.h"
+#include "tools/bus/PinName.h"
+#include "tools/bus/PinWrite.h"
 #include "tools/ctl/Console.h"
-#include "tools/ctl/PinName.h"
-#include "tools/ctl/PinWrite.h"
 
 struct Options {
     BusSettings bus;
@@ -26,6 +27,8 @@ struct Options {
     std::vector<PinRef> pins;
     std::vector<PinWrite> writes;
     std::string file;
+    std::string names_file;  // empty: the user's
+    Names names;
 };
 
 // What a shell may offer for a word.

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tools/bus/MessageJson.h"
 #include "tools/ctl/ExitStatus.h"
-#include "tools/ctl/MessageJson.h"
 #include "tools/ctl/MessageText.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "tools/ctl/Traffic.h"
+#include "tools/bus/Traffic.h"
 
 // A file or standard output. Each message is there as soon as it was written. Failures are thrown
 // as a Failure.

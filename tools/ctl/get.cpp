@@ -1,10 +1,10 @@
 #include <algorithm>
 
+#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/Question.h"
 
 namespace {
 
@@ -18,11 +18,11 @@ void PrintLevels(const Options& options, const Question& question, Output& outpu
         }
     }
     for (const uint32_t tag : tags) {
-        const auto value = question.ValueOf(tag);
-        if (value) {
+        const auto answer = question.AnswerOf(tag);
+        if (answer) {
             std::string name = PinText(tag);
             name.resize(width, ' ');
-            output.Write(name + (*value != 0 ? "  L\n" : "  H\n"));
+            output.Write(name + "  " + LevelLetter(answer->level) + "\n");
         }
     }
 }
@@ -31,8 +31,8 @@ void PrintLevels(const Options& options, const Question& question, Output& outpu
 
 int RunGet(const Options& options) {
     Output output("-", Output::Form::Json);
-    BusLink link(options.bus, options.console);
-    link.Listen();
+    BusLink link(options.bus);
+    link.Listen(BusLink::Hear::Reports);
     Question question(link, options.pins);
     Traffic traffic;
     while (!question.IsOver()) {

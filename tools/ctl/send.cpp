@@ -5,9 +5,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tools/bus/MessageJson.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
-#include "tools/ctl/MessageJson.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
 
@@ -20,7 +20,7 @@ public:
     void WaitFor(double time) {
         if (m_first == 0) {
             m_first = time;
-            m_start = After(0);
+            m_start = Now();
         }
         const double max_gap = 1e9;
         const double gap = std::min(time - m_first, max_gap);
@@ -40,7 +40,7 @@ class Sender {
 public:
     explicit Sender(const Options& options)
         : m_options(options),
-          m_link(options.bus, options.console),
+          m_link(options.bus),
           m_output("-", options.json ? Output::Form::Json : Output::Form::FullText) {}
 
     void SendLine(const std::string& line);
@@ -83,8 +83,8 @@ void SendAll(std::istream& in, const std::string& name, const Options& options) 
             sender.SendLine(line);
         } catch (const std::invalid_argument& error) {
             throw Failure(STATUS_FAILED, place + error.what());
-        } catch (const Failure& failure) {
-            throw Failure(failure.status, place + failure.what());
+        } catch (const BusError& error) {
+            throw BusError(place + error.what(), error.GetKind());
         }
     }
     if (in.bad() || !in.eof()) {

@@ -26,7 +26,7 @@ int RunSet(const Options& options) {
         NoteWhatDiffers(write, options.console);
         traffic.message.SetByte(write.tag, write.value.Byte());
     }
-    BusLink link(options.bus, options.console);
+    BusLink link(options.bus);
     traffic.time = TimeOfDay();
     traffic.port = options.bus.send_port;
     link.Send(traffic.message, traffic.port, options.reliable);

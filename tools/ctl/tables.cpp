@@ -70,11 +70,11 @@ void SetPorts(Options& options, const std::string& text) {
 }
 
 void AddPins(Options& options, const std::string& text) {
-    options.pins.push_back(ParsePinRef(text));
+    options.pins.push_back(options.names.Parse(text));
 }
 
 void AddWrite(Options& options, const std::string& text) {
-    const PinWrite write = ParsePinWrite(text);
+    const PinWrite write = ParsePinWrite(text, options.names);
     for (const PinWrite& other : options.writes) {
         if (other.tag == write.tag) {
             throw std::invalid_argument(PinText(write.tag) + " is given twice");
@@ -154,6 +154,9 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-v,--verbose", nullptr, Completion::None, nullptr,
      "Tell what goes on; show messages that are sent, and all items",
      [](Options& options, const std::string&) { options.console.verbose = true; }},
+    {"-n,--names", "FILE", Completion::File, nullptr,
+     "File of names (default: $ORVEX_NAMES, else /etc/orvex/names)",
+     [](Options& options, const std::string& text) { options.names_file = text; }},
     {"-r,--reliable", nullptr, Completion::None, "set send",
      "Ask for acknowledgement (of a group, the first one counts)",
      [](Options& options, const std::string&) { options.reliable = true; }},

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 
+#include "tools/base/Signals.h"
+#include "tools/bus/Question.h"
+#include "tools/bus/RepeatFilter.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/Question.h"
-#include "tools/ctl/RepeatFilter.h"
 
 namespace {
 
@@ -23,11 +24,10 @@ public:
     explicit Watch(const Options& options)
         : m_options(options),
           m_output(options.file.empty() ? "-" : options.file, FormOf(options)),
-          m_link(options.bus, options.console),
+          m_link(options.bus),
           m_end(options.seconds ? After(*options.seconds) : TimePoint::max()),
           m_asking(!options.pins.empty()) {
-        m_link.StopOnSignals();
-        m_link.Listen();
+        m_link.Listen(BusLink::Hear::Reports);
         if (m_asking) {
             m_question.emplace(m_link, options.pins);
         }
@@ -43,6 +43,7 @@ private:
 
     const Options& m_options;
     Output m_output;
+    Signals m_signals;
     BusLink m_link;
     const TimePoint m_end;
     std::optional<Question> m_question;
@@ -54,12 +55,15 @@ private:
 int Watch::Run() {
     Traffic traffic;
     while (!IsComplete()) {
-        if (After(0) >= m_end) {
+        if (Now() >= m_end) {
             return m_options.count ? STATUS_NO_ANSWER : STATUS_DONE;
         }
-        const BusLink::Event event = m_link.Wait(traffic, std::min(Ask(), m_end));
-        if (event == BusLink::Event::Stopped) {
+        const BusLink::Event event = m_link.Wait(traffic, std::min(Ask(), m_end), m_signals.Get());
+        if (event == BusLink::Event::Other) {
             break;
+        }
+        if (event == BusLink::Event::Changed) {
+            m_options.console.Note(m_link.LastChange().text);
         }
         if (event == BusLink::Event::Heard) {
             Show(traffic);
@@ -100,7 +104,7 @@ bool Watch::IsWanted(const CMessage& message) const {
 }
 
 void Watch::Show(const Traffic& traffic) {
-    if (!IsWanted(traffic.message) || (!m_options.all && m_repeats.IsRepeat(traffic, After(0)))) {
+    if (!IsWanted(traffic.message) || (!m_options.all && m_repeats.IsRepeat(traffic, Now()))) {
         return;
     }
     m_output.Write(traffic);

@@ -1,7 +1,7 @@
 // Pins and addresses as people name them.
 //
-//   ADDRESS   a number, or two: a:b is a * 256 + b. Decimal, hexadecimal (0x10) or octal (010)
-//   PIN       in1 to in5, out1 to out5, or a circuit by its number: c0 to c255
+//   ADDRESS   a number, or two: a:b is a * 256 + b, b up to 255. Decimal, hexadecimal (0x10) or
+//   octal (010) PIN       in1 to in5, out1 to out5, or a circuit by its number: c0 to c255
 //
 // ADDRESS:PIN is a pin. Behind an address of two numbers the circuit needs no "c", so 258:out1,
 // 1:2:out1, 0x102:c8 and 1:2:8 are all one pin, while 258:8 is an address without a pin.
@@ -11,6 +11,9 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+// For messages.
+extern const char* const PIN_NAMES;  // "in1 to in5, out1 to out5, c0 to c255"
 
 // The pins of an address, or one of them. On the bus a pin has a tag: its address in the upper 24
 // bits, its circuit in the low 8.
@@ -31,10 +34,16 @@ PinRef ParsePinRef(const std::string& text);
 // The same for exactly one pin; returns its tag.
 uint32_t ParsePin(const std::string& text);
 
+// Whether the text is a pin without an address: "out1", "c20".
+bool IsPinName(const std::string& text);
+
 // Whether the tag's circuit has a name.
 bool IsNamedPin(uint32_t tag);
 
 bool IsInput(uint32_t tag);
+
+// "out1" or "c20"
+std::string CircuitText(uint8_t circuit);
 
 // "7" or "1:2"
 std::string AddressText(uint32_t address);

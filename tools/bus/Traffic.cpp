@@ -1,6 +1,4 @@
-#include "tools/ctl/Traffic.h"
-
-#include <chrono>
+#include "tools/bus/Traffic.h"
 
 Kind Traffic::GetKind() const {
     switch (message.GetId()) {
@@ -27,8 +25,18 @@ const CMsg2::Node* FindItem(const CMsg2& message, uint32_t tag, CMsg2::ItemType 
     return nullptr;
 }
 
-double TimeOfDay() {
-    using namespace std::chrono;
-    const auto now = duration_cast<microseconds>(system_clock::now().time_since_epoch());
-    return static_cast<double>(now.count()) / 1e6;
+PinValue PinValueOf(Kind kind, const CMsg2::Node& item) {
+    if (item.m_nType != CMsg2::ITEM_BYTE) {
+        return {};
+    }
+    const WriteValue write(static_cast<uint8_t>(item.m_Value.m_nDword));
+    switch (kind) {
+        case Kind::Report:
+        case Kind::Reply:
+            return {write.Byte() != 0 ? Level::Low : Level::High, 0};
+        case Kind::Write:
+            return {write.GetLevel(), write.Duration()};
+        default:
+            return {};
+    }
 }

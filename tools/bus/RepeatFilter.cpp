@@ -1,4 +1,4 @@
-#include "tools/ctl/RepeatFilter.h"
+#include "tools/bus/RepeatFilter.h"
 
 #include <algorithm>
 #include <functional>

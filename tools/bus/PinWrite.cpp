@@ -1,21 +1,19 @@
-#include "tools/ctl/PinWrite.h"
+#include "tools/bus/PinWrite.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "tools/ctl/PinName.h"
+#include "app/protocol.h"
+#include "tools/bus/Names.h"
 
 namespace {
 
-const uint8_t LEVEL_LOW = 0x40;
-const uint8_t STEP_10_MS = 0x80;
-const uint8_t MAX_COUNT = 31;
 const unsigned long LONGEST = 1000000000;  // what may be asked for
 
 // The count of steps whose duration is the nearest, one at least.
 uint8_t Steps(unsigned long duration, unsigned long step) {
     const unsigned long count = (duration + step / 2) / step;
-    return static_cast<uint8_t>(std::clamp(count, 1UL, static_cast<unsigned long>(MAX_COUNT)));
+    return static_cast<uint8_t>(std::clamp(count, 1UL, static_cast<unsigned long>(COUNT_MASK)));
 }
 
 unsigned long Distance(unsigned long a, unsigned long b) {
@@ -32,7 +30,22 @@ unsigned long ParseDuration(const std::string& text) {
 
 }  // namespace
 
-WriteValue::WriteValue(bool low, unsigned long duration_ms) : m_byte(low ? LEVEL_LOW : 0) {
+const char* LevelLetter(Level level) {
+    return level == Level::Low ? "L" : "H";
+}
+
+Level ParseLevel(const std::string& text) {
+    if (text == "L" || text == "l" || text == "low") {
+        return Level::Low;
+    }
+    if (text == "H" || text == "h" || text == "high") {
+        return Level::High;
+    }
+    throw std::invalid_argument("not a level, L (low) or H (high): " + text);
+}
+
+WriteValue::WriteValue(Level level, unsigned long duration_ms)
+    : m_byte(level == Level::Low ? LEVEL_LOW : 0) {
     if (duration_ms == 0) {
         return;
     }
@@ -43,27 +56,23 @@ WriteValue::WriteValue(bool low, unsigned long duration_ms) : m_byte(low ? LEVEL
     m_byte = static_cast<uint8_t>(m_byte | (use_fine ? STEP_10_MS | fine : coarse));
 }
 
-bool WriteValue::IsLow() const {
-    return (m_byte & LEVEL_LOW) != 0;
+Level WriteValue::GetLevel() const {
+    return (m_byte & LEVEL_LOW) != 0 ? Level::Low : Level::High;
 }
 
 unsigned int WriteValue::Duration() const {
-    return (m_byte & MAX_COUNT) * ((m_byte & STEP_10_MS) != 0 ? 10U : 250U);
+    return (m_byte & COUNT_MASK) * ((m_byte & STEP_10_MS) != 0 ? 10U : 250U);
 }
 
-PinWrite ParsePinWrite(const std::string& text) {
+PinWrite ParsePinWrite(const std::string& text, const Names& names) {
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
         throw std::invalid_argument("not ADDRESS:PIN=L|H[,DURATION]: " + text);
     }
     const size_t comma = text.find(',', equals);
-    const std::string level =
-        text.substr(equals + 1, comma == std::string::npos ? comma : comma - equals - 1);
-    if (level != "L" && level != "H" && level != "l" && level != "h") {
-        throw std::invalid_argument("not a level, L or H: " + text);
-    }
+    const Level level = ParseLevel(
+        text.substr(equals + 1, comma == std::string::npos ? comma : comma - equals - 1));
     const unsigned long duration =
         comma == std::string::npos ? 0 : ParseDuration(text.substr(comma + 1));
-    const bool low = level == "L" || level == "l";
-    return {ParsePin(text.substr(0, equals)), WriteValue(low, duration), duration};
+    return {names.ParsePin(text.substr(0, equals)), WriteValue(level, duration), duration};
 }

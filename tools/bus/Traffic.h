@@ -2,17 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "app/protocol.h"
 #include "msg/Message.h"
-
-const uint32_t ID_REPORT = 0x494E4449;       // "INDI": pin states, told or asked for
-const uint32_t ID_WRITE = 0x57524E49;        // "WRNI": set pins
-const uint32_t ID_WRITE_ALIAS = 0x5752494E;  // "WRIN": the same
-const uint32_t ID_READ = 0x52454144;         // "READ": ask for pin states
-
-const uint32_t TAG_REQUEST_ID = 0xFFFFFFFF;  // dword of a request
-const uint32_t TAG_REFERS_TO = 0xFFFFFFFE;   // dword of a reply: the request's identifier
+#include "tools/bus/PinWrite.h"
 
 enum class Kind { Report, Reply, Write, Read, Other };
 
@@ -33,5 +28,9 @@ struct Traffic {
 // The first item with that tag and type, or null.
 const CMsg2::Node* FindItem(const CMsg2& message, uint32_t tag, CMsg2::ItemType type);
 
-// The time of day for Traffic::time.
-double TimeOfDay();
+// What an item of a message of that kind says about a pin.
+struct PinValue {
+    std::optional<Level> level;    // none: nothing
+    unsigned int duration_ms = 0;  // of a write; 0: no limit
+};
+PinValue PinValueOf(Kind kind, const CMsg2::Node& item);

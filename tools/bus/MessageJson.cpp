@@ -1,12 +1,12 @@
-#include "tools/ctl/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 
 #include <cstdio>
 #include <vector>
 
-#include "tools/ctl/Escape.h"
-#include "tools/ctl/JsonFormat.h"
-#include "tools/ctl/PinName.h"
-#include "tools/ctl/PinWrite.h"
+#include "tools/bus/Escape.h"
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/PinName.h"
+#include "tools/bus/PinWrite.h"
 
 namespace {
 
@@ -76,13 +76,13 @@ Json TypeOf(const CMsg2::Node& item) {
 Json ItemOf(const CMsg2::Node& item, Kind kind, int depth) {
     Json json = {{"tag", item.m_nTag}, {"type", TypeOf(item)}, {"value", ValueOf(item, depth)}};
     if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {
-        const PinState state = PinStateOf(kind, item);
+        const PinValue value = PinValueOf(kind, item);
         json["pin"] = PinText(item.m_nTag);
-        if (!state.level.empty()) {
-            json["level"] = state.level;
+        if (value.level) {
+            json["level"] = LevelLetter(*value.level);
         }
-        if (state.duration > 0) {
-            json["duration"] = state.duration;
+        if (value.duration_ms > 0) {
+            json["duration"] = value.duration_ms;
         }
     }
     return json;
@@ -136,20 +136,4 @@ std::string TypeText(const CMsg2::Node& item) {
 
 std::string ValueText(const CMsg2::Node& item) {
     return Dump(ValueOf(item, 0));
-}
-
-PinState PinStateOf(Kind kind, const CMsg2::Node& item) {
-    if (item.m_nType != CMsg2::ITEM_BYTE) {
-        return {};
-    }
-    const WriteValue write(static_cast<uint8_t>(item.m_Value.m_nDword));
-    switch (kind) {
-        case Kind::Report:
-        case Kind::Reply:
-            return {write.Byte() != 0 ? "L" : "H", 0};
-        case Kind::Write:
-            return {write.IsLow() ? "L" : "H", write.Duration()};
-        default:
-            return {};
-    }
 }

@@ -28,7 +28,7 @@
 
 #include <string>
 
-#include "tools/ctl/Traffic.h"
+#include "tools/bus/Traffic.h"
 
 // The line without its end.
 std::string ToJson(const Traffic& traffic);
@@ -42,11 +42,3 @@ void FromJson(const std::string& line, Traffic& traffic);
 std::string IdText(uint32_t id);
 std::string TypeText(const CMsg2::Node& item);
 std::string ValueText(const CMsg2::Node& item);
-
-// The level of a pin item ("L" or "H") and its duration in ms, 0 without; empty when the item says
-// nothing about a level.
-struct PinState {
-    std::string level;
-    unsigned int duration = 0;
-};
-PinState PinStateOf(Kind kind, const CMsg2::Node& item);

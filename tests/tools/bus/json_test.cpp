@@ -7,7 +7,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "tools/ctl/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 #include "tools/ctl/MessageText.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/ctl/Escape.h"
+#include "tools/bus/Escape.h"
 
 #include <cctype>
 #include <cstdint>

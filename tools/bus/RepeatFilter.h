@@ -3,8 +3,8 @@
 
 #include <deque>
 
-#include "tools/ctl/BusLink.h"
-#include "tools/ctl/Traffic.h"
+#include "tools/base/Time.h"
+#include "tools/bus/Traffic.h"
 
 // A device sends every report and reply twice, one right after the other, as two packets. The
 // second is the same message from the same host within 250 ms of the first. Each message has one

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "tools/ctl/Escape.h"
-#include "tools/ctl/JsonFormat.h"
-#include "tools/ctl/MessageJson.h"
-#include "tools/ctl/PinName.h"
+#include "tools/bus/Escape.h"
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/MessageJson.h"
+#include "tools/bus/PinName.h"
 
 namespace {
 

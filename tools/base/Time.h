@@ -1,0 +1,21 @@
+// Time as programs with a loop reckon with it.
+#pragma once
+
+#include <chrono>
+
+// A moment for time limits: of a clock that is never set.
+using TimePoint = std::chrono::steady_clock::time_point;
+
+TimePoint Now();
+
+// The moment that many seconds from now; of more than 30 years, TimePoint::max().
+TimePoint After(double seconds);
+
+// The moment that many seconds after another.
+TimePoint Later(TimePoint time, double seconds);
+
+// For poll(): until the deadline, rounded up; 0 when it has passed, -1 for TimePoint::max().
+int MillisecondsUntil(TimePoint deadline);
+
+// The time of day, in seconds since 1970.
+double TimeOfDay();

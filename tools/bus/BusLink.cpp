@@ -1,0 +1,249 @@
+#include "tools/bus/BusLink.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "net/SvcAddress.h"
+#include "tools/base/ErrorText.h"
+
+namespace {
+
+const double LOOK_EVERY = 1;    // seconds between two looks at the interface
+const int MOST_AT_A_TIME = 64;  // datagrams that one call reads
+
+std::string SecondsText(double seconds) {
+    char text[32];
+    snprintf(text, sizeof text, "%g s", seconds);
+    return text;
+}
+
+[[noreturn]] void ThrowSendFailure(unsigned long code, bool reliable, double wait, int err) {
+    switch (code) {
+        case CRUdpLayer3Client::REFUSED:
+            throw BusError("refused by the receiver");
+        case CRUdpLayer3Client::TIMED_OUT:
+            if (reliable) {
+                throw BusError("no acknowledgement within " + SecondsText(wait),
+                               BusError::Kind::NoAcknowledgement);
+            }
+            break;
+        case CRUdpLayer3Client::TOO_LARGE:
+            throw BusError("not sent: the message is too large");
+        default:
+            break;
+    }
+    throw BusError("not sent: " + ErrorText(err));
+}
+
+int SetMembership(int sock, int option, uint32_t group, unsigned int index) {
+    ip_mreqn request = {};
+    request.imr_multiaddr.s_addr = htonl(group);
+    request.imr_ifindex = static_cast<int>(index);
+    return setsockopt(sock, IPPROTO_IP, option, &request, sizeof request);
+}
+
+// Whether two looks found the same interface, as far as the sockets have to do with it.
+bool IsSame(const Interface& a, const Interface& b) {
+    return a.index == b.index && a.address == b.address;
+}
+
+}  // namespace
+
+void BusLink::Overhearer::ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck,
+                                         bool& positive) {
+    CRUdpLayer3Server::ProcessMessage(msg, deliver, sendAck, positive);
+    sendAck = false;
+}
+
+BusLink::BusLink(const BusSettings& settings)
+    : m_settings(settings),
+      m_interface(FindInterface(settings.iface, settings.group)),
+      m_client(0, 0) {
+    in_addr ignored = {};
+    if (!settings.iface.empty() && m_interface.address == 0) {
+        const bool is_address = inet_pton(AF_INET, settings.iface.c_str(), &ignored) == 1;
+        throw BusError("interface " + settings.iface + ": " +
+                       ErrorText(m_interface.index != 0 || is_address ? EADDRNOTAVAIL : ENODEV));
+    }
+    OpenClient();
+    m_client.SetCliOptions(4, static_cast<unsigned long>(settings.wait * 1000), true, 200, nullptr,
+                           false);
+}
+
+// Without an interface that was named, the system's routes choose at every message.
+void BusLink::OpenClient() {
+    const std::string address = HostText(ntohl(m_interface.address));
+    if (!m_client.Open(m_settings.iface.empty() ? nullptr : address.c_str(), nullptr)) {
+        throw BusError("interface " + address + ": " + ErrorText(errno));
+    }
+}
+
+void BusLink::Listen(Hear what) {
+    OpenServer(m_reports, m_settings.listen_port, nullptr);
+    if (what == Hear::ReportsAndRequests && m_settings.send_port != m_settings.listen_port) {
+        // Bound to the group: what is sent to this host's own address is for a daemon on it.
+        OpenServer(m_requests, m_settings.send_port, HostText(m_settings.group).c_str());
+    }
+    m_up = m_interface.index == 0 || m_interface.IsUsable();
+    m_look = After(LOOK_EVERY);
+}
+
+void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host) {
+    if (!server.Open(port, host, nullptr, nullptr)) {
+        throw BusError("can't listen on port " + std::to_string(port) + ": " + ErrorText(errno));
+    }
+    // Without this, Linux delivers the groups that any other program of this host has joined.
+    const int off = 0;
+    setsockopt(server.GetSocket(), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
+    Join(server);
+    Trace("listening to " + HostText(m_settings.group) + " port " + std::to_string(port));
+}
+
+void BusLink::Join(CRUdpLayer3Server& server) {
+    if (SetMembership(server.GetSocket(), IP_ADD_MEMBERSHIP, m_settings.group, m_interface.index) !=
+        0) {
+        const std::string hint = m_settings.iface.empty() ? " (name an interface with -i)" : "";
+        throw BusError("can't join " + HostText(m_settings.group) + ": " + ErrorText(errno) + hint);
+    }
+}
+
+void BusLink::Send(const CMessage& message, uint16_t port, bool reliable) {
+    const uint32_t host = m_settings.to.value_or(m_settings.group);
+    Trace("sending to " + HostText(host) + " port " + std::to_string(port));
+    errno = 0;
+    if (!m_client.SendMsg(CSvcAddress(host, port), &message,
+                          reliable ? CRUdpLayer3Client::MESSAGE : CRUdpLayer3Client::DATAGRAM)) {
+        ThrowSendFailure(m_client.GetLastError(), reliable, m_settings.wait, errno);
+    }
+}
+
+std::vector<int> BusLink::Descriptors() const {
+    std::vector<int> descriptors;
+    for (const CRUdpLayer3Server* server :
+         {&m_reports, static_cast<const CRUdpLayer3Server*>(&m_requests)}) {
+        if (server->GetSocket() != -1) {
+            descriptors.push_back(server->GetSocket());
+        }
+    }
+    return descriptors;
+}
+
+bool BusLink::Take(Traffic& traffic) {
+    for (int i = 0; i < MOST_AT_A_TIME; ++i) {
+        pollfd fds[] = {{m_reports.GetSocket(), POLLIN, 0}, {m_requests.GetSocket(), POLLIN, 0}};
+        if (poll(fds, 2, 0) <= 0) {
+            return false;
+        }
+        m_turn = !m_turn;
+        const bool requests = fds[1].revents != 0 && (m_turn || fds[0].revents == 0);
+        if (requests ? TakeFrom(m_requests, m_settings.send_port, traffic)
+                     : TakeFrom(m_reports, m_settings.listen_port, traffic)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Reads one datagram. False when it was no message for us.
+bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic) {
+    traffic.message.SetId(0);  // a packet without a payload is delivered and names none
+    if (!server.WaitForMsg(&traffic.message, 0)) {
+        const unsigned long code = server.GetLastError();
+        if (code == CRUdpLayer3Server::READ_FAILED) {
+            throw BusError("can't read from the bus: " + ErrorText(errno));
+        }
+        if (code != CRUdpLayer3Server::TIMED_OUT) {
+            Trace("passed over a packet without a message (error " + std::to_string(code) + ")");
+        }
+        return false;
+    }
+    traffic.time = TimeOfDay();
+    traffic.host = HostText(static_cast<uint32_t>(traffic.message.GetHost()));
+    traffic.port = port;
+    return true;
+}
+
+std::optional<BusLink::Change> BusLink::Tend() {
+    if (Now() < m_look) {
+        return std::nullopt;
+    }
+    m_look = After(LOOK_EVERY);
+    const Interface found = FindInterface(m_settings.iface, m_settings.group);
+    if (m_up && !found.IsUsable()) {
+        m_up = false;
+        return Change{false, DownText(found)};
+    }
+    if (!found.IsUsable() || (m_up && IsSame(found, m_interface)) || !Rejoin(found)) {
+        return std::nullopt;
+    }
+    const bool was_up = std::exchange(m_up, true);
+    return Change{true, found.name + (was_up ? " changed" : " is up again")};
+}
+
+// False when that did not work yet.
+bool BusLink::Rejoin(const Interface& found) {
+    const Interface before = std::exchange(m_interface, found);
+    try {
+        for (CRUdpLayer3Server* server :
+             {&m_reports, static_cast<CRUdpLayer3Server*>(&m_requests)}) {
+            if (server->GetSocket() != -1) {
+                SetMembership(server->GetSocket(), IP_DROP_MEMBERSHIP, m_settings.group,
+                              before.index);
+                Join(*server);
+            }
+        }
+        OpenClient();
+        return true;
+    } catch (const BusError& error) {
+        Trace(error.what());
+        return false;
+    }
+}
+
+std::string BusLink::DownText(const Interface& found) const {
+    if (m_settings.iface.empty() && found.index == 0) {
+        return "no route to " + HostText(m_settings.group);
+    }
+    const std::string name = found.index != 0 ? found.name : m_interface.name;
+    const char* const what = found.index == 0 ? " is gone"
+                             : !found.up      ? " is down"
+                                              : " has no address";
+    return name + what;
+}
+
+BusLink::Event BusLink::Wait(Traffic& traffic, TimePoint deadline, int other) {
+    for (;;) {
+        pollfd fds[] = {{other, POLLIN, 0},
+                        {m_reports.GetSocket(), POLLIN, 0},
+                        {m_requests.GetSocket(), POLLIN, 0}};
+        const int ready = poll(fds, 3, MillisecondsUntil(std::min(deadline, m_look)));
+        if (ready < 0 && errno != EINTR) {
+            throw BusError("poll: " + ErrorText(errno));
+        }
+        if (ready > 0 && fds[0].revents != 0) {
+            return Event::Other;
+        }
+        if (const std::optional<Change> change = Tend()) {
+            m_change = *change;
+            return Event::Changed;
+        }
+        if (ready > 0 && Take(traffic)) {
+            return Event::Heard;
+        }
+        if (Now() >= deadline) {
+            return Event::TimedOut;
+        }
+    }
+}
+
+void BusLink::Trace(const std::string& text) const {
+    if (m_settings.trace) {
+        m_settings.trace(text);
+    }
+}

@@ -1,0 +1,120 @@
+// A program's connection to the bus.
+//
+// A program without a loop of its own calls Wait():
+//
+//     BusLink link(settings);
+//     link.Listen(BusLink::Hear::Reports);
+//     link.Send(question, BUS_PORT, false);
+//     while (link.Wait(traffic, deadline) == BusLink::Event::Heard) { ... }
+//
+// One with a loop (select(), poll(), asio) waits until one of Descriptors() is readable or
+// NextTime() has come, then calls Take() until it returns false, and Tend(). Neither of them waits.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/protocol.h"
+#include "rudp/RUdpLayer3Client.h"
+#include "rudp/RUdpLayer3Server.h"
+#include "tools/base/Time.h"
+#include "tools/bus/BusError.h"
+#include "tools/bus/Interface.h"
+#include "tools/bus/Traffic.h"
+
+// Addresses in host byte order.
+struct BusSettings {
+    std::string iface;  // name or address; empty: as the system routes the group
+    uint32_t group = DEFAULT_GROUP;
+    std::optional<uint32_t> to;  // send to this host instead of the group
+    uint16_t send_port = BUS_PORT;
+    uint16_t listen_port = REPORT_PORT;
+    double wait = 1;  // seconds, for acknowledgements and answers
+
+    // Is told what goes on, for whoever looks for a fault. May be empty.
+    std::function<void(const std::string&)> trace;
+};
+
+// Failures are thrown as BusError. For one thread.
+class BusLink {
+public:
+    // What is listened to. Requests are the writes and reads of others, as far as they go to the
+    // group: what is sent to one device's own address is heard by that device alone. This program's
+    // own requests to the group are heard too, from this host's address.
+    enum class Hear { Reports, ReportsAndRequests };
+
+    enum class Event { Heard, Changed, Other, TimedOut };
+
+    // The interface went down or came up, with a text that says so: "eth0 is down".
+    struct Change {
+        bool up;
+        std::string text;
+    };
+
+    // Opens the sending end.
+    explicit BusLink(const BusSettings& settings);
+    BusLink(const BusLink&) = delete;
+    BusLink& operator=(const BusLink&) = delete;
+
+    // Opens the receiving end too: joins the group. The ports are shared with other listeners of
+    // this host. Reports that ask for acknowledgement are acknowledged; requests never are, they
+    // are the devices' to answer.
+    void Listen(Hear what);
+
+    // Sends to the group, or to the one host, at that port. A reliable message is repeated until it
+    // is acknowledged, which blocks for as long as the settings wait; of a group, the first
+    // acknowledgement counts. Others are handed to the system, and nobody knows what becomes of
+    // them.
+    void Send(const CMessage& message, uint16_t port, bool reliable);
+
+    // The sockets that Listen() opened; they stay the same.
+    std::vector<int> Descriptors() const;
+
+    // Takes a message that has come. False when there is none. Passes over what is no message, but
+    // only so much at a time that a flood of it can't keep the caller.
+    bool Take(Traffic& traffic);
+
+    // When Tend() has something to do next.
+    TimePoint NextTime() const { return m_look; }
+
+    // Looks after the interface: when it is back after it was down, gone or without an address, the
+    // group is joined again. Returns what changed since the last call.
+    std::optional<Change> Tend();
+
+    // The next message, a change of the interface, or until the deadline. Also ends when the other
+    // descriptor is readable, such as that of Signals.
+    Event Wait(Traffic& traffic, TimePoint deadline, int other = -1);
+
+    // What changed when Wait() last returned Changed.
+    const Change& LastChange() const { return m_change; }
+
+    const BusSettings& Settings() const { return m_settings; }
+
+private:
+    // Hears requests without answering them.
+    class Overhearer : public CRUdpLayer3Server {
+        void ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck,
+                            bool& positive) override;
+    };
+
+    void OpenClient();
+    void OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host);
+    void Join(CRUdpLayer3Server& server);
+    bool Rejoin(const Interface& found);
+    bool TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic);
+    std::string DownText(const Interface& found) const;
+    void Trace(const std::string& text) const;
+
+    const BusSettings m_settings;
+    Interface m_interface;  // as it was when the group was joined
+    CRUdpLayer3Client m_client;
+    CRUdpLayer3Server m_reports;
+    Overhearer m_requests;
+    bool m_up = true;
+    bool m_turn = false;  // which socket Take() looks at first
+    Change m_change{true, {}};
+    TimePoint m_look = TimePoint::max();
+};

@@ -1,0 +1,22 @@
+// The network interface that the bus is on.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// An interface as it is at the moment. Default: there is none.
+struct Interface {
+    std::string name;
+    unsigned int index = 0;  // 0: there is no such interface
+    uint32_t address = 0;    // its first IPv4 address, network byte order; 0: none
+    bool up = false;         // switched on and connected
+
+    bool IsUsable() const { return up && address != 0; }
+};
+
+// Looks an interface up by its name or one of its addresses, a dotted quad. With an empty text,
+// the one that the system's routes choose for the group (host byte order).
+Interface FindInterface(const std::string& text, uint32_t group);
+
+// "10.0.0.1" for an address in host byte order.
+std::string HostText(uint32_t address);

@@ -1,0 +1,114 @@
+#include "tools/bus/Question.h"
+
+#include <algorithm>
+#include <random>
+
+namespace {
+
+const double ASK_AGAIN = 0.25;       // seconds
+const size_t PINS_IN_A_FRAME = 230;  // 6 bytes each, beside 31 of headers and request
+
+}  // namespace
+
+uint32_t NewRequestId() {
+    std::random_device random;
+    return std::uniform_int_distribution<uint32_t>(1)(random);
+}
+
+void AskForPins(BusLink& link, const std::vector<uint32_t>& tags, uint32_t request_id) {
+    for (size_t begin = 0; begin < tags.size(); begin += PINS_IN_A_FRAME) {
+        CMessage message(16, 256);
+        message.SetId(ID_READ);
+        message.SetDword(TAG_REQUEST_ID, request_id);
+        for (size_t i = begin; i < std::min(tags.size(), begin + PINS_IN_A_FRAME); ++i) {
+            message.SetByte(tags[i], 0);
+        }
+        link.Send(message, link.Settings().send_port, false);
+    }
+}
+
+Question::Question(BusLink& link, const std::vector<PinRef>& pins, std::optional<TimePoint> end)
+    : m_link(link),
+      m_pins(pins),
+      m_id(NewRequestId()),
+      m_ask(Now()),
+      m_end(end.value_or(Later(m_ask, link.Settings().wait))) {
+    for (const PinRef& pin : pins) {
+        for (const uint32_t tag : pin.Tags()) {
+            m_answers.emplace(tag, std::nullopt);
+        }
+    }
+    m_open = m_answers.size();
+}
+
+void Question::AskWhenDue() {
+    if (IsOver() || Now() < m_ask) {
+        return;
+    }
+    m_ask = After(ASK_AGAIN);
+    std::vector<uint32_t> open;
+    for (const auto& [tag, answer] : m_answers) {
+        if (!answer) {
+            open.push_back(tag);
+        }
+    }
+    AskForPins(m_link, open, m_id);
+}
+
+TimePoint Question::NextTime() const {
+    return std::min(m_ask, m_end);
+}
+
+bool Question::IsOver() const {
+    return m_open == 0 || Now() >= m_end;
+}
+
+bool Question::IsAnswer(const CMessage& message) const {
+    const CMsg2::Node* refers = FindItem(message, TAG_REFERS_TO, CMsg2::ITEM_DWORD);
+    return message.GetId() == ID_REPORT && refers != nullptr && refers->m_Value.m_nDword == m_id;
+}
+
+bool Question::Take(const CMessage& message) {
+    if (!IsAnswer(message)) {
+        return false;
+    }
+    const size_t before = m_open;
+    for (unsigned int i = 0; i < message.GetItemCount(); ++i) {
+        const CMsg2::Node& item = *message.GetItem(i);
+        const auto answer = m_answers.find(item.m_nTag);
+        const PinValue value = PinValueOf(Kind::Reply, item);
+        if (value.level && answer != m_answers.end() && !answer->second) {
+            answer->second =
+                Answer{*value.level, static_cast<uint32_t>(message.GetHost()), TimeOfDay()};
+            --m_open;
+        }
+    }
+    return m_open < before;
+}
+
+std::optional<Question::Answer> Question::AnswerOf(uint32_t tag) const {
+    const auto answer = m_answers.find(tag);
+    return answer == m_answers.end() ? std::nullopt : answer->second;
+}
+
+std::string Question::Missing() const {
+    std::vector<std::string> names;
+    for (const PinRef& pin : m_pins) {
+        const std::vector<uint32_t> tags = pin.Tags();
+        std::vector<std::string> missing;
+        for (const uint32_t tag : tags) {
+            if (!AnswerOf(tag)) {
+                missing.push_back(PinText(tag));
+            }
+        }
+        if (!pin.circuit && missing.size() == tags.size()) {
+            missing = {AddressText(pin.address)};
+        }
+        names.insert(names.end(), missing.begin(), missing.end());
+    }
+    std::string text;
+    for (const std::string& name : names) {
+        text += (text.empty() ? "" : ", ") + name;
+    }
+    return text;
+}
