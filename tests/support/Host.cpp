@@ -112,6 +112,11 @@ bool Host::Connect(const Host& a, const char* address_a, const Host& b, const ch
     // Two ends of one name can't be made in one place, so the other end is renamed where it goes.
     const std::string create =
         "ip link add eth0 type veth peer name far0 && ip link set far0 netns " + other_end;
+    // A cable carries nothing until the system has noticed both ends, which a busy one does late.
+    const char* const await_carrier =
+        "for n in $(seq 100); do ip -o link show eth0 | grep -q 'state UP' && exit 0; "
+        "sleep 0.05; done; exit 1";
     return a.Run((create + " && " + configure(address_a)).c_str()) == 0 &&
-           b.Run(("ip link set far0 name eth0 && " + configure(address_b)).c_str()) == 0;
+           b.Run(("ip link set far0 name eth0 && " + configure(address_b)).c_str()) == 0 &&
+           a.Run(await_carrier) == 0 && b.Run(await_carrier) == 0;
 }
