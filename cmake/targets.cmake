@@ -8,6 +8,10 @@ target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
 # No object is asked for its type, and classes are shared by all programs: none has type information.
 target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -fno-rtti)
 target_compile_definitions(orvex_options INTERFACE ORVEX_VERSION="${PROJECT_VERSION}")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # 32 bits of time end in January 2038.
+  target_compile_definitions(orvex_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
 if(ORVEX_WERROR)
   target_compile_options(orvex_options INTERFACE -Werror)
 endif()

@@ -61,8 +61,10 @@ void Site::StartRemote() {
 }
 
 void Site::StartDaemon(const std::vector<std::string>& options,
-                       const std::vector<std::string>& environment) {
-    std::vector<std::string> command = DaemonCommand();
+                       const std::vector<std::string>& environment,
+                       std::vector<std::string> command) {
+    const std::vector<std::string> program = DaemonCommand();
+    command.insert(command.end(), program.begin(), program.end());
     command.insert(command.end(), options.begin(), options.end());
     const Host::Scope on(device);
     daemon = std::make_unique<Process>(command, environment);

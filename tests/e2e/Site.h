@@ -39,8 +39,10 @@ protected:
     void StartControl();
     void StartRemote();
 
+    // command: words before the program's, of a command that runs it.
     void StartDaemon(const std::vector<std::string>& options = {"-debug"},
-                     const std::vector<std::string>& environment = {});
+                     const std::vector<std::string>& environment = {},
+                     std::vector<std::string> command = {});
 
     // The environment that makes time run the given number of times faster for the daemon. False:
     // there is no library for that in this width.

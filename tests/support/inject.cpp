@@ -1,14 +1,18 @@
 // Preloaded into a program under test, makes one of its calls fail: the file /run/fault says which,
 // "NAME N ERRNO" for the Nth call of NAME from then on. The file is removed when that call fails.
+// The file /run/clock says how many seconds its clock is ahead.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 namespace {
@@ -55,28 +59,41 @@ bool IsDue(const char* call) {
 // The label gives the function its name for the linker; the compiler would insist on the exact
 // declaration of the system's header.
 // NOLINTBEGIN(bugprone-macro-parentheses): parameters are not an expression
-#define INTERPOSE(result, name, parameters, arguments, failure)                                   \
-    extern "C" result faulty_##name parameters __asm__(#name);                                    \
-    extern "C" result faulty_##name parameters {                                                  \
-        if (IsDue(#name)) {                                                                       \
-            return failure;                                                                       \
-        }                                                                                         \
-        static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
-        return next arguments;                                                                    \
+#define INTERPOSE_AS(symbol, result, name, parameters, arguments, failure)                         \
+    extern "C" result faulty_##name parameters __asm__(symbol);                                    \
+    extern "C" result faulty_##name parameters {                                                   \
+        if (IsDue(#name)) {                                                                        \
+            return failure;                                                                        \
+        }                                                                                          \
+        static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, symbol)); \
+        return next arguments;                                                                     \
     }
+#define INTERPOSE(result, name, parameters, arguments, failure) \
+    INTERPOSE_AS(#name, result, name, parameters, arguments, failure)
+
+// Where 64 bits of time or of file sizes are not the C library's own, such calls have other names.
+#if defined(_TIME_BITS) && __WORDSIZE == 32
+#define WIDE(name, wide_name) wide_name
+#else
+#define WIDE(name, wide_name) name
+#endif
 // NOLINTEND(bugprone-macro-parentheses)
 
 INTERPOSE(int, daemon, (int a, int b), (a, b), -1)
-INTERPOSE(void*, fopen, (const char* a, const char* b), (a, b), nullptr)
+INTERPOSE_AS(WIDE("fopen", "fopen64"), void*, fopen, (const char* a, const char* b), (a, b),
+             nullptr)
 INTERPOSE(void*, malloc, (size_t a), (a), nullptr)
-INTERPOSE(int, ioctl, (int a, unsigned long b, void* c), (a, b, c), -1)
-INTERPOSE(int, select, (int a, void* b, void* c, void* d, void* e), (a, b, c, d, e), -1)
+INTERPOSE_AS(WIDE("ioctl", "__ioctl_time64"), int, ioctl, (int a, unsigned long b, void* c),
+             (a, b, c), -1)
+INTERPOSE_AS(WIDE("select", "__select64"), int, select, (int a, void* b, void* c, void* d, void* e),
+             (a, b, c, d, e), -1)
 INTERPOSE(int, socket, (int a, int b, int c), (a, b, c), -1)
 INTERPOSE(int, bind, (int a, const void* b, unsigned int c), (a, b, c), -1)
 INTERPOSE(int, connect, (int a, const void* b, unsigned int c), (a, b, c), -1)
-INTERPOSE(int, getsockopt, (int a, int b, int c, void* d, unsigned int* e), (a, b, c, d, e), -1)
-INTERPOSE(int, setsockopt, (int a, int b, int c, const void* d, unsigned int e), (a, b, c, d, e),
-          -1)
+INTERPOSE_AS(WIDE("getsockopt", "__getsockopt64"), int, getsockopt,
+             (int a, int b, int c, void* d, unsigned int* e), (a, b, c, d, e), -1)
+INTERPOSE_AS(WIDE("setsockopt", "__setsockopt64"), int, setsockopt,
+             (int a, int b, int c, const void* d, unsigned int e), (a, b, c, d, e), -1)
 INTERPOSE(ssize_t, send, (int a, const void* b, size_t c, int d), (a, b, c, d), -1)
 INTERPOSE(ssize_t, sendto, (int a, const void* b, size_t c, int d, const void* e, unsigned int f),
           (a, b, c, d, e, f), -1)
@@ -91,4 +108,25 @@ void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
 
 void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return IsDue("malloc") ? nullptr : operator new[](size);
+}
+
+// A time that does not fit is not told, as by the system.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" int gettimeofday(timeval* told, void* /*zone*/) noexcept {
+    char ahead[32] = {};
+    const int fd = open("/run/clock", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ahead[0] = read(fd, ahead, sizeof ahead - 1) > 0 ? ahead[0] : '\0';
+        close(fd);
+    }
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const long long seconds = now.tv_sec + atoll(ahead);
+    if (static_cast<time_t>(seconds) != seconds) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    told->tv_sec = static_cast<time_t>(seconds);
+    told->tv_usec = static_cast<suseconds_t>(now.tv_nsec / 1000);
+    return 0;
 }

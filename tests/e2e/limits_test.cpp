@@ -1,0 +1,158 @@
+// Peers that swallow, vanish, forget or are slow to read, with the settings that help against it,
+// and what surrounds the daemon: its standard streams and the year 2038.
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+
+#include "tests/e2e/Wired.h"
+
+namespace {
+
+class Limits : public Wired {
+protected:
+    // Until the text is told on standard error; how long that took.
+    double SecondsUntilErr(const std::string& text) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_TRUE(Await([&] { return daemon->Err().find(text) != std::string::npos; }, 60000));
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    }
+};
+
+TEST_F(Limits, AServerThatSwallowsStopsTheOthersForTwoSeconds) {
+    StartPeers();
+    device.Run("ip neigh add 10.77.0.9 lladdr 02:00:00:00:00:09 dev eth0");  // nobody's
+    StartDaemon({"-debug"}, {"ORVEX_CONNECT_TIMEOUT=1.999", "ORVEX_PEER_TIMEOUT=2s"});
+    AwaitRunning();
+    EXPECT_EQ(daemon->Err(), "orvex: ORVEX_PEER_TIMEOUT=2s ignored: not 0 to 86400 seconds\n");
+    tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.9/1");
+    const double seconds = SecondsUntilErr("tqrcli: connect(10.77.0.9:93) failed err=110\n");
+    EXPECT_GT(seconds, 1.5);
+    EXPECT_LT(seconds, 4);
+    EXPECT_TRUE(Works());
+}
+
+// Nothing is under way to the remote server, so keep-alive notices.
+TEST_F(Limits, ACutCableIsNoticedWhileNothingIsSent) {
+    StartPeers();
+    StartDaemon({"-debug"}, {"ORVEX_PEER_TIMEOUT=6"});
+    AwaitRunning();
+    ASSERT_EQ(studio.Run("ip link set eth0 down"), 0);
+    EXPECT_LT(SecondsUntilErr("tqrcli: recv() failed err="), 7);
+    EXPECT_EQ(daemon->Err().find("TQRD"), std::string::npos);
+}
+
+// Here a line is, and keep-alive keeps quiet.
+TEST_F(Limits, ACutCableIsNoticedWhileALineIsUnderWay) {
+    {
+        const Host::Scope on(studio);
+        tqrd.server.Listen(STUDIO_ADDRESS, 93);
+    }
+    {
+        const Host::Scope on(device);
+        remote.server.Listen("127.0.0.1", 93);
+    }
+    tqrd.server.Apply("CFG GPO 1 SRCA=127.0.0.1/1");
+    StartDaemon({"-debug", "-r", STUDIO_ADDRESS}, {"ORVEX_PEER_TIMEOUT=6"});
+    ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1"));
+    Linger(200);
+    ASSERT_EQ(studio.Run("ip link set eth0 down"), 0);
+    remote.server.SendRaw("GPI 1 LHLHL\n");
+    EXPECT_LT(SecondsUntilErr("tqrcli: recv() failed err=110\nConnection to TQRD lost\n"), 7);
+}
+
+// The control server reads nothing for twice the limit: its window is closed, with lines before it.
+TEST_F(Limits, ASlowReaderIsNotCut) {
+    const int LINES = 400;
+    int listener = -1;
+    {
+        const Host::Scope on(studio);
+        listener = socket(AF_INET, SOCK_STREAM, 0);
+        const int small = 2048;
+        setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(93);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(listen(listener, 1), 0);
+    }
+    {
+        const Host::Scope on(device);
+        remote.server.Listen("127.0.0.1", 93);
+    }
+    StartDaemon({"-debug", "-r", STUDIO_ADDRESS},
+                {"ORVEX_CONNECT_TIMEOUT=1", "ORVEX_PEER_TIMEOUT=6"});
+    const int slow = accept(listener, nullptr, nullptr);
+    ASSERT_GE(slow, 0);
+    const std::string config = "CFG GPO 1 SRCA=127.0.0.1/1\n";
+    ASSERT_EQ(send(slow, config.data(), config.size(), 0), static_cast<ssize_t>(config.size()));
+    ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1"));
+    for (int i = 0; i < LINES; ++i) {
+        remote.server.SendRaw("GPI 1 LHLHL\n");
+    }
+    Linger(12000);
+    EXPECT_EQ(daemon->Err(), "");
+    std::string read;
+    EXPECT_TRUE(Await([&] {
+        char buf[4096];
+        const ssize_t got = recv(slow, buf, sizeof buf, MSG_DONTWAIT);
+        read.append(buf, got > 0 ? static_cast<size_t>(got) : 0);
+        return read.size() >= 12 + 12 + 12 * LINES;
+    })) << read.size();
+    EXPECT_EQ(daemon->Err(), "");
+    close(slow);
+    close(listener);
+}
+
+TEST_F(Limits, SubscribesAgainForAServerThatForgets) {
+    StartPeers();
+    StartDaemon({"-debug"}, {"ORVEX_RESUBSCRIBE=yes"});
+    AwaitRunning();
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost\n"));
+    StartControl();
+    ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 3"));
+    EXPECT_EQ(tqrd.heard, (std::vector<std::string>{"SET", "CFG GPO", "ADD GPI 3"}));
+    EXPECT_TRUE(Works());
+}
+
+TEST_F(Limits, ClosedStreamsDoNotReachTheControlServer) {
+    StartPeers();
+    StartDaemon({"-debug"}, {}, {"sh", "-c", R"(exec "$@" <&- >&- 2>&-)", "sh"});
+    AwaitRunning();
+    tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:99/1");  // refused, and told
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 4 HHHHH"));
+    EXPECT_TRUE(Works());
+    for (const std::string& line : tqrd.heard) {
+        EXPECT_EQ(line.rfind("GPO ", 0), 0U) << line;
+    }
+}
+
+// In January 2038 the seconds since 1970 no longer fit 32 bits.
+TEST_F(Limits, TheClockPasses2038) {
+    const long long LAST_OF_32_BITS = 0x7FFFFFFF;
+    const auto set_clock = [](long long now) {
+        std::ofstream("/run/clock.new") << now - time(nullptr);
+        rename("/run/clock.new", "/run/clock");
+    };
+    set_clock(LAST_OF_32_BITS - 20);
+    StartPeers();
+    StartDaemon({"-debug"}, {std::string("LD_PRELOAD=") + ORVEX_INJECT,
+                             "ASAN_OPTIONS=verify_asan_link_order=0"});
+    AwaitRunning();
+    EXPECT_TRUE(Works());
+    remote.server.DropAll();
+    ASSERT_TRUE(AwaitErr("tqrcli: recv() failed err="));
+    set_clock(LAST_OF_32_BITS + 60);
+    EXPECT_TRUE(Await([&] {
+        SendWrite();
+        return remote.connections == 2;
+    })) << "the sweep is due";
+    EXPECT_TRUE(AwaitHeard(remote, "ADD GPI 1", 2));
+    EXPECT_TRUE(Works());
+}
+
+}  // namespace
