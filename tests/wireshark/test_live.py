@@ -163,8 +163,8 @@ if __name__ == "__main__":
             if subprocess.run([*INSIDE, "true"], check=False, capture_output=True).returncode == 0:
                 os.execvp("unshare", [*INSIDE, sys.executable, "-B", os.path.abspath(__file__),
                                       "--inside", *map(os.path.abspath, sys.argv[1:])])
-        print("Skipped: needs namespaces, and neither as root nor in a user namespace can they "
-              "be had")
+        print("Skipped: needs network namespaces, and neither as root nor in a user namespace can "
+              "one be had")
         sys.exit(SKIPPED)
     PROGRAMS = sys.argv[2:]
     unittest.main(argv=sys.argv[:1])
