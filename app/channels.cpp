@@ -4,15 +4,16 @@
 
 #include "app/orvex.h"
 #include "tqr/dotted_quad.h"
+#include "tqr/line.h"
 #include "tqr/tqr_util.h"
 
 Channel channels[CHANNEL_COUNT];
 
 namespace {
 
-void send_channel_line(const char* format, int channel_number) {
+void send_channel_line(const char* words, int channel_number, const char* end) {
     char line[32];
-    snprintf(line, sizeof line, format, channel_number);
+    write_line(line, words, channel_number, end);
     local.send(line);
 }
 
@@ -25,14 +26,14 @@ void reconfigure(int index, const ChannelConfig& config) {
     if (channel.proto == KIND_REMOTE) {
         gpiocli.close(entry);
     } else if (channel.proto == KIND_BUS) {
-        send_channel_line("DEL GPI %d\n", number);
+        send_channel_line("DEL GPI ", number, "\n");
     }
-    send_channel_line("GPO %d HHHHH\n", number);
+    send_channel_line("GPO ", number, " HHHHH\n");
     copy_state(channel.gpo_state, "HHHHH");
     if (config.proto == KIND_REMOTE) {
         gpiocli.open(entry, config.ip, config.port, static_cast<unsigned char>(config.gpi));
     } else if (config.proto == KIND_BUS) {
-        send_channel_line("ADD GPI %d\n", number);
+        send_channel_line("ADD GPI ", number, "\n");
     }
     static_cast<ChannelConfig&>(channel) = config;
 }

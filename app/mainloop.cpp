@@ -12,6 +12,7 @@
 #include "app/orvex.h"
 #include "msg/cmsgdump.h"
 #include "tqr/dotted_quad.h"
+#include "tqr/line.h"
 
 namespace {
 
@@ -214,7 +215,7 @@ void CMainLoop::forward_remote(int entry) {
     while (const char* state = gpiocli.receive(entry, &mask)) {
         for (int k = 0; mask != 0; ++k, mask >>= 1) {
             if ((mask & 1) != 0) {
-                snprintf(m_msg, sizeof m_msg, "GPO %d %s\n", k + 1, state);
+                write_line(m_msg, "GPO ", k + 1, " ", state, "\n");
                 local.send(m_msg);
             }
         }

@@ -8,6 +8,7 @@
 #include "app/orvex.h"
 #include "msg/cmsgdump.h"
 #include "tqr/dotted_quad.h"
+#include "tqr/line.h"
 #include "tqr/tqr_util.h"
 
 namespace {
@@ -49,9 +50,9 @@ void write_pin(int channel_number, int pin, unsigned char value) {
     const int duration = (value & COUNT_MASK) * ((value & STEP_10_MS) != 0 ? 10 : 250);
     char line[40];
     if (duration == 0) {
-        snprintf(line, sizeof line, "GPO %d %s\n", channel_number, state);
+        write_line(line, "GPO ", channel_number, " ", state, "\n");
     } else {
-        snprintf(line, sizeof line, "GPO %d %s DURATION:%d\n", channel_number, state, duration);
+        write_line(line, "GPO ", channel_number, " ", state, " DURATION:", duration, "\n");
     }
     local.send(line);
     if (dbg != 0) {

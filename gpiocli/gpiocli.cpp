@@ -6,6 +6,7 @@
 #include <new>
 
 #include "tqr/dotted_quad.h"
+#include "tqr/line.h"
 #include "tqr/tqr_util.h"
 #include "tqr/tqrcli.h"
 
@@ -24,7 +25,7 @@ int connect_client(CTQRClient* client, uint32_t ip, uint16_t port) {
 
 void subscribe(CTQRClient& client, uint8_t gpi) {
     char line[16];
-    snprintf(line, sizeof line, "ADD GPI %d\n", gpi + 1);
+    write_line(line, "ADD GPI ", gpi + 1, "\n");
     client.send(line);
 }
 

@@ -3,11 +3,13 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "tqr/dotted_quad.h"
+#include "tqr/line.h"
 
 namespace {
 
@@ -179,6 +181,19 @@ TEST(TqrUtil, MergesChangedFields) {
         EXPECT_STREQ(out.c_str(), row.result);
         EXPECT_EQ(end, out.data() + strlen(row.result));
     }
+}
+
+// Whatever room the numbers leave, what is written is the beginning of the whole.
+TEST(Line, IsCutToItsBuffer) {
+    char room[40], line[16], tight[1];
+    write_line(room, "GPO ", INT_MIN, " ", "LHHHH", " ", 0, "\n");
+    EXPECT_STREQ(room, "GPO -2147483648 LHHHH 0\n");
+    write_line(line, "GPO ", INT_MIN, "\n");
+    EXPECT_STREQ(line, "GPO -2147483648");
+    write_line(line, "GPO 123456 ", 78901, 2, "\n");
+    EXPECT_STREQ(line, "GPO 123456 7890");
+    write_line(tight, "GPO");
+    EXPECT_STREQ(tight, "");
 }
 
 }  // namespace
