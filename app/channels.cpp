@@ -52,7 +52,7 @@ void copy_state(char (&state)[PIN_COUNT], const char* text) {
 void subscribe_inputs() {
     for (int i = 0; i < CHANNEL_COUNT; ++i) {
         if (channels[i].proto == KIND_BUS) {
-            send_channel_line("ADD GPI %d\n", i + 1);
+            send_channel_line("ADD GPI ", i + 1, "\n");
         }
     }
 }
