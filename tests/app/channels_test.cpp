@@ -111,6 +111,20 @@ TEST_F(ChannelTable, FollowsOutputsOfBusChannels1To8) {
     }
 }
 
+// The identifier of a request is looked up before all else, which decides whose value is written
+// when a tag is repeated.
+TEST_F(ChannelTable, WritesTheValueBehindTheIdentifier) {
+    channels[0].proto = KIND_BUS;
+    channels[0].ach = 0x102;
+    CMessage request(MSG_SIZE, MSG_GROW_BY);
+    const unsigned char bytes[] =
+        "WRNI\x00\x03\x00\x01\x02\x08\x07\x00\xFF\xFF\xFF\xFF\x01\x00\x00\x00\x05"
+        "\x00\x01\x02\x08\x07\x40";
+    ASSERT_EQ(request.SetData(reinterpret_cast<const char*>(bytes), sizeof bytes - 1), 27);
+    cmsgprocess(request);
+    EXPECT_EQ(Told(), "GPO 1 Lxxxx\nGPO 1 Lxxxx\n");
+}
+
 TEST(Settings, FollowTheInterfaceAddress) {
     const struct {
         const char* text;

@@ -9,6 +9,7 @@
 namespace {
 
 long allocations = 0;
+bool memory_is_short = false;
 
 }  // namespace
 
@@ -18,7 +19,7 @@ void* operator new(size_t size) {
 }
 
 void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return operator new(size);
+    return memory_is_short ? nullptr : operator new(size);
 }
 
 void operator delete(void* block) noexcept {
@@ -103,6 +104,24 @@ TEST_F(MainLoop, SweepsAfterMoreThan27000Milliseconds) {
     Clock::Advance(0, 1000);
     Turn();
     EXPECT_TRUE(remote.HasConnection());
+}
+
+TEST_F(MainLoop, SweepsWhatWasOpenedWithoutMemory) {
+    testing::internal::CaptureStderr();
+    memory_is_short = true;
+    Follow(4, 1);
+    Follow(8, 2);
+    memory_is_short = false;
+    Follow(12, 3);
+    ASSERT_TRUE(remote.Accept());
+    EXPECT_EQ(remote.Receive(10), "ADD GPI 3\n");
+    Clock::Advance(28, 0);
+    Turn();
+    EXPECT_EQ(remote.Receive(20), "ADD GPI 1\nADD GPI 2\n");
+    EXPECT_FALSE(remote.HasConnection()) << "they join it";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "CGPIOClient Failed to connect to " + Remote(0) +
+                  "\nCGPIOClient Failed to connect to " + Remote(1) + "\n");
 }
 
 TEST_F(MainLoop, AllocatesNothingForALine) {

@@ -228,6 +228,9 @@ TEST_F(Faults, OfTheMemory) {
             tqrd.heard.clear();
             SendWrite();
             ASSERT_TRUE(AwaitHeard(tqrd, "GPO 3 Lxxxx"));
+            for (const std::string& report : peer->Reports()) {
+                EXPECT_GT(report.size(), 22U) << "without an item";
+            }
             failed = !IsArmed();
             fired += failed ? 1 : 0;
             unlink(FAULT_FILE);

@@ -79,6 +79,7 @@ TEST(Container, ReadsNothingButItsOwnType) {
               0u)
         << "no item";
     EXPECT_EQ(msg.GetString(2), nullptr);
+    EXPECT_TRUE(msg.SetWordArray(1, 0, nullptr) && msg.GetWordArray(1) != nullptr);
 }
 
 TEST(Container, RefusesWhatDoesNotFit) {
@@ -134,6 +135,36 @@ TEST(Container, SearchesFromTheCursor) {
     EXPECT_EQ(dump(msg), "[ 00000001=01,00000002=02,00000003=04,00000002=05]");
     CMsg2 copy(msg);  // the last value in the first place
     EXPECT_EQ(dump(copy), "[ 00000001=01,00000002=05,00000003=04]");
+}
+
+// What is merged, and where the cursor is left, does not depend on what else the message holds.
+TEST(Container, MergesRepeatedTagsAlike) {
+    const std::string repeated = Hex("00000000 0003 00000001 07 01 00000002 07 02 00000001 07 03");
+    CMsg2 sub(1, 1), plain(0, 16), nested(0, 16), same(0, 16), outer(1, 1);
+    sub.SetByte(7, 7);
+    decode(same, repeated);
+    for (CMsg2* msg : {&plain, &nested}) {
+        decode(*msg, repeated);
+        msg->SetMsg(9, &sub);
+    }
+    plain.SetByte(9, 0);
+    plain += same;
+    nested += same;
+    nested.SetByte(9, 0);
+    EXPECT_EQ(dump(nested), dump(plain));
+    EXPECT_EQ(dump(plain), "[ 00000001=01,00000002=02,00000001=03,00000009=00]");
+
+    decode(outer, Hex("00000000 0002 00000001 07 09 00000006 06 0018") + repeated);
+    outer += *outer.GetMsg(6);
+    EXPECT_EQ(dump(outer),
+              "[ 00000001=03,00000006=DGRM [ 00000001=01,00000002=02,00000001=03],"
+              "00000002=02]");
+
+    decode(plain, repeated);
+    EXPECT_EQ(plain.GetByte(2), 2);
+    plain = CMsg2(16, 16);
+    decode(plain, repeated);
+    EXPECT_EQ(plain.GetByte(1), 3) << "an assignment leaves the cursor";
 }
 
 TEST(Container, MergesAndCopies) {

@@ -7,6 +7,7 @@
 #include <new>
 #include <string>
 
+#include "msg/Message.h"
 #include "tests/msg/bytes.h"
 
 namespace {
@@ -120,6 +121,12 @@ void use_every_allocation() {
     const std::string whole = dump(msg), data = encode(msg);
     const CMsg2 copy(msg);
     EXPECT_TRUE(dump(copy) == whole || dump(copy) == "[ ]") << dump(copy);
+    CMessage from(0, 0), to(0, 0);
+    from.SetRoutingInfo1(1, 2, 3, 4);
+    const bool copied = from.Copy(&msg);
+    to.Copy(from);
+    EXPECT_TRUE(to.GetHost() == 0 ? dump(to) == "[ ]" : dump(to) == dump(from));
+    EXPECT_EQ(dump(from), copied ? whole : "[ ]");
     other += msg;
     const bool decoded = decode(other, data) == data.size();
     EXPECT_EQ(dump(other), decoded ? whole : "[ ]");

@@ -29,6 +29,8 @@ TEST(Packet, Layout) {
     packet.SetMsgTID(0x81020304);
     packet.SetRoutingInfo2(0x9234, 0xABCD, 0x91A2B3C4);
     packet.GetDataPtr()[0] = 0x55;
+    packet.SetDataCount(0xFFFFFFFF);
+    EXPECT_EQ(packet.GetPacketByteCount(), 15U) << "32 bits";
     packet.SetDataCount(1);
     packet.SetHost(9);
     EXPECT_EQ(bytes_of(packet), std::string("\x03M\x02\x07"     // layer, type, versions
