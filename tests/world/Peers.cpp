@@ -1,0 +1,480 @@
+#include "tests/world/Peers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include "fuzz/BusModel.h"
+
+Server::Server(World& world, Endpoint at) : m_World(world), m_Random(world.random) {
+    world.servers[at] = this;
+}
+
+void Server::Accept(const std::shared_ptr<Stream>& stream) {
+    m_Stream = stream;
+    m_Heard.clear();
+    Connected();
+}
+
+void Server::Hear(const std::string& bytes) {
+    m_Heard += bytes;
+    for (size_t end; (end = m_Heard.find('\n')) != std::string::npos;) {
+        const std::string line = m_Heard.substr(0, end);
+        m_Heard.erase(0, end + 1);
+        Told(line);
+    }
+}
+
+// A stream arrives in pieces of any size, in order.
+void Server::Write(Line line) {
+    const char* const ENDS[] = {"\n", "\n", "\n", "\n", "\r\n", "\r", "\n\n\r"};
+    const std::shared_ptr<Stream> stream = m_Stream;
+    if (!IsConnected()) {
+        return;
+    }
+    std::string bytes = line.text;
+    bytes += m_Random.Of(ENDS);
+    if (!line.text.empty()) {
+        stream->lines.push_back(std::move(line));
+    }
+    while (!bytes.empty()) {
+        const uint32_t all = static_cast<uint32_t>(bytes.size());
+        const uint32_t size = m_Random.OneIn(8) ? 1 + m_Random.Below(all) : all;
+        Micros delay = 50 + m_Random.Time(2 * MS);
+        if (m_Random.OneIn(40)) {
+            delay += m_Random.Time(800 * MS);
+        }
+        stream->last = std::max(stream->last, m_World.Now() + delay);
+        m_World.After(stream->last - m_World.Now(), [stream, piece = bytes.substr(0, size)] {
+            if (!stream->is_closed && stream->end < 0) {
+                stream->arrived += piece;
+            }
+        });
+        bytes.erase(0, size);
+    }
+}
+
+std::string Server::Spell(int number) {
+    const char* const FORMATS[] = {"%d", "%d", "%d", "%d", "%d", "%d", "0x%X", "0%o"};
+    char text[16];
+    snprintf(text, sizeof text, m_Random.Of(FORMATS), static_cast<unsigned int>(number));
+    return text;
+}
+
+std::string Server::AnyState() {
+    const char* const ODD[] = {"",      "L",      "LH",      "HLxHH",         "hLlHH",
+                               "xLLLL", "LLLLLL", "HLHLH X", "L DURATION:50", "HHHH\"",
+                               " LLLL"};
+    if (m_Random.OneIn(12)) {
+        return m_Random.Of(ODD);
+    }
+    std::string state = "HHHHH";
+    for (char& pin : state) {
+        pin = m_Random.OneIn(2) ? 'L' : 'H';
+    }
+    return state;
+}
+
+void Server::WriteState(Line::Kind kind, int number, const std::string& state) {
+    Line line;
+    line.kind = kind;
+    line.text = (kind == Line::GPI ? "GPI " : "GPO ") + Spell(number) + " " + state;
+    line.number = number;
+    line.state = state;
+    Write(line);
+}
+
+void Server::WriteNonsense() {
+    const char* const LINES[] = {"",
+                                 "GPI",
+                                 "GPI 33 LLLLL",
+                                 "GPI 0 LLLLL",
+                                 "GPI 5",
+                                 "GPI 5,LLLLL",
+                                 "GPI -1 LLLLL",
+                                 "CFG GPI 3 SRCA=1:2",
+                                 "CFG GPO",
+                                 "CFG GPO 33 SRCA=1:2",
+                                 "CFG GPO 0 SRCA=1:2",
+                                 "CFG GPO 3 NAME=x",
+                                 "gpi 1 LLLLL",
+                                 "GPO 33 LLLLL",
+                                 "CFG GPO 3 XSRCA=1:2",
+                                 "CFG GPO 3 srca=1:2",
+                                 "SET",
+                                 "SET HOST=x",
+                                 "SET A=\"NIC_IPADDR=9.9.9.9\"",
+                                 "GPI 4294967297 L",
+                                 "XYZ",
+                                 "GPO x LLLLL",
+                                 "CFG GPO 3 A=\"SRCA=1:2\"",
+                                 "SETNIC_IPADDR=9.9.9.9"};
+    Line line;
+    line.text = m_Random.Of(LINES);
+    if (m_Random.OneIn(200)) {
+        line.text = std::string(1900 + m_Random.Below(200), 'a');  // up to the limit, or beyond
+    } else if (m_Random.OneIn(400)) {
+        line.text = std::string("GPI\0 1 L", 8);
+    }
+    Write(line);
+}
+
+void Server::Break(int error) {
+    const std::shared_ptr<Stream> stream = std::move(m_Stream);
+    m_Stream = nullptr;
+    if (stream == nullptr || stream->is_closed) {
+        return;
+    }
+    if (error != 0 && m_Random.OneIn(2)) {
+        stream->arrived.clear();
+    }
+    const Micros delay = error != 0 ? 0 : std::max<Micros>(stream->last - m_World.Now(), 100);
+    m_World.After(delay, [stream, error] { stream->end = error; });
+}
+
+// Without a word: keep-alive finds that out after two hours.
+void Server::Vanish() {
+    const std::shared_ptr<Stream> stream = std::move(m_Stream);
+    m_Stream = nullptr;
+    m_World.After(7875 * SECOND, [stream] {
+        if (stream != nullptr && stream->end < 0) {
+            stream->end = ETIMEDOUT;
+        }
+    });
+}
+
+void Server::GoDown() {
+    const int ERRORS[] = {0, 0, ECONNRESET};
+    const Answer ANSWERS[] = {ACCEPTS, ACCEPTS, LATE, REFUSES, REFUSES, SILENT, UNREACHABLE};
+    Break(m_Random.Of(ERRORS));
+    answer = m_Random.Of(ANSWERS);
+    const Micros time =
+        m_Random.OneIn(6) ? m_Random.Time(600 * SECOND) : m_Random.Time(20 * SECOND);
+    m_World.After(time, [this] { answer = ACCEPTS; });
+    m_World.faults += 1;
+}
+
+// ---- a remote server
+
+void RemoteServer::Told(const std::string& line) {
+    if (line.rfind("ADD GPI ", 0) == 0) {
+        WriteState(Line::GPI, atoi(line.c_str() + 8), AnyState());
+    }
+}
+
+void RemoteServer::Act() {
+    const int INPUTS[] = {1, 2, 3, 4, 256};
+    switch (m_Random.Below(200)) {
+        case 0:
+            m_World.Event("remote server down");
+            GoDown();
+            break;
+        case 1:
+            m_World.Event("remote server vanishes");
+            Vanish();
+            break;
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+            m_World.Event("remote nonsense");
+            WriteNonsense();
+            break;
+        default: {
+            m_World.Event("remote input");
+            const int input = m_Random.Of(INPUTS);
+            WriteState(Line::GPI, input, AnyState());
+            break;
+        }
+    }
+}
+
+// ---- the control server
+
+Tqrd::Tqrd(World& world) : Server(world, {LOOPBACK, 93}) {
+    for (int n = 1; n <= CHANNELS; ++n) {
+        m_Channels[n].source = AnySource();
+    }
+}
+
+Source Tqrd::AnySource() {
+    const uint32_t ADDRESSES[] = {1, 2, 0x102, 0x1234, 300, 0xFFFFFF};
+    const Endpoint SERVERS[] = {
+        {0x0A000009, 93}, {0x0A000009, 94}, {0x0A00000A, 93}, {0x0A00000B, 40000}};
+    const int INPUTS[] = {1, 1, 2, 3, 256};
+    Source source;
+    const uint32_t kind = m_Random.Below(8);
+    if (kind < 3) {
+        source.kind = Source::BUS;
+        source.address = m_Random.Of(ADDRESSES);
+    } else if (kind < 6) {
+        source.kind = Source::REMOTE;
+        source.server = m_Random.Of(SERVERS);
+        source.gpi = m_Random.Of(INPUTS);
+    } else if (kind == 6) {
+        source.server.ip = 0xFFFFFFFF;
+    }
+    return source;
+}
+
+std::string Tqrd::Spelled(const Source& source) {
+    const char* const NOTHING[] = {"none", "", "x", "-"};
+    const char* const UNREADABLE[] = {"x.y", "255.255.255.255", "10.0.0.256", "1.2.3.4.5:93/2"};
+    std::string text;
+    if (source.kind == Source::NONE) {
+        return source.server.ip == 0 ? m_Random.Of(NOTHING) : m_Random.Of(UNREADABLE);
+    }
+    if (source.kind == Source::BUS) {
+        text = Spell(static_cast<int>(source.address));
+        if (m_Random.OneIn(2)) {
+            text = Spell(static_cast<int>(source.address >> 8));
+            text += ":" + Spell(static_cast<int>(source.address & 255));
+        }
+    } else {
+        text = quad(source.server.ip);
+        const bool is_standard = source.server.port == 93;
+        const bool with_port = !is_standard || m_Random.OneIn(2);
+        const bool with_gpi = source.gpi != 1 || m_Random.OneIn(2);
+        text += with_port ? ":" + std::to_string(source.server.port) : "";
+        text += with_gpi ? "/" + std::to_string(source.gpi) : "";
+        if (is_standard && m_Random.OneIn(8)) {
+            text = quad(source.server.ip) + "/" + std::to_string(source.gpi) + ":94";
+        }
+    }
+    return (m_Random.OneIn(4) ? "tqs://" : "") + text;
+}
+
+Line Tqrd::Configuration(int number) {
+    const char* const BEFORE[] = {"", "", "NAME=\"a, b SRCA=9\" ", "GAIN:3,", "X=\\\",B=1 "};
+    const char* const BEHIND[] = {"", "", " SRCB=1.2.3.4", " SRCA=7:7", "  ,LAST"};
+    Line line;
+    line.kind = Line::CFG;
+    line.number = number;
+    line.source = m_Channels[number].source;
+    line.text = "CFG GPO " + Spell(number) + " ";
+    line.text += m_Random.Of(BEFORE);
+    line.text += m_Random.OneIn(4) ? "SRCA:" : "SRCA=";
+    const std::string source = Spelled(line.source);
+    line.text += m_Random.OneIn(4) ? "\"" + source + "\"" : source + m_Random.Of(BEHIND);
+    return line;
+}
+
+void Tqrd::TellInterface() {
+    const uint32_t address = m_Random.OneIn(20) ? m_Random.Of(DEVICE_ADDRESSES) : m_World.device_ip;
+    Line line;
+    line.kind = Line::SET;
+    line.address = address;
+    line.text = "SET HOST=device,NIC_IPADDR=" + quad(address) + " MASK=255.255.255.0";
+    if (m_Random.OneIn(10)) {
+        line.text = "SET NIC_IPADDR:\"" + quad(address) + "\"";
+    } else if (m_Random.OneIn(40)) {
+        line.text = "SET NIC_IPADDR=10.0.0";
+        line.address = 0;
+    }
+    Write(line);
+}
+
+void Tqrd::Told(const std::string& line) {
+    char words[16] = "";
+    int number = 0;
+    char state[8] = "";
+    if (line == "SET") {
+        TellInterface();
+    } else if (line == "CFG GPO") {
+        for (int n = 1; n <= CHANNELS; ++n) {
+            if (m_Channels[n].source.kind != Source::NONE || m_Random.OneIn(2)) {
+                Write(Configuration(n));
+            }
+        }
+    } else if (sscanf(line.c_str(), "%3s GPI %d", words, &number) == 2 && number >= 1 &&
+               number <= CHANNELS) {
+        Channel& channel = m_Channels[number];
+        channel.is_followed = words[0] == 'A';
+        if (channel.is_followed) {
+            WriteState(Line::GPI, number, channel.input);
+        }
+    } else if (sscanf(line.c_str(), "GPO %d %5s", &number, state) == 2 && number >= 1 &&
+               number <= CHANNELS) {
+        std::string& output = m_Channels[number].output;
+        for (size_t i = 0; i < 5 && state[i] != '\0'; ++i) {
+            output[i] = state[i] == 'x' ? output[i] : state[i];
+        }
+        if (m_Random.OneIn(2)) {
+            WriteState(Line::GPO, number, output);
+        }
+    }
+}
+
+void Tqrd::Restart() {
+    GoDown();
+    for (int n = 1; n <= CHANNELS; ++n) {
+        if (m_Random.OneIn(6)) {
+            m_Channels[n].source = AnySource();
+        }
+        m_Channels[n].is_followed = false;
+    }
+}
+
+uint32_t Tqrd::AnyAddress() {
+    for (int i = 0; i < 8; ++i) {
+        const Source& source = m_Channels[1 + m_Random.Below(CHANNELS)].source;
+        if (source.kind == Source::BUS) {
+            return source.address;
+        }
+    }
+    return m_Random.Below(0x1000000);
+}
+
+void Tqrd::Act() {
+    const int number = 1 + static_cast<int>(m_Random.Below(CHANNELS));
+    Channel& channel = m_Channels[number];
+    const uint32_t what = m_Random.Below(1000);
+    if (what < 3) {
+        m_World.Event("control server restarts");
+        Restart();
+    } else if (what < 10) {
+        m_World.Event("interface told");
+        TellInterface();
+    } else if (what < 60) {
+        m_World.Event("channel configured");
+        channel.source = AnySource();
+        for (uint32_t i = m_Random.OneIn(4) ? 2 : 1; i > 0; --i) {
+            Write(Configuration(number));
+        }
+    } else if (what < 100) {
+        m_World.Event("control nonsense");
+        WriteNonsense();
+    } else if (what < 400) {
+        m_World.Event("output told");
+        WriteState(Line::GPO, number, AnyState());
+    } else {
+        m_World.Event("input");
+        channel.input = AnyState();
+        WriteState(Line::GPI, number, channel.input);
+    }
+}
+
+// ---- the bus
+
+namespace {
+
+std::string big_endian(uint64_t number, int size) {
+    std::string bytes;
+    while (size-- > 0) {
+        bytes += static_cast<char>(number >> 8 * size & 255);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+// Nearly always a byte, as pins are.
+std::string Bus::Item(uint32_t tag) {
+    const std::string head = big_endian(tag, 4);
+    const uint32_t type = m_Random.OneIn(8) ? m_Random.Below(12) : 7;
+    const uint32_t count = m_Random.Below(4);
+    const std::string counted = big_endian(type, 1) + big_endian(count, 2);
+    switch (type) {
+        case 1:
+            return head + big_endian(0x0100000000 + m_Random.Below(1000), 5);
+        case 2:
+            return head + counted + (count == 0 ? "" : std::string(count - 1, 'a') + '\0');
+        case 3:
+            return head + counted + std::string(count, '\7');
+        case 4:
+            return head + counted + std::string(count * 2, '\7');
+        case 5:
+            return head + counted + std::string(count * 4, '\7');
+        case 6:
+            return head + std::string("\6\0\6INDI\0\0", 9);
+        case 8:
+            return head + std::string("\10\1\2", 3);
+        case 9:
+            return head + big_endian(9, 1) + big_endian(m_Random.Below(1000), 8);
+        case 0:
+        case 10:
+        case 11:
+            return head + counted;
+        default:
+            return head + "\7" + big_endian(m_Random.Below(256), 1);
+    }
+}
+
+std::string Bus::Message() {
+    const uint32_t IDS[] = {0x57524E49, 0x5752494E, 0x52454144, 0x52454144, 0x494E4449};
+    const uint32_t CIRCUITS[] = {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 8, 13, 3, 14, 0, 255};
+    const uint32_t id = m_Random.Of(IDS);
+    uint32_t left = m_Random.OneIn(30) ? 17 + m_Random.Below(40) : 1 + m_Random.Below(5);
+    std::set<uint32_t> tags;
+    std::string items;
+    if (m_Random.OneIn(2)) {
+        tags = {0xFFFFFFFF, 0xFFFFFFFC};
+        items = big_endian(0xFFFFFFFF, 4) + big_endian(0x0100000000 + m_Random.Below(99), 5);
+        items += big_endian(0xFFFFFFFC, 4) + big_endian(9, 1) + big_endian(m_Random.Below(99), 8);
+    }
+    for (; left > 0; --left) {
+        const uint32_t address = m_Tqrd.AnyAddress();
+        const uint32_t tag = address << 8 | m_Random.Of(CIRCUITS);
+        if (tags.insert(tag).second) {
+            items += Item(tag);
+        }
+    }
+    return big_endian(id, 4) + big_endian(tags.size(), 2) + items;
+}
+
+std::string Bus::Packet(Sender& sender) {
+    std::string packet = std::string("\3\0\2\7", 4) + big_endian(++sender.tid, 4);
+    packet += big_endian(m_Random.Below(100), 8);
+    packet += Message();
+    if (m_Random.OneIn(4)) {
+        packet[1] = m_Random.OneIn(8) ? 'X' : 'M';
+    }
+    if (m_Random.OneIn(20)) {
+        const char BYTES[] = {0, 1, 2, 4, 6, 8};
+        char& field = packet[m_Random.Below(4)];
+        field = m_Random.Of(BYTES);
+    }
+    if (m_Random.OneIn(20)) {
+        const std::string whole = packet;
+        const uint32_t at = m_Random.Below(static_cast<uint32_t>(packet.size()));
+        if (m_Random.OneIn(2)) {
+            packet.resize(at);
+        } else {
+            packet[at] = static_cast<char>(packet[at] ^ 1 << m_Random.Below(8));
+        }
+        // Which of two items with one tag is found is another matter.
+        packet = BusPacket(packet).HasTagTwice() ? whole : packet;
+    }
+    return packet;
+}
+
+void Bus::Act() {
+    // Those that a receiver with 17 lists keeps in one of them.
+    const uint32_t host = 0x0A000014 + 17 * m_Random.Below(3);
+    const Endpoint at = {host, static_cast<uint16_t>(1024 + 17 * m_Random.Below(3))};
+    const Endpoint to = {m_Random.OneIn(4) ? m_World.device_ip : GROUP, REQUEST_PORT};
+    Sender& sender = m_Senders[at];
+    if (sender.last.empty() || !m_Random.OneIn(6)) {
+        m_World.Event("packet");
+        sender.last = Packet(sender);
+    } else {
+        m_World.Event("packet repeated");
+    }
+    m_World.Send(at, to, sender.last);
+    if (m_Random.OneIn(6)) {
+        const Micros delay = m_Random.Time(15 * SECOND);
+        m_World.After(delay, [this, at, to, bytes = sender.last] { m_World.Send(at, to, bytes); });
+    }
+}
+
+// More senders at once than are remembered without more memory.
+void Bus::Crowd() {
+    m_World.Event("crowd of senders");
+    const uint32_t count = 20 + m_Random.Below(60);
+    for (uint32_t i = 0; i < count; ++i) {
+        Sender sender;
+        sender.tid = m_Random.Below(1000);
+        const Endpoint at = {0x0A000100 + i, static_cast<uint16_t>(2000 + i % 7)};
+        m_World.Send(at, {GROUP, REQUEST_PORT}, Packet(sender));
+    }
+}

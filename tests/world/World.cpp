@@ -1,0 +1,218 @@
+#include "tests/world/World.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "tests/world/Peers.h"
+#include "tests/world/Writer.h"
+
+namespace {
+
+World* the_world = nullptr;
+
+const char* const CALL_NAMES[] = {
+    "daemon",   "fopen",  "socket",   "setsockopt", "ioctl(SIOCGIFADDR)",     "bind", "connect",
+    "shutdown", "close",  "send",     "sendto",     "select without waiting", "recv", "recvfrom",
+    "usleep",   "select", "no memory"};
+
+std::string readable(const std::string& bytes) {
+    std::string text;
+    for (const char c : bytes.substr(0, 160)) {
+        char hex[8];
+        snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
+        text += c >= ' ' && c <= '~' ? std::string(1, c) : c == '\n' ? "\\n" : hex;
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string quad(uint32_t ip) {
+    return std::to_string(ip >> 24) + "." + std::to_string(ip >> 16 & 255) + "." +
+           std::to_string(ip >> 8 & 255) + "." + std::to_string(ip & 255);
+}
+
+uint32_t Random::Below(uint32_t limit) {
+    m_State += 0x9E3779B97F4A7C15ULL;
+    uint64_t z = m_State;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+    return static_cast<uint32_t>(((z ^ (z >> 31)) >> 32) * limit >> 32);
+}
+
+std::string Call::Text() const {
+    const bool is_set = kind == SELECT || kind == POLL;
+    std::string text = CALL_NAMES[kind];
+    text += " socket " + std::to_string(fd) + ", number " + std::to_string(number) + ", \"" +
+            readable(data) + "\", peer " + quad(peer.ip) + ":" + std::to_string(peer.port);
+    return text + (is_set ? " gave " : " gave ") + std::to_string(result) + " \"" + readable(got) +
+           "\"";
+}
+
+World::World(uint64_t seed, Micros length) : random(seed), m_Length(length), m_Seed(seed) {
+    // Today, or shortly before the seconds pass 2^31 or 2^32.
+    const Micros days[] = {20782, 20782, 20782, 24854, 49709};
+    clock_offset = random.Of(days) * DAY;
+    clock_offset += random.Time(SECOND);
+    device_ip = random.OneIn(10) ? 0 : DEVICE_ADDRESSES[0];
+    the_world = this;
+}
+
+World::~World() {
+    the_world = nullptr;
+}
+
+World& World::Get() {
+    return *the_world;
+}
+
+bool World::Exists() {
+    return the_world != nullptr;
+}
+
+void World::After(Micros delay, std::function<void()> happens) {
+    m_Future.push({m_Now + delay, ++m_Happened, std::move(happens)});
+}
+
+bool World::Wait(Micros until, const std::function<bool()>& condition) {
+    while (!condition()) {
+        if (m_Future.empty() || m_Future.top().at > until) {
+            m_Now = until;
+            return false;
+        }
+        m_Now = m_Future.top().at;
+        const std::function<void()> happens = m_Future.top().happens;
+        m_Future.pop();
+        happens();
+    }
+    return true;
+}
+
+void World::Event(const std::string& what) {
+    ++events;
+    Count("event: " + what);
+    Trace(what);
+    m_Recent.push_back(std::to_string(m_Now / SECOND) + " s: " + what);
+    if (m_Recent.size() > 12) {
+        m_Recent.pop_front();
+    }
+    if (events % 8192 == 0) {
+        progress();
+    }
+}
+
+bool World::Fails(const char* call, uint32_t one_in, std::initializer_list<int> errors) {
+    if (running != nullptr || IsOver() || !random.OneIn(one_in)) {
+        return false;
+    }
+    errno = errors.begin()[random.Below(static_cast<uint32_t>(errors.size()))];
+    ++faults;
+    Count(std::string("fault: ") + call + ": " + strerror(errno));
+    return true;
+}
+
+void World::Trace(const std::string& bytes) {
+    for (const char c : bytes) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    hash = (hash ^ static_cast<uint64_t>(m_Now)) * 1099511628211ULL;
+}
+
+Call& World::Log(Call call) {
+    if (log.size() > 1000000) {
+        Differ("the next wait", "a million calls without one");
+    }
+    call.clock = Clock();
+    Trace(call.data + call.got);
+    Trace(std::to_string(call.kind) + " " + std::to_string(call.fd) + " " +
+          std::to_string(call.result));
+    log.push_back(std::move(call));
+    return log.back();
+}
+
+void World::Differ(const std::string& expected, const std::string& found) {
+    std::string text = "\nDIFFERENCE at event " + std::to_string(events) + ", " +
+                       std::to_string(m_Now / SECOND) + " s\n  owed:  " + expected +
+                       "\n  found: " + found + "\nThe last events:\n";
+    for (const std::string& event : m_Recent) {
+        text += "  " + event + "\n";
+    }
+    text += "The last calls of the daemon:\n";
+    for (size_t i = log.size() > 16 ? log.size() - 16 : 0; i < log.size(); ++i) {
+        text += "  " + log[i].Text() + "\n";
+    }
+    text += "To repeat: scripts/simulate --seed " + std::to_string(m_Seed) + " --days " +
+            std::to_string(m_Now / DAY + 1) + "\n";
+    fputs(text.c_str(), report);
+    fflush(report);
+    _exit(1);
+}
+
+// The lowest number that is free, as the system gives it; away from those that the process has.
+int World::Open(bool is_stream) {
+    int fd = 64;
+    while (sockets.count(fd) != 0) {
+        ++fd;
+    }
+    sockets[fd] = {is_stream, running};
+    return fd;
+}
+
+bool World::IsReadable(int fd) const {
+    const auto found = sockets.find(fd);
+    if (found == sockets.end()) {
+        return false;
+    }
+    const Socket& socket = found->second;
+    return !socket.datagrams.empty() ||
+           (socket.stream != nullptr &&
+            (!socket.stream->arrived.empty() || socket.stream->end >= 0));
+}
+
+// A road that loses, repeats, delays and reorders.
+void World::Send(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
+    int copies = 1;
+    if (m_Now < cut_until || random.OneIn(50)) {
+        copies = 0;
+        ++faults;
+        Count(m_Now < cut_until ? "fault: datagram into a cut cable" : "fault: datagram lost");
+    } else if (random.OneIn(50)) {
+        copies = 2;
+        ++faults;
+        Count("fault: datagram doubled");
+    }
+    while (copies-- > 0) {
+        Micros delay = 100 + random.Time(2 * MS);
+        if (random.OneIn(50)) {
+            delay += random.Time(300 * MS);
+            ++faults;
+            Count("fault: datagram late");
+        }
+        After(delay, [this, from, to, bytes] { Arrive(from, to, bytes); });
+    }
+}
+
+void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
+    const size_t QUEUE = 256;
+    for (auto& [fd, socket] : sockets) {
+        const bool is_daemon = socket.writer == nullptr;
+        const bool is_there =
+            is_daemon ? to.ip == device_ip || (to.ip == GROUP && is_member)
+                      : to.ip == socket.writer->address && fd == socket.writer->Socket();
+        if (socket.is_stream || socket.port != to.port || !is_there) {
+            continue;
+        }
+        if (socket.datagrams.size() >= QUEUE) {
+            Count("lost: datagram to a full socket");
+            return;
+        }
+        socket.datagrams.push_back({from, bytes});
+        if (!is_daemon) {
+            socket.writer->Arrived(from, bytes);
+        }
+        return;
+    }
+}

@@ -1,0 +1,178 @@
+#include "tests/world/Writer.h"
+
+#include "msg/Message.h"
+#include "net/SvcAddress.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define WORLD_FIBERS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define WORLD_FIBERS 1
+#endif
+#endif
+#ifdef WORLD_FIBERS
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace {
+
+const size_t STACK = 512 * 1024;
+const void* world_stack = nullptr;
+size_t world_stack_size = 0;
+
+// Changes stacks; the address sanitizer is told.
+void change(ucontext_t& from, ucontext_t& to, const void* stack, size_t size, bool to_world) {
+#ifdef WORLD_FIBERS
+    void* fake = nullptr;
+    __sanitizer_start_switch_fiber(&fake, stack, size);
+    swapcontext(&from, &to);
+    const void* left = nullptr;
+    size_t left_size = 0;
+    __sanitizer_finish_switch_fiber(fake, &left, &left_size);
+    if (to_world) {
+        world_stack = left;
+        world_stack_size = left_size;
+    }
+#else
+    static_cast<void>(stack);
+    static_cast<void>(size);
+    static_cast<void>(to_world);
+    swapcontext(&from, &to);
+#endif
+}
+
+}  // namespace
+
+Writer::Writer(World& world, uint32_t ip) : address(ip), m_World(world), m_Stack(STACK) {
+    m_World.running = this;
+    m_Client = std::make_unique<CRUdpLayer3Client>(static_cast<unsigned short>(0), 1000UL);
+    m_Client->Open(nullptr, nullptr);
+    m_World.running = nullptr;
+    getcontext(&m_Here);
+    m_Here.uc_stack.ss_sp = m_Stack.data();
+    m_Here.uc_stack.ss_size = m_Stack.size();
+    m_Here.uc_link = nullptr;
+    const uint64_t self = reinterpret_cast<uintptr_t>(this);
+    makecontext(&m_Here, reinterpret_cast<void (*)()>(Run), 2,
+                static_cast<unsigned int>(self >> 32), static_cast<unsigned int>(self));
+    Resume();
+}
+
+Writer::~Writer() {
+    m_World.running = this;
+    m_Client.reset();
+    m_World.running = nullptr;
+}
+
+void Writer::Run(unsigned int high, unsigned int low) {
+#ifdef WORLD_FIBERS
+    __sanitizer_finish_switch_fiber(nullptr, &world_stack, &world_stack_size);
+#endif
+    Writer* const self =
+        reinterpret_cast<Writer*>(static_cast<uintptr_t>(static_cast<uint64_t>(high) << 32 | low));
+    for (;;) {
+        self->Pause();
+        self->SendOne();
+        self->m_Message.clear();
+    }
+}
+
+void Writer::Resume() {
+    m_World.running = this;
+    change(m_There, m_Here, m_Stack.data(), m_Stack.size(), false);
+    m_World.running = nullptr;
+}
+
+void Writer::Pause() {
+    change(m_Here, m_There, world_stack, world_stack_size, true);
+}
+
+void Writer::Give(const std::string& message, const Endpoint& to) {
+    if (m_Message.empty()) {
+        m_World.Event("reliable message");
+        m_Message = message;
+        m_To = to;
+        Resume();
+    }
+}
+
+bool Writer::Wait(int fd, Micros limit) {
+    bool is_over = limit == 0;
+    if (!m_World.IsReadable(fd) && !is_over) {
+        const uint64_t wait = ++m_Waits;
+        m_World.After(limit, [this, wait, &is_over] {
+            if (wait == m_Waits) {
+                is_over = true;
+                Resume();
+            }
+        });
+        Pause();
+        ++m_Waits;
+    }
+    return m_World.IsReadable(fd);
+}
+
+void Writer::Attempted(const std::string& packet) {
+    const bool is_first = m_Attempts.empty();
+    const std::string head = packet.substr(0, 8);
+    if (is_first ? head == m_Packet.substr(0, 8) || head.substr(0, 4) != std::string("\3M\2\7")
+                 : packet != m_Packet) {
+        m_World.Differ("one packet for all attempts, of a number of its own", "another");
+    }
+    m_Packet = packet;
+    m_Attempts.push_back(m_World.Now());
+}
+
+void Writer::Arrived(const Endpoint& from, const std::string& bytes) {
+    if (m_Message.empty()) {
+        return;
+    }
+    const bool is_from = m_To.ip == GROUP ? from.port == m_To.port : from == m_To;
+    const bool is_answer =
+        bytes.size() >= 8 && bytes[3] == 7 && (bytes[1] == 'A' || bytes[1] == 'N');
+    if (is_from && is_answer && bytes.substr(4, 4) == m_Packet.substr(4, 4) && m_Answered < 0) {
+        m_Answered = m_World.Now();
+        m_IsRefused = bytes[1] == 'N';
+    }
+    m_World.After(0, [this, wait = m_Waits] {
+        if (wait == m_Waits && !m_Message.empty()) {
+            Resume();
+        }
+    });
+}
+
+void Writer::SendOne() {
+    CMessage message(16, 16);
+    message.SetData(m_Message.data(), m_Message.size());
+    m_Attempts.clear();
+    m_Answered = -1;
+    const bool is_sent =
+        m_Client->SendMsg({m_To.ip, m_To.port}, &message, CRUdpLayer3Client::MESSAGE);
+    Check(is_sent);
+}
+
+// Attempts go out after 62, 124 and 248 ms, to the millisecond, until an answer comes or 566 ms
+// after the last.
+void Writer::Check(bool is_sent) const {
+    const Micros TIMES[] = {62 * MS, 124 * MS, 248 * MS, 566 * MS};
+    m_World.Count("owed: reliable messages");
+    m_World.Count(is_sent ? "kept: reliable messages acknowledged"
+                          : "lost: reliable message, no answer in time");
+    const bool is_due = m_Answered >= 0 && !m_IsRefused;
+    if (is_sent != is_due || (m_Answered >= 0 && m_Answered != m_World.Now())) {
+        m_World.Differ(is_due ? "a message acknowledged" : "a message not acknowledged",
+                       "the other");
+    }
+    if (m_Attempts.size() > 4 || (m_Answered < 0 && m_Attempts.size() != 4)) {
+        m_World.Differ("4 attempts", std::to_string(m_Attempts.size()));
+    }
+    for (size_t i = 0; i < m_Attempts.size(); ++i) {
+        const bool is_last = i + 1 == m_Attempts.size();
+        const Micros time = (is_last ? m_World.Now() : m_Attempts[i + 1]) - m_Attempts[i];
+        const bool is_short = is_last && m_Answered >= 0;
+        if (time >= TIMES[i] + MS || (time < TIMES[i] && !is_short)) {
+            m_World.Differ("an attempt for " + std::to_string(TIMES[i]) + " us",
+                           std::to_string(time) + " us");
+        }
+    }
+}
