@@ -43,7 +43,6 @@ CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     gettimeofday(&m_sweep, nullptr);
     m_looked = m_sweep;
     FD_ZERO(&m_readable);
-    std::fill(std::begin(m_remote), std::end(m_remote), -1);
 }
 
 bool CMainLoop::Turn() {
@@ -117,17 +116,17 @@ bool CMainLoop::drop_vanished() {
 // sweep is due, brings back those that are down.
 void CMainLoop::watch_remotes() {
     const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_MS;
-    for (int entry = 0; entry < CHANNEL_COUNT; ++entry) {
+    m_remotes = 0;
+    for_each_entry(gpiocli.entries(), [&](int entry) {
         int fd = gpiocli.get_fd(entry);
         if (fd == -1 && sweep_due) {
             fd = gpiocli.reconnect(entry);
         }
-        if (is_readable(fd)) {
-            fd = -1;  // in the set already, through a lower entry
+        if (fd != -1 && !is_readable(fd)) {  // else in the set already, through a lower entry
+            watch(fd);
+            m_remotes |= 1UL << entry;
         }
-        watch(fd);
-        m_remote[entry] = fd;
-    }
+    });
     if (sweep_due) {
         m_sweep = m_now;
     }
@@ -202,22 +201,20 @@ void CMainLoop::serve_bus() {
 }
 
 void CMainLoop::serve_remotes() {
-    for (int entry = 0; entry < CHANNEL_COUNT; ++entry) {
-        if (is_readable(m_remote[entry])) {
+    for_each_entry(m_remotes, [&](int entry) {
+        if (is_readable(gpiocli.get_fd(entry))) {
             forward_remote(entry);
         }
-    }
+    });
 }
 
 // The state of a remote input becomes the state of the output of every channel that follows it.
 void CMainLoop::forward_remote(int entry) {
     unsigned long mask = 0;
     while (const char* state = gpiocli.receive(entry, &mask)) {
-        for (int k = 0; mask != 0; ++k, mask >>= 1) {
-            if ((mask & 1) != 0) {
-                write_line(m_msg, "GPO ", k + 1, " ", state, "\n");
-                local.send(m_msg);
-            }
-        }
+        for_each_entry(mask, [&](int k) {
+            write_line(m_msg, "GPO ", k + 1, " ", state, "\n");
+            local.send(m_msg);
+        });
     }
 }

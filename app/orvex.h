@@ -168,7 +168,7 @@ private:
     timeval m_now;                  // the turn's one reading of the clock
     fd_set m_readable;              // what to wait for, then what is readable
     int m_maxfd = -1;               // the highest descriptor in it
-    int m_remote[CHANNEL_COUNT];    // the socket watched for each remote entry, -1 for none
+    unsigned long m_remotes = 0;    // the remote entries whose sockets are watched
     bool m_config_changed = false;  // a "CFG" line of this turn changed a channel
     char m_msg[2000];               // a line on its way from a remote server to TQRD
 };

@@ -25,10 +25,20 @@ void send_to_group(CMsg2& msg) {
     deliver_msg(msg, rudpcli, dest);
 }
 
+// The channels of KIND_BUS: bit c = channels[c].
+unsigned long bus_channels() {
+    unsigned long set = 0;
+    for (int c = 0; c < CHANNEL_COUNT; ++c) {
+        set |= channels[c].proto == KIND_BUS ? 1UL << c : 0;
+    }
+    return set;
+}
+
 // Calls visit(channel index, tag, pin number) for every item that names a pin, and of these for
 // every channel with the item's address.
 template <class Visitor>
 void for_each_pin(const CMessage& request, Visitor visit) {
+    const unsigned long followed = bus_channels();
     for (unsigned int i = 0; i < request.GetItemCount(); ++i) {
         unsigned long tag = 0;
         request.GetItemTag(i, tag);
@@ -36,11 +46,11 @@ void for_each_pin(const CMessage& request, Visitor visit) {
         if (pin < 0) {
             continue;
         }
-        for (int c = 0; c < CHANNEL_COUNT; ++c) {
-            if (channels[c].proto == KIND_BUS && channels[c].ach == tag >> 8) {
+        for_each_entry(followed, [&](int c) {
+            if (channels[c].ach == tag >> 8) {
                 visit(c, tag, pin);
             }
-        }
+        });
     }
 }
 
@@ -145,12 +155,10 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
         printf("I> %s:%d\n   %s\n", DottedQuad(htonl(static_cast<uint32_t>(dest.GetHost()))).text,
                dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
     }
-    CMessage copy(0, 0);  // takes its room from the message
-    if (!copy.Copy(&msg)) {
-        return 1;
-    }
+    // Encoded once: the two differ in nothing but their transaction IDs.
+    const bool encoded = client.Encode(msg);
     for (int i = 0; i < 2; ++i) {
-        if (!client.SendMsg(dest, &copy, CRUdpLayer3Client::DATAGRAM)) {
+        if (!encoded || !client.SendEncoded(dest, CRUdpLayer3Client::DATAGRAM)) {
             printf("%s RUDP:SendMsg failed with error: %lu\n", appname, client.GetLastError());
         }
     }

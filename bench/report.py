@@ -35,8 +35,8 @@ IDLE_SECONDS = 85
 MAX_RATIO = 1.05
 ITEMS = [6, 256, 4000]  # of the messages that are encoded and decoded
 SYSCALLS = {"write": 4, "report": 6, "read": 5, "mirror": 5, "reliable": 4}
-ALLOCATIONS = {"write": 0, "report": 2, "read": 2, "mirror": 0, "reliable": 0}
-INSTRUCTIONS = {"write": 3000, "report": 5000, "read": 5000, "mirror": 3000, "reliable": 2000}
+ALLOCATIONS = {"write": 0, "report": 1, "read": 1, "mirror": 0, "reliable": 0}
+INSTRUCTIONS = {"write": 1400, "report": 2600, "read": 2600, "mirror": 1200, "reliable": 1300}
 MAX_RESIDENT_KIB = 2560
 MAX_WAKEUPS_A_MINUTE = 3
 

@@ -1,6 +1,5 @@
 #include "gpiocli/gpiocli.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -15,7 +14,6 @@ int dbg = 0;
 namespace {
 
 const int LINE_SIZE = 2000;
-const int MASK_BITS = 32;
 const char* const fname = "/var/log/gpiocli.txt";
 
 // As CTQRClient::open; without memory for the client, null, there is no connection.
@@ -37,6 +35,12 @@ char* parse_state(char* line, long& gpi_number) {
     const char* behind = nullptr;
     gpi_number = tqr_strtol(line + 4, &behind, 0);
     return *behind == ' ' ? line + (behind - line) + 1 : nullptr;
+}
+
+// The entry alone as a set; empty for those behind the first 32.
+uint32_t set_of(unsigned long entry) {
+    const unsigned long bits = 32;
+    return entry < bits ? UINT32_C(1) << entry : 0;
 }
 
 }  // namespace
@@ -82,6 +86,7 @@ int CGPIOClient::open(unsigned long entry, unsigned long ip, unsigned short port
     const uint32_t address = static_cast<uint32_t>(ip);
     CTQRClient* shared = find_client(address, port);
     *e = {shared, address, port, gpi};
+    m_nUsed |= set_of(entry);
     if (shared == nullptr) {
         e->client = new_client();
         if (dbg != 0) {
@@ -101,6 +106,7 @@ int CGPIOClient::open(unsigned long entry, unsigned long ip, unsigned short port
 
 void CGPIOClient::close(unsigned long entry) {
     ConEntry* e = find(entry);
+    m_nUsed &= ~set_of(entry);
     if (e == nullptr || (e->client == nullptr && e->ip == 0 && e->gpi == 0)) {
         return;
     }
@@ -239,11 +245,10 @@ int CGPIOClient::count_users(const CTQRClient* client) {
 // 0.0.0.0.
 unsigned long CGPIOClient::followers(const CTQRClient* client, long gpi_number) {
     unsigned long set = 0;
-    const int count = std::min(m_nCount, MASK_BITS);
-    for (int k = 0; k < count; ++k) {
+    for_each_entry(m_nUsed, [&](int k) {
         if (m_pCons[k].client == client && m_pCons[k].gpi + 1 == gpi_number) {
             set |= 1UL << k;
         }
-    }
+    });
     return set;
 }

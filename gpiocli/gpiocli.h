@@ -11,6 +11,14 @@ class CTQRClient;
 // output. It stands here because this is the lowest part that traces.
 extern int dbg;
 
+// Calls visit(entry) for every entry of a set (bit k = entry k), from the lowest up.
+template <class Visitor>
+void for_each_entry(unsigned long set, Visitor visit) {
+    for (; set != 0; set &= set - 1) {
+        visit(__builtin_ctzl(set));
+    }
+}
+
 // A table of subscriptions, one entry per channel: entry k follows, for channel k + 1, one GPI of
 // one server. Entries that name the same server (address and port) share one connection, so a
 // server is connected once however many channels follow it.
@@ -25,6 +33,9 @@ public:
     ~CGPIOClient();
     CGPIOClient(const CGPIOClient&) = delete;
     CGPIOClient& operator=(const CGPIOClient&) = delete;
+
+    // The set of the entries that are not empty, of the first 32: bit k = entry k.
+    unsigned long entries() const { return m_nUsed; }
 
     // The socket of the entry's connection for the caller's select(): -1 when the entry is empty or
     // disconnected. Entries that share a connection give the same socket.
@@ -79,5 +90,6 @@ private:
 
     int m_nCount;
     ConEntry* m_pCons;
+    uint32_t m_nUsed = 0;  // the entries between open() and close(), of the first 32
     CTQRLimits m_limits;
 };

@@ -17,21 +17,32 @@ bool CRUdpLayer3Client::SendMsg(CSvcAddress const& to, CMessage const* msg, unsi
     if (type != DATAGRAM && type != MESSAGE && type != USE_MESSAGE_FLAG) {
         return false;
     }
+    if (!Encode(*msg)) {
+        return false;
+    }
+    if (type == USE_MESSAGE_FLAG) {
+        type = msg->GetRel() ? MESSAGE : DATAGRAM;
+    }
+    return SendEncoded(to, type);
+}
+
+bool CRUdpLayer3Client::Encode(CMsg2 const& msg) {
     RUdpMsg* const packet = GetMsgBuffer();
     if (packet == nullptr) {
         return Fail(NO_BUFFER);
     }
-    const unsigned long size = msg->GetTrueDataSize();
+    const unsigned long size = msg.GetTrueDataSize();
     if (size > max_encoded || size > packet->GetDataSize()) {
         return Fail(TOO_LARGE);
     }
-    if (msg->GetData(reinterpret_cast<char*>(packet->GetDataPtr())) != size) {
+    if (msg.GetData(reinterpret_cast<char*>(packet->GetDataPtr())) != size) {
         return Fail(BAD_ENCODING);
     }
     packet->SetDataCount(size);
     packet->SetPayloadVersion(CMsg2::GetVer());
-    if (type == USE_MESSAGE_FLAG) {
-        type = msg->GetRel() ? MESSAGE : DATAGRAM;
-    }
-    return CRUdpLayer2Client::SendMsg(to, packet, type, layer);
+    return true;
+}
+
+bool CRUdpLayer3Client::SendEncoded(CSvcAddress const& to, unsigned char type) {
+    return CRUdpLayer2Client::SendMsg(to, GetMsgBuffer(), type, layer);
 }

@@ -4,6 +4,7 @@
 #include "rudp/RUdpLayer2Client.h"
 
 class CMessage;
+class CMsg2;
 
 // Puts one CMessage into each packet.
 class CRUdpLayer3Client : public CRUdpLayer2Client {
@@ -18,4 +19,10 @@ public:
     // DATAGRAM, MESSAGE or USE_MESSAGE_FLAG; any other gives false and leaves the error code as it
     // was. False with an error code on failure.
     bool SendMsg(CSvcAddress const& to, CMessage const* msg, unsigned char type);
+
+    // The two steps of it, for what is sent more than once. Encode puts the message into the packet
+    // buffer; false with an error code when it does not fit. SendEncoded then sends what is in the
+    // buffer, DATAGRAM or MESSAGE, each time as a message with a transaction ID of its own.
+    bool Encode(CMsg2 const& msg);
+    bool SendEncoded(CSvcAddress const& to, unsigned char type);
 };
