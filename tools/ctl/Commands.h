@@ -7,3 +7,4 @@ int RunGet(const Options& options);
 int RunSet(const Options& options);
 int RunWatch(const Options& options);  // with a file: record
 int RunSend(const Options& options);
+int RunChannels(const Options& options);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "net/SvcAddress.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
@@ -29,6 +30,9 @@ struct Options {
     std::string file;
     std::string names_file;  // empty: the user's
     Names names;
+    CSvcAddress tqrd{0x7F000001, 93};  // the control server
+    std::string explain;               // a source to explain instead of asking
+    bool plugin = false;               // report as a monitoring plugin
 };
 
 // What a shell may offer for a word.

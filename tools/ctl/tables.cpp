@@ -69,6 +69,17 @@ void SetPorts(Options& options, const std::string& text) {
     }
 }
 
+// "IP", "IP:PORT" or "PORT"
+void SetServer(Options& options, const std::string& text) {
+    const size_t colon = text.find(':');
+    if (colon != std::string::npos || text.find('.') != std::string::npos) {
+        options.tqrd.SetHost(ParseHost(text.substr(0, colon)));
+    }
+    if (colon != std::string::npos || text.find('.') == std::string::npos) {
+        options.tqrd.SetPort(ParsePort(colon == std::string::npos ? text : text.substr(colon + 1)));
+    }
+}
+
 void AddPins(Options& options, const std::string& text) {
     options.pins.push_back(options.names.Parse(text));
 }
@@ -130,6 +141,13 @@ const std::vector<CommandSpec> COMMANDS = {
      "  {\"id\":\"WRNI\",\"items\":[{\"pin\":\"1:2:out1\",\"type\":\"byte\",\"value\":64}]}",
      {{"FILE", true, false, Completion::File, "File to read, - for standard input", SetFile}},
      RunSend},
+    {"channels",
+     "Print the channels of the control server",
+     "For each output the source as it is written, what the daemon makes of it, and the states of\n"
+     "output and input as the server tells them: inputs when asked, outputs when they change, so\n"
+     "'-' stands for what it did not tell. What does not mean what it seems to is explained.",
+     {},
+     RunChannels},
 };
 
 const std::vector<OptionSpec> OPTIONS = {
@@ -160,6 +178,11 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-r,--reliable", nullptr, Completion::None, "set send",
      "Ask for acknowledgement (of a group, the first one counts)",
      [](Options& options, const std::string&) { options.reliable = true; }},
+    {"-r,--server", "IP[:PORT]", Completion::None, "channels",
+     "Where the control server is (default: 127.0.0.1:93)", SetServer},
+    {"--explain", "SRCA=VALUE", Completion::None, "channels",
+     "Tell what the daemon makes of this field, or line, and why",
+     [](Options& options, const std::string& text) { options.explain = text; }},
     {"-a,--all", nullptr, Completion::None, "watch record", "Show repeats too",
      [](Options& options, const std::string&) { options.all = true; }},
     {"-c,--count", "N", Completion::None, "watch record",
@@ -167,7 +190,7 @@ const std::vector<OptionSpec> OPTIONS = {
      [](Options& options, const std::string& text) {
          options.count = ParseCount(text, 1000000000, "a count from 1 on");
      }},
-    {"-f,--for", "SECONDS", Completion::None, "watch record", "End after that time",
+    {"-f,--for", "SECONDS", Completion::None, "watch record channels", "End after that time",
      [](Options& options, const std::string& text) {
          options.seconds = ParseSeconds(text, MAX_SECONDS);
      }},

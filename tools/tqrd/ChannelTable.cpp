@@ -43,6 +43,7 @@ ChannelTable::Subject ChannelTable::TakeConfiguration(const char* text) {
     }
     ChannelInfo& channel = m_channels[Index(number)];
     channel.is_configured = true;
+    channel.line = std::string("CFG ") + text;
     channel.source = FieldText(source);
     channel.config = parse_source(source);
     return {Kind::Configuration, number};

@@ -11,7 +11,8 @@
 // A channel as its lines tell it. Texts are as the server wrote them.
 struct ChannelInfo {
     bool is_configured = false;  // a line with a source has come
-    std::string source;          // with its quotes
+    std::string line;            // that line
+    std::string source;          // the value in it, with its quotes
     ChannelConfig config = {};   // what the daemon makes of the line
     std::string output;          // state of its GPO, one character a pin; empty: not told
     std::string input;           // of its GPI

@@ -1,0 +1,149 @@
+// channels: the control server's table, or what a source means.
+
+#include <algorithm>
+#include <cerrno>
+#include <nlohmann/json.hpp>
+
+#include "tools/base/LineBuffer.h"
+#include "tools/ctl/Commands.h"
+#include "tools/ctl/ExitStatus.h"
+#include "tools/ctl/Options.h"
+#include "tools/ctl/Output.h"
+#include "tools/tqrd/AskTable.h"
+#include "tools/tqrd/SourceNotes.h"
+
+namespace {
+
+using Object = nlohmann::ordered_json;
+using Words = std::vector<std::string>;
+
+Object SourceJson(const SourceReading& reading) {
+    const ChannelConfig& config = reading.config;
+    Object json;
+    json["source"] = reading.source;
+    switch (config.proto) {
+        case KIND_BUS:
+            json["kind"] = "bus";
+            json["address"] = config.ach;
+            break;
+        case KIND_REMOTE:
+            json["kind"] = "remote";
+            json["server"] = RemoteServer(config);
+            json["follows"] = RemoteInput(config);
+            break;
+        default:
+            json["kind"] = "none";
+            break;
+    }
+    json["meaning"] = DescribeSource(config);
+    json["notes"] = reading.notes;
+    return json;
+}
+
+// Whatever the server sends can be printed: what is no UTF-8 is replaced.
+std::string JsonLine(const Object& json) {
+    return json.dump(-1, ' ', false, Object::error_handler_t::replace) + "\n";
+}
+
+int Explain(const Options& options, Output& output) {
+    const auto reading = ReadSource(options.explain);
+    if (!reading) {
+        throw Failure(STATUS_FAILED,
+                      "no field SRCA: the daemon ignores the line, the channel stays as it is");
+    }
+    if (options.json) {
+        output.Write(JsonLine(SourceJson(*reading)));
+        return STATUS_DONE;
+    }
+    output.Write(DescribeSource(reading->config) + "\n");
+    for (const std::string& note : reading->notes) {
+        output.Write("  " + note + "\n");
+    }
+    return STATUS_DONE;
+}
+
+// The notes about the channel's source: a later field matters, so the whole line is read.
+SourceReading Reading(const ChannelInfo& channel) {
+    return ReadSource(channel.line).value_or(SourceReading{channel.source, channel.config, {}});
+}
+
+std::string OrDash(const std::string& text) {
+    return text.empty() ? "-" : text;
+}
+
+void PrintText(const ChannelTable& table, Output& output) {
+    std::vector<Words> rows = {{"OUTPUT", "SOURCE", "DRIVEN BY", "STATE", "INPUT"}};
+    std::vector<Words> notes(1);
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        const ChannelInfo& channel = table.Channel(number);
+        if (channel.is_configured) {
+            const bool is_bus = channel.config.proto == KIND_BUS;
+            rows.push_back({std::to_string(number), OrDash(Printable(channel.source)),
+                            DescribeSource(channel.config), OrDash(Printable(channel.output)),
+                            is_bus ? OrDash(Printable(channel.input)) : ""});
+            notes.push_back(Reading(channel).notes);
+        }
+    }
+    Words::size_type widths[5] = {};
+    for (const Words& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    for (size_t r = 0; r < rows.size(); ++r) {
+        std::string text;
+        for (size_t i = 0; i < rows[r].size(); ++i) {
+            text += rows[r][i] + std::string(widths[i] - rows[r][i].size() + 2, ' ');
+        }
+        output.Write(text.substr(0, text.find_last_not_of(' ') + 1) + "\n");
+        for (const std::string& note : notes[r]) {
+            output.Write("        " + Printable(note) + "\n");
+        }
+    }
+}
+
+void PrintJson(const ChannelTable& table, Output& output) {
+    const auto state = [](const std::string& text) {
+        return text.empty() ? Object() : Object(text);
+    };
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        const ChannelInfo& channel = table.Channel(number);
+        if (channel.is_configured) {
+            Object json = {{"channel", number}};
+            json.update(SourceJson(Reading(channel)));
+            json["output"] = state(channel.output);
+            json["input"] = state(channel.input);
+            output.Write(JsonLine(json));
+        }
+    }
+}
+
+std::chrono::milliseconds Milliseconds(double seconds) {
+    return std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+}
+
+}  // namespace
+
+int RunChannels(const Options& options) {
+    Output output("-", Output::Form::Text);
+    if (!options.explain.empty()) {
+        return Explain(options, output);
+    }
+    const TableAnswer answer = AskTable(options.tqrd, Milliseconds(options.bus.wait),
+                                        Milliseconds(options.seconds.value_or(0)));
+    const std::string server = HostText(static_cast<uint32_t>(options.tqrd.GetHost())) + ":" +
+                               std::to_string(options.tqrd.GetPort());
+    if (!answer.has_answered) {
+        if (answer.error != 0) {
+            throw Failure(answer.error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_FAILED,
+                          "can't connect to " + server + ": " + answer.problem);
+        }
+        throw Failure(STATUS_NO_ANSWER, server + " tells no channels" +
+                                            (answer.problem.empty() ? "" : ": " + answer.problem));
+    }
+    options.json ? PrintJson(answer.table, output) : PrintText(answer.table, output);
+    if (!answer.problem.empty()) {
+        options.console.Note(server + ": " + answer.problem);
+    }
+    return STATUS_DONE;
+}
