@@ -8,3 +8,4 @@ int RunSet(const Options& options);
 int RunWatch(const Options& options);  // with a file: record
 int RunSend(const Options& options);
 int RunChannels(const Options& options);
+int RunDoctor(const Options& options);

@@ -148,6 +148,14 @@ const std::vector<CommandSpec> COMMANDS = {
      "'-' stands for what it did not tell. What does not mean what it seems to is explained.",
      {},
      RunChannels},
+    {"doctor",
+     "Find out what is wrong with the daemon of this device",
+     "Looks at process, port, interface, group, connections and queues, asks TQRD and the bus, "
+     "and\n"
+     "prints a line a finding: what is the matter, why, and what mends it. Ends with 1 when\n"
+     "something is wrong. As root it sees all; what it can't see it tells.",
+     {},
+     RunDoctor},
 };
 
 const std::vector<OptionSpec> OPTIONS = {
@@ -178,8 +186,11 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-r,--reliable", nullptr, Completion::None, "set send",
      "Ask for acknowledgement (of a group, the first one counts)",
      [](Options& options, const std::string&) { options.reliable = true; }},
-    {"-r,--server", "IP[:PORT]", Completion::None, "channels",
+    {"-r,--server", "IP[:PORT]", Completion::None, "channels doctor",
      "Where the control server is (default: 127.0.0.1:93)", SetServer},
+    {"--plugin", nullptr, Completion::None, "doctor",
+     "One line with performance data, and the exit statuses of a monitoring plugin",
+     [](Options& options, const std::string&) { options.plugin = true; }},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Tell what the daemon makes of this field, or line, and why",
      [](Options& options, const std::string& text) { options.explain = text; }},

@@ -8,6 +8,13 @@ namespace {
 
 const std::chrono::milliseconds SILENCE(200);
 
+// Whether the state of each input that was asked for is there.
+bool HasInputs(const ChannelTable& table) {
+    const std::vector<int> channels = table.Find(KIND_BUS);
+    return std::none_of(channels.begin(), channels.end(),
+                        [&table](int number) { return table.Channel(number).input.empty(); });
+}
+
 }  // namespace
 
 TableAnswer AskTable(const CSvcAddress& server, std::chrono::milliseconds limit,
@@ -27,7 +34,10 @@ TableAnswer AskTable(const CSvcAddress& server, std::chrono::milliseconds limit,
             client.Send("ADD GPI " + std::to_string(subject.number));
         }
         answer.has_answered = true;
-        until = std::min(end, std::max(begin + listen, Clock::now() + SILENCE));
+        until = end;
+        if (HasInputs(answer.table)) {
+            until = std::min(end, std::max(begin + listen, Clock::now() + SILENCE));
+        }
     }
     answer.problem = client.Problem();
     answer.error = client.Error();

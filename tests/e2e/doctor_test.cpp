@@ -1,0 +1,169 @@
+// orvexctl doctor on the device, against each trouble made for real.
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "net/InetSocket.h"
+#include "tests/e2e/Site.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+const std::string EMULATOR(ORVEX_EMULATOR);
+
+class Doctor : public Site {
+protected:
+    void SetUp() override {
+        if (!EMULATOR.empty()) {
+            GTEST_SKIP() << "a program under an emulator has another name";
+        }
+        Site::SetUp();
+        ASSERT_EQ(device.Run("sysctl -qw net.ipv4.tcp_syn_retries=2"), 0);
+        ASSERT_EQ(tqrd.server.Apply("CFG GPO 1 SRCA=1:2"), "");
+        ASSERT_EQ(tqrd.server.Apply("CFG GPO 2 SRCA=10.77.0.2/1"), "");
+    }
+
+    // The device as it should be.
+    void StartWell(const std::vector<std::string>& options = {"-debug"}) {
+        StartRemote();
+        StartControl();
+        StartDaemon(options);
+        ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 1"));
+        ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1"));
+    }
+
+    int Run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {ORVEXCTL_PROGRAM, "doctor", "-W", "0.5"});
+        const Host::Scope on(device);
+        Process doctor(arguments);
+        EXPECT_TRUE(Await([&doctor] {
+            doctor.Pump();
+            return !doctor.IsRunning();
+        }));
+        out = doctor.Out();
+        EXPECT_EQ(doctor.Err(), "");
+        return doctor.Status();
+    }
+
+    // Exactly these checks fail, the first for this reason.
+    void ExpectTroubles(const std::vector<std::string>& checks, const std::string& reason) {
+        EXPECT_EQ(Run({"--json"}), 1);
+        std::vector<std::string> failed;
+        std::string text;
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            const Json finding = Json::parse(line);
+            if (finding["status"] == "critical" || finding["status"] == "warning") {
+                failed.push_back(finding["check"]);
+                text += std::string(finding["finding"]) + "\n";
+                EXPECT_NE(finding["mend"], "");
+            }
+        }
+        EXPECT_EQ(failed, checks) << out;
+        EXPECT_NE(text.substr(0, text.find('\n')).find(reason), std::string::npos) << text;
+    }
+
+    std::string out;
+};
+
+TEST_F(Doctor, FindsNothingWhenAllIsWell) {
+    StartWell();
+    EXPECT_EQ(Run({}), 0) << out;
+    EXPECT_EQ(out.find("note"), std::string::npos) << out;
+    EXPECT_NE(out.find("ok    inputs"), std::string::npos) << out;
+    EXPECT_EQ(Run({"--plugin"}), 0);
+    EXPECT_EQ(out,
+              "ORVEX OK - all is well | waiting=0B lost=0c bus_channels=1 "
+              "remote_channels=1\n");
+}
+
+TEST_F(Doctor, FindsThatTqrdIsDown) {
+    StartWell();
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost"));
+    ExpectTroubles({"TQRD"}, "127.0.0.1:93 can't be reached, so nothing is served: it refuses");
+    EXPECT_EQ(Run({"--plugin"}), 2);
+    EXPECT_EQ(out.find("ORVEX CRITICAL - TQRD: "), 0U) << out;
+}
+
+TEST_F(Doctor, FindsServersThatDoNotAnswer) {
+    ASSERT_EQ(studio.Run("ip route add blackhole "
+                         "10.77.0.1/32"),
+              0);
+    StartControl();
+    StartDaemon();
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 2 HHHHH"));
+    ExpectTroubles({"remote", "read"}, "10.77.0.2:93 does not answer, and the daemon hangs");
+}
+
+TEST_F(Doctor, FindsRemoteServersThatAreDown) {
+    StartWell();
+    remote.server.Close();
+    ASSERT_TRUE(AwaitErr("recv() failed"));
+    ExpectTroubles({"remote"}, "drives output 2: it refuses the connection");
+}
+
+TEST_F(Doctor, FindsTheWrongGroup) {
+    StartWell({"-debug", "-gpioip", "239.1.1.1"});
+    ExpectTroubles({"group", "read"}, "serves 239.1.1.1, not 239.192.255.4");
+    EXPECT_EQ(Run({"-g", "239.1.1.1"}), 0) << out;
+}
+
+TEST_F(Doctor, FindsAnInterfaceWithoutAddress) {
+    ASSERT_EQ(device.Run("ip addr flush dev eth0"), 0);
+    StartControl();
+    StartDaemon();
+    ASSERT_TRUE(AwaitOut("request failed err=63"));
+    ASSERT_TRUE(AwaitHeard(tqrd, "ADD GPI 1"));
+    EXPECT_EQ(Run({}), 1);
+    EXPECT_NE(out.find("FAIL  interface  eth0 has no address"), std::string::npos) << out;
+    EXPECT_NE(out.find("FAIL  group"), std::string::npos) << out;
+}
+
+TEST_F(Doctor, FindsWhoHasThePort) {
+    const Host::Scope on(device);
+    CInetSocket other;
+    ASSERT_EQ(other.Open(false), 0);
+    const int off = 0;
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(2060);
+    ASSERT_EQ(setsockopt(other, SOL_SOCKET, SO_REUSEADDR, &off, sizeof off), 0);
+    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    StartControl();
+    StartDaemon();
+    ASSERT_TRUE(AwaitErr("server at port 2060 open failed"));
+    ASSERT_TRUE(Await([this] { return !daemon->IsRunning(); }));
+    ExpectTroubles({"daemon", "port 2060"}, "not running");
+    EXPECT_NE(out.find("process " + std::to_string(getpid())), std::string::npos) << out;
+}
+
+TEST_F(Doctor, FindsForgottenSubscriptions) {
+    StartWell();
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost"));
+    StartControl();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened"));
+    ASSERT_TRUE(AwaitHeard(tqrd, "CFG GPO", 2));
+    ExpectTroubles({"inputs"}, "not subscribed at TQRD: it was restarted");
+
+    // Later writes hide how little was sent, but then a state differs.
+    ASSERT_EQ(tqrd.server.Apply("GPI 1 L"), "");
+    const auto set = [this] {
+        const Host::Scope on(studio);
+        Process ctl({ORVEXCTL_PROGRAM, "set", "1:2:out1=L"});
+        Await([&ctl] {
+            ctl.Pump();
+            return !ctl.IsRunning();
+        });
+    };
+    set();
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 1 Lxxxx"));
+    ExpectTroubles({"inputs"}, "differs from that of TQRD, so the subscription is lost: input 1");
+}
+
+}  // namespace

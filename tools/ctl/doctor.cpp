@@ -1,0 +1,188 @@
+// doctor: what is wrong with the daemon of this device, and what mends it.
+
+#include "tools/doctor/Checks.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "tools/ctl/Commands.h"
+#include "tools/ctl/ExitStatus.h"
+#include "tools/ctl/Options.h"
+#include "tools/ctl/Output.h"
+#include "tools/ctl/Question.h"
+
+namespace {
+
+const uint8_t INPUT_CIRCUITS[] = {13, 12, 11, 10, 9};
+
+struct LevelName {
+    const char* json;
+    const char* text;
+    const char* plugin;
+};
+
+// In the order of Level. What can't be looked at is no trouble.
+const LevelName LEVELS[] = {{"ok", "ok", "OK"},
+                            {"note", "note", "OK"},
+                            {"warning", "WARN", "WARNING"},
+                            {"critical", "FAIL", "CRITICAL"}};
+
+const LevelName& NameOf(Level level) {
+    return LEVELS[static_cast<size_t>(level)];
+}
+
+bool Differs(const std::string& state, const Question& question, uint32_t address) {
+    for (size_t pin = 0; pin < state.size(); ++pin) {
+        const auto level = question.ValueOf(address << 8 | INPUT_CIRCUITS[pin]);
+        const bool is_low = state[pin] == 'L' || state[pin] == 'l';
+        if (level && (*level != 0) != is_low) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Channels whose input the daemon tells differently. Of several with one address a reply tells only
+// the last, so those are left out.
+std::vector<int> StaleInputs(const ChannelTable& table, const Question& question) {
+    std::vector<int> stale;
+    const std::vector<int> channels = table.Find(KIND_BUS);
+    for (const int number : channels) {
+        const uint32_t address = table.Channel(number).config.ach;
+        const auto has_address = [&table, address](int other) {
+            return table.Channel(other).config.ach == address;
+        };
+        if (std::count_if(channels.begin(), channels.end(), has_address) == 1 &&
+            Differs(table.Channel(number).input, question, address)) {
+            stale.push_back(number);
+        }
+    }
+    return stale;
+}
+
+std::vector<PinRef> PinsOf(const ChannelTable& table) {
+    std::vector<PinRef> pins;
+    for (const int number : table.Find(KIND_BUS)) {
+        pins.push_back({table.Channel(number).config.ach, std::nullopt});
+    }
+    return pins;
+}
+
+// Reads the pins of all channels as a peer would. A state that differs may have changed between the
+// two answers, so TQRD is asked once more then.
+BusAnswer AskBus(const Options& options, const BusSettings& settings, const Facts& facts) {
+    BusAnswer answer;
+    const std::vector<PinRef> pins = PinsOf(facts.answer.table);
+    if (pins.empty()) {
+        answer.problem = "no channel on the bus is known";
+        return answer;
+    }
+    try {
+        BusLink link(settings, options.console);
+        link.Listen();
+        answer.was_asked = true;
+        Question question(link, pins);
+        Traffic traffic;
+        while (!question.IsOver()) {
+            question.AskWhenDue();
+            if (link.Wait(traffic, question.NextTime()) == BusLink::Event::Heard) {
+                answer.has_answered = question.Take(traffic.message) || answer.has_answered;
+            }
+        }
+        answer.stale_inputs = StaleInputs(facts.answer.table, question);
+        if (!answer.stale_inputs.empty()) {
+            const TableAnswer again = AskTable(facts.tqrd, std::chrono::milliseconds(1000));
+            answer.stale_inputs = StaleInputs(again.table, question);
+        }
+    } catch (const Failure& failure) {
+        answer.problem = failure.what();
+    }
+    return answer;
+}
+
+// The bus interface's address, for asking on it.
+BusSettings SettingsFor(const Options& options, const Facts& facts, const ExpectedBus& bus) {
+    BusSettings settings = options.bus;
+    const uint32_t named = facts.answer.table.InterfaceAddress().value_or(0);
+    if (settings.iface.empty()) {
+        settings.iface = facts.DeviceOf(named).empty() ? bus.device : IpText(named);
+    }
+    return settings;
+}
+
+void Print(const Options& options, const Findings& findings, Output& output) {
+    for (const Finding& finding : findings) {
+        if (options.json) {
+            const nlohmann::ordered_json json = {{"check", finding.subject},
+                                                 {"status", NameOf(finding.level).json},
+                                                 {"finding", finding.text},
+                                                 {"mend", finding.mend}};
+            output.Write(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                         "\n");
+        } else if (!options.console.quiet || finding.level > Level::Note) {
+            std::string heading = NameOf(finding.level).text;
+            heading.resize(6, ' ');
+            heading += finding.subject;
+            heading.resize(17, ' ');
+            output.Write(heading + finding.text +
+                         (finding.mend.empty() ? "" : " -> " + finding.mend) + "\n");
+        }
+    }
+}
+
+unsigned long Waiting(const Facts& facts, unsigned long SocketRow::*count) {
+    unsigned long sum = 0;
+    for (const SocketRow& row : facts.later_udp) {
+        sum += row.local_port == 2060 ? row.*count : 0;
+    }
+    return sum;
+}
+
+// One line and performance data, as monitoring systems read it.
+int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
+    Level worst = Level::Well;
+    std::string text;
+    for (const Finding& finding : findings) {
+        if (finding.level > Level::Note) {
+            worst = std::max(worst, finding.level);
+            text += (text.empty() ? "" : "; ") + std::string(finding.subject) + ": " + finding.text;
+        }
+    }
+    const RunningProgram* const daemon = facts.Daemon();
+    const bool is_blind = worst < Level::Warning && daemon != nullptr && !daemon->shows_sockets;
+    if (text.empty()) {
+        text = is_blind ? "the daemon's connections can't be seen without root" : "all is well";
+    }
+    const char* const status = is_blind ? "UNKNOWN" : NameOf(worst).plugin;
+    std::replace(text.begin(), text.end(), '|', '/');  // performance data begins with it
+    output.Write("ORVEX " + std::string(status) + " - " + text +
+                 " | waiting=" + std::to_string(Waiting(facts, &SocketRow::unread)) +
+                 "B lost=" + std::to_string(Waiting(facts, &SocketRow::drops)) +
+                 "c bus_channels=" + std::to_string(facts.answer.table.Find(KIND_BUS).size()) +
+                 " remote_channels=" + std::to_string(facts.answer.table.Find(KIND_REMOTE).size()) +
+                 "\n");
+    return is_blind ? 3 : std::max(0, static_cast<int>(worst) - static_cast<int>(Level::Note));
+}
+
+}  // namespace
+
+int RunDoctor(const Options& options) {
+    Output output("-", Output::Form::Text);
+    const std::chrono::milliseconds limit(static_cast<long long>(options.bus.wait * 1000));
+    const ExpectedBus bus = {htonl(options.bus.group),
+                             options.bus.iface.empty() ? "eth0" : options.bus.iface};
+    Facts facts = Look(options.tqrd, limit);
+    facts.bus = AskBus(options, SettingsFor(options, facts, bus), facts);
+    facts.later_udp = ReadSockets("udp");
+    const Findings findings = Examine(facts, bus, limit);
+    if (options.plugin) {
+        return PrintPlugin(facts, findings, output);
+    }
+    Print(options, findings, output);
+    const bool is_well = std::all_of(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.level < Level::Warning;
+    });
+    return is_well ? STATUS_DONE : STATUS_FAILED;
+}

@@ -1,0 +1,250 @@
+#include "tools/doctor/Checks.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+#include "tools/doctor/SentBytes.h"
+
+namespace {
+
+const uint16_t BUS_PORT = 2060;
+const char* const RESTART = "systemctl restart orvex";
+
+std::string ProcessText(const RunningProgram& program) {
+    return program.name + ", process " + std::to_string(program.pid);
+}
+
+std::string OwnerText(const Facts& facts, const SocketRow& row) {
+    const RunningProgram* const owner = facts.OwnerOf(row);
+    return owner == nullptr ? "a program that can't be seen without root" : ProcessText(*owner);
+}
+
+std::vector<const SocketRow*> OnBusPort(const std::vector<SocketRow>& rows) {
+    std::vector<const SocketRow*> found;
+    for (const SocketRow& row : rows) {
+        if (row.local_port == BUS_PORT) {
+            found.push_back(&row);
+        }
+    }
+    return found;
+}
+
+bool IsDaemon(const RunningProgram* program, const Facts& facts) {
+    const auto daemons = facts.Daemons();
+    return std::find(daemons.begin(), daemons.end(), program) != daemons.end();
+}
+
+void ExamineDaemon(const Facts& facts, Findings& findings) {
+    const auto daemons = facts.Daemons();
+    if (daemons.empty()) {
+        const std::string before =
+            facts.pid_file.empty() ? "" : "; it was process " + facts.pid_file + " once";
+        findings.push_back({Level::Critical, "daemon", "not running" + before,
+                            "systemctl start orvex; journalctl -u orvex -n 20"});
+    } else if (daemons.size() > 1) {
+        std::string text = "more than one is running, so everything happens twice:";
+        for (const RunningProgram* daemon : daemons) {
+            text += " " + std::to_string(daemon->pid);
+        }
+        findings.push_back({Level::Critical, "daemon", text,
+                            "end the one that was started by hand: kill PROCESS"});
+    } else {
+        findings.push_back({Level::Well, "daemon", "running, " + ProcessText(*daemons[0]), ""});
+        if (!daemons[0]->shows_sockets) {
+            findings.push_back({Level::Note, "daemon",
+                                "its connections and its environment can't be seen without root",
+                                "sudo orvexctl doctor"});
+        }
+    }
+}
+
+void ExaminePort(const Facts& facts, Findings& findings) {
+    std::string others;
+    bool has_daemon = false;
+    for (const SocketRow* row : OnBusPort(facts.udp)) {
+        const RunningProgram* const owner = facts.OwnerOf(*row);
+        if (IsDaemon(owner, facts) || (owner == nullptr && facts.Daemon() != nullptr &&
+                                       !facts.Daemon()->shows_sockets && !has_daemon)) {
+            has_daemon = true;
+        } else {
+            others += (others.empty() ? "" : "; ") + OwnerText(facts, *row);
+        }
+    }
+    if (!others.empty()) {
+        findings.push_back({facts.Daemon() == nullptr ? Level::Critical : Level::Warning,
+                            "port 2060",
+                            "taken by another program (" + others + ")" +
+                                (facts.Daemon() == nullptr
+                                     ? ": the daemon can't start"
+                                     : ": what is sent to this host alone reaches one of the two"),
+                            "end that program: ss -lunp sport = :2060"});
+    } else if (has_daemon) {
+        findings.push_back({Level::Well, "port 2060", "the daemon's alone", ""});
+    } else if (facts.Daemon() != nullptr) {
+        findings.push_back(
+            {Level::Critical, "port 2060", "the daemon does not listen there", RESTART});
+    }
+}
+
+// The interface of the bus: the one that TQRD names, or eth0. Empty when it is not there.
+std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
+    const std::optional<uint32_t> named = facts.answer.table.InterfaceAddress();
+    if (named.value_or(0) != 0) {
+        const std::string device = facts.DeviceOf(*named);
+        if (device.empty()) {
+            findings.push_back({Level::Critical, "interface",
+                                "TQRD names " + IpText(*named) + ", which no interface has",
+                                "mend NIC_IPADDR in TQRD, or: ip addr show"});
+        } else {
+            findings.push_back(
+                {Level::Well, "interface", device + ", " + IpText(*named) + " as TQRD says", ""});
+        }
+        return device;
+    }
+    const auto found =
+        std::find_if(facts.interfaces.begin(), facts.interfaces.end(),
+                     [&bus](const InterfaceAddress& entry) { return entry.device == bus.device; });
+    if (found == facts.interfaces.end() || found->ip == 0) {
+        findings.push_back(
+            {Level::Critical, "interface",
+             bus.device + (found == facts.interfaces.end() ? " is not there" : " has no address") +
+                 ": the daemon can't join the group on it",
+             "ip addr add ADDRESS/24 dev " + bus.device + "; " + RESTART});
+        return {};
+    }
+    findings.push_back({Level::Well, "interface", bus.device + ", " + IpText(found->ip), ""});
+    return bus.device;
+}
+
+void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string& device,
+                  Findings& findings) {
+    const std::string group = IpText(bus.group);
+    const std::string option = facts.Daemon()->Option("-gpioip");
+    if (!option.empty() && option != group) {
+        findings.push_back({Level::Critical, "group",
+                            "the daemon serves " + option + ", not " + group,
+                            "mend -gpioip in /etc/default/orvex; " + std::string(RESTART) +
+                                " (or name the group that is meant: -g " + option + ")"});
+        return;
+    }
+    std::string elsewhere;
+    for (const Membership& membership : facts.memberships) {
+        if (membership.group == bus.group && membership.device == device) {
+            findings.push_back({Level::Well, "group", group + " is joined on " + device, ""});
+            return;
+        }
+        if (membership.group == bus.group) {
+            elsewhere += " " + membership.device;
+        }
+    }
+    findings.push_back({Level::Critical, "group",
+                        group + " is not joined on " + (device.empty() ? bus.device : device) +
+                            (elsewhere.empty() ? "" : ", but on" + elsewhere) +
+                            ": nothing that is sent to it arrives",
+                        std::string(RESTART) + "; orvex(8), DIAGNOSTICS, \"join\""});
+}
+
+// What waits at both looks is not being read.
+void ExamineQueues(const Facts& facts, Findings& findings) {
+    unsigned long waiting = 0;
+    unsigned long lost = 0;
+    unsigned long lost_now = 0;
+    for (const SocketRow* later : OnBusPort(facts.later_udp)) {
+        for (const SocketRow* row : OnBusPort(facts.udp)) {
+            if (row->inode == later->inode) {
+                waiting += std::min(row->unread, later->unread);
+                lost += later->drops;
+                lost_now += later->drops - row->drops;
+            }
+        }
+    }
+    if (waiting > 0 || lost_now > 0) {
+        findings.push_back({Level::Warning, "queue",
+                            std::to_string(waiting) + " bytes wait on port 2060 and " +
+                                std::to_string(lost_now) +
+                                " datagrams were lost just now: the "
+                                "daemon is busy, or waits for a server",
+                            "orvex(8), \"A remote server does not answer at all\"; "
+                            "net.core.rmem_default"});
+    } else if (lost > 0) {
+        findings.push_back({Level::Note, "queue",
+                            std::to_string(lost) + " datagrams were lost since the daemon began",
+                            "net.core.rmem_default holds more; orvex(8), OPERATION"});
+    } else {
+        findings.push_back({Level::Well, "queue", "nothing waits, nothing was lost", ""});
+    }
+}
+
+void ExamineAnswer(const Facts& facts, Findings& findings) {
+    if (!facts.bus.was_asked) {
+        findings.push_back({Level::Note, "read", "not asked: " + facts.bus.problem, ""});
+    } else if (facts.bus.has_answered) {
+        findings.push_back({Level::Well, "read", "the daemon answers on the bus", ""});
+    } else {
+        findings.push_back({Level::Critical, "read",
+                            "the daemon does not answer on the bus" +
+                                (facts.bus.problem.empty() ? "" : ": " + facts.bus.problem),
+                            "mend what is above first; then orvex(8), \"Reports or replies do not "
+                            "arrive at peers\""});
+    }
+}
+
+// The lines that a subscribed connection has carried at least.
+uint64_t SubscribedBytes(const std::vector<int>& channels) {
+    uint64_t bytes = sizeof "SET\nCFG GPO\n" - 1;
+    for (const int number : channels) {
+        bytes += ("ADD GPI " + std::to_string(number) + "\n").size();
+    }
+    return bytes;
+}
+
+void ExamineInputs(const Facts& facts, Findings& findings) {
+    const std::vector<int> channels = facts.answer.table.Find(KIND_BUS);
+    const SocketRow* const control = facts.DaemonSocket(
+        htonl(static_cast<uint32_t>(facts.tqrd.GetHost())), facts.tqrd.GetPort());
+    if (channels.empty() || control == nullptr) {
+        return;
+    }
+    const std::optional<uint64_t> sent = SentBytes(control->inode);
+    const std::string mend =
+        std::string(RESTART) + "; for the future ORVEX_RESUBSCRIBE=yes in /etc/default/orvex";
+    if (sent && *sent < SubscribedBytes(channels)) {
+        findings.push_back({Level::Critical, "inputs",
+                            "not subscribed at TQRD: it was restarted, and the daemon did not "
+                            "subscribe again, so inputs are no longer reported",
+                            mend});
+    } else if (!facts.bus.stale_inputs.empty()) {
+        std::string text =
+            "the daemon's state differs from that of TQRD, so the subscription is "
+            "lost: input";
+        for (const int number : facts.bus.stale_inputs) {
+            text += " " + std::to_string(number);
+        }
+        findings.push_back({Level::Critical, "inputs", text, mend});
+    } else if (facts.bus.has_answered) {
+        findings.push_back({Level::Well, "inputs", "the daemon's states are those of TQRD", ""});
+    } else {
+        findings.push_back(
+            {Level::Note, "inputs", "whether they are subscribed can't be seen", ""});
+    }
+}
+
+}  // namespace
+
+Findings Examine(const Facts& facts, const ExpectedBus& bus, std::chrono::milliseconds limit) {
+    Findings findings;
+    ExamineDaemon(facts, findings);
+    ExaminePort(facts, findings);
+    const std::string device = BusDevice(facts, bus, findings);
+    if (facts.Daemon() != nullptr) {
+        ExamineGroup(facts, bus, device, findings);
+    }
+    ExamineServers(facts, limit, findings);
+    if (facts.Daemon() != nullptr) {
+        ExamineQueues(facts, findings);
+        ExamineAnswer(facts, findings);
+        ExamineInputs(facts, findings);
+    }
+    return findings;
+}

@@ -1,0 +1,102 @@
+#include "tools/doctor/NetworkTables.h"
+
+#include <ifaddrs.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tqr/dotted_quad.h"
+
+namespace {
+
+// "0100007F:005D"; the address as its bytes lie in memory.
+void ReadEndpoint(std::istream& row, uint32_t& ip, uint16_t& port) {
+    char colon = 0;
+    row >> std::hex >> ip >> colon >> port >> std::dec;
+}
+
+bool ReadRow(const std::string& line, SocketRow& socket) {
+    std::istringstream row(line);
+    std::string skipped;
+    char colon = 0;
+    row >> skipped;
+    ReadEndpoint(row, socket.local_ip, socket.local_port);
+    ReadEndpoint(row, socket.remote_ip, socket.remote_port);
+    row >> std::hex >> socket.state >> socket.unsent >> colon >> socket.unread >> std::dec;
+    row >> skipped >> skipped >> skipped >> skipped >> socket.inode;
+    const bool is_complete = !row.fail();
+    row >> skipped >> skipped >> socket.drops;
+    return is_complete;
+}
+
+}  // namespace
+
+std::vector<SocketRow> ReadSockets(const std::string& protocol) {
+    std::vector<SocketRow> rows;
+    std::ifstream table("/proc/net/" + protocol);
+    std::string line;
+    std::getline(table, line);  // the heading
+    while (std::getline(table, line)) {
+        SocketRow row;
+        if (ReadRow(line, row)) {
+            rows.push_back(row);
+        }
+    }
+    return rows;
+}
+
+// A line a device ("2 eth0 : 1 V3"), then one a group of it, which begins with blanks.
+std::vector<Membership> ReadMemberships() {
+    std::vector<Membership> memberships;
+    std::ifstream table("/proc/net/igmp");
+    std::string device;
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream row(line);
+        if (!line.empty() && line[0] != '\t' && line[0] != ' ') {
+            std::string number;
+            row >> number >> device;
+            continue;
+        }
+        uint32_t group = 0;
+        if (row >> std::hex >> group) {
+            memberships.push_back({device, group});
+        }
+    }
+    return memberships;
+}
+
+std::vector<InterfaceAddress> ReadInterfaces() {
+    std::vector<InterfaceAddress> interfaces;
+    std::map<std::string, bool> has_address;
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        return interfaces;
+    }
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        has_address.emplace(entry->ifa_name, false);
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
+            sockaddr_in address;
+            memcpy(&address, entry->ifa_addr, sizeof address);
+            interfaces.push_back({entry->ifa_name, address.sin_addr.s_addr});
+            has_address[entry->ifa_name] = true;
+        }
+    }
+    freeifaddrs(list);
+    for (const auto& device : has_address) {
+        if (!device.second) {
+            interfaces.push_back({device.first, 0});
+        }
+    }
+    return interfaces;
+}
+
+std::string IpText(uint32_t ip) {
+    return DottedQuad(ip).text;
+}
+
+std::string EndpointText(uint32_t ip, uint16_t port) {
+    return IpText(ip) + ":" + std::to_string(port);
+}

@@ -1,0 +1,40 @@
+// The system's tables of sockets, group memberships and addresses, in this network namespace.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A row of /proc/net/tcp or /proc/net/udp. Addresses in network, ports in host byte order.
+struct SocketRow {
+    uint32_t local_ip = 0;
+    uint32_t remote_ip = 0;
+    uint16_t local_port = 0;
+    uint16_t remote_port = 0;
+    unsigned state = 0;  // as the system numbers them: TCP_ESTABLISHED and so on
+    unsigned long unsent = 0;
+    unsigned long unread = 0;  // bytes that wait for the program
+    unsigned long inode = 0;   // names the socket in /proc/PID/fd; 0: no program has it
+    unsigned long drops = 0;   // UDP: datagrams lost for want of room
+};
+
+struct Membership {
+    std::string device;
+    uint32_t group = 0;  // network byte order
+};
+
+struct InterfaceAddress {
+    std::string device;
+    uint32_t ip = 0;  // network byte order, 0: has none
+};
+
+// protocol is "tcp" or "udp". Empty when there is no such table.
+std::vector<SocketRow> ReadSockets(const std::string& protocol);
+std::vector<Membership> ReadMemberships();
+
+// Every interface, once for each address.
+std::vector<InterfaceAddress> ReadInterfaces();
+
+// "10.0.0.9:94", ip in network byte order.
+std::string EndpointText(uint32_t ip, uint16_t port);
+std::string IpText(uint32_t ip);
