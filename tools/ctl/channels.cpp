@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/base/LineBuffer.h"
+#include "tools/bus/Interface.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"

@@ -7,37 +7,36 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/Question.h"
 
 namespace {
 
-const uint8_t INPUT_CIRCUITS[] = {13, 12, 11, 10, 9};
-
-struct LevelName {
+struct SeverityName {
     const char* json;
     const char* text;
     const char* plugin;
 };
 
-// In the order of Level. What can't be looked at is no trouble.
-const LevelName LEVELS[] = {{"ok", "ok", "OK"},
-                            {"note", "note", "OK"},
-                            {"warning", "WARN", "WARNING"},
-                            {"critical", "FAIL", "CRITICAL"}};
+// In the order of Severity. What can't be looked at is no trouble.
+const SeverityName SEVERITIES[] = {{"ok", "ok", "OK"},
+                                   {"note", "note", "OK"},
+                                   {"warning", "WARN", "WARNING"},
+                                   {"critical", "FAIL", "CRITICAL"}};
 
-const LevelName& NameOf(Level level) {
-    return LEVELS[static_cast<size_t>(level)];
+const SeverityName& NameOf(Severity severity) {
+    return SEVERITIES[static_cast<size_t>(severity)];
 }
 
 bool Differs(const std::string& state, const Question& question, uint32_t address) {
     for (size_t pin = 0; pin < state.size(); ++pin) {
-        const auto level = question.ValueOf(address << 8 | INPUT_CIRCUITS[pin]);
+        const uint32_t circuit = FIRST_INPUT_CIRCUIT - static_cast<uint32_t>(pin);
+        const auto answer = question.AnswerOf(address << 8 | circuit);
         const bool is_low = state[pin] == 'L' || state[pin] == 'l';
-        if (level && (*level != 0) != is_low) {
+        if (answer && (answer->level == Level::Low) != is_low) {
             return true;
         }
     }
@@ -72,7 +71,7 @@ std::vector<PinRef> PinsOf(const ChannelTable& table) {
 
 // Reads the pins of all channels as a peer would. A state that differs may have changed between the
 // two answers, so TQRD is asked once more then.
-BusAnswer AskBus(const Options& options, const BusSettings& settings, const Facts& facts) {
+BusAnswer AskBus(const BusSettings& settings, const Facts& facts) {
     BusAnswer answer;
     const std::vector<PinRef> pins = PinsOf(facts.answer.table);
     if (pins.empty()) {
@@ -80,8 +79,8 @@ BusAnswer AskBus(const Options& options, const BusSettings& settings, const Fact
         return answer;
     }
     try {
-        BusLink link(settings, options.console);
-        link.Listen();
+        BusLink link(settings);
+        link.Listen(BusLink::Hear::Reports);
         answer.was_asked = true;
         Question question(link, pins);
         Traffic traffic;
@@ -96,8 +95,8 @@ BusAnswer AskBus(const Options& options, const BusSettings& settings, const Fact
             const TableAnswer again = AskTable(facts.tqrd, std::chrono::milliseconds(1000));
             answer.stale_inputs = StaleInputs(again.table, question);
         }
-    } catch (const Failure& failure) {
-        answer.problem = failure.what();
+    } catch (const BusError& error) {
+        answer.problem = error.what();
     }
     return answer;
 }
@@ -116,13 +115,13 @@ void Print(const Options& options, const Findings& findings, Output& output) {
     for (const Finding& finding : findings) {
         if (options.json) {
             const nlohmann::ordered_json json = {{"check", finding.subject},
-                                                 {"status", NameOf(finding.level).json},
+                                                 {"status", NameOf(finding.severity).json},
                                                  {"finding", finding.text},
                                                  {"mend", finding.mend}};
             output.Write(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
                          "\n");
-        } else if (!options.console.quiet || finding.level > Level::Note) {
-            std::string heading = NameOf(finding.level).text;
+        } else if (!options.console.quiet || finding.severity > Severity::Note) {
+            std::string heading = NameOf(finding.severity).text;
             heading.resize(6, ' ');
             heading += finding.subject;
             heading.resize(17, ' ');
@@ -135,23 +134,23 @@ void Print(const Options& options, const Findings& findings, Output& output) {
 unsigned long Waiting(const Facts& facts, unsigned long SocketRow::*count) {
     unsigned long sum = 0;
     for (const SocketRow& row : facts.later_udp) {
-        sum += row.local_port == 2060 ? row.*count : 0;
+        sum += row.local_port == BUS_PORT ? row.*count : 0;
     }
     return sum;
 }
 
 // One line and performance data, as monitoring systems read it.
 int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
-    Level worst = Level::Well;
+    Severity worst = Severity::Well;
     std::string text;
     for (const Finding& finding : findings) {
-        if (finding.level > Level::Note) {
-            worst = std::max(worst, finding.level);
+        if (finding.severity > Severity::Note) {
+            worst = std::max(worst, finding.severity);
             text += (text.empty() ? "" : "; ") + std::string(finding.subject) + ": " + finding.text;
         }
     }
     const RunningProgram* const daemon = facts.Daemon();
-    const bool is_blind = worst < Level::Warning && daemon != nullptr && !daemon->shows_sockets;
+    const bool is_blind = worst < Severity::Warning && daemon != nullptr && !daemon->shows_sockets;
     if (text.empty()) {
         text = is_blind ? "the daemon's connections can't be seen without root" : "all is well";
     }
@@ -163,7 +162,7 @@ int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
                  "c bus_channels=" + std::to_string(facts.answer.table.Find(KIND_BUS).size()) +
                  " remote_channels=" + std::to_string(facts.answer.table.Find(KIND_REMOTE).size()) +
                  "\n");
-    return is_blind ? 3 : std::max(0, static_cast<int>(worst) - static_cast<int>(Level::Note));
+    return is_blind ? 3 : std::max(0, static_cast<int>(worst) - static_cast<int>(Severity::Note));
 }
 
 }  // namespace
@@ -174,7 +173,7 @@ int RunDoctor(const Options& options) {
     const ExpectedBus bus = {htonl(options.bus.group),
                              options.bus.iface.empty() ? "eth0" : options.bus.iface};
     Facts facts = Look(options.tqrd, limit);
-    facts.bus = AskBus(options, SettingsFor(options, facts, bus), facts);
+    facts.bus = AskBus(SettingsFor(options, facts, bus), facts);
     facts.later_udp = ReadSockets("udp");
     const Findings findings = Examine(facts, bus, limit);
     if (options.plugin) {
@@ -182,7 +181,7 @@ int RunDoctor(const Options& options) {
     }
     Print(options, findings, output);
     const bool is_well = std::all_of(findings.begin(), findings.end(), [](const Finding& finding) {
-        return finding.level < Level::Warning;
+        return finding.severity < Severity::Warning;
     });
     return is_well ? STATUS_DONE : STATUS_FAILED;
 }

@@ -4,11 +4,11 @@
 
 #include <algorithm>
 
-#include "tools/doctor/SentBytes.h"
+#include "app/protocol.h"
+#include "tools/doctor/Carried.h"
 
 namespace {
 
-const uint16_t BUS_PORT = 2060;
 const char* const RESTART = "systemctl restart orvex";
 
 std::string ProcessText(const RunningProgram& program) {
@@ -40,19 +40,19 @@ void ExamineDaemon(const Facts& facts, Findings& findings) {
     if (daemons.empty()) {
         const std::string before =
             facts.pid_file.empty() ? "" : "; it was process " + facts.pid_file + " once";
-        findings.push_back({Level::Critical, "daemon", "not running" + before,
+        findings.push_back({Severity::Critical, "daemon", "not running" + before,
                             "systemctl start orvex; journalctl -u orvex -n 20"});
     } else if (daemons.size() > 1) {
         std::string text = "more than one is running, so everything happens twice:";
         for (const RunningProgram* daemon : daemons) {
             text += " " + std::to_string(daemon->pid);
         }
-        findings.push_back({Level::Critical, "daemon", text,
+        findings.push_back({Severity::Critical, "daemon", text,
                             "end the one that was started by hand: kill PROCESS"});
     } else {
-        findings.push_back({Level::Well, "daemon", "running, " + ProcessText(*daemons[0]), ""});
+        findings.push_back({Severity::Well, "daemon", "running, " + ProcessText(*daemons[0]), ""});
         if (!daemons[0]->shows_sockets) {
-            findings.push_back({Level::Note, "daemon",
+            findings.push_back({Severity::Note, "daemon",
                                 "its connections and its environment can't be seen without root",
                                 "sudo orvexctl doctor"});
         }
@@ -72,7 +72,7 @@ void ExaminePort(const Facts& facts, Findings& findings) {
         }
     }
     if (!others.empty()) {
-        findings.push_back({facts.Daemon() == nullptr ? Level::Critical : Level::Warning,
+        findings.push_back({facts.Daemon() == nullptr ? Severity::Critical : Severity::Warning,
                             "port 2060",
                             "taken by another program (" + others + ")" +
                                 (facts.Daemon() == nullptr
@@ -80,10 +80,10 @@ void ExaminePort(const Facts& facts, Findings& findings) {
                                      : ": what is sent to this host alone reaches one of the two"),
                             "end that program: ss -lunp sport = :2060"});
     } else if (has_daemon) {
-        findings.push_back({Level::Well, "port 2060", "the daemon's alone", ""});
+        findings.push_back({Severity::Well, "port 2060", "the daemon's alone", ""});
     } else if (facts.Daemon() != nullptr) {
         findings.push_back(
-            {Level::Critical, "port 2060", "the daemon does not listen there", RESTART});
+            {Severity::Critical, "port 2060", "the daemon does not listen there", RESTART});
     }
 }
 
@@ -93,12 +93,12 @@ std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& find
     if (named.value_or(0) != 0) {
         const std::string device = facts.DeviceOf(*named);
         if (device.empty()) {
-            findings.push_back({Level::Critical, "interface",
+            findings.push_back({Severity::Critical, "interface",
                                 "TQRD names " + IpText(*named) + ", which no interface has",
                                 "mend NIC_IPADDR in TQRD, or: ip addr show"});
         } else {
-            findings.push_back(
-                {Level::Well, "interface", device + ", " + IpText(*named) + " as TQRD says", ""});
+            findings.push_back({Severity::Well, "interface",
+                                device + ", " + IpText(*named) + " as TQRD says", ""});
         }
         return device;
     }
@@ -107,13 +107,13 @@ std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& find
                      [&bus](const InterfaceAddress& entry) { return entry.device == bus.device; });
     if (found == facts.interfaces.end() || found->ip == 0) {
         findings.push_back(
-            {Level::Critical, "interface",
+            {Severity::Critical, "interface",
              bus.device + (found == facts.interfaces.end() ? " is not there" : " has no address") +
                  ": the daemon can't join the group on it",
              "ip addr add ADDRESS/24 dev " + bus.device + "; " + RESTART});
         return {};
     }
-    findings.push_back({Level::Well, "interface", bus.device + ", " + IpText(found->ip), ""});
+    findings.push_back({Severity::Well, "interface", bus.device + ", " + IpText(found->ip), ""});
     return bus.device;
 }
 
@@ -122,7 +122,7 @@ void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string&
     const std::string group = IpText(bus.group);
     const std::string option = facts.Daemon()->Option("-gpioip");
     if (!option.empty() && option != group) {
-        findings.push_back({Level::Critical, "group",
+        findings.push_back({Severity::Critical, "group",
                             "the daemon serves " + option + ", not " + group,
                             "mend -gpioip in /etc/default/orvex; " + std::string(RESTART) +
                                 " (or name the group that is meant: -g " + option + ")"});
@@ -131,14 +131,14 @@ void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string&
     std::string elsewhere;
     for (const Membership& membership : facts.memberships) {
         if (membership.group == bus.group && membership.device == device) {
-            findings.push_back({Level::Well, "group", group + " is joined on " + device, ""});
+            findings.push_back({Severity::Well, "group", group + " is joined on " + device, ""});
             return;
         }
         if (membership.group == bus.group) {
             elsewhere += " " + membership.device;
         }
     }
-    findings.push_back({Level::Critical, "group",
+    findings.push_back({Severity::Critical, "group",
                         group + " is not joined on " + (device.empty() ? bus.device : device) +
                             (elsewhere.empty() ? "" : ", but on" + elsewhere) +
                             ": nothing that is sent to it arrives",
@@ -160,7 +160,7 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
         }
     }
     if (waiting > 0 || lost_now > 0) {
-        findings.push_back({Level::Warning, "queue",
+        findings.push_back({Severity::Warning, "queue",
                             std::to_string(waiting) + " bytes wait on port 2060 and " +
                                 std::to_string(lost_now) +
                                 " datagrams were lost just now: the "
@@ -168,21 +168,21 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
                             "orvex(8), \"A remote server does not answer at all\"; "
                             "net.core.rmem_default"});
     } else if (lost > 0) {
-        findings.push_back({Level::Note, "queue",
+        findings.push_back({Severity::Note, "queue",
                             std::to_string(lost) + " datagrams were lost since the daemon began",
                             "net.core.rmem_default holds more; orvex(8), OPERATION"});
     } else {
-        findings.push_back({Level::Well, "queue", "nothing waits, nothing was lost", ""});
+        findings.push_back({Severity::Well, "queue", "nothing waits, nothing was lost", ""});
     }
 }
 
 void ExamineAnswer(const Facts& facts, Findings& findings) {
     if (!facts.bus.was_asked) {
-        findings.push_back({Level::Note, "read", "not asked: " + facts.bus.problem, ""});
+        findings.push_back({Severity::Note, "read", "not asked: " + facts.bus.problem, ""});
     } else if (facts.bus.has_answered) {
-        findings.push_back({Level::Well, "read", "the daemon answers on the bus", ""});
+        findings.push_back({Severity::Well, "read", "the daemon answers on the bus", ""});
     } else {
-        findings.push_back({Level::Critical, "read",
+        findings.push_back({Severity::Critical, "read",
                             "the daemon does not answer on the bus" +
                                 (facts.bus.problem.empty() ? "" : ": " + facts.bus.problem),
                             "mend what is above first; then orvex(8), \"Reports or replies do not "
@@ -190,27 +190,48 @@ void ExamineAnswer(const Facts& facts, Findings& findings) {
     }
 }
 
-// The lines that a subscribed connection has carried at least.
-uint64_t SubscribedBytes(const std::vector<int>& channels) {
-    uint64_t bytes = sizeof "SET\nCFG GPO\n" - 1;
-    for (const int number : channels) {
-        bytes += ("ADD GPI " + std::to_string(number) + "\n").size();
+// What a connection with subscriptions has carried at least: the questions after connecting, the
+// configuration, the subscriptions and what they were answered.
+Carried LeastCarried(const ChannelTable& table) {
+    Carried least = {sizeof "SET\nCFG GPO\n" - 1, 0};
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        const ChannelInfo& channel = table.Channel(number);
+        least.received += channel.is_configured ? channel.line.size() + 1 : 0;
+        if (channel.config.proto == KIND_BUS) {
+            const std::string text = "GPI " + std::to_string(number);
+            least.sent += ("ADD " + text + "\n").size();
+            least.received +=
+                channel.input.empty() ? 0 : (text + " " + channel.input + "\n").size();
+        }
     }
-    return bytes;
+    return least;
+}
+
+// Whether TQRD, here on this host, was started after the daemon.
+bool IsTqrdNewer(const Facts& facts) {
+    for (const SocketRow& row : facts.tcp) {
+        if (row.state == TCP_LISTEN && row.local_port == facts.tqrd.GetPort()) {
+            const RunningProgram* const owner = facts.OwnerOf(row);
+            return owner != nullptr && owner->started > facts.Daemon()->started;
+        }
+    }
+    return false;
 }
 
 void ExamineInputs(const Facts& facts, Findings& findings) {
-    const std::vector<int> channels = facts.answer.table.Find(KIND_BUS);
+    const ChannelTable& table = facts.answer.table;
     const SocketRow* const control = facts.DaemonSocket(
         htonl(static_cast<uint32_t>(facts.tqrd.GetHost())), facts.tqrd.GetPort());
-    if (channels.empty() || control == nullptr) {
+    if (table.Find(KIND_BUS).empty() || control == nullptr) {
         return;
     }
-    const std::optional<uint64_t> sent = SentBytes(control->inode);
+    const std::optional<Carried> carried = ReadCarried(control->inode);
+    const Carried least = LeastCarried(table);
+    const bool subscribes_again = facts.Daemon()->Variable("ORVEX_RESUBSCRIBE") == "yes";
     const std::string mend =
         std::string(RESTART) + "; for the future ORVEX_RESUBSCRIBE=yes in /etc/default/orvex";
-    if (sent && *sent < SubscribedBytes(channels)) {
-        findings.push_back({Level::Critical, "inputs",
+    if (carried && (carried->sent < least.sent || carried->received < least.received)) {
+        findings.push_back({Severity::Critical, "inputs",
                             "not subscribed at TQRD: it was restarted, and the daemon did not "
                             "subscribe again, so inputs are no longer reported",
                             mend});
@@ -221,12 +242,17 @@ void ExamineInputs(const Facts& facts, Findings& findings) {
         for (const int number : facts.bus.stale_inputs) {
             text += " " + std::to_string(number);
         }
-        findings.push_back({Level::Critical, "inputs", text, mend});
+        findings.push_back({Severity::Critical, "inputs", text, mend});
+    } else if (!subscribes_again && IsTqrdNewer(facts)) {
+        findings.push_back({Severity::Warning, "inputs",
+                            "TQRD was started after the daemon, which does not subscribe again: "
+                            "if they were connected before, inputs are no longer reported",
+                            mend});
     } else if (facts.bus.has_answered) {
-        findings.push_back({Level::Well, "inputs", "the daemon's states are those of TQRD", ""});
+        findings.push_back({Severity::Well, "inputs", "the daemon's states are those of TQRD", ""});
     } else {
         findings.push_back(
-            {Level::Note, "inputs", "whether they are subscribed can't be seen", ""});
+            {Severity::Note, "inputs", "whether they are subscribed can't be seen", ""});
     }
 }
 

@@ -7,7 +7,7 @@
 
 #include "tools/doctor/Facts.h"
 
-enum class Level {
+enum class Severity {
     Well,
     Note,     // could not be looked at, or is worth knowing
     Warning,  // works, but not as it should
@@ -15,7 +15,7 @@ enum class Level {
 };
 
 struct Finding {
-    Level level;
+    Severity severity;
     const char* subject;  // "daemon", "TQRD": what was looked at
     std::string text;     // what was found, with its cause
     std::string mend;     // what to do about it; empty when there is nothing to do

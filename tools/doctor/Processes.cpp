@@ -45,6 +45,18 @@ void ReadSocketsOf(const fs::path& folder, RunningProgram& program) {
     }
 }
 
+// The 22nd field of the line; the second, the name, is in brackets and may hold anything.
+unsigned long long StartTime(const std::string& stat) {
+    std::istringstream fields(stat.substr(std::min(stat.rfind(')'), stat.size() - 1) + 1));
+    std::string skipped;
+    for (int field = 3; field < 22; ++field) {
+        fields >> skipped;
+    }
+    unsigned long long ticks = 0;
+    fields >> ticks;
+    return ticks;
+}
+
 }  // namespace
 
 std::string RunningProgram::Option(const std::string& option) const {
@@ -82,6 +94,7 @@ std::vector<RunningProgram> ReadPrograms() {
         RunningProgram program;
         program.pid = static_cast<pid_t>(strtol(number.c_str(), nullptr, 10));
         program.name = ReadFile(folder / "comm");
+        program.started = StartTime(ReadFile(folder / "stat") + "\n");
         program.name.erase(std::remove(program.name.begin(), program.name.end(), '\n'),
                            program.name.end());
         program.arguments = Split(ReadFile(folder / "cmdline"));

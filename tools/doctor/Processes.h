@@ -9,6 +9,7 @@
 
 struct RunningProgram {
     pid_t pid = 0;
+    unsigned long long started = 0;  // ticks since the system started
     std::string name;
     std::vector<std::string> arguments;    // the program's own name first
     std::vector<std::string> environment;  // "NAME=value"; empty when it may not be read

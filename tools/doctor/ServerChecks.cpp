@@ -59,7 +59,7 @@ std::string Place(const CSvcAddress& address) {
 }
 
 Finding Hanging(const char* subject, const std::string& place) {
-    return {Level::Critical, subject,
+    return {Severity::Critical, subject,
             place +
                 " does not answer, and the daemon hangs in connecting to it (SYN-SENT): until "
                 "that ends nothing is served",
@@ -78,20 +78,20 @@ void ExamineControl(const Facts& facts, Findings& findings) {
     if (IsHanging(socket)) {
         findings.push_back(Hanging("TQRD", place));
     } else if (!answer.has_answered && answer.error != 0) {
-        findings.push_back({Level::Critical, "TQRD",
+        findings.push_back({Severity::Critical, "TQRD",
                             place + " can't be reached, so nothing is served: " +
                                 Cause({answer.error, answer.problem}),
                             mend});
     } else if (is_seen && !IsConnected(socket)) {
-        findings.push_back({Level::Critical, "TQRD",
+        findings.push_back({Severity::Critical, "TQRD",
                             "the daemon has no connection to " + place + ", but it can be reached",
                             "wait 4 seconds and look again; orvex(8), TROUBLESHOOTING"});
     } else if (!answer.has_answered) {
         findings.push_back(
-            {Level::Warning, "TQRD", place + " takes connections but tells no channels", mend});
+            {Severity::Warning, "TQRD", place + " takes connections but tells no channels", mend});
     } else {
         findings.push_back(
-            {Level::Well, "TQRD", (is_seen ? "connected to " : "there, at ") + place, ""});
+            {Severity::Well, "TQRD", (is_seen ? "connected to " : "there, at ") + place, ""});
     }
 }
 
@@ -119,12 +119,12 @@ void ExamineRemote(const Facts& facts, const Remote& remote, milliseconds limit,
     const SocketRow* const socket = facts.DaemonSocket(remote.ip, remote.port);
     const std::string place = EndpointText(remote.ip, remote.port);
     if (IsConnected(socket)) {
-        findings.push_back({Level::Well, "remote", "connected to " + place, ""});
+        findings.push_back({Severity::Well, "remote", "connected to " + place, ""});
     } else if (IsHanging(socket)) {
         findings.push_back(Hanging("remote", place));
     } else {
         const Probe probe = Try(CSvcAddress(ntohl(remote.ip), remote.port), limit);
-        findings.push_back({Level::Critical, "remote",
+        findings.push_back({Severity::Critical, "remote",
                             "no connection to " + place + ", which drives output " +
                                 remote.channels + ": " + Cause(probe),
                             probe.error == 0 ? "wait 54 seconds: the daemon tries again"
@@ -137,16 +137,16 @@ void ExamineLimit(const Facts& facts, bool is_needed, Findings& findings) {
     const RunningProgram* const daemon = facts.Daemon();
     if (!daemon->Variable("ORVEX_CONNECT_TIMEOUT").empty()) {
         findings.push_back(
-            {Level::Well, "limit",
+            {Severity::Well, "limit",
              "connecting takes " + daemon->Variable("ORVEX_CONNECT_TIMEOUT") + " s at most", ""});
     } else if (facts.syn_retries > GOOD_SYN_RETRIES) {
-        findings.push_back({is_needed ? Level::Warning : Level::Note, "limit",
+        findings.push_back({is_needed ? Severity::Warning : Severity::Note, "limit",
                             "tcp_syn_retries is " + std::to_string(facts.syn_retries) +
                                 ": a server that does not answer stops everything for long",
                             LIMIT});
     } else {
-        findings.push_back(
-            {Level::Well, "limit", "tcp_syn_retries is " + std::to_string(facts.syn_retries), ""});
+        findings.push_back({Severity::Well, "limit",
+                            "tcp_syn_retries is " + std::to_string(facts.syn_retries), ""});
     }
 }
 

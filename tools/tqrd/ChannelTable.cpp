@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "tools/bus/PinName.h"
 #include "tools/tqrd/SourceNotes.h"
 #include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
@@ -80,17 +81,12 @@ std::string RemoteServer(const ChannelConfig& config) {
     return std::string(DottedQuad(config.ip).text) + ":" + std::to_string(config.port);
 }
 
-std::string BusAddress(uint32_t address) {
-    return address < 256 ? std::to_string(address)
-                         : std::to_string(address >> 8) + ":" + std::to_string(address & 0xFF);
-}
-
 std::string DescribeSource(const ChannelConfig& config) {
     switch (config.proto) {
         case KIND_REMOTE:
             return "input " + std::to_string(RemoteInput(config)) + " of " + RemoteServer(config);
         case KIND_BUS:
-            return "writes on the bus to " + BusAddress(config.ach);
+            return "writes on the bus to " + AddressText(config.ach);
         default:
             return "nothing";
     }

@@ -59,6 +59,3 @@ std::string RemoteServer(const ChannelConfig& config);
 // What drives the output, in words: "writes on the bus to 1:2", "input 3 of 10.0.0.9:94" or
 // "nothing".
 std::string DescribeSource(const ChannelConfig& config);
-
-// "1:2", or "7": an address on the bus as sources name it.
-std::string BusAddress(uint32_t address);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "tools/bus/PinName.h"
 #include "tools/tqrd/ChannelTable.h"
 #include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
@@ -94,7 +95,7 @@ void Notes::AboutAddress() {
             Add("The second number has 8 bits: " + second +
                 " runs over into the first one, which "
                 "makes " +
-                BusAddress(m_config.ach) + ".");
+                AddressText(m_config.ach) + ".");
         }
     }
     if (IsOctal(first) || IsOctal(second)) {

@@ -1,4 +1,4 @@
-#include "tools/doctor/SentBytes.h"
+#include "tools/doctor/Carried.h"
 
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
@@ -22,7 +22,7 @@ struct Request {
 };
 
 // What the kernel tells with a socket; an older one has a shorter structure.
-std::optional<uint64_t> FromInfo(const nlmsghdr* message) {
+std::optional<Carried> FromInfo(const nlmsghdr* message) {
     const auto* const body = static_cast<const inet_diag_msg*>(NLMSG_DATA(message));
     int left = static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(sizeof *body));
     const auto* attribute = reinterpret_cast<const rtattr*>(body + 1);
@@ -31,14 +31,15 @@ std::optional<uint64_t> FromInfo(const nlmsghdr* message) {
             RTA_PAYLOAD(attribute) >= offsetof(tcp_info, tcpi_bytes_retrans) + sizeof(uint64_t)) {
             tcp_info info = {};
             memcpy(&info, RTA_DATA(attribute), std::min(sizeof info, RTA_PAYLOAD(attribute)));
-            return info.tcpi_bytes_sent - info.tcpi_bytes_retrans;
+            return Carried{info.tcpi_bytes_sent - info.tcpi_bytes_retrans,
+                           info.tcpi_bytes_received};
         }
     }
     return std::nullopt;
 }
 
 // True when the answer is complete or there is none.
-bool ReadPart(const char* data, size_t size, unsigned long inode, std::optional<uint64_t>& sent) {
+bool ReadPart(const char* data, size_t size, unsigned long inode, std::optional<Carried>& carried) {
     const auto* message = reinterpret_cast<const nlmsghdr*>(data);
     for (unsigned int left = static_cast<unsigned int>(size); NLMSG_OK(message, left);
          message = NLMSG_NEXT(message, left)) {
@@ -46,7 +47,7 @@ bool ReadPart(const char* data, size_t size, unsigned long inode, std::optional<
             return true;
         }
         if (static_cast<const inet_diag_msg*>(NLMSG_DATA(message))->idiag_inode == inode) {
-            sent = FromInfo(message);
+            carried = FromInfo(message);
         }
     }
     return false;
@@ -54,7 +55,7 @@ bool ReadPart(const char* data, size_t size, unsigned long inode, std::optional<
 
 }  // namespace
 
-std::optional<uint64_t> SentBytes(unsigned long inode) {
+std::optional<Carried> ReadCarried(unsigned long inode) {
     const Descriptor link(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     Request request = {};
     request.header.nlmsg_len = sizeof request;
@@ -67,11 +68,11 @@ std::optional<uint64_t> SentBytes(unsigned long inode) {
     if (send(link.Get(), &request, sizeof request, 0) < 0) {
         return std::nullopt;
     }
-    std::optional<uint64_t> sent;
+    std::optional<Carried> carried;
     alignas(nlmsghdr) char data[32768];
     for (bool is_over = false; !is_over;) {
         const ssize_t got = recv(link.Get(), data, sizeof data, 0);
-        is_over = got <= 0 || ReadPart(data, static_cast<size_t>(got), inode, sent);
+        is_over = got <= 0 || ReadPart(data, static_cast<size_t>(got), inode, carried);
     }
-    return sent;
+    return carried;
 }
