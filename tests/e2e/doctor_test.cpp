@@ -36,8 +36,8 @@ protected:
         ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1"));
     }
 
-    int Run(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {ORVEXCTL_PROGRAM, "doctor", "-W", "0.5"});
+    int Run(std::vector<std::string> arguments, const char* command = "doctor") {
+        arguments.insert(arguments.begin(), {ORVEXCTL_PROGRAM, command, "-W", "0.5"});
         const Host::Scope on(device);
         Process doctor(arguments);
         EXPECT_TRUE(Await([&doctor] {
@@ -79,6 +79,26 @@ TEST_F(Doctor, FindsNothingWhenAllIsWell) {
     EXPECT_EQ(out,
               "ORVEX OK - all is well | waiting=0B lost=0c bus_channels=1 "
               "remote_channels=1\n");
+}
+
+TEST_F(Doctor, ShowsChannels) {
+    StartControl();
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 3 SRCA=1:300"), "");
+    EXPECT_EQ(Run({}, "channels"), 0);
+    EXPECT_EQ(out,
+              "OUTPUT  SOURCE       DRIVEN BY                  STATE  INPUT\n"
+              "1       1:2          writes on the bus to 1:2   -      HHHHH\n"
+              "2       10.77.0.2/1  input 1 of 10.77.0.2:93    -\n"
+              "3       1:300        writes on the bus to 1:44  -      HHHHH\n"
+              "        The second number has 8 bits: 300 runs over into the first one, which "
+              "makes 1:44.\n");
+    EXPECT_EQ(Run({"--json"}, "channels"), 0);
+    const Json row = Json::parse(out.substr(0, out.find('\n')));
+    EXPECT_EQ(row["address"], 0x102);
+    EXPECT_EQ(row["input"], "HHHHH");
+    EXPECT_TRUE(row["output"].is_null());
+    EXPECT_EQ(Run({"--explain", "SRCA=10.0.0.9/3:94"}, "channels"), 0);
+    EXPECT_EQ(out.substr(0, out.find('\n')), "input 3 of 10.0.0.9:93");
 }
 
 TEST_F(Doctor, FindsThatTqrdIsDown) {
