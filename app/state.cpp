@@ -96,12 +96,20 @@ void answer_read(CMessage& request, unsigned long request_id) {
     CMessage reply(MSG_SIZE, MSG_GROW_BY);
     reply.SetId(ID_REPORT);
     bool complete = reply.SetDword(TAG_REFERS_TO, request_id);
-    int matches = 0;
+    // A tag that the request repeats has its value already. What channels of one address have in
+    // common comes once for each of them, one behind the other, and the last one's value counts.
+    int answered[CHANNEL_COUNT] = {};  // bits of pins
+    unsigned long last = TAG_REFERS_TO;
     for_each_pin(request, [&](int c, unsigned long tag, int pin) {
-        complete = reply.SetByte(tag, read_pin(channels[c], pin)) && complete;
-        ++matches;
+        if ((answered[c] & 1 << pin) == 0) {
+            answered[c] |= 1 << pin;
+            const unsigned char value = read_pin(channels[c], pin);
+            complete =
+                (tag == last ? reply.SetByte(tag, value) : reply.AddByte(tag, value)) && complete;
+            last = tag;
+        }
     });
-    if (matches > 0 && complete && reply.SetByte(TAG_REPLY_KIND, REPLY_TO_READ) &&
+    if (last != TAG_REFERS_TO && complete && reply.SetByte(TAG_REPLY_KIND, REPLY_TO_READ) &&
         reply.SetQword(TAG_REQUEST_DATA, request.GetQword(TAG_REQUEST_DATA))) {
         send_to_group(reply);
     }

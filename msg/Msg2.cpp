@@ -59,6 +59,39 @@ void CMsg2::Node::DeleteValue() {
     m_Value.m_nQword = 0;
 }
 
+bool CMsg2::Node::MakeString(const char* s) {
+    const size_t size = s == nullptr ? 0 : strlen(s) + 1;
+    if (size > MAX_COUNT) {
+        return false;
+    }
+    *this = Node(ITEM_STRING, static_cast<unsigned int>(size));
+    return s == nullptr || copy_array(m_Value.m_pString, m_nCount, s);
+}
+
+bool CMsg2::Node::MakeArray(const unsigned char* p) {
+    return copy_array(m_Value.m_pBytes, m_nCount, p);
+}
+
+bool CMsg2::Node::MakeArray(const unsigned short* p) {
+    return copy_array(m_Value.m_pWords, m_nCount, p);
+}
+
+bool CMsg2::Node::MakeArray(const unsigned long* p) {
+    if (!copy_array(m_Value.m_pDwords, m_nCount, p)) {
+        return false;
+    }
+    for (unsigned int i = 0; i < m_nCount; ++i) {
+        m_Value.m_pDwords[i] = static_cast<uint32_t>(m_Value.m_pDwords[i]);
+    }
+    return true;
+}
+
+bool CMsg2::Node::MakeMsg(const CMsg2& m) {
+    *this = Node(ITEM_MSG, 0);
+    m_Value.m_pMsg = Clone(m);
+    return m_Value.m_pMsg != nullptr;
+}
+
 CMsg2::CMsg2(unsigned int size, unsigned int growBy) : m_nGrowBy(growBy) {
     if (size > 0) {
         Resize(size);
@@ -76,6 +109,7 @@ void CMsg2::Empty() {
         m_pItems[i].m_nTag = 0;
     }
     m_nItemCount = 0;
+    m_bDistinct = true;
 }
 
 bool CMsg2::Remove(unsigned long tag) {
@@ -209,6 +243,12 @@ bool CMsg2::SetByte(unsigned long tag, unsigned char v) {
     return StoreNumber(tag, ITEM_BYTE, v);
 }
 
+bool CMsg2::AddByte(unsigned long tag, unsigned char v) {
+    Node item(ITEM_BYTE, 0);
+    item.m_Value.m_nDword = v;
+    return Append(tag, item);
+}
+
 bool CMsg2::SetWord(unsigned long tag, unsigned short v) {
     return StoreNumber(tag, ITEM_WORD, v);
 }
@@ -224,45 +264,28 @@ bool CMsg2::SetQword(unsigned long tag, unsigned long long v) {
 }
 
 bool CMsg2::SetString(unsigned long tag, const char* s) {
-    if (s == nullptr) {
-        return Store(tag, Node(ITEM_STRING, 0));
-    }
-    const size_t size = strlen(s) + 1;
-    if (size > MAX_COUNT) {
-        return false;
-    }
-    Node item(ITEM_STRING, static_cast<unsigned int>(size));
-    return copy_array(item.m_Value.m_pString, item.m_nCount, s) && Store(tag, item);
+    Node item;
+    return item.MakeString(s) && Store(tag, item);
 }
 
 bool CMsg2::SetByteArray(unsigned long tag, unsigned int n, const unsigned char* p) {
     Node item(ITEM_BYTE_ARRAY, n);
-    return copy_array(item.m_Value.m_pBytes, item.m_nCount, p) && Store(tag, item);
+    return item.MakeArray(p) && Store(tag, item);
 }
 
 bool CMsg2::SetWordArray(unsigned long tag, unsigned int n, const unsigned short* p) {
     Node item(ITEM_WORD_ARRAY, n);
-    return copy_array(item.m_Value.m_pWords, item.m_nCount, p) && Store(tag, item);
+    return item.MakeArray(p) && Store(tag, item);
 }
 
 bool CMsg2::SetDwordArray(unsigned long tag, unsigned int n, const unsigned long* p) {
     Node item(ITEM_DWORD_ARRAY, n);
-    if (!copy_array(item.m_Value.m_pDwords, item.m_nCount, p)) {
-        return false;
-    }
-    for (unsigned int i = 0; i < item.m_nCount; ++i) {
-        item.m_Value.m_pDwords[i] = static_cast<uint32_t>(item.m_Value.m_pDwords[i]);
-    }
-    return Store(tag, item);
+    return item.MakeArray(p) && Store(tag, item);
 }
 
 bool CMsg2::SetMsg(unsigned long tag, const CMsg2* m) {
-    if (m == nullptr) {
-        return false;
-    }
-    Node item(ITEM_MSG, 0);
-    item.m_Value.m_pMsg = Clone(*m);
-    return item.m_Value.m_pMsg != nullptr && Store(tag, item);
+    Node item;
+    return m != nullptr && item.MakeMsg(*m) && Store(tag, item);
 }
 
 bool CMsg2::SetByteArrayItem(unsigned long tag, unsigned int index, unsigned char v) {
@@ -373,6 +396,21 @@ bool CMsg2::Store(unsigned long tag, Node item) {
     } else {
         slot = AddItem(tag);
     }
+    if (slot == nullptr) {
+        item.DeleteValue();
+        return false;
+    }
+    item.m_nTag = slot->m_nTag;
+    *slot = item;
+    return true;
+}
+
+// The same for a tag that the message does not have. Leaves the cursor where a search would have.
+bool CMsg2::Append(unsigned long tag, Node item) {
+    if (m_nCursor >= m_nItemCount && m_nItemCount > 0) {
+        m_nCursor = 0;
+    }
+    Node* const slot = AddItem(tag);
     if (slot == nullptr) {
         item.DeleteValue();
         return false;

@@ -57,6 +57,16 @@ public:
         // Frees what the value owns; type, count and value become 0, the tag stays.
         void DeleteValue();
 
+        // Make the value, of a slot that owns none, a copy of what is given: MakeArray as many
+        // elements as the slot's count says, zeros for null; MakeCopy what is in a slot of the same
+        // type and count. False without memory, or when a text is too long; nothing is owned then.
+        bool MakeString(const char* s);
+        bool MakeArray(const unsigned char* p);
+        bool MakeArray(const unsigned short* p);
+        bool MakeArray(const unsigned long* p);
+        bool MakeMsg(const CMsg2& m);
+        bool MakeCopy(const Node& other);
+
         uint32_t m_nTag = 0;
         uint8_t m_nType = ITEM_NONE;
         uint16_t m_nCount = 0;  // elements of an array, bytes of a text with its NUL; 0 for others
@@ -132,6 +142,8 @@ public:
     bool SetWord(unsigned long tag, unsigned short v);
     bool SetDword(unsigned long tag, unsigned long v);
     bool SetQword(unsigned long tag, unsigned long long v);
+    // Like SetByte for a tag that the caller knows to be new: nothing is compared.
+    bool AddByte(unsigned long tag, unsigned char v);
     // Copies the text. Null makes an item without text; more than 65534 characters are refused.
     bool SetString(unsigned long tag, const char* s);
     // Copies n (its low 16 bits) elements; null stands for zeros. An array of no elements is an
@@ -176,7 +188,7 @@ public:
 private:
     static CMsg2* Clone(const CMsg2& other);
     bool CopyItems(const CMsg2& other);
-    bool CopyItem(unsigned long tag, const Node& item);
+    bool CopyItem(unsigned long tag, const Node& item, bool is_new);
     bool HoldsMsg() const;
     bool Holds(const CMsg2& other) const;
     void MergeOwn(const CMsg2& other);
@@ -187,10 +199,10 @@ private:
     Node* AddItem(unsigned long tag);
     bool Resize(uint32_t capacity);
     bool Store(unsigned long tag, Node item);
+    bool Append(unsigned long tag, Node item);
     bool StoreNumber(unsigned long tag, ItemType type, uint32_t v);
 
     uint64_t EncodedSize() const;
-    static uint64_t EncodedSize(const Node& item);
     uint32_t Encode(char* buf, uint32_t pos) const;
     int Decode(const char* data, uint32_t len);
     int DecodeLevel(const char* data, uint32_t len);
@@ -201,4 +213,5 @@ private:
     uint32_t m_nCapacity = 0;
     uint32_t m_nGrowBy;
     uint32_t m_nCursor = 0xFFFF;  // slot where the last search ended
+    bool m_bDistinct = true;      // no tag is there twice: what setters built
 };

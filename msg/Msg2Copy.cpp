@@ -53,34 +53,41 @@ CMsg2* CMsg2::Clone(const CMsg2& other) {
 }
 
 // Sets all items of other, which must not be part of this message. False when one of them failed.
+// Every tag is compared with those before it, unless each is known to be there once.
 bool CMsg2::CopyItems(const CMsg2& other) {
+    const bool are_new = m_nItemCount == 0 && other.m_bDistinct;
     bool complete = true;
     for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
         const Node& item = other.m_pItems[i];
-        complete = CopyItem(item.m_nTag, item) && complete;
+        complete = CopyItem(item.m_nTag, item, are_new) && complete;
     }
     return complete;
 }
 
-// Sets the tag to a copy of the item's value.
-bool CMsg2::CopyItem(unsigned long tag, const Node& item) {
-    switch (item.m_nType) {
-        case ITEM_BYTE:
-        case ITEM_WORD:
-        case ITEM_DWORD:
-        case ITEM_QWORD:
-            return Store(tag, item);
+// Sets the tag, which may be known to be new, to a copy of the item's value.
+bool CMsg2::CopyItem(unsigned long tag, const Node& item, bool is_new) {
+    if (item.m_nType == ITEM_NONE || item.m_nType > ITEM_QWORD) {
+        return true;
+    }
+    Node copy(static_cast<ItemType>(item.m_nType), item.m_nCount);
+    return copy.MakeCopy(item) && (is_new ? Append(tag, copy) : Store(tag, copy));
+}
+
+// Makes the value of a slot of the same type and count.
+bool CMsg2::Node::MakeCopy(const Node& other) {
+    switch (m_nType) {
         case ITEM_STRING:
-            return SetString(tag, item.m_Value.m_pString);
+            return MakeString(other.m_Value.m_pString);
         case ITEM_BYTE_ARRAY:
-            return SetByteArray(tag, item.m_nCount, item.m_Value.m_pBytes);
+            return MakeArray(other.m_Value.m_pBytes);
         case ITEM_WORD_ARRAY:
-            return SetWordArray(tag, item.m_nCount, item.m_Value.m_pWords);
+            return MakeArray(other.m_Value.m_pWords);
         case ITEM_DWORD_ARRAY:
-            return SetDwordArray(tag, item.m_nCount, item.m_Value.m_pDwords);
+            return MakeArray(other.m_Value.m_pDwords);
         case ITEM_MSG:
-            return SetMsg(tag, item.m_Value.m_pMsg);
+            return MakeMsg(*other.m_Value.m_pMsg);
         default:
+            m_Value = other.m_Value;
             return true;
     }
 }
@@ -103,12 +110,13 @@ bool CMsg2::Holds(const CMsg2& other) const {
 void CMsg2::MergeOwn(const CMsg2& other) {
     CMsg2 copy(other.m_nItemCount, 0);
     for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
-        copy.CopyItem(i, other.m_pItems[i]);
+        copy.CopyItem(i, other.m_pItems[i], true);
     }
     for (unsigned int i = 0; i < copy.m_nItemCount; ++i) {
         uint32_t& tag = copy.m_pItems[i].m_nTag;
         tag = other.m_pItems[tag].m_nTag;
     }
+    copy.m_bDistinct = other.m_bDistinct;
     CopyItems(copy);
 }
 
@@ -119,4 +127,5 @@ void CMsg2::Swap(CMsg2& other) {
     std::swap(m_nCapacity, other.m_nCapacity);
     std::swap(m_nGrowBy, other.m_nGrowBy);
     std::swap(m_nCursor, other.m_nCursor);
+    std::swap(m_bDistinct, other.m_bDistinct);
 }

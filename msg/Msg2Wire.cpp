@@ -22,7 +22,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
 
 #include "msg/Msg2.h"
@@ -38,36 +37,34 @@ const uint32_t MAX_DATA = 0xFFFF;
 const unsigned int NESTED_GROW_BY = 16;
 const int NO_MEMORY = -1;
 
-// The layout of an item's value: the width of a number, 0 for an item with a count, and the width
-// of each of the elements that are counted.
-struct ValueLayout {
-    uint32_t number;
-    uint32_t element;
-};
+// The width of an item's number, 0 for an item with a count. Tests, not a table: the processor
+// guesses their outcome and goes on, but would have to wait for what the table says before it knew
+// where the next item begins.
+inline uint32_t s_GetNumberSize(uint8_t type) {
+    if (type == CMsg2::ITEM_BYTE) {
+        return sizeof(uint8_t);
+    }
+    if (type == CMsg2::ITEM_DWORD) {
+        return sizeof(uint32_t);
+    }
+    if (type == CMsg2::ITEM_WORD) {
+        return sizeof(uint16_t);
+    }
+    return type == CMsg2::ITEM_QWORD ? sizeof(uint64_t) : 0;
+}
 
-const ValueLayout LAYOUTS[] = {
-    {0, 0},  // ITEM_NONE
-    {4, 0},  // ITEM_DWORD
-    {0, 1},  // ITEM_STRING
-    {0, 1},  // ITEM_BYTE_ARRAY
-    {0, 2},  // ITEM_WORD_ARRAY
-    {0, 4},  // ITEM_DWORD_ARRAY
-    {0, 1},  // ITEM_MSG
-    {1, 0},  // ITEM_BYTE
-    {2, 0},  // ITEM_WORD
-    {8, 0}   // ITEM_QWORD
-};
+// The width of each of the elements that are counted, by type; further types have none.
+const uint32_t ELEMENT_SIZES[] = {0, 0, 1, 1, 2, 4, 1};
 
-// Unknown types are laid out like none.
-const ValueLayout& s_GetLayout(uint8_t type) {
-    return LAYOUTS[type < std::size(LAYOUTS) ? type : 0];
+uint32_t s_GetElementSize(uint8_t type) {
+    return type < sizeof ELEMENT_SIZES / sizeof *ELEMENT_SIZES ? ELEMENT_SIZES[type] : 0;
 }
 
 // What an item takes with as many elements as its count says.
 uint32_t s_GetItemSize(const CMsg2::Node& item) {
-    const ValueLayout& layout = s_GetLayout(item.m_nType);
-    const uint32_t number = layout.number > 0 ? layout.number : COUNT_WIDTH;
-    return ITEM_HEAD + number + layout.element * item.m_nCount;
+    const uint32_t number = s_GetNumberSize(item.m_nType);
+    return ITEM_HEAD +
+           (number > 0 ? number : COUNT_WIDTH + s_GetElementSize(item.m_nType) * item.m_nCount);
 }
 
 // Host to network order and back.
@@ -192,22 +189,6 @@ inline void s_SetValue(char* buf, uint32_t& pos, const CMsg2::Node& item) {
     }
 }
 
-// The width of an item's number, 0 for an item with a count. Tests, not the table: the processor
-// guesses their outcome and goes on, but would have to wait for what the table says before it knew
-// where the next item begins.
-inline uint32_t s_GetNumberSize(uint8_t type) {
-    if (type == CMsg2::ITEM_BYTE) {
-        return sizeof(uint8_t);
-    }
-    if (type == CMsg2::ITEM_DWORD) {
-        return sizeof(uint32_t);
-    }
-    if (type == CMsg2::ITEM_WORD) {
-        return sizeof(uint16_t);
-    }
-    return type == CMsg2::ITEM_QWORD ? sizeof(uint64_t) : 0;
-}
-
 // Moves pos behind an item, looking at nothing but its head: a nested message is taken by its
 // length. False when the item would pass len.
 inline bool s_SkipItem(const char* data, uint32_t& pos, uint32_t len) {
@@ -222,7 +203,7 @@ inline bool s_SkipItem(const char* data, uint32_t& pos, uint32_t len) {
         if (!s_GetShort(data, pos, count, len)) {
             return false;
         }
-        size = s_GetLayout(type).element * count;
+        size = s_GetElementSize(type) * count;
     }
     if (len - pos < size) {
         return false;
@@ -278,7 +259,7 @@ unsigned long* s_NewDwords(const char* data, uint32_t len) {
 bool s_GetElements(const char* data, uint32_t& pos, CMsg2::Node& slot) {
     CMsg2::Node::Value& value = slot.m_Value;
     const char* const elements = data + pos;
-    const uint32_t size = s_GetLayout(slot.m_nType).element * slot.m_nCount;
+    const uint32_t size = s_GetElementSize(slot.m_nType) * slot.m_nCount;
     pos += size;
     if (slot.m_nType == CMsg2::ITEM_MSG) {
         value.m_pMsg = new (std::nothrow) CMsg2(0, NESTED_GROW_BY);
@@ -350,21 +331,14 @@ unsigned long CMsg2::GetTrueDataSize() const {
 
 uint64_t CMsg2::EncodedSize() const {
     uint64_t size = MESSAGE_HEAD;
-    for (unsigned int i = 0; i < m_nItemCount; ++i) {
-        size += EncodedSize(m_pItems[i]);
+    const Node* const end = m_pItems + m_nItemCount;
+    for (const Node* item = m_pItems; item != end; ++item) {
+        size += item->m_nType == ITEM_NONE ? 0 : s_GetItemSize(*item);
+        if (item->m_nType == ITEM_MSG) {
+            size += item->m_Value.m_pMsg->EncodedSize();
+        }
     }
     return size;
-}
-
-uint64_t CMsg2::EncodedSize(const Node& item) {
-    switch (item.m_nType) {
-        case ITEM_NONE:
-            return 0;
-        case ITEM_MSG:
-            return s_GetItemSize(item) + item.m_Value.m_pMsg->EncodedSize();
-        default:
-            return s_GetItemSize(item);
-    }
 }
 
 unsigned short CMsg2::GetData(char* buf) const {
@@ -460,6 +434,7 @@ int CMsg2::DecodeLevel(const char* data, uint32_t len) {
         memory = s_GetItem(data, pos, *slot, end);
     }
     m_nItemCount = static_cast<uint16_t>(slot - m_pItems);
+    m_bDistinct = false;  // as far as is known
     if (!memory) {
         Empty();
         return NO_MEMORY;
