@@ -1,5 +1,10 @@
 // Half a million events of all kinds while peers come and go: everything that had to come out is
-// counted, and the daemon is at the end what it was after the first tenth.
+// counted, and the daemon is at the end what it was after the first tenth. scripts/soak runs it
+// with as many events as one likes.
+
+#include <cstdio>
+#include <cstdlib>
+#include <random>
 
 #include "tests/e2e/Wired.h"
 
@@ -7,8 +12,21 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const int ROUNDS = 5000;
 const int PER_ROUND = 25;  // of each of the four kinds: what the buffers of the sockets hold
+const int ROUND_EVENTS = 4 * PER_ROUND;
+
+// The events that are asked for, 0 when it is left to the test.
+long events_wanted() {
+    const char* const text = getenv("ORVEX_SOAK_EVENTS");
+    return text == nullptr ? 0 : atol(text);
+}
+
+void show_progress(long done, long all) {
+    const int width = 50;
+    const std::string bar(static_cast<size_t>(done * width / all), '#');
+    fprintf(stderr, "\r[%-*s] %3ld %%, %ld events%s", width, bar.c_str(), done * 100 / all,
+            done * ROUND_EVENTS, done == all ? "\n" : "");
+}
 
 class Soak : public Wired {
 protected:
@@ -45,6 +63,26 @@ protected:
         tqrd.heard.clear();
     }
 
+    // Datagrams that nobody should send, from elsewhere: cut, changed and random ones.
+    void Disturb() {
+        const std::string good =
+            peer->Packet('M', Hex("52454144 0002 0000300D 07 00 0000300C 02 0001 78"));
+        for (unsigned short i = 0; i < 100; ++i) {
+            std::string bytes = good.substr(0, m_random() % (good.size() + 1));
+            for (char& byte : bytes) {
+                byte = m_random() % 8 == 0 ? static_cast<char>(m_random()) : byte;
+            }
+            peer->SendFrom(static_cast<unsigned short>(20000 + i), bytes, DEVICE_ADDRESS);
+        }
+        EXPECT_TRUE(Works());
+        Linger(5);
+        peer->Answers();
+        peer->Reports();
+        tqrd.heard.clear();
+    }
+
+    std::minstd_rand m_random;  // the same numbers every time
+
     // A remote connection is closed and opened again, by the configuration and by the server's end.
     void Reconfigure() {
         remote.heard.clear();
@@ -61,25 +99,34 @@ protected:
 };
 
 TEST_F(Soak, HalfAMillionEvents) {
+    const long wanted = events_wanted();
+    const long rounds = wanted > 0 ? std::max(10L, wanted / ROUND_EVENTS) : 5000;
     StartAll();
     long resident = 0;
     long descriptors = 0;
-    for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
-        if (round == ROUNDS / 10) {
+    for (long round = 0; round < rounds && !HasFailure(); ++round) {
+        if (round == rounds / 10) {
             resident = ResidentKiB();
             descriptors = Descriptors();
         }
         Round();
         if (round % 50 == 49) {
             Reconfigure();
+            Disturb();
+        }
+        if (wanted > 0 && (round % 50 == 49 || round + 1 == rounds)) {
+            show_progress(round + 1, rounds);
         }
     }
     EXPECT_GT(resident, 0);
     EXPECT_GT(descriptors, 0);
-    ExpectMemory(resident, ROUNDS * PER_ROUND * 4 * 9 / 10);
+    const long events = rounds * ROUND_EVENTS;
+    ExpectMemory(resident, events * 9 / 10);
     EXPECT_EQ(Descriptors(), descriptors);
-    printf("%d events, %ld KiB resident, %ld descriptors\n", ROUNDS * PER_ROUND * 4, ResidentKiB(),
-           Descriptors());
+    printf(
+        "%ld events, %ld reconfigurations with lost peers, %ld hostile datagrams\n"
+        "%ld KiB resident, %ld after the first tenth; %ld descriptors; %ld ms of processor time\n",
+        events, rounds / 50, rounds / 50 * 100, ResidentKiB(), resident, Descriptors(), CpuMs());
 }
 
 }  // namespace

@@ -1,0 +1,261 @@
+#!/usr/bin/env python3
+"""A fleet: daemons, each on a host of its own with its control server, on one bridge and one bus.
+
+Prints what a write, a read and a report cost as the fleet grows, what a burst loses, and what it
+sends and receives to plan a site with. Writes the figures to a JSON file.
+"""
+
+import ctypes
+import json
+import os
+import random
+import select
+import signal
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import time
+
+DAEMON = os.path.abspath("build/bench/app/orvex")
+SIZES = [1, 10, 50, 200]
+EVENTS = 300  # of each path that are measured
+BURST = 1000  # writes, or at least so many reports, as fast as they can be sent
+GROUP, BUS_PORT, REPORT_PORT, LINE_PORT = "239.192.255.4", 2060, 2055, 93
+STUDIO = "10.77.255.254"
+READ, WRITE = 0x52454144, 0x57524E49
+OUTPUT_1 = 8  # circuit
+CLONE_NEWNET = 0x40000000
+LIMIT_S = 5
+
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def run(*words):
+    subprocess.run(words, check=True, stdout=subprocess.DEVNULL)
+
+
+def enter(namespace):
+    if libc.setns(namespace, CLONE_NEWNET) != 0:
+        sys.exit(f"setns: {os.strerror(ctypes.get_errno())}")
+
+
+def await_carrier(name):
+    """A cable carries nothing until the system has noticed both ends, which a busy one does late."""
+    command = f"until ip -o link show {name} | grep -q 'state UP'; do sleep 0.01; done"
+    run("timeout", str(LIMIT_S), "sh", "-c", command)
+
+
+class Device:
+    """A host with a control server on its loopback and a daemon. Its bus address is 1:number."""
+
+    def __init__(self, number, studio):
+        self.address = 0x100 | number
+        if libc.unshare(CLONE_NEWNET) != 0:
+            sys.exit("no network namespace can be had")
+        namespace = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+        run("ip", "link", "set", "lo", "up")
+        run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", f"port{number}")
+        run("ip", "link", "set", f"port{number}", "netns", f"/proc/{os.getpid()}/fd/{studio}")
+        run("ip", "addr", "add", f"10.77.{number // 250}.{number % 250 + 1}/16", "dev", "eth0")
+        run("ip", "link", "set", "eth0", "up")
+        run("ip", "route", "add", "224.0.0.0/4", "dev", "eth0")
+        enter(studio)
+        run("ip", "link", "set", f"port{number}", "master", "bridge", "up")
+        enter(namespace)
+        await_carrier("eth0")
+        listener = socket.create_server(("127.0.0.1", LINE_PORT))
+        run(DAEMON)
+        self.control = listener.accept()[0]
+        self.control.settimeout(LIMIT_S)
+        with open("/run/orvex.pid") as file:
+            self.pid = int(file.read())
+        self.hear(b"CFG GPO\n")
+        self.control.sendall(b"CFG GPO 1 SRCA=1:%d\n" % number)
+        self.hear(b"ADD GPI 1\n")
+        self.snmp = open("/proc/thread-self/net/snmp")  # of this host, wherever it is read
+        enter(studio)
+        os.close(namespace)
+        listener.close()
+        self.level = 0
+
+    def hear(self, text):
+        heard = b""
+        while text not in heard:
+            heard += self.control.recv(2000)
+
+    def cpu_ns(self):
+        with open(f"/proc/{self.pid}/schedstat") as file:
+            return int(file.read().split()[0])
+
+    def report(self):
+        self.level ^= 1
+        self.control.sendall(b"GPI 1 LHHHH\n" if self.level else b"GPI 1 HHHHH\n")
+
+    def lost(self):
+        """Datagrams that its socket had no room for, so far."""
+        self.snmp.seek(0)
+        names, values = [line.split() for line in self.snmp if line.startswith("Udp:")]
+        return int(values[names.index("RcvbufErrors")])
+
+
+class Fleet:
+    def __init__(self, size):
+        self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+        if libc.unshare(CLONE_NEWNET) != 0:
+            sys.exit("no network namespace can be had")
+        studio = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+        run("ip", "link", "set", "lo", "up")
+        run("ip", "link", "add", "bridge", "type", "bridge", "mcast_snooping", "0")
+        run("ip", "addr", "add", f"{STUDIO}/16", "dev", "bridge")
+        run("ip", "link", "set", "bridge", "up")
+        run("ip", "route", "add", "224.0.0.0/4", "dev", "bridge")
+        self.devices = [Device(number, studio) for number in range(1, size + 1)]
+        self.sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.reports = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.reports.bind(("", REPORT_PORT))
+        self.reports.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                                socket.inet_aton(GROUP) + socket.inet_aton(STUDIO))
+        self.reports.settimeout(LIMIT_S)
+        self.tid = 0
+        for device in self.devices:
+            self.await_port(device)
+
+    def await_port(self, device):
+        """Until the bridge lets a write through to the device."""
+        limit = time.monotonic() + LIMIT_S
+        self.send(WRITE, device)
+        while not select.select([device.control], [], [], 0.1)[0]:
+            if time.monotonic() > limit:
+                sys.exit("a daemon does not hear the bus")
+            self.send(WRITE, device)
+        time.sleep(0.01)
+        device.control.recv(2000)
+
+    def end(self):
+        for device in self.devices:
+            os.kill(device.pid, signal.SIGTERM)
+            device.control.close()
+            device.snmp.close()
+        self.sender.close()
+        self.reports.close()
+        enter(self.home)
+
+    def send(self, kind, device):
+        self.tid += 1
+        tag = device.address << 8 | OUTPUT_1
+        message = struct.pack(">IHIBB", kind, 1, tag, 7, 0x40)
+        header = struct.pack(">BBBBIHHI", 3, 0, 2, 7, self.tid, 0, 0, 0)
+        self.sender.sendto(header + message, (GROUP, BUS_PORT))
+
+    def event(self, path):
+        device = random.choice(self.devices)
+        start = time.perf_counter_ns()
+        if path == "report":
+            device.report()
+        else:
+            self.send(WRITE if path == "write" else READ, device)
+        (device.control if path == "write" else self.reports).recv(2000)
+        delay = time.perf_counter_ns() - start
+        if path != "write":
+            self.reports.recv(2000)
+        time.sleep(0.002 + 0.00005 * len(self.devices))  # all have had the datagram and sleep
+        return delay / 1000
+
+    def measure(self, path):
+        self.event(path)
+        before, busy = self.cpu(), busy_ns()
+        delays = sorted(self.event(path) for _ in range(EVENTS))
+        return {"median_us": statistics.median(delays), "p99_us": delays[EVENTS * 99 // 100],
+                "daemons_us": (self.cpu() - before) / 1000 / EVENTS,
+                "machine_us": (busy_ns() - busy) / 1000 / EVENTS}
+
+    def cpu(self):
+        return sum(device.cpu_ns() for device in self.devices)
+
+    def burst_of_writes(self):
+        lost = sum(device.lost() for device in self.devices)
+        for i in range(BURST):
+            self.send(WRITE, self.devices[i % len(self.devices)])
+        lines, last = 0, time.monotonic()
+        while lines < BURST and time.monotonic() < last + 1:
+            for control in select.select([d.control for d in self.devices], [], [], 0.1)[0]:
+                lines += control.recv(1 << 16).count(b"\n")
+                last = time.monotonic()
+        lost = sum(device.lost() for device in self.devices) - lost
+        return {"sent": BURST, "done": lines, "lost": lost,
+                "lost_percent": 100 * lost / (BURST * len(self.devices))}
+
+    def burst_of_reports(self):
+        """All devices at once, to a peer with the system's own buffer that reads as it can."""
+        each = max(1, BURST // len(self.devices))
+        for _ in range(each):
+            for device in self.devices:
+                device.report()
+        datagrams = []
+        self.reports.settimeout(0.5)
+        try:
+            while True:
+                datagrams.append(self.reports.recv(2000)[16:])
+        except TimeoutError:
+            self.reports.settimeout(LIMIT_S)
+        return {"sent": 2 * each * len(self.devices), "done": len(datagrams)}
+
+
+def busy_ns():
+    """Processor time of the whole machine that was not idle, whoever used it."""
+    with open("/proc/stat") as file:
+        fields = [int(field) for field in file.readline().split()[1:9]]
+    return (sum(fields) - fields[3] - fields[4]) * 10**9 // os.sysconf("SC_CLK_TCK")
+
+
+def resident_kib(pid):
+    with open(f"/proc/{pid}/smaps_rollup") as file:
+        return int(file.read().split("Rss:")[1].split()[0])
+
+
+def figures_of(size):
+    fleet = Fleet(size)
+    try:
+        result = {"daemons": size, **{path: fleet.measure(path)
+                                      for path in ("write", "read", "report")}}
+        result["burst of writes"] = fleet.burst_of_writes()
+        result["burst of reports"] = fleet.burst_of_reports()
+        result["resident_kib"] = max(resident_kib(device.pid) for device in fleet.devices)
+        return result
+    finally:
+        fleet.end()
+
+
+def show(result):
+    for path in ("write", "read", "report"):
+        row = result[path]
+        print(f"  {result['daemons']:>7}  {path:<6} {row['median_us']:>10,.0f} {row['p99_us']:>8,.0f}"
+              f" {row['daemons_us'] / result['daemons']:>10,.1f} {row['daemons_us']:>12,.0f}"
+              f" {row['machine_us']:>12,.0f}")
+    writes, reports = result["burst of writes"], result["burst of reports"]
+    print(f"           burst of {writes['sent']:,} writes: {writes['done']:,} lines,"
+          f" {writes['lost_percent']:.1f} % of all receptions lost for want of room")
+    print(f"           burst of {reports['sent']:,} report datagrams: {reports['done']:,} received;"
+          f" resident KiB at most {result['resident_kib']:,}", flush=True)
+
+
+def main():
+    if "--inside" not in sys.argv:
+        inner = f'mount -t tmpfs run /run && exec "{sys.executable}" "$0" --inside "$@"'
+        as_root = [] if os.getuid() == 0 else ["--map-root-user"]
+        os.execvp("unshare", ["unshare", *as_root, "--net", "--mount", "sh", "-c", inner,
+                              os.path.abspath(__file__), *sys.argv[1:]])
+    sizes = [int(word) for word in sys.argv[2:]] or SIZES
+    print(f"Load {os.getloadavg()[0]:.1f}, {os.cpu_count()} processors")
+    print("  daemons  path    median us  99th us  us/daemon  all daemons  the machine")
+    results = []
+    for size in sizes:
+        results.append(figures_of(size))
+        show(results[-1])
+    with open("build/bench/fleet.json", "w") as file:
+        json.dump(results, file, indent=1)
+
+
+main()
