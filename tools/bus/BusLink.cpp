@@ -90,8 +90,9 @@ void BusLink::Listen(Hear what) {
         // Bound to the group: what is sent to this host's own address is for a daemon on it.
         OpenServer(m_requests, m_settings.send_port, HostText(m_settings.group).c_str());
     }
-    m_up = m_interface.index == 0 || m_interface.IsUsable();
-    m_look = After(LOOK_EVERY);
+    // Of a loopback that the routes choose, the system does not tell.
+    m_look = m_interface.index != 0 ? After(LOOK_EVERY) : TimePoint::max();
+    m_up = m_interface.IsUsable();
 }
 
 void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host) {
@@ -206,15 +207,18 @@ bool BusLink::Rejoin(const Interface& found) {
     }
 }
 
+// Of an interface that the routes chose, its name tells more than that the route is gone.
 std::string BusLink::DownText(const Interface& found) const {
-    if (m_settings.iface.empty() && found.index == 0) {
-        return "no route to " + HostText(m_settings.group);
+    const Interface now =
+        m_settings.iface.empty() ? FindInterface(m_interface.name, m_settings.group) : found;
+    if (now.index == 0) {
+        return m_interface.name + " is gone";
     }
-    const std::string name = found.index != 0 ? found.name : m_interface.name;
-    const char* const what = found.index == 0 ? " is gone"
-                             : !found.up      ? " is down"
-                                              : " has no address";
-    return name + what;
+    if (!now.up) {
+        return now.name + " is down";
+    }
+    return now.address == 0 ? now.name + " has no address"
+                            : "no route to " + HostText(m_settings.group);
 }
 
 BusLink::Event BusLink::Wait(Traffic& traffic, TimePoint deadline, int other) {

@@ -1,7 +1,11 @@
 // What writing and reading the JSON form share.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <string>
+
+class Names;
 
 // Keeps the order of fields.
 using Json = nlohmann::ordered_json;
@@ -13,3 +17,10 @@ const int TYPE_NAME_COUNT = 10;
 
 // Levels of nested messages that are written out and read.
 const int MAX_DEPTH = 32;
+
+// As one line, all characters that are not printable ASCII escaped: safe on any terminal. No text
+// makes this throw.
+std::string Dump(const Json& json);
+
+// Adds "name" and "text" of a pin that has them.
+void PutNames(Json& json, uint32_t tag, const Names& names);

@@ -29,12 +29,12 @@ Json StringValue(const char* bytes, unsigned int count) {
     return EscapeBytes(std::string(bytes, count - 1));
 }
 
-Json ItemsOf(const CMsg2& message, Kind kind, int depth);
+Json ItemsOf(const CMsg2& message, Kind kind, const Names& names, int depth);
 
 Json MessageValue(const CMsg2& message, int depth) {
     if (depth < MAX_DEPTH) {
         return {{"id", IdText(static_cast<uint32_t>(message.GetId()))},
-                {"items", ItemsOf(message, Kind::Other, depth + 1)}};
+                {"items", ItemsOf(message, Kind::Other, Names(), depth + 1)}};
     }
     std::vector<char> bytes(message.GetTrueDataSize());
     message.GetData(bytes.data());
@@ -73,11 +73,12 @@ Json TypeOf(const CMsg2::Node& item) {
     return item.m_nType;
 }
 
-Json ItemOf(const CMsg2::Node& item, Kind kind, int depth) {
+Json ItemOf(const CMsg2::Node& item, Kind kind, const Names& names, int depth) {
     Json json = {{"tag", item.m_nTag}, {"type", TypeOf(item)}, {"value", ValueOf(item, depth)}};
     if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {
         const PinValue value = PinValueOf(kind, item);
         json["pin"] = PinText(item.m_nTag);
+        PutNames(json, item.m_nTag, names);
         if (value.level) {
             json["level"] = LevelLetter(*value.level);
         }
@@ -88,22 +89,32 @@ Json ItemOf(const CMsg2::Node& item, Kind kind, int depth) {
     return json;
 }
 
-Json ItemsOf(const CMsg2& message, Kind kind, int depth) {
+Json ItemsOf(const CMsg2& message, Kind kind, const Names& names, int depth) {
     Json items = Json::array();
     for (unsigned int i = 0; i < message.GetItemCount(); ++i) {
-        items.push_back(ItemOf(*message.GetItem(i), kind, depth));
+        items.push_back(ItemOf(*message.GetItem(i), kind, names, depth));
     }
     return items;
 }
 
-// All characters that are not printable ASCII are escaped; no text makes this throw.
+}  // namespace
+
 std::string Dump(const Json& json) {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-}  // namespace
+void PutNames(Json& json, uint32_t tag, const Names& names) {
+    const std::string name = names.NameOf(tag);
+    const std::string text = names.TextOf(tag);
+    if (!name.empty()) {
+        json["name"] = name;
+    }
+    if (!text.empty()) {
+        json["text"] = text;
+    }
+}
 
-std::string ToJson(const Traffic& traffic) {
+std::string ToJson(const Traffic& traffic, const Names& names) {
     const CMessage& message = traffic.message;
     Json json;
     json["time"] = traffic.time;
@@ -111,7 +122,7 @@ std::string ToJson(const Traffic& traffic) {
     json["port"] = traffic.port;
     json["reliable"] = message.GetRel();
     json["id"] = IdText(static_cast<uint32_t>(message.GetId()));
-    json["items"] = ItemsOf(message, traffic.GetKind(), 0);
+    json["items"] = ItemsOf(message, traffic.GetKind(), names, 0);
     return Dump(json);
 }
 

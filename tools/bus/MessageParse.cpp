@@ -1,9 +1,7 @@
 // Messages from their JSON form. They are encoded as they travel and decoded from that: the setters
 // of CMsg2 know neither unknown types nor two items with one tag.
 
-#include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <stdexcept>
 
 #include "tools/bus/Escape.h"
@@ -78,9 +76,9 @@ uint32_t IdOf(const Json& json) {
     return static_cast<uint32_t>(std::stoul(text, nullptr, 16));
 }
 
-uint32_t TagOf(const Json& item) {
+uint32_t TagOf(const Json& item, const Names& names) {
     if (item.is_object() && !item.contains("tag") && item.contains("pin")) {
-        return ParsePin(Text(item["pin"], "\"pin\""));
+        return names.ParsePin(Text(item["pin"], "\"pin\""));
     }
     return static_cast<uint32_t>(Number(Field(item, "tag"), "\"tag\"", 4));
 }
@@ -121,19 +119,19 @@ void PutString(std::string& out, const Json& json) {
     out += bytes;
 }
 
-void PutMessage(std::string& out, const Json& json, int depth);
+void PutMessage(std::string& out, const Json& json, const Names& names, int depth);
 
-void PutNested(std::string& out, const Json& json, int depth) {
+void PutNested(std::string& out, const Json& json, const Names& names, int depth) {
     if (json.is_array()) {
         return PutArray(out, json, 1);
     }
     std::string nested;
-    PutMessage(nested, json, depth + 1);
+    PutMessage(nested, json, names, depth + 1);
     PutCount(out, nested.size());
     out += nested;
 }
 
-void PutValue(std::string& out, uint8_t type, const Json& json, int depth) {
+void PutValue(std::string& out, uint8_t type, const Json& json, const Names& names, int depth) {
     switch (type) {
         case CMsg2::ITEM_BYTE:
             return Put(out, Number(json, "\"value\"", 1), 1);
@@ -152,13 +150,13 @@ void PutValue(std::string& out, uint8_t type, const Json& json, int depth) {
         case CMsg2::ITEM_DWORD_ARRAY:
             return PutArray(out, json, 4);
         case CMsg2::ITEM_MSG:
-            return PutNested(out, json, depth);
+            return PutNested(out, json, names, depth);
         default:
             return Put(out, Number(json, "\"value\"", 2), 2);
     }
 }
 
-void PutMessage(std::string& out, const Json& json, int depth) {
+void PutMessage(std::string& out, const Json& json, const Names& names, int depth) {
     if (depth > MAX_DEPTH) {
         Refuse("messages nested deeper than " + std::to_string(MAX_DEPTH) + " levels");
     }
@@ -167,9 +165,9 @@ void PutMessage(std::string& out, const Json& json, int depth) {
     PutCount(out, items.size());
     for (const Json& item : items) {
         const uint8_t type = TypeOf(Field(item, "type"));
-        Put(out, TagOf(item), 4);
+        Put(out, TagOf(item, names), 4);
         Put(out, type, 1);
-        PutValue(out, type, Field(item, "value"), depth);
+        PutValue(out, type, Field(item, "value"), names, depth);
     }
 }
 
@@ -194,18 +192,48 @@ void ReadEnvelope(const Json& json, Traffic& traffic) {
     }
 }
 
+// An object about one pin, without items. False when there is nothing to send.
+bool ReadPin(const Json& json, Traffic& traffic, const Names& names) {
+    const uint32_t tag = TagOf(json, names);
+    const std::string kind = json.contains("kind") ? Text(json["kind"], "\"kind\"") : "";
+    const bool told = kind == "report" || kind == "reply";
+    const Json& level_field = Field(json, "level");
+    if (level_field.is_null() || kind == "forgotten" || (!told && IsInput(tag))) {
+        return false;
+    }
+    const Level level = ParseLevel(Text(level_field, "\"level\""));
+    const uint64_t duration =
+        json.contains("duration") ? Number(json["duration"], "\"duration\"", 4) : 0;
+    traffic.message.Empty();
+    traffic.message.SetId(told ? ID_REPORT : ID_WRITE);
+    traffic.message.SetByte(tag,
+                            told ? (level == Level::Low ? 1 : 0)
+                                 : WriteValue(level, static_cast<unsigned long>(duration)).Byte());
+    if (told) {
+        traffic.port = REPORT_PORT;
+    }
+    return true;
+}
+
 }  // namespace
 
-void FromJson(const std::string& line, Traffic& traffic) {
+bool FromJson(const std::string& line, Traffic& traffic, const Names& names) {
     const Json json = Json::parse(line, nullptr, false);
     if (!json.is_object()) {
         Refuse("not a JSON object");
     }
-    std::string bytes;
-    PutMessage(bytes, json, 0);
     ReadEnvelope(json, traffic);
+    if (json.contains("event")) {
+        return false;
+    }
+    if (json.contains("pin") && !json.contains("items")) {
+        return ReadPin(json, traffic, names);
+    }
+    std::string bytes;
+    PutMessage(bytes, json, names, 0);
     if (bytes.size() > MAX_COUNT ||
         traffic.message.SetData(bytes.data(), bytes.size()) != bytes.size()) {
         Refuse("a message of more than 65535 bytes");
     }
+    return true;
 }

@@ -50,6 +50,11 @@ std::string Names::NameOf(uint32_t tag) const {
     return address != nullptr ? address->name + ":" + CircuitText(static_cast<uint8_t>(tag)) : "";
 }
 
+std::string Names::Label(uint32_t tag) const {
+    const std::string name = NameOf(tag);
+    return PinText(tag) + (name.empty() ? "" : " (" + name + ")");
+}
+
 std::string Names::TextOf(uint32_t tag) const {
     const Entry* const pin = OfPin(tag);
     return pin != nullptr ? pin->text : "";
@@ -80,8 +85,9 @@ PinRef Names::Parse(const std::string& text) const {
     }
     if (LooksLikeName(text)) {
         throw std::invalid_argument(
-            m_entries.empty() ? "not an ADDRESS or ADDRESS:PIN, and there are no names: " + text
-                              : "no name " + name + " in " + m_file + ": " + text);
+            m_entries.empty()
+                ? "not an ADDRESS or ADDRESS:PIN, and there are no names: " + text
+                : "no name " + name + " in " + m_file + (name == text ? "" : ": " + text));
     }
     return ParsePinRef(text);
 }

@@ -55,6 +55,9 @@ public:
     // "studio1.onair" or "studio1:in2"; empty when neither pin nor address has a name.
     std::string NameOf(uint32_t tag) const;
 
+    // "1:2:out3 (studio1.onair)", for messages; without a name the pin alone.
+    std::string Label(uint32_t tag) const;
+
     // "Studio 1 on air"; empty when the pin has none.
     std::string TextOf(uint32_t tag) const;
 

@@ -35,7 +35,9 @@ Question::Question(BusLink& link, const std::vector<PinRef>& pins, std::optional
       m_end(end.value_or(Later(m_ask, link.Settings().wait))) {
     for (const PinRef& pin : pins) {
         for (const uint32_t tag : pin.Tags()) {
-            m_answers.emplace(tag, std::nullopt);
+            if (m_answers.emplace(tag, std::nullopt).second) {
+                m_tags.push_back(tag);
+            }
         }
     }
     m_open = m_answers.size();
@@ -47,8 +49,8 @@ void Question::AskWhenDue() {
     }
     m_ask = After(ASK_AGAIN);
     std::vector<uint32_t> open;
-    for (const auto& [tag, answer] : m_answers) {
-        if (!answer) {
+    for (const uint32_t tag : m_tags) {
+        if (!AnswerOf(tag)) {
             open.push_back(tag);
         }
     }

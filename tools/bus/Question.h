@@ -55,6 +55,7 @@ private:
     BusLink& m_link;
     const std::vector<PinRef> m_pins;
     const uint32_t m_id;
+    std::vector<uint32_t> m_tags;                         // in the order of the pins
     std::map<uint32_t, std::optional<Answer>> m_answers;  // by tag
     size_t m_open;                                        // pins that aren't answered
     TimePoint m_ask;

@@ -10,8 +10,10 @@ using Words = std::vector<std::string>;
 const char* const HIDDEN_OPTION = "--completion";
 
 // Finds the command and whether the word before the cursor wants a value, then offers what fits.
+// Bash ends words at colons and equals signs: pins are completed as a whole, and what it has
+// already is cut off again.
 const char* const BASH_BODY = R"BASH(
-    local cur=${COMP_WORDS[COMP_CWORD]} command= kind= word i
+    local cur=${COMP_WORDS[COMP_CWORD]} command= kind= word i whole table=arguments
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         kind=${values["$command $word"]}
@@ -19,9 +21,13 @@ const char* const BASH_BODY = R"BASH(
             ((++i < COMP_CWORD)) && kind=
         elif [[ -z $command && $word != -* && -n ${words["$word "]} ]]; then
             command=$word
+        elif [[ $word != -* ]]; then
+            table=more
         fi
     done
-    [[ -n $kind || $cur == -* ]] || kind=${arguments["$command "]}
+    if [[ -z $kind && $cur != -* ]]; then
+        [[ $table == more ]] && kind=${more["$command "]} || kind=${arguments["$command "]}
+    fi
     COMPREPLY=()
     case $kind in
     file)
@@ -29,10 +35,25 @@ const char* const BASH_BODY = R"BASH(
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         ;;
     interface) mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net)" -- "$cur") ;;
+    pin | level)
+        whole=$cur
+        [[ -z ${COMP_LINE-} ]] || whole=${COMP_LINE:0:COMP_POINT}
+        whole=${whole##*[[:space:]]}
+        mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" --complete "$kind" "$whole" 2>/dev/null)
+        [[ ${COMPREPLY[*]} != *[=:] ]] || compopt -o nospace
+        [[ $whole == "$cur" ]] || COMPREPLY=("${COMPREPLY[@]#"${whole%"${whole##*[:=]}"}"}")
+        ;;
     other) ;;
     *) mapfile -t COMPREPLY < <(compgen -W "${words["$command "]}" -- "$cur") ;;
     esac
 )BASH";
+
+// The same for zsh, which takes pins as they are.
+const char* const ZSH_PINS = R"ZSH(_orvex_pins() {
+    local -a found=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
+    compadd -S '' -a found
+}
+)ZSH";
 
 std::vector<const CLI::App*> Commands(const CLI::App& app) {
     return app.get_subcommands([](const CLI::App*) { return true; });
@@ -69,9 +90,20 @@ std::string ValueName(const CLI::Option& option) {
     return option.get_positional() && type.empty() ? option.get_name(true) : type;
 }
 
-std::string Kind(const CLI::Option& option) {
-    const std::string name = ValueName(option);
-    return name == "FILE" ? "file" : name.rfind("NAME", 0) == 0 ? "interface" : "other";
+std::string Kind(const CompletionKinds& kinds, const CLI::Option& option) {
+    const auto kind = kinds.find(&option);
+    switch (kind == kinds.end() ? Completion::None : kind->second) {
+        case Completion::File:
+            return "file";
+        case Completion::Interface:
+            return "interface";
+        case Completion::Pin:
+            return "pin";
+        case Completion::PinLevel:
+            return "level";
+        default:
+            return "other";
+    }
 }
 
 std::string Join(const Words& words, const char* separator) {
@@ -94,7 +126,7 @@ std::string BashEntry(const std::string& key, const std::string& value) {
     return "        [" + Quote(key) + "]=" + Quote(value) + "\n";
 }
 
-std::string BashWords(const CLI::App& app, const std::string& command) {
+std::string BashWords(const CompletionKinds&, const CLI::App& app, const std::string& command) {
     Words words;
     for (const CLI::App* sub : Commands(app)) {
         words.push_back(sub->get_name());
@@ -106,36 +138,49 @@ std::string BashWords(const CLI::App& app, const std::string& command) {
     return BashEntry(command + " ", Join(words, " "));
 }
 
-std::string BashValues(const CLI::App& app, const std::string& command) {
+std::string BashValues(const CompletionKinds& kinds, const CLI::App& app,
+                       const std::string& command) {
     std::string text;
     for (const CLI::Option* option : Options(app, false)) {
         for (const std::string& name : HasValue(*option) ? Names(*option) : Words()) {
-            text += BashEntry(command + " " + name, Kind(*option));
+            text += BashEntry(command + " " + name, Kind(kinds, *option));
         }
     }
     return text;
 }
 
-// The first argument alone: the others of a command are not files.
-std::string BashArguments(const CLI::App& app, const std::string& command) {
+std::string BashArguments(const CompletionKinds& kinds, const CLI::App& app,
+                          const std::string& command) {
     const auto arguments = Options(app, true);
-    return arguments.empty() ? "" : BashEntry(command + " ", Kind(*arguments.front()));
+    return arguments.empty() ? "" : BashEntry(command + " ", Kind(kinds, *arguments.front()));
+}
+
+// What stands behind the first argument.
+std::string BashMore(const CompletionKinds& kinds, const CLI::App& app,
+                     const std::string& command) {
+    const auto arguments = Options(app, true);
+    if (arguments.empty() || (arguments.size() == 1 && !Repeats(*arguments.front()))) {
+        return BashEntry(command + " ", "other");
+    }
+    return BashEntry(command + " ", Kind(kinds, *arguments.back()));
 }
 
 template <typename Describe>
-std::string BashTable(const char* name, const CLI::App& app, Describe describe) {
-    std::string text = std::string("    local -A ") + name + "=(\n" + describe(app, "");
+std::string BashTable(const char* name, const CompletionKinds& kinds, const CLI::App& app,
+                      Describe describe) {
+    std::string text = std::string("    local -A ") + name + "=(\n" + describe(kinds, app, "");
     for (const CLI::App* sub : Commands(app)) {
-        text += describe(*sub, sub->get_name());
+        text += describe(kinds, *sub, sub->get_name());
     }
     return text + "    )\n";
 }
 
-std::string Bash(const CLI::App& app) {
+std::string Bash(const CLI::App& app, const CompletionKinds& kinds) {
     const std::string function = "_" + app.get_name();
     return "# Completion of " + app.get_name() + " for bash\n" + function + "() {\n" +
-           BashTable("words", app, BashWords) + BashTable("values", app, BashValues) +
-           BashTable("arguments", app, BashArguments) + (BASH_BODY + 1) + "}\ncomplete -F " +
+           BashTable("words", kinds, app, BashWords) + BashTable("values", kinds, app, BashValues) +
+           BashTable("arguments", kinds, app, BashArguments) +
+           BashTable("more", kinds, app, BashMore) + (BASH_BODY + 1) + "}\ncomplete -F " +
            function + " " + app.get_name() + "\n";
 }
 
@@ -151,22 +196,24 @@ std::string ZshText(const std::string& text) {
     return escaped;
 }
 
-std::string ZshValue(const CLI::Option& option) {
-    const std::string kind = Kind(option);
+std::string ZshValue(const CompletionKinds& kinds, const CLI::Option& option) {
+    const std::string kind = Kind(kinds, option);
     const char* const action = kind == "file"        ? "_files"
                                : kind == "interface" ? "_net_interfaces"
+                               : kind == "pin"       ? " _orvex_pins pin"
+                               : kind == "level"     ? " _orvex_pins level"
                                                      : " ";
     return ":" + ZshText(ValueName(option)) + ":" + action;
 }
 
 // Names of one option exclude each other, unless it may be given again.
-std::string ZshOption(const CLI::Option& option) {
+std::string ZshOption(const CompletionKinds& kinds, const CLI::Option& option) {
     const Words names = Names(option);
     const std::string prefix = Repeats(option)    ? "'*'"
                                : names.size() > 1 ? Quote("(" + Join(names, " ") + ")")
                                                   : "";
     const std::string rest = Quote("[" + ZshText(option.get_description()) + "]" +
-                                   (HasValue(option) ? ZshValue(option) : ""));
+                                   (HasValue(option) ? ZshValue(kinds, option) : ""));
     std::string text;
     for (const std::string& name : names) {
         text += " \\\n        " + prefix + name + rest;
@@ -174,23 +221,24 @@ std::string ZshOption(const CLI::Option& option) {
     return text;
 }
 
-std::string ZshArguments(const CLI::App& app) {
+std::string ZshArguments(const CompletionKinds& kinds, const CLI::App& app) {
     std::string text;
     for (const CLI::Option* option : Options(app, false)) {
-        text += ZshOption(*option);
+        text += ZshOption(kinds, *option);
     }
     for (const CLI::Option* argument : Options(app, true)) {
-        text += " \\\n        " + Quote((Repeats(*argument) ? "*" : "") + ZshValue(*argument));
+        text +=
+            " \\\n        " + Quote((Repeats(*argument) ? "*" : "") + ZshValue(kinds, *argument));
     }
     return text;
 }
 
-std::string ZshCommands(const CLI::App& app) {
+std::string ZshCommands(const CompletionKinds& kinds, const CLI::App& app) {
     std::string names;
     std::string cases;
     for (const CLI::App* sub : Commands(app)) {
         names += " " + sub->get_name() + "\\:" + Quote(sub->get_description());
-        cases += sub->get_name() + ") _arguments -s" + ZshArguments(*sub) + " ;;\n";
+        cases += sub->get_name() + ") _arguments -s" + ZshArguments(kinds, *sub) + " ;;\n";
     }
     if (names.empty()) {
         return "\n";
@@ -201,20 +249,20 @@ std::string ZshCommands(const CLI::App& app) {
            cases + "esac\n";
 }
 
-std::string Zsh(const CLI::App& app) {
-    return "#compdef " + app.get_name() + "\n" +
-           "local curcontext=\"$curcontext\" state line\n_arguments -C -s" + ZshArguments(app) +
-           ZshCommands(app);
+std::string Zsh(const CLI::App& app, const CompletionKinds& kinds) {
+    return "#compdef " + app.get_name() + "\n" + ZSH_PINS +
+           "local program=$words[1] curcontext=\"$curcontext\" state line\n_arguments -C -s" +
+           ZshArguments(kinds, app) + ZshCommands(kinds, app);
 }
 
 }  // namespace
 
-void AddCompletion(CLI::App& app) {
-    app.add_option_function<std::string>(HIDDEN_OPTION,
-                                         [&app](const std::string& shell) {
-                                             throw CLI::CallForVersion(
-                                                 shell == "zsh" ? Zsh(app) : Bash(app), 0);
-                                         })
+void AddCompletion(CLI::App& app, const CompletionKinds& kinds) {
+    app.add_option_function<std::string>(
+           HIDDEN_OPTION,
+           [&app, kinds](const std::string& shell) {
+               throw CLI::CallForVersion(shell == "zsh" ? Zsh(app, kinds) : Bash(app, kinds), 0);
+           })
         ->check(CLI::IsMember({"bash", "zsh"}))
         ->group("");
 }

@@ -3,9 +3,12 @@
 
 struct Options;
 
-int RunGet(const Options& options);
-int RunSet(const Options& options);
-int RunWatch(const Options& options);  // with a file: record
-int RunSend(const Options& options);
 int RunChannels(const Options& options);
 int RunDoctor(const Options& options);
+int RunGet(const Options& options);
+int RunList(const Options& options);
+int RunRecord(const Options& options);
+int RunSend(const Options& options);
+int RunSet(const Options& options);
+int RunWait(const Options& options);
+int RunWatch(const Options& options);

@@ -8,11 +8,17 @@
 
 namespace {
 
+std::string Line(const std::string& head, const std::string& rest) {
+    const std::string line = head + rest;
+    return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+}
+
+}  // namespace
+
 std::string Padded(const std::string& text, size_t width) {
     return text.size() < width ? text + std::string(width - text.size(), ' ') : text;
 }
 
-// The time of day, local, to the millisecond.
 std::string TimeText(double time) {
     const double seconds = static_cast<double>(static_cast<long long>(time));
     const time_t whole = static_cast<time_t>(seconds);
@@ -23,6 +29,8 @@ std::string TimeText(double time) {
              static_cast<int>((time - seconds) * 1000));
     return text;
 }
+
+namespace {
 
 std::string KindText(const Traffic& traffic) {
     switch (traffic.GetKind()) {
@@ -51,34 +59,32 @@ std::string TagText(uint32_t tag) {
     return text;
 }
 
-// The last two columns; empty when the item is not shown.
-std::string ItemText(Kind kind, const CMsg2::Node& item, bool everything) {
+// The last columns; empty when the item is not shown.
+std::string ItemText(Kind kind, const CMsg2::Node& item, const TextForm& form) {
     const size_t width = 12;
     if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {
         const PinValue value = PinValueOf(kind, item);
-        return Padded(PinText(item.m_nTag), width) + "  " + LevelText(value);
+        if (form.wanted && !form.everything && !form.wanted(item.m_nTag)) {
+            return {};
+        }
+        return Padded(Padded(PinText(item.m_nTag), width) + "  " + LevelText(value), width + 5) +
+               "  " + form.names.NameOf(item.m_nTag);
     }
-    if (kind != Kind::Other && !everything) {
+    if (kind != Kind::Other && !form.everything) {
         return {};
     }
     return Padded(TagText(item.m_nTag), width) + "  " + TypeText(item) + " " + ValueText(item);
 }
 
-std::string Line(const std::string& head, const std::string& rest) {
-    const std::string line = head + rest;
-    return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
-}
-
 }  // namespace
 
-std::string ToText(const Traffic& traffic, bool everything) {
+std::string ToText(const Traffic& traffic, const TextForm& form) {
     const std::string head = TimeText(traffic.time) + "  " +
                              Padded(traffic.host.empty() ? "(sent)" : traffic.host, 15) + "  " +
                              Padded(KindText(traffic), 6) + "  ";
     std::string lines;
     for (unsigned int i = 0; i < traffic.message.GetItemCount(); ++i) {
-        const std::string text =
-            ItemText(traffic.GetKind(), *traffic.message.GetItem(i), everything);
+        const std::string text = ItemText(traffic.GetKind(), *traffic.message.GetItem(i), form);
         if (!text.empty()) {
             lines += Line(head, text);
         }

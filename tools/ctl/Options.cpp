@@ -1,11 +1,14 @@
 #include "tools/ctl/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 
 #include "tools/completion/Completion.h"
+#include "tools/ctl/Complete.h"
 #include "tools/ctl/ExitStatus.h"
 
 namespace {
@@ -15,7 +18,8 @@ const char* const DESCRIPTION =
 
 const char* const NAMES =
     "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal (0x10) or octal\n"
-    "(010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to c255. Behind an address of two\n"
+    "(010), or a name of the file of names. PIN is in1 to in5, out1 to out5, or a circuit: c0 to "
+    "c255. Behind an address of two\n"
     "numbers the circuit needs no c: 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are one pin, but "
     "258:8\n"
     "is an address.\n";
@@ -42,18 +46,6 @@ void Set(const Row& row, const char* name, Options& options, const std::string& 
     }
 }
 
-void AddOption(CLI::App& app, const OptionSpec& row, Options& options) {
-    if (row.value == nullptr) {
-        app.add_flag_callback(
-            row.names, [&] { Set(row, row.names, options, ""); }, row.help);
-        return;
-    }
-    app.add_option_function<std::string>(
-           row.names, [&](const std::string& text) { Set(row, row.names, options, text); },
-           row.help)
-        ->type_name(row.value);
-}
-
 // Shows an argument as its type: CLI11 takes no ':' in a name.
 class ArgumentFormatter : public CLI::Formatter {
     std::string make_option_name(const CLI::Option* option, bool positional) const override {
@@ -70,80 +62,154 @@ class ArgumentFormatter : public CLI::Formatter {
     }
 };
 
-// A word for an argument. It is read when all options are known, those behind it too: it may be a
-// name in a file that an option names.
-struct Word {
-    const ArgumentSpec* row;
-    std::string text;
+// The parser of a command line.
+class Parser {
+public:
+    explicit Parser(Options& options);
+
+    const CommandSpec* Parse(int argc, char** argv, int& status);
+
+private:
+    // A word for an argument. It is read when all options are known, those behind it too: it may be
+    // a name in a file that an option names.
+    struct Word {
+        const ArgumentSpec* row;
+        std::string text;
+    };
+
+    void AddOption(CLI::App& app, const OptionSpec& row);
+    void AddArgument(CLI::App& app, const ArgumentSpec& row);
+    void AddCommand(const CommandSpec& command);
+    void TakeWords();
+    int Refuse(const CLI::ParseError& error);
+
+    Options& m_options;
+    CLI::App m_app;
+    CompletionKinds m_kinds;
+    std::vector<Word> m_words;
 };
 
-void AddArgument(CLI::App& app, const ArgumentSpec& row, std::vector<Word>& words) {
-    const std::string name(row.name, std::strcspn(row.name, "[:="));
-    app.add_option_function<std::vector<std::string>>(
-           name,
-           [&](const std::vector<std::string>& texts) {
-               for (const std::string& text : texts) {
-                   words.push_back({&row, text});
-               }
-           },
-           row.help)
-        ->type_name(row.name)
-        ->required(row.required)
-        ->expected(1, row.repeats ? CLI::detail::expected_max_vector_size : 1);
+// Options of all commands may stand before the command as well as behind it.
+Parser::Parser(Options& options) : m_options(options), m_app(DESCRIPTION, APP_NAME) {
+    m_app.footer(Footer());
+    m_app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
+    m_app.require_subcommand(1);
+    m_app.formatter(std::make_shared<ArgumentFormatter>());
+    for (const OptionSpec& option : OPTIONS) {
+        if (option.commands == nullptr) {
+            AddOption(m_app, option);
+        }
+    }
+    for (const CommandSpec& command : COMMANDS) {
+        AddCommand(command);
+    }
+    AddCompletion(m_app, m_kinds);
 }
 
-// Options of all commands may stand before the command as well as behind it.
-void AddCommand(CLI::App& app, const CommandSpec& command, Options& options,
-                std::vector<Word>& words) {
-    CLI::App& sub = *app.add_subcommand(command.name, command.summary);
+void Parser::AddOption(CLI::App& app, const OptionSpec& row) {
+    if (row.value == nullptr) {
+        app.add_flag_callback(
+            row.names, [&] { Set(row, row.names, m_options, ""); }, row.help);
+        return;
+    }
+    CLI::Option* const option =
+        app.add_option_function<std::string>(
+               row.names, [&](const std::string& text) { Set(row, row.names, m_options, text); },
+               row.help)
+            ->type_name(row.value);
+    m_kinds[option] = row.completion;
+}
+
+void Parser::AddArgument(CLI::App& app, const ArgumentSpec& row) {
+    const std::string name(row.name, std::strcspn(row.name, "[:="));
+    const auto take = [&](const std::string& text) { m_words.push_back({&row, text}); };
+    CLI::Option* const argument = row.repeats
+                                      ? app.add_option_function<std::vector<std::string>>(
+                                               name,
+                                               [take](const std::vector<std::string>& texts) {
+                                                   std::for_each(texts.begin(), texts.end(), take);
+                                               },
+                                               row.help)
+                                            ->expected(1, CLI::detail::expected_max_vector_size)
+                                      : app.add_option_function<std::string>(name, take, row.help);
+    argument->type_name(row.name)->required(row.required);
+    m_kinds[argument] = row.completion;
+}
+
+void Parser::AddCommand(const CommandSpec& command) {
+    CLI::App& sub = *m_app.add_subcommand(command.name, command.summary);
     sub.footer(std::string(command.details) + "\n\n" + Footer());
     for (const ArgumentSpec& argument : command.arguments) {
-        AddArgument(sub, argument, words);
+        AddArgument(sub, argument);
     }
     for (const OptionSpec& option : OPTIONS) {
         if (option.commands == nullptr || Has(option.commands, command.name)) {
-            AddOption(sub, option, options);
+            AddOption(sub, option);
         }
     }
+}
+
+void Parser::TakeWords() {
+    m_options.names = Names::Load(m_options.names_file);
+    for (const Word& word : m_words) {
+        Set(*word.row, word.row->name, m_options, word.text);
+    }
+}
+
+// Says what is wrong, or prints what was asked for; the exit status.
+int Parser::Refuse(const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = m_app.remaining();
+    if (m_app.get_subcommands().empty() && !unknown.empty() && unknown[0][0] != '-') {
+        std::string names;
+        for (const CommandSpec& command : COMMANDS) {
+            names += (names.empty() ? "" : ", ") + std::string(command.name);
+        }
+        m_options.console.Error("unknown command " + unknown[0] + "; commands are " + names);
+        return STATUS_USAGE;
+    }
+    return m_app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+}
+
+const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
+    try {
+        m_app.parse(argc, argv);
+        TakeWords();
+    } catch (const CLI::ParseError& error) {
+        status = Refuse(error);
+        return nullptr;
+    } catch (const NamesError& error) {
+        m_options.console.Error(error.what());
+        status = STATUS_FAILED;
+        return nullptr;
+    }
+    const auto command =
+        std::find_if(COMMANDS.begin(), COMMANDS.end(),
+                     [this](const CommandSpec& spec) { return m_app.got_subcommand(spec.name); });
+    return &*command;
+}
+
+// For the shells: orvexctl --complete pin WORD
+bool Complete(int argc, char** argv) {
+    if (argc != 4 || std::string(argv[1]) != "--complete") {
+        return false;
+    }
+    try {
+        const bool levels = std::string(argv[2]) == "level";
+        for (const std::string& word : CompletePins(argv[3], levels, Names::Load({}))) {
+            puts(word.c_str());
+        }
+    } catch (const NamesError&) {
+        // A shell offers nothing then.
+    }
+    return true;
 }
 
 }  // namespace
 
 const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int& status) {
-    std::vector<Word> words;
-    CLI::App app(DESCRIPTION, APP_NAME);
-    app.footer(Footer());
-    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
-    app.require_subcommand(1);
-    app.formatter(std::make_shared<ArgumentFormatter>());
-    for (const OptionSpec& option : OPTIONS) {
-        if (option.commands == nullptr) {
-            AddOption(app, option, options);
-        }
-    }
-    for (const CommandSpec& command : COMMANDS) {
-        AddCommand(app, command, options, words);
-    }
-    AddCompletion(app);
-    try {
-        app.parse(argc, argv);
-        options.names = Names::Load(options.names_file);
-        for (const Word& word : words) {
-            Set(*word.row, word.row->name, options, word.text);
-        }
-    } catch (const CLI::ParseError& error) {
-        status = app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
-        return nullptr;
-    } catch (const NamesError& error) {
-        options.console.Error(error.what());
-        status = STATUS_FAILED;
+    if (Complete(argc, argv)) {
+        status = STATUS_DONE;
         return nullptr;
     }
-    for (const CommandSpec& command : COMMANDS) {
-        if (app.got_subcommand(command.name)) {
-            return &command;
-        }
-    }
-    status = STATUS_USAGE;
-    return nullptr;
+    return Parser(options).Parse(argc, argv, status);
 }

@@ -14,19 +14,44 @@
 #include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
 #include "tools/bus/PinWrite.h"
+#include "tools/completion/Kind.h"
+#include "tools/ctl/ChangeText.h"
 #include "tools/ctl/Console.h"
+
+// Addresses from the first to the last. The default is what fits into two numbers of a byte each.
+struct AddressRange {
+    uint32_t first = 0;
+    uint32_t last = 0xFFFF;
+    bool is_default = true;
+};
+
+struct PinCondition {
+    uint32_t tag;
+    Level level;
+};
 
 struct Options {
     BusSettings bus;
     Console console;
     bool json = false;
     bool reliable = false;
-    bool all = false;   // repeats too
-    bool fast = false;  // without gaps
+    bool check = false;
+    bool any = false;
+    bool edge = false;
+    bool changes = false;
+    bool all = false;    // repeats too
+    bool force = false;  // overwrite files
+    bool fast = false;   // without gaps
+    bool loop = false;
+    double speed = 1;
     std::optional<unsigned long> count;
     std::optional<double> seconds;
+    std::optional<double> heartbeat;  // seconds
+    std::optional<ChangeFormat> format;
+    AddressRange range;
     std::vector<PinRef> pins;
     std::vector<PinWrite> writes;
+    std::vector<PinCondition> conditions;
     std::string file;
     std::string names_file;  // empty: the user's
     Names names;
@@ -34,9 +59,6 @@ struct Options {
     std::string explain;               // a source to explain instead of asking
     bool plugin = false;               // report as a monitoring plugin
 };
-
-// What a shell may offer for a word.
-enum class Completion { None, Interface, Pin, PinWrite, File };
 
 // The positional arguments of a command; the setter takes one word.
 struct ArgumentSpec {

@@ -1,24 +1,56 @@
 #include "tools/ctl/Output.h"
 
-#include <cerrno>
-#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <cerrno>
+
+#include "tools/base/ErrorText.h"
+#include "tools/base/Time.h"
+#include "tools/bus/JsonFormat.h"
 #include "tools/bus/MessageJson.h"
+#include "tools/ctl/ChangeText.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/MessageText.h"
+#include "tools/ctl/Options.h"
 
 namespace {
 
 [[noreturn]] void Fail(const std::string& name) {
-    throw Failure(STATUS_FAILED, "can't write " + name + ": " + strerror(errno));
+    throw Failure(STATUS_FAILED, "can't write " + name + ": " + ErrorText(errno));
+}
+
+Output::Form FormOf(const Options& options, bool recording) {
+    if (options.json || recording) {
+        return Output::Form::Json;
+    }
+    return options.console.verbose ? Output::Form::FullText : Output::Form::Text;
+}
+
+// Devices and pipes are written to; only files are kept.
+FILE* Open(const std::string& file, bool force) {
+    struct stat status = {};
+    const bool is_kept = stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (is_kept && !force) {
+        throw Failure(STATUS_FAILED, file + " exists; --force overwrites it");
+    }
+    return fopen(file.c_str(), "we");
 }
 
 }  // namespace
 
-Output::Output(const std::string& file, Form form)
-    : m_name(file == "-" ? "standard output" : file),
-      m_form(form),
-      m_file(file == "-" ? stdout : fopen(file.c_str(), "we")) {
+Output::Output(const Options& options)
+    : m_options(options),
+      m_name("standard output"),
+      m_form(FormOf(options, false)),
+      m_file(stdout) {}
+
+Output::Output(const Options& options, const std::string& file)
+    : m_options(options),
+      m_name(file == "-" ? "standard output" : file),
+      m_form(FormOf(options, true)),
+      m_file(file == "-" ? stdout : Open(file, options.force)) {
     if (m_file == nullptr) {
         Fail(m_name);
     }
@@ -30,9 +62,40 @@ Output::~Output() {
     }
 }
 
-void Output::Write(const Traffic& traffic) {
-    Write(m_form == Form::Json ? ToJson(traffic) + "\n"
-                               : ToText(traffic, m_form == Form::FullText));
+void Output::Write(const Traffic& traffic, const std::function<bool(uint32_t tag)>& wanted) {
+    const TextForm form = {m_options.names, m_form == Form::FullText, wanted};
+    Write(IsJson() ? ToJson(traffic, m_options.names) + "\n" : ToText(traffic, form));
+}
+
+void Output::Write(const std::vector<PinFact>& facts) {
+    size_t width = 0;
+    for (const PinFact& fact : facts) {
+        width = std::max(width, PinText(fact.tag).size());
+    }
+    for (const PinFact& fact : facts) {
+        if (IsJson()) {
+            Write(ToJson(fact, m_options.names) + "\n");
+        } else if (fact.level) {
+            const std::string name = m_options.names.NameOf(fact.tag);
+            Write(Padded(PinText(fact.tag), width) + "  " + LevelText(fact.level) +
+                  (name.empty() ? "" : "  " + name) + "\n");
+        }
+    }
+}
+
+void Output::Write(const PinChange& change) {
+    if (IsJson()) {
+        Write(ToJson(change, m_options.names) + "\n");
+    } else {
+        Write(m_options.format ? m_options.format->Text(change, m_options.names)
+                               : ToText(change, m_options.names));
+    }
+}
+
+void Output::WriteEvent(const std::string& event, const std::string& text) {
+    const double time = TimeOfDay();
+    Write(IsJson() ? Dump({{"time", time}, {"event", event}, {"text", text}}) + "\n"
+                   : TimeText(time) + "  " + text + "\n");
 }
 
 void Output::Write(const std::string& text) {

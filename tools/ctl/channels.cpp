@@ -126,7 +126,7 @@ std::chrono::milliseconds Milliseconds(double seconds) {
 }  // namespace
 
 int RunChannels(const Options& options) {
-    Output output("-", Output::Form::Text);
+    Output output(options);
     if (!options.explain.empty()) {
         return Explain(options, output);
     }

@@ -168,7 +168,7 @@ int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
 }  // namespace
 
 int RunDoctor(const Options& options) {
-    Output output("-", Output::Form::Text);
+    Output output(options);
     const std::chrono::milliseconds limit(static_cast<long long>(options.bus.wait * 1000));
     const ExpectedBus bus = {htonl(options.bus.group),
                              options.bus.iface.empty() ? "eth0" : options.bus.iface};

@@ -1,112 +1,66 @@
 // The tables of the command line.
 
-#include <arpa/inet.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <stdexcept>
-
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
+#include "tools/ctl/arguments.h"
 
 namespace {
 
-const double MAX_WAIT = 3600;
-const double MAX_SECONDS = 1e8;
-
-[[noreturn]] void Refuse(const std::string& what, const std::string& text) {
-    throw std::invalid_argument("not " + what + ": " + text);
+template <bool Options::*MEMBER>
+void Switch(Options& options, const std::string&) {
+    options.*MEMBER = true;
 }
 
-double ParseSeconds(const std::string& text, double max) {
-    char* end = nullptr;
-    const double seconds = strtod(text.c_str(), &end);
-    if (end == text.c_str() || *end != '\0' || !(seconds >= 0.001 && seconds <= max)) {
-        Refuse("a number of seconds from 0.001 to " + std::to_string(static_cast<long>(max)), text);
-    }
-    return seconds;
-}
-
-unsigned long ParseCount(const std::string& text, unsigned long max, const char* what) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long number = strtoul(text.c_str(), &end, 10);
-    if (text.empty() || text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 ||
-        number == 0 || number > max) {
-        Refuse(what, text);
-    }
-    return number;
-}
-
-uint16_t ParsePort(const std::string& text) {
-    return static_cast<uint16_t>(ParseCount(text, 65535, "a port"));
-}
-
-uint32_t ParseHost(const std::string& text) {
-    in_addr address = {};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
-        Refuse("an IPv4 address", text);
-    }
-    return ntohl(address.s_addr);
-}
-
-void SetGroup(Options& options, const std::string& text) {
-    options.bus.group = ParseHost(text);
-    if (options.bus.group >> 28 != 0xE) {
-        Refuse("a multicast group", text);
-    }
-}
-
-void SetPorts(Options& options, const std::string& text) {
-    const size_t colon = std::min(text.find(':'), text.size());
-    if (colon > 0 || text.empty()) {
-        options.bus.send_port = ParsePort(text.substr(0, colon));
-    }
-    if (colon < text.size()) {
-        options.bus.listen_port = ParsePort(text.substr(colon + 1));
-    }
-}
-
-// "IP", "IP:PORT" or "PORT"
-void SetServer(Options& options, const std::string& text) {
-    const size_t colon = text.find(':');
-    if (colon != std::string::npos || text.find('.') != std::string::npos) {
-        options.tqrd.SetHost(ParseHost(text.substr(0, colon)));
-    }
-    if (colon != std::string::npos || text.find('.') == std::string::npos) {
-        options.tqrd.SetPort(ParsePort(colon == std::string::npos ? text : text.substr(colon + 1)));
-    }
-}
-
-void AddPins(Options& options, const std::string& text) {
-    options.pins.push_back(options.names.Parse(text));
-}
-
-void AddWrite(Options& options, const std::string& text) {
-    const PinWrite write = ParsePinWrite(text, options.names);
-    for (const PinWrite& other : options.writes) {
-        if (other.tag == write.tag) {
-            throw std::invalid_argument(PinText(write.tag) + " is given twice");
-        }
-    }
-    options.writes.push_back(write);
-}
-
-void SetFile(Options& options, const std::string& text) {
-    options.file = text;
-}
+const ArgumentSpec PINS = {
+    "ADDRESS[:PIN]", false, true, Completion::Pin, "Only what is about these", AddPins};
 
 const char* const WATCH_DETAILS =
-    "With an ADDRESS, asks for its pins first and shows only messages about it; what has no "
-    "answer\n"
-    "in time is told. Devices send everything twice: the second of two messages that are alike,\n"
-    "from one host within 250 ms, is not shown without --all.";
+    "With pins, asks for them first and shows only what is about them; pins that nobody answers\n"
+    "for are noted. With --changes, a line for each pin that changes: reports and answers of\n"
+    "devices, and writes with their sender, which are not confirmed until a device answers.\n"
+    "Without it, all messages; of two that are alike from one host within 250 ms, which devices\n"
+    "send, only the first, unless --all asks for both.";
+
+const char* const RECORD_DETAILS =
+    "The lines are those of watch --json; send plays them back. A file that is there already is\n"
+    "overwritten with --force alone.";
+
+const char* const SET_DETAILS =
+    "All pins go in one message. A DURATION in ms is rounded to 10 to 310 ms in steps of 10 or "
+    "250\n"
+    "to 7750 ms in steps of 250, and the pin then returns; without one the level stays. Nobody\n"
+    "answers a write: with --check the pins are read back until each has its level, and the exit\n"
+    "status is 3 when one has not in the time of -W.";
+
+const char* const WAIT_DETAILS =
+    "Ends when all pins have their levels, which they may have from the start. A level counts "
+    "when\n"
+    "a device has told it; what was written only does not. With --edge each must change to its\n"
+    "level while we wait. Without --for there is no limit.";
+
+const char* const LIST_DETAILS =
+    "RANGE is an address, or two with a '-' between; without it 0 to 255:255. Prints a line for "
+    "each\n"
+    "address that is there: the hosts that answer for it, its five inputs and its five outputs.\n"
+    "0-0xFFFFFF asks for all there are, which takes four minutes.";
+
+const char* const SEND_DETAILS =
+    "Takes what every command prints with --json. A message goes to the port of its \"port\", "
+    "without\n"
+    "one to that of -p, and is acknowledged when its \"reliable\" is true; only \"id\" and "
+    "\"items\"\n"
+    "must be there. What is about one pin becomes a write, or a report when that is its \"kind\":\n"
+    "  {\"pin\":\"1:2:out1\",\"level\":\"L\",\"duration\":500}";
 
 }  // namespace
 
 const std::vector<CommandSpec> COMMANDS = {
+    {"list",
+     "List the addresses that are on the bus",
+     LIST_DETAILS,
+     {{"RANGE", false, false, Completion::Pin, "Addresses to ask for", SetRange}},
+     RunList},
     {"get",
      "Ask for pins and print their levels",
      "Prints a line for each pin: its name and L or H. Asks again until everything is answered or\n"
@@ -115,30 +69,26 @@ const std::vector<CommandSpec> COMMANDS = {
      RunGet},
     {"set",
      "Set pins",
-     "All pins go in one message. A DURATION in ms is rounded to 10 to 310 ms in steps of 10 or "
-     "250\n"
-     "to 7750 ms in steps of 250, and the pin then returns; without one the level stays.",
-     {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinWrite,
-       "LEVEL is L or H, or L,DURATION or H,DURATION", AddWrite}},
+     SET_DETAILS,
+     {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinLevel,
+       "LEVEL is L or H (low or high), or L,DURATION or H,DURATION", AddWrite}},
      RunSet},
-    {"watch",
-     "Print what is reported, as it comes",
-     WATCH_DETAILS,
-     {{"ADDRESS[:PIN]", false, true, Completion::Pin, "Only messages about these", AddPins}},
-     RunWatch},
+    {"wait",
+     "Wait until pins have levels",
+     WAIT_DETAILS,
+     {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinLevel, "LEVEL is L or H (low or high)",
+       AddCondition}},
+     RunWait},
+    {"watch", "Print what happens, as it comes", WATCH_DETAILS, {PINS}, RunWatch},
     {"record",
      "Write what watch --json prints to a file",
-     WATCH_DETAILS,
-     {{"FILE", true, false, Completion::File, "File to write, - for standard output", SetFile},
-      {"ADDRESS[:PIN]", false, true, Completion::Pin, "Only messages about these", AddPins}},
-     RunWatch},
+     RECORD_DETAILS,
+     {{"FILE", true, false, Completion::File, "File to write, - for standard output", SetRecording},
+      PINS},
+     RunRecord},
     {"send",
      "Send messages from a file, with the gaps between them",
-     "Each line is a message as watch --json and record write it. It goes to the port of its\n"
-     "\"port\", without one to that of -p, and is acknowledged when its \"reliable\" is true. "
-     "Only\n"
-     "\"id\" and \"items\" must be there, and a \"pin\" may stand in for a \"tag\":\n"
-     "  {\"id\":\"WRNI\",\"items\":[{\"pin\":\"1:2:out1\",\"type\":\"byte\",\"value\":64}]}",
+     SEND_DETAILS,
      {{"FILE", true, false, Completion::File, "File to read, - for standard input", SetFile}},
      RunSend},
     {"channels",
@@ -166,52 +116,60 @@ const std::vector<OptionSpec> OPTIONS = {
      SetGroup},
     {"-p,--ports", "SEND[:LISTEN]", Completion::None, nullptr,
      "Ports to send to and to listen on (default: 2060:2055)", SetPorts},
-    {"-t,--to", "IP", Completion::None, nullptr, "Send to this host instead of the group",
-     [](Options& options, const std::string& text) { options.bus.to = ParseHost(text); }},
+    {"-t,--to", "IP", Completion::None, nullptr, "Send to this host instead of the group", SetHost},
     {"-W,--wait", "SECONDS", Completion::None, nullptr,
-     "How long to wait for answers and acknowledgements (default: 1)",
-     [](Options& options, const std::string& text) {
-         options.bus.wait = ParseSeconds(text, MAX_WAIT);
-     }},
-    {"-j,--json", nullptr, Completion::None, nullptr, "Print messages as JSON, one object a line",
-     [](Options& options, const std::string&) { options.json = true; }},
+     "How long to wait for answers and acknowledgements (default: 1)", SetWait},
+    {"-n,--names", "FILE", Completion::File, nullptr,
+     "File of names (default: $ORVEX_NAMES, else /etc/orvex/names)",
+     [](Options& options, const std::string& text) { options.names_file = text; }},
+    {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object a line",
+     Switch<&Options::json>},
     {"-q,--quiet", nullptr, Completion::None, nullptr, "No notes",
      [](Options& options, const std::string&) { options.console.quiet = true; }},
     {"-v,--verbose", nullptr, Completion::None, nullptr,
      "Tell what goes on; show messages that are sent, and all items",
      [](Options& options, const std::string&) { options.console.verbose = true; }},
-    {"-n,--names", "FILE", Completion::File, nullptr,
-     "File of names (default: $ORVEX_NAMES, else /etc/orvex/names)",
-     [](Options& options, const std::string& text) { options.names_file = text; }},
     {"-r,--reliable", nullptr, Completion::None, "set send",
-     "Ask for acknowledgement (of a group, the first one counts)",
-     [](Options& options, const std::string&) { options.reliable = true; }},
+     "Ask for acknowledgement (of a group, the first one counts)", Switch<&Options::reliable>},
     {"-r,--server", "IP[:PORT]", Completion::None, "channels doctor",
      "Where the control server is (default: 127.0.0.1:93)", SetServer},
     {"--plugin", nullptr, Completion::None, "doctor",
      "One line with performance data, and the exit statuses of a monitoring plugin",
-     [](Options& options, const std::string&) { options.plugin = true; }},
+     Switch<&Options::plugin>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Tell what the daemon makes of this field, or line, and why",
      [](Options& options, const std::string& text) { options.explain = text; }},
+    {"-k,--check", nullptr, Completion::None, "set",
+     "Read the pins back until they have their levels", Switch<&Options::check>},
+    {"--any", nullptr, Completion::None, "wait", "One pin is enough", Switch<&Options::any>},
+    {"--edge", nullptr, Completion::None, "wait", "Each pin must change to its level",
+     Switch<&Options::edge>},
+    {"-C,--changes", nullptr, Completion::None, "watch", "Print pins that change, and writes",
+     Switch<&Options::changes>},
+    {"-F,--format", "FORMAT", Completion::None, "watch",
+     "Print changes in this form: %p pin, %n name, %x text, %g group, %l level, %o level before, "
+     "%d duration, %k kind, %s state, %h host, %U seconds, %t time",
+     SetFormat},
+    {"--heartbeat", "SECONDS", Completion::None, "watch",
+     "Print a line that often, to show that we listen", SetHeartbeat},
     {"-a,--all", nullptr, Completion::None, "watch record", "Show repeats too",
-     [](Options& options, const std::string&) { options.all = true; }},
+     Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
-     "End after N messages, answers to the first question not counted",
-     [](Options& options, const std::string& text) {
-         options.count = ParseCount(text, 1000000000, "a count from 1 on");
-     }},
-    {"-f,--for", "SECONDS", Completion::None, "watch record channels", "End after that time",
-     [](Options& options, const std::string& text) {
-         options.seconds = ParseSeconds(text, MAX_SECONDS);
-     }},
-    {"--fast", nullptr, Completion::None, "send", "Without gaps",
-     [](Options& options, const std::string&) { options.fast = true; }},
+     "End after N messages, with pins after N of their changes; the present state is none",
+     SetCount},
+    {"-f,--for", "SECONDS", Completion::None, "wait watch record channels", "End after that time",
+     SetLimit},
+    {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
+    {"--fast", nullptr, Completion::None, "send", "Without gaps", Switch<&Options::fast>},
+    {"--speed", "FACTOR", Completion::None, "send", "That many times as fast (default: 1)",
+     SetSpeed},
+    {"--loop", nullptr, Completion::None, "send", "Begin again at the end of the file",
+     Switch<&Options::loop>},
 };
 
 const std::vector<StatusSpec> STATUSES = {
     {STATUS_DONE, "done"},
     {STATUS_FAILED, "not sent or refused; no access to the bus or a file"},
     {STATUS_USAGE, "wrong usage"},
-    {STATUS_NO_ANSWER, "no answer, no acknowledgement or not --count messages in time"},
+    {STATUS_NO_ANSWER, "no answer, no acknowledgement, not as awaited in time"},
 };

@@ -1,123 +1,147 @@
-// watch and record: the same messages, to standard output or to a file.
+// watch and record: messages or changes, to standard output or to a file.
 
 #include <algorithm>
+#include <functional>
+#include <memory>
 
-#include "tools/base/Signals.h"
-#include "tools/bus/Question.h"
-#include "tools/bus/RepeatFilter.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
+#include "tools/ctl/PinWatch.h"
 
 namespace {
 
-Output::Form FormOf(const Options& options) {
-    if (options.json || !options.file.empty()) {
-        return Output::Form::Json;
-    }
-    return options.console.verbose ? Output::Form::FullText : Output::Form::Text;
-}
+const double ASK_EVERY = 1;  // seconds; for outputs that are watched by name
 
 class Watch {
 public:
     explicit Watch(const Options& options)
         : m_options(options),
-          m_output(options.file.empty() ? "-" : options.file, FormOf(options)),
-          m_link(options.bus),
-          m_end(options.seconds ? After(*options.seconds) : TimePoint::max()),
-          m_asking(!options.pins.empty()) {
-        m_link.Listen(BusLink::Hear::Reports);
-        if (m_asking) {
-            m_question.emplace(m_link, options.pins);
+          m_output(options.file.empty() ? std::make_unique<Output>(options)
+                                        : std::make_unique<Output>(options, options.file)),
+          m_watch(options,
+                  options.changes ? BusLink::Hear::ReportsAndRequests : BusLink::Hear::Reports),
+          m_end(options.seconds ? After(*options.seconds) : TimePoint::max()) {
+        if (!options.pins.empty()) {
+            m_watch.Ask(options.pins, options.changes ? ASK_EVERY : 0);
         }
+        Beat();
     }
 
     int Run();
 
 private:
-    TimePoint Ask();
+    bool IsWanted(uint32_t tag) const;
     bool IsWanted(const CMessage& message) const;
-    void Show(const Traffic& traffic);
-    bool IsComplete() const { return m_options.count && m_shown >= *m_options.count; }
+    bool IsCounted(const PinChange& change) const;
+    void ShowMessage();
+    void ShowChanges();
+    void CountMessage();
+    void Beat();
+    bool IsComplete() const { return m_options.count && m_counted >= *m_options.count; }
 
     const Options& m_options;
-    Output m_output;
-    Signals m_signals;
-    BusLink m_link;
+    std::unique_ptr<Output> m_output;
+    PinWatch m_watch;
     const TimePoint m_end;
-    std::optional<Question> m_question;
-    bool m_asking;
-    RepeatFilter m_repeats;
-    unsigned long m_shown = 0;
+    TimePoint m_beat = TimePoint::max();
+    unsigned long m_counted = 0;
 };
 
 int Watch::Run() {
-    Traffic traffic;
     while (!IsComplete()) {
         if (Now() >= m_end) {
             return m_options.count ? STATUS_NO_ANSWER : STATUS_DONE;
         }
-        const BusLink::Event event = m_link.Wait(traffic, std::min(Ask(), m_end), m_signals.Get());
-        if (event == BusLink::Event::Other) {
-            break;
+        if (Now() >= m_beat) {
+            m_output->WriteEvent("heartbeat", "heartbeat");
+            Beat();
         }
-        if (event == BusLink::Event::Changed) {
-            m_options.console.Note(m_link.LastChange().text);
-        }
-        if (event == BusLink::Event::Heard) {
-            Show(traffic);
+        switch (m_watch.Wait(std::min(m_end, m_beat))) {
+            case PinWatch::Event::Stopped:
+                return STATUS_DONE;
+            case PinWatch::Event::Link:
+                if (m_output->IsJson()) {
+                    m_output->WriteEvent("link", m_watch.LinkChange().text);
+                }
+                break;
+            case PinWatch::Event::Heard:
+                m_options.changes ? ShowChanges() : ShowMessage();
+                break;
+            default:
+                break;
         }
     }
     return STATUS_DONE;
 }
 
-// Asks for the present state until that is answered or not to be had. Returns when to call again.
-TimePoint Watch::Ask() {
-    if (!m_asking) {
-        return TimePoint::max();
-    }
-    if (!m_question->IsOver()) {
-        m_question->AskWhenDue();
-        return m_question->NextTime();
-    }
-    m_asking = false;
-    const std::string missing = m_question->Missing();
-    if (!missing.empty()) {
-        m_options.console.Note("no answer for " + missing);
-    }
-    return TimePoint::max();
+void Watch::Beat() {
+    m_beat = m_options.heartbeat ? After(*m_options.heartbeat) : TimePoint::max();
+}
+
+bool Watch::IsWanted(uint32_t tag) const {
+    return m_options.pins.empty() ||
+           std::any_of(m_options.pins.begin(), m_options.pins.end(),
+                       [tag](const PinRef& pins) { return pins.Matches(tag); });
 }
 
 bool Watch::IsWanted(const CMessage& message) const {
-    if (m_options.pins.empty()) {
-        return true;
-    }
     for (unsigned int i = 0; i < message.GetItemCount(); ++i) {
-        for (const PinRef& pins : m_options.pins) {
-            if (pins.Matches(message.GetItem(i)->m_nTag)) {
-                return true;
-            }
+        if (IsWanted(message.GetItem(i)->m_nTag)) {
+            return true;
         }
     }
-    return false;
+    return m_options.pins.empty();
 }
 
-void Watch::Show(const Traffic& traffic) {
-    if (!IsWanted(traffic.message) || (!m_options.all && m_repeats.IsRepeat(traffic, Now()))) {
+// The present state, which is asked for first, is no change.
+bool Watch::IsCounted(const PinChange& change) const {
+    return IsWanted(change.tag) && change.IsNewLevel() &&
+           (change.before || change.cause != PinChange::Cause::Answered);
+}
+
+void Watch::ShowMessage() {
+    const Traffic* const traffic = m_watch.Message();
+    if (traffic == nullptr || !IsWanted(traffic->message)) {
         return;
     }
-    m_output.Write(traffic);
-    const bool first_state = m_question && m_question->IsAnswer(traffic.message);
-    if (first_state) {
-        m_question->Take(traffic.message);
-    } else {
-        ++m_shown;
+    if (m_options.all || !m_watch.IsRepeat()) {
+        m_output->Write(
+            *traffic, m_options.pins.empty() ? std::function<bool(uint32_t)>()
+                                             : [this](uint32_t tag) { return IsWanted(tag); });
+        CountMessage();
+    }
+}
+
+// Without pins every message counts, with pins those that change one.
+void Watch::CountMessage() {
+    const std::vector<PinChange>& changes = m_watch.Changes();
+    const bool counts = m_options.pins.empty() ||
+                        std::any_of(changes.begin(), changes.end(),
+                                    [this](const PinChange& change) { return IsCounted(change); });
+    m_counted += counts && !m_watch.IsFirstAnswer() ? 1 : 0;
+}
+
+void Watch::ShowChanges() {
+    for (const PinChange& change : m_watch.Changes()) {
+        if (IsComplete() || !IsWanted(change.tag)) {
+            continue;
+        }
+        if (change.IsNewLevel() || change.cause == PinChange::Cause::Written || change.denied ||
+            m_options.console.verbose) {
+            m_output->Write(change);
+        }
+        m_counted += IsCounted(change) ? 1 : 0;
     }
 }
 
 }  // namespace
 
 int RunWatch(const Options& options) {
+    return Watch(options).Run();
+}
+
+int RunRecord(const Options& options) {
     return Watch(options).Run();
 }

@@ -80,8 +80,9 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
             return ParseAddress(text) ? std::string() : "not an IP:PORT: " + text;
         })
         ->capture_default_str();
-    app.add_option("FILE", options.file, "Lines to begin with")->type_name("");
-    AddCompletion(app);
+    const CLI::Option* const file =
+        app.add_option("FILE", options.file, "Lines to begin with")->type_name("");
+    AddCompletion(app, {{file, Completion::File}});
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -163,7 +163,7 @@ TEST(MessageJson, CarriesWhateverArrives) {
         ++decoded;
         const std::string json = ToJson(traffic);
         ASSERT_TRUE(nlohmann::json::accept(json)) << json;
-        const std::string shown = json + ToText(traffic, true);
+        const std::string shown = json + ToText(traffic, {Names(), true});
         ASSERT_TRUE(std::all_of(shown.begin(), shown.end(), [](char c) {
             return (c >= ' ' && c <= '~') || c == '\n';
         })) << shown;
@@ -195,12 +195,12 @@ TEST(MessageText, ShowsPinsInColumns) {
              traffic);
     traffic.host = "10.0.0.1";
     const auto shown = [&](bool everything) {
-        const std::string text = ToText(traffic, everything);
+        const std::string text = ToText(traffic, {Names(), everything});
         return text.substr(text.find("  10."));
     };
     const std::string head = "  10.0.0.1         write   ";
     EXPECT_EQ(shown(false), head + "1:2:out1      L for 250 ms\n");
-    EXPECT_EQ(ToText(traffic, true).find("request       dword 5\n"), 12 + head.size());
+    EXPECT_EQ(ToText(traffic, {Names(), true}).find("request       dword 5\n"), 12 + head.size());
     traffic.message.Empty();
     EXPECT_EQ(shown(false), head + "(no pins)\n");
 }

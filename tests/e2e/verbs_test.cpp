@@ -1,0 +1,216 @@
+// Names, and the verbs that wait, check and list.
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+
+#include "tests/e2e/Ctl.h"
+
+namespace {
+
+class Verbs : public Ctl {
+protected:
+    // Output 1 is at 1:2, output 9, whose state the daemon does not follow, at 9:9.
+    void StartAll() {
+        ASSERT_EQ(tqrd.server.Apply("CFG GPO 9 SRCA=9:9"), "");
+        Ctl::StartAll();
+        std::ofstream("/run/names") << "1:2 studio1 \"Studio 1\" # in front\n\n"
+                                    << "1:2:out3 studio1.onair \"Studio 1 \\\"on air\\\"\"\n"
+                                    << "1:2:in1 door\n9:9:out1 high\n";
+        m_environment = {"ORVEX_NAMES=/run/names"};
+    }
+
+    void ExpectWait(const Words& arguments, int status, const std::string& err = "") {
+        Words words = {"wait", "-q", "--for", "0.5"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        const auto wait = Start(studio, words);
+        EXPECT_EQ(Finish(*wait), status);
+        EXPECT_EQ(wait->Err(), err);
+    }
+};
+
+TEST_F(Verbs, SetsAndKnowsThatItIsSo) {
+    StartAll();
+    ExpectRun({"set", "--check", "studio1.onair=L"}, 0, "1:2:out3  L  studio1.onair\n", "");
+    EXPECT_EQ(tqrd.Count("GPO 1 xxLxx"), 1);
+    ExpectRun({"set", "--check", "studio1:out3=high", "1:2:out1=L,500"}, 0,
+              "1:2:out3  H  studio1.onair\n1:2:out1  L  studio1:out1\n", "");
+    ExpectRun({"set", "-W", "0.4", "-k", "high=L"}, 3, "9:9:out1  H  high\n",
+              "orvexctl: 9:9:out1 (high) is answered H: its control server did not carry the write "
+              "out, or it is an output of channels 9 to 32, which is always answered H\n");
+    const std::string nobody =
+        ": no answer: no device on the bus has %, or its control server is away\n";
+    ExpectRun({"set", "-W", "0.3", "-k", "7:out1=L"}, 3, "",
+              "orvexctl: 7:out1" + std::string(nobody).replace(nobody.find('%'), 1, "7"));
+    ExpectRun({"set", "-W", "0.3", "-k", "door=L"}, 3, "1:2:in1  H  door\n",
+              "orvexctl: 1:2:in1 is an input: devices do not set it\n"
+              "orvexctl: 1:2:in1 (door) is an input: devices do not set it\n");
+}
+
+TEST_F(Verbs, WaitsForLevels) {
+    StartAll();
+    ExpectWait({"door=H"}, 0);
+    ExpectWait({"door=L"}, 3, "orvexctl: 1:2:in1 (door) is not L\n");
+    ExpectWait({"door=H", "--edge"}, 3, "orvexctl: 1:2:in1 (door) did not change to H\n");
+    ExpectWait({"door=L", "studio1.onair=H", "--any"}, 0);
+    ExpectWait({"door=H", "studio1.onair=L"}, 3, "orvexctl: 1:2:out3 (studio1.onair) is not L\n");
+
+    const auto all = Start(studio, {"wait", "-j", "door=L", "studio1.onair=L"});
+    const auto edge = Start(studio, {"wait", "--edge", "door=H", "--for", "9"});
+    const auto pulse = Start(studio, {"wait", "--edge", "studio1.onair=H"});
+    Linger(300);
+    tqrd.server.Apply("GPI 1 LLHHL");
+    ExpectRun({"set", "high=L", "studio1.onair=L,250"}, 0, "sent\n", "");
+    EXPECT_EQ(Finish(*all), 0);
+    EXPECT_EQ(Lines(all->Out())[1]["name"], "studio1.onair");
+    EXPECT_EQ(Finish(*pulse), 0) << "the time of the write is over";
+    EXPECT_TRUE(edge->IsRunning());
+    tqrd.server.Apply("GPI 1 HLHHL");
+    EXPECT_EQ(Finish(*edge), 0);
+    ExpectWait({"high=L"}, 3, "orvexctl: 9:9:out1 (high) is not L\n");
+}
+
+TEST_F(Verbs, WatchesChanges) {
+    StartAll();
+    const auto all = StartListener(studio, {"watch", "--changes", "-j"});
+    const auto one = Start(studio, {"watch", "-c", "1", "door"});
+    const auto form = StartListener(
+        studio, {"watch", "-F", "%n %x %o%l %d %k %s %%", "--count", "3", "studio1.onair", "door"});
+    ASSERT_TRUE(AwaitText(*form, "HH 0 reply") || AwaitText(*form, "?H 0 reply told"));
+    ASSERT_TRUE(AwaitText(*one, "1:2:in1       H    door\n"));
+    tqrd.server.Apply("GPI 1 HHHHH");
+    ASSERT_TRUE(AwaitText(*all, R"("pin":"1:2:in2","name":"studio1:in2","kind":"report")"));
+    Linger(100);
+    EXPECT_TRUE(one->IsRunning()) << "another pin";
+    tqrd.server.Apply("GPI 1 LHHHH");
+    EXPECT_EQ(Finish(*one), 0);
+    ExpectRun({"set", "studio1.onair=L,500", "high=L"}, 0, "sent\n", "");
+    EXPECT_EQ(Finish(*form), 0);
+    EXPECT_NE(form->Out().find("door  HL 0 report told %\n"), std::string::npos) << form->Out();
+    EXPECT_NE(form->Out().find("studio1.onair Studio 1 \"on air\" HL 500 write written %\n"),
+              std::string::npos);
+    EXPECT_NE(form->Out().find("studio1.onair Studio 1 \"on air\" LH 0 reply told %\n"),
+              std::string::npos);
+    ASSERT_TRUE(AwaitText(*all, R"("before":"L","level":"L","state":"written","denied":true)"));
+    const std::vector<Json> lines = Lines(all->Out());
+    const auto write = std::find_if(lines.begin(), lines.end(), [](const Json& line) {
+        return line["kind"] == "write" && line["pin"] == "1:2:out3";
+    });
+    ASSERT_NE(write, lines.end());
+    EXPECT_EQ((*write)["host"], STUDIO_ADDRESS);
+
+    // What is printed can be sent again.
+    std::ofstream("/run/changes") << all->Out();
+    tqrd.heard.clear();
+    ExpectRun({"send", "--fast", "/run/changes"}, 0, "", "");
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xxLxx DURATION:500"));
+}
+
+TEST_F(Verbs, GoesOnWhenTheInterfaceIsBack) {
+    StartAll();
+    const auto watch = StartListener(studio, {"watch", "-C", "-j", "--heartbeat", "0.3"});
+    studio.Run("ip link set eth0 down");
+    ASSERT_TRUE(AwaitText(*watch, "orvexctl: eth0 is down\n"));
+    studio.Run("ip addr flush dev eth0; ip link set eth0 up");
+    studio.Run("ip addr add 10.77.0.3/24 dev eth0; ip route add 224.0.0.0/4 dev eth0");
+    ASSERT_TRUE(AwaitText(*watch, R"("event":"link","text":"eth0 is up again")"));
+    tqrd.server.Apply("GPI 1 LLLLL");
+    ASSERT_TRUE(AwaitText(*watch, R"("pin":"1:2:in5")"));
+    ASSERT_TRUE(AwaitText(*watch, R"("event":"heartbeat")"));
+}
+
+TEST_F(Verbs, ListsWhatIsThere) {
+    StartAll();
+    tqrd.server.Apply("CFG GPO 2 SRCA=300");
+    ASSERT_TRUE(AwaitOut("GPO 2 proto=2 ach=12C"));
+    ExpectRun({"list", "-W", "0.3"}, 0,
+              "1:2        10.77.0.1        in HLHHL  out HHHHH  studio1\n"
+              "1:44       10.77.0.1        in HHHHH  out HHHHH\n"
+              "9:9        10.77.0.1        in HHHHH  out HHHHH\n",
+              "orvexctl: asked for 0 to 255:255 only; list 0-0xFFFFFF asks for all addresses\n");
+    const auto json = Start(studio, {"list", "-j", "-W", "0.3", "0-studio1"});
+    EXPECT_EQ(Finish(*json), 0);
+    EXPECT_EQ(Lines(json->Out()).size(), 10U);
+    ExpectRun({"list", "-W", "0.2", "3-7"}, 3, "", "orvexctl: no device answered\n");
+}
+
+TEST_F(Verbs, RefusesWithWhatWouldBeRight) {
+    StartAll();
+    std::ofstream("/run/bad") << "# names\n1:2 studio1\n1:2 other\n";
+    std::ofstream("/run/there");
+    const struct {
+        Words arguments;
+        int status;
+        const char* err;
+    } cases[] = {
+        {{"frob"}, 2, "unknown command frob; commands are list, get, set,"},
+        {{"get", "1:2:out9"}, 2, "no pin out9; pins are in1 to in5, out1 to out5, c0 to c255"},
+        {{"get", "studio2"}, 2, "no name studio2 in /run/names"},
+        {{"get", "door:in1"}, 2, "door is a pin, and has none of its own: door:in1"},
+        {{"set", "studio1=L"}, 2, "studio1 is an address and names no pin; add one of in1 to"},
+        {{"set", "1:300:out1=L"}, 2, "the second number of an address is 0 to 255: 1:300"},
+        {{"wait", "door=x"}, 2, "not a level, L (low) or H (high): x"},
+        {{"watch", "-F", "%q"}, 2, "no field %q; fields are %p"},
+        {{"list", "7-3"}, 2, "a range begins with its lower end: 7-3"},
+        {{"record", "1:2:in1"}, 2, "1:2:in1 is an address or pin; the FILE comes first"},
+        {{"record", "/run/there", "door"}, 1, "/run/there exists; --force overwrites it\n"},
+        {{"get", "-n", "/run/bad", "1"}, 1, "/run/bad:3: this has a name already: studio1\n"},
+        {{"get", "-n", "/run/nosuch", "1"}, 1, "can't read /run/nosuch: No such file"},
+    };
+    for (const auto& c : cases) {
+        const auto ctl = Start(studio, c.arguments);
+        EXPECT_EQ(Finish(*ctl), c.status);
+        EXPECT_NE(ctl->Err().find(c.err), std::string::npos) << c.err << "\n" << ctl->Err();
+    }
+    ExpectRun({"record", "--force", "/run/there", "door", "-f", "0.1"}, 0, "", "");
+    ExpectRun({"-n", "/dev/null", "get", "1:2:out3"}, 0, "1:2:out3  H\n", "");
+}
+
+TEST_F(Verbs, PlaysFasterAndAgain) {
+    StartAll();
+    std::ofstream("/run/two") << R"({"time":100,"pin":"door","level":"L","kind":"report"})"
+                              << "\n"
+                              << R"({"time":101.5,"pin":"studio1.onair","level":"L"})"
+                              << "\n";
+    const auto begin = std::chrono::steady_clock::now();
+    const auto send = Start(studio, {"send", "--speed", "5", "--loop", "/run/two"});
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 1 xxLxx", 2));
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GT(took.count(), 0.55);
+    EXPECT_LT(took.count(), 1.5);
+    send->Signal(SIGTERM);
+    EXPECT_EQ(Finish(*send), 0);
+}
+
+// The commands behind a prompt, and the script.
+TEST_F(Verbs, RunsTheExamplesOfItsManual) {
+    StartAll();
+    std::ifstream manual(ORVEX_MANUAL);
+    const std::string prompt = ".Dl $ ";
+    std::string script;
+    int examples = 0;
+    for (std::string line; std::getline(manual, line);) {
+        if (line.rfind("#!/bin/sh", 0) == 0) {
+            tqrd.server.Apply("GPI 1 LLHHL");
+            while (std::getline(manual, line) && line != ".Ed") {
+                script += line + "\n";
+            }
+            line = prompt + "set -e; " + script;
+        }
+        if (line.rfind(prompt, 0) != 0 || line.find(" top") != std::string::npos) {
+            continue;
+        }
+        const std::string program = ORVEX_EMULATOR + std::string(" ") + ORVEXCTL_PROGRAM;
+        const Host::Scope on(device);
+        Process shell({"/bin/sh", "-c",
+                       "orvexctl() { " + program + " \"$@\"; }; " + line.substr(prompt.size())},
+                      m_environment);
+        EXPECT_EQ(Finish(shell), 0) << line << shell.Err();
+        ++examples;
+    }
+    EXPECT_GT(examples, 10);
+    EXPECT_NE(script, "");
+}
+
+}  // namespace
