@@ -1,0 +1,90 @@
+#include "tools/board/Access.h"
+
+#include <arpa/inet.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+#include <stdexcept>
+
+#include "tools/base/ErrorText.h"
+
+namespace {
+
+const size_t MAX_WRONG = 10;
+const int64_t WRONG_FOR = 60000;  // ms
+const size_t MIN_TOKEN = 16;
+
+// Takes as long for a token that is nearly right as for any other of its length.
+bool IsSame(const std::string& a, const std::string& b) {
+    unsigned char difference = a.size() == b.size() ? 0 : 1;
+    for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        difference = static_cast<unsigned char>(difference | (a[i] ^ b[i]));
+    }
+    return difference == 0;
+}
+
+bool IsAddress(const std::string& text) {
+    unsigned char bytes[16];
+    return inet_pton(AF_INET, text.c_str(), bytes) == 1 ||
+           inet_pton(AF_INET6, text.c_str(), bytes) == 1;
+}
+
+}  // namespace
+
+bool Access::IsKnownHost(const std::string& host) const {
+    std::string name = host;
+    if (!name.empty() && name[0] == '[') {
+        const size_t end = name.find(']');
+        return end != name.npos && IsAddress(name.substr(1, end - 1)) &&
+               (end + 1 == name.size() || name[end + 1] == ':');
+    }
+    name = name.substr(0, name.find(':'));
+    return name == "localhost" || IsAddress(name) || m_settings.hosts.count(name) != 0;
+}
+
+Access::Verdict Access::MaySet(const HttpRequest& request, int64_t now) {
+    if (!m_settings.allow_set) {
+        return {403, "setting pins is switched off (--allow-set)"};
+    }
+    const std::string host = request.Header("host");
+    const std::string origin = request.Header("origin");
+    if (origin != "http://" + host && origin != "https://" + host) {
+        return {403, "the Origin is not this board's"};
+    }
+    if (request.Header("x-orvex-board") != "set") {
+        return {403, "the header X-Orvex-Board: set is missing"};
+    }
+    const std::string type = request.Header("content-type");
+    if (type.compare(0, type.find(';'), "application/json") != 0) {
+        return {415, "the body must be application/json"};
+    }
+    while (!m_wrong.empty() && (m_wrong.front() + WRONG_FOR < now || m_wrong.front() > now)) {
+        m_wrong.pop_front();
+    }
+    if (m_wrong.size() >= MAX_WRONG) {
+        return {429, "too many wrong tokens; wait a minute"};
+    }
+    if (!IsSame(request.Header("authorization"), "Bearer " + m_settings.token)) {
+        m_wrong.push_back(now);
+        return {401, "the token is wrong or missing"};
+    }
+    return {};
+}
+
+std::string ReadToken(const std::string& file) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) {
+        throw std::runtime_error(file + ": " + ErrorText(errno));
+    }
+    if ((status.st_mode & S_IROTH) != 0) {
+        throw std::runtime_error(file + ": everyone may read the token (chmod o-r)");
+    }
+    std::ifstream stream(file);
+    std::string token;
+    std::getline(stream, token);
+    if (token.size() < MIN_TOKEN) {
+        throw std::runtime_error(file + ": the token has fewer than 16 characters");
+    }
+    return token;
+}

@@ -1,0 +1,271 @@
+#include "tools/board/Api.h"
+
+#include <charconv>
+#include <stdexcept>
+
+#include "tools/board/Assets.h"
+#include "tools/board/Json.h"
+#include "tools/bus/Escape.h"
+#include "tools/bus/PinName.h"
+
+namespace {
+
+const size_t MAX_WHO = 64;
+
+HttpResponse Fail(unsigned status, const std::string& reason) {
+    HttpResponse response;
+    response.status = status;
+    response.body = Dump({{"error", reason}}) + "\n";
+    return response;
+}
+
+HttpResponse Answer(std::string body) {
+    HttpResponse response;
+    response.body = std::move(body);
+    response.headers.emplace_back("Cache-Control", "no-store");
+    return response;
+}
+
+int64_t NumberField(const HttpRequest& request, const char* name, int64_t otherwise) {
+    const std::string text = request.Field(name).value_or("");
+    if (text.empty()) {
+        return otherwise;
+    }
+    int64_t number = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size() || number < 0) {
+        throw std::invalid_argument(std::string(name) + " is not a number");
+    }
+    return number;
+}
+
+// A field of a table for spreadsheets, which take what begins with = + - @ for a formula.
+std::string CsvText(const std::string& text) {
+    std::string quoted = "\"";
+    if (!text.empty() && std::string("=+-@\t\r").find(text[0]) != std::string::npos) {
+        quoted += '\'';
+    }
+    for (const char c : text) {
+        quoted += c == '"' ? "\"\"" : std::string(1, c);
+    }
+    return quoted + "\"";
+}
+
+std::string CsvOf(const History::Answer& answer, const Names& names) {
+    std::string csv = "id,time,kind,pin,name,level,duration,host,text\r\n";
+    for (const Event& event : answer.events) {
+        csv += std::to_string(event.id) + "," + std::to_string(event.time) + "," +
+               KindText(event.kind) + "," + (event.tag ? PinText(*event.tag) : "") + "," +
+               (event.tag ? CsvText(names.NameOf(*event.tag)) : "") + "," +
+               (event.low ? *event.low ? "L" : "H" : "") + "," +
+               (event.duration != 0 ? std::to_string(event.duration) : "") + "," +
+               CsvText(event.host) + "," + CsvText(event.text) + "\r\n";
+    }
+    return csv;
+}
+
+}  // namespace
+
+Api::Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics)
+    : m_board(board),
+      m_history(history),
+      m_stream(stream),
+      m_access(access),
+      m_metrics(metrics),
+      m_reads({{"/api/v1/pins", [this](const HttpRequest& r) { return Pins(r); }},
+               {"/api/v1/devices", [this](const HttpRequest& r) { return Devices(r); }},
+               {"/api/v1/channels", [this](const HttpRequest& r) { return Channels(r); }},
+               {"/api/v1/history", [this](const HttpRequest& r) { return FindHistory(r); }},
+               {"/api/v1/events", [this](const HttpRequest& r) { return Follow(r); }},
+               {"/metrics", [this](const HttpRequest& r) { return ShowMetrics(r); }},
+               {"/healthz", [this](const HttpRequest& r) { return Health(r); }}}) {}
+
+HttpResponse Api::Handle(const HttpRequest& request) {
+    if (!m_access.IsKnownHost(request.Header("host"))) {
+        return Fail(421, "this board does not go by that name (--host)");
+    }
+    if (request.path == "/api/v1/set") {
+        return request.method == "POST" ? Set(request) : Fail(405, "only POST sets");
+    }
+    if (request.method != "GET") {
+        return Fail(405, "only GET reads");
+    }
+    const auto read = m_reads.find(request.path);
+    try {
+        return read != m_reads.end() ? read->second(request) : Page(request);
+    } catch (const std::invalid_argument& error) {
+        return Fail(400, error.what());
+    }
+}
+
+HttpResponse Api::Page(const HttpRequest& request) const {
+    const Asset* const asset = FindAsset(request.path);
+    if (asset == nullptr) {
+        return Fail(404, "there is no such page");
+    }
+    HttpResponse response;
+    response.type = std::string(asset->type);
+    response.fixed = asset->bytes;
+    response.headers = {{"ETag", std::string(asset->tag)}, {"Cache-Control", "no-cache"}};
+    response.status = request.Header("if-none-match") == asset->tag ? 304 : 200;
+    return response;
+}
+
+HttpResponse Api::Pins(const HttpRequest&) const {
+    OrderedJson head;
+    head["stream"] = m_stream.IdBefore(m_stream.Next());
+    head["now"] = NowMs();
+    head["board"] = BoardJson(m_board, m_history);
+    head["allow_set"] = m_access.AllowsSet();
+    head["groups"] = OrderedJson::array();
+    for (const Names::Entry& entry : m_board.GetNames().All()) {
+        if (!entry.pins.circuit) {
+            head["groups"].push_back({{"address", AddressText(entry.pins.address)},
+                                      {"name", entry.name},
+                                      {"title", entry.text}});
+        }
+    }
+    std::string body = Dump(head);
+    body.back() = ',';
+    body += "\"pins\":[";
+    const char* separator = "";
+    m_board.Pins().ForEach([&](uint32_t tag, const PinState& state) {
+        body += separator + m_board.TextOf(tag, state);
+        separator = ",\n";
+    });
+    return Answer(body + "]}\n");
+}
+
+HttpResponse Api::Devices(const HttpRequest&) const {
+    OrderedJson devices = OrderedJson::array();
+    for (const auto& [host, device] : m_board.Devices()) {
+        devices.push_back(DeviceJson(host, device, m_board.AddressesOf(host)));
+    }
+    return Answer(Dump({{"now", NowMs()}, {"devices", devices}}) + "\n");
+}
+
+HttpResponse Api::Channels(const HttpRequest&) const {
+    if (!m_board.HasControl()) {
+        return Fail(404, "this board follows no control server (-r)");
+    }
+    OrderedJson channels = OrderedJson::array();
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        channels.push_back(ChannelJson(number, m_board.Channels().Channel(number)));
+    }
+    return Answer(Dump({{"address", m_board.ControlAddress()},
+                        {"problem", m_board.ControlProblem()},
+                        {"channels", channels}}) +
+                  "\n");
+}
+
+HttpResponse Api::FindHistory(const HttpRequest& request) {
+    History::Query query;
+    const std::string pin = request.Field("pin").value_or("");
+    if (!pin.empty()) {
+        query.tag = m_board.GetNames().ParsePin(pin);
+    }
+    query.from = NumberField(request, "from", query.from);
+    query.until = NumberField(request, "to", query.until);
+    query.before_id = NumberField(request, "before", query.before_id);
+    const int64_t limit = NumberField(request, "limit", query.limit);
+    query.limit = static_cast<unsigned>(std::min<int64_t>(limit, History::MAX_ROWS));
+    m_history.Store(NowMs());  // what has just happened is part of the answer
+    const History::Answer answer = m_history.Find(query);
+    const std::string format = request.Field("format").value_or("");
+    if (format == "csv" || request.Header("accept").compare(0, 8, "text/csv") == 0) {
+        HttpResponse response = Answer(CsvOf(answer, m_board.GetNames()));
+        response.type = "text/csv; charset=utf-8; header=present";
+        response.headers.emplace_back("Content-Disposition", "attachment; filename=history.csv");
+        return response;
+    }
+    OrderedJson head = {{"now", NowMs()}, {"more", answer.more}};
+    head["earlier"] =
+        answer.earlier ? EventJson(*answer.earlier, m_board.GetNames()) : OrderedJson();
+    head["gaps"] = OrderedJson::array();
+    for (const Gap& gap : answer.gaps) {
+        head["gaps"].push_back(GapJson(gap));
+    }
+    std::string body = Dump(head);
+    body.back() = ',';
+    body += "\"events\":[";
+    const char* separator = "";
+    for (const Event& event : answer.events) {
+        body += separator + Dump(EventJson(event, m_board.GetNames()));
+        separator = ",\n";
+    }
+    return Answer(body + "]}\n");
+}
+
+HttpResponse Api::Follow(const HttpRequest& request) const {
+    HttpResponse response;
+    response.type = "text/event-stream";
+    response.headers = {{"Cache-Control", "no-store"}, {"X-Accel-Buffering", "no"}};
+    response.body = "retry: 1000\n\n";
+    std::string last = request.Header("last-event-id");
+    last = last.empty() ? request.Field("after").value_or("") : last;
+    uint64_t from = m_stream.Next();
+    if (!last.empty() && !m_stream.Resume(last, from)) {
+        response.body += "id: " + m_stream.IdBefore(from) +
+                         "\nevent: reload\ndata: {\"reason\":\"what was missed is no longer "
+                         "kept\"}\n\n";
+    }
+    response.follow = from;
+    return response;
+}
+
+HttpResponse Api::Set(const HttpRequest& request) {
+    const Access::Verdict verdict = m_access.MaySet(request, NowMs());
+    if (!verdict.reason.empty()) {
+        m_board.NoteRefusal(request.peer, verdict.reason);
+        return Fail(verdict.status, verdict.reason);
+    }
+    const auto body = nlohmann::json::parse(request.body, nullptr, false);
+    const auto text = [&](const char* name) {
+        return body.is_object() && body.contains(name) && body[name].is_string()
+                   ? body[name].get<std::string>()
+                   : std::string();
+    };
+    const std::string level = text("level");
+    const bool timed = body.is_object() && body.contains("duration");
+    if ((level != "L" && level != "H") || (timed && !body["duration"].is_number_unsigned()) ||
+        (timed && body["duration"].get<uint64_t>() > 7750)) {
+        return Fail(400,
+                    "a pin, a level L or H, and no duration or one of 0 to 7750 ms are needed");
+    }
+    uint32_t tag = 0;
+    try {
+        tag = m_board.GetNames().ParsePin(text("pin"));
+    } catch (const std::invalid_argument& error) {
+        return Fail(400, error.what());
+    }
+    if (!IsNamedPin(tag) || IsInput(tag)) {
+        return Fail(400, PinText(tag) + " is no output");
+    }
+    const std::string who = EscapeBytes(text("who").substr(0, MAX_WHO));
+    const WriteValue value(level == "L" ? Level::Low : Level::High,
+                           timed ? body["duration"].get<unsigned long>() : 0);
+    if (!m_board.Set(tag, value, who.empty() ? request.peer : who + " (" + request.peer + ")")) {
+        return Fail(503, "it could not be sent to the bus");
+    }
+    HttpResponse response = Answer(
+        Dump({{"sent", PinText(tag)}, {"level", level}, {"duration", value.Duration()}}) + "\n");
+    response.status = 202;
+    return response;
+}
+
+HttpResponse Api::ShowMetrics(const HttpRequest& request) const {
+    const bool open =
+        request.Header("accept").find("application/openmetrics-text") != std::string::npos;
+    HttpResponse response = Answer(m_metrics.Write(open));
+    response.type = open ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                         : "text/plain; version=0.0.4; charset=utf-8";
+    return response;
+}
+
+HttpResponse Api::Health(const HttpRequest&) const {
+    const std::vector<std::string> complaints = m_board.Complaints();
+    HttpResponse response =
+        Answer(Dump({{"healthy", complaints.empty()}, {"complaints", complaints}}) + "\n");
+    response.status = complaints.empty() ? 200 : 503;
+    return response;
+}

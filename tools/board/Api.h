@@ -1,0 +1,39 @@
+// What the board answers to requests.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "tools/board/Access.h"
+#include "tools/board/Board.h"
+#include "tools/board/EventStream.h"
+#include "tools/board/History.h"
+#include "tools/board/Http.h"
+#include "tools/board/Metrics.h"
+
+class Api {
+public:
+    // All outlive the interface.
+    Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics);
+
+    HttpResponse Handle(const HttpRequest& request);
+
+private:
+    HttpResponse Page(const HttpRequest& request) const;
+    HttpResponse Pins(const HttpRequest& request) const;
+    HttpResponse Devices(const HttpRequest& request) const;
+    HttpResponse Channels(const HttpRequest& request) const;
+    HttpResponse FindHistory(const HttpRequest& request);
+    HttpResponse Follow(const HttpRequest& request) const;
+    HttpResponse Set(const HttpRequest& request);
+    HttpResponse ShowMetrics(const HttpRequest& request) const;
+    HttpResponse Health(const HttpRequest& request) const;
+
+    Board& m_board;
+    History& m_history;
+    EventStream& m_stream;
+    Access& m_access;
+    Metrics& m_metrics;
+    const std::map<std::string, std::function<HttpResponse(const HttpRequest&)>> m_reads;
+};

@@ -1,0 +1,43 @@
+// What viewers are told as it happens.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+
+// The last events in the form of server-sent events, once for all viewers: each viewer is a number
+// that says what it has got. A viewer that falls behind what is kept can't be made good.
+class EventStream {
+public:
+    static constexpr size_t MAX_BYTES = 4 << 20;
+
+    // The epoch tells the events of this life of the program from those of another.
+    explicit EventStream(std::string epoch) : m_epoch(std::move(epoch)) {}
+
+    // data is one line.
+    void Append(const std::string& name, const std::string& data);
+
+    // The number of the next event.
+    uint64_t Next() const { return m_first + m_frames.size(); }
+
+    // "EPOCH-NUMBER" of the last event before that one, as viewers know it.
+    std::string IdBefore(uint64_t number) const;
+
+    // The number behind an identifier. False: its successors are not all here.
+    bool Resume(const std::string& id, uint64_t& number) const;
+
+    bool IsKept(uint64_t number) const { return number >= m_first; }
+
+    // Appends events from `number` on, up to about max bytes, and moves the number behind them.
+    void Copy(uint64_t& number, size_t max, std::string& out) const;
+
+    // Is called after every Append().
+    std::function<void()> on_append;
+
+private:
+    const std::string m_epoch;
+    std::deque<std::string> m_frames;
+    uint64_t m_first = 1;
+    size_t m_bytes = 0;
+};

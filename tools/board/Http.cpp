@@ -1,0 +1,56 @@
+#include "tools/board/Http.h"
+
+namespace {
+
+int HexDigit(char c) {
+    return c >= '0' && c <= '9'   ? c - '0'
+           : c >= 'a' && c <= 'f' ? c - 'a' + 10
+           : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                  : -1;
+}
+
+}  // namespace
+
+bool DecodeUrl(std::string_view text, std::string& decoded) {
+    decoded.clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i] == '+' ? ' ' : text[i];
+        if (c == '%') {
+            const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+            const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
+            if (high < 0 || low < 0) {
+                return false;
+            }
+            c = static_cast<char>(high * 16 + low);
+            i += 2;
+        }
+        if (c == '\0') {
+            return false;
+        }
+        decoded.push_back(c);
+    }
+    return true;
+}
+
+bool ParseTarget(std::string_view target, HttpRequest& request) {
+    const size_t mark = target.find('?');
+    if (target.empty() || target[0] != '/' || !DecodeUrl(target.substr(0, mark), request.path)) {
+        return false;
+    }
+    std::string_view rest = mark == target.npos ? std::string_view() : target.substr(mark + 1);
+    while (!rest.empty()) {
+        const std::string_view field = rest.substr(0, rest.find('&'));
+        rest.remove_prefix(field.size() < rest.size() ? field.size() + 1 : rest.size());
+        const size_t equals = field.find('=');
+        std::string name;
+        std::string value;
+        if (!DecodeUrl(field.substr(0, equals), name) ||
+            (equals != field.npos && !DecodeUrl(field.substr(equals + 1), value))) {
+            return false;
+        }
+        if (!name.empty()) {
+            request.query[name] = value;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,76 @@
+// The board's connections to its viewers.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "tools/board/EventStream.h"
+#include "tools/board/Http.h"
+
+class HttpSession;
+
+// Serves HTTP/1.1 in the loop that it is given. Nothing that a client sends, or leaves unread,
+// costs more than the limits below: a request that is not complete in time is cut off, of too many
+// connections the one that has been idle for longest goes, and a viewer that does not keep up with
+// the stream is told and cut off.
+class HttpServer {
+public:
+    static constexpr size_t MAX_SESSIONS = 400;
+    static constexpr size_t MAX_VIEWERS = 200;
+    static constexpr uint32_t MAX_HEADER = 8192;
+    static constexpr uint64_t MAX_BODY = 4096;
+    static constexpr size_t MAX_CHUNK = 65536;  // of events in one write to a viewer
+    static constexpr std::chrono::seconds REQUEST_TIME{10};
+    static constexpr std::chrono::seconds WRITE_TIME{15};
+    static constexpr std::chrono::milliseconds FLUSH_PACE{10};
+
+    using Handler = std::function<HttpResponse(const HttpRequest&)>;
+    using Clock = std::chrono::steady_clock;
+
+    // Handler and stream outlive the server.
+    HttpServer(boost::asio::io_context& loop, EventStream& stream, Handler handler);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    // Takes a socket that listens already, or makes one. Throws std::runtime_error.
+    void Listen(int listening_socket);
+    void Listen(const std::string& ip, uint16_t port);
+
+    // Where it listens, "127.0.0.1:8093".
+    std::string Address() const;
+
+    size_t Viewers() const { return m_viewers; }
+    uint64_t CutOff() const { return m_cut; }  // viewers that were too slow
+    uint64_t Requests() const { return m_requests; }
+
+private:
+    friend class HttpSession;
+
+    void Accept();
+    void Admit(boost::asio::ip::tcp::socket socket);
+    void OnAppend();
+    void Flush();
+    void Sweep();
+    void Remove(const HttpSession& session);
+
+    boost::asio::io_context& m_loop;
+    EventStream& m_stream;
+    const Handler m_handler;
+    boost::asio::ip::tcp::acceptor m_acceptor;
+    boost::asio::steady_timer m_sweep;
+    boost::asio::steady_timer m_flush;
+    boost::asio::steady_timer m_pause;
+    bool m_flushing = false;
+    Clock::time_point m_flushed;
+    std::list<std::shared_ptr<HttpSession>> m_sessions;
+    size_t m_viewers = 0;
+    uint64_t m_cut = 0;
+    uint64_t m_requests = 0;
+};

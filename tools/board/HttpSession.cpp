@@ -1,0 +1,237 @@
+#include "tools/board/HttpSession.h"
+
+#include <algorithm>
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/read.hpp>
+#include <cctype>
+
+namespace http = boost::beast::http;
+using Clock = HttpServer::Clock;
+
+namespace {
+
+const int SEND_BUFFER = 131072;  // what the system may hold for one client
+
+const char* const SLOW =
+    "event: reload\ndata: {\"reason\":\"this viewer reads more slowly than things happen\"}\n\n";
+
+// For every response. The page needs nothing but what comes from here.
+const char* const SAFETY =
+    "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; img-src "
+    "'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+    "require-trusted-types-for 'script'\r\n"
+    "X-Content-Type-Options: nosniff\r\n"
+    "Referrer-Policy: no-referrer\r\n"
+    "Cross-Origin-Opener-Policy: same-origin\r\n"
+    "Cross-Origin-Resource-Policy: same-origin\r\n";
+
+std::string Lower(boost::beast::string_view text) {
+    std::string lower(text.data(), text.size());
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return lower;
+}
+
+std::string HeadOf(const HttpResponse& response, size_t length, bool keep) {
+    const auto reason = http::obsolete_reason(static_cast<http::status>(response.status));
+    std::string head = "HTTP/1.1 " + std::to_string(response.status) + " ";
+    head.append(reason.data(), reason.size());
+    head += "\r\nContent-Type: " + response.type + "\r\n";
+    for (const auto& header : response.headers) {
+        head += header.first + ": " + header.second + "\r\n";
+    }
+    if (!response.follow && response.status != 304) {
+        head += "Content-Length: " + std::to_string(length) + "\r\n";
+    }
+    head += SAFETY;
+    head += keep ? "\r\n" : "Connection: close\r\n\r\n";
+    return head;
+}
+
+unsigned StatusOf(const boost::system::error_code& error) {
+    return error == http::error::body_limit ? 413 : error == http::error::header_limit ? 431 : 400;
+}
+
+}  // namespace
+
+HttpSession::HttpSession(HttpServer& server, boost::asio::ip::tcp::socket socket)
+    : m_server(server), m_socket(std::move(socket)), m_input(HttpServer::MAX_HEADER + 8192) {
+    Error ignored;
+    m_peer = m_socket.remote_endpoint(ignored).address().to_string();
+    m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    m_socket.set_option(boost::asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
+    Await(HttpServer::REQUEST_TIME);
+}
+
+void HttpSession::Await(std::chrono::seconds limit) {
+    m_since = Clock::now();
+    m_deadline = m_since + limit;
+}
+
+void HttpSession::Close() {
+    if (m_socket.is_open()) {
+        Error ignored;
+        m_socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+        m_socket.close(ignored);
+        m_server.Remove(*this);
+    }
+}
+
+// ---- requests ----
+
+void HttpSession::ReadRequest() {
+    m_parser.emplace();
+    m_parser->header_limit(HttpServer::MAX_HEADER);
+    m_parser->body_limit(HttpServer::MAX_BODY);
+    Await(HttpServer::REQUEST_TIME);
+    http::async_read(
+        m_socket, m_input, *m_parser,
+        [self = shared_from_this()](const Error& error, size_t) { self->OnRequest(error); });
+}
+
+void HttpSession::OnRequest(const Error& error) {
+    if (!m_socket.is_open()) {
+        return;
+    }
+    if (!error) {
+        Answer();
+        return;
+    }
+    const bool malformed = error.category() == make_error_code(http::error::body_limit).category();
+    if (!malformed || error == http::error::end_of_stream ||
+        error == http::error::partial_message) {
+        Close();
+        return;
+    }
+    m_keep = false;
+    Respond(Refuse(StatusOf(error), "the request can't be read: " + error.message()), false);
+}
+
+void HttpSession::Answer() {
+    ++m_server.m_requests;
+    const bool head_only = m_parser->get().method() == http::verb::head;
+    m_keep = m_parser->get().keep_alive() && m_parser->get().version() >= 11;
+    HttpRequest request = TakeRequest();
+    HttpResponse response;
+    if (!ParseTarget(
+            std::string_view(m_parser->get().target().data(), m_parser->get().target().size()),
+            request)) {
+        response = Refuse(400, "the address can't be read");
+    } else if (m_parser->get().count(http::field::host) != 1) {
+        response = Refuse(400, "exactly one Host is needed");
+    } else {
+        response = m_server.m_handler(request);
+    }
+    if (response.follow && m_server.m_viewers >= HttpServer::MAX_VIEWERS) {
+        response = Refuse(503, "there are as many viewers as the board takes");
+        response.headers.emplace_back("Retry-After", "30");
+    }
+    Respond(std::move(response), head_only);
+}
+
+HttpRequest HttpSession::TakeRequest() {
+    HttpRequest request;
+    auto& message = m_parser->get();
+    request.method = std::string(message.method_string().data(), message.method_string().size());
+    request.method = request.method == "HEAD" ? "GET" : request.method;
+    for (const auto& field : message) {
+        request.headers[Lower(field.name_string())] =
+            std::string(field.value().data(), field.value().size());
+    }
+    request.body = std::move(message.body());
+    request.peer = m_peer;
+    return request;
+}
+
+HttpResponse HttpSession::Refuse(unsigned status, const std::string& reason) const {
+    HttpResponse response;
+    response.status = status;
+    response.type = "text/plain; charset=utf-8";
+    response.body = reason + "\n";
+    return response;
+}
+
+// ---- responses ----
+
+void HttpSession::Respond(HttpResponse response, bool head_only) {
+    m_body = std::move(response.body);
+    const bool fixed = response.fixed.data() != nullptr;
+    boost::asio::const_buffer body =
+        fixed ? boost::asio::buffer(response.fixed.data(), response.fixed.size())
+              : boost::asio::buffer(m_body);
+    const bool follows = response.follow && !head_only;
+    m_keep = m_keep && !response.follow;
+    m_head = HeadOf(response, body.size(), m_keep);
+    if (head_only || response.status == 304) {
+        body = boost::asio::const_buffer();
+    }
+    if (follows) {
+        BeginViewing(*response.follow);
+    }
+    m_writing = true;
+    Await(HttpServer::WRITE_TIME);
+    const std::array<boost::asio::const_buffer, 2> parts = {boost::asio::buffer(m_head), body};
+    boost::asio::async_write(
+        m_socket, parts,
+        [self = shared_from_this()](const Error& error, size_t) { self->OnWritten(error); });
+}
+
+void HttpSession::OnWritten(const Error& error) {
+    m_writing = false;
+    m_body.clear();
+    if (error || !m_socket.is_open()) {
+        Close();
+        return;
+    }
+    if (m_viewer && !m_ending) {
+        m_deadline = Clock::time_point::max();
+        Pump();
+    } else if (m_keep) {
+        m_body.shrink_to_fit();
+        ReadRequest();
+    } else {
+        Close();
+    }
+}
+
+// ---- viewers ----
+
+void HttpSession::BeginViewing(uint64_t from) {
+    m_viewer = true;
+    m_next = from;
+    ++m_server.m_viewers;
+    m_parser.reset();
+    WatchForEnd();
+}
+
+// A viewer has nothing to say; when its connection ends, that is read.
+void HttpSession::WatchForEnd() {
+    m_socket.async_read_some(boost::asio::buffer(m_ignored),
+                             [self = shared_from_this()](const Error& error, size_t) {
+                                 if (error) {
+                                     self->Close();
+                                 } else {
+                                     self->WatchForEnd();
+                                 }
+                             });
+}
+
+void HttpSession::Pump() {
+    EventStream& stream = m_server.m_stream;
+    if (!m_viewer || m_writing || m_ending || !m_socket.is_open() || m_next == stream.Next()) {
+        return;
+    }
+    m_head.clear();
+    if (stream.IsKept(m_next)) {
+        stream.Copy(m_next, HttpServer::MAX_CHUNK, m_head);
+    } else {
+        m_head = SLOW;
+        m_ending = true;
+        ++m_server.m_cut;
+    }
+    m_writing = true;
+    Await(HttpServer::WRITE_TIME);
+    boost::asio::async_write(
+        m_socket, boost::asio::buffer(m_head),
+        [self = shared_from_this()](const Error& error, size_t) { self->OnWritten(error); });
+}

@@ -1,0 +1,133 @@
+#include "tools/board/Options.h"
+
+#include <arpa/inet.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <stdexcept>
+
+#include "tools/completion/Completion.h"
+
+namespace {
+
+const char* const DESCRIPTION =
+    "Shows the pins of the bus in a browser: what is lit, since when, and who did it. Remembers "
+    "it.\n";
+
+const char* const FOOTER =
+    "Takes a listening socket from its starter (LISTEN_FDS) in place of --listen.\n"
+    "Exit status: 0 after SIGINT or SIGTERM; 1 when it can't listen or read a file; 2 for a usage\n"
+    "error.\n";
+
+// A number and one of the units.
+int64_t ParseAmount(const std::string& text, const std::string& units, const int64_t* factors,
+                    const char* what) {
+    int64_t number = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+    const size_t unit =
+        parsed.ptr + 1 == text.data() + text.size() ? units.find(*parsed.ptr) : std::string::npos;
+    if (parsed.ec != std::errc() || number < 1 || number > 100000 || unit == std::string::npos) {
+        throw std::invalid_argument(std::string("not ") + what + ": " + text);
+    }
+    return number * factors[unit];
+}
+
+template <typename Parse>
+CLI::Validator Check(Parse parse) {
+    return CLI::Validator(
+        [parse](std::string& text) {
+            try {
+                parse(text);
+                return std::string();
+            } catch (const std::invalid_argument& error) {
+                return std::string(error.what());
+            }
+        },
+        "");
+}
+
+}  // namespace
+
+HostPort ParseHostPort(const std::string& text, std::optional<uint16_t> otherwise) {
+    const size_t colon = text.rfind(':');
+    const bool bare = otherwise && colon == text.npos;
+    std::string host = text.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    unsigned port = otherwise.value_or(0);
+    const char* const end = text.data() + text.size();
+    unsigned char bytes[16];
+    const bool address = inet_pton(AF_INET, host.c_str(), bytes) == 1 ||
+                         inet_pton(AF_INET6, host.c_str(), bytes) == 1;
+    if (!bare && colon != text.npos) {
+        const auto parsed = std::from_chars(text.data() + colon + 1, end, port);
+        if (parsed.ec != std::errc() || parsed.ptr != end || port > 65535) {
+            throw std::invalid_argument("not an IP:PORT: " + text);
+        }
+    }
+    if (!address || (!bare && colon == text.npos)) {
+        throw std::invalid_argument("not an IP:PORT: " + text);
+    }
+    return {host, static_cast<uint16_t>(port)};
+}
+
+int64_t ParseAge(const std::string& text) {
+    const int64_t factors[] = {86400000, 3600000};
+    return ParseAmount(text, "dh", factors, "a number of days or hours (90d, 12h)");
+}
+
+int64_t ParseSize(const std::string& text) {
+    const int64_t factors[] = {1 << 20, 1 << 30};
+    return ParseAmount(text, "MG", factors, "a size (500M, 2G)");
+}
+
+std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
+    CLI::App app(DESCRIPTION, "orvex-board");
+    app.footer(FOOTER);
+    app.set_version_flag("--version", std::string("orvex-board ") + ORVEX_VERSION);
+    CLI::Option* const iface =
+        app.add_option("-i,--interface", options.iface, "Interface of the bus, its name or address")
+            ->type_name("NAME");
+    app.add_option("--listen", options.listen, "Where browsers find it")
+        ->type_name("IP:PORT")
+        ->check(Check([](const std::string& text) { ParseHostPort(text); }))
+        ->capture_default_str();
+    CLI::Option* const db =
+        app.add_option("--db", options.db, "Keep the history in this file")->type_name("FILE");
+    CLI::Option* const names =
+        app.add_option("--names", options.names, "What pins and addresses are called")
+            ->type_name("FILE");
+    app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
+        ->type_name("IP[:PORT]")
+        ->check(Check([](const std::string& text) { ParseHostPort(text, uint16_t(93)); }));
+    app.add_option("--keep", options.keep, "Keep the history for so long")
+        ->type_name("TIME")
+        ->check(Check(ParseAge))
+        ->capture_default_str();
+    app.add_option("--keep-size", options.keep_size, "and below this size")
+        ->type_name("SIZE")
+        ->check(Check(ParseSize))
+        ->capture_default_str();
+    app.add_option("--group", options.group, "Multicast group of the bus")
+        ->type_name("IP")
+        ->check(CLI::ValidIPV4)
+        ->capture_default_str();
+    app.add_option("--host", options.hosts, "A name that browsers reach it by; repeatable")
+        ->type_name("HOST")
+        ->allow_extra_args(false);
+    CLI::Option* const token =
+        app.add_option("--token-file", options.token_file, "The token that setting a pin takes")
+            ->type_name("FILE");
+    app.add_flag("--allow-set", options.allow_set, "Let pins be set")->needs(token);
+    AddCompletion(app, {{iface, Completion::Interface},
+                        {db, Completion::File},
+                        {names, Completion::File},
+                        {token, Completion::File}});
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    return std::nullopt;
+}

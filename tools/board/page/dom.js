@@ -1,0 +1,30 @@
+// Makes elements. Texts become text nodes, whatever they hold.
+
+export function h(name, properties = {}, ...children) {
+    const element = document.createElement(name);
+    for (const [key, value] of Object.entries(properties)) {
+        if (key === "on") {
+            for (const [event, listener] of Object.entries(value)) {
+                element.addEventListener(event, listener);
+            }
+        } else if (key in element && key !== "list" && key !== "role") {
+            element[key] = value;
+        } else {
+            element.setAttribute(key, value);
+        }
+    }
+    element.append(...children.filter((child) => child !== null && child !== undefined));
+    return element;
+}
+
+export function table(caption, heads, rows) {
+    return h("div", { className: "scroll", tabIndex: 0, role: "region", "aria-label": caption },
+        h("table", {},
+            h("thead", {}, h("tr", {}, ...heads.map((head) => h("th", { scope: "col" }, head)))),
+            h("tbody", {}, ...rows)));
+}
+
+export function row(className, ...cells) {
+    return h("tr", { className }, ...cells.map((cell) =>
+        cell instanceof HTMLTableCellElement ? cell : h("td", {}, cell ?? "")));
+}

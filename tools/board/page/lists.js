@@ -1,0 +1,75 @@
+// Devices, channels, and all that happened.
+import { h, row, table } from "./dom.js";
+import { eventRow } from "./pin.js";
+import { ask, now, on } from "./store.js";
+import { span, timeText } from "./text.js";
+
+// Shows what load() makes, again when something of the kind happens and now and then.
+function keep(main, title, kinds, pace, load) {
+    const body = h("div", {});
+    let over = false;
+    let due = 0;
+    async function refresh() {
+        try {
+            const parts = await load();
+            if (!over) {
+                body.replaceChildren(...parts);
+            }
+        } catch (error) {
+            body.replaceChildren(h("p", { className: "empty" }, `Can't be shown: ${error.message}`));
+        }
+    }
+    const ends = kinds.map((kind) => on(kind, () => {
+        clearTimeout(due);
+        due = setTimeout(refresh, 200);
+    }));
+    const timer = setInterval(refresh, pace);
+    main.replaceChildren(h("h1", {}, title), body);
+    refresh();
+    return () => { over = true; ends.forEach((end) => end()); clearInterval(timer); clearTimeout(due); };
+}
+
+export function showDevices(main) {
+    return keep(main, "Devices", ["device"], 2000, async () => {
+        const { devices } = await ask("/api/v1/devices");
+        if (!devices.length) {
+            return [h("p", { className: "empty" }, "No device has been heard yet.")];
+        }
+        return [table("Devices", ["Device", "State", "Last heard", "First heard", "Addresses", "Messages"], devices.map((device) =>
+            row("", device.host, h("span", { className: device.missing ? "mark L" : "" }, device.missing ? "\u25b2 does not answer" : "answers"),
+                `${span(now() - device.heard)} ago`, timeText(device.first), device.addresses.join(", "), String(device.messages))))];
+    });
+}
+
+export function showChannels(main) {
+    return keep(main, "Channels of the control server", ["channel"], 5000, async () => {
+        const { address, problem, channels } = await ask("/api/v1/channels");
+        return [h("p", { className: "note" }, problem ? `${address}: ${problem}. What is shown is old.` : `As ${address} tells them, read as the daemon reads them.`),
+            table("Channels", ["Output", "Source", "What drives it", "Output pins", "Input pins"], channels.filter((one) => one.configured || one.output || one.input).map((one) =>
+                row("", String(one.channel), one.source ?? "", h("td", { className: "text" }, one.meaning ?? "not configured"), one.output, one.input)))];
+    });
+}
+
+export function showHistory(main) {
+    const rows = [];
+    const body = h("div", {});
+    const more = h("button", { type: "button", on: { click: older } }, "Older");
+    let before = "";
+    async function older() {
+        try {
+            const answer = await ask(`/api/v1/history?limit=200${before}`);
+            rows.push(...answer.events.map((event) => eventRow(event, true)));
+            more.hidden = !answer.more;
+            before = answer.events.length ? `&before=${answer.events.at(-1).id}` : before;
+            body.replaceChildren(rows.length ? table("What happened", ["Time", "Pin", "Level", "What", "Who", "Notes"], rows)
+                : h("p", { className: "empty" }, "Nothing has happened yet."));
+        } catch (error) {
+            body.replaceChildren(h("p", { className: "empty" }, `The history can't be read: ${error.message}`));
+        }
+    }
+    main.replaceChildren(h("h1", {}, "What happened"),
+        h("div", { className: "tools" }, h("button", { type: "button", on: { click() { rows.length = 0; before = ""; older(); } } }, "Refresh"),
+            h("a", { href: "/api/v1/history?limit=10000&format=csv", download: "" }, "As a table (CSV)")), body, more);
+    older();
+    return () => {};
+}

@@ -1,0 +1,93 @@
+// Chooses the view by the address, and tells how far what is shown can be relied on.
+import { h } from "./dom.js";
+import { showLamps } from "./lamps.js";
+import { showChannels, showDevices, showHistory } from "./lists.js";
+import { showPin } from "./pin.js";
+import { on, start, store } from "./store.js";
+import { span } from "./text.js";
+
+const main = document.getElementById("main");
+const banner = document.getElementById("banner");
+const status = document.getElementById("status");
+const VIEWS = { "": showLamps, devices: showDevices, channels: showChannels, history: showHistory };
+let close = null;
+let shown = null;
+
+function navigate() {
+    if (location.hash !== "" && !location.hash.startsWith("#/")) {
+        return;
+    }
+    const route = decodeURIComponent(location.hash.replace(/^#\//, ""));
+    close?.();
+    close = route.startsWith("pin/") ? showPin(main, route.slice(4)) : (VIEWS[route] ?? showLamps)(main);
+    for (const link of document.querySelectorAll("nav a")) {
+        link.getAttribute("href") === `#/${route}` ? link.setAttribute("aria-current", "page") : link.removeAttribute("aria-current");
+    }
+    document.title = route ? `${route.replace(/^pin\//, "")} \u2013 orvex board` : "orvex board";
+    if (shown !== null && shown !== route) {
+        main.focus({ preventScroll: true });
+        scrollTo(0, 0);
+    }
+    shown = route;
+}
+
+function troubles() {
+    const { board } = store;
+    const found = [];
+    if (store.state === "lost") {
+        found.push(`The board can't be reached${store.since ? `: what is shown is ${span(Date.now() - store.since)} old` : ""}. Trying again.`);
+    }
+    if (board && !board.link.up) {
+        found.push(`The bus can't be heard (${board.link.problem}): nothing is known.`);
+    }
+    if (board?.history.problem) {
+        found.push(`The history is not written: ${board.history.problem}`);
+    }
+    if (board?.history.notice) {
+        found.push(`An earlier history was damaged: ${board.history.notice}`);
+    }
+    if (board?.control?.problem) {
+        found.push(`The control server ${board.control.address} is away: ${board.control.problem}`);
+    }
+    return found;
+}
+
+let told = "";
+function showStatus() {
+    const found = troubles();
+    const text = found.join("\n");
+    if (text !== told) {
+        told = text;
+        banner.replaceChildren(...found.map((line) => h("p", {}, line)));
+        banner.hidden = found.length === 0;
+    }
+    const live = store.state === "live" && store.board?.link.up;
+    status.className = live ? "status" : "status bad";
+    status.textContent = store.state === "live" ? (live ? "live" : "no bus") : store.state;
+    main.classList.toggle("old", !live);
+    document.querySelector('nav a[href="#/channels"]').hidden = !store.board?.control;
+}
+
+document.addEventListener("keydown", (event) => {
+    const typing = event.target.closest("input, select, textarea, dialog");
+    if (event.key === "/" && !typing) {
+        event.preventDefault();
+        if (!document.getElementById("search")) {
+            history.pushState(null, "", "#/");
+            navigate();
+        }
+        document.getElementById("search").focus();
+    }
+});
+document.querySelector(".skip").addEventListener("click", (event) => { event.preventDefault(); main.focus(); });
+addEventListener("hashchange", navigate);
+on("status", showStatus);
+setInterval(showStatus, 1000);
+let first = true;
+on("pins", () => {
+    if (first) {
+        first = false;
+        navigate();
+    }
+});
+start();

@@ -1,0 +1,61 @@
+// How times, levels and pins read.
+
+const clock = new Intl.DateTimeFormat(undefined, {
+    year: "numeric", month: "2-digit", day: "2-digit", hour: "2-digit", minute: "2-digit",
+    second: "2-digit", fractionalSecondDigits: 3, hourCycle: "h23",
+});
+const short = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23" });
+const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit", hour: "2-digit", minute: "2-digit", hourCycle: "h23" });
+
+export const timeText = (ms) => clock.format(ms);
+export const axisText = (ms, span) => (span > 36 * 3600e3 ? day : short).format(ms);
+
+// "12 s", "3 min", "2 h 5 min", "3 d 4 h"
+export function span(ms) {
+    const s = Math.max(0, Math.floor(ms / 1000));
+    if (s < 60) {
+        return `${s} s`;
+    }
+    if (s < 3600) {
+        return `${Math.floor(s / 60)} min`;
+    }
+    if (s < 86400) {
+        const minutes = Math.floor((s % 3600) / 60);
+        return `${Math.floor(s / 3600)} h${minutes ? ` ${minutes} min` : ""}`;
+    }
+    const hours = Math.floor((s % 86400) / 3600);
+    return `${Math.floor(s / 86400)} d${hours ? ` ${hours} h` : ""}`;
+}
+
+export const levelText = (level) => (level === "L" ? "low" : level === "H" ? "high" : "not known");
+export const nameOf = (pin) => pin.title || pin.name || pin.pin;
+
+const KINDS = {
+    told: "told", written: "written on the bus", set: "set from a board", "device-first": "first heard",
+    "device-missing": "no longer answers", "device-back": "answers again",
+    "gap-begin": "nothing heard from here", "gap-end": "heard again",
+};
+export const kindText = (kind) => KINDS[kind] ?? kind;
+
+// What a write still has to run, in ms; 0 when it has no limit or is over.
+export function running(pin, now) {
+    const write = pin.write;
+    return write && write.duration ? Math.max(0, write.at + write.duration - now) : 0;
+}
+
+export function classOf(pin) {
+    const level = pin.level ?? "unknown";
+    return pin.state === "written" ? `${level} written` : level;
+}
+
+export function whoText(pin, now) {
+    const left = running(pin, now);
+    const write = pin.write;
+    if (left > 0) {
+        return `${write.level} for ${(left / 1000).toFixed(1)} s more, ${write.by}`;
+    }
+    if (pin.state === "written") {
+        return `${write.level} asked by ${write.by}`;
+    }
+    return write ? `last written by ${write.by}` : "";
+}
