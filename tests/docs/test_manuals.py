@@ -1,6 +1,6 @@
 """Checks that the manuals are well-formed, and that they tell every option and message there is.
 
-Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM
+Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [ORVEX_BOARD]
 """
 
 import pathlib
@@ -11,7 +11,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 MANUALS = sorted((ROOT / "docs/man").iterdir())
-DAEMON, CTL, SIM = sys.argv[1:]
+DAEMON, CTL, SIM, *BOARD = sys.argv[1:]
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*appname)?")
@@ -72,8 +72,8 @@ class ManualsTest(unittest.TestCase):
         self.assertEqual(missing, [])
 
     def test_tool_messages(self):
-        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",)}.items():
-            manual = text_of(ROOT / f"docs/man/{name}.1")
+        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",), "orvex-board": ("tools/board",)}.items():
+            manual = text_of(next((ROOT / "docs/man").glob(f"{name}.[18]")))
             parts = {" ".join(joined(f'"{literal}"').split())
                      for text in sources(*folders) for start in TOLD.finditer(text)
                      for literal in re.findall(LITERAL, text[start.start():].split(";\n", 1)[0])}
@@ -84,10 +84,12 @@ class ManualsTest(unittest.TestCase):
     def test_options(self):
         helps = {"orvex.8": (DAEMON, "-help"), "orvexctl.1": (CTL, "--completion", "bash"),
                  "orvex-sim.1": (SIM, "--completion", "bash")}
+        if BOARD:
+            helps["orvex-board.8"] = (*BOARD, "--completion", "bash")
         for name, command in helps.items():
             shown = subprocess.run(command, check=True, capture_output=True, encoding="utf-8").stdout
             words = shown.split("values=(")[0]
-            options = set(re.findall(r"(?<=[\s'])--?[a-zA-Z][a-z]*", words)) - {"-A"}
+            options = set(re.findall(r"(?<=[\s'])--?[a-zA-Z][a-z-]*", words)) - {"-A"}
             self.assertGreater(len(options), 2)
             manual = text_of(ROOT / "docs/man" / name)
             missing = [option for option in sorted(options)

@@ -1,6 +1,6 @@
 """Completes command lines of the tools in bash and in zsh, and compares with what --help lists.
 
-Usage: test_completion.py ORVEXCTL ORVEX_SIM
+Usage: test_completion.py PROGRAM...
 """
 
 import pathlib

@@ -1,0 +1,152 @@
+// Looks at the board as a person would, in a real browser:  node page_test.mjs NODE_MODULES [PICTURES]
+// Run by world.sh. PICTURES is a folder for pictures of the page.
+import assert from "node:assert/strict";
+import { execFileSync, spawn } from "node:child_process";
+import { mkdtempSync, readFileSync, writeFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { setTimeout as sleep } from "node:timers/promises";
+
+const [modules, pictures] = process.argv.slice(2);
+const require = createRequire(`${modules}/`);
+const puppeteer = require("puppeteer-core");
+const axe = readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
+const url = "http://127.0.0.1:8093/";
+const control = (line) => writeFileSync("/run/in", `${line}\n`);
+const told = () => readFileSync("/run/sim.log", "utf8");
+
+async function until(what, condition) {
+    for (let i = 0; i < 200; ++i) {
+        if (await condition()) {
+            return;
+        }
+        await sleep(50);
+    }
+    assert.fail(`waited in vain: ${what}`);
+}
+
+const browser = await puppeteer.launch({
+    executablePath: "/usr/bin/chromium", userDataDir: mkdtempSync("/tmp/board-page-"),
+    args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+        "--disable-component-update", "--disable-sync"],
+});
+const page = await browser.newPage();
+const errors = [];
+let away = false; // what the browser says about a board that is away is no fault of the page
+page.on("console", (message) => message.type() === "error" && !away && errors.push(message.text()));
+page.on("pageerror", (error) => errors.push(error.message));
+page.on("dialog", (dialog) => { errors.push(`a name was run: ${dialog.message()}`); dialog.dismiss(); });
+
+const lamp = (pin) => page.$eval(`a[href="#/pin/${pin}"]`, (link) => ({ className: link.className, text: link.innerText }));
+const isLit = async (pin) => (await lamp(pin)).className.split(" ").includes("L");
+const goTo = async (route) => {
+    await page.goto(`${url}#/${route}`);
+    await page.waitForSelector(`nav a[aria-current="page"], .facts`);
+};
+
+async function checkAccess(name) {
+    await page.evaluate(axe);
+    const { violations } = await page.evaluate(() => axe.run());
+    assert.deepEqual(violations.map(({ id, nodes }) => [name, id, nodes[0].html]), []);
+}
+
+async function picture(name, width, height, scheme) {
+    if (pictures) {
+        await page.setViewport({ width, height });
+        await page.emulateMediaFeatures([{ name: "prefers-color-scheme", value: scheme }]);
+        await sleep(300);
+        await page.screenshot({ path: `${pictures}/${name}.png` });
+        await page.setViewport({ width: 1280, height: 800 });
+    }
+}
+
+const tests = {
+    async "an input that changes lights its lamp"() {
+        assert.equal(await isLit("1:2:in2"), false);
+        control("GPI 2 HLHHH");
+        await until("fader lit", () => isLit("1:2:in2"));
+        assert.equal(await isLit("1:2:in1"), false);
+    },
+    async "a name stays text"() {
+        assert.match((await lamp("1:3:out1")).text, /<img src=x onerror=alert\(1\)>/);
+        assert.equal(await page.$("main img"), null);
+    },
+    async "searching leaves what fits"() {
+        await page.keyboard.press("/");
+        await sleep(100);
+        await page.keyboard.type("on air");
+        await until("one lamp", async () => (await page.$$(".lamps > li:not([hidden])")).length === 1);
+        await page.keyboard.press("Escape");
+        await page.$eval("#search", (input) => { input.value = ""; input.dispatchEvent(new Event("input")); });
+    },
+    async "the keyboard alone sets a pin, and the device tells"() {
+        await page.focus('a[href="#/pin/1:2:out3"]');
+        await page.keyboard.press("Enter");
+        await page.waitForSelector(".facts");
+        for (let i = 0; i < 20 && await page.evaluate(() => document.activeElement.textContent) !== "Set low\u2026"; ++i) {
+            await page.keyboard.press("Tab");
+        }
+        await page.keyboard.press("Enter");
+        await page.waitForSelector("dialog[open]");
+        await checkAccess("dialog");
+        await picture("set", 1280, 800, "dark");
+        await page.keyboard.type("0123456789abcdef0123");
+        await page.keyboard.press("Enter");
+        await until("the control server was told", () => told().includes("< GPO 2 xxLxx"));
+        await until("lit", () => page.$(".big .bulb.L"));
+        await until("closed", async () => !await page.$("dialog[open]"));
+        assert.match(await page.$eval(".panel:last-child", (panel) => panel.innerText), /set from a board/);
+    },
+    async "a board that is gone is told and made good"() {
+        await goTo("");
+        away = true;
+        execFileSync("sh", ["-c", "kill -9 $(cat /run/board.pid)"]);
+        await until("a banner", () => page.$("#banner:not([hidden])"));
+        assert.match(await page.$eval("#banner", (banner) => banner.innerText), /can't be reached/);
+        await picture("away", 1280, 800, "dark");
+        control("GPI 2 LHHHH");
+        spawn("bash", ["/run/board.sh"]);
+        await until("no banner", () => page.$("#banner[hidden]"));
+        await until("door lit", () => isLit("1:2:in1"));
+        away = false;
+        assert.equal(await isLit("1:2:in2"), false);
+    },
+    async "every view is accessible, in both schemes, and fits a telephone"() {
+        for (const route of ["", "pin/1:2:out3", "devices", "channels", "history"]) {
+            for (const scheme of ["dark", "light"]) {
+                await page.emulateMediaFeatures([{ name: "prefers-color-scheme", value: scheme }]);
+                await goTo(route);
+                await sleep(500);
+                await checkAccess(`${route} ${scheme}`);
+            }
+            await page.setViewport({ width: 360, height: 740 });
+            await sleep(200);
+            assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= 360), `${route} is wider than 360`);
+            await picture(`small-${route.replace(/[/:]/g, "-")}`, 360, 740, "light");
+            await page.setViewport({ width: 1280, height: 800 });
+            await picture(`view-${route.replace(/[/:]/g, "-")}`, 1280, 800, "dark");
+        }
+        await goTo("");
+        await picture("wall", 3840, 2160, "dark");
+        await picture("light", 1280, 800, "light");
+    },
+};
+
+let failed = 0;
+try {
+    await page.setViewport({ width: 1280, height: 800 });
+    await page.goto(url);
+    await until("lamps", () => page.$(".lamp"));
+    for (const [name, test] of Object.entries(tests)) {
+        try {
+            await test();
+            assert.deepEqual(errors, []);
+            console.log(`ok: ${name}`);
+        } catch (error) {
+            ++failed;
+            console.log(`FAILED: ${name}: ${error.message}`);
+        }
+    }
+} finally {
+    await browser.close();
+}
+process.exit(failed ? 1 : 0);

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Runs a command beside a board on a device with orvex and its control server, in namespaces that
+# end with it:  world.sh BUILD COMMAND...
+# In /run: "in" takes lines for the control server, "names", "token" and "h.db" are the board's,
+# "board.sh" starts it (again), "board.pid" is its number.
+set -euo pipefail
+if [ "$1" != --inside ]; then
+    for user in "" "--user --map-root-user"; do
+        read -ra flags <<<"$user --net --mount --pid --fork --kill-child --mount-proc"
+        if unshare "${flags[@]}" sh -c 'ip link set lo up && mount -t tmpfs run /run' 2>/dev/null; then
+            exec unshare "${flags[@]}" bash "$0" --inside "$@"
+        fi
+    done
+    echo "this system gives no namespaces"
+    exit 77
+fi
+bin=$2
+shift 2
+mount -t tmpfs run /run
+mount -t tmpfs log /var/log
+mkdir /run/netns
+ip netns add studio
+ip link set lo up
+ip link add eth0 type veth peer name eth0 netns studio
+ip addr add 10.77.0.1/24 dev eth0
+ip link set eth0 up
+ip route add 224.0.0.0/4 dev eth0
+ip netns exec studio sh -c 'ip link set lo up; ip addr add 10.77.0.2/24 dev eth0
+    ip link set eth0 up; ip route add 224.0.0.0/4 dev eth0'
+
+cat >/run/tqrd.conf <<'CONF'
+CFG GPO 1 SRCA=10.77.0.2/3
+CFG GPO 2 SRCA=1:2
+CFG GPO 3 SRCA=1:3
+GPI 2 LHHHH
+GPO 3 LHLHH
+CONF
+cat >/run/names <<'NAMES'
+# Studio and tower
+1:2 studio1 "Studio 1"
+1:2:in1 studio1.door "Studio 1 door"
+1:2:in2 studio1.fader "Studio 1 fader"
+1:2:out1 studio1.red "Studio 1 red light"
+1:2:out3 studio1.onair "Studio 1 on air"
+1:3 tower "Tower"
+1:3:in1 tower.mains "Mains at the tower"
+1:3:out1 tower.lamp "<img src=x onerror=alert(1)>"
+NAMES
+mkfifo /run/in
+exec 7<>/run/in
+echo 0123456789abcdef0123 >/run/token
+chmod 600 /run/token
+"$bin/tools/sim/orvex-sim" /run/tqrd.conf <&7 >/run/sim.log 2>&1 &
+"$bin/app/orvex" -debug >/run/orvex.log 2>&1 &
+cat >/run/board.sh <<BOARD
+"$bin/tools/board/orvex-board" -i eth0 --names /run/names --db /run/h.db -r 127.0.0.1 \\
+    --allow-set --token-file /run/token >>/run/board.log 2>&1 & echo \$! >/run/board.pid
+BOARD
+for _ in $(seq 100); do
+    ! grep -q "ADD GPI 3" /run/sim.log || break
+    sleep 0.1
+done
+bash /run/board.sh
+"$@"
