@@ -16,13 +16,23 @@ install(FILES packaging/nftables/orvex.nft DESTINATION ${CMAKE_INSTALL_DOCDIR}/e
 install(DIRECTORY packaging/wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
         FILES_MATCHING PATTERN "*.lua")
 
+set(ORVEX_UNITS orvex)
+if(TARGET orvex-board)
+  list(APPEND ORVEX_UNITS orvex-board)
+  install(FILES packaging/prometheus/orvex-board.rules.yml
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-board/examples)
+  install(FILES docs/board.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-board)
+endif()
+string(REPLACE ";" " " ORVEX_UNITS "${ORVEX_UNITS}")
 configure_file(cmake/unit.cmake.in unit.cmake @ONLY)
 install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/unit.cmake)
 
-foreach(tool orvexctl orvex-sim)
+foreach(tool orvexctl orvex-sim orvex-board)
   if(TARGET ${tool})
+    file(GLOB manual docs/man/${tool}.[18])
+    string(REGEX REPLACE ".*[.]" "" section ${manual})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    install(FILES docs/man/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/completion/${tool}.bash
             DESTINATION ${ORVEX_BASH_DIR} RENAME ${tool})
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/completion/_${tool} DESTINATION ${ORVEX_ZSH_DIR})
