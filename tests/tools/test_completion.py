@@ -3,6 +3,7 @@
 Usage: test_completion.py PROGRAM...
 """
 
+import os
 import pathlib
 import re
 import shutil
@@ -17,7 +18,7 @@ BASH = """
 source "$1"
 COMP_WORDS=("${@:2}") COMP_CWORD=$(($# - 2))
 compopt() { :; }  # of use on the command line alone
-"$(complete -p "$2" | sed 's/.*-F \\([^ ]*\\).*/\\1/')"
+"$(complete -p "${2##*/}" | sed 's/.*-F \\([^ ]*\\).*/\\1/')"
 printf '%s\\n' "${COMPREPLY[@]}"
 """
 
@@ -47,9 +48,15 @@ done
 """
 
 
-def run(*command):
+PINS = [f"studio1:{kind}{n}" for kind in ("in", "out") for n in range(1, 6)]
+
+
+def run(*command, names="/dev/null"):
+    path = ":".join(str(pathlib.Path(program).parent) for program in PROGRAMS.values())
     return subprocess.run(command, check=True, stdin=subprocess.DEVNULL, capture_output=True,
-                          encoding="utf-8", timeout=60).stdout
+                          encoding="utf-8", timeout=60,
+                          env={**os.environ, "PATH": f"{path}:{os.environ['PATH']}",
+                               "ORVEX_NAMES": str(names)}).stdout
 
 
 def listed(text, heading):
@@ -77,12 +84,14 @@ class CompletionTest(unittest.TestCase):
     def bash(self, *words):
         script = self.folder / words[0]
         script.write_text(run(PROGRAMS[words[0]], "--completion", "bash"), "utf-8")
-        return sorted(run("bash", "-c", BASH, "bash", str(script), *words).split())
+        return sorted(run("bash", "-c", BASH, "bash", str(script), PROGRAMS[words[0]], *words[1:],
+                          names=self.folder / "names").split())
 
     def zsh(self, *lines):
         for name, path in PROGRAMS.items():
             (self.folder / f"_{name}").write_text(run(path, "--completion", "zsh"), "utf-8")
-        texts = run("zsh", "-f", "-c", ZSH, "zsh", str(self.folder), *lines).splitlines()
+        texts = run("zsh", "-f", "-c", ZSH, "zsh", str(self.folder), *lines,
+                    names=self.folder / "names").splitlines()
         self.assertEqual(len(texts), len(lines))
         return [sorted(set(re.findall(r"\\<([^<>]*)\\>", text)) - {"end"}) for text in texts]
 
@@ -98,6 +107,14 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(self.bash("orvexctl", "--wait", ""), [])
         self.assertEqual(self.bash("orvexctl", "--wait", "2", "-q", "re"), ["record"])
         self.assertEqual(self.bash("orvexctl", "get", "-W", "send", "--fa"), [])
+        (self.folder / "names").write_text("1:2 studio1\n1:2:out3 studio1.onair\n", "utf-8")
+        for words, offered in [
+                (("get", "st"), ["studio1", "studio1.onair"]), (("get", "studio1:o"), PINS[5:]),
+                (("get", "1:2", "1:2:in"), [pin.replace("studio1", "1:2") for pin in PINS[:5]]),
+                (("set", "studio1"), ["studio1.onair=", "studio1:"]),
+                (("wait", "studio1.onair="), [f"studio1.onair={x}" for x in "H L high low".split()]),
+                (("record", "x", "studio1."), ["studio1.onair"])]:
+            self.assertEqual(self.bash("orvexctl", *words), sorted(offered), words)
         for words in [("orvexctl", "record"), ("orvexctl", "send", "-r"), ("orvex-sim",)]:
             self.assertEqual(self.bash(*words, f"{self.folder}/some"), [f"{self.folder}/some.file"])
 
@@ -107,7 +124,12 @@ class CompletionTest(unittest.TestCase):
         got = self.zsh(*[" ".join(words) + " -" for words, _, _ in expected])
         for (words, options, _), offered in zip(expected, got):
             self.assertEqual(offered, options, words)
-        commands, interfaces, nothing = self.zsh("orvexctl ", "orvexctl get -i ", "orvexctl -W ")
+        (self.folder / "names").write_text("1:2:out3 lamp\n1:2 studio1\n", "utf-8")
+        commands, interfaces, nothing, pins, levels = self.zsh(
+            "orvexctl ", "orvexctl get -i ", "orvexctl -W ", "orvexctl get studio1:i",
+            "orvexctl set lamp=")
+        self.assertEqual(pins, PINS[:5])
+        self.assertEqual(levels, ["lamp=H", "lamp=L", "lamp=high", "lamp=low"])
         self.assertEqual(commands, expected[0][2])
         self.assertIn("lo", interfaces)
         self.assertEqual(nothing, [])

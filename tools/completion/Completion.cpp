@@ -50,8 +50,8 @@ const char* const BASH_BODY = R"BASH(
 
 // The same for zsh, which takes pins as they are.
 const char* const ZSH_PINS = R"ZSH(_orvex_pins() {
-    local -a found=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
-    compadd -S '' -a found
+    local -a offered=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
+    [[ $1 == pin ]] && compadd -a offered || compadd -S '' -a offered
 }
 )ZSH";
 
