@@ -116,7 +116,7 @@ TEST_F(Verbs, GoesOnWhenTheInterfaceIsBack) {
     studio.Run("ip addr add 10.77.0.3/24 dev eth0; ip route add 224.0.0.0/4 dev eth0");
     ASSERT_TRUE(AwaitText(*watch, R"("event":"link","text":"eth0 is up again")"));
     tqrd.server.Apply("GPI 1 LLLLL");
-    ASSERT_TRUE(AwaitText(*watch, R"("pin":"1:2:in5")"));
+    ASSERT_TRUE(AwaitText(*watch, R"("pin":"1:2:in4")"));
     ASSERT_TRUE(AwaitText(*watch, R"("event":"heartbeat")"));
 }
 

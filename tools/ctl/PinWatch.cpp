@@ -28,6 +28,17 @@ void PinWatch::Ask(const std::vector<PinRef>& pins, double every) {
     m_ask_again = every > 0 ? After(every) : TimePoint::max();
 }
 
+void PinWatch::AskForNamed() {
+    std::vector<PinRef> pins;
+    for (const Names::Entry& entry : m_options.names.All()) {
+        pins.push_back(entry.pins);
+    }
+    if (!pins.empty()) {
+        Ask(pins, 0);
+        m_told_missing = true;
+    }
+}
+
 PinWatch::Event PinWatch::Wait(TimePoint deadline) {
     for (;;) {
         m_changes.clear();

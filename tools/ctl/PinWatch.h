@@ -32,6 +32,10 @@ public:
     // what the control server itself does to an output, nothing is heard. 0: not again.
     void Ask(const std::vector<PinRef>& pins, double every);
 
+    // Asks for all pins that have names, once, to know what a change is one from. Who does not
+    // answer is not noted.
+    void AskForNamed();
+
     // Waits for something to happen.
     Event Wait(TimePoint deadline);
 
@@ -63,7 +67,7 @@ private:
     PinStates m_states;
     RepeatFilter m_repeats;
     std::optional<Question> m_question;
-    bool m_told_missing = false;
+    bool m_told_missing = false;  // or nobody wants to know
     const uint32_t m_id;
     std::vector<uint32_t> m_inputs;
     std::vector<uint32_t> m_outputs;

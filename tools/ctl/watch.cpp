@@ -25,6 +25,8 @@ public:
           m_end(options.seconds ? After(*options.seconds) : TimePoint::max()) {
         if (!options.pins.empty()) {
             m_watch.Ask(options.pins, options.changes ? ASK_EVERY : 0);
+        } else if (options.changes) {
+            m_watch.AskForNamed();
         }
         Beat();
     }
@@ -34,7 +36,9 @@ public:
 private:
     bool IsWanted(uint32_t tag) const;
     bool IsWanted(const CMessage& message) const;
+    bool IsFirst(const PinChange& change) const;
     bool IsCounted(const PinChange& change) const;
+    bool IsShown(const PinChange& change) const;
     void ShowMessage();
     void ShowChanges();
     void CountMessage();
@@ -96,9 +100,21 @@ bool Watch::IsWanted(const CMessage& message) const {
 }
 
 // The present state, which is asked for first, is no change.
+bool Watch::IsFirst(const PinChange& change) const {
+    return !change.before && change.cause == PinChange::Cause::Answered;
+}
+
 bool Watch::IsCounted(const PinChange& change) const {
-    return IsWanted(change.tag) && change.IsNewLevel() &&
-           (change.before || change.cause != PinChange::Cause::Answered);
+    return IsWanted(change.tag) && change.IsNewLevel() && !IsFirst(change);
+}
+
+// Of pins that the user named, the present state is shown.
+bool Watch::IsShown(const PinChange& change) const {
+    if (!IsWanted(change.tag) || (IsFirst(change) && m_options.pins.empty())) {
+        return false;
+    }
+    return change.IsNewLevel() || change.cause == PinChange::Cause::Written || change.denied ||
+           m_options.console.verbose;
 }
 
 void Watch::ShowMessage() {
@@ -125,11 +141,10 @@ void Watch::CountMessage() {
 
 void Watch::ShowChanges() {
     for (const PinChange& change : m_watch.Changes()) {
-        if (IsComplete() || !IsWanted(change.tag)) {
-            continue;
+        if (IsComplete()) {
+            return;
         }
-        if (change.IsNewLevel() || change.cause == PinChange::Cause::Written || change.denied ||
-            m_options.console.verbose) {
+        if (IsShown(change)) {
             m_output->Write(change);
         }
         m_counted += IsCounted(change) ? 1 : 0;
