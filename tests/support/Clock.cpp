@@ -10,7 +10,7 @@ long readings = 0;
 }  // namespace
 
 void Clock::Advance(long seconds, long microseconds) {
-    const long sum = now.tv_usec + microseconds;
+    const long sum = static_cast<long>(now.tv_usec) + microseconds;
     now.tv_sec += seconds + sum / 1000000;
     now.tv_usec = sum % 1000000;
 }
