@@ -430,7 +430,7 @@ int CMsg2::DecodeLevel(const char* data, uint32_t len) {
     }
     Node* slot = m_pItems;
     bool memory = true;
-    for (Node* const behind = slot + count; memory && slot != behind; ++slot) {
+    for (const Node* const behind = slot + count; memory && slot != behind; ++slot) {
         memory = s_GetItem(data, pos, *slot, end);
     }
     m_nItemCount = static_cast<uint16_t>(slot - m_pItems);
