@@ -10,7 +10,9 @@ CMsg2::CMsg2(const CMsg2& other) : m_nGrowBy(other.m_nGrowBy) {
 }
 
 CMsg2& CMsg2::operator=(const CMsg2& other) {
-    Copy(&other);
+    if (&other != this) {
+        Copy(&other);
+    }
     return *this;
 }
 
