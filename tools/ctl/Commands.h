@@ -10,5 +10,6 @@ int RunList(const Options& options);
 int RunRecord(const Options& options);
 int RunSend(const Options& options);
 int RunSet(const Options& options);
+int RunTop(const Options& options);
 int RunWait(const Options& options);
 int RunWatch(const Options& options);

@@ -43,7 +43,7 @@ Object SourceJson(const SourceReading& reading) {
 
 // Whatever the server sends can be printed: what is no UTF-8 is replaced.
 std::string JsonLine(const Object& json) {
-    return json.dump(-1, ' ', false, Object::error_handler_t::replace) + "\n";
+    return json.dump(-1, ' ', true, Object::error_handler_t::replace) + "\n";
 }
 
 int Explain(const Options& options, Output& output) {

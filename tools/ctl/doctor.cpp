@@ -118,8 +118,7 @@ void Print(const Options& options, const Findings& findings, Output& output) {
                                                  {"status", NameOf(finding.severity).json},
                                                  {"finding", finding.text},
                                                  {"mend", finding.mend}};
-            output.Write(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
-                         "\n");
+            output.Write(json.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + "\n");
         } else if (!options.console.quiet || finding.severity > Severity::Note) {
             std::string heading = NameOf(finding.severity).text;
             heading.resize(6, ' ');

@@ -106,6 +106,15 @@ const std::vector<CommandSpec> COMMANDS = {
      "something is wrong. As root it sees all; what it can't see it tells.",
      {},
      RunDoctor},
+    {"top",
+     "Show every pin that is heard of, on the whole screen",
+     "With an ADDRESS, asks for its pins first. What changed stands out for a moment and has a "
+     "'*'.\n"
+     "Type to show only pins with that text in name, pin or writer; Esc shows all, Tab sorts\n"
+     "differently, Space pauses, F10 or Ctrl-C ends. With --json listens for the time of --for\n"
+     "(default: 2 s) and then prints each pin.",
+     {{"ADDRESS[:PIN]", false, true, Completion::Pin, "Ask for these first", AddPins}},
+     RunTop},
 };
 
 const std::vector<OptionSpec> OPTIONS = {
@@ -157,8 +166,8 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-c,--count", "N", Completion::None, "watch record",
      "End after N messages, with pins after N of their changes; the present state is none",
      SetCount},
-    {"-f,--for", "SECONDS", Completion::None, "wait watch record channels", "End after that time",
-     SetLimit},
+    {"-f,--for", "SECONDS", Completion::None, "wait watch record channels top",
+     "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
     {"--fast", nullptr, Completion::None, "send", "Without gaps", Switch<&Options::fast>},
     {"--speed", "FACTOR", Completion::None, "send", "That many times as fast (default: 1)",
