@@ -1,17 +1,9 @@
 #include "fuzz/Router.h"
 
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "fuzz/Check.h"
 #include "msg/cmsgdump.h"
-#include "tests/support/Clock.h"
-
-extern "C" int usleep(useconds_t microseconds) {
-    Clock::Advance(0, static_cast<long>(microseconds));
-    return 0;
-}
 
 Router& Router::Get() {
     static Router router;
@@ -23,7 +15,6 @@ Router::Router() {
     msgdump = dump;
     tqr_port = tqrd.Port();
     iface = htonl(INADDR_LOOPBACK);
-    group.Join(gpioip);
     CHECK(rudpsrv.Open(BUS_PORT, nullptr, nullptr, nullptr));
     CHECK(rudpcli.Open(nullptr, nullptr));
     join_group();

@@ -9,7 +9,6 @@
 #include "fuzz/Script.h"
 #include "msg/Message.h"
 #include "rudp/RUdpLayer3Server.h"
-#include "tests/support/Clock.h"
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include "fuzz/Check.h"
 #include "fuzz/Router.h"
 #include "fuzz/Script.h"
-#include "tests/support/Clock.h"
 
 namespace {
 

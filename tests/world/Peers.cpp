@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 #include "fuzz/BusModel.h"
 
@@ -11,16 +12,21 @@ Server::Server(World& world, Endpoint at) : m_World(world), m_Random(world.rando
 }
 
 void Server::Accept(const std::shared_ptr<Stream>& stream) {
+    Leave();
     m_Stream = stream;
-    m_Heard.clear();
-    Connected();
 }
 
-void Server::Hear(const std::string& bytes) {
-    m_Heard += bytes;
-    for (size_t end; (end = m_Heard.find('\n')) != std::string::npos;) {
-        const std::string line = m_Heard.substr(0, end);
-        m_Heard.erase(0, end + 1);
+std::shared_ptr<Stream> Server::Leave() {
+    if (m_Stream != nullptr) {
+        m_Stream->is_left = true;
+    }
+    return std::exchange(m_Stream, nullptr);
+}
+
+void Server::Hear(Stream& stream) {
+    for (size_t end; (end = stream.told.find('\n')) != std::string::npos;) {
+        const std::string line = stream.told.substr(0, end);
+        stream.told.erase(0, end + 1);
         Told(line);
     }
 }
@@ -120,8 +126,7 @@ void Server::WriteNonsense() {
 }
 
 void Server::Break(int error) {
-    const std::shared_ptr<Stream> stream = std::move(m_Stream);
-    m_Stream = nullptr;
+    const std::shared_ptr<Stream> stream = Leave();
     if (stream == nullptr || stream->is_closed) {
         return;
     }
@@ -134,8 +139,7 @@ void Server::Break(int error) {
 
 // Without a word: keep-alive finds that out after two hours.
 void Server::Vanish() {
-    const std::shared_ptr<Stream> stream = std::move(m_Stream);
-    m_Stream = nullptr;
+    const std::shared_ptr<Stream> stream = Leave();
     m_World.After(7875 * SECOND, [stream] {
         if (stream != nullptr && stream->end < 0) {
             stream->end = ETIMEDOUT;

@@ -8,23 +8,14 @@
 const uint32_t DEVICE_ADDRESSES[] = {0x0A000001, 0x0A000002, 0x0A010001};
 
 // A server of control lines, with one connection.
-class Server {
+class Server : public Listener {
 public:
-    enum Answer { ACCEPTS, LATE, REFUSES, SILENT, UNREACHABLE };
-
     Server(World& world, Endpoint at);
-    virtual ~Server() = default;
-
-    // What becomes of an attempt to connect.
-    Answer answer = ACCEPTS;
-    void Accept(const std::shared_ptr<Stream>& stream);
-    // Whether what is sent on the stream arrives at all.
-    bool Has(const std::shared_ptr<Stream>& stream) const { return m_Stream == stream; }
-    void Hear(const std::string& bytes);
+    void Accept(const std::shared_ptr<Stream>& stream) override;
+    void Hear(Stream& stream) override;
     bool IsConnected() const { return m_Stream != nullptr && !m_Stream->is_closed; }
 
 protected:
-    virtual void Connected() = 0;
     virtual void Told(const std::string& line) = 0;
 
     void Write(Line line);
@@ -42,7 +33,8 @@ protected:
     Random& m_Random;
 
 private:
-    std::string m_Heard;
+    std::shared_ptr<Stream> Leave();
+
     std::shared_ptr<Stream> m_Stream;
 };
 
@@ -52,7 +44,6 @@ public:
     void Act();
 
 protected:
-    void Connected() override {}
     void Told(const std::string& line) override;
 };
 
@@ -66,7 +57,6 @@ public:
     void TellInterface();
 
 protected:
-    void Connected() override {}
     void Told(const std::string& line) override;
 
 private:

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tests/world/Peers.h"
 #include "tests/world/Writer.h"
 
 namespace {
@@ -57,7 +56,7 @@ World::World(uint64_t seed, Micros length) : random(seed), m_Length(length), m_S
     const Micros days[] = {20782, 20782, 20782, 24854, 49709};
     clock_offset = random.Of(days) * DAY;
     clock_offset += random.Time(SECOND);
-    device_ip = random.OneIn(10) ? 0 : DEVICE_ADDRESSES[0];
+    device_ip = random.OneIn(10) ? 0 : 0x0A000001;
     the_world = this;
 }
 
@@ -105,7 +104,7 @@ void World::Event(const std::string& what) {
 }
 
 bool World::Fails(const char* call, uint32_t one_in, std::initializer_list<int> errors) {
-    if (running != nullptr || IsOver() || !random.OneIn(one_in)) {
+    if (running != nullptr || is_calm || IsOver() || !random.OneIn(one_in)) {
         return false;
     }
     errno = errors.begin()[random.Below(static_cast<uint32_t>(errors.size()))];
@@ -122,6 +121,10 @@ void World::Trace(const std::string& bytes) {
 }
 
 Call& World::Log(Call call) {
+    if (is_calm) {
+        log.assign(1, std::move(call));
+        return log.back();
+    }
     if (log.size() > 1000000) {
         Differ("the next wait", "a million calls without one");
     }
@@ -174,6 +177,10 @@ bool World::IsReadable(int fd) const {
 
 // A road that loses, repeats, delays and reorders.
 void World::Send(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
+    if (is_calm) {
+        Arrive(from, to, bytes);
+        return;
+    }
     int copies = 1;
     if (m_Now < cut_until || random.OneIn(50)) {
         copies = 0;
@@ -197,6 +204,11 @@ void World::Send(const Endpoint& from, const Endpoint& to, const std::string& by
 
 void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
     const size_t QUEUE = 256;
+    const auto tap = taps.find(to.port);
+    if (tap != taps.end()) {
+        tap->second->push_back(bytes);
+        return;
+    }
     for (auto& [fd, socket] : sockets) {
         const bool is_daemon = socket.writer == nullptr;
         const bool is_there =

@@ -67,16 +67,30 @@ struct Line {
     uint32_t address = 0;  // SET
 };
 
-class Server;
+struct Stream;
+
+// Who can be connected to.
+class Listener {
+public:
+    enum Answer { ACCEPTS, LATE, REFUSES, SILENT, UNREACHABLE };
+    Answer answer = ACCEPTS;  // what becomes of an attempt to connect
+
+    virtual ~Listener() = default;
+    virtual void Accept(const std::shared_ptr<Stream>& stream) = 0;
+    // Told after bytes have come.
+    virtual void Hear(Stream& /*stream*/) {}
+};
 
 // A connection as the daemon's end sees it.
 struct Stream {
-    Server* server = nullptr;
+    Listener* server = nullptr;
+    std::string told{};        // to the server, and not yet taken there
     std::string arrived{};     // and not yet read
     std::deque<Line> lines{};  // what the server has written and the daemon not yet taken
     int end = -1;              // behind what arrived: 0 the end, an error, -1 neither
     Micros last = 0;           // when the last of what was written arrives
     bool is_closed = false;    // by the daemon
+    bool is_left = false;      // by the server
 };
 
 // One system call of the daemon: what it asked for and what it got.
@@ -163,6 +177,7 @@ public:
     bool IsReadable(int fd) const;
     void Send(const Endpoint& from, const Endpoint& to, const std::string& bytes);
 
+    bool is_calm = false;  // nothing fails and nothing takes time by itself
     Random random;
     Micros clock_offset;
     uint32_t device_ip;      // 0: the interface has none
@@ -172,8 +187,9 @@ public:
     bool is_debug = false;
     class Writer* running = nullptr;  // who makes calls now, null for the daemon
     std::map<int, Socket> sockets;
-    std::map<Endpoint, Server*> servers;
-    std::vector<Call> log;  // of the daemon, since the last check
+    std::map<Endpoint, Listener*> servers;
+    std::map<uint16_t, std::vector<std::string>*> taps;  // where else datagrams arrive, by port
+    std::vector<Call> log;                               // of the daemon, since the last check
     std::map<std::string, long> counts;
     uint64_t hash = 14695981039346656037ULL;
     long events = 0;
