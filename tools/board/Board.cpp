@@ -110,6 +110,12 @@ void Board::TakeStates(Traffic& traffic, bool reply) {
         }
     }
     TakeChanges(m_states->Take(traffic, Now()));
+    for (unsigned i = 0; i < traffic.message.GetItemCount(); ++i) {
+        const auto notes = m_notes.find(traffic.message.GetItem(i)->m_nTag);
+        if (notes != m_notes.end() && notes->second.lost) {
+            SetPinLost(notes->first, false);
+        }
+    }
     for (const uint32_t address : addresses) {
         Watch(address, now);
         if (reply) {
@@ -173,29 +179,33 @@ bool Board::HearDevice(const std::string& host, int64_t now) {
 }
 
 // Nobody answers for the address any more, or someone does again.
-void Board::SetLost(uint32_t address, bool lost, int64_t now) {
+void Board::SetLost(uint32_t address, bool lost) {
     for (const uint32_t tag : PinRef{address, std::nullopt}.Tags()) {
-        const PinState* const state = m_states->Find(tag);
-        PinNotes& notes = m_notes[tag];
-        if (notes.lost == lost || notes.by_control) {
-            continue;
-        }
-        notes.lost = lost;
-        if (state == nullptr || !state->level || state->status != PinStatus::Told) {
-            continue;
-        }
-        Event event;
-        event.time = now;
-        event.tag = tag;
-        if (lost) {
-            event.text = "nobody answers for " + AddressText(address);
-        } else {
-            event.low = *state->level == Level::Low;
-            event.host = TellerOf(tag, *state);
-        }
-        m_history.Add(std::move(event));
-        TellPin(tag);
+        SetPinLost(tag, lost);
     }
+}
+
+void Board::SetPinLost(uint32_t tag, bool lost) {
+    const PinState* const state = m_states->Find(tag);
+    PinNotes& notes = m_notes[tag];
+    if (notes.lost == lost || notes.by_control) {
+        return;
+    }
+    notes.lost = lost;
+    if (state == nullptr || !state->level || state->status != PinStatus::Told) {
+        return;
+    }
+    Event event;
+    event.time = NowMs();
+    event.tag = tag;
+    if (lost) {
+        event.text = "nobody answers for " + AddressText(tag >> 8);
+    } else {
+        event.low = *state->level == Level::Low;
+        event.host = TellerOf(tag, *state);
+    }
+    m_history.Add(std::move(event));
+    TellPin(tag);
 }
 
 // ---- what viewers are told ----

@@ -118,7 +118,8 @@ private:
     void TakeChanges(const std::vector<PinChange>& changes);
     void TakeChange(const PinChange& change);
     bool HearDevice(const std::string& host, int64_t now);
-    void SetLost(uint32_t address, bool lost, int64_t now);
+    void SetLost(uint32_t address, bool lost);
+    void SetPinLost(uint32_t tag, bool lost);
     void TellPin(uint32_t tag);
     void TellDevice(const std::string& host, EventKind kind, int64_t now);
     void Note(EventKind kind, int64_t now, const std::string& text);

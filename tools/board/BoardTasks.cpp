@@ -93,7 +93,7 @@ void Board::Answered(uint32_t address, const std::string& owner, int64_t now) {
     entry.owner = owner;
     if (entry.misses >= MAX_MISSES) {
         entry.misses = 0;
-        SetLost(address, false, now);
+        SetLost(address, false);
     }
     entry.misses = 0;
     if (entry.asked != 0) {
@@ -108,7 +108,7 @@ void Board::Miss(uint32_t address, Address& entry, int64_t now) {
     if (entry.misses != MAX_MISSES) {
         return;
     }
-    SetLost(address, true, now);
+    SetLost(address, true);
     const auto device = m_devices.find(entry.owner);
     const bool missing = std::all_of(m_addresses.begin(), m_addresses.end(), [&](const auto& one) {
         return one.second.owner != entry.owner || one.second.misses >= MAX_MISSES;

@@ -1,0 +1,160 @@
+// Measures the board as its viewers see it:  node board.mjs NODE_MODULES SECONDS
+// Run by tests/tools/board/world.sh. Sends reports to the bus as a device would, and prints one line
+// a figure: what it is, what was measured, what was wanted, and whether it was met.
+import { execFileSync, spawn } from "node:child_process";
+import dgram from "node:dgram";
+import { mkdtempSync, readFileSync } from "node:fs";
+import http from "node:http";
+import { createRequire } from "node:module";
+import { setTimeout as sleep } from "node:timers/promises";
+
+const [modules, seconds] = [process.argv[2], Number(process.argv[3])];
+const puppeteer = createRequire(`${modules}/`)("puppeteer-core");
+const RATE = 1000;
+const VIEWERS = 200;
+const pid = () => readFileSync("/run/board.pid", "ascii").trim();
+let missed = 0;
+
+function tell(what, measured, unit, wanted, met) {
+    console.log(`${what.padEnd(52)} ${String(measured).padStart(9)} ${unit.padEnd(6)} ${wanted.padEnd(14)} ${met ? "met" : "MISSED"}`);
+    missed += met ? 0 : 1;
+}
+
+const socket = dgram.createSocket("udp4");
+await new Promise((done) => socket.bind(0, done));
+socket.setMulticastInterface("10.77.0.1");
+let tid = Math.floor(Date.now() / 1000);
+
+function report(items) {
+    const packet = Buffer.alloc(22 + items.length * 6);
+    packet.set([3, 0, 2, 7]);
+    packet.writeUInt32BE(++tid >>> 0, 4);
+    packet.write("INDI", 16);
+    packet.writeUInt16BE(items.length, 20);
+    items.forEach(([tag, low], i) => {
+        packet.writeUInt32BE(tag, 22 + i * 6);
+        packet.set([7, low ? 1 : 0], 26 + i * 6);
+    });
+    socket.send(packet, 2055, "239.192.255.4");
+}
+
+async function ask(path) {
+    const response = await fetch(`http://127.0.0.1:8093${path}`);
+    return response.text();
+}
+const figure = async (name) => Number((await ask("/metrics")).match(new RegExp(`^orvex_board_${name} (.*)`, "m"))[1]);
+const cpu = () => readFileSync(`/proc/${pid()}/stat`, "ascii").split(") ")[1].split(" ").slice(11, 13).reduce((a, b) => a + Number(b), 0) / 100;
+const resident = () => Number(readFileSync(`/proc/${pid()}/status`, "ascii").match(/VmRSS:\s*(\d+)/)[1]) / 1024;
+
+async function measureLatency() {
+    const tag = (0x0708 << 8 | 13);
+    report([[tag, false]]);
+    await sleep(500);
+    const browser = await puppeteer.launch({
+        executablePath: "/usr/bin/chromium", userDataDir: mkdtempSync("/tmp/board-bench-"),
+        args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+            "--disable-component-update", "--disable-sync"],
+    });
+    const page = await browser.newPage();
+    await page.goto("http://127.0.0.1:8093/");
+    await page.waitForSelector('a[href="#/pin/7:8:in1"]');
+    await page.evaluate(() => {
+        globalThis.seen = [];
+        new MutationObserver((all) => {
+            if (all.some(({ target }) => target.hash === "#/pin/7:8:in1")) {
+                globalThis.seen.push(performance.timeOrigin + performance.now());
+            }
+        }).observe(document.getElementById("main"), { attributes: true, attributeFilter: ["class"], subtree: true });
+    });
+    const sent = [];
+    await sleep(4000); // by then nobody has answered for the pin, and the page is at rest
+    await page.evaluate(() => { globalThis.seen.length = 0; });
+    for (let i = 0; i < 101; ++i) {
+        sent.push(performance.timeOrigin + performance.now());
+        report([[tag, i % 2 === 0]]);
+        report([[tag, i % 2 === 0]]); // as devices do: one that comes alone would count as a copy
+        await sleep(50 + Math.random() * 20);
+    }
+    await sleep(500);
+    const seen = await page.evaluate(() => globalThis.seen);
+    await browser.close();
+    const times = sent.map((time, i) => seen[i] - time).sort((a, b) => a - b);
+    tell("datagram to changed lamp, median of 101", times[50].toFixed(1), "ms", "below 20", seen.length === 101 && times[50] < 20);
+}
+
+async function measureTraffic() {
+    const agent = new http.Agent({ maxSockets: VIEWERS + 10 });
+    let first = 0;
+    const viewers = [];
+    for (let i = 0; i < VIEWERS; ++i) {
+        viewers.push(await new Promise((done) => http.get({ port: 8093, path: "/api/v1/events", agent }, (answer) => {
+            let rest = "";
+            answer.on("data", (data) => {
+                if (i === 0) {
+                    const lines = (rest + data).split("\n");
+                    rest = lines.pop();
+                    first += lines.filter((line) => line.startsWith("event: pin")).length;
+                }
+            });
+            answer.on("error", () => {});
+            done(answer);
+        })));
+    }
+    const [rows, before, start] = [await figure("history_rows"), cpu(), performance.now()];
+    const total = RATE * seconds;
+    for (let i = 0; i < total;) {
+        for (const due = (performance.now() - start) / 1000 * RATE; i < due && i < total; ++i) {
+            report([[0x080000 + (i % 500) * 256 + 13, Math.floor(i / 500) % 2 === 0]]);
+        }
+        await sleep(2);
+    }
+    const used = (cpu() - before) / ((performance.now() - start) / 1000);
+    await sleep(2000);
+    const kept = await figure("history_rows") - rows;
+    tell(`changes a second for ${seconds} s, ${VIEWERS} viewers: in the history`, kept, "", `${total} or more`, kept >= total);
+    tell("the same, in the stream of one", first, "", `${total} or more`, first >= total);
+    tell("processor time meanwhile", used.toFixed(2), "cores", "below 0.5", used < 0.5);
+    viewers.forEach((answer) => answer.destroy());
+}
+
+async function measureKill() {
+    const start = performance.now();
+    let sent = 0;
+    while (performance.now() - start < 3000) {
+        for (const due = performance.now() - start; sent < due; ++sent) {
+            report([[0x080000 + (sent % 500) * 256 + 12, Math.floor(sent / 500) % 2 === 0]]);
+        }
+        await sleep(2);
+    }
+    const rows = await figure("history_rows");
+    process.kill(Number(pid()), "SIGKILL");
+    await sleep(300);
+    spawn("bash", ["/run/board.sh"], { stdio: "ignore" });
+    await sleep(2000);
+    const lost = rows - await figure("history_rows");
+    tell("killed in 1000 changes a second: rows lost", Math.max(0, lost), "", "0", lost <= 0);
+}
+
+async function measurePins() {
+    for (let address = 0; address < 1000; ++address) {
+        const items = [];
+        for (let circuit = 4; circuit <= 13; ++circuit) {
+            items.push([0x100000 + address * 256 + circuit, address % 2 === 0]);
+        }
+        report(items);
+        if (address % 20 === 0) {
+            await sleep(20);
+        }
+    }
+    await sleep(1000);
+    await ask("/api/v1/pins");
+    const pins = await figure("pins");
+    tell("resident with 10,000 pins and more", resident().toFixed(1), "MiB", "below 48", pins >= 10000 && resident() < 48);
+}
+
+execFileSync("sleep", ["2"]);
+await measureLatency();
+await measureTraffic();
+await measureKill();
+await measurePins();
+process.exit(missed ? 1 : 0);
