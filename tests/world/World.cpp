@@ -43,12 +43,10 @@ uint32_t Random::Below(uint32_t limit) {
 }
 
 std::string Call::Text() const {
-    const bool is_set = kind == SELECT || kind == POLL;
     std::string text = CALL_NAMES[kind];
     text += " socket " + std::to_string(fd) + ", number " + std::to_string(number) + ", \"" +
             readable(data) + "\", peer " + quad(peer.ip) + ":" + std::to_string(peer.port);
-    return text + (is_set ? " gave " : " gave ") + std::to_string(result) + " \"" + readable(got) +
-           "\"";
+    return text + " gave " + std::to_string(result) + " \"" + readable(got) + "\"";
 }
 
 World::World(uint64_t seed, Micros length) : random(seed), m_Length(length), m_Seed(seed) {

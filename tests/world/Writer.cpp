@@ -43,8 +43,10 @@ void change(ucontext_t& from, ucontext_t& to, const void* stack, size_t size, bo
 
 }  // namespace
 
+// The client is made while the writer runs, since it asks for the time.
 Writer::Writer(World& world, uint32_t ip) : address(ip), m_World(world), m_Stack(STACK) {
     m_World.running = this;
+    // cppcheck-suppress useInitializationList
     m_Client = std::make_unique<CRUdpLayer3Client>(static_cast<unsigned short>(0), 1000UL);
     m_Client->Open(nullptr, nullptr);
     m_World.running = nullptr;

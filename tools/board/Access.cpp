@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <stdexcept>
@@ -39,7 +40,7 @@ bool Access::IsKnownHost(const std::string& host) const {
         return end != name.npos && IsAddress(name.substr(1, end - 1)) &&
                (end + 1 == name.size() || name[end + 1] == ':');
     }
-    name = name.substr(0, name.find(':'));
+    name.resize(std::min(name.find(':'), name.size()));
     return name == "localhost" || IsAddress(name) || m_settings.hosts.count(name) != 0;
 }
 

@@ -217,7 +217,7 @@ void HttpSession::WatchForEnd() {
 }
 
 void HttpSession::Pump() {
-    EventStream& stream = m_server.m_stream;
+    const EventStream& stream = m_server.m_stream;
     if (!m_viewer || m_writing || m_ending || !m_socket.is_open() || m_next == stream.Next()) {
         return;
     }

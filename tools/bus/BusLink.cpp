@@ -106,7 +106,7 @@ void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* h
     Trace("listening to " + HostText(m_settings.group) + " port " + std::to_string(port));
 }
 
-void BusLink::Join(CRUdpLayer3Server& server) {
+void BusLink::Join(const CRUdpLayer3Server& server) {
     if (SetMembership(server.GetSocket(), IP_ADD_MEMBERSHIP, m_settings.group, m_interface.index) !=
         0) {
         const std::string hint = m_settings.iface.empty() ? " (name an interface with -i)" : "";
