@@ -59,7 +59,8 @@ def live(seed, days, progress):
             elif word != "progress":
                 said.append(line)
     if process.returncode != 0:
-        raise Difference("".join(said) or f"seed {seed}: ended with status {process.returncode}\n")
+        raise Difference("".join(said) or f"The world died with status {process.returncode}.\n"
+                         f"To repeat: scripts/simulate --seed {seed} --days {days:g}")
     return counts, said[-1].split()
 
 

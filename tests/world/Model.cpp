@@ -17,14 +17,6 @@ const Micros WAIT = 27 * SECOND;
 const std::string OUTPUT_CIRCUITS = "\x08\x07\x06\x05\x04";
 const std::string INPUT_CIRCUITS = "\x0D\x0C\x0B\x0A\x09";
 
-std::string big_endian(uint64_t number, int size) {
-    std::string bytes;
-    while (size-- > 0) {
-        bytes += static_cast<char>(number >> 8 * size & 255);
-    }
-    return bytes;
-}
-
 // Milliseconds on the clock, seconds and what is left of them apart.
 Micros milliseconds_between(Micros from, Micros to) {
     return (to / SECOND - from / SECOND) * 1000 + (to % SECOND - from % SECOND) / MS;

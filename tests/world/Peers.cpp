@@ -360,23 +360,11 @@ void Tqrd::Act() {
 
 // ---- the bus
 
-namespace {
-
-std::string big_endian(uint64_t number, int size) {
-    std::string bytes;
-    while (size-- > 0) {
-        bytes += static_cast<char>(number >> 8 * size & 255);
-    }
-    return bytes;
-}
-
-}  // namespace
-
 // Nearly always a byte, as pins are.
 std::string Bus::Item(uint32_t tag) {
     const std::string head = big_endian(tag, 4);
     const uint32_t type = m_Random.OneIn(8) ? m_Random.Below(12) : 7;
-    const uint32_t count = m_Random.Below(4);
+    const size_t count = m_Random.Below(4);
     const std::string counted = big_endian(type, 1) + big_endian(count, 2);
     switch (type) {
         case 1:

@@ -34,6 +34,14 @@ std::string quad(uint32_t ip) {
            std::to_string(ip >> 8 & 255) + "." + std::to_string(ip & 255);
 }
 
+std::string big_endian(uint64_t number, int size) {
+    std::string bytes;
+    while (size-- > 0) {
+        bytes += static_cast<char>(number >> 8 * size & 255);
+    }
+    return bytes;
+}
+
 uint32_t Random::Below(uint32_t limit) {
     m_State += 0x9E3779B97F4A7C15ULL;
     uint64_t z = m_State;
@@ -120,7 +128,8 @@ void World::Trace(const std::string& bytes) {
 
 Call& World::Log(Call call) {
     if (is_calm) {
-        log.assign(1, std::move(call));
+        log.clear();
+        log.push_back(std::move(call));
         return log.back();
     }
     if (log.size() > 1000000) {

@@ -224,3 +224,4 @@ const uint32_t LOOPBACK = 0x7F000001;
 const int CHANNELS = 32;
 
 std::string quad(uint32_t ip);
+std::string big_endian(uint64_t number, int size);

@@ -16,7 +16,8 @@
 
 namespace {
 
-const size_t STACK = 512 * 1024;
+const size_t STACK = 524288;
+Writer* starting = nullptr;  // whose stack is entered for the first time
 const void* world_stack = nullptr;
 size_t world_stack_size = 0;
 
@@ -54,9 +55,8 @@ Writer::Writer(World& world, uint32_t ip) : address(ip), m_World(world), m_Stack
     m_Here.uc_stack.ss_sp = m_Stack.data();
     m_Here.uc_stack.ss_size = m_Stack.size();
     m_Here.uc_link = nullptr;
-    const uint64_t self = reinterpret_cast<uintptr_t>(this);
-    makecontext(&m_Here, reinterpret_cast<void (*)()>(Run), 2,
-                static_cast<unsigned int>(self >> 32), static_cast<unsigned int>(self));
+    makecontext(&m_Here, Run, 0);
+    starting = this;
     Resume();
 }
 
@@ -66,12 +66,11 @@ Writer::~Writer() {
     m_World.running = nullptr;
 }
 
-void Writer::Run(unsigned int high, unsigned int low) {
+void Writer::Run() {
 #ifdef WORLD_FIBERS
     __sanitizer_finish_switch_fiber(nullptr, &world_stack, &world_stack_size);
 #endif
-    Writer* const self =
-        reinterpret_cast<Writer*>(static_cast<uintptr_t>(static_cast<uint64_t>(high) << 32 | low));
+    Writer* const self = starting;
     for (;;) {
         self->Pause();
         self->SendOne();

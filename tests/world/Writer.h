@@ -28,7 +28,7 @@ public:
     bool Wait(int fd, Micros limit);
 
 private:
-    static void Run(unsigned int high, unsigned int low);
+    static void Run();
     void Resume();
     void Pause();
     void SendOne();
