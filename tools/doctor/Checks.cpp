@@ -80,7 +80,11 @@ void ExaminePort(const Facts& facts, Findings& findings) {
                                      : ": what is sent to this host alone reaches one of the two"),
                             "end that program: ss -lunp sport = :2060"});
     } else if (has_daemon) {
-        findings.push_back({Severity::Well, "port 2060", "the daemon's alone", ""});
+        const bool is_seen = facts.Daemon()->shows_sockets;
+        findings.push_back(
+            {is_seen ? Severity::Well : Severity::Note, "port 2060",
+             is_seen ? "the daemon's alone" : "taken once; by whom can't be seen without root",
+             ""});
     } else if (facts.Daemon() != nullptr) {
         findings.push_back(
             {Severity::Critical, "port 2060", "the daemon does not listen there", RESTART});

@@ -140,7 +140,8 @@ void ExamineLimit(const Facts& facts, bool is_needed, Findings& findings) {
             {Severity::Well, "limit",
              "connecting takes " + daemon->Variable("ORVEX_CONNECT_TIMEOUT") + " s at most", ""});
     } else if (facts.syn_retries > GOOD_SYN_RETRIES) {
-        findings.push_back({is_needed ? Severity::Warning : Severity::Note, "limit",
+        const bool is_known = !daemon->environment.empty();  // that no limit is set
+        findings.push_back({is_needed && is_known ? Severity::Warning : Severity::Note, "limit",
                             "tcp_syn_retries is " + std::to_string(facts.syn_retries) +
                                 ": a server that does not answer stops everything for long",
                             LIMIT});
