@@ -138,7 +138,7 @@ TEST_F(Verbs, ListsWhatIsThere) {
 TEST_F(Verbs, RefusesWithWhatWouldBeRight) {
     StartAll();
     std::ofstream("/run/bad") << "# names\n1:2 studio1\n1:2 other\n";
-    std::ofstream("/run/there");
+    const std::ofstream there("/run/there");
     const struct {
         Words arguments;
         int status;

@@ -54,7 +54,7 @@ public:
     std::string Word() {
         const size_t begin = m_pos;
         m_pos = std::min(m_line.find_first_of(BLANKS, m_pos), m_line.size());
-        const std::string word = m_line.substr(begin, m_pos - begin);
+        std::string word = m_line.substr(begin, m_pos - begin);
         SkipBlanks();
         return word;
     }

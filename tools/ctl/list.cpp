@@ -187,7 +187,7 @@ void List::Print(const std::vector<PinFact>& facts) {
         m_output.Write(Padded(AddressText(address), 9) + "  " + Padded(text, 15) + "  in " +
                        StateText(facts, place) + "  out " + StateText(facts, place + PIN_COUNT) +
                        (entry != nullptr ? "  " + entry->name : "") + "\n");
-        place += 2 * PIN_COUNT;
+        place += size_t{2} * PIN_COUNT;
     }
 }
 
