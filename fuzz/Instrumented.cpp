@@ -1,5 +1,7 @@
 // For the memory sanitizer, which takes what Debian's C++ library writes for not written: the
-// library's only functions that are not in its headers and that the fuzz targets use.
+// library's only functions that are not in its headers and that the fuzz targets use, or what they
+// test.
+#include <charconv>
 #include <cstdio>
 #include <string>
 
@@ -28,5 +30,16 @@ string to_string(long number) {
 string to_string(unsigned long number) {
     return Print("%lu", number);
 }
+
+// What std::to_chars ends in. They return the end of what they wrote.
+namespace __itoa {
+char* __u32toa(uint32_t number, char* text) noexcept {
+    return __u64toa(number, text);
+}
+char* __u64toa(uint64_t number, char* text) noexcept {
+    const string digits = to_string(static_cast<unsigned long>(number));
+    return text + digits.copy(text, digits.size());
+}
+}  // namespace __itoa
 _LIBCPP_END_NAMESPACE_STD
 // NOLINTEND(cert-dcl58-cpp)

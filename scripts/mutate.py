@@ -69,7 +69,7 @@ def run(command, limit):
 
 def passes(selection):
     return run(["ctest", "--preset", "debug", "-j", "2", "--timeout", "60", "--stop-on-failure"]
-               + selection, 600)
+               + selection, 300)
 
 
 def make_copy():

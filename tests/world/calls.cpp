@@ -16,7 +16,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "tests/world/World.h"
 #include "tests/world/Writer.h"
@@ -405,31 +404,3 @@ extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set*
     return static_cast<int>(call.result);
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
-
-// ---- memory
-
-namespace {
-
-bool is_short() {
-    if (!World::Exists()) {
-        return false;
-    }
-    World& w = world();
-    if (w.memory_left < 0 || w.running != nullptr || --w.memory_left >= 0) {
-        return false;
-    }
-    ++w.faults;
-    w.Count("fault: new: Cannot allocate memory");
-    log_call(Call::NO_MEMORY, -1, 0, 0);
-    return true;
-}
-
-}  // namespace
-
-void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return is_short() ? nullptr : operator new(size);
-}
-
-void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return is_short() ? nullptr : operator new[](size);
-}
