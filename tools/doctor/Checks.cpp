@@ -95,7 +95,7 @@ void ExaminePort(const Facts& facts, Findings& findings) {
 std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     const std::optional<uint32_t> named = facts.answer.table.InterfaceAddress();
     if (named.value_or(0) != 0) {
-        const std::string device = facts.DeviceOf(*named);
+        std::string device = facts.DeviceOf(*named);
         if (device.empty()) {
             findings.push_back({Severity::Critical, "interface",
                                 "TQRD names " + IpText(*named) + ", which no interface has",
