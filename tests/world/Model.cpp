@@ -36,7 +36,7 @@ std::string five(std::string state) {
 
 // ---- the log
 
-const Call& Model::Expect(Call::Kind kind, int fd, long number, const std::string& data,
+const Call& Model::Expect(const std::string& kind, int fd, long number, const std::string& data,
                           Endpoint peer) {
     Call call;
     call.kind = kind;
@@ -54,19 +54,19 @@ const Call& Model::Expect(Call::Kind kind, int fd, long number, const std::strin
     return found;
 }
 
-bool Model::IsNext(Call::Kind kind) const {
+bool Model::IsNext(const std::string& kind) const {
     return m_Next < m_World.log.size() && m_World.log[m_Next].kind == kind;
 }
 
 void Model::Close(int fd, bool with_shutdown) {
     if (with_shutdown) {
-        Expect(Call::SHUTDOWN, fd);
+        Expect("shutdown", fd);
     }
-    Expect(Call::CLOSE, fd);
+    Expect("close", fd);
 }
 
 void Model::Option(int fd, int level, int option, const std::string& data, Endpoint about) {
-    Expect(Call::OPTION, fd, level << 16 | option, data, about);
+    Expect("setsockopt", fd, level << 16 | option, data, about);
 }
 
 // ---- start and end
@@ -74,29 +74,29 @@ void Model::Option(int fd, int level, int option, const std::string& data, Endpo
 bool Model::Start(bool is_debug) {
     m_Next = 0;
     m_IsDebug = is_debug;
-    if (!is_debug && Expect(Call::DAEMON, -1).result != 0) {
+    if (!is_debug && Expect("daemon", -1).result != 0) {
         return false;
     }
-    Expect(Call::FILE_OPENED, -1, 0, "/var/run/orvex.pid wt");
-    const int probe = static_cast<int>(Expect(Call::SOCKET, -1, SOCK_DGRAM).result);
+    Expect("fopen", -1, 0, "/var/run/orvex.pid wt");
+    const int probe = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
     if (probe >= 0) {
-        m_Interface = Expect(Call::ADDRESS, probe, 0, "eth0").from.ip;
+        m_Interface = Expect("ioctl", probe, 0, "eth0").from.ip;
         Close(probe);
     }
     Connect(m_Control, {LOOPBACK, 93});
-    m_Server = static_cast<int>(Expect(Call::SOCKET, -1, SOCK_DGRAM).result);
+    m_Server = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
     if (m_Server < 0) {
         return false;
     }
     Option(m_Server, SOL_SOCKET, SO_REUSEADDR, "1", {});
     Option(m_Server, IPPROTO_IP, IP_MULTICAST_IF, "", {});
-    if (Expect(Call::BIND, m_Server, 0, "", {0, REQUEST_PORT}).result != 0) {
+    if (Expect("bind", m_Server, 0, "", {0, REQUEST_PORT}).result != 0) {
         Close(m_Server, true);
         m_Server = -1;
         return false;
     }
     Option(m_Server, IPPROTO_IP, IP_ADD_MEMBERSHIP, quad(GROUP), {m_Interface, 0});
-    m_Client = static_cast<int>(Expect(Call::SOCKET, -1, SOCK_DGRAM).result);
+    m_Client = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
     if (m_Client < 0) {
         return false;
     }
@@ -161,7 +161,7 @@ bool Model::Turn() {
 
 void Model::BeginTurn() {
     while (m_Control.fd == -1) {
-        Expect(Call::SLEEP, -1, PAUSE);
+        Expect("usleep", -1, PAUSE);
         Connect(m_Control, {LOOPBACK, 93});
         if (m_Control.fd != -1) {
             Tell("SET\nCFG GPO\n");
@@ -184,7 +184,7 @@ void Model::BeginTurn() {
             m_Watched.push_back(server);
         }
     }
-    Expect(Call::SELECT, -1, WAIT, std::string(watched.begin(), watched.end()));
+    Expect("select", -1, WAIT, std::string(watched.begin(), watched.end()));
 }
 
 // Once for all channels that follow the server; after a failure the next of them tries.
@@ -203,24 +203,24 @@ void Model::Reconnect(const Endpoint& server) {
 }
 
 void Model::Subscribe(const Connection& remote, int gpi) {
-    Expect(Call::SEND, remote.fd, 0, "ADD GPI " + std::to_string(gpi) + "\n");
+    Expect("send", remote.fd, 0, "ADD GPI " + std::to_string(gpi) + "\n");
 }
 
 // ---- connections
 
 void Model::Connect(Connection& connection, Endpoint to) {
     connection = {};
-    if (IsNext(Call::NO_MEMORY)) {
-        Expect(Call::NO_MEMORY, -1);
+    if (IsNext("no memory")) {
+        Expect("no memory", -1);
         return;
     }
-    const int fd = static_cast<int>(Expect(Call::SOCKET, -1, SOCK_STREAM).result);
+    const int fd = static_cast<int>(Expect("socket", -1, SOCK_STREAM).result);
     if (fd < 0) {
         return;
     }
     Option(fd, IPPROTO_TCP, TCP_NODELAY, "1", {});
     Option(fd, SOL_SOCKET, SO_KEEPALIVE, "1", {});
-    const Call connect = Expect(Call::CONNECT, fd, 0, "", to);
+    const Call connect = Expect("connect", fd, 0, "", to);
     if (connect.result != 0) {
         Close(fd);
         return;
@@ -235,9 +235,9 @@ bool Model::Take(Connection& connection, Line& line) {
         return false;
     }
     std::string& pending = connection.pending;
-    if (Expect(Call::POLL, -1, 0, std::string(1, static_cast<char>(connection.fd))).result > 0) {
+    if (Expect("poll", -1, 0, std::string(1, static_cast<char>(connection.fd))).result > 0) {
         const long room = LINE_ROOM - static_cast<long>(pending.size());
-        const Call read = Expect(Call::RECEIVE, connection.fd, room);
+        const Call read = Expect("recv", connection.fd, room);
         if (read.result <= 0) {
             Close(connection.fd);
             m_World.Count("lost: lines behind which the connection ended",
@@ -266,7 +266,7 @@ bool Model::Take(Connection& connection, Line& line) {
 
 void Model::Table() {
     if (m_IsDebug) {
-        Expect(Call::FILE_OPENED, -1, 0, "/var/log/gpiocli.txt wt");
+        Expect("fopen", -1, 0, "/var/log/gpiocli.txt wt");
     }
 }
 
@@ -274,7 +274,7 @@ void Model::Table() {
 
 void Model::Tell(const std::string& line) {
     if (m_Control.fd != -1) {
-        Expect(Call::SEND, m_Control.fd, 0, line);
+        Expect("send", m_Control.fd, 0, line);
     } else {
         m_World.Count("lost: line, no control server");
     }
@@ -390,12 +390,12 @@ void Model::Forward(const Endpoint& server) {
 // ---- the bus
 
 void Model::Receive() {
-    const Call& poll = Expect(Call::POLL, -1, 0, std::string(1, static_cast<char>(m_Server)));
+    const Call& poll = Expect("poll", -1, 0, std::string(1, static_cast<char>(m_Server)));
     const Micros now = poll.clock;
     if (poll.result <= 0) {
         return;
     }
-    const Call read = Expect(Call::RECEIVE_FROM, m_Server, PACKET_ROOM);
+    const Call read = Expect("recvfrom", m_Server, PACKET_ROOM);
     // Senders are forgotten after ten seconds, and when the clock was set back.
     while (!m_Senders.empty()) {
         const Micros age = (now - m_Senders.front().since) / MS;
@@ -409,7 +409,7 @@ void Model::Receive() {
     }
     const BusPacket packet(read.got);
     if (!packet.answer.empty()) {
-        Expect(Call::SEND_TO, m_Server, 0, packet.answer, read.from);
+        Expect("sendto", m_Server, 0, packet.answer, read.from);
     }
     if (packet.is_delivered && !IsRepeated(read.from, packet.tid)) {
         if (!IsShortOfMemory() && packet.is_message) {
@@ -425,7 +425,7 @@ bool Model::IsRepeated(const Endpoint& from, uint32_t tid) {
                                     [&from](const Sender& s) { return s.at == from; });
     if (found == m_Senders.end()) {
         if (m_Senders.size() == m_Room) {
-            if (!IsNext(Call::NO_MEMORY)) {
+            if (!IsNext("no memory")) {
                 m_Room += MORE;
             } else if (m_Senders.empty()) {
                 return false;
@@ -450,13 +450,13 @@ bool Model::IsRepeated(const Endpoint& from, uint32_t tid) {
 
 // When memory is short while a message is handled, what it would bring about may be lost.
 bool Model::IsShortOfMemory() {
-    if (!IsNext(Call::NO_MEMORY)) {
+    if (!IsNext("no memory")) {
         return false;
     }
     m_World.Count("lost: message without memory for it");
-    while (IsNext(Call::NO_MEMORY) || IsNext(Call::SEND) || IsNext(Call::SEND_TO)) {
+    while (IsNext("no memory") || IsNext("send") || IsNext("sendto")) {
         const Call& call = m_World.log[m_Next++];
-        m_Tid += call.kind == Call::SEND_TO ? 1 : 0;
+        m_Tid += call.kind == "sendto" ? 1 : 0;
     }
     return true;
 }
@@ -516,7 +516,7 @@ void Model::Reply(const BusPacket& packet) {
 void Model::Report(const std::string& payload) {
     for (int i = 0; i < 2; ++i) {
         m_Tid += m_Tid == 0xFFFFFFFF ? 2 : 1;
-        Expect(Call::SEND_TO, m_Client, 0,
+        Expect("sendto", m_Client, 0,
                std::string("\3\0\2\7", 4) + big_endian(m_Tid, 4) + std::string(8, '\0') + payload,
                {GROUP, ANSWER_PORT});
     }

@@ -43,9 +43,9 @@ private:
         Micros since;
     };
 
-    const Call& Expect(Call::Kind kind, int fd, long number = 0, const std::string& data = "",
-                       Endpoint peer = {});
-    bool IsNext(Call::Kind kind) const;
+    const Call& Expect(const std::string& kind, int fd, long number = 0,
+                       const std::string& data = "", Endpoint peer = {});
+    bool IsNext(const std::string& kind) const;
     void Close(int fd, bool with_shutdown = false);
     void Option(int fd, int level, int option, const std::string& data, Endpoint about);
 

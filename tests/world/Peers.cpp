@@ -3,9 +3,23 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <sstream>
 #include <utility>
 
 #include "fuzz/BusModel.h"
+
+namespace {
+
+std::vector<std::string> split(const std::string& texts) {
+    std::istringstream stream(texts);
+    std::vector<std::string> parts;
+    for (std::string part; std::getline(stream, part, '|');) {
+        parts.push_back(part);
+    }
+    return parts;
+}
+
+}  // namespace
 
 Server::Server(World& world, Endpoint at) : m_World(world), m_Random(world.random) {
     world.servers[at] = this;
@@ -91,32 +105,15 @@ void Server::WriteState(Line::Kind kind, int number, const std::string& state) {
 }
 
 void Server::WriteNonsense() {
-    const char* const LINES[] = {"",
-                                 "GPI",
-                                 "GPI 33 LLLLL",
-                                 "GPI 0 LLLLL",
-                                 "GPI 5",
-                                 "GPI 5,LLLLL",
-                                 "GPI -1 LLLLL",
-                                 "CFG GPI 3 SRCA=1:2",
-                                 "CFG GPO",
-                                 "CFG GPO 33 SRCA=1:2",
-                                 "CFG GPO 0 SRCA=1:2",
-                                 "CFG GPO 3 NAME=x",
-                                 "gpi 1 LLLLL",
-                                 "GPO 33 LLLLL",
-                                 "CFG GPO 3 XSRCA=1:2",
-                                 "CFG GPO 3 srca=1:2",
-                                 "SET",
-                                 "SET HOST=x",
-                                 "SET A=\"NIC_IPADDR=9.9.9.9\"",
-                                 "GPI 4294967297 L",
-                                 "XYZ",
-                                 "GPO x LLLLL",
-                                 "CFG GPO 3 A=\"SRCA=1:2\"",
-                                 "SETNIC_IPADDR=9.9.9.9"};
+    static const std::vector<std::string> LINES = split(
+        "|GPI|GPI 33 LLLLL|GPI 0 LLLLL|GPI 5|GPI 5,LLLLL|GPI -1 LLLLL|"
+        "CFG GPI 3 SRCA=1:2|CFG GPO|CFG GPO 33 SRCA=1:2|CFG GPO 0 SRCA=1:2|"
+        "CFG GPO 3 NAME=x|gpi 1 LLLLL|GPO 33 LLLLL|CFG GPO 3 XSRCA=1:2|"
+        "CFG GPO 3 srca=1:2|SET|SET HOST=x|SET A=\"NIC_IPADDR=9.9.9.9\"|"
+        "GPI 4294967297 L|XYZ|GPO x LLLLL|CFG GPO 3 A=\"SRCA=1:2\"|"
+        "SETNIC_IPADDR=9.9.9.9");
     Line line;
-    line.text = m_Random.Of(LINES);
+    line.text = LINES[m_Random.Below(static_cast<uint32_t>(LINES.size()))];
     if (m_Random.OneIn(200)) {
         line.text = std::string(1900 + m_Random.Below(200), 'a');  // up to the limit, or beyond
     } else if (m_Random.OneIn(400)) {

@@ -12,11 +12,6 @@ namespace {
 
 World* the_world = nullptr;
 
-const char* const CALL_NAMES[] = {
-    "daemon",   "fopen",  "socket",   "setsockopt", "ioctl(SIOCGIFADDR)",     "bind", "connect",
-    "shutdown", "close",  "send",     "sendto",     "select without waiting", "recv", "recvfrom",
-    "usleep",   "select", "no memory"};
-
 std::string readable(const std::string& bytes) {
     std::string text;
     for (const char c : bytes.substr(0, 160)) {
@@ -51,7 +46,7 @@ uint32_t Random::Below(uint32_t limit) {
 }
 
 std::string Call::Text() const {
-    std::string text = CALL_NAMES[kind];
+    std::string text = kind;
     text += " socket " + std::to_string(fd) + ", number " + std::to_string(number) + ", \"" +
             readable(data) + "\", peer " + quad(peer.ip) + ":" + std::to_string(peer.port);
     return text + " gave " + std::to_string(result) + " \"" + readable(got) + "\"";
@@ -137,8 +132,7 @@ Call& World::Log(Call call) {
     }
     call.clock = Clock();
     Trace(call.data + call.got);
-    Trace(std::to_string(call.kind) + " " + std::to_string(call.fd) + " " +
-          std::to_string(call.result));
+    Trace(call.kind + " " + std::to_string(call.fd) + " " + std::to_string(call.result));
     log.push_back(std::move(call));
     return log.back();
 }

@@ -95,26 +95,7 @@ struct Stream {
 
 // One system call of the daemon: what it asked for and what it got.
 struct Call {
-    enum Kind {
-        DAEMON,
-        FILE_OPENED,
-        SOCKET,
-        OPTION,
-        ADDRESS,
-        BIND,
-        CONNECT,
-        SHUTDOWN,
-        CLOSE,
-        SEND,
-        SEND_TO,
-        POLL,
-        RECEIVE,
-        RECEIVE_FROM,
-        SLEEP,
-        SELECT,
-        NO_MEMORY
-    };
-    Kind kind = SELECT;
+    std::string kind{};  // its name; "poll" for a select that does not wait
     int fd = -1;
     long number = 0;     // a time in microseconds, room, an option, a type
     std::string data{};  // what was sent, the sockets watched, a name

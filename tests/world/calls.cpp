@@ -46,7 +46,7 @@ int fail(int error) {
 }
 
 // What a call of the daemon's that only asks gives, -1 with the error of errno.
-int log_call(Call::Kind kind, int fd, long number, int result, const std::string& data = "",
+int log_call(const std::string& kind, int fd, long number, int result, const std::string& data = "",
              Endpoint peer = {}) {
     const int err = errno;
     if (world().running == nullptr) {
@@ -128,13 +128,13 @@ extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
 
 extern "C" int usleep(useconds_t time) {
     world().Wait(world().Now() + static_cast<Micros>(time), [] { return false; });
-    return log_call(Call::SLEEP, -1, static_cast<long>(time), 0);
+    return log_call("usleep", -1, static_cast<long>(time), 0);
 }
 
 // ---- start-up
 
 extern "C" int daemon(int /*stay*/, int /*keep_open*/) noexcept {
-    return log_call(Call::DAEMON, -1, 0, world().Fails("daemon", 100, {ENOMEM, EAGAIN}) ? -1 : 0);
+    return log_call("daemon", -1, 0, world().Fails("daemon", 100, {ENOMEM, EAGAIN}) ? -1 : 0);
 }
 
 extern "C" FILE* fopen(const char* path, const char* mode) {
@@ -143,7 +143,7 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
         return fdopen(open(path, flags, 0666), mode);
     }
     const bool fails = world().Fails("fopen", 20, {EACCES, ENOSPC, EMFILE});
-    log_call(Call::FILE_OPENED, -1, 0, fails ? -1 : 0, path + std::string(" ") + mode);
+    log_call("fopen", -1, 0, fails ? -1 : 0, path + std::string(" ") + mode);
     return fails ? nullptr : fmemopen(nullptr, 8192, "w");
 }
 
@@ -156,7 +156,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     const bool fails = request != SIOCGIFADDR || address == 0;
     store({address, 0}, &interface->ifr_addr);
     errno = EADDRNOTAVAIL;
-    log_call(Call::ADDRESS, fd, 0, fails ? -1 : 0, interface->ifr_name);
+    log_call("ioctl", fd, 0, fails ? -1 : 0, interface->ifr_name);
     world().log.back().from.ip = address;
     return fails ? -1 : 0;
 }
@@ -165,14 +165,14 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 
 extern "C" int socket(int /*domain*/, int type, int /*protocol*/) noexcept {
     const bool fails = world().Fails("socket", 2000, {EMFILE, ENFILE, ENOMEM, ENOBUFS});
-    return log_call(Call::SOCKET, -1, type, fails ? -1 : world().Open(type == SOCK_STREAM));
+    return log_call("socket", -1, type, fails ? -1 : world().Open(type == SOCK_STREAM));
 }
 
 extern "C" int bind(int fd, const sockaddr* address, socklen_t /*size*/) noexcept {
     const Endpoint at = endpoint(address);
     const bool fails = world().Fails("bind", 50, {EADDRINUSE, EADDRNOTAVAIL});
     socket_of(fd).port = fails ? 0 : at.port;
-    return log_call(Call::BIND, fd, 0, fails ? -1 : 0, "", at);
+    return log_call("bind", fd, 0, fails ? -1 : 0, "", at);
 }
 
 extern "C" int setsockopt(int fd, int level, int option, const void* value,
@@ -198,7 +198,7 @@ extern "C" int setsockopt(int fd, int level, int option, const void* value,
         error = w.Fails("setsockopt", 500, {ENOMEM, ENOPROTOOPT}) ? errno : 0;
     }
     errno = error;
-    return log_call(Call::OPTION, fd, level << 16 | option, error == 0 ? 0 : -1, data, about);
+    return log_call("setsockopt", fd, level << 16 | option, error == 0 ? 0 : -1, data, about);
 }
 
 extern "C" int getsockopt(int /*fd*/, int /*level*/, int /*option*/, void* value,
@@ -222,14 +222,14 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t /*size*/) {
         socket_of(fd).stream = stream;
         server->second->Accept(stream);
     }
-    log_call(Call::CONNECT, fd, 0, error == 0 ? 0 : -1, "", to);
+    log_call("connect", fd, 0, error == 0 ? 0 : -1, "", to);
     w.log.back().stream = stream;
     errno = error;
     return error == 0 ? 0 : -1;
 }
 
 extern "C" int shutdown(int fd, int /*how*/) noexcept {
-    return log_call(Call::SHUTDOWN, fd, 0, 0);
+    return log_call("shutdown", fd, 0, 0);
 }
 
 extern "C" int close(int fd) {
@@ -243,7 +243,7 @@ extern "C" int close(int fd) {
     }
     w.is_member = w.is_member && found->second.port != REQUEST_PORT;
     w.sockets.erase(found);
-    return log_call(Call::CLOSE, fd, 0, 0);
+    return log_call("close", fd, 0, 0);
 }
 
 // ---- reading and writing
@@ -273,14 +273,14 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int /*flags*/) {
             }
         });
     }
-    return log_call(Call::SEND, fd, 0, result, bytes);
+    return log_call("send", fd, 0, result, bytes);
 }
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t room, int /*flags*/) {
     World& w = world();
     Stream& stream = *socket_of(fd).stream;
     Call call;
-    call.kind = Call::RECEIVE;
+    call.kind = "recv";
     call.fd = fd;
     call.number = static_cast<long>(room);
     size_t size = std::min(room, stream.arrived.size());
@@ -326,7 +326,7 @@ extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
     } else if (to.ip != GROUP || w.is_calm) {
         w.Send({w.device_ip, socket.port}, to, bytes);
     }
-    return log_call(Call::SEND_TO, fd, 0, result, bytes, to);
+    return log_call("sendto", fd, 0, result, bytes, to);
 }
 
 extern "C" ssize_t recvfrom(int fd, void* buffer, size_t room, int /*flags*/, sockaddr* from,
@@ -334,7 +334,7 @@ extern "C" ssize_t recvfrom(int fd, void* buffer, size_t room, int /*flags*/, so
     World& w = world();
     std::deque<Datagram>& waiting = socket_of(fd).datagrams;
     Call call;
-    call.kind = Call::RECEIVE_FROM;
+    call.kind = "recvfrom";
     call.fd = fd;
     call.number = static_cast<long>(room);
     if (w.Fails("recvfrom", 20000, {EINTR, ENOMEM, ECONNREFUSED})) {
@@ -370,8 +370,8 @@ extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set*
         const int ready = w.running->Wait(call.data[0], call.number) ? 1 : 0;
         return ready;
     }
-    call.kind = call.number == 0 ? Call::POLL : Call::SELECT;
-    const bool is_wait = call.kind == Call::SELECT;
+    call.kind = call.number == 0 ? "poll" : "select";
+    const bool is_wait = call.kind == "select";
     if (is_wait) {
         w.Log(call);
         w.waits();

@@ -17,7 +17,7 @@ bool is_short() {
     ++world.faults;
     world.Count("fault: new: Cannot allocate memory");
     Call call;
-    call.kind = Call::NO_MEMORY;
+    call.kind = "no memory";
     world.Log(call);
     return true;
 }
