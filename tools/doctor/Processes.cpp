@@ -59,20 +59,20 @@ unsigned long long StartTime(const std::string& stat) {
 
 }  // namespace
 
-std::string RunningProgram::Option(const std::string& name) const {
+std::string RunningProgram::Option(const std::string& option) const {
     std::string value;
     for (size_t i = 1; i + 1 < arguments.size(); ++i) {
-        if (arguments[i] == name) {
+        if (arguments[i] == option) {
             value = arguments[i + 1];
         }
     }
     return value;
 }
 
-std::string RunningProgram::Variable(const std::string& name) const {
+std::string RunningProgram::Variable(const std::string& variable) const {
     for (const std::string& entry : environment) {
-        if (entry.compare(0, name.size() + 1, name + "=") == 0) {
-            return entry.substr(name.size() + 1);
+        if (entry.compare(0, variable.size() + 1, variable + "=") == 0) {
+            return entry.substr(variable.size() + 1);
         }
     }
     return {};

@@ -17,10 +17,10 @@ struct RunningProgram {
     std::set<unsigned long> sockets;       // their inodes
 
     // The value behind the last such option; empty when there is none.
-    std::string Option(const std::string& name) const;
+    std::string Option(const std::string& option) const;
 
     // Empty when it is not set.
-    std::string Variable(const std::string& name) const;
+    std::string Variable(const std::string& variable) const;
 };
 
 // Those of this network namespace, and those of which that can't be told.
