@@ -23,7 +23,6 @@ void PinWatch::Ask(const std::vector<PinRef>& pins, double every) {
         }
     }
     m_question.emplace(m_link, pins);
-    m_question->AskWhenDue();
     m_every = every;
     m_ask_again = every > 0 ? After(every) : TimePoint::max();
 }
