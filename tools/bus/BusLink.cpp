@@ -41,11 +41,12 @@ std::string SecondsText(double seconds) {
     throw BusError("not sent: " + ErrorText(err));
 }
 
-int SetMembership(int sock, int option, uint32_t group, unsigned int index) {
+// By the interface's number: its address may be gone, or on another one.
+void LeaveGroup(int sock, uint32_t group, unsigned int index) {
     ip_mreqn request = {};
     request.imr_multiaddr.s_addr = htonl(group);
     request.imr_ifindex = static_cast<int>(index);
-    return setsockopt(sock, IPPROTO_IP, option, &request, sizeof request);
+    setsockopt(sock, IPPROTO_IP, IP_DROP_MEMBERSHIP, &request, sizeof request);
 }
 
 // Whether two looks found the same interface, as far as the sockets have to do with it.
@@ -106,9 +107,9 @@ void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* h
     Trace("listening to " + HostText(m_settings.group) + " port " + std::to_string(port));
 }
 
-void BusLink::Join(const CRUdpLayer3Server& server) {
-    if (SetMembership(server.GetSocket(), IP_ADD_MEMBERSHIP, m_settings.group, m_interface.index) !=
-        0) {
+void BusLink::Join(CRUdpLayer3Server& server) {
+    if (!server.JoinMcastGroup(htonl(m_settings.group), m_interface.address) &&
+        errno != EADDRINUSE) {  // joined already
         const std::string hint = m_settings.iface.empty() ? " (name an interface with -i)" : "";
         throw BusError("can't join " + HostText(m_settings.group) + ": " + ErrorText(errno) + hint);
     }
@@ -194,8 +195,7 @@ bool BusLink::Rejoin(const Interface& found) {
         for (CRUdpLayer3Server* server :
              {&m_reports, static_cast<CRUdpLayer3Server*>(&m_requests)}) {
             if (server->GetSocket() != -1) {
-                SetMembership(server->GetSocket(), IP_DROP_MEMBERSHIP, m_settings.group,
-                              before.index);
+                LeaveGroup(server->GetSocket(), m_settings.group, before.index);
                 Join(*server);
             }
         }

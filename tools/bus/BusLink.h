@@ -102,7 +102,7 @@ private:
 
     void OpenClient();
     void OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host);
-    void Join(const CRUdpLayer3Server& server);
+    void Join(CRUdpLayer3Server& server);
     bool Rejoin(const Interface& found);
     bool TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic);
     std::string DownText(const Interface& found) const;
