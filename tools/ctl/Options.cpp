@@ -14,15 +14,14 @@
 namespace {
 
 const char* const DESCRIPTION =
-    "Reads, sets and watches pins on the multicast bus, and records and sends its messages.\n";
+    "Lists, reads, sets and watches pins on the multicast bus, and finds what is wrong.\n";
 
 const char* const NAMES =
     "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal (0x10) or octal\n"
-    "(010), or a name of the file of names. PIN is in1 to in5, out1 to out5, or a circuit: c0 to "
-    "c255. Behind an address of two\n"
+    "(010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to c255. After an address of two\n"
     "numbers the circuit needs no c: 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are one pin, but "
     "258:8\n"
-    "is an address.\n";
+    "is an address. A name from the file of names stands for its address or pin.\n";
 
 std::string Footer() {
     std::string text = std::string(NAMES) + "\nExit status:\n";

@@ -33,7 +33,7 @@ public:
     int Run();
 
 private:
-    void Sweep();
+    void Sweep(int number);
     void ListenUntil(TimePoint end);
     void Take(const Traffic& traffic);
     void ShowProgress(double done);
@@ -55,7 +55,7 @@ private:
 
 int List::Run() {
     for (int i = 0; i < SWEEPS && !m_stopped; ++i) {
-        Sweep();
+        Sweep(i);
     }
     ListenUntil(After(m_options.bus.wait));
     if (m_bar) {
@@ -74,7 +74,7 @@ int List::Run() {
 }
 
 // Asks for the whole range, and listens between the messages.
-void List::Sweep() {
+void List::Sweep(int number) {
     const AddressRange& range = m_options.range;
     for (uint32_t begin = range.first; begin <= range.last && !m_stopped;
          begin += ADDRESSES_AT_ONCE) {
@@ -87,7 +87,9 @@ void List::Sweep() {
         }
         m_link.Send(message, m_options.bus.send_port, false);
         ListenUntil(After(PAUSE));
-        ShowProgress(static_cast<double>(end - range.first) / (range.last - range.first + 1));
+        const double part =
+            static_cast<double>(end - range.first + 1) / (range.last - range.first + 1);
+        ShowProgress((number + part) / SWEEPS);
     }
 }
 

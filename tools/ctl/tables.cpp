@@ -20,7 +20,9 @@ const char* const WATCH_DETAILS =
     "for are noted. With --changes, a line for each pin that changes: reports and answers of\n"
     "devices, and writes with their sender, which are not confirmed until a device answers.\n"
     "Without it, all messages; of two that are alike from one host within 250 ms, which devices\n"
-    "send, only the first, unless --all asks for both.";
+    "send, only the first, unless --all asks for both.\n"
+    "FORMAT has %p pin, %n its name, %x its text, %g its group, %l level, %o level before, %d\n"
+    "duration, %k kind, %s state, %h host, %U seconds since 1970, %t time of day.";
 
 const char* const RECORD_DETAILS =
     "The lines are those of watch --json; send plays them back. A file that is there already is\n"
@@ -155,17 +157,14 @@ const std::vector<OptionSpec> OPTIONS = {
      Switch<&Options::edge>},
     {"-C,--changes", nullptr, Completion::None, "watch", "Print pins that change, and writes",
      Switch<&Options::changes>},
-    {"-F,--format", "FORMAT", Completion::None, "watch",
-     "Print changes in this form: %p pin, %n name, %x text, %g group, %l level, %o level before, "
-     "%d duration, %k kind, %s state, %h host, %U seconds, %t time",
+    {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this form, see below",
      SetFormat},
     {"--heartbeat", "SECONDS", Completion::None, "watch",
      "Print a line that often, to show that we listen", SetHeartbeat},
     {"-a,--all", nullptr, Completion::None, "watch record", "Show repeats too",
      Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
-     "End after N messages, with pins after N of their changes; the present state is none",
-     SetCount},
+     "End after N messages; with pins, after N of their changes", SetCount},
     {"-f,--for", "SECONDS", Completion::None, "wait watch record channels top",
      "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
