@@ -77,7 +77,7 @@ TEST_F(Verbs, WatchesChanges) {
     const auto one = Start(studio, {"watch", "-c", "1", "door"});
     const auto form = StartListener(
         studio, {"watch", "-F", "%n %x %o%l %d %k %s %%", "--count", "3", "studio1.onair", "door"});
-    ASSERT_TRUE(AwaitText(*form, "HH 0 reply") || AwaitText(*form, "?H 0 reply told"));
+    ASSERT_TRUE(AwaitText(*form, "?H 0 reply told"));
     ASSERT_TRUE(AwaitText(*one, "1:2:in1       H    door\n"));
     tqrd.server.Apply("GPI 1 HHHHH");
     ASSERT_TRUE(AwaitText(*all, R"("pin":"1:2:in2","name":"studio1:in2","kind":"report")"));
@@ -198,7 +198,9 @@ TEST_F(Verbs, RunsTheExamplesOfItsManual) {
             }
             line = prompt + "set -e; " + script;
         }
-        if (line.rfind(prompt, 0) != 0 || line.find(" top") != std::string::npos) {
+        // Not without a terminal, and not where the daemon goes by its emulator's name.
+        if (line.rfind(prompt, 0) != 0 || line.find(" top") != std::string::npos ||
+            (ORVEX_EMULATOR[0] != '\0' && line.find(" doctor") != std::string::npos)) {
             continue;
         }
         const std::string program = ORVEX_EMULATOR + std::string(" ") + ORVEXCTL_PROGRAM;
