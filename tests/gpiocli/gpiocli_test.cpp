@@ -33,65 +33,6 @@ protected:
     unsigned long mask = 0;
 };
 
-TEST_F(GpioClient, EntriesOfOneServerShareAConnectionAndItsLines) {
-    ASSERT_EQ(Open(2, server, 0), 0);
-    ASSERT_TRUE(server.Accept());
-    ASSERT_EQ(Open(5, server, 255), 0);
-    ASSERT_EQ(Open(31, server, 255), 0);
-    EXPECT_EQ(server.Receive(34), "ADD GPI 1\nADD GPI 256\nADD GPI 256\n");
-    EXPECT_FALSE(server.HasConnection());
-    EXPECT_EQ(client.get_fd(2), client.get_fd(5));
-    EXPECT_NE(client.get_fd(2), -1);
-
-    server.Send(
-        "GPI 1 HHHHL\nGPI 9 LLLLL\nGPO 1 LLLLL\nGPI 2\nGPI 256,L\nGPI 0 L\nGPI x L\nGPI -1 L\n"
-        "GPI 257 L\nGPI 0x100 LHHHH extra\nGPI 1 \n");
-    EXPECT_EQ(Next(2), "HHHHL");
-    EXPECT_EQ(mask, 1UL << 2);
-    EXPECT_EQ(Next(2), "LHHHH extra");
-    EXPECT_EQ(mask, 1UL << 5 | 1UL << 31);
-    EXPECT_EQ(Next(5), "");
-    EXPECT_EQ(mask, 1UL << 2);
-    EXPECT_EQ(Next(2), "(none)");
-
-    client.close(31);
-    client.close(2);
-    EXPECT_EQ(client.get_fd(2), -1);
-    server.Send("GPI 1 L\nGPI 256 L\n");
-    EXPECT_EQ(Next(5), "L");
-    EXPECT_EQ(mask, 1UL << 5);
-    LoopbackServer other;
-    ASSERT_EQ(Open(5, other, 0), 0);
-    EXPECT_TRUE(server.SeesEnd()) << "the last entry has moved to another";
-    ASSERT_TRUE(other.Accept());
-    client.close(5);
-    EXPECT_TRUE(other.Receive(11) == "ADD GPI 1\n" && other.SeesEnd());
-    client.close(5);
-}
-
-TEST_F(GpioClient, ReconnectsOnceAndSubscribesEveryEntryAgain) {
-    ASSERT_EQ(Open(0, server, 0), 0);
-    ASSERT_EQ(Open(5, server, 1), 0);
-    ASSERT_TRUE(server.Accept());
-    EXPECT_EQ(client.reconnect(0), -1) << "it is connected";
-    server.Receive(20);
-    server.Send("GPI 1 LHHHH\nGPI 2 LH");
-    server.Drop();
-    EXPECT_EQ(Next(5), "LHHHH");
-    EXPECT_EQ(Next(5), "(none)");
-    EXPECT_EQ(client.get_fd(0), -1);
-
-    ASSERT_EQ(Open(7, server, 2), 0) << "joins the connection although it is down";
-    EXPECT_FALSE(server.HasConnection());
-    const int fd = client.reconnect(5);
-    EXPECT_NE(fd, -1);
-    EXPECT_EQ(client.get_fd(0), fd);
-    EXPECT_EQ(client.reconnect(0), -1);
-    ASSERT_TRUE(server.Accept());
-    EXPECT_EQ(server.Receive(30), "ADD GPI 1\nADD GPI 2\nADD GPI 3\n");
-    EXPECT_TRUE(server.IsQuiet());
-}
-
 TEST_F(GpioClient, KeepsAnEntryThatCantBeConnected) {
     const unsigned short port = LoopbackServer().Port();
     testing::internal::CaptureStderr();
