@@ -49,13 +49,13 @@ protected:
         return listener;
     }
 
-    // Waits for the end; the exit status.
+    // Waits for the end; the exit status. Asking for all addresses takes a busy machine a while.
     int Finish(Process& process) {
-        EXPECT_TRUE(Await([&] {
+        const auto has_ended = [&] {
             process.Pump();
             return !process.IsRunning();
-        })) << process.Out()
-            << process.Err();
+        };
+        EXPECT_TRUE(Await(has_ended, 50000)) << process.Out() << process.Err();
         return process.Status();
     }
 
