@@ -1,6 +1,6 @@
 """Checks that the manuals are well-formed, and that they tell every option and message there is.
 
-Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [ORVEX_BOARD]
+Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [ORVEX_BOARD] [ORVEX_MQTT]
 """
 
 import pathlib
@@ -11,7 +11,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 MANUALS = sorted((ROOT / "docs/man").iterdir())
-DAEMON, CTL, SIM, *BOARD = sys.argv[1:]
+DAEMON, CTL, SIM, *OTHERS = sys.argv[1:]
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*appname)?")
@@ -72,8 +72,9 @@ class ManualsTest(unittest.TestCase):
         self.assertEqual(missing, [])
 
     def test_tool_messages(self):
-        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",), "orvex-board": ("tools/board",)}.items():
-            manual = text_of(next((ROOT / "docs/man").glob(f"{name}.[18]")))
+        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",), "orvex-board": ("tools/board",),
+                              "orvex-mqtt": ("tools/mqtt",)}.items():
+            manual = " ".join(map(text_of, (ROOT / "docs/man").glob(f"{name}.*")))
             parts = {" ".join(joined(f'"{literal}"').split())
                      for text in sources(*folders) for start in TOLD.finditer(text)
                      for literal in re.findall(LITERAL, text[start.start():].split(";\n", 1)[0])}
@@ -84,8 +85,8 @@ class ManualsTest(unittest.TestCase):
     def test_options(self):
         helps = {"orvex.8": (DAEMON, "-help"), "orvexctl.1": (CTL, "--completion", "bash"),
                  "orvex-sim.1": (SIM, "--completion", "bash")}
-        if BOARD:
-            helps["orvex-board.8"] = (*BOARD, "--completion", "bash")
+        for program in OTHERS:
+            helps[f"{pathlib.Path(program).name}.8"] = (program, "--completion", "bash")
         for name, command in helps.items():
             shown = subprocess.run(command, check=True, capture_output=True, encoding="utf-8").stdout
             words = shown.split("values=(")[0]

@@ -1,0 +1,313 @@
+"""Joins two sites by a real broker, and takes away what they need; in the world of world.sh.
+
+Usage: world.sh BUILD test_mqtt.py BUILD [TEST]...
+BROKER_RESTARTS and HOSTILE say how often (10) and how much (20000).
+"""
+
+import json
+import os
+import pathlib
+import random
+import re
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+BUILD = sys.argv.pop(1)
+RUN = pathlib.Path("/run")
+PLAIN = "listener 1883\nallow_anonymous true\n"
+LINK = "link studio:1:2:in1 -> tower:7:4:out1 on-loss H 2"
+
+
+def start(host, *command, log=None):
+    with open(RUN / (log or "output"), "wb") as output:
+        return subprocess.Popen(["ip", "netns", "exec", host, *command], stdout=output,
+                                stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+
+
+def run(host, *command, data=None):
+    return subprocess.run(["ip", "netns", "exec", host, *command], check=False, input=data,
+                          capture_output=True, timeout=60).stdout.decode()
+
+
+def kill(process, number=signal.SIGKILL):
+    if process.poll() is None:
+        process.send_signal(number)
+    return process.wait(20)
+
+
+def contact(level, site="studio", pin=1):
+    pins = "HHHHH"
+    with open(RUN / f"{site}.in", "w", encoding="ascii") as control:
+        control.write(f"GPI 1 {pins[:pin - 1]}{level}{pins[pin:]}\n")
+
+
+def level_of(pin="7:4:out1", site="tower"):
+    shown = run(site, f"{BUILD}/tools/ctl/orvexctl", "get", "-i", "eth0", pin).split()
+    return shown[1] if len(shown) > 1 else ""
+
+
+def retained(topic):
+    return run("hub", "mosquitto_sub", "-t", topic, "-C", "1", "-W", "1").strip()
+
+
+def ask(topic, payload, *options):
+    text = run("hub", "mosquitto_rr", "-V", "5", "-t", f"orvex/{topic}", "-e", "reply/test", "-m",
+               payload, "-W", "6", *options)
+    return json.loads(text) if text else {}
+
+
+class MqttTest(unittest.TestCase):
+    def setUp(self):
+        self.processes = {}
+        contact("H")
+        self.addCleanup(self.end)
+
+    def end(self):
+        for process in self.processes.values():
+            kill(process)
+
+    def broker(self, config=PLAIN):
+        (RUN / "broker.conf").write_text(config, "ascii")
+        self.processes["broker"] = start("hub", "mosquitto", "-c", "/run/broker.conf", log="broker.log")
+        time.sleep(0.3)
+
+    def bridge(self, site, *lines, replace=(), key=None):
+        config = (RUN / f"{site}.conf").read_text("ascii")
+        for old, new in replace:
+            self.assertIn(old, config)
+            config = config.replace(old, new)
+        path = RUN / f"{key or site}.mqtt.conf"
+        path.write_text(config + "".join(line + "\n" for line in lines), "ascii")
+        self.processes[key or site] = start(site, f"{BUILD}/tools/mqtt/orvex-mqtt", str(path),
+                                            log=f"{key or site}.mqtt")
+
+    def until(self, condition, seconds, what):
+        end = time.monotonic() + seconds
+        while not condition():
+            self.assertLess(time.monotonic(), end, f"{what}; the bridges said: " + " | ".join(
+                path.read_text("utf-8", "replace")[-600:] for path in RUN.glob("*.mqtt")))
+            time.sleep(0.05)
+
+    def says(self, text, seconds=8, key="studio"):
+        self.until(lambda: text in (RUN / f"{key}.mqtt").read_text("utf-8", "replace"), seconds, text)
+
+    def lamp(self, level, seconds=3.0, pin="7:4:out1", site="tower"):
+        self.until(lambda: level_of(pin, site) == level, seconds, f"{pin} is not {level}")
+
+    def both(self, *lines):
+        self.broker()
+        self.bridge("studio")
+        self.bridge("tower", *lines)
+        for site in "studio", "tower":
+            self.says("is online", key=site)
+
+    def lit(self, *lines):
+        self.both(*lines)
+        contact("L")
+        self.lamp("L", 5)
+
+    def test_contact_lights_lamp(self):
+        self.both("link studio:1:2:in2 -> tower:7:4:out2 invert on-loss L",
+                  "link studio:1:2:in3 -> tower:7:4:out3 pulse 500")
+        self.lamp("L", pin="7:4:out2")
+        for level in "LHLH":
+            contact(level)
+            self.lamp(level, 1)
+        contact("L", pin=2)
+        self.lamp("H", 1, "7:4:out2")
+        contact("L", pin=3)
+        self.lamp("L", 0.45, "7:4:out3")
+        self.lamp("H", 2, "7:4:out3")
+        state = json.loads(retained("orvex/studio/pin/1/2/in3"))
+        self.assertEqual((state["level"], state["state"], state["host"]), ("L", "told", "10.77.2.1"))
+        self.assertEqual(retained("orvex/studio/pin/1/2/in3/level"), "L")
+
+    def test_sets(self):
+        (RUN / "names").write_text("1:2:out2 red\n", "ascii")
+        self.broker()
+        self.bridge("studio", replace=[("/dev/null", "/run/names")])
+        self.says("is online")
+        for pin, payload, result in [
+                ("1/2/out2", "L", "done"), ("red", '{"level":"H"}', "done"), ("red", "L,300", "done"),
+                ("9/9/out1", "L", "sent"), ("1/2/in1", "L", "refused"), ("1/2/out2", "M", "refused"),
+                ("1/2/out2", '{"level":1}', "refused"), ("1/2", "L", "refused"),
+                ("1/2/out2", "L,-1", "refused")]:
+            self.assertEqual(ask(f"studio/set/{pin}", payload).get("result"), result, (pin, payload))
+        self.lamp("H", 2, "1:2:out2", "studio")
+        # A retained one: refused when it is there as a bridge comes.
+        kill(self.processes["studio"])
+        run("hub", "mosquitto_pub", "-t", "orvex/studio/set/red", "-r", "-m", "L")
+        self.bridge("studio", replace=[("/dev/null", "/run/names")])
+        self.says("it is retained")
+        self.says("is online")
+        self.assertEqual(level_of("1:2:out2", "studio"), "H")
+
+    def test_no_set_comes_late(self):
+        self.both()
+        tower = self.processes["tower"]
+        tower.send_signal(signal.SIGSTOP)
+        for options in [], ["-D", "publish", "message-expiry-interval", "60"]:
+            run("hub", "mosquitto_pub", "-V", "5", "-t", f"orvex/tower/set/7/4/out{3 + len(options) // 4}",
+                "-q", "1", "-m", "L", *options)
+        time.sleep(4)
+        tower.send_signal(signal.SIGCONT)
+        self.says("may have come late", key="tower")
+        self.assertEqual(level_of("7:4:out3"), "H")
+        self.lamp("L", pin="7:4:out4")  # it may take a minute
+
+    def test_broker_dies_in_traffic(self):
+        self.both()
+        for _ in range(int(os.environ.get("BROKER_RESTARTS", "10"))):
+            kill(self.processes["broker"])
+            level = random.choice("LH")
+            run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out1", "-m", level)
+            contact(level)
+            time.sleep(random.uniform(0.1, 1))
+            self.broker()
+            self.lamp(level, 2.5)  # a second, and what the command and a loaded machine take
+            self.until(lambda: retained("orvex/studio/pin/1/2/in1/level") == level, 2.5, level)
+
+    def test_losses_put_the_lamp_out(self):
+        self.lit()
+        for what, lose, restore in [
+                ("source bridge", lambda: kill(self.processes["studio"]), lambda: self.bridge("studio")),
+                ("source cable", lambda: run("hub", "ip", "link", "set", "studio", "down"),
+                 lambda: run("hub", "ip", "link", "set", "studio", "up")),
+                ("own cable", lambda: run("hub", "ip", "link", "set", "tower", "down"),
+                 lambda: run("hub", "ip", "link", "set", "tower", "up")),
+                ("source bus", lambda: run("studio", "ip", "link", "set", "bus", "down"),
+                 lambda: run("studio", "ip", "link", "set", "bus", "up")),
+                ("broker", lambda: kill(self.processes["broker"]), self.broker)]:
+            with self.subTest(what):
+                lose()
+                self.lamp("H", 6)
+                restore()
+                self.lamp("L", 25)
+
+    def test_end_and_keep(self):
+        self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss keep")
+        self.lamp("L", pin="7:4:out2")
+        self.assertEqual(kill(self.processes["tower"], signal.SIGTERM), 0)
+        self.lamp("H", 1)
+        self.assertEqual(level_of("7:4:out2"), "L")
+        self.assertEqual(retained("orvex/tower/status"), "offline")
+
+    def test_device_silent(self):
+        self.lit()
+        daemons = [int(pid) for pid in run("studio", "pgrep", "-f", "app/orvex -debug").split()
+                   if os.readlink(f"/proc/{pid}/ns/net") == os.readlink(
+                       f"/proc/{self.processes['studio'].pid}/ns/net")]
+        self.assertEqual(len(daemons), 1)
+        os.kill(daemons[0], signal.SIGSTOP)
+        self.lamp("H", 16)  # three rounds of two seconds, and the time of the link
+        self.assertEqual(json.loads(retained("orvex/studio/pin/1/2/in1"))["level"], None)
+        os.kill(daemons[0], signal.SIGCONT)
+        self.lamp("L", 10)
+
+    def test_loop_over_files(self):
+        self.broker()
+        link = (LINK, "link studio:1:2:out1 -> tower:7:4:out1")
+        self.bridge("tower", replace=[link])
+        self.bridge("studio", replace=[(LINK, "link tower:7:4:out1 -> studio:1:2:out1 invert")])
+        self.says("is online", key="tower")
+        # By the one that hears of it first.
+        self.until(lambda: any("a loop over several files is broken" in path.read_text("utf-8")
+                               for path in RUN.glob("*.mqtt")), 8, "a broken loop")
+
+        def writes():
+            return sum(len(re.findall("GPO 1", (RUN / f"{site}.log").read_text("utf-8")))
+                       for site in ("studio", "tower"))
+        before = writes()
+        time.sleep(3)
+        self.assertLess(writes() - before, 10)
+
+    def test_two_bridges(self):
+        self.both()
+        self.bridge("studio", key="second")
+        self.says("is online", key="second")
+        self.assertEqual(self.processes["studio"].wait(5), 3)
+
+    def test_access_list(self):
+        (RUN / "acl").write_text("topic read #\ntopic write orvex/tower/#\n", "ascii")
+        self.broker(PLAIN + "acl_file /run/acl\n")
+        self.bridge("studio")
+        self.says("the broker refuses what is published: Not authorized")
+        self.says("no sign of life comes back", 15)
+        self.assertNotIn("is online", (RUN / "studio.mqtt").read_text("utf-8"))
+
+    def test_hostile(self):
+        self.both()
+        source = random.Random(14)
+        count = int(os.environ.get("HOSTILE", "20000"))
+        for topic in ("studio/set/1/2/out2", "studio/set/" + "x/" * 90, "studio/set/", "studio/alive",
+                      "tower/status", "studio/pin/1/2/in1", "studio/set/1/2/out99999999999999999"):
+            lines = b"".join(source.choice([b'{"level":', b"L,", b"[" * 90, b"", b'{"level":"L","via":['])
+                             + source.randbytes(source.randrange(120)).replace(b"\n", b"") + b"\n"
+                             for _ in range(count // 7))
+            run("hub", "mosquitto_pub", "-V", "5", "-t", f"orvex/{topic}", "-l", data=lines)
+        self.until(lambda: ask("studio/set/1/2/out2", "H").get("result") == "done", 20, "no answer")
+        self.assertIsNone(self.processes["studio"].poll())
+        self.assertIsNone(self.processes["tower"].poll())
+
+    def test_tls(self):
+        def openssl(*arguments):
+            subprocess.run(["openssl", *arguments], check=True, capture_output=True, cwd=RUN)
+        for ca in "ca", "foreign":
+            openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", f"{ca}.key", "-out",
+                    f"{ca}.crt", "-subj", f"/CN={ca}", "-days", "2")
+        for name, ip, ca, days in [("good", "10.78.0.1", "ca", "2"), ("wrong", "10.78.0.9", "ca", "2"),
+                                   ("expired", "10.78.0.1", "ca", "0"),
+                                   ("stranger", "10.78.0.1", "foreign", "2")]:
+            openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", f"{name}.key", "-out",
+                    f"{name}.csr", "-subj", "/CN=broker")
+            (RUN / "ext").write_text(f"subjectAltName=IP:{ip}\n", "ascii")
+            openssl("x509", "-req", "-in", f"{name}.csr", "-CA", f"{ca}.crt", "-CAkey", f"{ca}.key",
+                    "-CAcreateserial", "-out", f"{name}.crt", "-days", days, "-extfile", "ext")
+        time.sleep(1)
+        (RUN / "secret").write_text("pass word\n", "ascii")
+        subprocess.run(["mosquitto_passwd", "-b", "-c", "users", "joe", "pass word"], check=True, cwd=RUN)
+        for name in "good", "wrong", "expired", "stranger":
+            with self.subTest(name):
+                self.broker(f"listener 8883\nuser root\npassword_file /run/users\ncertfile /run/{name}.crt\n"
+                            f"keyfile /run/{name}.key\n")
+                self.bridge("studio", "tls yes", "ca ca.crt", "user joe", "password-file secret")
+                self.says("is online" if name == "good" else "certificate")
+                if name != "good":
+                    self.assertNotIn("connected", (RUN / "studio.mqtt").read_text("utf-8"))
+                self.end()
+
+    def test_configuration(self):
+        base = "site studio\nbroker 127.0.0.1\nnames /dev/null\n"
+        link = "link studio:1:2:in1 -> tower:1:2:out1"
+        for line, text, reason in [
+                (1, "", "no site"), (4, base + "nonsense 1", "unknown setting"),
+                (4, base + "site tower", "given twice"), (4, base + "ask never", "not a number"),
+                (4, base + "link studio:1:2:in1 tower:1:2:out1", "not link"),
+                (4, base + link + " pulse 9", "not a number"),
+                (4, base + link + " on-loss H 1", "not a number"),
+                (4, base + link + " on-loss", "needs a value"),
+                (4, base + "link tower:1:2:in1 -> studio:1:2:in2", "is an input"),
+                (4, base + "link tower:1:2:in1 -> studio:lamp", "lamp"),
+                (5, base + link + "\n" + link.replace("in1", "in2"), "line 4 already"),
+                (6, base + "link a:1:2:out1 -> b:1:2:out1\nlink b:1:2:out1 -> c:1:2:out1\n"
+                 "link c:1:2:out1 -> a:1:2:out1", "a loop: "),
+                (4, base + "link a:1:2:out1 -> a:0x102:out1", "a loop: "),
+                (4, base + "key /x", "needs a key"), (4, base + "ca /x", "need tls yes"),
+                (4, base + "site", "needs one value"), (4, base + "password-file /gone", "/gone")]:
+            path = RUN / "bad.conf"
+            path.write_text(text + "\n", "ascii")
+            done = subprocess.run([f"{BUILD}/tools/mqtt/orvex-mqtt", "--check", path], check=False,
+                                  capture_output=True, encoding="utf-8")
+            self.assertEqual(done.returncode, 1, text)
+            self.assertIn(f"bad.conf:{line}: ", done.stderr)
+            self.assertIn(reason, done.stderr)
+        done = subprocess.run([f"{BUILD}/tools/mqtt/orvex-mqtt", "--print-topics", RUN / "studio.conf"],
+                              check=True, capture_output=True, encoding="utf-8")
+        self.assertIn("orvex/studio/pin/1/2/in1\n", done.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()

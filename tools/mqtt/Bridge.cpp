@@ -1,0 +1,344 @@
+#include "tools/mqtt/Bridge.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/PinJson.h"
+
+namespace {
+
+const double SIGN_EVERY = 0.5;  // seconds
+const double SIGN_TIME = 10;    // without one of its own that comes back, a connection is given up
+const size_t MOST_UNACKNOWLEDGED = 20;
+const int MOST_PUBLISHED = 300;  // in one turn of the loop
+
+}  // namespace
+
+Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)> tell)
+    : m_config(config),
+      m_topics(config),
+      m_tell(std::move(tell)),
+      m_pins(config),
+      m_broker(config, m_tell),
+      m_sets(config, m_pins, m_tell),
+      m_links(config),
+      m_nonce(std::to_string(NewRequestId())) {
+    m_pins.on_reply = [this](const Traffic& traffic) { m_sets.TakeReply(traffic); };
+}
+
+Bridge::End Bridge::Run(const Signals& signals) {
+    bool stopped = false;
+    for (;;) {
+        Wait(signals, stopped);
+        if (stopped) {
+            Stop();
+            return End::Stopped;
+        }
+        Step();
+        if (m_is_taken_over || m_broker.IsTakenOver()) {
+            m_broker.Leave();
+            return End::TakenOver;
+        }
+    }
+}
+
+void Bridge::Wait(const Signals& signals, bool& stopped) {
+    std::vector<pollfd> fds = {{signals.Get(), POLLIN, 0},
+                               {m_broker.Socket(), m_broker.Events(), 0}};
+    for (const int fd : m_pins.Descriptors()) {
+        fds.push_back({fd, POLLIN, 0});
+    }
+    TimePoint next =
+        std::min({m_broker.NextTime(), m_pins.NextTime(), m_sets.NextTime(), After(SIGN_EVERY)});
+    if (m_broker.Connection() != 0) {
+        next = std::min(next, m_next_sign);
+    }
+    poll(fds.data(), fds.size(), m_has_more ? 0 : MillisecondsUntil(next));
+    stopped = fds[0].revents != 0;
+    const short got = fds[1].revents;
+    m_broker.Serve((got & ~POLLOUT) != 0, (got & POLLOUT) != 0);
+}
+
+void Bridge::Step() {
+    FollowConnection();
+    m_pins.Serve();
+    const std::string note = m_pins.TakeNote();
+    if (!note.empty()) {
+        m_tell(note);
+    }
+    TakeMessages();
+    m_sets.Tend();
+    CarryOutLinks();
+    FollowPhase();
+    m_has_more = false;
+    for (int i = 0; m_broker.CanSend() && PublishOne(); ++i) {
+        if (i == MOST_PUBLISHED) {
+            m_has_more = true;
+            break;
+        }
+    }
+}
+
+void Bridge::FollowConnection() {
+    const unsigned int connection = m_broker.Connection();
+    if (connection != m_connection) {
+        m_connection = connection;
+        m_phase = Phase::Away;
+        m_links.Forget();
+        m_signs.clear();
+        m_own_sign = {};
+        // What may not have arrived is said once more.
+        for (auto& answer : m_unacknowledged) {
+            m_sets.Answers().push_front(std::move(answer.second));
+        }
+        m_unacknowledged.clear();
+        if (connection != 0) {
+            m_connected_at = Now();
+            m_next_sign = Now();
+            PublishStatus(OFFLINE);
+            // The latest bridge of a site is the one. Brokers cut off the other, but not all of
+            // them say why, and it comes back.
+            m_has_claimed = !std::exchange(m_was_connected, true);
+            if (m_has_claimed) {
+                m_broker.Publish({m_topics.Bridge(), m_nonce, true, true, {}});
+            }
+            m_broker.Subscribe(m_topics.Bridge());
+            m_broker.Subscribe(m_topics.Alive());
+            m_broker.Subscribe(m_topics.Sets());
+            for (const std::string& topic : m_links.Subscriptions()) {
+                m_broker.Subscribe(topic);
+            }
+            BeginAsking();
+        }
+    }
+    if (m_connection != 0 && Now() >= m_next_sign) {
+        SendSign();
+    }
+}
+
+void Bridge::BeginAsking() {
+    m_phase = Phase::Asking;
+    m_pins.AskAll();
+}
+
+// Also looks whether the last ones have come back.
+void Bridge::SendSign() {
+    m_next_sign = After(SIGN_EVERY);
+    if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
+        return m_broker.Drop("it is there, but no sign of life comes back");
+    }
+    // A device that can't be reached must not look alive to links.
+    if (!m_pins.IsUp() && m_phase == Phase::Online) {
+        return;
+    }
+    ++m_sign_count;
+    m_signs.emplace_back(m_sign_count, Now());
+    m_broker.Publish(
+        {m_topics.Alive(), m_nonce + " " + std::to_string(m_sign_count), false, true, {}});
+}
+
+void Bridge::TakeOwnSign(const std::string& payload) {
+    while (!m_signs.empty()) {
+        const auto [count, sent] = m_signs.front();
+        if (payload == m_nonce + " " + std::to_string(count)) {
+            m_own_sign = sent;
+            m_signs.pop_front();
+            return;
+        }
+        const auto later = std::find_if(m_signs.begin(), m_signs.end(), [&](const auto& sign) {
+            return payload == m_nonce + " " + std::to_string(sign.first);
+        });
+        if (later == m_signs.end()) {
+            return;
+        }
+        m_signs.erase(m_signs.begin(), later);
+    }
+}
+
+void Bridge::TakeClaim(const std::string& payload) {
+    if (payload == m_nonce) {
+        m_has_claimed = true;
+    } else if (!payload.empty()) {
+        m_is_taken_over = true;
+    }
+}
+
+std::string Bridge::Hindrance() const {
+    if (m_is_taken_over) {
+        return "another bridge has the site";
+    }
+    if (!m_pins.IsUp()) {
+        return "the bus is down";
+    }
+    return m_phase == Phase::Online ? std::string() : "the pins are still being asked";
+}
+
+void Bridge::TakeMessages() {
+    for (const int number : m_broker.Acknowledged()) {
+        m_unacknowledged.erase(number);
+    }
+    m_broker.Acknowledged().clear();
+    for (const Broker::Message& message : m_broker.Inbox()) {
+        if (message.topic == m_topics.Alive() && !message.retained) {
+            TakeOwnSign(message.payload);
+        }
+        if (message.topic == m_topics.Bridge()) {
+            TakeClaim(message.payload);
+        } else if (!m_topics.PinOfSet(message.topic).empty()) {
+            const std::chrono::duration<double> age = Now() - m_own_sign;
+            m_sets.Take(message, age.count(), Hindrance());
+        } else {
+            m_links.Take(message, m_own_sign);
+            CarryOutLinks();
+        }
+    }
+    m_broker.Inbox().clear();
+}
+
+void Bridge::CarryOutLinks() {
+    if (m_pins.IsUp()) {
+        for (const Links::Write& write : m_links.Tend(m_own_sign)) {
+            Write(write);
+        }
+    }
+    for (const std::string& note : m_links.Notes()) {
+        m_tell(note);
+    }
+    m_links.Notes().clear();
+}
+
+void Bridge::Write(const Links::Write& write) {
+    try {
+        m_pins.Write(write.tag, WriteValue(write.level, write.duration_ms));
+        if (!write.reason.empty()) {
+            m_tell(PinText(write.tag) + " is set " + LevelLetter(write.level) + " (" +
+                   write.reason + ")");
+        }
+    } catch (const BusError& error) {
+        m_tell(error.what());
+        m_links.WriteAgain();
+    }
+}
+
+void Bridge::FollowPhase() {
+    if (m_bus_up != m_pins.IsUp()) {
+        m_bus_up = m_pins.IsUp();
+        if (m_bus_up) {
+            m_links.WriteAgain();
+        }
+        if (m_connection != 0) {
+            PublishStatus(OFFLINE);
+            BeginAsking();
+        }
+    }
+    if (m_phase == Phase::Asking && m_bus_up && !m_pins.IsAsking() && m_own_sign != TimePoint()) {
+        m_phase = Phase::Publishing;
+        m_pins.TellAll();
+    }
+    if (m_phase == Phase::Publishing && m_pins.Changed().empty()) {
+        m_phase = Phase::Online;
+        PublishStatus(ONLINE);
+        if (!m_has_claimed) {  // the broker has forgotten it
+            m_broker.Publish({m_topics.Bridge(), m_nonce, true, true, {}});
+        }
+        m_tell("site " + m_config.site + " is online");
+    }
+    if (m_pins.Dropped() != m_dropped) {
+        m_dropped = m_pins.Dropped();
+        m_tell("the broker is too slow: events were dropped");
+    }
+}
+
+// In the order of what must not wait. False when there is nothing.
+bool Bridge::PublishOne() {
+    if (!m_sets.Answers().empty() && m_unacknowledged.size() < MOST_UNACKNOWLEDGED) {
+        PublishAnswer();
+        return true;
+    }
+    if (m_phase != Phase::Publishing && m_phase != Phase::Online) {
+        return false;
+    }
+    std::set<uint32_t>& pins = m_pins.Changed();
+    if (!pins.empty()) {
+        const uint32_t tag = *pins.begin();
+        pins.erase(pins.begin());
+        PublishPin(tag);
+        return true;
+    }
+    std::set<uint32_t>& devices = m_pins.ChangedDevices();
+    if (!devices.empty()) {
+        const uint32_t host = *devices.begin();
+        devices.erase(devices.begin());
+        PublishDevice(host);
+        return true;
+    }
+    if (!m_pins.Changes().empty()) {
+        const PinChange change = m_pins.Changes().front();
+        m_pins.Changes().pop_front();
+        PublishChange(change);
+        return true;
+    }
+    return false;
+}
+
+void Bridge::PublishPin(uint32_t tag) {
+    PinView view = m_pins.ViewOf(tag);
+    if (view.level && view.status == PinStatus::Told) {
+        m_links.Told(tag, *view.level);
+    }
+    view.via = m_links.ViaOf(tag, view.level);
+    const std::string text = StateText(view, tag, m_config.names);
+    const std::string level = view.level ? LevelText(view.level) : std::string();
+    const std::string name = m_config.names.NameOf(tag);
+    for (const std::string& pin : {PinText(tag), name}) {
+        if (!pin.empty()) {
+            Publish(m_topics.Pin(pin), text, true);
+            Publish(m_topics.Pin(pin) + "/level", level, true);
+        }
+    }
+}
+
+void Bridge::PublishChange(const PinChange& change) {
+    Publish(m_topics.Event(PinText(change.tag)), ToJson(change, m_config.names), false);
+}
+
+void Bridge::PublishDevice(uint32_t host) {
+    const PinBook::Device& device = m_pins.Devices().at(host);
+    Json json;
+    json["state"] = device.silent ? "silent" : "heard";
+    json["since"] = device.since;
+    Publish(m_topics.Device(HostText(host)), Dump(json), true);
+}
+
+void Bridge::PublishAnswer() {
+    Broker::Outgoing answer = m_sets.Answers().front();
+    m_sets.Answers().pop_front();
+    // 0: a topic that the library does not take, with wildcards.
+    const int number = m_broker.Publish(answer);
+    if (number != 0) {
+        m_unacknowledged.emplace(number, std::move(answer));
+    }
+}
+
+void Bridge::Publish(const std::string& topic, const std::string& payload, bool retain) {
+    m_broker.Publish({topic, payload, retain, false, {}});
+}
+
+void Bridge::PublishStatus(const char* status) {
+    m_broker.Publish({m_topics.Status(), status, true, true, {}});
+}
+
+// Nobody looks after the links from here on.
+void Bridge::Stop() {
+    for (const Links::Write& write : m_links.End()) {
+        Write(write);
+    }
+    if (m_connection != 0) {
+        PublishStatus(OFFLINE);
+    }
+    m_broker.Leave();
+}

@@ -1,0 +1,101 @@
+// The connection to an MQTT broker, which is made again whenever it ends.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tools/base/Time.h"
+#include "tools/mqtt/Config.h"
+
+struct mosquitto;
+
+// For a program with a loop: wait until Socket() has one of Events() or NextTime() has come, then
+// call Serve(). Nothing here waits, but for the system's look-up of the broker's name.
+//
+// A connection knows nothing of the one before: sessions end with them, so that the broker keeps
+// nothing for later.
+class Broker {
+public:
+    struct Message {
+        std::string topic;
+        std::string payload;
+        bool retained = false;
+        std::string response_topic;  // empty: nobody wants an answer
+        std::string correlation;
+        std::optional<uint32_t> expiry;  // seconds it may still take
+    };
+
+    struct Outgoing {
+        std::string topic;
+        std::string payload;
+        bool retain = false;
+        bool acknowledged = false;  // the broker is to say that it has it
+        std::string correlation;
+    };
+
+    // What goes on is told as a text, each time that it is another than before.
+    Broker(const MqttConfig& config, std::function<void(const std::string&)> tell);
+    ~Broker();
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    int Socket() const;  // -1: none
+    short Events() const;
+    TimePoint NextTime() const;
+
+    // What has come is in Inbox() and Acknowledged() afterwards.
+    void Serve(bool readable, bool writable);
+
+    // 0 while there is none, else another number for each connection.
+    unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
+
+    // Another client has connected under this site's name.
+    bool IsTakenOver() const { return m_is_taken_over; }
+
+    // Whether the system takes more at the moment: what is published while it doesn't piles up.
+    bool CanSend() const;
+
+    // The number by which the acknowledgement is known; 0 when it could not be handed over.
+    int Publish(const Outgoing& message);
+
+    void Subscribe(const std::string& topic);
+
+    // Ends this connection for that reason; the next one is made after a pause.
+    void Drop(const std::string& reason);
+
+    // Says goodbye, so that the broker does not publish the will.
+    void Leave();
+
+    std::deque<Message>& Inbox() { return m_inbox; }
+    std::deque<int>& Acknowledged() { return m_acknowledged; }
+
+private:
+    struct Callbacks;
+
+    void Connect();
+    void Prepare();
+    void Close();
+    void Tell(const std::string& text);
+    std::string Text(int error) const;
+
+    const MqttConfig& m_config;
+    const std::function<void(const std::string&)> m_tell;
+    mosquitto* m_client = nullptr;
+    unsigned int m_connection = 0;
+    bool m_is_connected = false;
+    bool m_is_taken_over = false;
+    int m_refusal = 0;         // what the broker gave as the reason
+    std::string m_last_error;  // that the library logged
+    std::string m_last_told;
+    double m_pause;
+    TimePoint m_next;
+    std::minstd_rand m_random;
+    std::deque<Message> m_inbox;
+    std::deque<int> m_acknowledged;
+    std::deque<std::pair<int, std::string>> m_subscriptions;  // not answered yet
+};

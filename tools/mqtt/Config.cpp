@@ -1,0 +1,301 @@
+#include "tools/mqtt/Config.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "tools/mqtt/Graph.h"
+
+namespace {
+
+const unsigned int LONGEST_PULSE = 7750;  // ms; what a write can carry
+
+using Words = std::vector<std::string>;
+
+[[noreturn]] void Refuse(const std::string& reason) {
+    throw std::invalid_argument(reason);
+}
+
+double ParseNumber(const std::string& text, double least, double most) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(number >= least && number <= most)) {
+        std::ostringstream reason;
+        reason << "not a number from " << least << " to " << most << ": " << text;
+        Refuse(reason.str());
+    }
+    return number;
+}
+
+// What may stand between two '/' of a topic.
+std::string ParseLevelName(const std::string& text) {
+    const bool good = std::all_of(text.begin(), text.end(), [](unsigned char c) {
+        return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-';
+    });
+    if (!good || text.size() > 64) {
+        Refuse("not made of letters, digits, '.', '_' and '-': " + text);
+    }
+    return text;
+}
+
+std::string ReadSecret(const std::string& file) {
+    std::ifstream in(file);
+    std::string secret;
+    if (!std::getline(in, secret) || secret.empty()) {
+        Refuse("can't read a password from " + file);
+    }
+    return secret;
+}
+
+class Reader {
+public:
+    explicit Reader(const std::string& file) : m_file(file) {}
+
+    MqttConfig Run();
+
+private:
+    void TakeLine(const Words& words);
+    bool TakeBus(const Words& words);
+    bool TakeBroker(const Words& words);
+    void TakeLink(const Words& words);
+    void TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) const;
+    SitePin ParseSitePin(const std::string& text) const;
+    std::string Path(const std::string& text) const;
+    void Finish();
+    [[noreturn]] void Fail(int line, const std::string& reason) const {
+        throw ConfigError(m_file + ":" + std::to_string(line) + ": " + reason);
+    }
+
+    const std::string m_file;
+    MqttConfig m_config;
+    std::string m_names;
+    std::string m_password_file;
+    int m_line = 0;
+    std::set<std::string> m_seen;
+    std::vector<std::pair<int, Words>> m_late;  // what needs the site and the names
+};
+
+MqttConfig Reader::Run() {
+    std::ifstream in(m_file);
+    if (!in) {
+        throw ConfigError(m_file + ": can't be read");
+    }
+    std::string line;
+    while (std::getline(in, line)) {
+        ++m_line;
+        std::istringstream text(line);
+        Words words;
+        for (std::string word; text >> word && word[0] != '#';) {
+            words.push_back(word);
+        }
+        try {
+            if (!words.empty()) {
+                TakeLine(words);
+            }
+        } catch (const std::invalid_argument& error) {
+            Fail(m_line, error.what());
+        }
+    }
+    Finish();
+    return m_config;
+}
+
+void Reader::TakeLine(const Words& words) {
+    const std::string& key = words[0];
+    if (key == "link" || key == "pins") {
+        m_late.emplace_back(m_line, words);
+        return;
+    }
+    if (words.size() != 2) {
+        Refuse(key == "tls" || words.size() < 2 ? key + " needs one value"
+                                                : key + " has more than one value");
+    }
+    if (!m_seen.insert(key).second) {
+        Refuse(key + " is given twice");
+    }
+    if (!TakeBroker(words) && !TakeBus(words)) {
+        Refuse("unknown setting: " + key);
+    }
+}
+
+bool Reader::TakeBroker(const Words& words) {
+    const std::string& key = words[0];
+    const std::string& value = words[1];
+    if (key == "site") {
+        m_config.site = ParseLevelName(value);
+    } else if (key == "prefix") {
+        m_config.prefix = ParseLevelName(value);
+    } else if (key == "broker") {
+        const size_t colon = value.rfind(':');
+        m_config.host = value.substr(0, colon);
+        if (colon != value.npos) {
+            m_config.port = static_cast<int>(ParseNumber(value.substr(colon + 1), 1, UINT16_MAX));
+        }
+    } else if (key == "tls") {
+        if (value != "yes" && value != "no") {
+            Refuse("not yes or no: " + value);
+        }
+        m_config.tls = value == "yes";
+    } else if (key == "ca") {
+        m_config.ca = Path(value);
+    } else if (key == "certificate") {
+        m_config.certificate = Path(value);
+    } else if (key == "key") {
+        m_config.key = Path(value);
+    } else if (key == "user") {
+        m_config.user = value;
+    } else if (key == "password-file") {
+        m_config.password = ReadSecret(Path(value));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+bool Reader::TakeBus(const Words& words) {
+    const std::string& key = words[0];
+    const std::string& value = words[1];
+    if (key == "interface") {
+        m_config.bus.iface = value;
+    } else if (key == "names") {
+        m_names = Path(value);
+    } else if (key == "ask") {
+        m_config.ask_every = ParseNumber(value, 1, 3600);
+    } else if (key == "expire") {
+        m_config.expire = ParseNumber(value, 1, 60);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// A secret may stand among the credentials that systemd hands over; other files beside this one.
+std::string Reader::Path(const std::string& text) const {
+    if (text[0] == '/') {
+        return text;
+    }
+    const char* const credentials = std::getenv("CREDENTIALS_DIRECTORY");
+    if (credentials != nullptr) {
+        std::string path = std::string(credentials) + "/" + text;
+        if (std::ifstream(path)) {
+            return path;
+        }
+    }
+    const size_t slash = m_file.rfind('/');
+    return slash == m_file.npos ? text : m_file.substr(0, slash + 1) + text;
+}
+
+SitePin Reader::ParseSitePin(const std::string& text) const {
+    const size_t colon = text.find(':');
+    if (colon == 0 || colon == text.npos || colon + 1 == text.size()) {
+        Refuse("not SITE:PIN: " + text);
+    }
+    SitePin pin;
+    pin.site = ParseLevelName(text.substr(0, colon));
+    pin.pin = text.substr(colon + 1);
+    const bool own = pin.site == m_config.site;
+    if (own || std::isdigit(static_cast<unsigned char>(pin.pin[0])) != 0) {
+        pin.tag = own ? m_config.names.ParsePin(pin.pin) : ParsePin(pin.pin);
+        pin.pin = PinText(*pin.tag);
+    } else {
+        for (const char c : pin.pin) {
+            ParseLevelName(c == ':' ? std::string() : std::string(1, c));
+        }
+    }
+    return pin;
+}
+
+void Reader::TakeLink(const Words& words) {
+    if (words.size() < 4 || words[2] != "->") {
+        Refuse("not link SITE:PIN -> SITE:PIN");
+    }
+    LinkConfig link;
+    link.line = m_line;
+    link.from = ParseSitePin(words[1]);
+    link.to = ParseSitePin(words[3]);
+    if (link.to.tag && IsInput(*link.to.tag)) {
+        Refuse(link.to.Text() + " is an input: devices do not set it");
+    }
+    for (size_t next = 4; next < words.size();) {
+        TakeLinkOption(link, words, next);
+    }
+    if (const auto reason = RefusalOf(link, m_config.links)) {
+        Refuse(*reason);
+    }
+    for (const SitePin* pin : {&link.from, &link.to}) {
+        if (pin->site == m_config.site) {
+            m_config.pins.push_back(ParsePinRef(pin->pin));
+        }
+    }
+    m_config.links.push_back(link);
+}
+
+void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) const {
+    const std::string& option = words[next++];
+    const auto value = [&]() -> const std::string& {
+        if (next == words.size()) {
+            Refuse(option + " needs a value");
+        }
+        return words[next++];
+    };
+    if (option == "invert") {
+        link.invert = true;
+    } else if (option == "pulse") {
+        link.pulse_ms = static_cast<unsigned int>(ParseNumber(value(), 10, LONGEST_PULSE));
+    } else if (option == "on-loss") {
+        const std::string& level = value();
+        link.on_loss = level == "keep" ? std::nullopt : std::optional<Level>(ParseLevel(level));
+        if (next < words.size() && std::isdigit(static_cast<unsigned char>(words[next][0])) != 0) {
+            link.loss_after = ParseNumber(value(), SHORTEST_LOSS, LONGEST_LOSS);
+        }
+    } else {
+        Refuse("unknown option of a link: " + option);
+    }
+}
+
+void Reader::Finish() {
+    if (m_config.site.empty() || m_config.host.empty()) {
+        Fail(m_line, m_config.site.empty() ? "no site is given" : "no broker is given");
+    }
+    if (m_config.certificate.empty() != m_config.key.empty()) {
+        Fail(m_line, "a certificate needs a key, and a key a certificate");
+    }
+    if (!m_config.tls && !(m_config.ca + m_config.certificate).empty()) {
+        Fail(m_line, "ca, certificate and key need tls yes");
+    }
+    if (m_config.port == 0) {
+        m_config.port = m_config.tls ? 8883 : 1883;
+    }
+    try {
+        m_config.names = Names::Load(m_names);
+    } catch (const NamesError& error) {
+        throw ConfigError(error.what());
+    }
+    for (const auto& [line, words] : m_late) {
+        m_line = line;
+        try {
+            if (words[0] == "link") {
+                TakeLink(words);
+                continue;
+            }
+            for (size_t i = 1; i < words.size(); ++i) {
+                m_config.pins.push_back(m_config.names.Parse(words[i]));
+            }
+        } catch (const std::invalid_argument& error) {
+            Fail(line, error.what());
+        }
+    }
+    for (const Names::Entry& entry : m_config.names.All()) {
+        m_config.pins.push_back(entry.pins);
+    }
+}
+
+}  // namespace
+
+MqttConfig MqttConfig::Read(const std::string& file) {
+    return Reader(file).Run();
+}

@@ -1,0 +1,72 @@
+// The configuration file of orvex-mqtt, one setting a line:
+//
+//     site    studio
+//     broker  mqtt.example.org:8883
+//     pins    1:2 7:4:out1
+//     link    studio:1:2:in1 -> tower:7:4:out1 invert on-loss H 2
+//
+// orvex-mqtt.conf(5) has them all.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tools/bus/BusLink.h"
+#include "tools/bus/Names.h"
+
+// A file that can't be read or is wrong: "/etc/orvex/mqtt.conf:3: ..."
+struct ConfigError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// A pin at a site. A name is known to the site whose pin it is: others have no number for it.
+struct SitePin {
+    std::string site;
+    std::string pin;  // "1:2:in1", or a name
+    std::optional<uint32_t> tag;
+
+    std::string Text() const { return site + ":" + pin; }
+    bool operator==(const SitePin& other) const { return Text() == other.Text(); }
+};
+
+// An input, or an output, at one site that sets an output at another.
+struct LinkConfig {
+    SitePin from;
+    SitePin to;
+    bool invert = false;
+    unsigned int pulse_ms = 0;                  // 0: the output follows
+    std::optional<Level> on_loss{Level::High};  // none: it keeps what it was
+    double loss_after = 2;                      // seconds
+    int line = 0;
+};
+
+struct MqttConfig {
+    std::string site;
+    std::string host;
+    int port = 0;
+    std::string prefix = "orvex";
+
+    bool tls = false;
+    std::string ca;  // empty: those that the system trusts
+    std::string certificate;
+    std::string key;
+
+    std::string user;
+    std::string password;
+
+    BusSettings bus;
+    Names names;
+    std::vector<PinRef> pins;  // that are asked for: those of the file, of its links, and the named
+    std::vector<LinkConfig> links;
+    double ask_every = 10;  // seconds
+    double expire = 2;      // seconds that a set may take when it does not say so itself
+
+    // Reads and checks a file and what it refers to. Throws ConfigError.
+    static MqttConfig Read(const std::string& file);
+};
+
+const double SHORTEST_LOSS = 2;  // seconds; of the signs of life one comes every half second
+const double LONGEST_LOSS = 3600;

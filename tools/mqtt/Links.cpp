@@ -1,0 +1,172 @@
+#include "tools/mqtt/Links.h"
+
+#include <algorithm>
+
+namespace {
+
+const double FRESH = SHORTEST_LOSS;  // seconds; signs of life that are older prove nothing
+const double REWRITE_PAUSE = 5;      // seconds, against an output that somebody else sets
+
+Level Inverted(Level level, bool invert) {
+    if (!invert) {
+        return level;
+    }
+    return level == Level::Low ? Level::High : Level::Low;
+}
+
+}  // namespace
+
+Links::Links(const MqttConfig& config) : m_prefix(config.prefix) {
+    for (const LinkConfig& link : config.links) {
+        if (link.to.site == config.site) {
+            Link made;
+            made.config = link;
+            made.topic = Topics(m_prefix, link.from.site).Pin(link.from.pin);
+            made.good = Now();
+            m_links.push_back(made);
+            m_sites[link.from.site];
+        }
+    }
+}
+
+std::set<std::string> Links::Subscriptions() const {
+    std::set<std::string> topics;
+    for (const Link& link : m_links) {
+        topics.insert(link.topic);
+    }
+    for (const auto& site : m_sites) {
+        topics.insert(Topics(m_prefix, site.first).Status());
+        topics.insert(Topics(m_prefix, site.first).Alive());
+    }
+    return topics;
+}
+
+void Links::Take(const Broker::Message& message, TimePoint own_sign) {
+    for (auto& [name, site] : m_sites) {
+        const Topics topics(m_prefix, name);
+        if (message.topic == topics.Status()) {
+            site.online = message.payload == ONLINE;
+        } else if (message.topic == topics.Alive() && !message.retained) {
+            site.sign = Now();
+        }
+    }
+    for (Link& link : m_links) {
+        if (link.topic == message.topic) {
+            TakeSource(link, message, own_sign);
+        }
+    }
+}
+
+void Links::TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign) {
+    const std::optional<PinView> view = ParseState(message.payload);
+    const std::optional<Level> before = link.source;
+    link.source = view ? view->level : std::nullopt;
+    link.via = view ? view->via : std::vector<std::string>();
+    const std::string end = link.config.to.Text();
+    const bool loops = std::count(link.via.begin(), link.via.end(), end) > 0;
+    if (loops && !link.loops) {
+        m_notes.push_back("a loop over several files is broken: " + link.config.from.Text() +
+                          " follows " + end);
+    }
+    link.loops = loops;
+    link.via.push_back(link.config.from.Text());
+    const TimePoint limit = After(-FRESH);
+    if (!message.retained && own_sign > limit && m_sites[link.config.from.site].sign > limit &&
+        before && link.source && before != link.source && !loops) {
+        link.edge = Inverted(*link.source, link.config.invert) == Level::Low;
+    }
+}
+
+std::vector<Links::Write> Links::Tend(TimePoint own_sign) {
+    std::vector<Write> writes;
+    for (Link& link : m_links) {
+        TendLink(link, own_sign, writes);
+    }
+    return writes;
+}
+
+void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes) {
+    const Site& site = m_sites[link.config.from.site];
+    const TimePoint sign = std::min(own_sign, site.sign);
+    const bool is_known = site.online && link.source;
+    if (is_known) {
+        link.good = std::max(link.good, sign);
+    }
+    if (Now() >= link.again) {
+        link.again = TimePoint::max();
+        link.applied.reset();
+    }
+    if (is_known && sign > After(-FRESH)) {
+        link.lost = false;
+        if (link.config.pulse_ms > 0) {
+            if (link.edge) {
+                writes.push_back({*link.config.to.tag, Level::Low, link.config.pulse_ms, {}});
+            }
+        } else if (!link.loops) {
+            Apply(link, Inverted(*link.source, link.config.invert), {}, writes);
+        }
+    } else if (Now() >= Later(link.good, link.config.loss_after)) {
+        if (!link.lost) {
+            link.lost = true;
+            m_notes.push_back("link in line " + std::to_string(link.config.line) +
+                              " is lost: " + link.config.from.Text());
+        }
+        if (link.config.on_loss && link.config.pulse_ms == 0) {
+            Apply(link, *link.config.on_loss, "loss", writes);
+        }
+    }
+    link.edge = false;
+}
+
+void Links::Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes) {
+    if (link.applied == level) {
+        return;
+    }
+    link.applied = level;
+    link.written = Now();
+    writes.push_back({*link.config.to.tag, level, 0, reason});
+}
+
+void Links::Forget() {
+    for (Link& link : m_links) {
+        link.source.reset();
+        link.edge = false;
+    }
+    for (auto& site : m_sites) {
+        site.second = Site();
+    }
+}
+
+void Links::WriteAgain() {
+    for (Link& link : m_links) {
+        link.applied.reset();
+    }
+}
+
+void Links::Told(uint32_t tag, Level level) {
+    for (Link& link : m_links) {
+        if (link.config.to.tag == tag && link.applied && link.applied != level &&
+            link.again == TimePoint::max()) {
+            link.again = std::max(Now(), Later(link.written, REWRITE_PAUSE));
+        }
+    }
+}
+
+std::vector<Links::Write> Links::End() {
+    std::vector<Write> writes;
+    for (Link& link : m_links) {
+        if (link.config.on_loss && link.config.pulse_ms == 0) {
+            Apply(link, *link.config.on_loss, "end", writes);
+        }
+    }
+    return writes;
+}
+
+std::vector<std::string> Links::ViaOf(uint32_t tag, std::optional<Level> level) const {
+    for (const Link& link : m_links) {
+        if (link.config.to.tag == tag && link.applied && link.applied == level && !link.lost) {
+            return link.via;
+        }
+    }
+    return {};
+}

@@ -1,0 +1,87 @@
+// Pins of other sites that set pins of this one.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/base/Time.h"
+#include "tools/mqtt/Broker.h"
+#include "tools/mqtt/Config.h"
+#include "tools/mqtt/Topics.h"
+
+// Decides what the outputs of the links that end at this site are to be. The bridge of the source's
+// site knows nothing of them: it publishes its pins and a sign of life, twice a second.
+//
+// A link is lost when nobody has stood for its source for so long: when this bridge's own signs of
+// life do not come back, those of the source's bridge stay away, that bridge says that it is
+// offline, or that the pin is not known.
+class Links {
+public:
+    struct Write {
+        uint32_t tag;
+        Level level;
+        unsigned int duration_ms;
+        std::string reason;  // for the log; empty when the source changed
+    };
+
+    explicit Links(const MqttConfig& config);
+
+    // What must be subscribed to.
+    std::set<std::string> Subscriptions() const;
+
+    // Takes a message that belongs to a link. own_sign is when the last sign of life of this
+    // bridge that has come back was sent.
+    void Take(const Broker::Message& message, TimePoint own_sign);
+
+    // What is to be written now. Call it after Take(), and twice a second.
+    std::vector<Write> Tend(TimePoint own_sign);
+
+    // The connection has ended: what was known is old.
+    void Forget();
+
+    // All outputs must be written again: those of an address may have been out of reach.
+    void WriteAgain();
+
+    // A device says that an output is at that level.
+    void Told(uint32_t tag, Level level);
+
+    // Everything is written as after a loss, because the bridge ends.
+    std::vector<Write> End();
+
+    // Which pins made this one what it is; empty when no link did.
+    std::vector<std::string> ViaOf(uint32_t tag, std::optional<Level> level) const;
+
+    // Texts for the log, to be cleared.
+    std::vector<std::string>& Notes() { return m_notes; }
+
+private:
+    struct Link {
+        LinkConfig config;
+        std::string topic;
+        std::optional<Level> source;  // none: not known
+        std::vector<std::string> via;
+        bool loops = false;
+        bool edge = false;  // a pulse is due
+        TimePoint good;     // somebody stood for the source then
+        bool lost = false;
+        std::optional<Level> applied;  // none: nothing, or it must be written again
+        TimePoint written{};
+        TimePoint again = TimePoint::max();
+    };
+    struct Site {
+        bool online = false;
+        TimePoint sign{};
+    };
+
+    void TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign);
+    void TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes);
+    void Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes);
+
+    const std::string m_prefix;
+    std::vector<Link> m_links;
+    std::map<std::string, Site> m_sites;
+    std::vector<std::string> m_notes;
+};

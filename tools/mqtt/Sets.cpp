@@ -1,0 +1,116 @@
+#include "tools/mqtt/Sets.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "tools/base/LineBuffer.h"
+
+namespace {
+
+const size_t MOST_PENDING = 500;
+const size_t MOST_ANSWERS = 10000;
+const double FIRST_QUESTION = 0.01;  // seconds after the write
+const double ASK_EVERY = 0.1;
+const double ANSWER_TIME = 1;
+
+}  // namespace
+
+Sets::Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell)
+    : m_config(config), m_topics(config), m_pins(pins), m_tell(std::move(tell)) {}
+
+// Returns the tag of the pin. Throws std::invalid_argument with the reason to refuse.
+uint32_t Sets::Check(const Broker::Message& message, const std::string& pin, double age,
+                     const std::string& hindrance) const {
+    if (message.retained) {
+        throw std::invalid_argument("it is retained: a set is for now, not for later");
+    }
+    if (!hindrance.empty()) {
+        throw std::invalid_argument(hindrance);
+    }
+    const double limit = message.expiry ? *message.expiry : m_config.expire;
+    if (age > limit) {
+        throw std::invalid_argument("it may have come late: its time was over");
+    }
+    const uint32_t tag = m_config.names.ParsePin(pin);
+    if (IsInput(tag)) {
+        throw std::invalid_argument("an input: devices do not set it");
+    }
+    if (m_pending.size() >= MOST_PENDING) {
+        throw std::invalid_argument("too many sets at once");
+    }
+    return tag;
+}
+
+void Sets::Take(const Broker::Message& message, double age, const std::string& hindrance) {
+    const std::string pin = m_topics.PinOfSet(message.topic);
+    if (m_answers.size() >= MOST_ANSWERS) {
+        return m_tell("the broker takes no answers: sets are passed over");
+    }
+    // How a retained set is taken back.
+    if (message.retained && message.payload.empty()) {
+        return;
+    }
+    try {
+        const uint32_t tag = Check(message, pin, age, hindrance);
+        const SetRequest request = ParseSet(message.payload);
+        m_pins.Write(tag, WriteValue(request.level, request.duration_ms));
+        m_pending.push_back({message, pin, tag, request.level, NewRequestId(),
+                             After(FIRST_QUESTION), After(ANSWER_TIME), std::nullopt});
+    } catch (const std::exception& error) {
+        m_tell("refused to set " + Printable(pin) + ": " + Printable(error.what()));
+        Answer(message, "refused", pin, error.what());
+    }
+}
+
+// Only what refers to the question of a set: other answers may be older than it.
+void Sets::TakeReply(const Traffic& traffic) {
+    const CMsg2::Node* const refers = FindItem(traffic.message, TAG_REFERS_TO, CMsg2::ITEM_DWORD);
+    for (auto set = m_pending.begin(); refers != nullptr && set != m_pending.end();) {
+        const CMsg2::Node* const item = FindItem(traffic.message, set->tag, CMsg2::ITEM_BYTE);
+        if (refers->m_Value.m_nDword == set->id && item != nullptr) {
+            set->answered = PinValueOf(Kind::Reply, *item).level;
+            if (set->answered == set->level) {
+                Answer(set->message, "done", set->pin, {});
+                set = m_pending.erase(set);
+                continue;
+            }
+        }
+        ++set;
+    }
+}
+
+void Sets::Tend() {
+    for (auto set = m_pending.begin(); set != m_pending.end();) {
+        if (Now() >= set->end) {
+            Answer(set->message, "sent", set->pin,
+                   set->answered ? "the device does not show it" : "no device has answered");
+            set = m_pending.erase(set);
+            continue;
+        }
+        if (Now() >= set->ask) {
+            set->ask = After(ASK_EVERY);
+            try {
+                m_pins.Ask(set->tag, set->id);
+            } catch (const BusError&) {
+                // Asked again until the time is over.
+            }
+        }
+        ++set;
+    }
+}
+
+TimePoint Sets::NextTime() const {
+    TimePoint next = TimePoint::max();
+    for (const Pending& set : m_pending) {
+        next = std::min({next, set.ask, set.end});
+    }
+    return next;
+}
+
+void Sets::Answer(const Broker::Message& message, const std::string& result, const std::string& pin,
+                  const std::string& reason) {
+    if (!message.response_topic.empty()) {
+        m_answers.push_back({message.response_topic, AnswerText(result, pin, reason), false, true,
+                             message.correlation});
+    }
+}

@@ -1,0 +1,57 @@
+// Sets that have come from the broker, and their answers.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+
+#include "tools/mqtt/Broker.h"
+#include "tools/mqtt/PinBook.h"
+#include "tools/mqtt/Topics.h"
+
+// Carries sets out at once or not at all, and looks whether the device did what it was told. None
+// waits here.
+class Sets {
+public:
+    Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell);
+
+    // Takes a message to the topics of sets. It is not older than age, in seconds. A reason says
+    // why none can be carried out now; empty when they can.
+    void Take(const Broker::Message& message, double age, const std::string& hindrance);
+
+    // Takes what a device answers.
+    void TakeReply(const Traffic& traffic);
+
+    // Asks devices, and gives up waiting for them.
+    void Tend();
+    TimePoint NextTime() const;
+
+    // To be published, oldest first.
+    std::deque<Broker::Outgoing>& Answers() { return m_answers; }
+
+private:
+    struct Pending {
+        Broker::Message message;
+        std::string pin;
+        uint32_t tag;
+        Level level;
+        uint32_t id;
+        TimePoint ask;
+        TimePoint end;
+        std::optional<Level> answered;
+    };
+
+    uint32_t Check(const Broker::Message& message, const std::string& pin, double age,
+                   const std::string& hindrance) const;
+    void Answer(const Broker::Message& message, const std::string& result, const std::string& pin,
+                const std::string& reason);
+
+    const MqttConfig& m_config;
+    const Topics m_topics;
+    PinBook& m_pins;
+    const std::function<void(const std::string&)> m_tell;
+    std::list<Pending> m_pending;
+    std::deque<Broker::Outgoing> m_answers;
+};

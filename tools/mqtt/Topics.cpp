@@ -1,0 +1,108 @@
+#include "tools/mqtt/Topics.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/PinJson.h"
+
+const char* const ONLINE = "online";
+const char* const OFFLINE = "offline";
+
+namespace {
+
+const size_t LONGEST_SET = 256;
+const size_t LONGEST_STATE = 8192;
+const size_t MOST_LINKS = 16;
+
+// Of a text that may hold anything.
+Json Parse(const std::string& text) {
+    return Json::parse(text, nullptr, false);
+}
+
+}  // namespace
+
+std::string Topics::Parts(std::string pin) {
+    std::replace(pin.begin(), pin.end(), ':', '/');
+    return pin;
+}
+
+std::string Topics::PinOfSet(const std::string& topic) const {
+    const std::string begin = Set("");
+    if (topic.compare(0, begin.size(), begin) != 0) {
+        return {};
+    }
+    std::string pin = topic.substr(begin.size());
+    std::replace(pin.begin(), pin.end(), '/', ':');
+    return pin;
+}
+
+std::string StateText(const PinView& view, uint32_t tag, const Names& names) {
+    Json json;
+    json["level"] = view.level ? Json(LevelText(view.level)) : Json();
+    json["state"] = StatusText(view.status);
+    json["since"] = view.since;
+    json["host"] = view.host.empty() ? Json() : Json(view.host);
+    json["pin"] = PinText(tag);
+    PutNames(json, tag, names);
+    if (!view.via.empty()) {
+        json["via"] = view.via;
+    }
+    return Dump(json);
+}
+
+std::optional<PinView> ParseState(const std::string& text) {
+    PinView view;
+    if (text.size() > LONGEST_STATE) {
+        return std::nullopt;
+    }
+    const Json json = Parse(text);
+    if (!json.is_object() || !json.contains("level")) {
+        return std::nullopt;
+    }
+    const Json& level = json["level"];
+    if (level == "L" || level == "H") {
+        view.level = level == "L" ? Level::Low : Level::High;
+    }
+    if (json.contains("via") && json["via"].is_array()) {
+        for (const Json& pin : json["via"]) {
+            if (!pin.is_string() || view.via.size() == MOST_LINKS) {
+                return std::nullopt;
+            }
+            view.via.push_back(pin.get<std::string>());
+        }
+    }
+    return view;
+}
+
+SetRequest ParseSet(const std::string& payload) {
+    if (payload.size() > LONGEST_SET) {
+        throw std::invalid_argument("too long");
+    }
+    std::string text = payload;
+    if (!payload.empty() && payload[0] == '{') {
+        const Json json = Parse(payload);
+        if (!json.is_object() || !json.contains("level") || !json["level"].is_string()) {
+            throw std::invalid_argument("not an object with a level");
+        }
+        text = json["level"].get<std::string>();
+        if (json.contains("duration")) {
+            if (!json["duration"].is_number_unsigned()) {
+                throw std::invalid_argument("not a duration in ms");
+            }
+            text += "," + json["duration"].dump();
+        }
+    }
+    // As orvexctl reads it. The pin does not matter.
+    const PinWrite write = ParsePinWrite("0:0:0=" + text, Names());
+    return {write.value.GetLevel(), write.duration_ms};
+}
+
+std::string AnswerText(const std::string& result, const std::string& pin,
+                       const std::string& reason) {
+    Json json = {{"result", result}, {"pin", pin}};
+    if (!reason.empty()) {
+        json["reason"] = reason;
+    }
+    return Dump(json);
+}

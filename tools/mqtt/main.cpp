@@ -1,0 +1,114 @@
+// orvex-mqtt: joins a bus to an MQTT broker.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <string>
+
+#include "tools/base/LineBuffer.h"
+#include "tools/base/Signals.h"
+#include "tools/completion/Completion.h"
+#include "tools/mqtt/Bridge.h"
+#include "tools/mqtt/Config.h"
+#include "tools/mqtt/Topics.h"
+
+namespace {
+
+const char* const appname = "orvex-mqtt";
+
+const int STATUS_FAILED = 1;
+const int STATUS_USAGE = 2;
+const int STATUS_TAKEN_OVER = 3;
+
+const char* const DESCRIPTION =
+    "Joins a bus to an MQTT broker: publishes its pins, sets those that it is told to, and lets\n"
+    "pins of other sites set pins here.\n";
+
+const char* const FOOTER =
+    "FILE is described in orvex-mqtt.conf(5).\n"
+    "Exit status: 0 after SIGINT or SIGTERM; 1 when FILE is wrong or the bus can't be used; 2 for "
+    "a\n"
+    "usage error; 3 when another bridge has connected under this site's name.\n";
+
+struct Options {
+    std::string file;
+    bool check = false;
+    bool print_topics = false;
+};
+
+// Returns the exit status when there is nothing left to do.
+std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
+    CLI::App app(DESCRIPTION, appname);
+    app.footer(FOOTER);
+    app.set_version_flag("--version", std::string(appname) + " " + ORVEX_VERSION);
+    app.add_flag("--check", options.check, "Only read FILE and say what is wrong with it");
+    app.add_flag("--print-topics", options.print_topics, "Only print the topics that FILE makes");
+    const CLI::Option* const file =
+        app.add_option("FILE", options.file, "Configuration")->type_name("")->required();
+    AddCompletion(app, {{file, Completion::File}});
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : STATUS_USAGE;
+    }
+    return std::nullopt;
+}
+
+void PrintTopics(const MqttConfig& config) {
+    const Topics topics(config);
+    printf("%s\n%s\n%s\n", topics.Status().c_str(), topics.Alive().c_str(),
+           topics.Device("HOST").c_str());
+    for (const PinRef& pins : config.pins) {
+        for (const uint32_t tag : pins.Tags()) {
+            const std::string pin = PinText(tag);
+            const std::string name = config.names.NameOf(tag);
+            for (const std::string& text : {pin, name}) {
+                if (text.empty()) {
+                    continue;
+                }
+                printf("%s\n%s/level\n", topics.Pin(text).c_str(), topics.Pin(text).c_str());
+                if (!IsInput(tag)) {
+                    printf("%s\n", topics.Set(text).c_str());
+                }
+            }
+            printf("%s\n", topics.Event(pin).c_str());
+        }
+    }
+    for (const std::string& topic : Links(config).Subscriptions()) {
+        printf("%s\n", topic.c_str());
+    }
+}
+
+int Main(int argc, char** argv) {
+    Options options;
+    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
+        return *status;
+    }
+    const MqttConfig config = MqttConfig::Read(options.file);
+    if (options.print_topics) {
+        PrintTopics(config);
+    }
+    if (options.check || options.print_topics) {
+        return 0;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const Signals signals;
+    Bridge bridge(config, [](const std::string& text) { printf("%s\n", Printable(text).c_str()); });
+    if (bridge.Run(signals) == Bridge::End::TakenOver) {
+        fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", appname,
+                config.site.c_str());
+        return STATUS_TAKEN_OVER;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "%s: %s\n", appname, error.what());
+        return STATUS_FAILED;
+    }
+}
