@@ -181,9 +181,9 @@ const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
         status = STATUS_FAILED;
         return nullptr;
     }
-    const auto command =
-        std::find_if(COMMANDS.begin(), COMMANDS.end(),
-                     [this](const CommandSpec& spec) { return m_app.got_subcommand(spec.name); });
+    const auto command = std::find_if(
+        COMMANDS.begin(), COMMANDS.end(),
+        [this](const CommandSpec& candidate) { return m_app.got_subcandidate(candidate.name); });
     return &*command;
 }
 

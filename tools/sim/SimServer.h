@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "tools/base/Descriptor.h"
-#include "tools/sim/DeviceState.h"
 #include "tools/base/LineBuffer.h"
+#include "tools/sim/DeviceState.h"
 
 // Plays a device with one state to any number of clients on any number of addresses. For one
 // thread: it works only inside its calls and blocks only in Step(), so several servers, and
