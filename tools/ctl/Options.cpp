@@ -183,7 +183,7 @@ const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
     }
     const auto command = std::find_if(
         COMMANDS.begin(), COMMANDS.end(),
-        [this](const CommandSpec& candidate) { return m_app.got_subcandidate(candidate.name); });
+        [this](const CommandSpec& candidate) { return m_app.got_subcommand(candidate.name); });
     return &*command;
 }
 
