@@ -119,6 +119,7 @@ void Top::TakeSignals() {
                 m_screen->Suspend();
             }
             raise(SIGSTOP);
+            // cppcheck-suppress unreachableCode  ; SIGCONT goes on here
             m_redraw = true;
         } else {
             m_end = true;
