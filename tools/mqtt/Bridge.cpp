@@ -67,8 +67,9 @@ void Bridge::Step() {
     FollowConnection();
     m_pins.Serve();
     const std::string note = m_pins.TakeNote();
-    if (!note.empty()) {
+    if (!note.empty() && note != m_note) {
         m_tell(note);
+        m_note = note;
     }
     TakeMessages();
     m_sets.Tend();
@@ -130,10 +131,6 @@ void Bridge::SendSign() {
     m_next_sign = After(SIGN_EVERY);
     if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
         return m_broker.Drop("it is there, but no sign of life comes back");
-    }
-    // A device that can't be reached must not look alive to links.
-    if (!m_pins.IsUp() && m_phase == Phase::Online) {
-        return;
     }
     ++m_sign_count;
     m_signs.emplace_back(m_sign_count, Now());

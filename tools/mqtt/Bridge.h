@@ -64,6 +64,7 @@ private:
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
+    std::string m_note;  // the last one of the bus
     uint64_t m_dropped = 0;
     bool m_has_more = false;
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number

@@ -31,6 +31,15 @@ ip -n hub link add br0 type bridge
 ip -n hub addr add 10.78.0.1/24 dev br0
 ip -n hub link set br0 up
 
+await() { # FILE TEXT
+    for _ in $(seq 100); do
+        ! grep -qs -- "$2" "$1" || return 0
+        sleep 0.1
+    done
+    echo "no $2 in $1 in 10 s"
+    exit 1
+}
+
 site() { # NAME NUMBER ADDRESS
     ip netns add "$1"
     ip -n "$1" link set lo up
@@ -46,7 +55,9 @@ site() { # NAME NUMBER ADDRESS
     printf 'CFG GPO 1 SRCA=%s\nCFG GPO 2 SRCA=1:9\n' "$3" >"/run/$1.sim"
     mkfifo "/run/$1.in"
     ip netns exec "$1" "$bin/tools/sim/orvex-sim" "/run/$1.sim" <>"/run/$1.in" >"/run/$1.log" 2>&1 &
+    await "/run/$1.log" "listening on"
     ip netns exec "$1" "$bin/app/orvex" -debug >"/run/$1.orvex.log" 2>&1 &
+    await "/run/$1.log" " < "
     printf '%s\n' "site $1" "broker 10.78.0.1" "interface eth0" "names /dev/null" "ask 2" \
         "link studio:1:2:in1 -> tower:7:4:out1 on-loss H 2" >"/run/$1.conf"
 }
