@@ -22,6 +22,16 @@ std::string ReadLink(const fs::path& path) {
     return fs::read_symlink(path, error).string();
 }
 
+// A program of another user doesn't show its network and may be in ours. One that has ended and is
+// still in the table has none.
+bool IsInNetwork(const fs::path& folder, const std::string& network) {
+    std::error_code error;
+    const fs::path own = fs::read_symlink(folder / "ns/net", error);
+    return error ? error != std::errc::no_such_file_or_directory &&
+                       error != std::errc::no_such_process
+                 : own == network;
+}
+
 // Texts that end with a NUL each.
 std::vector<std::string> Split(const std::string& text) {
     std::vector<std::string> words;
@@ -80,15 +90,14 @@ std::string RunningProgram::Variable(const std::string& variable) const {
 
 std::vector<RunningProgram> ReadPrograms() {
     std::vector<RunningProgram> programs;
-    const std::string own = ReadLink("/proc/self/ns/net");
+    const std::string network = ReadLink("/proc/self/ns/net");
     std::error_code error;
     fs::directory_iterator entry("/proc", error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const fs::path folder = entry->path();
         const std::string number = folder.filename().string();
-        const std::string network = ReadLink(folder / "ns/net");
         if (number.find_first_not_of("0123456789") != std::string::npos ||
-            (!network.empty() && network != own)) {
+            !IsInNetwork(folder, network)) {
             continue;
         }
         RunningProgram program;
