@@ -13,7 +13,7 @@ install(FILES docs/man/orvex.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES docs/man/orvex-protocol.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 install(FILES docs/protocol.md docs/wireshark.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/nftables/orvex.nft DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(DIRECTORY packaging/wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
+install(DIRECTORY wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
         FILES_MATCHING PATTERN "*.lua")
 
 set(ORVEX_UNITS orvex)

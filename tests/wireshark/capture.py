@@ -7,7 +7,7 @@ import struct
 import subprocess
 import tempfile
 
-PLUGINS = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "wireshark"
+PLUGINS = pathlib.Path(__file__).resolve().parents[2] / "wireshark"
 RAW_IP = 101
 UDP, TCP, ICMP = 17, 6, 1
 NOBODY = 65534

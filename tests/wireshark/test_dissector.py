@@ -316,7 +316,7 @@ class SourceTest(unittest.TestCase):
     @unittest.skipUnless(shutil.which("luacheck"), "no luacheck")
     def test_check(self):
         done = subprocess.run(["luacheck", "-q", *sorted(PLUGINS.glob("*.lua"))], check=False,
-                              cwd=PLUGINS.parents[1], capture_output=True, encoding="utf-8")
+                              cwd=PLUGINS.parent, capture_output=True, encoding="utf-8")
         self.assertEqual(done.returncode, 0, done.stdout)
 
 

@@ -6,6 +6,8 @@
 -- orvex.pin.group == "1:2", orvex.write.duration), the special items (orvex.id, orvex.refi, ...)
 -- and what is wrong with them (orvex.expert.truncated, ...). docs/wireshark.md lists them all.
 
+local common = require("orvex_common")
+
 local proto = Proto("orvex_message", "orvex message")
 
 local BYTE, DWORD, NESTED, QWORD = 7, 1, 6, 9
@@ -55,10 +57,7 @@ local f = {
     echo = ProtoField.uint64("orvex.echo", "Echoed from request to reply", base.HEX),
 }
 
-local function problem(name, group, severity, text)
-    return ProtoExpert.new("orvex.expert." .. name, text, expert.group[group],
-                           expert.severity[severity])
-end
+local problem = common.problems("orvex.expert.")
 
 local e = {
     truncated = problem("truncated", "MALFORMED", "ERROR", "Message passes its end: dropped"),
@@ -73,21 +72,7 @@ local e = {
     input = problem("input", "PROTOCOL", "WARN", "Write to an input pin: ignored"),
 }
 
-local function values(map)
-    local list = {}
-    for _, value in pairs(map) do
-        list[#list + 1] = value
-    end
-    return list
-end
-
-proto.fields = values(f)
-proto.experts = values(e)
-
--- Text from the wire, fit for showing.
-local function printable(text)
-    return (text:gsub("[^\32-\126]", "."))
-end
+common.declare(proto, f, e)
 
 -- Reads bytes from pos up to limit, the announced end of what is read. The capture may end before.
 local Cursor = {}
@@ -132,7 +117,7 @@ local SCALARS = {
 
 -- Values with a count before them: the width of an element and how it is shown.
 local function show_string(node, range)
-    local text = printable(range:raw():match("^[^\0]*"))
+    local text = common.printable(range:raw():match("^[^\0]*"))
     node:add(f.string, range, text)
     return "'" .. text .. "'"
 end
@@ -400,7 +385,7 @@ function dissect_message(cur, tree, depth)
         tree:add(f.undecoded, all):add_proto_expert_info(e.depth)
         return { name = "not shown" }
     end
-    local message = { name = printable(all:raw(0, math.min(4, all:len()))), pins = {} }
+    local message = { name = common.printable(all:raw(0, math.min(4, all:len()))), pins = {} }
     message.role = ROLES[message.name]
     local node = tree:add(f.message, all, message.name)
     message.whole = dissect_items(cur, node, message, depth)

@@ -9,6 +9,8 @@
 --
 -- The TCP ports are a preference of the protocol. The bus is dissected by orvex.lua.
 
+local common = require("orvex_common")
+
 local orvex_line = Proto("orvex_line", "orvex control lines")
 
 local MAX_LINE = 1999  -- characters of the longest line that is received
@@ -45,10 +47,7 @@ local f = {
     source_input = ProtoField.int32("orvex_line.source.input", "Remote input"),
 }
 
-local function problem(name, group, severity, text)
-    return ProtoExpert.new("orvex_line.expert." .. name, text, expert.group[group],
-                           expert.severity[severity])
-end
+local problem = common.problems("orvex_line.expert.")
 
 local e = {
     unknown = problem("unknown", "PROTOCOL", "WARN", "Unknown line: ignored"),
@@ -62,22 +61,7 @@ local e = {
     source = problem("source", "PROTOCOL", "WARN", "Unreadable address: counts as none"),
 }
 
-local function values(map)
-    local list = {}
-    for _, value in pairs(map) do
-        list[#list + 1] = value
-    end
-    return list
-end
-
-orvex_line.fields = values(f)
-orvex_line.experts = values(e)
-orvex_line.prefs.ports = Pref.range("TCP ports", "93", "Ports of the control servers", 65535)
-
--- Text from the wire, fit for showing.
-local function printable(text)
-    return (text:gsub("[^\32-\126]", "."))
-end
+common.declare(orvex_line, f, e)
 
 -- The number at pos, without sign, as C reads it in base 0, and the position behind it; values of
 -- more than 32 bits give 2^32. Nil when no digit stands there.
@@ -209,7 +193,7 @@ end
 -- Adds the part of a line from first to last; its text stands for itself without a value.
 local function add_part(line, parent, field, first, last, value)
     local range = line.tvb(line.start + first - 1, last - first + 1)
-    return parent:add(field, range, value or printable(line.text:sub(first, last)))
+    return parent:add(field, range, value or common.printable(line.text:sub(first, last)))
 end
 
 -- The functions below show what the value of a field, from first to last, stands for.
@@ -256,7 +240,7 @@ local function show_fields(line, pos, key, show)
         local node = add_part(line, line.node, f.field, field.first, field.last)
         local sign = line.text:find("[:=]", field.first)
         if sign and sign <= field.last then
-            local value = printable(unquote(line.text:sub(sign + 1, field.last)))
+            local value = common.printable(unquote(line.text:sub(sign + 1, field.last)))
             add_part(line, node, f.key, field.first, sign - 1)
             add_part(line, node, f.value, sign + 1, field.last, value)
             if line.text:sub(field.first, sign - 1) == key then
@@ -361,7 +345,7 @@ end
 local function dissect_line(tvb, start, length, tree)
     local range = tvb(start, length)
     local line = { tvb = tvb, start = start, text = range:raw() }
-    local text = printable(line.text)
+    local text = common.printable(line.text)
     line.node = tree:add(f.text, range, text)
     if length > MAX_LINE then
         line.node:add_proto_expert_info(e.overlong)
@@ -418,19 +402,4 @@ function orvex_line.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
-local tcp_port = DissectorTable.get("tcp.port")
-local registered_ports = ""
-
-local function register_ports()
-    if registered_ports ~= "" then
-        tcp_port:remove(registered_ports, orvex_line)
-    end
-    registered_ports = orvex_line.prefs.ports
-    if registered_ports ~= "" then
-        tcp_port:add(registered_ports, orvex_line)
-    end
-end
-
-orvex_line.prefs_changed = register_ports
-register_ports()
-tcp_port:add_for_decode_as(orvex_line)
+common.serve_ports(orvex_line, "tcp", "93", "Ports of the control servers")

@@ -4,8 +4,10 @@
 -- packets (orvex.ack_in, orvex.request_in, ...) and what is wrong with a packet
 -- (orvex.expert.short, ...). docs/wireshark.md lists them all.
 --
--- The UDP ports are a preference of the protocol. orvex_message.lua, which must be installed beside
--- this file, dissects the payload; orvex_line.lua dissects the control lines.
+-- The UDP ports are a preference of the protocol. orvex_common.lua and orvex_message.lua must be beside
+-- this file: the second one dissects the payload. orvex_line.lua dissects the control lines.
+
+local common = require("orvex_common")
 
 local orvex = Proto("orvex", "orvex bus")
 
@@ -46,10 +48,7 @@ local f = {
     response_time = ProtoField.relative_time("orvex.response_time", "Time since the request"),
 }
 
-local function problem(name, group, severity, text)
-    return ProtoExpert.new("orvex.expert." .. name, text, expert.group[group],
-                           expert.severity[severity])
-end
+local problem = common.problems("orvex.expert.")
 
 local e = {
     cut = problem("cut", "UNDECODED", "NOTE", "The capture holds only the packet's beginning"),
@@ -64,18 +63,7 @@ local e = {
     repeated = problem("repeated", "SEQUENCE", "NOTE", "Repetition of an earlier packet"),
 }
 
-local function values(map)
-    local list = {}
-    for _, value in pairs(map) do
-        list[#list + 1] = value
-    end
-    return list
-end
-
-orvex.fields = values(f)
-orvex.experts = values(e)
-orvex.prefs.ports = Pref.range("UDP ports", "2055,2060",
-                               "Ports at which the bus is listened to", 65535)
+common.declare(orvex, f, e)
 
 -- The header's fields with their widths.
 local HEADER = {
@@ -320,19 +308,4 @@ function orvex.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
-local udp_port = DissectorTable.get("udp.port")
-local registered_ports = ""
-
-local function register_ports()
-    if registered_ports ~= "" then
-        udp_port:remove(registered_ports, orvex)
-    end
-    registered_ports = orvex.prefs.ports
-    if registered_ports ~= "" then
-        udp_port:add(registered_ports, orvex)
-    end
-end
-
-orvex.prefs_changed = register_ports
-register_ports()
-udp_port:add_for_decode_as(orvex)
+common.serve_ports(orvex, "udp", "2055,2060", "Ports at which the bus is listened to")

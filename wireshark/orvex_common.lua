@@ -1,0 +1,51 @@
+-- What the dissectors of orvex have in common; each asks for it with require. Wireshark loads this
+-- file with the others, too, which does nothing.
+
+local common = {}
+
+-- A function that makes the remarks ("expert information") whose names begin with prefix.
+function common.problems(prefix)
+    return function(name, group, severity, text)
+        return ProtoExpert.new(prefix .. name, text, expert.group[group], expert.severity[severity])
+    end
+end
+
+-- Gives the protocol its fields and remarks, two tables whose keys are the dissector's own.
+function common.declare(proto, fields, experts)
+    local function values(map)
+        local list = {}
+        for _, value in pairs(map) do
+            list[#list + 1] = value
+        end
+        return list
+    end
+    proto.fields = values(fields)
+    proto.experts = values(experts)
+end
+
+-- Text from the wire, fit for showing.
+function common.printable(text)
+    return (text:gsub("[^\32-\126]", "."))
+end
+
+-- Makes the ports of a transport ("udp", "tcp") a preference of the protocol, and follows it.
+function common.serve_ports(proto, transport, ports, description)
+    local name = transport:upper() .. " ports"
+    proto.prefs.ports = Pref.range(name, ports, description, 65535)
+    local dissectors = DissectorTable.get(transport .. ".port")
+    local registered = ""
+    local function register()
+        if registered ~= "" then
+            dissectors:remove(registered, proto)
+        end
+        registered = proto.prefs.ports
+        if registered ~= "" then
+            dissectors:add(registered, proto)
+        end
+    end
+    proto.prefs_changed = register
+    register()
+    dissectors:add_for_decode_as(proto)
+end
+
+return common
