@@ -17,11 +17,11 @@ bool Readable(int fd, int timeout_ms) {
 
 }  // namespace
 
-LoopbackServer::LoopbackServer(unsigned short port)
+LoopbackServer::LoopbackServer(unsigned short port, const char* ip)
     : m_listener(socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = inet_addr(ip);
     address.sin_port = htons(port);
     const int on = 1;
     setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);

@@ -3,11 +3,12 @@
 
 #include <string>
 
-// Listens on 127.0.0.1. Waits are limited to five seconds; what does not come in that time is told
-// by the results.
+// Listens on one address. Waits are limited to five seconds; what does not come in that time is
+// told by the results.
 class LoopbackServer {
 public:
-    explicit LoopbackServer(unsigned short port = 0);  // 0: the system chooses
+    // Port 0: the system chooses.
+    explicit LoopbackServer(unsigned short port = 0, const char* ip = "127.0.0.1");
     ~LoopbackServer();
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
