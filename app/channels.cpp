@@ -3,9 +3,9 @@
 #include <cstdio>
 
 #include "app/orvex.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/line.h"
 #include "tqr/tqr_util.h"
+#include "tqr/trace.h"
 
 Channel channels[CHANNEL_COUNT];
 

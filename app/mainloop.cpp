@@ -11,8 +11,8 @@
 
 #include "app/orvex.h"
 #include "msg/cmsgdump.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/line.h"
+#include "tqr/trace.h"
 
 namespace {
 

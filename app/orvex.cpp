@@ -18,8 +18,8 @@
 
 #include "app/pidfile.h"
 #include "msg/cmsgdump.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
+#include "tqr/trace.h"
 
 std::string tqr_ip = "127.0.0.1";
 unsigned short tqr_port = LINE_PORT;

@@ -25,7 +25,7 @@
 
 const char* const appname = "orvex";
 
-// ---- Settings. The debug flag dbg is declared in gpiocli/gpiocli.h.
+// ---- Settings. The debug flag dbg is declared in tqr/trace.h.
 
 extern std::string tqr_ip;       // address of TQRD, a dotted quad
 extern unsigned short tqr_port;  // its TCP port

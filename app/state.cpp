@@ -7,9 +7,9 @@
 
 #include "app/orvex.h"
 #include "msg/cmsgdump.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/line.h"
 #include "tqr/tqr_util.h"
+#include "tqr/trace.h"
 
 namespace {
 

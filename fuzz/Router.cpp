@@ -4,6 +4,7 @@
 
 #include "fuzz/Check.h"
 #include "msg/cmsgdump.h"
+#include "tqr/trace.h"
 
 Router& Router::Get() {
     static Router router;

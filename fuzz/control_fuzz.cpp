@@ -6,6 +6,7 @@
 
 #include "fuzz/Check.h"
 #include "fuzz/Router.h"
+#include "tqr/trace.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include "fuzz/Check.h"
 #include "fuzz/Router.h"
 #include "fuzz/Script.h"
+#include "tqr/trace.h"
 
 namespace {
 

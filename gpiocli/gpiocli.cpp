@@ -4,12 +4,10 @@
 #include <cstring>
 #include <new>
 
-#include "tqr/dotted_quad.h"
 #include "tqr/line.h"
 #include "tqr/tqr_util.h"
 #include "tqr/tqrcli.h"
-
-int dbg = 0;
+#include "tqr/trace.h"
 
 namespace {
 

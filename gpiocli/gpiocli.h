@@ -7,10 +7,6 @@
 
 class CTQRClient;
 
-// The debug flag of the process: 1 makes every part of the daemon print its trace lines on standard
-// output. It stands here because this is the lowest part that traces.
-extern int dbg;
-
 // Calls visit(entry) for every entry of a set (bit k = entry k), from the lowest up.
 template <class Visitor>
 void for_each_entry(unsigned long set, Visitor visit) {

@@ -8,8 +8,6 @@
 #include <new>
 
 #include "net/InetAddress.h"
-#include "rudp/RUdpMsg.h"
-#include "rudp/RUdpTIDMap.h"
 
 namespace {
 
@@ -73,15 +71,6 @@ CRUdpLayer1Base::CRUdpLayer1Base() {
 
 CRUdpLayer1Base::~CRUdpLayer1Base() {
     Close();
-    if (m_bOwnTimeouts) {
-        delete[] m_pTimeouts;
-    }
-    if (m_bOwnMsg) {
-        delete m_pMsg;
-    }
-    if (m_bOwnTIDMap) {
-        delete m_pTIDMap;
-    }
 }
 
 bool CRUdpLayer1Base::Open(bool server, char const* host, unsigned short port, RUdpMsg* msg,
@@ -96,7 +85,7 @@ bool CRUdpLayer1Base::Open(bool server, char const* host, unsigned short port, R
     }
     if (m_bOpen && server) {
         m_bOpen = TakeTIDMap(map);
-    } else if (m_bOpen && m_pTimeouts == nullptr) {
+    } else if (m_bOpen && m_Timeouts.Get() == nullptr) {
         m_bOpen = SetCliOptions(4, 1000, true, 200, nullptr, false);
     }
     if (!m_bOpen) {
@@ -110,41 +99,25 @@ bool CRUdpLayer1Base::TakeBuffer(RUdpMsg* msg) {
     if (size <= static_cast<int>(RUdpMsg::HEADER_SIZE)) {
         return false;
     }
-    const bool own = msg == nullptr;
-    if (own) {
-        if (m_pMsg != nullptr) {
-            return true;
-        }
-        msg = new (std::nothrow) RUdpMsg(static_cast<unsigned long>(size) - RUdpMsg::HEADER_SIZE);
-        if (msg == nullptr || msg->GetPacketPtr() == nullptr) {
-            delete msg;
-            return false;
+    if (msg != nullptr) {
+        m_Msg.Borrow(msg);
+    } else if (m_Msg.Get() == nullptr) {
+        m_Msg.Own(new (std::nothrow)
+                      RUdpMsg(static_cast<unsigned long>(size) - RUdpMsg::HEADER_SIZE));
+        if (m_Msg.Get() != nullptr && m_Msg.Get()->GetPacketPtr() == nullptr) {
+            m_Msg.Own(nullptr);
         }
     }
-    if (msg != m_pMsg) {
-        if (m_bOwnMsg) {
-            delete m_pMsg;
-        }
-        m_pMsg = msg;
-        m_bOwnMsg = own;
-    }
-    return true;
+    return m_Msg.Get() != nullptr;
 }
 
 bool CRUdpLayer1Base::TakeTIDMap(CRUdpTIDMap* map) {
-    const bool own = map == nullptr;
-    if (own) {
-        if (m_pTIDMap != nullptr) {
-            return true;
-        }
-        map = new (std::nothrow) CRUdpTIDMap(10000, nullptr, 17, nullptr, 0, 32);
+    if (map != nullptr) {
+        m_TIDMap.Borrow(map);
+    } else if (m_TIDMap.Get() == nullptr) {
+        m_TIDMap.Own(new (std::nothrow) CRUdpTIDMap(10000, nullptr, 17, nullptr, 0, 32));
     }
-    if (m_bOwnTIDMap) {
-        delete m_pTIDMap;
-    }
-    m_pTIDMap = map;
-    m_bOwnTIDMap = own;
-    return map != nullptr;
+    return m_TIDMap.Get() != nullptr;
 }
 
 void CRUdpLayer1Base::Close() {
@@ -169,9 +142,9 @@ bool CRUdpLayer1Base::SetCliOptions(unsigned int retries, unsigned long totalMs,
     }
     if (!tableReady) {
         if (exponential) {
-            fill_exponential(m_pTimeouts, m_nRetries, total, factor);
+            fill_exponential(m_Timeouts.Get(), m_nRetries, total, factor);
         } else {
-            fill_linear(m_pTimeouts, m_nRetries, total);
+            fill_linear(m_Timeouts.Get(), m_nRetries, total);
         }
     }
     return true;
@@ -179,11 +152,9 @@ bool CRUdpLayer1Base::SetCliOptions(unsigned int retries, unsigned long totalMs,
 
 // Takes the caller's table, or sees to a table of the endpoint's own.
 bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
-    const bool own = table == nullptr;
-    if (own) {
-        if (m_pTimeouts != nullptr && retries == m_nRetries) {
-            return true;
-        }
+    if (table != nullptr) {
+        m_Timeouts.Borrow(table);
+    } else if (m_Timeouts.Get() == nullptr || retries != m_nRetries) {
         const size_t size = retries;
         if (size <= PTRDIFF_MAX / sizeof *table) {  // more is no size of an array
             table = new (std::nothrow) unsigned long[size]();
@@ -191,12 +162,8 @@ bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
         if (table == nullptr) {
             return false;
         }
+        m_Timeouts.Own(table);
     }
-    if (m_bOwnTimeouts) {
-        delete[] m_pTimeouts;
-    }
-    m_pTimeouts = table;
-    m_bOwnTimeouts = own;
     m_nRetries = retries;
     return true;
 }
@@ -245,7 +212,7 @@ bool CRUdpLayer1Base::SendReliably(CInetAddress const& to, RUdpMsg& msg) {
             return Fail(WRITE_FAILED);
         }
         bool nack = false;
-        const int answer = WaitForAck(to, m_nTID, m_pTimeouts[i], nack);
+        const int answer = WaitForAck(to, m_nTID, m_Timeouts.Get()[i], nack);
         if (answer < 0) {
             return Fail(ACK_WAIT_FAILED);
         }
@@ -312,14 +279,14 @@ bool CRUdpLayer1Base::SendAck(CInetAddress const& to, unsigned long tid, bool po
 
 bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
     m_nLastError = OK;
-    if (m_pTIDMap == nullptr || m_pMsg == nullptr) {
+    if (m_TIDMap.Get() == nullptr || m_Msg.Get() == nullptr) {
         return Fail(NOT_RECEIVING);
     }
     const uint32_t limit = static_cast<uint32_t>(timeoutMs);
     uint32_t left = limit;
     CTickTimer timer;
     for (;;) {
-        m_pTIDMap->RemoveOldEntries();
+        m_TIDMap.Get()->RemoveOldEntries();
         const int readable = m_Socket.WaitForRead(left);
         if (readable < 0) {
             return Fail(MSG_WAIT_FAILED);
@@ -332,7 +299,7 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
             return Fail(READ_FAILED);
         }
         if (delivered) {
-            msg = m_pMsg;
+            msg = m_Msg.Get();
             return true;
         }
         if (limit != no_limit && (left = time_left(timer, limit)) == 0) {
@@ -345,9 +312,10 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
 // the test for repeats: the acknowledgement of the first one may have been lost. False when the
 // socket can't be read.
 bool CRUdpLayer1Base::Receive(bool& delivered) {
+    RUdpMsg& packet = *m_Msg.Get();
     CInetAddress sender;
-    const int length = m_Socket.Read(&sender, reinterpret_cast<char*>(m_pMsg->GetPacketPtr()),
-                                     static_cast<int>(m_pMsg->GetPacketSize()));
+    const int length = m_Socket.Read(&sender, reinterpret_cast<char*>(packet.GetPacketPtr()),
+                                     static_cast<int>(packet.GetPacketSize()));
     if (length < 0) {
         printf("ERROR: WaitForMessage: Error on Read! (cbMsg=%d,WSA=%d)\n", length, errno);
         return false;
@@ -356,17 +324,17 @@ bool CRUdpLayer1Base::Receive(bool& delivered) {
     if (static_cast<unsigned long>(length) < RUdpMsg::HEADER_SIZE) {
         return true;
     }
-    m_pMsg->SetPacketByteCount(static_cast<unsigned long>(length));
+    packet.SetPacketByteCount(static_cast<unsigned long>(length));
     bool deliver = false;
     bool send_ack = false;
     bool positive = false;
-    ProcessMessage(*m_pMsg, deliver, send_ack, positive);
+    ProcessMessage(packet, deliver, send_ack, positive);
     if (send_ack && is_unicast(sender)) {
-        SendAck(sender, m_pMsg->GetMsgTID(), positive);
+        SendAck(sender, packet.GetMsgTID(), positive);
     }
-    if (deliver &&
-        !m_pTIDMap->DuplicateTestAndSet(sender.GetIP(), sender.GetPort(), m_pMsg->GetMsgTID())) {
-        m_pMsg->SetHost(sender.GetIP());
+    if (deliver && !m_TIDMap.Get()->DuplicateTestAndSet(sender.GetIP(), sender.GetPort(),
+                                                        packet.GetMsgTID())) {
+        packet.SetHost(sender.GetIP());
         delivered = true;
     }
     return true;

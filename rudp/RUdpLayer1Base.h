@@ -4,10 +4,11 @@
 #include <cstdint>
 
 #include "net/InetSocket.h"
+#include "rudp/MaybeOwned.h"
+#include "rudp/RUdpMsg.h"
+#include "rudp/RUdpTIDMap.h"
 
 class CInetAddress;
-class CRUdpTIDMap;
-class RUdpMsg;
 
 // One UDP socket, one packet buffer that every message sent or received uses again, and the
 // protocol that makes a data message reliable: its sender repeats it until an acknowledgement
@@ -109,7 +110,7 @@ public:
     unsigned long GetLastError() const { return m_nLastError; }
     static unsigned char GetVer() { return m_nRUdpVersion; }
     // The packet buffer, null before the first Open.
-    RUdpMsg* GetMsgBuffer() { return m_pMsg; }
+    RUdpMsg* GetMsgBuffer() { return m_Msg.Get(); }
 
 protected:
     // Called for every datagram received that has a whole header. Sets deliver (to the caller of
@@ -132,13 +133,10 @@ private:
 
     CInetSocket m_Socket;
     bool m_bOpen = false;
-    unsigned long* m_pTimeouts = nullptr;  // m_nRetries entries of 32 bits each
-    bool m_bOwnTimeouts = false;
+    MaybeOwned<unsigned long[]> m_Timeouts;  // m_nRetries entries of 32 bits each
     uint32_t m_nRetries = 0;
     uint32_t m_nTID;  // the last one issued
-    RUdpMsg* m_pMsg = nullptr;
-    bool m_bOwnMsg = false;
-    CRUdpTIDMap* m_pTIDMap = nullptr;
-    bool m_bOwnTIDMap = false;
+    MaybeOwned<RUdpMsg> m_Msg;
+    MaybeOwned<CRUdpTIDMap> m_TIDMap;
     uint32_t m_nLastError = OK;
 };

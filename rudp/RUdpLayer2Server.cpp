@@ -25,7 +25,12 @@ template class CRUdpGenericServer<CRUdpLayer2Base>;
 
 void CRUdpLayer2Server::ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck,
                                        bool& positive) {
-    if (msg.GetLayer() < GetLayer()) {
+    ProcessFrom(GetLayer(), msg, deliver, sendAck, positive);
+}
+
+void CRUdpLayer2Server::ProcessFrom(unsigned char lowest, RUdpMsg const& msg, bool& deliver,
+                                    bool& sendAck, bool& positive) {
+    if (msg.GetLayer() < lowest) {
         deliver = false;
         sendAck = true;
         positive = false;

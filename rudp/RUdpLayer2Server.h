@@ -26,4 +26,8 @@ extern template class CRUdpGenericServer<CRUdpLayer2Base>;
 class CRUdpLayer2Server : public CRUdpGenericServer<CRUdpLayer2Base> {
 protected:
     void ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck, bool& positive) override;
+
+    // The rule of this layer and those above: refuses what comes from below lowest.
+    void ProcessFrom(unsigned char lowest, RUdpMsg const& msg, bool& deliver, bool& sendAck,
+                     bool& positive);
 };

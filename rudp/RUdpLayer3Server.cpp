@@ -5,13 +5,7 @@
 
 void CRUdpLayer3Server::ProcessMessage(RUdpMsg const& msg, bool& deliver, bool& sendAck,
                                        bool& positive) {
-    if (msg.GetLayer() < GetLayer()) {
-        deliver = false;
-        sendAck = true;
-        positive = false;
-        return;
-    }
-    CRUdpLayer2Server::ProcessMessage(msg, deliver, sendAck, positive);
+    ProcessFrom(GetLayer(), msg, deliver, sendAck, positive);
 }
 
 bool CRUdpLayer3Server::WaitForMsg(CMessage* msg, unsigned long timeoutMs) {

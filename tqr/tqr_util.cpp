@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdint>
@@ -29,6 +30,29 @@ bool is_assignment(char c) {
 bool is_escape(const char* p) {
     return p[0] == '\\' && p[1] != '\0';
 }
+
+// Steps through a field or a value. A double quote switches quoting on and off; a backslash takes
+// the character behind it as it is.
+struct Scanner {
+    const char* p;
+    bool quoted = false;
+
+    bool at_end() const { return *p == '\0' || (!quoted && is_separator(*p)); }
+
+    // Moves past what stands here. Returns the character that it means; NUL for a quote.
+    char next() {
+        if (is_escape(p)) {
+            p += 2;
+            return p[-1];
+        }
+        if (*p == '"') {
+            quoted = !quoted;
+            ++p;
+            return '\0';
+        }
+        return *p++;
+    }
+};
 
 // What base 0 means to the device: newer C libraries also take "0b1" for a number.
 int base_of(const char* number) {
@@ -105,29 +129,23 @@ unsigned long tqr_strtoul(const char* text, const char** end, int base) {
 }
 
 void tqr_nextval(const char*& p) {
-    bool quoted = false;
-    for (; *p != '\0' && (quoted || !is_separator(*p)); ++p) {
-        if (is_escape(p)) {
-            ++p;
-        } else if (*p == '"') {
-            quoted = !quoted;
-        }
+    Scanner scan{p};
+    while (!scan.at_end()) {
+        scan.next();
     }
+    p = scan.p;
     while (is_separator(*p)) {
         ++p;
     }
 }
 
 void tqr_copyval(const char*& src, char*& dst) {
-    bool quoted = false;
-    for (; *src != '\0' && (quoted || !is_separator(*src)); ++src) {
-        *dst++ = *src;
-        if (is_escape(src)) {
-            *dst++ = *++src;
-        } else if (*src == '"') {
-            quoted = !quoted;
-        }
+    Scanner scan{src};
+    while (!scan.at_end()) {
+        scan.next();
     }
+    dst = std::copy(src, scan.p, dst);
+    src = scan.p;
     *dst++ = ' ';
     *dst = '\0';
 }
@@ -137,17 +155,11 @@ void tqr_copyval(char* dst, const char* src, int size) {
         return;
     }
     const char* const last = dst + size - 1;
-    bool quoted = false;
-    for (; src != nullptr && *src != '\0' && dst < last; ++src) {
-        if (!quoted && (is_separator(*src) || is_line_end(*src))) {
-            break;
-        }
-        if (is_escape(src)) {
-            *dst++ = *++src;
-        } else if (*src == '"') {
-            quoted = !quoted;
-        } else {
-            *dst++ = *src;
+    Scanner scan{src == nullptr ? "" : src};
+    while (dst < last && !scan.at_end() && (scan.quoted || !is_line_end(*scan.p))) {
+        const char c = scan.next();
+        if (c != '\0') {
+            *dst++ = c;
         }
     }
     *dst = '\0';
@@ -155,19 +167,9 @@ void tqr_copyval(char* dst, const char* src, int size) {
 
 int tqr_vallen(const char* value) {
     int count = 0;
-    bool quoted = false;
-    for (; value != nullptr && *value != '\0' && !is_line_end(*value); ++value) {
-        if (!quoted && is_separator(*value)) {
-            break;
-        }
-        if (is_escape(value)) {
-            ++value;
-            ++count;
-        } else if (*value == '"') {
-            quoted = !quoted;
-        } else {
-            ++count;
-        }
+    Scanner scan{value == nullptr ? "" : value};
+    while (!scan.at_end() && !is_line_end(*scan.p)) {
+        count += scan.next() == '\0' ? 0 : 1;
     }
     return count;
 }

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <new>
 
-#include "tqr/dotted_quad.h"
+#include "tqr/trace.h"
 
 namespace {
 

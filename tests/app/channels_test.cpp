@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tests/app/InProcess.h"
-#include "tqr/dotted_quad.h"
+#include "tqr/trace.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "tqr/dotted_quad.h"
 #include "tqr/line.h"
+#include "tqr/trace.h"
 
 namespace {
 

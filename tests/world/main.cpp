@@ -11,6 +11,7 @@
 #include "tests/world/Model.h"
 #include "tests/world/Peers.h"
 #include "tests/world/Writer.h"
+#include "tqr/trace.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <sstream>
 
-#include "tqr/dotted_quad.h"
+#include "tqr/trace.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include "tools/bus/PinName.h"
 #include "tools/tqrd/SourceNotes.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
+#include "tqr/trace.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 
 #include "tools/bus/PinName.h"
 #include "tools/tqrd/ChannelTable.h"
-#include "tqr/dotted_quad.h"
 #include "tqr/tqr_util.h"
+#include "tqr/trace.h"
 
 namespace {
 

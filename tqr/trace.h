@@ -1,5 +1,9 @@
-// IPv4 addresses as messages print them.
+// What the daemon's trace lines and messages have in common.
 #pragma once
+
+// The debug flag of the process: 1 makes every part of the daemon print its trace lines on standard
+// output.
+extern int dbg;
 
 // The text of an address: DottedQuad(ip).text is "10.0.0.9". ip is in network byte order; its four
 // bytes are printed in the order in which they lie in memory.

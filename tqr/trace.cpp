@@ -1,8 +1,10 @@
-#include "tqr/dotted_quad.h"
+#include "tqr/trace.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+
+int dbg = 0;
 
 DottedQuad::DottedQuad(unsigned long ip) {
     const uint32_t address = static_cast<uint32_t>(ip);
