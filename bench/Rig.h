@@ -19,8 +19,8 @@ int64_t now_ns();
 class Rig {
 public:
     enum class Kind {
-        Daemon,  // detaches, has to be told its channels
-        Floor    // stays in the foreground
+        Daemon,   // detaches, has to be told its channels
+        Baseline  // stays in the foreground
     };
 
     // Starts the subject and waits until it serves. Ends the program when it does not.

@@ -30,8 +30,8 @@ std::unique_ptr<Rig> start_daemon(const Words& command = {ORVEX_PROGRAM}) {
     return std::make_unique<Rig>(command, Rig::Kind::Daemon);
 }
 
-std::unique_ptr<Rig> start_floor(const char* name, Path path) {
-    return std::make_unique<Rig>(Words{ORVEX_FLOOR, name, path_name(path)}, Rig::Kind::Floor);
+std::unique_ptr<Rig> start_baseline(const char* name, Path path) {
+    return std::make_unique<Rig>(Words{ORVEX_BASELINE, name, path_name(path)}, Rig::Kind::Baseline);
 }
 
 // This process and all it starts from now on run on the processors from first to last.
@@ -80,8 +80,8 @@ struct Subject {
 // see the same machine.
 json path_delays(Path path, int count) {
     Subject subjects[3] = {{"daemon", start_daemon(), {}},
-                           {"least", start_floor("least", path), {}},
-                           {"same", start_floor("same", path), {}}};
+                           {"least", start_baseline("least", path), {}},
+                           {"same", start_baseline("same", path), {}}};
     const int warm_up = 50;
     int64_t cpu[3] = {};
     for (int i = -warm_up; i < count; ++i) {

@@ -82,6 +82,13 @@ class ManualsTest(unittest.TestCase):
             self.assertGreater(len(parts), 20)
             self.assertEqual(sorted(part for part in parts if part not in manual), [], name)
 
+    def test_verbs(self):
+        shown = subprocess.run([CTL, "--completion", "bash"], check=True, capture_output=True,
+                               encoding="utf-8").stdout
+        verbs = re.search(r"\[' '\]='([a-z ]*) -", shown)[1].split()
+        manual = (ROOT / "docs/man/orvexctl.1").read_text("utf-8")
+        self.assertEqual(verbs, re.findall(r"^\.It Cm (\w+)", manual, re.M))
+
     def test_options(self):
         helps = {"orvex.8": (DAEMON, "-help"), "orvexctl.1": (CTL, "--completion", "bash"),
                  "orvex-sim.1": (SIM, "--completion", "bash")}

@@ -1,4 +1,4 @@
-// What no daemon can beat: orvex-floor least|same PATH stands in for the daemon on one path and
+// What no daemon can beat: orvex-baseline least|same PATH stands in for the daemon on one path and
 // looks at nothing it receives.
 //
 //   least  the least a program can do: wait, receive, send
@@ -24,9 +24,9 @@ const size_t REPORT_SIZE = 52;  // header and five pins
 const size_t REPLY_SIZE = 50;   // header, reference, one pin, kind and data
 const size_t ACK_SIZE = 8;
 
-class Floor {
+class Baseline {
 public:
-    Floor(Path path, bool same)
+    Baseline(Path path, bool same)
         : m_path(path),
           m_same(same),
           m_control(connect_to(CONTROL_ADDRESS, LINE_PORT)),
@@ -119,11 +119,11 @@ private:
 int main(int argc, char** argv) {
     Path path = Path::Write;
     if (argc != 3 || !find_path(argv[2], path)) {
-        fprintf(stderr, "usage: orvex-floor least|same PATH\n");
+        fprintf(stderr, "usage: orvex-baseline least|same PATH\n");
         return 2;
     }
-    static Floor floor(path, std::string(argv[1]) == "same");
-    while (floor.Turn()) {
+    static Baseline baseline(path, std::string(argv[1]) == "same");
+    while (baseline.Turn()) {
     }
     return 0;
 }
