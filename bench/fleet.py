@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """A fleet: daemons, each on a host of its own with its control server, on one bridge and one bus.
 
-Prints what a write, a read and a report cost as the fleet grows, what a burst loses, and what it
-sends and receives to plan a site with. Writes the figures to a JSON file.
+Prints what a write, a read and a report cost as the fleet grows and what a burst loses; then what
+31 remote servers that come and go, and a control server that does not read, do to one daemon.
+Writes the figures to a JSON file.
 """
 
 import ctypes
@@ -28,6 +29,7 @@ READ, WRITE = 0x52454144, 0x57524E49
 OUTPUT_1 = 8  # circuit
 CLONE_NEWNET = 0x40000000
 LIMIT_S = 5
+SWEEP_S = 60  # the daemon connects to lost servers again within this time
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -203,6 +205,97 @@ class Fleet:
         return {"sent": 2 * each * len(self.devices), "done": len(datagrams)}
 
 
+class RemoteServer:
+    """Sits on the studio's host and says nothing; the daemon follows its input 1."""
+
+    def __init__(self, number, device):
+        self.port = 10000 + number
+        self.device = device
+        self.serve()
+        device.control.sendall(b"CFG GPO %d SRCA=%s:%d/1\n" % (number, STUDIO.encode(), self.port))
+        self.accept()
+
+    def serve(self):
+        self.listener = socket.create_server((STUDIO, self.port))
+        self.listener.settimeout(2 * SWEEP_S)
+
+    def accept(self):
+        self.connection = self.listener.accept()[0]
+
+    def is_back(self):
+        if self.connection is None and select.select([self.listener], [], [], 0)[0]:
+            self.accept()
+        return self.connection is not None
+
+    def go(self):
+        """And come back, which the daemon finds out with its next sweep."""
+        self.connection.close()
+        self.connection = None
+
+    def end(self):
+        self.listener.close()
+        self.connection.close()
+
+
+def sweep_of_servers(fleet, servers):
+    """Delays of writes while all servers drop their connections and until all have new ones."""
+    delays = []
+    for server in servers:
+        server.go()
+        delays.append(fleet.event("write"))
+    start = time.monotonic()
+    while not all([server.is_back() for server in servers]) and time.monotonic() < start + 2 * SWEEP_S:
+        delays.append(fleet.event("write"))
+    return {"seconds": time.monotonic() - start, "median_us": statistics.median(delays),
+            "max_us": max(delays)}
+
+
+def unread_lines(fleet):
+    """How many lines wait for a control server that does not read when the daemon stops."""
+    device, sent = fleet.devices[0], 0
+    while True:
+        for _ in range(100):
+            fleet.send(WRITE, device)
+            sent += 1
+            time.sleep(0.00005)
+        fleet.send(READ, device)
+        if not select.select([fleet.reports], [], [], 0.5)[0]:
+            break
+        fleet.reports.recv(2000)
+        fleet.reports.recv(2000)
+    lines = 0
+    while select.select([device.control], [], [], 0.5)[0]:
+        lines += device.control.recv(1 << 16).count(b"\n")
+    return {"sent": sent, "done": lines, "lost": device.lost()}
+
+
+def show_peers():
+    fleet = Fleet(1)
+    device = fleet.devices[0]
+    try:
+        alone = fleet.measure("write")
+        servers = [RemoteServer(number, device) for number in range(2, 33)]
+        time.sleep(0.1)
+        while select.select([device.control], [], [], 0.1)[0]:
+            device.control.recv(1 << 16)
+        connected = fleet.measure("write")
+        sweep = sweep_of_servers(fleet, servers)
+        slow = unread_lines(fleet)
+        for server in servers:
+            server.end()
+    finally:
+        fleet.end()
+    print("Peers of one daemon")
+    for title, row in ("no remote server", alone), ("31 remote servers", connected):
+        print(f"  write, {title:<18} {row['median_us']:>6,.0f} us, 99th {row['p99_us']:>6,.0f}, daemon"
+              f" {row['daemons_us']:.1f} us")
+    print(f"  write, while all 31 go and come back in {sweep['seconds']:.0f} s: {sweep['median_us']:,.0f} us,"
+          f" at most {sweep['max_us']:,.0f}")
+    print(f"  a control server that does not read: {slow['sent']:,} writes until the daemon waits for it,"
+          f" {slow['done']:,} lines when it reads again, {slow['lost']:,} datagrams lost")
+    return {"alone": alone, "connected": connected, "sweep": sweep, "unread": slow}
+
+
 def busy_ns():
     """Processor time of the whole machine that was not idle, whoever used it."""
     with open("/proc/stat") as file:
@@ -254,6 +347,7 @@ def main():
     for size in sizes:
         results.append(figures_of(size))
         show(results[-1])
+    results.append({"peers": show_peers()})
     with open("build/bench/fleet.json", "w") as file:
         json.dump(results, file, indent=1)
 
