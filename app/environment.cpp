@@ -32,7 +32,7 @@ unsigned int read_seconds(const char* name) {
     // Only plain numbers: not "inf", "1e3" or "-1", which strtod knows as well.
     const bool is_number = *end == '\0' && strspn(value, "0123456789.") == strlen(value);
     if (!is_number || seconds > MAX_SECONDS) {
-        fprintf(stderr, "%s: %s=%s ignored: not 0 to 86400 seconds\n", appname, name, value);
+        fprintf(stderr, "%s: %s=%s ignored: not 0 to 86400 seconds\n", APP_NAME, name, value);
         return 0;
     }
     const double ms = seconds * 1000;
@@ -46,7 +46,7 @@ bool read_yes(const char* name) {
         return false;
     }
     if (strcmp(value, "yes") != 0) {
-        fprintf(stderr, "%s: %s=%s ignored: neither yes nor no\n", appname, name, value);
+        fprintf(stderr, "%s: %s=%s ignored: neither yes nor no\n", APP_NAME, name, value);
         return false;
     }
     return true;

@@ -4,7 +4,7 @@ int main(int argc, char** argv) {
     open_standard_streams();
     parse_commands(argc, argv);
     read_environment();
-    if (!start(argc > 0 ? argv[0] : appname)) {
+    if (!start(argc > 0 ? argv[0] : APP_NAME)) {
         return 1;
     }
     CMainLoop loop;

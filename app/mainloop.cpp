@@ -141,7 +141,7 @@ int CMainLoop::wait_for_input() {
     }
     const int ready = select(m_maxfd + 1, &m_readable, nullptr, nullptr, &limit);
     if (ready < 0) {
-        printf("%s: select() failed err=%d\n", appname, errno);
+        printf("%s: select() failed err=%d\n", APP_NAME, errno);
     }
     return ready;
 }
@@ -175,10 +175,10 @@ void CMainLoop::dispatch_control_line(const char* line) {
 void CMainLoop::follow_interface() {
     const DottedQuad address(iface);
     if (dbg != 0) {
-        printf("%s: iface changed: %s\n", appname, address.text);
+        printf("%s: iface changed: %s\n", APP_NAME, address.text);
     }
     if (setsockopt(rudpcli.GetSocket(), IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof iface) != 0) {
-        printf("%s: setsockopt(IP_MULTICAST_IF,%s) failed error: %lu\n", appname, address.text,
+        printf("%s: setsockopt(IP_MULTICAST_IF,%s) failed error: %lu\n", APP_NAME, address.text,
                static_cast<unsigned long>(errno));
     }
     join_group();
@@ -190,7 +190,7 @@ void CMainLoop::serve_bus() {
         return;
     }
     if (!rudpsrv.WaitForMsg(&m_received, 0)) {
-        printf("%s server RUDP:WaitForMsg failed with error: %lu\n", appname,
+        printf("%s server RUDP:WaitForMsg failed with error: %lu\n", APP_NAME,
                rudpsrv.GetLastError());
         return;
     }

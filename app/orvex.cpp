@@ -61,20 +61,20 @@ void print_usage() {
         "  -debug               - enable debug information\n"
         "  -help                - this usage info\n"
         "  -gpioip              - GPIO mcast addr (default 239.192.255.4)\n",
-        appname, tqr_ip.c_str(), tqr_port);
+        APP_NAME, tqr_ip.c_str(), tqr_port);
 }
 
 bool open_bus() {
     if (!rudpsrv.Open(BUS_PORT, nullptr, nullptr, nullptr)) {
-        fprintf(stderr, "%s server at port %d open failed\n", appname, BUS_PORT);
+        fprintf(stderr, "%s server at port %d open failed\n", APP_NAME, BUS_PORT);
         return false;
     }
     if (dbg != 0) {
-        printf("%s server at port %d opened on IF_ANY\n", appname, BUS_PORT);
+        printf("%s server at port %d opened on IF_ANY\n", APP_NAME, BUS_PORT);
     }
     join_group();
     if (!rudpcli.Open(nullptr, nullptr)) {
-        fprintf(stderr, "%s client open failed\n", appname);
+        fprintf(stderr, "%s client open failed\n", APP_NAME);
         return false;
     }
     return true;
@@ -140,9 +140,9 @@ void request_configuration() {
 void join_group() {
     const DottedQuad group(gpioip);
     if (!rudpsrv.JoinMcastGroup(gpioip, iface)) {
-        fprintf(stderr, "%s S join %s failed err=%d\n", appname, group.text, errno);
+        fprintf(stderr, "%s S join %s failed err=%d\n", APP_NAME, group.text, errno);
     } else if (dbg != 0) {
-        printf("%s S join %s on %s\n", appname, group.text, DottedQuad(iface).text);
+        printf("%s S join %s on %s\n", APP_NAME, group.text, DottedQuad(iface).text);
     }
 }
 

@@ -23,7 +23,7 @@
 #include "rudp/RUdpLayer3Server.h"
 #include "tqr/tqrcli.h"
 
-const char* const appname = "orvex";
+const char* const APP_NAME = "orvex";
 
 // ---- Settings. The debug flag dbg is declared in tqr/trace.h.
 

@@ -167,7 +167,7 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
     const bool encoded = client.Encode(msg);
     for (int i = 0; i < 2; ++i) {
         if (!encoded || !client.SendEncoded(dest, CRUdpLayer3Client::DATAGRAM)) {
-            printf("%s RUDP:SendMsg failed with error: %lu\n", appname, client.GetLastError());
+            printf("%s RUDP:SendMsg failed with error: %lu\n", APP_NAME, client.GetLastError());
         }
     }
     return 1;

@@ -12,7 +12,7 @@
 namespace {
 
 const int LINE_SIZE = 2000;
-const char* const fname = "/var/log/gpiocli.txt";
+const char* const TABLE_FILE = "/var/log/gpiocli.txt";
 
 // As CTQRClient::open; without memory for the client, null, there is no connection.
 int connect_client(CTQRClient* client, uint32_t ip, uint16_t port) {
@@ -176,9 +176,9 @@ char* CGPIOClient::receive(int entry, unsigned long* mask) {
 }
 
 void CGPIOClient::print_cons() {
-    FILE* file = fopen(fname, "wt");
+    FILE* file = fopen(TABLE_FILE, "wt");
     if (file == nullptr) {
-        fprintf(stderr, "CGPIOClient::print_cons can't create %s\n", fname);
+        fprintf(stderr, "CGPIOClient::print_cons can't create %s\n", TABLE_FILE);
         return;
     }
     fprintf(file, "Connection table:\r\n");

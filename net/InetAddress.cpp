@@ -11,7 +11,7 @@
 
 namespace {
 
-const size_t max_name = 79;
+const size_t MAX_NAME = 79;
 
 // atoi as it is where long has 32 bits: numbers beyond saturate.
 int32_t atoi32(const char* text) {
@@ -78,10 +78,10 @@ int CInetAddress::SetAddress(const char* text, unsigned short port) {
     }
 
     const size_t length = colon != nullptr ? static_cast<size_t>(colon - text) : strlen(text);
-    if (length == 0 || length > max_name) {
+    if (length == 0 || length > MAX_NAME) {
         return -1;
     }
-    char name[max_name + 1];
+    char name[MAX_NAME + 1];
     memcpy(name, text, length);
     name[length] = '\0';
     return strcmp(name, "localhost") == 0 ? SetLocalAddress(port) : SetNamedHost(name, port);

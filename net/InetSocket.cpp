@@ -13,7 +13,7 @@
 
 namespace {
 
-const uint32_t no_limit = 0xFFFFFFFF;
+const uint32_t NO_LIMIT = 0xFFFFFFFF;
 
 // What brackets the life of a socket where the system's sockets have to be started. Here they are
 // always there.
@@ -62,7 +62,7 @@ int wait_for(int sock, unsigned long ms, bool write) {
     timeval limit = {static_cast<time_t>(time / 1000),
                      static_cast<suseconds_t>(time % 1000 * 1000)};
     return select(sock + 1, write ? nullptr : &set, write ? &set : nullptr, nullptr,
-                  time == no_limit ? nullptr : &limit);
+                  time == NO_LIMIT ? nullptr : &limit);
 }
 
 }  // namespace

@@ -11,11 +11,11 @@
 
 namespace {
 
-const uint32_t no_limit = 0xFFFFFFFF;
-const unsigned long first_group = 0xE0000000;  // 224.0.0.0: multicast and broadcast from here on
+const uint32_t NO_LIMIT = 0xFFFFFFFF;
+const unsigned long FIRST_GROUP = 0xE0000000;  // 224.0.0.0: multicast and broadcast from here on
 
 bool is_unicast(CInetAddress const& address) {
-    return address.GetIP() < first_group;
+    return address.GetIP() < FIRST_GROUP;
 }
 
 // What is left of the time; 0 when it is up. A clock set back makes the elapsed time negative, as
@@ -302,7 +302,7 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
             msg = m_Msg.Get();
             return true;
         }
-        if (limit != no_limit && (left = time_left(timer, limit)) == 0) {
+        if (limit != NO_LIMIT && (left = time_left(timer, limit)) == 0) {
             return Fail(TIMED_OUT);
         }
     }

@@ -5,8 +5,8 @@
 
 namespace {
 
-const unsigned char layer = 3;
-const unsigned long max_encoded = 65535;  // what the encoder can write
+const unsigned char LAYER = 3;
+const unsigned long MAX_ENCODED = 65535;  // what the encoder can write
 
 }  // namespace
 
@@ -32,7 +32,7 @@ bool CRUdpLayer3Client::Encode(CMsg2 const& msg) {
         return Fail(NO_BUFFER);
     }
     const unsigned long size = msg.GetTrueDataSize();
-    if (size > max_encoded || size > packet->GetDataSize()) {
+    if (size > MAX_ENCODED || size > packet->GetDataSize()) {
         return Fail(TOO_LARGE);
     }
     if (msg.GetData(reinterpret_cast<char*>(packet->GetDataPtr())) != size) {
@@ -44,5 +44,5 @@ bool CRUdpLayer3Client::Encode(CMsg2 const& msg) {
 }
 
 bool CRUdpLayer3Client::SendEncoded(CSvcAddress const& to, unsigned char type) {
-    return CRUdpLayer2Client::SendMsg(to, GetMsgBuffer(), type, layer);
+    return CRUdpLayer2Client::SendMsg(to, GetMsgBuffer(), type, LAYER);
 }

@@ -20,14 +20,14 @@
 namespace {
 
 enum Offset {
-    at_layer = 0,
-    at_type = 1,
-    at_payload_version = 2,
-    at_rudp_version = 3,
-    at_tid = 4,
-    at_result_port = 8,
-    at_lock_id = 10,
-    at_lock_tid = 12
+    AT_LAYER = 0,
+    AT_TYPE = 1,
+    AT_PAYLOAD_VERSION = 2,
+    AT_RUDP_VERSION = 3,
+    AT_TID = 4,
+    AT_RESULT_PORT = 8,
+    AT_LOCK_ID = 10,
+    AT_LOCK_TID = 12
 };
 
 // The buffer starts as zeros: header fields that a sender leaves alone carry nothing of what was in
@@ -63,63 +63,63 @@ RUdpMsg::~RUdpMsg() {
 }
 
 unsigned char RUdpMsg::GetLayer() const {
-    return m_pPacket[at_layer];
+    return m_pPacket[AT_LAYER];
 }
 
 unsigned char RUdpMsg::GetMsgType() const {
-    return m_pPacket[at_type];
+    return m_pPacket[AT_TYPE];
 }
 
 unsigned char RUdpMsg::GetPayloadVersion() const {
-    return m_pPacket[at_payload_version];
+    return m_pPacket[AT_PAYLOAD_VERSION];
 }
 
 unsigned char RUdpMsg::GetRUdpVersion() const {
-    return m_pPacket[at_rudp_version];
+    return m_pPacket[AT_RUDP_VERSION];
 }
 
 unsigned long RUdpMsg::GetMsgTID() const {
-    return ntoh_dw(m_pPacket + at_tid);
+    return ntoh_dw(m_pPacket + AT_TID);
 }
 
 unsigned short RUdpMsg::GetResultPort() const {
-    return ntoh_w(m_pPacket + at_result_port);
+    return ntoh_w(m_pPacket + AT_RESULT_PORT);
 }
 
 unsigned short RUdpMsg::GetLockID() const {
-    return ntoh_w(m_pPacket + at_lock_id);
+    return ntoh_w(m_pPacket + AT_LOCK_ID);
 }
 
 unsigned long RUdpMsg::GetLockTID() const {
-    return ntoh_dw(m_pPacket + at_lock_tid);
+    return ntoh_dw(m_pPacket + AT_LOCK_TID);
 }
 
 void RUdpMsg::SetMsgLayerAndType(unsigned char layer, unsigned char type) {
-    m_pPacket[at_layer] = layer;
-    m_pPacket[at_type] = type;
+    m_pPacket[AT_LAYER] = layer;
+    m_pPacket[AT_TYPE] = type;
 }
 
 void RUdpMsg::SetMsgType(unsigned char type) {
-    m_pPacket[at_type] = type;
+    m_pPacket[AT_TYPE] = type;
 }
 
 void RUdpMsg::SetPayloadVersion(unsigned char version) {
-    m_pPacket[at_payload_version] = version;
+    m_pPacket[AT_PAYLOAD_VERSION] = version;
 }
 
 void RUdpMsg::SetRUdpVersion(unsigned char version) {
-    m_pPacket[at_rudp_version] = version;
+    m_pPacket[AT_RUDP_VERSION] = version;
 }
 
 void RUdpMsg::SetMsgTID(unsigned long tid) {
-    hton_dw(tid, m_pPacket + at_tid);
+    hton_dw(tid, m_pPacket + AT_TID);
 }
 
 void RUdpMsg::SetRoutingInfo2(unsigned short resultPort, unsigned short lockID,
                               unsigned long lockTID) {
-    hton_w(resultPort, m_pPacket + at_result_port);
-    hton_w(lockID, m_pPacket + at_lock_id);
-    hton_dw(lockTID, m_pPacket + at_lock_tid);
+    hton_w(resultPort, m_pPacket + AT_RESULT_PORT);
+    hton_w(lockID, m_pPacket + AT_LOCK_ID);
+    hton_dw(lockTID, m_pPacket + AT_LOCK_TID);
 }
 
 void RUdpMsg::SetRoutingInfo(RUdpMsg const& source) {

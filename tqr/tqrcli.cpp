@@ -18,7 +18,7 @@
 
 namespace {
 
-const char* const appname = "tqrcli";
+const char* const APP_NAME = "tqrcli";
 
 // A socket, or -1. One that does not fit an fd_set can't be waited for, so it counts as none.
 int open_socket() {
@@ -34,7 +34,7 @@ int open_socket() {
 // The connection is used without an option that can't be set.
 void check_option(int result, const char* name) {
     if (result != 0) {
-        fprintf(stderr, "%s: setsockopt(%s) failed err=%d\n", appname, name, errno);
+        fprintf(stderr, "%s: setsockopt(%s) failed err=%d\n", APP_NAME, name, errno);
     }
 }
 
@@ -60,7 +60,7 @@ bool connect_within(int sock, const sockaddr_in& peer, unsigned int limit_ms) {
 
 void report_failed_connect(const sockaddr_in& peer) {
     const int err = errno;
-    fprintf(stderr, "%s: connect(%s:%d) failed err=%d\n", appname,
+    fprintf(stderr, "%s: connect(%s:%d) failed err=%d\n", APP_NAME,
             DottedQuad(peer.sin_addr.s_addr).text, ntohs(peer.sin_port), err);
 }
 
@@ -78,7 +78,7 @@ int CTQRClient::open(unsigned long ip, short port, int size) {
     }
     m_pRead = m_pEnd = m_pBuf;
     if (m_pBuf == nullptr) {
-        fprintf(stderr, "%s out of memory\n", appname);
+        fprintf(stderr, "%s out of memory\n", APP_NAME);
         return -2;
     }
 
@@ -89,7 +89,7 @@ int CTQRClient::open(unsigned long ip, short port, int size) {
 
     const int sock = open_socket();
     if (sock < 0) {
-        fprintf(stderr, "%s: socket() failed err=%d\n", appname, errno);
+        fprintf(stderr, "%s: socket() failed err=%d\n", APP_NAME, errno);
         return -1;
     }
     enable_option(sock, IPPROTO_TCP, TCP_NODELAY, "TCP_NODELAY");
@@ -141,7 +141,7 @@ bool CTQRClient::read_more() {
     const size_t room = static_cast<size_t>(m_nBufSize) - pending - 1;
     const ssize_t got = ::recv(m_nSock, m_pBuf + pending, room, 0);
     if (got <= 0) {
-        fprintf(stderr, "%s: recv() failed err=%d\n", appname, errno);
+        fprintf(stderr, "%s: recv() failed err=%d\n", APP_NAME, errno);
         close();
         return false;
     }
@@ -172,7 +172,7 @@ bool CTQRClient::drop_vanished() {
     if (m_nSock == -1 || m_limits.peer_ms == 0 || !m_watch.HasVanished(m_nSock, m_limits.peer_ms)) {
         return false;
     }
-    fprintf(stderr, "%s: recv() failed err=%d\n", appname, ETIMEDOUT);
+    fprintf(stderr, "%s: recv() failed err=%d\n", APP_NAME, ETIMEDOUT);
     close();
     return true;
 }

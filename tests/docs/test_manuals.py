@@ -14,7 +14,7 @@ MANUALS = sorted((ROOT / "docs/man").iterdir())
 DAEMON, CTL, SIM, *OTHERS = sys.argv[1:]
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
-PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*appname)?")
+PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*APP_NAME)?")
 # What begins a statement of the tools that makes a message.
 TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|BusError|NamesError|Fail|Note|Detail|Error|PrintProblem|Tell"
                   r"|Disconnect|NumberError)\(|fprintf\(stderr|(?:return|reason =|_ERROR =) \"")

@@ -17,7 +17,7 @@ struct Step {
 };
 
 // The lines of the fenced block "```session NAME".
-std::vector<Step> read_session(const std::string& name) {
+std::vector<Step> ReadSession(const std::string& name) {
     std::ifstream doc(ORVEX_PROTOCOL_DOC);
     std::string line;
     while (std::getline(doc, line) && line != "```session " + name) {
@@ -66,7 +66,7 @@ protected:
 
 private:
     static std::string Packet(const std::string& text) {
-        return read_capture(text.substr(1, text.size() - 2));
+        return ReadCapture(text.substr(1, text.size() - 2));
     }
 
     static void Expect(LoopbackServer& server, const std::string& text) {
@@ -124,7 +124,7 @@ private:
 TEST_P(Sessions, GoAsTheDocumentSays) {
     StartPeers();
     StartDaemon();
-    const std::vector<Step> steps = read_session(GetParam());
+    const std::vector<Step> steps = ReadSession(GetParam());
     ASSERT_GT(steps.size(), 10U);
     for (const Step& step : steps) {
         SCOPED_TRACE(step.from + " -> " + step.to + " " + step.text);

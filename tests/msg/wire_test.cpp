@@ -151,7 +151,7 @@ TEST(Wire, IsDocumented) {
         {"message", "[WRIN 00010207=40,00010204=85]"},
     };
     for (const auto& p : payloads) {
-        const std::string packet = read_capture(p.capture);
+        const std::string packet = ReadCapture(p.capture);
         ASSERT_GT(packet.size(), 16u);
         EXPECT_EQ(packet[2], CMsg2::GetVer());
         CMsg2 msg(16, 16);

@@ -34,7 +34,7 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept {
 namespace {
 
 using Bytes = std::string;
-const int patience = 20000;       // ms, for what comes at once unless the machine is busy
+const int PATIENCE = 20000;       // ms, for what comes at once unless the machine is busy
 const Bytes indi("INDI\0\0", 6);  // a message without items
 const Bytes tid("\x81\x02\x03\x04", 4);
 
@@ -48,7 +48,7 @@ CInetAddress address_of(int sock) {
 // Waits until something can be received.
 void await(int sock) {
     pollfd arrival = {sock, POLLIN, 0};
-    EXPECT_EQ(poll(&arrival, 1, patience), 1);
+    EXPECT_EQ(poll(&arrival, 1, PATIENCE), 1);
 }
 
 // Bound without Bind(), which lets the system choose a port that another socket shares.
@@ -66,7 +66,7 @@ public:
     }
     Bytes Receive() {
         char buf[2048];
-        const bool arrived = WaitForRead(patience) > 0;
+        const bool arrived = WaitForRead(PATIENCE) > 0;
         EXPECT_TRUE(arrived) << "nothing came";
         return {buf, arrived ? static_cast<size_t>(Read(&m_Sender, buf, sizeof buf)) : 0};
     }
@@ -142,7 +142,7 @@ TEST(Transport, EveryPatternOfLoss) {
         const unsigned fates[] = {number % 4, number / 4 % 4, number / 16};
         unsigned long times[3];
         std::transform(fates, fates + 3, times,
-                       [](unsigned fate) { return fate < 2 ? 3 : patience; });
+                       [](unsigned fate) { return fate < 2 ? 3 : PATIENCE; });
         Peer front;
         Peer back;
         CRUdpLayer3Server server;
@@ -217,7 +217,7 @@ TEST(Transport, WhatAnswersAMessage) {
         row.from.Send(address_of(client.GetSocket()), row.bytes);
         await(client.GetSocket());
         bool nack = row.result != 'N';
-        EXPECT_EQ(client.WaitForAck(to, 0x81020304, row.result != 0 ? patience : 20, nack),
+        EXPECT_EQ(client.WaitForAck(to, 0x81020304, row.result != 0 ? PATIENCE : 20, nack),
                   row.result != 0);
         EXPECT_TRUE(row.result == 0 || nack == (row.result == 'N'));
     }
@@ -319,21 +319,21 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(client, client.SendMsg(peer.Service(), &msg, 0)), 9005u) << "the buffer";
     EXPECT_TRUE(peer.Silent());
 
-    ASSERT_TRUE(client.SetCliOptions(1, patience, false, 0, nullptr, false));
+    ASSERT_TRUE(client.SetCliOptions(1, PATIENCE, false, 0, nullptr, false));
     interrupt(true);
-    EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9012u);
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, PATIENCE)), 9012u);
     EXPECT_EQ(error(client, client1.SendMsg(to, &packet, 'M', 3)), 9011u);
     interrupt(false);
 
     to.SetAddress(0x7F000001L, Peer().Address().GetPort());  // nobody there, as a connected
     ASSERT_EQ(connect(server.GetSocket(), to.GetAddressPtr(), 16), 0);  // socket is told
     ASSERT_EQ(send(server.GetSocket(), "", 0, 0), 0);
-    EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9009u);
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, PATIENCE)), 9009u);
     EXPECT_TRUE(server.SetMcastTTL(1));
     server.Close();
     EXPECT_FALSE(server.SetMcastTTL(1));
     EXPECT_EQ(server.GetSocket(), -1);
-    EXPECT_EQ(error(server, server.WaitForMsg(&msg, patience)), 9012u);
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, PATIENCE)), 9012u);
     EXPECT_FALSE(client.Open(std::string(80, 'x').c_str(), nullptr)) << "no such address";
     EXPECT_EQ(client.GetSocket(), -1);
 }
@@ -354,7 +354,7 @@ TEST(Transport, OversizedDatagramsAndMemory) {
         RUdpMsg* msg = nullptr;
         ASSERT_TRUE(
             client.SendMsg({0x7F000001, address_of(server.GetSocket()).GetPort()}, large, 0, 2));
-        ASSERT_TRUE(server.WaitForMsg(msg, patience));
+        ASSERT_TRUE(server.WaitForMsg(msg, PATIENCE));
         EXPECT_EQ(msg->GetDataCount(), 8u);
         after_first = i == 0 ? allocations : after_first;
     }

@@ -22,7 +22,7 @@ inline std::string Hex(std::string digits) {
 
 // The bytes of the table behind "<!-- capture NAME -->", whose rows are "| offset | bytes | meaning
 // |". Fails the test when there is none or an offset isn't the number of the bytes before it.
-inline std::string read_capture(const std::string& name) {
+inline std::string ReadCapture(const std::string& name) {
     std::ifstream doc(ORVEX_PROTOCOL_DOC);
     std::string line;
     while (std::getline(doc, line) && line != "<!-- capture " + name + " -->") {

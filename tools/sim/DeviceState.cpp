@@ -141,7 +141,7 @@ std::string DeviceState::SetInput(LineWords& words, LineEffect& effect) {
     for (size_t pin = 0; pin < state.size(); ++pin) {
         pins[pin] = state[pin] == 'x' ? pins[pin] : state[pin];
     }
-    effect.changedInput = pins != before ? number : 0;
+    effect.changed_input = pins != before ? number : 0;
     return {};
 }
 
@@ -215,12 +215,12 @@ std::string DeviceState::ChangeSetting(LineWords& words, const std::string& line
         return {};
     }
     const std::string tag = FirstTag(words.Rest());
-    const auto hasTag = [&tag](const std::string& known) {
+    const auto has_tag = [&tag](const std::string& known) {
         LineWords knownWords(known);
         knownWords.Next();
         return FirstTag(knownWords.Rest()) == tag;
     };
-    m_settings.erase(std::remove_if(m_settings.begin(), m_settings.end(), hasTag),
+    m_settings.erase(std::remove_if(m_settings.begin(), m_settings.end(), has_tag),
                      m_settings.end());
     m_settings.push_back(line);
     effect.broadcast.push_back(line);

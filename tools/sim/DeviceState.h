@@ -17,7 +17,7 @@ struct LineEffect {
     std::string error;                   // why the line was refused; empty when it was understood
     std::vector<std::string> answers;    // for the client that sent the line
     std::vector<std::string> broadcast;  // for every client
-    int changedInput = 0;                // its InputLine() is for those who subscribed to it
+    int changed_input = 0;               // its InputLine() is for those who subscribed to it
     int subscribe = 0;                   // the input that the client subscribes to
     int unsubscribe = 0;                 // the input that the client unsubscribes from
 };

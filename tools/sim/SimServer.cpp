@@ -63,8 +63,8 @@ uint16_t SimServer::Listen(const std::string& ip, uint16_t port) {
 std::string SimServer::Apply(const std::string& line) {
     const LineEffect effect = m_device.Apply(line, Clock::now());
     Broadcast(effect.broadcast);
-    if (effect.changedInput != 0) {
-        ReportInput(effect.changedInput);
+    if (effect.changed_input != 0) {
+        ReportInput(effect.changed_input);
     }
     return effect.error;
 }
@@ -92,8 +92,8 @@ void SimServer::Close() {
 }
 
 size_t SimServer::ClientCount() const {
-    const auto isOpen = [](const Connection& client) { return client.socket.IsOpen(); };
-    return static_cast<size_t>(std::count_if(m_clients.begin(), m_clients.end(), isOpen));
+    const auto is_open = [](const Connection& client) { return client.socket.IsOpen(); };
+    return static_cast<size_t>(std::count_if(m_clients.begin(), m_clients.end(), is_open));
 }
 
 std::vector<std::string> SimServer::DescribeClients() const {
@@ -127,7 +127,7 @@ void SimServer::StepAll(const std::vector<SimServer*>& servers, int timeout) {
 
 void SimServer::AddDescriptors(std::vector<pollfd>& fds) const {
     for (const Listener& listener : m_listeners) {
-        if (listener.socket.IsOpen() && m_acceptAfter <= Clock::now()) {
+        if (listener.socket.IsOpen() && m_accept_after <= Clock::now()) {
             fds.push_back({listener.socket.Get(), POLLIN, 0});
         }
     }
@@ -142,8 +142,8 @@ void SimServer::AddDescriptors(std::vector<pollfd>& fds) const {
 int SimServer::Timeout(int limit) const {
     const Clock::time_point now = Clock::now();
     Clock::time_point next = m_device.NextExpiry().value_or(Clock::time_point::max());
-    if (m_acceptAfter > now) {
-        next = std::min(next, m_acceptAfter);
+    if (m_accept_after > now) {
+        next = std::min(next, m_accept_after);
     }
     if (next == Clock::time_point::max()) {
         return limit;
@@ -158,22 +158,24 @@ void SimServer::Serve(const std::vector<pollfd>& fds) {
         if (ready.revents == 0) {
             continue;
         }
-        const auto isReady = [&ready](const auto& entry) { return entry.socket.Get() == ready.fd; };
-        const auto listener = std::find_if(m_listeners.begin(), m_listeners.end(), isReady);
+        const auto is_ready = [&ready](const auto& entry) {
+            return entry.socket.Get() == ready.fd;
+        };
+        const auto listener = std::find_if(m_listeners.begin(), m_listeners.end(), is_ready);
         if (listener != m_listeners.end()) {
             Accept(*listener);
             continue;
         }
-        const auto client = std::find_if(m_clients.begin(), m_clients.end(), isReady);
+        const auto client = std::find_if(m_clients.begin(), m_clients.end(), is_ready);
         if (client != m_clients.end()) {
             Flush(*client);
             Receive(*client);
         }
     }
     Broadcast(m_device.Expire(Clock::now()));
-    const auto isClosed = [](const auto& entry) { return !entry.socket.IsOpen(); };
-    m_listeners.remove_if(isClosed);
-    m_clients.remove_if(isClosed);
+    const auto is_closed = [](const auto& entry) { return !entry.socket.IsOpen(); };
+    m_listeners.remove_if(is_closed);
+    m_clients.remove_if(is_closed);
 }
 
 void SimServer::Accept(Listener& listener) {
@@ -188,7 +190,7 @@ void SimServer::Accept(Listener& listener) {
         }
         const int error = errno;
         if (!IsTransient(error)) {
-            m_acceptAfter = Clock::now() + ACCEPT_PAUSE;
+            m_accept_after = Clock::now() + ACCEPT_PAUSE;
             Tell(EventKind::Problem, listener.address, "can't accept: " + ErrorText(error));
         }
         return;

@@ -112,7 +112,7 @@ private:
     Observer m_observer;
     DeviceState m_device;
     uint16_t m_port = 0;
-    Clock::time_point m_acceptAfter;  // a pause, when the system had no descriptor left
+    Clock::time_point m_accept_after;  // a pause, when the system had no descriptor left
 
     // Closed ones stay in these lists until the end of Serve(), which may be working on them.
     std::list<Listener> m_listeners;

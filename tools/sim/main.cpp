@@ -21,7 +21,7 @@
 
 namespace {
 
-const char* const appname = "orvex-sim";
+const char* const APP_NAME = "orvex-sim";
 const char* const DEFAULT_ADDRESS = "127.0.0.1:93";
 
 const int STATUS_FAILED = 1;
@@ -70,9 +70,9 @@ std::optional<Address> ParseAddress(const std::string& text) {
 
 // Reads the command line. Returns the exit status when there is nothing left to do.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
-    CLI::App app(DESCRIPTION, appname);
+    CLI::App app(DESCRIPTION, APP_NAME);
     app.footer(COMMANDS);
-    app.set_version_flag("--version", std::string(appname) + " " + ORVEX_VERSION);
+    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
     app.add_option("--listen", options.listen, "Address to listen on, port 0 for any; repeatable")
         ->type_name("IP:PORT")
         ->allow_extra_args(false)
@@ -101,7 +101,7 @@ void Print(const std::string& text) {
 }
 
 void PrintProblem(const std::string& origin, const std::string& text) {
-    fprintf(stderr, "%s: %s: %s\n", appname, origin.c_str(), text.c_str());
+    fprintf(stderr, "%s: %s: %s\n", APP_NAME, origin.c_str(), text.c_str());
 }
 
 void PrintEvent(const SimServer::Event& event) {
@@ -161,7 +161,7 @@ bool Listen(SimServer& server, const std::vector<std::string>& addresses) {
             PrintProblem(text, "can't listen: " + error.code().message());
             if (error.code() == std::errc::permission_denied) {
                 fprintf(stderr, "%s: ports below 1024 are for root; try --listen %s:1093\n",
-                        appname, address.ip.c_str());
+                        APP_NAME, address.ip.c_str());
             }
             return false;
         }
@@ -271,7 +271,7 @@ int main(int argc, char** argv) {
     try {
         return Main(argc, argv);
     } catch (const std::exception& error) {
-        fprintf(stderr, "%s: %s\n", appname, error.what());
+        fprintf(stderr, "%s: %s\n", APP_NAME, error.what());
         return STATUS_FAILED;
     }
 }

@@ -23,7 +23,7 @@ std::string Render(const LineEffect& effect) {
     for (const std::string& line : effect.broadcast) {
         text += "all " + line + ";";
     }
-    text += effect.changedInput ? "input " + std::to_string(effect.changedInput) + ";" : "";
+    text += effect.changed_input ? "input " + std::to_string(effect.changed_input) + ";" : "";
     text += effect.subscribe ? "+" + std::to_string(effect.subscribe) + ";" : "";
     text += effect.unsubscribe ? "-" + std::to_string(effect.unsubscribe) + ";" : "";
     return text;
