@@ -12,6 +12,25 @@ struct BusItem {
     uint32_t tag;
     uint8_t type;
     uint64_t number;
+
+    // Which pin of a channel it is about: 0 to 4 of the output, 5 to 9 of the input, or npos.
+    size_t Pin() const {
+        const std::string circuits("\x08\x07\x06\x05\x04\x0D\x0C\x0B\x0A\x09");
+        return circuits.find(static_cast<char>(tag & 0xFF));
+    }
+
+    // The line for TQRD when it is written to this channel.
+    std::string WriteLine(int channel) const {
+        if (Pin() > 4) {
+            return "";
+        }
+        const unsigned int value = type == 7 ? static_cast<unsigned int>(number) : 0;
+        std::string state = "xxxxx";
+        state[Pin()] = (value & 0x40) != 0 ? 'L' : 'H';
+        const unsigned int duration = (value & 0x1F) * ((value & 0x80) != 0 ? 10 : 250);
+        return "GPO " + std::to_string(channel) + " " + state +
+               (duration != 0 ? " DURATION:" + std::to_string(duration) : "") + "\n";
+    }
 };
 
 // Numbers most significant byte first; after a read past the end it is no longer good.
@@ -62,37 +81,28 @@ struct BusPacket {
 
     // The lines for TQRD when channel numbers[address] has that address and no other has any.
     std::string Lines(const std::map<uint32_t, int>& numbers) const {
-        const std::string circuits("\x08\x07\x06\x05\x04");
         std::string lines;
         for (const BusItem& item : items) {
-            const size_t pin = circuits.find(static_cast<char>(item.tag & 0xFF));
             const auto channel = numbers.find(item.tag >> 8);
-            if (!IsWrite() || pin == std::string::npos || channel == numbers.end()) {
-                continue;
+            if (IsWrite() && channel != numbers.end()) {
+                lines += item.WriteLine(channel->second);
             }
-            const unsigned int value = item.type == 7 ? static_cast<unsigned int>(item.number) : 0;
-            std::string state = "xxxxx";
-            state[pin] = (value & 0x40) != 0 ? 'L' : 'H';
-            const unsigned int duration = (value & 0x1F) * ((value & 0x80) != 0 ? 10 : 250);
-            lines += "GPO " + std::to_string(channel->second) + " " + state +
-                     (duration != 0 ? " DURATION:" + std::to_string(duration) : "") + "\n";
         }
         return lines;
     }
 
     // How many pins of channels with these addresses a read asks for.
     size_t PinsRead(const std::map<uint32_t, int>& numbers) const {
-        const std::string circuits("\x08\x07\x06\x05\x04\x0D\x0C\x0B\x0A\x09");
         std::set<uint32_t> pins;
         for (const BusItem& item : items) {
-            if (id == 0x52454144 && numbers.count(item.tag >> 8) != 0 &&
-                circuits.find(static_cast<char>(item.tag & 0xFF)) != std::string::npos) {
+            if (IsRead() && numbers.count(item.tag >> 8) != 0 && item.Pin() != std::string::npos) {
                 pins.insert(item.tag);
             }
         }
         return pins.size();
     }
 
+    bool IsRead() const { return id == 0x52454144; }
     bool IsWrite() const { return id == 0x57524E49 || id == 0x5752494E; }
 
     // Which of several items with one tag is found depends on what was looked for before.

@@ -46,7 +46,7 @@ class Progress:
 def live(seed, days, progress):
     """Runs one world. Returns what it counted and its last line."""
     counts = collections.Counter()
-    command = [WORLD, "--days", f"{days:g}", "--seed", str(seed), "--progress"]
+    command = [WORLD, f"{days:g}", str(seed)]
     said = []
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True, errors="replace") as process:
         for line in process.stdout:

@@ -1,30 +1,21 @@
 #include "tests/world/Model.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-
 #include <algorithm>
-
-#include "fuzz/BusModel.h"
+#include <utility>
 
 namespace {
 
 const long LINE_ROOM = 2000;
 const long LONGEST_FORWARDED = 1999;
 const long PACKET_ROOM = 212992;
-const Micros PAUSE = 3400000;
-const Micros WAIT = 27 * SECOND;
-const std::string OUTPUT_CIRCUITS = "\x08\x07\x06\x05\x04";
-const std::string INPUT_CIRCUITS = "\x0D\x0C\x0B\x0A\x09";
 
 // Milliseconds on the clock, seconds and what is left of them apart.
 Micros milliseconds_between(Micros from, Micros to) {
     return (to / SECOND - from / SECOND) * 1000 + (to % SECOND - from % SECOND) / MS;
 }
 
-std::string pin(uint32_t address, char circuit, bool is_low) {
-    return big_endian(address << 8 | static_cast<unsigned char>(circuit), 4) +
-           (is_low ? std::string("\7\1", 2) : std::string("\7\0", 2));
+std::string pin(uint32_t tag, bool is_low) {
+    return big_endian(tag, 4) + '\7' + (is_low ? '\1' : '\0');
 }
 
 std::string five(std::string state) {
@@ -36,26 +27,24 @@ std::string five(std::string state) {
 
 // ---- the log
 
-const Call& Model::Expect(const std::string& kind, int fd, long number, const std::string& data,
-                          Endpoint peer) {
-    Call call;
-    call.kind = kind;
-    call.fd = fd;
-    call.number = number;
-    call.data = data;
-    call.peer = peer;
+const Call& Model::ExpectBytes(const std::string& asks) {
     if (m_Next == m_World.log.size()) {
-        m_World.Differ(call.Text(), "nothing");
+        m_World.Differ(asks, "nothing");
     }
     const Call& found = m_World.log[m_Next++];
-    if (!found.Asks(call)) {
-        m_World.Differ(call.Text(), found.Text());
+    if (found.asks != asks) {
+        m_World.Differ(asks, found.asks);
     }
+    m_Clock = found.clock;
     return found;
 }
 
 bool Model::IsNext(const std::string& kind) const {
-    return m_Next < m_World.log.size() && m_World.log[m_Next].kind == kind;
+    return m_Next < m_World.log.size() && m_World.log[m_Next].asks.rfind(kind + " ", 0) == 0;
+}
+
+int Model::Opened(const std::string& kind) {
+    return static_cast<int>(Expect("socket", kind).result);
 }
 
 void Model::Close(int fd, bool with_shutdown) {
@@ -65,51 +54,52 @@ void Model::Close(int fd, bool with_shutdown) {
     Expect("close", fd);
 }
 
-void Model::Option(int fd, int level, int option, const std::string& data, Endpoint about) {
-    Expect("setsockopt", fd, level << 16 | option, data, about);
+// ---- start, turns and end
+
+bool Model::Advance() {
+    m_Next = 0;
+    const bool goes_on = std::exchange(m_IsStarted, true) ? Turn() : Start();
+    if (goes_on) {
+        BeginTurn();
+    }
+    return goes_on;
 }
 
-// ---- start and end
-
-bool Model::Start(bool is_debug) {
-    m_Next = 0;
-    m_IsDebug = is_debug;
-    if (!is_debug && Expect("daemon", -1).result != 0) {
+bool Model::Start() {
+    if (!m_IsDebug && Expect("daemon").result != 0) {
         return false;
     }
-    Expect("fopen", -1, 0, "/var/run/orvex.pid wt");
-    const int probe = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
+    Expect("fopen", "/var/run/orvex.pid", "wt");
+    const int probe = Opened("datagram");
     if (probe >= 0) {
-        m_Interface = Expect("ioctl", probe, 0, "eth0").from.ip;
+        m_Interface = Expect("ioctl", probe, "eth0").from.ip;
         Close(probe);
     }
-    Connect(m_Control, {LOOPBACK, 93});
-    m_Server = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
+    ConnectControl();
+    m_Server = Opened("datagram");
     if (m_Server < 0) {
         return false;
     }
-    Option(m_Server, SOL_SOCKET, SO_REUSEADDR, "1", {});
-    Option(m_Server, IPPROTO_IP, IP_MULTICAST_IF, "", {});
-    if (Expect("bind", m_Server, 0, "", {0, REQUEST_PORT}).result != 0) {
-        Close(m_Server, true);
-        m_Server = -1;
+    Expect("setsockopt", m_Server, "SO_REUSEADDR", 1);
+    Expect("setsockopt", m_Server, "IP_MULTICAST_IF", quad(0));
+    if (Expect("bind", m_Server, Endpoint{0, REQUEST_PORT}.Text()).result != 0) {
+        Close(std::exchange(m_Server, -1), true);
         return false;
     }
-    Option(m_Server, IPPROTO_IP, IP_ADD_MEMBERSHIP, quad(GROUP), {m_Interface, 0});
-    m_Client = static_cast<int>(Expect("socket", -1, SOCK_DGRAM).result);
+    Join();
+    m_Client = Opened("datagram");
     if (m_Client < 0) {
         return false;
     }
     Tell("SET\nCFG GPO\n");
-    m_Swept = m_World.log[m_Next - 1].clock;
-    BeginTurn();
+    m_Swept = m_Clock;
     return true;
 }
 
 // In the reverse order of their construction.
 void Model::End() {
     for (const int fd : {m_Client, m_Server}) {
-        if (fd != -1) {
+        if (fd >= 0) {
             Close(fd, true);
         }
     }
@@ -120,15 +110,13 @@ void Model::End() {
         Close(m_Control.fd);
     }
     if (m_Next != m_World.log.size()) {
-        m_World.Differ("the end", m_World.log[m_Next].Text());
+        m_World.Differ("the end", m_World.log[m_Next].asks);
     }
 }
 
-// ---- a turn
-
 bool Model::Turn() {
-    m_Next = 0;
     const Call select = m_World.log[m_Next++];
+    m_Clock = select.clock;
     if (select.result < 0) {
         return false;
     }
@@ -140,93 +128,79 @@ bool Model::Turn() {
             is_configured = Obey(line) || is_configured;
         }
     }
-    if (select.result > 0 && m_IsInterfaceNew) {
-        m_IsInterfaceNew = false;
-        Option(m_Client, IPPROTO_IP, IP_MULTICAST_IF, "", {m_Interface, 0});
-        Option(m_Server, IPPROTO_IP, IP_ADD_MEMBERSHIP, quad(GROUP), {m_Interface, 0});
+    if (select.result > 0 && std::exchange(m_IsInterfaceNew, false)) {
+        Expect("setsockopt", m_Client, "IP_MULTICAST_IF", quad(m_Interface));
+        Join();
     }
-    if (!is_configured) {
-        if (is_due(m_Server)) {
-            Receive();
-        }
-        for (const Endpoint& server : m_Watched) {
-            if (is_due(m_Remotes[server].fd)) {
-                Forward(server);
-            }
+    if (is_configured) {
+        return true;
+    }
+    if (is_due(m_Server)) {
+        Receive();
+    }
+    for (const Endpoint& server : m_Watched) {
+        if (is_due(m_Remotes[server].fd)) {
+            Forward(server);
         }
     }
-    BeginTurn();
     return true;
 }
 
+// Up to the wait. The sweep brings back remote connections, each once for all channels that follow
+// the server; after a failure the next of them tries.
 void Model::BeginTurn() {
     while (m_Control.fd == -1) {
-        Expect("usleep", -1, PAUSE);
-        Connect(m_Control, {LOOPBACK, 93});
+        Expect("usleep", 3400000);
+        ConnectControl();
         if (m_Control.fd != -1) {
             Tell("SET\nCFG GPO\n");
         }
     }
-    const Micros now = m_World.log[m_Next - 1].clock;
-    const bool is_sweep = milliseconds_between(m_Swept, now) > 27000;
-    m_Swept = is_sweep ? now : m_Swept;
+    const bool is_sweep = milliseconds_between(m_Swept, m_Clock) > 27000;
+    m_Swept = is_sweep ? m_Clock : m_Swept;
     m_Watched.clear();
     std::set<int> watched = {m_Control.fd, m_Server};
     for (const Channel& channel : m_Channels) {
-        const Endpoint& server = channel.source.server;
         if (channel.source.kind != Source::REMOTE) {
             continue;
         }
-        if (is_sweep && m_Remotes[server].fd == -1) {
-            Reconnect(server);
+        const Endpoint& server = channel.source.server;
+        Connection& remote = m_Remotes[server];
+        if (is_sweep && remote.fd == -1) {
+            Reach(server, 0);
         }
-        if (m_Remotes[server].fd != -1 && watched.insert(m_Remotes[server].fd).second) {
+        if (remote.fd != -1 && watched.insert(remote.fd).second) {
             m_Watched.push_back(server);
         }
     }
-    Expect("select", -1, WAIT, std::string(watched.begin(), watched.end()));
-}
-
-// Once for all channels that follow the server; after a failure the next of them tries.
-void Model::Reconnect(const Endpoint& server) {
-    Connection& remote = m_Remotes[server];
-    Connect(remote, server);
-    if (remote.fd == -1) {
-        return;
-    }
-    for (const Channel& channel : m_Channels) {
-        if (channel.source.kind == Source::REMOTE && channel.source.server == server) {
-            Subscribe(remote, channel.source.gpi);
-        }
-    }
-    Table();
-}
-
-void Model::Subscribe(const Connection& remote, int gpi) {
-    Expect("send", remote.fd, 0, "ADD GPI " + std::to_string(gpi) + "\n");
+    ExpectBytes(words("select", 27 * SECOND) + std::string(watched.begin(), watched.end()));
 }
 
 // ---- connections
 
-void Model::Connect(Connection& connection, Endpoint to) {
+void Model::ConnectControl() {
+    Connect(m_Control, {LOOPBACK, 93});
+}
+
+void Model::Connect(Connection& connection, const Endpoint& to) {
     connection = {};
     if (IsNext("no memory")) {
-        Expect("no memory", -1);
+        Expect("no memory");
         return;
     }
-    const int fd = static_cast<int>(Expect("socket", -1, SOCK_STREAM).result);
+    const int fd = Opened("stream");
     if (fd < 0) {
         return;
     }
-    Option(fd, IPPROTO_TCP, TCP_NODELAY, "1", {});
-    Option(fd, SOL_SOCKET, SO_KEEPALIVE, "1", {});
-    const Call connect = Expect("connect", fd, 0, "", to);
-    if (connect.result != 0) {
+    Expect("setsockopt", fd, "TCP_NODELAY", 1);
+    Expect("setsockopt", fd, "SO_KEEPALIVE", 1);
+    const Call connect = Expect("connect", fd, to.Text());
+    if (connect.result == 0) {
+        connection.fd = fd;
+        connection.stream = connect.stream;
+    } else {
         Close(fd);
-        return;
     }
-    connection.fd = fd;
-    connection.stream = connect.stream;
 }
 
 // The next line, after one look for more. A line behind which the connection has ended is lost.
@@ -235,9 +209,9 @@ bool Model::Take(Connection& connection, Line& line) {
         return false;
     }
     std::string& pending = connection.pending;
-    if (Expect("poll", -1, 0, std::string(1, static_cast<char>(connection.fd))).result > 0) {
-        const long room = LINE_ROOM - static_cast<long>(pending.size());
-        const Call read = Expect("recv", connection.fd, room);
+    if (ExpectBytes(std::string("poll ") + static_cast<char>(connection.fd)).result > 0) {
+        const Call& read =
+            Expect("recv", connection.fd, LINE_ROOM - static_cast<long>(pending.size()));
         if (read.result <= 0) {
             Close(connection.fd);
             m_World.Count("lost: lines behind which the connection ended",
@@ -264,9 +238,19 @@ bool Model::Take(Connection& connection, Line& line) {
     return true;
 }
 
+// To the input of this channel, or with 0 to those of all that follow the server.
+void Model::Subscribe(const Endpoint& server, int number) {
+    for (const Channel& channel : m_Channels) {
+        if (channel.Follows(server) && (number == 0 || &channel == &m_Channels[number])) {
+            ExpectBytes(words("send", m_Remotes[server].fd) + "ADD GPI " +
+                        std::to_string(channel.source.gpi) + "\n");
+        }
+    }
+}
+
 void Model::Table() {
     if (m_IsDebug) {
-        Expect("fopen", -1, 0, "/var/log/gpiocli.txt wt");
+        Expect("fopen", "/var/log/gpiocli.txt", "wt");
     }
 }
 
@@ -274,36 +258,26 @@ void Model::Table() {
 
 void Model::Tell(const std::string& line) {
     if (m_Control.fd != -1) {
-        Expect("send", m_Control.fd, 0, line);
+        ExpectBytes(words("send", m_Control.fd) + line);
     } else {
         m_World.Count("lost: line, no control server");
     }
 }
 
 bool Model::Obey(const Line& line) {
+    Channel& channel = m_Channels[line.number];
     switch (line.kind) {
         case Line::CFG:
             return Configure(line.number, line.source);
         case Line::GPI:
-            if (m_Channels[line.number].source.kind == Source::BUS) {
-                m_Channels[line.number].input = five(line.state);
-                std::string pins;
-                for (size_t i = 0; i < 5 && std::string("HLhl").find(five(line.state)[i]) < 4;
-                     ++i) {
-                    const char state = line.state[i];
-                    if (state == 'H' || state == 'L') {
-                        pins += pin(m_Channels[line.number].source.address, INPUT_CIRCUITS[i],
-                                    state == 'L');
-                    }
-                }
-                if (!pins.empty()) {
-                    Report("INDI" + big_endian(pins.size() / 6, 2) + pins);
-                }
+            if (channel.source.kind == Source::BUS) {
+                channel.input = five(line.state);
+                ReportInput(channel);
             }
             return false;
         case Line::GPO:
-            if (line.number <= 8 && m_Channels[line.number].source.kind == Source::BUS) {
-                m_Channels[line.number].output = five(line.state);
+            if (line.number <= 8 && channel.source.kind == Source::BUS) {
+                channel.output = five(line.state);
             }
             return false;
         case Line::SET:
@@ -318,13 +292,11 @@ bool Model::Obey(const Line& line) {
 bool Model::Configure(int number, const Source& source) {
     Channel& channel = m_Channels[number];
     const std::string n = std::to_string(number);
-    const Source old = channel.source;
-    if (source == old) {
+    if (source == channel.source) {
         return false;
     }
-    if (old.kind == Source::REMOTE) {
-        Unfollow(number);
-    } else if (old.kind == Source::BUS) {
+    Unfollow(number);
+    if (channel.source.kind == Source::BUS) {
         Tell("DEL GPI " + n + "\n");
     }
     Tell("GPO " + n + " HHHHH\n");
@@ -345,9 +317,8 @@ void Model::Unfollow(int number) {
         return;
     }
     m_Channels[number].source = {};
-    if (std::none_of(m_Channels, m_Channels + CHANNELS + 1, [&old](const Channel& c) {
-            return c.source.kind == Source::REMOTE && c.source.server == old.server;
-        })) {
+    if (std::none_of(m_Channels, m_Channels + CHANNELS + 1,
+                     [&old](const Channel& c) { return c.Follows(old.server); })) {
         if (m_Remotes[old.server].fd != -1) {
             Close(m_Remotes[old.server].fd);
         }
@@ -359,29 +330,32 @@ void Model::Unfollow(int number) {
 // One connection serves all channels that follow the server. One that is down stays so until the
 // next sweep.
 void Model::Follow(int number) {
-    const Source& source = m_Channels[number].source;
-    const bool is_new = m_Remotes.count(source.server) == 0;
-    Connection& remote = m_Remotes[source.server];
-    if (is_new) {
-        Connect(remote, source.server);
-        if (remote.fd == -1) {
-            return;
-        }
+    const Endpoint server = m_Channels[number].source.server;
+    if (m_Remotes.count(server) == 0) {
+        Reach(server, number);
+        return;
     }
-    if (remote.fd != -1) {
-        Subscribe(remote, source.gpi);
+    if (m_Remotes[server].fd != -1) {
+        Subscribe(server, number);
     }
     Table();
+}
+
+void Model::Reach(const Endpoint& server, int number) {
+    Connect(m_Remotes[server], server);
+    if (m_Remotes[server].fd != -1) {
+        Subscribe(server, number);
+        Table();
+    }
 }
 
 void Model::Forward(const Endpoint& server) {
     for (Line line; Take(m_Remotes[server], line);) {
         for (int number = 1; line.kind == Line::GPI && number <= CHANNELS; ++number) {
-            const Source& source = m_Channels[number].source;
-            if (source.kind == Source::REMOTE && source.server == server &&
-                source.gpi == line.number) {
-                const std::string text = "GPO " + std::to_string(number) + " " + line.state + "\n";
-                Tell(text.substr(0, LONGEST_FORWARDED));
+            const Channel& channel = m_Channels[number];
+            if (channel.Follows(server) && channel.source.gpi == line.number) {
+                Tell(("GPO " + std::to_string(number) + " " + line.state + "\n")
+                         .substr(0, LONGEST_FORWARDED));
             }
         }
     }
@@ -390,12 +364,11 @@ void Model::Forward(const Endpoint& server) {
 // ---- the bus
 
 void Model::Receive() {
-    const Call& poll = Expect("poll", -1, 0, std::string(1, static_cast<char>(m_Server)));
-    const Micros now = poll.clock;
-    if (poll.result <= 0) {
+    if (ExpectBytes(std::string("poll ") + static_cast<char>(m_Server)).result <= 0) {
         return;
     }
-    const Call read = Expect("recvfrom", m_Server, PACKET_ROOM);
+    const Micros now = m_Clock;
+    const Call& read = Expect("recvfrom", m_Server, PACKET_ROOM);
     // Senders are forgotten after ten seconds, and when the clock was set back.
     while (!m_Senders.empty()) {
         const Micros age = (now - m_Senders.front().since) / MS;
@@ -409,12 +382,11 @@ void Model::Receive() {
     }
     const BusPacket packet(read.got);
     if (!packet.answer.empty()) {
-        Expect("sendto", m_Server, 0, packet.answer, read.from);
+        ExpectBytes(words("sendto", m_Server, read.from.Text()) + packet.answer);
     }
-    if (packet.is_delivered && !IsRepeated(read.from, packet.tid)) {
-        if (!IsShortOfMemory() && packet.is_message) {
-            Carry(packet);
-        }
+    if (packet.is_delivered && !IsRepeated(read.from, packet.tid) && !IsShortOfMemory() &&
+        packet.is_message) {
+        Carry(packet);
     }
 }
 
@@ -433,7 +405,7 @@ bool Model::IsRepeated(const Endpoint& from, uint32_t tid) {
                 m_Senders.pop_front();
             }
         }
-        m_Senders.push_back({from, tid, m_World.log[m_Next - 1].clock});
+        m_Senders.push_back({from, tid, m_Clock});
         return false;
     }
     if (found->tid == tid) {
@@ -442,7 +414,7 @@ bool Model::IsRepeated(const Endpoint& from, uint32_t tid) {
     }
     found->tid = tid;
     if (std::next(found) != m_Senders.end()) {  // the youngest one is not made younger
-        found->since = m_World.log[m_Next - 1].clock;
+        found->since = m_Clock;
         m_Senders.splice(m_Senders.end(), m_Senders, found);
     }
     return false;
@@ -455,32 +427,38 @@ bool Model::IsShortOfMemory() {
     }
     m_World.Count("lost: message without memory for it");
     while (IsNext("no memory") || IsNext("send") || IsNext("sendto")) {
-        const Call& call = m_World.log[m_Next++];
-        m_Tid += call.kind == "sendto" ? 1 : 0;
+        m_Tid += IsNext("sendto") ? 1 : 0;
+        m_Clock = m_World.log[m_Next++].clock;
     }
     return true;
 }
 
 void Model::Carry(const BusPacket& packet) {
-    if (packet.id == 0x52454144) {
+    if (packet.IsRead()) {
         Reply(packet);
         return;
     }
     for (const BusItem& item : packet.items) {
-        const size_t at = OUTPUT_CIRCUITS.find(static_cast<char>(item.tag & 255));
-        for (int number = 1; packet.IsWrite() && at != std::string::npos && number <= CHANNELS;
-             ++number) {
+        for (int number = 1; packet.IsWrite() && item.Pin() < 5 && number <= CHANNELS; ++number) {
             const Source& source = m_Channels[number].source;
-            if (source.kind != Source::BUS || source.address != item.tag >> 8) {
-                continue;
+            if (source.kind == Source::BUS && source.address == item.tag >> 8) {
+                Tell(item.WriteLine(number));
             }
-            const unsigned int value = item.type == 7 ? static_cast<unsigned int>(item.number) : 0;
-            const unsigned int duration = (value & 31) * ((value & 128) != 0 ? 10 : 250);
-            std::string state = "xxxxx";
-            state[at] = (value & 64) != 0 ? 'L' : 'H';
-            Tell("GPO " + std::to_string(number) + " " + state +
-                 (duration != 0 ? " DURATION:" + std::to_string(duration) : "") + "\n");
         }
+    }
+}
+
+// Pins up to the first character that is none.
+void Model::ReportInput(const Channel& channel) {
+    std::string pins;
+    for (uint32_t i = 0; i < 5 && std::string("HLhl").find(channel.input[i]) < 4; ++i) {
+        const char state = channel.input[i];
+        if (state == 'H' || state == 'L') {
+            pins += pin(channel.source.address << 8 | (13 - i), state == 'L');
+        }
+    }
+    if (!pins.empty()) {
+        Report("INDI" + big_endian(pins.size() / 6, 2) + pins);
     }
 }
 
@@ -491,16 +469,12 @@ void Model::Reply(const BusPacket& packet) {
     for (const BusItem& item : packet.items) {
         request = item.tag == 0xFFFFFFFF && item.type == 1 ? item.number : request;
         data = item.tag == 0xFFFFFFFC && item.type == 9 ? item.number : data;
-        const char circuit = static_cast<char>(item.tag & 255);
-        const size_t out = OUTPUT_CIRCUITS.find(circuit);
-        const size_t in = INPUT_CIRCUITS.find(circuit);
         for (int number = CHANNELS; number >= 1; --number) {  // of several the last one answers
             const Channel& channel = m_Channels[number];
             if (channel.source.kind == Source::BUS && channel.source.address == item.tag >> 8 &&
-                (out != std::string::npos || in != std::string::npos)) {
-                const char state =
-                    out != std::string::npos ? channel.output[out] : channel.input[in];
-                pins += pin(item.tag >> 8, circuit, state == 'L' || state == 'l');
+                item.Pin() < 10) {
+                const char state = (channel.output + channel.input)[item.Pin()];
+                pins += pin(item.tag, state == 'L' || state == 'l');
                 break;
             }
         }
@@ -516,8 +490,8 @@ void Model::Reply(const BusPacket& packet) {
 void Model::Report(const std::string& payload) {
     for (int i = 0; i < 2; ++i) {
         m_Tid += m_Tid == 0xFFFFFFFF ? 2 : 1;
-        Expect("sendto", m_Client, 0,
-               std::string("\3\0\2\7", 4) + big_endian(m_Tid, 4) + std::string(8, '\0') + payload,
-               {GROUP, ANSWER_PORT});
+        ExpectBytes(words("sendto", m_Client, Endpoint{GROUP, ANSWER_PORT}.Text()) +
+                    std::string("\3\0\2\7", 4) + big_endian(m_Tid, 4) + std::string(8, '\0') +
+                    payload);
     }
 }

@@ -8,20 +8,20 @@
 #include <list>
 #include <set>
 
+#include "fuzz/BusModel.h"
 #include "tests/world/World.h"
-
-struct BusPacket;
 
 class Model {
 public:
     // As the daemon begins.
-    explicit Model(World& world)
-        : m_World(world), m_Tid(static_cast<uint32_t>(world.Clock() / SECOND)) {}
+    Model(World& world, bool is_debug)
+        : m_World(world),
+          m_IsDebug(is_debug),
+          m_Tid(static_cast<uint32_t>(world.Clock() / SECOND)) {}
 
-    // Everything up to the first wait; false when the daemon must end with status 1.
-    bool Start(bool is_debug);
-    // From one wait to the next. False when the daemon must end with status 2.
-    bool Turn();
+    // What has happened since the start, or the last wait, up to this one; false when the daemon
+    // must end instead.
+    bool Advance();
     // The daemon is gone, and has closed what it had.
     void End();
 
@@ -36,6 +36,10 @@ private:
         Source source{};
         std::string input = std::string(5, '\0');
         std::string output = std::string(5, '\0');
+
+        bool Follows(const Endpoint& server) const {
+            return source.kind == Source::REMOTE && source.server == server;
+        }
     };
     struct Sender {
         Endpoint at;
@@ -43,19 +47,31 @@ private:
         Micros since;
     };
 
-    const Call& Expect(const std::string& kind, int fd, long number = 0,
-                       const std::string& data = "", Endpoint peer = {});
+    // ---- The log.
+    template <class... T>
+    const Call& Expect(const T&... asks) {
+        return ExpectBytes(words(asks...));
+    }
+    const Call& ExpectBytes(const std::string& asks);
     bool IsNext(const std::string& kind) const;
+    int Opened(const std::string& kind);
     void Close(int fd, bool with_shutdown = false);
-    void Option(int fd, int level, int option, const std::string& data, Endpoint about);
 
+    // ---- Start and turns.
+    bool Start();
+    bool Turn();
     void BeginTurn();
-    void Reconnect(const Endpoint& server);
-    void Subscribe(const Connection& remote, int gpi);
-    void Connect(Connection& connection, Endpoint to);
-    bool Take(Connection& connection, Line& line);
-    void Table();
+    void Join() {
+        Expect("setsockopt", m_Server, "IP_ADD_MEMBERSHIP", quad(GROUP), quad(m_Interface));
+    }
 
+    // ---- Connections and control lines.
+    void ConnectControl();
+    void Connect(Connection& connection, const Endpoint& to);
+    bool Take(Connection& connection, Line& line);
+    void Reach(const Endpoint& server, int number);
+    void Subscribe(const Endpoint& server, int number);
+    void Table();
     void Tell(const std::string& line);
     bool Obey(const Line& line);
     bool Configure(int number, const Source& source);
@@ -63,16 +79,20 @@ private:
     void Unfollow(int number);
     void Forward(const Endpoint& server);
 
+    // ---- The bus.
     void Receive();
     bool IsRepeated(const Endpoint& from, uint32_t tid);
     void Carry(const BusPacket& packet);
+    void ReportInput(const Channel& channel);
     void Reply(const BusPacket& packet);
     void Report(const std::string& payload);
     bool IsShortOfMemory();
 
     World& m_World;
     size_t m_Next = 0;  // in the log
-    bool m_IsDebug = false;
+    bool m_IsDebug;
+    bool m_IsStarted = false;
+    Micros m_Clock = 0;  // when the last call ended
     Channel m_Channels[CHANNELS + 1];
     uint32_t m_Interface = 0;
     bool m_IsInterfaceNew = false;

@@ -3,27 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <sstream>
 #include <utility>
 
 #include "fuzz/BusModel.h"
-
-namespace {
-
-std::vector<std::string> split(const std::string& texts) {
-    std::istringstream stream(texts);
-    std::vector<std::string> parts;
-    for (std::string part; std::getline(stream, part, '|');) {
-        parts.push_back(part);
-    }
-    return parts;
-}
-
-}  // namespace
-
-Server::Server(World& world, Endpoint at) : m_World(world), m_Random(world.random) {
-    world.servers[at] = this;
-}
 
 void Server::Accept(const std::shared_ptr<Stream>& stream) {
     Leave();
@@ -47,13 +29,12 @@ void Server::Hear(Stream& stream) {
 
 // A stream arrives in pieces of any size, in order.
 void Server::Write(Line line) {
-    const char* const ENDS[] = {"\n", "\n", "\n", "\n", "\r\n", "\r", "\n\n\r"};
     const std::shared_ptr<Stream> stream = m_Stream;
-    if (!IsConnected()) {
+    if (stream == nullptr || stream->is_closed) {
         return;
     }
     std::string bytes = line.text;
-    bytes += m_Random.Of(ENDS);
+    bytes += m_Random.Of({"\n", "\n", "\n", "\n", "\r\n", "\r", "\n\n\r"});
     if (!line.text.empty()) {
         stream->lines.push_back(std::move(line));
     }
@@ -61,9 +42,7 @@ void Server::Write(Line line) {
         const uint32_t all = static_cast<uint32_t>(bytes.size());
         const uint32_t size = m_Random.OneIn(8) ? 1 + m_Random.Below(all) : all;
         Micros delay = 50 + m_Random.Time(2 * MS);
-        if (m_Random.OneIn(40)) {
-            delay += m_Random.Time(800 * MS);
-        }
+        delay += m_Random.OneIn(40) ? m_Random.Time(800 * MS) : 0;
         stream->last = std::max(stream->last, m_World.Now() + delay);
         m_World.After(stream->last - m_World.Now(), [stream, piece = bytes.substr(0, size)] {
             if (!stream->is_closed && stream->end < 0) {
@@ -74,19 +53,17 @@ void Server::Write(Line line) {
     }
 }
 
-std::string Server::Spell(int number) {
-    const char* const FORMATS[] = {"%d", "%d", "%d", "%d", "%d", "%d", "0x%X", "0%o"};
+std::string Server::Spell(uint32_t number) {
     char text[16];
-    snprintf(text, sizeof text, m_Random.Of(FORMATS), static_cast<unsigned int>(number));
+    snprintf(text, sizeof text, m_Random.Of({"%u", "%u", "%u", "%u", "%u", "%u", "0x%X", "0%o"}),
+             number);
     return text;
 }
 
 std::string Server::AnyState() {
-    const char* const ODD[] = {"",      "L",      "LH",      "HLxHH",         "hLlHH",
-                               "xLLLL", "LLLLLL", "HLHLH X", "L DURATION:50", "HHHH\"",
-                               " LLLL"};
     if (m_Random.OneIn(12)) {
-        return m_Random.Of(ODD);
+        return m_Random.Of({"", "L", "LH", "HLxHH", "hLlHH", "xLLLL", "LLLLLL", "HLHLH X",
+                            "L DURATION:50", "HHHH\"", " LLLL"});
     }
     std::string state = "HHHHH";
     for (char& pin : state) {
@@ -96,24 +73,36 @@ std::string Server::AnyState() {
 }
 
 void Server::WriteState(Line::Kind kind, int number, const std::string& state) {
-    Line line;
-    line.kind = kind;
-    line.text = (kind == Line::GPI ? "GPI " : "GPO ") + Spell(number) + " " + state;
-    line.number = number;
-    line.state = state;
-    Write(line);
+    const std::string word = kind == Line::GPI ? "GPI " : "GPO ";
+    Write({kind, word + Spell(static_cast<uint32_t>(number)) + " " + state, number, {}, state});
 }
 
 void Server::WriteNonsense() {
-    static const std::vector<std::string> LINES = split(
-        "|GPI|GPI 33 LLLLL|GPI 0 LLLLL|GPI 5|GPI 5,LLLLL|GPI -1 LLLLL|"
-        "CFG GPI 3 SRCA=1:2|CFG GPO|CFG GPO 33 SRCA=1:2|CFG GPO 0 SRCA=1:2|"
-        "CFG GPO 3 NAME=x|gpi 1 LLLLL|GPO 33 LLLLL|CFG GPO 3 XSRCA=1:2|"
-        "CFG GPO 3 srca=1:2|SET|SET HOST=x|SET A=\"NIC_IPADDR=9.9.9.9\"|"
-        "GPI 4294967297 L|XYZ|GPO x LLLLL|CFG GPO 3 A=\"SRCA=1:2\"|"
-        "SETNIC_IPADDR=9.9.9.9");
     Line line;
-    line.text = LINES[m_Random.Below(static_cast<uint32_t>(LINES.size()))];
+    line.text = m_Random.Of({"",
+                             "GPI",
+                             "GPI 33 LLLLL",
+                             "GPI 0 LLLLL",
+                             "GPI 5",
+                             "GPI 5,LLLLL",
+                             "GPI -1 LLLLL",
+                             "CFG GPI 3 SRCA=1:2",
+                             "CFG GPO",
+                             "CFG GPO 33 SRCA=1:2",
+                             "CFG GPO 0 SRCA=1:2",
+                             "CFG GPO 3 NAME=x",
+                             "gpi 1 LLLLL",
+                             "GPO 33 LLLLL",
+                             "CFG GPO 3 XSRCA=1:2",
+                             "CFG GPO 3 srca=1:2",
+                             "SET",
+                             "SET HOST=x",
+                             "SET A=\"NIC_IPADDR=9.9.9.9\"",
+                             "GPI 4294967297 L",
+                             "XYZ",
+                             "GPO x LLLLL",
+                             "CFG GPO 3 A=\"SRCA=1:2\"",
+                             "SETNIC_IPADDR=9.9.9.9"});
     if (m_Random.OneIn(200)) {
         line.text = std::string(1900 + m_Random.Below(200), 'a');  // up to the limit, or beyond
     } else if (m_Random.OneIn(400)) {
@@ -122,19 +111,6 @@ void Server::WriteNonsense() {
     Write(line);
 }
 
-void Server::Break(int error) {
-    const std::shared_ptr<Stream> stream = Leave();
-    if (stream == nullptr || stream->is_closed) {
-        return;
-    }
-    if (error != 0 && m_Random.OneIn(2)) {
-        stream->arrived.clear();
-    }
-    const Micros delay = error != 0 ? 0 : std::max<Micros>(stream->last - m_World.Now(), 100);
-    m_World.After(delay, [stream, error] { stream->end = error; });
-}
-
-// Without a word: keep-alive finds that out after two hours.
 void Server::Vanish() {
     const std::shared_ptr<Stream> stream = Leave();
     m_World.After(7875 * SECOND, [stream] {
@@ -144,15 +120,21 @@ void Server::Vanish() {
     });
 }
 
+// The connection ends with what was written, or at once with an error.
 void Server::GoDown() {
-    const int ERRORS[] = {0, 0, ECONNRESET};
-    const Answer ANSWERS[] = {ACCEPTS, ACCEPTS, LATE, REFUSES, REFUSES, SILENT, UNREACHABLE};
-    Break(m_Random.Of(ERRORS));
-    answer = m_Random.Of(ANSWERS);
-    const Micros time =
-        m_Random.OneIn(6) ? m_Random.Time(600 * SECOND) : m_Random.Time(20 * SECOND);
-    m_World.After(time, [this] { answer = ACCEPTS; });
-    m_World.faults += 1;
+    const int error = m_Random.Of({0, 0, ECONNRESET});
+    const std::shared_ptr<Stream> stream = Leave();
+    if (stream != nullptr && !stream->is_closed) {
+        if (error != 0 && m_Random.OneIn(2)) {
+            stream->arrived.clear();
+        }
+        const Micros rest = std::max<Micros>(stream->last - m_World.Now(), 100);
+        m_World.After(error != 0 ? 0 : rest, [stream, error] { stream->end = error; });
+    }
+    answer = m_Random.Of({ACCEPTS, ACCEPTS, LATE, REFUSES, REFUSES, SILENT, UNREACHABLE});
+    const Micros limit = m_Random.OneIn(6) ? 600 * SECOND : 20 * SECOND;
+    m_World.After(m_Random.Time(limit), [this] { answer = ACCEPTS; });
+    ++m_World.faults;
 }
 
 // ---- a remote server
@@ -164,30 +146,13 @@ void RemoteServer::Told(const std::string& line) {
 }
 
 void RemoteServer::Act() {
-    const int INPUTS[] = {1, 2, 3, 4, 256};
-    switch (m_Random.Below(200)) {
-        case 0:
-            m_World.Event("remote server down");
-            GoDown();
-            break;
-        case 1:
-            m_World.Event("remote server vanishes");
-            Vanish();
-            break;
-        case 2:
-        case 3:
-        case 4:
-        case 5:
-            m_World.Event("remote nonsense");
-            WriteNonsense();
-            break;
-        default: {
-            m_World.Event("remote input");
-            const int input = m_Random.Of(INPUTS);
-            WriteState(Line::GPI, input, AnyState());
-            break;
-        }
-    }
+    m_World.OneOf({{1, "remote server down", [this] { GoDown(); }},
+                   {1, "remote server vanishes", [this] { Vanish(); }},
+                   {4, "remote nonsense", [this] { WriteNonsense(); }},
+                   {194, "remote input", [this] {
+                        const int input = m_Random.Of({1, 2, 3, 4, 256});
+                        WriteState(Line::GPI, input, AnyState());
+                    }}});
 }
 
 // ---- the control server
@@ -199,19 +164,15 @@ Tqrd::Tqrd(World& world) : Server(world, {LOOPBACK, 93}) {
 }
 
 Source Tqrd::AnySource() {
-    const uint32_t ADDRESSES[] = {1, 2, 0x102, 0x1234, 300, 0xFFFFFF};
-    const Endpoint SERVERS[] = {
-        {0x0A000009, 93}, {0x0A000009, 94}, {0x0A00000A, 93}, {0x0A00000B, 40000}};
-    const int INPUTS[] = {1, 1, 2, 3, 256};
     Source source;
     const uint32_t kind = m_Random.Below(8);
     if (kind < 3) {
         source.kind = Source::BUS;
-        source.address = m_Random.Of(ADDRESSES);
+        source.address = m_Random.Of({1, 2, 0x102, 0x1234, 300, 0xFFFFFF});
     } else if (kind < 6) {
         source.kind = Source::REMOTE;
-        source.server = m_Random.Of(SERVERS);
-        source.gpi = m_Random.Of(INPUTS);
+        source.server = REMOTES[m_Random.Below(4)];
+        source.gpi = m_Random.Of({1, 1, 2, 3, 256});
     } else if (kind == 6) {
         source.server.ip = 0xFFFFFFFF;
     }
@@ -219,55 +180,60 @@ Source Tqrd::AnySource() {
 }
 
 std::string Tqrd::Spelled(const Source& source) {
-    const char* const NOTHING[] = {"none", "", "x", "-"};
-    const char* const UNREADABLE[] = {"x.y", "255.255.255.255", "10.0.0.256", "1.2.3.4.5:93/2"};
     std::string text;
     if (source.kind == Source::NONE) {
-        return source.server.ip == 0 ? m_Random.Of(NOTHING) : m_Random.Of(UNREADABLE);
+        return source.server.ip == 0
+                   ? m_Random.Of({"none", "", "x", "-"})
+                   : m_Random.Of({"x.y", "255.255.255.255", "10.0.0.256", "1.2.3.4.5:93/2"});
     }
     if (source.kind == Source::BUS) {
-        text = Spell(static_cast<int>(source.address));
+        text = Spell(source.address);
         if (m_Random.OneIn(2)) {
-            text = Spell(static_cast<int>(source.address >> 8));
-            text += ":" + Spell(static_cast<int>(source.address & 255));
+            text = Spell(source.address >> 8);
+            text += ":" + Spell(source.address & 255);
         }
     } else {
         text = quad(source.server.ip);
         const bool is_standard = source.server.port == 93;
+        const std::string gpi = "/" + std::to_string(source.gpi);
         const bool with_port = !is_standard || m_Random.OneIn(2);
         const bool with_gpi = source.gpi != 1 || m_Random.OneIn(2);
-        text += with_port ? ":" + std::to_string(source.server.port) : "";
-        text += with_gpi ? "/" + std::to_string(source.gpi) : "";
         if (is_standard && m_Random.OneIn(8)) {
-            text = quad(source.server.ip) + "/" + std::to_string(source.gpi) + ":94";
+            text += gpi + ":94";
+        } else {
+            text += with_port ? ":" + std::to_string(source.server.port) : "";
+            text += with_gpi ? gpi : "";
         }
     }
     return (m_Random.OneIn(4) ? "tqs://" : "") + text;
 }
 
 Line Tqrd::Configuration(int number) {
-    const char* const BEFORE[] = {"", "", "NAME=\"a, b SRCA=9\" ", "GAIN:3,", "X=\\\",B=1 "};
-    const char* const BEHIND[] = {"", "", " SRCB=1.2.3.4", " SRCA=7:7", "  ,LAST"};
     Line line;
     line.kind = Line::CFG;
     line.number = number;
     line.source = m_Channels[number].source;
-    line.text = "CFG GPO " + Spell(number) + " ";
-    line.text += m_Random.Of(BEFORE);
+    line.text = "CFG GPO " + Spell(static_cast<uint32_t>(number)) + " ";
+    line.text += m_Random.Of({"", "", "NAME=\"a, b SRCA=9\" ", "GAIN:3,", "X=\\\",B=1 "});
     line.text += m_Random.OneIn(4) ? "SRCA:" : "SRCA=";
     const std::string source = Spelled(line.source);
-    line.text += m_Random.OneIn(4) ? "\"" + source + "\"" : source + m_Random.Of(BEHIND);
+    if (m_Random.OneIn(4)) {
+        line.text += "\"" + source + "\"";
+    } else {
+        line.text += source;
+        line.text += m_Random.Of({"", "", " SRCB=1.2.3.4", " SRCA=7:7", "  ,LAST"});
+    }
     return line;
 }
 
 void Tqrd::TellInterface() {
-    const uint32_t address = m_Random.OneIn(20) ? m_Random.Of(DEVICE_ADDRESSES) : m_World.device_ip;
     Line line;
     line.kind = Line::SET;
-    line.address = address;
-    line.text = "SET HOST=device,NIC_IPADDR=" + quad(address) + " MASK=255.255.255.0";
+    line.address = m_Random.OneIn(20) ? AnyInterface() : m_World.device_ip;
+    const std::string address = quad(line.address);
+    line.text = "SET HOST=device,NIC_IPADDR=" + address + " MASK=255.255.255.0";
     if (m_Random.OneIn(10)) {
-        line.text = "SET NIC_IPADDR:\"" + quad(address) + "\"";
+        line.text = "SET NIC_IPADDR:\"" + address + "\"";
     } else if (m_Random.OneIn(40)) {
         line.text = "SET NIC_IPADDR=10.0.0";
         line.address = 0;
@@ -276,7 +242,7 @@ void Tqrd::TellInterface() {
 }
 
 void Tqrd::Told(const std::string& line) {
-    char words[16] = "";
+    char word = '\0';
     int number = 0;
     char state[8] = "";
     if (line == "SET") {
@@ -287,15 +253,9 @@ void Tqrd::Told(const std::string& line) {
                 Write(Configuration(n));
             }
         }
-    } else if (sscanf(line.c_str(), "%3s GPI %d", words, &number) == 2 && number >= 1 &&
-               number <= CHANNELS) {
-        Channel& channel = m_Channels[number];
-        channel.is_followed = words[0] == 'A';
-        if (channel.is_followed) {
-            WriteState(Line::GPI, number, channel.input);
-        }
-    } else if (sscanf(line.c_str(), "GPO %d %5s", &number, state) == 2 && number >= 1 &&
-               number <= CHANNELS) {
+    } else if (sscanf(line.c_str(), "A%cD GPI %d", &word, &number) == 2) {
+        WriteState(Line::GPI, number, m_Channels[number].input);
+    } else if (sscanf(line.c_str(), "GPO %d %5s", &number, state) == 2) {
         std::string& output = m_Channels[number].output;
         for (size_t i = 0; i < 5 && state[i] != '\0'; ++i) {
             output[i] = state[i] == 'x' ? output[i] : state[i];
@@ -312,7 +272,6 @@ void Tqrd::Restart() {
         if (m_Random.OneIn(6)) {
             m_Channels[n].source = AnySource();
         }
-        m_Channels[n].is_followed = false;
     }
 }
 
@@ -329,30 +288,21 @@ uint32_t Tqrd::AnyAddress() {
 void Tqrd::Act() {
     const int number = 1 + static_cast<int>(m_Random.Below(CHANNELS));
     Channel& channel = m_Channels[number];
-    const uint32_t what = m_Random.Below(1000);
-    if (what < 3) {
-        m_World.Event("control server restarts");
-        Restart();
-    } else if (what < 10) {
-        m_World.Event("interface told");
-        TellInterface();
-    } else if (what < 60) {
-        m_World.Event("channel configured");
-        channel.source = AnySource();
-        for (uint32_t i = m_Random.OneIn(4) ? 2 : 1; i > 0; --i) {
-            Write(Configuration(number));
-        }
-    } else if (what < 100) {
-        m_World.Event("control nonsense");
-        WriteNonsense();
-    } else if (what < 400) {
-        m_World.Event("output told");
-        WriteState(Line::GPO, number, AnyState());
-    } else {
-        m_World.Event("input");
-        channel.input = AnyState();
-        WriteState(Line::GPI, number, channel.input);
-    }
+    m_World.OneOf({{3, "control server restarts", [this] { Restart(); }},
+                   {7, "interface told", [this] { TellInterface(); }},
+                   {50, "channel configured",
+                    [&] {
+                        channel.source = AnySource();
+                        for (uint32_t i = m_Random.OneIn(4) ? 2 : 1; i > 0; --i) {
+                            Write(Configuration(number));
+                        }
+                    }},
+                   {40, "control nonsense", [this] { WriteNonsense(); }},
+                   {300, "output told", [&] { WriteState(Line::GPO, number, AnyState()); }},
+                   {600, "input", [&] {
+                        channel.input = AnyState();
+                        WriteState(Line::GPI, number, channel.input);
+                    }}});
 }
 
 // ---- the bus
@@ -362,49 +312,44 @@ std::string Bus::Item(uint32_t tag) {
     const std::string head = big_endian(tag, 4);
     const uint32_t type = m_Random.OneIn(8) ? m_Random.Below(12) : 7;
     const size_t count = m_Random.Below(4);
-    const std::string counted = big_endian(type, 1) + big_endian(count, 2);
+    const std::string counted = head + big_endian(type, 1) + big_endian(count, 2);
     switch (type) {
         case 1:
             return head + big_endian(0x0100000000 + m_Random.Below(1000), 5);
         case 2:
-            return head + counted + (count == 0 ? "" : std::string(count - 1, 'a') + '\0');
+            return counted + (count == 0 ? "" : std::string(count - 1, 'a') + '\0');
         case 3:
-            return head + counted + std::string(count, '\7');
         case 4:
-            return head + counted + std::string(count * 2, '\7');
         case 5:
-            return head + counted + std::string(count * 4, '\7');
+            return counted + std::string(count << (type - 3), '\7');
         case 6:
             return head + std::string("\6\0\6INDI\0\0", 9);
+        case 7:
+            return head + "\7" + big_endian(m_Random.Below(256), 1);
         case 8:
             return head + std::string("\10\1\2", 3);
         case 9:
             return head + big_endian(9, 1) + big_endian(m_Random.Below(1000), 8);
-        case 0:
-        case 10:
-        case 11:
-            return head + counted;
         default:
-            return head + "\7" + big_endian(m_Random.Below(256), 1);
+            return counted;
     }
 }
 
 std::string Bus::Message() {
-    const uint32_t IDS[] = {0x57524E49, 0x5752494E, 0x52454144, 0x52454144, 0x494E4449};
-    const uint32_t CIRCUITS[] = {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 8, 13, 3, 14, 0, 255};
-    const uint32_t id = m_Random.Of(IDS);
+    const uint32_t id = m_Random.Of({0x57524E49, 0x5752494E, 0x52454144, 0x52454144, 0x494E4449});
     uint32_t left = m_Random.OneIn(30) ? 17 + m_Random.Below(40) : 1 + m_Random.Below(5);
-    std::set<uint32_t> tags;
+    std::map<uint32_t, bool> tags;
     std::string items;
     if (m_Random.OneIn(2)) {
-        tags = {0xFFFFFFFF, 0xFFFFFFFC};
+        tags = {{0xFFFFFFFF, true}, {0xFFFFFFFC, true}};
         items = big_endian(0xFFFFFFFF, 4) + big_endian(0x0100000000 + m_Random.Below(99), 5);
         items += big_endian(0xFFFFFFFC, 4) + big_endian(9, 1) + big_endian(m_Random.Below(99), 8);
     }
     for (; left > 0; --left) {
         const uint32_t address = m_Tqrd.AnyAddress();
-        const uint32_t tag = address << 8 | m_Random.Of(CIRCUITS);
-        if (tags.insert(tag).second) {
+        const uint32_t tag = address << 8 | m_Random.Of({4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u, 13u,
+                                                         8u, 13u, 3u, 14u, 0u, 255u});
+        if (tags.emplace(tag, true).second) {
             items += Item(tag);
         }
     }
@@ -419,9 +364,8 @@ std::string Bus::Packet(Sender& sender) {
         packet[1] = m_Random.OneIn(8) ? 'X' : 'M';
     }
     if (m_Random.OneIn(20)) {
-        const char BYTES[] = {0, 1, 2, 4, 6, 8};
         char& field = packet[m_Random.Below(4)];
-        field = m_Random.Of(BYTES);
+        field = m_Random.Of({'\0', '\1', '\2', '\4', '\6', '\10'});
     }
     if (m_Random.OneIn(20)) {
         const std::string whole = packet;
@@ -443,11 +387,10 @@ void Bus::Act() {
     const Endpoint at = {host, static_cast<uint16_t>(1024 + 17 * m_Random.Below(3))};
     const Endpoint to = {m_Random.OneIn(4) ? m_World.device_ip : GROUP, REQUEST_PORT};
     Sender& sender = m_Senders[at];
-    if (sender.last.empty() || !m_Random.OneIn(6)) {
-        m_World.Event("packet");
+    const bool is_new = sender.last.empty() || !m_Random.OneIn(6);
+    m_World.Event(is_new ? "packet" : "packet repeated");
+    if (is_new) {
         sender.last = Packet(sender);
-    } else {
-        m_World.Event("packet repeated");
     }
     m_World.Send(at, to, sender.last);
     if (m_Random.OneIn(6)) {
@@ -456,13 +399,10 @@ void Bus::Act() {
     }
 }
 
-// More senders at once than are remembered without more memory.
 void Bus::Crowd() {
-    m_World.Event("crowd of senders");
     const uint32_t count = 20 + m_Random.Below(60);
     for (uint32_t i = 0; i < count; ++i) {
-        Sender sender;
-        sender.tid = m_Random.Below(1000);
+        Sender sender = {m_Random.Below(1000)};
         const Endpoint at = {0x0A000100 + i, static_cast<uint16_t>(2000 + i % 7)};
         m_World.Send(at, {GROUP, REQUEST_PORT}, Packet(sender));
     }

@@ -1,19 +1,19 @@
 // The peers of the daemon in its world, and what they do by themselves.
 #pragma once
 
-#include <set>
-
 #include "tests/world/World.h"
 
-const uint32_t DEVICE_ADDRESSES[] = {0x0A000001, 0x0A000002, 0x0A010001};
+const Endpoint REMOTES[] = {
+    {0x0A000009, 93}, {0x0A000009, 94}, {0x0A00000A, 93}, {0x0A00000B, 40000}};
 
 // A server of control lines, with one connection.
 class Server : public Listener {
 public:
-    Server(World& world, Endpoint at);
+    Server(World& world, Endpoint at) : m_World(world), m_Random(world.random) {
+        world.servers[at] = this;
+    }
     void Accept(const std::shared_ptr<Stream>& stream) override;
     void Hear(Stream& stream) override;
-    bool IsConnected() const { return m_Stream != nullptr && !m_Stream->is_closed; }
 
 protected:
     virtual void Told(const std::string& line) = 0;
@@ -21,13 +21,12 @@ protected:
     void Write(Line line);
     void WriteState(Line::Kind kind, int number, const std::string& state);
     void WriteNonsense();
-    // Ends the connection: with what was written (0), or at once with an error.
-    void Break(int error);
+    // Without a word: keep-alive finds that out after two hours.
     void Vanish();
-    // Breaks it and answers otherwise for a time.
+    // Breaks the connection and answers otherwise for a time.
     void GoDown();
     std::string AnyState();
-    std::string Spell(int number);
+    std::string Spell(uint32_t number);
 
     World& m_World;
     Random& m_Random;
@@ -55,6 +54,7 @@ public:
     // An address on the bus that may be known.
     uint32_t AnyAddress();
     void TellInterface();
+    uint32_t AnyInterface() { return m_Random.Of({0x0A000001, 0x0A000002, 0x0A010001}); }
 
 protected:
     void Told(const std::string& line) override;
@@ -64,14 +64,13 @@ private:
         Source source{};
         std::string input = "HHHHH";
         std::string output = "HHHHH";
-        bool is_followed = false;
     };
     Source AnySource();
     Line Configuration(int number);
     std::string Spelled(const Source& source);
     void Restart();
 
-    Channel m_Channels[CHANNELS + 1];
+    std::map<int, Channel> m_Channels;
 };
 
 // What peers put on the bus.
@@ -79,6 +78,7 @@ class Bus {
 public:
     Bus(World& world, Tqrd& tqrd) : m_World(world), m_Random(world.random), m_Tqrd(tqrd) {}
     void Act();
+    // More senders at once than are remembered without more memory.
     void Crowd();
     // A message as its bytes, with no tag twice.
     std::string Message();

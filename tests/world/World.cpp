@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "tests/world/Writer.h"
@@ -12,9 +11,10 @@ namespace {
 
 World* the_world = nullptr;
 
-std::string readable(const std::string& bytes) {
+std::string readable(const Call& call) {
     std::string text;
-    for (const char c : bytes.substr(0, 160)) {
+    for (const char c : call.asks.substr(0, 160) + "gave " + std::to_string(call.result) + " " +
+                            call.got.substr(0, 160)) {
         char hex[8];
         snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
         text += c >= ' ' && c <= '~' ? std::string(1, c) : c == '\n' ? "\\n" : hex;
@@ -45,17 +45,9 @@ uint32_t Random::Below(uint32_t limit) {
     return static_cast<uint32_t>(((z ^ (z >> 31)) >> 32) * limit >> 32);
 }
 
-std::string Call::Text() const {
-    std::string text = kind;
-    text += " socket " + std::to_string(fd) + ", number " + std::to_string(number) + ", \"" +
-            readable(data) + "\", peer " + quad(peer.ip) + ":" + std::to_string(peer.port);
-    return text + " gave " + std::to_string(result) + " \"" + readable(got) + "\"";
-}
-
 World::World(uint64_t seed, Micros length) : random(seed), m_Length(length), m_Seed(seed) {
     // Today, or shortly before the seconds pass 2^31 or 2^32.
-    const Micros days[] = {20782, 20782, 20782, 24854, 49709};
-    clock_offset = random.Of(days) * DAY;
+    clock_offset = random.Of({20782, 20782, 20782, 24854, 49709}) * DAY;
     clock_offset += random.Time(SECOND);
     device_ip = random.OneIn(10) ? 0 : 0x0A000001;
     the_world = this;
@@ -77,7 +69,8 @@ void World::After(Micros delay, std::function<void()> happens) {
     m_Future.push({m_Now + delay, ++m_Happened, std::move(happens)});
 }
 
-bool World::Wait(Micros until, const std::function<bool()>& condition) {
+bool World::Wait(Micros time, const std::function<bool()>& condition) {
+    const Micros until = m_Now + time;
     while (!condition()) {
         if (m_Future.empty() || m_Future.top().at > until) {
             m_Now = until;
@@ -89,6 +82,21 @@ bool World::Wait(Micros until, const std::function<bool()>& condition) {
         happens();
     }
     return true;
+}
+
+void World::OneOf(std::initializer_list<Deed> deeds) {
+    uint32_t all = 0;
+    for (const Deed& deed : deeds) {
+        all += deed.weight;
+    }
+    const Deed* deed = deeds.begin();
+    for (uint32_t left = random.Below(all); left >= deed->weight; ++deed) {
+        left -= deed->weight;
+    }
+    if (deed->event != nullptr) {
+        Event(deed->event);
+    }
+    deed->happens();
 }
 
 void World::Event(const std::string& what) {
@@ -104,13 +112,17 @@ void World::Event(const std::string& what) {
     }
 }
 
+void World::Fault(const std::string& what) {
+    ++faults;
+    Count("fault: " + what);
+}
+
 bool World::Fails(const char* call, uint32_t one_in, std::initializer_list<int> errors) {
     if (running != nullptr || is_calm || IsOver() || !random.OneIn(one_in)) {
         return false;
     }
-    errno = errors.begin()[random.Below(static_cast<uint32_t>(errors.size()))];
-    ++faults;
-    Count(std::string("fault: ") + call + ": " + strerror(errno));
+    errno = random.Of(errors);
+    Fault(std::string(call) + ": " + strerror(errno));
     return true;
 }
 
@@ -121,36 +133,32 @@ void World::Trace(const std::string& bytes) {
     hash = (hash ^ static_cast<uint64_t>(m_Now)) * 1099511628211ULL;
 }
 
-Call& World::Log(Call call) {
+void World::Log(Call call) {
     if (is_calm) {
-        log.clear();
-        log.push_back(std::move(call));
-        return log.back();
+        return;
     }
     if (log.size() > 1000000) {
         Differ("the next wait", "a million calls without one");
     }
     call.clock = Clock();
-    Trace(call.data + call.got);
-    Trace(call.kind + " " + std::to_string(call.fd) + " " + std::to_string(call.result));
+    Trace(call.asks + std::to_string(call.result) + call.got);
     log.push_back(std::move(call));
-    return log.back();
 }
 
 void World::Differ(const std::string& expected, const std::string& found) {
-    std::string text = "\nDIFFERENCE at event " + std::to_string(events) + ", " +
-                       std::to_string(m_Now / SECOND) + " s\n  owed:  " + expected +
-                       "\n  found: " + found + "\nThe last events:\n";
+    fprintf(report, "\nDIFFERENCE at event %ld, %lld s\n  owed:  %s\n  found: %s\n", events,
+            static_cast<long long>(m_Now / SECOND), readable({expected}).c_str(),
+            readable({found}).c_str());
+    fputs("The last events:\n", report);
     for (const std::string& event : m_Recent) {
-        text += "  " + event + "\n";
+        fprintf(report, "  %s\n", event.c_str());
     }
-    text += "The last calls of the daemon:\n";
+    fputs("The last calls of the daemon:\n", report);
     for (size_t i = log.size() > 16 ? log.size() - 16 : 0; i < log.size(); ++i) {
-        text += "  " + log[i].Text() + "\n";
+        fprintf(report, "  %s\n", readable(log[i]).c_str());
     }
-    text += "To repeat: scripts/simulate --seed " + std::to_string(m_Seed) + " --days " +
-            std::to_string(m_Now / DAY + 1) + "\n";
-    fputs(text.c_str(), report);
+    fprintf(report, "To repeat: scripts/simulate --seed %llu --days %lld\n",
+            static_cast<unsigned long long>(m_Seed), static_cast<long long>(m_Now / DAY + 1));
     fflush(report);
     _exit(1);
 }
@@ -171,9 +179,9 @@ bool World::IsReadable(int fd) const {
         return false;
     }
     const Socket& socket = found->second;
+    const Stream* const stream = socket.stream.get();
     return !socket.datagrams.empty() ||
-           (socket.stream != nullptr &&
-            (!socket.stream->arrived.empty() || socket.stream->end >= 0));
+           (stream != nullptr && (!stream->arrived.empty() || stream->end >= 0));
 }
 
 // A road that loses, repeats, delays and reorders.
@@ -185,19 +193,16 @@ void World::Send(const Endpoint& from, const Endpoint& to, const std::string& by
     int copies = 1;
     if (m_Now < cut_until || random.OneIn(50)) {
         copies = 0;
-        ++faults;
-        Count(m_Now < cut_until ? "fault: datagram into a cut cable" : "fault: datagram lost");
+        Fault(m_Now < cut_until ? "datagram into a cut cable" : "datagram lost");
     } else if (random.OneIn(50)) {
         copies = 2;
-        ++faults;
-        Count("fault: datagram doubled");
+        Fault("datagram doubled");
     }
     while (copies-- > 0) {
         Micros delay = 100 + random.Time(2 * MS);
         if (random.OneIn(50)) {
             delay += random.Time(300 * MS);
-            ++faults;
-            Count("fault: datagram late");
+            Fault("datagram late");
         }
         After(delay, [this, from, to, bytes] { Arrive(from, to, bytes); });
     }
@@ -211,10 +216,10 @@ void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& 
         return;
     }
     for (auto& [fd, socket] : sockets) {
-        const bool is_daemon = socket.writer == nullptr;
-        const bool is_there =
-            is_daemon ? to.ip == device_ip || (to.ip == GROUP && is_member)
-                      : to.ip == socket.writer->address && fd == socket.writer->Socket();
+        Writer* const writer = socket.writer;
+        const bool is_there = writer == nullptr
+                                  ? to.ip == device_ip || (to.ip == GROUP && is_member)
+                                  : to.ip == writer->address && fd == writer->Socket();
         if (socket.is_stream || socket.port != to.port || !is_there) {
             continue;
         }
@@ -223,8 +228,8 @@ void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& 
             return;
         }
         socket.datagrams.push_back({from, bytes});
-        if (!is_daemon) {
-            socket.writer->Arrived(from, bytes);
+        if (writer != nullptr) {
+            writer->Arrived(from, bytes);
         }
         return;
     }

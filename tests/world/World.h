@@ -11,12 +11,37 @@
 #include <memory>
 #include <queue>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 using Micros = int64_t;
 const Micros MS = 1000;
 const Micros SECOND = 1000000;
 const Micros DAY = 86400 * SECOND;
+
+const uint32_t GROUP = 0xEFC0FF04;  // 239.192.255.4
+const uint16_t REQUEST_PORT = 2060;
+const uint16_t ANSWER_PORT = 2055;
+const uint32_t LOOPBACK = 0x7F000001;
+const int CHANNELS = 32;
+
+std::string quad(uint32_t ip);
+std::string big_endian(uint64_t number, int size);
+
+// Texts and numbers with a blank behind each.
+template <class... T>
+std::string words(const T&... parts) {
+    std::string text;
+    const auto add = [&text](const auto& part) {
+        if constexpr (std::is_integral_v<std::decay_t<decltype(part)>>) {
+            text += std::to_string(part) + " ";
+        } else {
+            (text += part) += ' ';
+        }
+    };
+    (add(parts), ...);
+    return text;
+}
 
 // Numbers that follow from a seed. Take one at a time: the order in which a compiler evaluates the
 // operands of one expression is its own.
@@ -25,10 +50,10 @@ public:
     explicit Random(uint64_t seed) : m_State(seed) {}
     uint32_t Below(uint32_t limit);
     bool OneIn(uint32_t n) { return Below(n) == 0; }
-    Micros Time(Micros limit) { return static_cast<Micros>(Below(static_cast<uint32_t>(limit))); }
-    template <class T, size_t N>
-    const T& Of(const T (&choice)[N]) {
-        return choice[Below(N)];
+    Micros Time(Micros limit) { return Below(static_cast<uint32_t>(limit)); }
+    template <class T>
+    T Of(std::initializer_list<T> choice) {
+        return choice.begin()[Below(static_cast<uint32_t>(choice.size()))];
     }
 
 private:
@@ -41,6 +66,7 @@ struct Endpoint {
 
     bool operator==(const Endpoint& o) const { return ip == o.ip && port == o.port; }
     bool operator<(const Endpoint& o) const { return ip != o.ip ? ip < o.ip : port < o.port; }
+    std::string Text() const { return quad(ip) + ":" + std::to_string(port); }
 };
 
 // Where an output is driven from, in the words of the protocol.
@@ -95,22 +121,12 @@ struct Stream {
 
 // One system call of the daemon: what it asked for and what it got.
 struct Call {
-    std::string kind{};  // its name; "poll" for a select that does not wait
-    int fd = -1;
-    long number = 0;     // a time in microseconds, room, an option, a type
-    std::string data{};  // what was sent, the sockets watched, a name
-    Endpoint peer{};     // to which; of an option its address
+    std::string asks{};  // its name, "poll" for a select that does not wait, and what matters of it
     long result = 0;
     std::string got{};  // what was received, the sockets that are readable
     Endpoint from{};
+    std::shared_ptr<Stream> stream{};  // of connect
     Micros clock = 0;                  // the time of day when it ended
-    std::shared_ptr<Stream> stream{};  // CONNECT
-
-    bool Asks(const Call& o) const {
-        return kind == o.kind && fd == o.fd && number == o.number && data == o.data &&
-               peer == o.peer;
-    }
-    std::string Text() const;
 };
 
 struct Datagram {
@@ -122,9 +138,15 @@ struct Socket {
     bool is_stream = false;
     class Writer* writer = nullptr;  // whose it is, null for the daemon's
     uint16_t port = 0;
-    bool is_kept_alive = false;
     std::shared_ptr<Stream> stream{};
     std::deque<Datagram> datagrams{};
+};
+
+// Something that may happen: how often of all, its name if it is an event of its own, and what.
+struct Deed {
+    uint32_t weight;
+    const char* event;
+    std::function<void()> happens;
 };
 
 class World {
@@ -141,16 +163,18 @@ public:
     Micros Clock() const { return m_Now + clock_offset; }  // as the device's clock shows it
     void After(Micros delay, std::function<void()> happens);
     // Lets time pass until the condition holds or the time is over. Whether it holds.
-    bool Wait(Micros until, const std::function<bool()>& condition);
+    bool Wait(
+        Micros time, const std::function<bool()>& condition = [] { return false; });
     bool IsOver() const { return m_Now >= m_Length; }
+    void OneOf(std::initializer_list<Deed> deeds);
 
     // ---- What is counted, and what is said when the daemon does what it must not.
     void Count(const std::string& what, long by = 1) { counts[what] += by; }
     void Event(const std::string& what);
+    void Fault(const std::string& what);
     // Whether this call fails, one in so many, with one of these errors (in errno).
     bool Fails(const char* call, uint32_t one_in, std::initializer_list<int> errors);
-    Call& Log(Call call);
-    void Trace(const std::string& bytes);
+    void Log(Call call);
     [[noreturn]] void Differ(const std::string& expected, const std::string& found);
 
     // ---- Sockets and the network.
@@ -161,11 +185,10 @@ public:
     bool is_calm = false;  // nothing fails and nothing takes time by itself
     Random random;
     Micros clock_offset;
-    uint32_t device_ip;      // 0: the interface has none
-    bool is_member = false;  // of the group
-    Micros cut_until = 0;    // until then nothing passes
-    long memory_left = -1;   // allocations until one fails, -1 for no limit
-    bool is_debug = false;
+    uint32_t device_ip;               // 0: the interface has none
+    bool is_member = false;           // of the group
+    Micros cut_until = 0;             // until then nothing passes
+    long memory_left = -1;            // allocations until one fails, -1 for no limit
     class Writer* running = nullptr;  // who makes calls now, null for the daemon
     std::map<int, Socket> sockets;
     std::map<Endpoint, Listener*> servers;
@@ -188,6 +211,7 @@ private:
             return at != o.at ? at > o.at : number > o.number;
         }
     };
+    void Trace(const std::string& bytes);
     void Arrive(const Endpoint& from, const Endpoint& to, const std::string& bytes);
 
     Micros m_Now = 0;
@@ -197,12 +221,3 @@ private:
     std::priority_queue<Happening> m_Future;
     std::deque<std::string> m_Recent;
 };
-
-const uint32_t GROUP = 0xEFC0FF04;  // 239.192.255.4
-const uint16_t REQUEST_PORT = 2060;
-const uint16_t ANSWER_PORT = 2055;
-const uint32_t LOOPBACK = 0x7F000001;
-const int CHANNELS = 32;
-
-std::string quad(uint32_t ip);
-std::string big_endian(uint64_t number, int size);

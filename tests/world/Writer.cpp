@@ -3,44 +3,10 @@
 #include "msg/Message.h"
 #include "net/SvcAddress.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define WORLD_FIBERS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define WORLD_FIBERS 1
-#endif
-#endif
-#ifdef WORLD_FIBERS
-#include <sanitizer/common_interface_defs.h>
-#endif
-
 namespace {
 
 const size_t STACK = 524288;
 Writer* starting = nullptr;  // whose stack is entered for the first time
-const void* world_stack = nullptr;
-size_t world_stack_size = 0;
-
-// Changes stacks; the address sanitizer is told.
-void change(ucontext_t& from, ucontext_t& to, const void* stack, size_t size, bool to_world) {
-#ifdef WORLD_FIBERS
-    void* fake = nullptr;
-    __sanitizer_start_switch_fiber(&fake, stack, size);
-    swapcontext(&from, &to);
-    const void* left = nullptr;
-    size_t left_size = 0;
-    __sanitizer_finish_switch_fiber(fake, &left, &left_size);
-    if (to_world) {
-        world_stack = left;
-        world_stack_size = left_size;
-    }
-#else
-    static_cast<void>(stack);
-    static_cast<void>(size);
-    static_cast<void>(to_world);
-    swapcontext(&from, &to);
-#endif
-}
 
 }  // namespace
 
@@ -50,7 +16,6 @@ Writer::Writer(World& world, uint32_t ip) : address(ip), m_World(world), m_Stack
     // cppcheck-suppress useInitializationList
     m_Client = std::make_unique<CRUdpLayer3Client>(static_cast<unsigned short>(0), 1000UL);
     m_Client->Open(nullptr, nullptr);
-    m_World.running = nullptr;
     getcontext(&m_Here);
     m_Here.uc_stack.ss_sp = m_Stack.data();
     m_Here.uc_stack.ss_size = m_Stack.size();
@@ -67,25 +32,16 @@ Writer::~Writer() {
 }
 
 void Writer::Run() {
-#ifdef WORLD_FIBERS
-    __sanitizer_finish_switch_fiber(nullptr, &world_stack, &world_stack_size);
-#endif
-    Writer* const self = starting;
-    for (;;) {
+    for (Writer* const self = starting;;) {
         self->Pause();
         self->SendOne();
-        self->m_Message.clear();
     }
 }
 
 void Writer::Resume() {
     m_World.running = this;
-    change(m_There, m_Here, m_Stack.data(), m_Stack.size(), false);
+    swapcontext(&m_There, &m_Here);
     m_World.running = nullptr;
-}
-
-void Writer::Pause() {
-    change(m_Here, m_There, world_stack, world_stack_size, true);
 }
 
 void Writer::Give(const std::string& message, const Endpoint& to) {
@@ -98,12 +54,9 @@ void Writer::Give(const std::string& message, const Endpoint& to) {
 }
 
 bool Writer::Wait(int fd, Micros limit) {
-    bool is_over = limit == 0;
-    if (!m_World.IsReadable(fd) && !is_over) {
-        const uint64_t wait = ++m_Waits;
-        m_World.After(limit, [this, wait, &is_over] {
+    if (!m_World.IsReadable(fd) && limit != 0) {
+        m_World.After(limit, [this, wait = ++m_Waits] {
             if (wait == m_Waits) {
-                is_over = true;
                 Resume();
             }
         });
@@ -147,9 +100,8 @@ void Writer::SendOne() {
     message.SetData(m_Message.data(), m_Message.size());
     m_Attempts.clear();
     m_Answered = -1;
-    const bool is_sent =
-        m_Client->SendMsg({m_To.ip, m_To.port}, &message, CRUdpLayer3Client::MESSAGE);
-    Check(is_sent);
+    Check(m_Client->SendMsg({m_To.ip, m_To.port}, &message, CRUdpLayer3Client::MESSAGE));
+    m_Message.clear();
 }
 
 // Attempts go out after 62, 124 and 248 ms, to the millisecond, until an answer comes or 566 ms
@@ -159,21 +111,20 @@ void Writer::Check(bool is_sent) const {
     m_World.Count("owed: reliable messages");
     m_World.Count(is_sent ? "kept: reliable messages acknowledged"
                           : "lost: reliable message, no answer in time");
-    const bool is_due = m_Answered >= 0 && !m_IsRefused;
-    if (is_sent != is_due || (m_Answered >= 0 && m_Answered != m_World.Now())) {
+    const bool is_answered = m_Answered >= 0;
+    const bool is_due = is_answered && !m_IsRefused;
+    if (is_sent != is_due || (is_answered && m_Answered != m_World.Now())) {
         m_World.Differ(is_due ? "a message acknowledged" : "a message not acknowledged",
                        "the other");
     }
-    if (m_Attempts.size() > 4 || (m_Answered < 0 && m_Attempts.size() != 4)) {
+    if (m_Attempts.size() > 4 || (!is_answered && m_Attempts.size() != 4)) {
         m_World.Differ("4 attempts", std::to_string(m_Attempts.size()));
     }
     for (size_t i = 0; i < m_Attempts.size(); ++i) {
         const bool is_last = i + 1 == m_Attempts.size();
         const Micros time = (is_last ? m_World.Now() : m_Attempts[i + 1]) - m_Attempts[i];
-        const bool is_short = is_last && m_Answered >= 0;
-        if (time >= TIMES[i] + MS || (time < TIMES[i] && !is_short)) {
-            m_World.Differ("an attempt for " + std::to_string(TIMES[i]) + " us",
-                           std::to_string(time) + " us");
+        if (time >= TIMES[i] + MS || (time < TIMES[i] && !(is_last && is_answered))) {
+            m_World.Differ(words("an attempt for", TIMES[i], "us"), words(time, "us"));
         }
     }
 }

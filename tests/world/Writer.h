@@ -30,7 +30,7 @@ public:
 private:
     static void Run();
     void Resume();
-    void Pause();
+    void Pause() { swapcontext(&m_Here, &m_There); }
     void SendOne();
     void Check(bool is_sent) const;
 

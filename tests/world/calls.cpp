@@ -5,7 +5,6 @@
 #include <net/if.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -14,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "tests/world/World.h"
@@ -24,6 +22,10 @@ namespace {
 
 World& world() {
     return World::Get();
+}
+
+Socket& socket_of(int fd) {
+    return world().sockets.at(fd);
 }
 
 Endpoint endpoint(const void* address) {
@@ -40,74 +42,75 @@ void store(const Endpoint& from, void* address) {
     memcpy(address, &in, sizeof in);
 }
 
-int fail(int error) {
-    errno = error;
-    return -1;
+std::string bytes_of(const void* data, size_t size) {
+    return {static_cast<const char*>(data), size};
 }
 
-// What a call of the daemon's that only asks gives, -1 with the error of errno.
-int log_call(const std::string& kind, int fd, long number, int result, const std::string& data = "",
-             Endpoint peer = {}) {
+// The end of a call: its result, and the error of errno.
+int done(Call call) {
     const int err = errno;
+    const int result = static_cast<int>(call.result);
     if (world().running == nullptr) {
-        Call call;
-        call.kind = kind;
-        call.fd = fd;
-        call.number = number;
-        call.data = data;
-        call.peer = peer;
-        call.result = result;
         world().Log(std::move(call));
     }
     errno = err;
     return result;
 }
 
-Socket& socket_of(int fd) {
-    return world().sockets.at(fd);
-}
-
-std::string bytes_of(const void* data, size_t size) {
-    return {static_cast<const char*>(data), size};
-}
-
-// Until when an attempt to connect lasts, and what becomes of it: 0 or an error.
-int attempt(Listener* server) {
-    const Listener::Answer answer = server == nullptr ? Listener::REFUSES : server->answer;
+// Lets an attempt to connect take its time. What becomes of it: 0 or an error.
+int attempt(const Listener* server) {
+    const struct {
+        const char* fault;
+        Micros time;
+        int error;
+    } OUTCOMES[] = {{nullptr, 2 * MS, 0},
+                    {"accepts late", 5 * SECOND, 0},
+                    {"refuses", 0, ECONNREFUSED},
+                    {"never accepts", 130 * SECOND, ETIMEDOUT},
+                    {"unreachable", 3 * SECOND, EHOSTUNREACH}};
     World& w = world();
+    const Listener::Answer answer = server == nullptr ? Listener::REFUSES : server->answer;
+    const auto& [fault, time, error] = OUTCOMES[answer];
     if (w.is_calm) {
-        return answer == Listener::ACCEPTS ? 0 : ECONNREFUSED;
+        return error;
     }
-    switch (answer) {
-        case Listener::ACCEPTS:
-            w.Wait(w.Now() + w.random.Time(2 * MS), [] { return false; });
-            return server->answer == Listener::ACCEPTS ? 0 : ECONNREFUSED;
-        case Listener::LATE:
-            w.Count("fault: accepts late");
-            w.Wait(w.Now() + w.random.Time(5 * SECOND), [] { return false; });
-            return 0;
-        case Listener::SILENT:
-            w.Count("fault: never accepts");
-            w.Wait(w.Now() + 130 * SECOND, [] { return false; });
-            return ETIMEDOUT;
-        case Listener::UNREACHABLE:
-            w.Count("fault: unreachable");
-            w.Wait(w.Now() + 3 * SECOND, [] { return false; });
-            return EHOSTUNREACH;
-        default:
-            w.Count("fault: refuses");
-            return ECONNREFUSED;
+    if (fault != nullptr) {
+        w.Count(std::string("fault: ") + fault);
     }
+    if (time != 0) {
+        w.Wait(error == 0 ? w.random.Time(time) : time);
+    }
+    return fault == nullptr && server->answer != answer ? ECONNREFUSED : error;
 }
 
 std::string readable_of(const std::string& watched) {
     std::string ready;
-    for (const char fd : watched) {
-        if (world().IsReadable(static_cast<unsigned char>(fd))) {
-            ready += fd;
-        }
-    }
+    std::copy_if(watched.begin(), watched.end(), std::back_inserter(ready),
+                 [](char fd) { return world().IsReadable(static_cast<unsigned char>(fd)); });
     return ready;
+}
+
+// What a call that reads gives.
+int receive(Call call, bool fails, void* buffer) {
+    if (fails) {
+        call.result = -1;
+        call.got.clear();
+    } else {
+        call.result = static_cast<long>(call.got.size());
+        memcpy(buffer, call.got.data(), call.got.size());
+    }
+    return done(std::move(call));
+}
+
+// A wait of the daemon, until one of these is readable.
+void wait(const std::string& watched, Micros limit) {
+    World& w = world();
+    w.waits();
+    // It may be late: then more than one is readable.
+    if (w.Wait(limit, [&] { return !readable_of(watched).empty() || w.IsOver(); }) && !w.is_calm &&
+        w.random.OneIn(3)) {
+        w.Wait(w.random.Time(30 * MS));
+    }
 }
 
 }  // namespace
@@ -127,14 +130,14 @@ extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
 }
 
 extern "C" int usleep(useconds_t time) {
-    world().Wait(world().Now() + static_cast<Micros>(time), [] { return false; });
-    return log_call("usleep", -1, static_cast<long>(time), 0);
+    world().Wait(static_cast<Micros>(time));
+    return done({words("usleep", time)});
 }
 
 // ---- start-up
 
 extern "C" int daemon(int /*stay*/, int /*keep_open*/) noexcept {
-    return log_call("daemon", -1, 0, world().Fails("daemon", 100, {ENOMEM, EAGAIN}) ? -1 : 0);
+    return done({"daemon ", world().Fails("daemon", 100, {ENOMEM, EAGAIN}) ? -1 : 0});
 }
 
 extern "C" FILE* fopen(const char* path, const char* mode) {
@@ -143,7 +146,7 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
         return fdopen(open(path, flags, 0666), mode);
     }
     const bool fails = world().Fails("fopen", 20, {EACCES, ENOSPC, EMFILE});
-    log_call("fopen", -1, 0, fails ? -1 : 0, path + std::string(" ") + mode);
+    done({words("fopen", path, mode), fails ? -1 : 0});
     return fails ? nullptr : fmemopen(nullptr, 8192, "w");
 }
 
@@ -152,53 +155,53 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     ifreq* interface = va_arg(arguments, ifreq*);
     va_end(arguments);
-    const uint32_t address = world().device_ip;
-    const bool fails = request != SIOCGIFADDR || address == 0;
-    store({address, 0}, &interface->ifr_addr);
+    const Endpoint at = {world().device_ip, 0};
+    store(at, &interface->ifr_addr);
     errno = EADDRNOTAVAIL;
-    log_call("ioctl", fd, 0, fails ? -1 : 0, interface->ifr_name);
-    world().log.back().from.ip = address;
-    return fails ? -1 : 0;
+    return done({words("ioctl", fd, interface->ifr_name),
+                 request != SIOCGIFADDR || at.ip == 0 ? -1 : 0, "", at});
 }
 
 // ---- sockets
 
 extern "C" int socket(int /*domain*/, int type, int /*protocol*/) noexcept {
+    const bool is_stream = type == SOCK_STREAM;
     const bool fails = world().Fails("socket", 2000, {EMFILE, ENFILE, ENOMEM, ENOBUFS});
-    return log_call("socket", -1, type, fails ? -1 : world().Open(type == SOCK_STREAM));
+    return done(
+        {is_stream ? "socket stream " : "socket datagram ", fails ? -1 : world().Open(is_stream)});
 }
 
 extern "C" int bind(int fd, const sockaddr* address, socklen_t /*size*/) noexcept {
     const Endpoint at = endpoint(address);
     const bool fails = world().Fails("bind", 50, {EADDRINUSE, EADDRNOTAVAIL});
     socket_of(fd).port = fails ? 0 : at.port;
-    return log_call("bind", fd, 0, fails ? -1 : 0, "", at);
+    return done({words("bind", fd, at.Text()), fails ? -1 : 0});
 }
 
 extern "C" int setsockopt(int fd, int level, int option, const void* value,
                           socklen_t size) noexcept {
+    static const std::map<std::pair<int, int>, const char*> OPTIONS = {
+        {{SOL_SOCKET, SO_REUSEADDR}, "SO_REUSEADDR"},
+        {{SOL_SOCKET, SO_KEEPALIVE}, "SO_KEEPALIVE"},
+        {{IPPROTO_TCP, TCP_NODELAY}, "TCP_NODELAY"},
+        {{IPPROTO_IP, IP_MULTICAST_IF}, "IP_MULTICAST_IF"},
+        {{IPPROTO_IP, IP_ADD_MEMBERSHIP}, "IP_ADD_MEMBERSHIP"}};
     World& w = world();
     uint32_t numbers[2] = {};
     memcpy(numbers, value, std::min<size_t>(size, sizeof numbers));
-    Endpoint about;
-    std::string data;
-    int error = 0;
+    const bool is_join = level == IPPROTO_IP && option == IP_ADD_MEMBERSHIP;
+    std::string data = std::to_string(numbers[0]);
     if (level == IPPROTO_IP) {
-        about.ip = ntohl(numbers[option == IP_ADD_MEMBERSHIP ? 1 : 0]);
-        data = option == IP_ADD_MEMBERSHIP ? quad(ntohl(numbers[0])) : "";
-        const bool is_ours = w.device_ip != 0 && (about.ip == 0 || about.ip == w.device_ip);
-        error = is_ours ? 0 : option == IP_ADD_MEMBERSHIP ? ENODEV : EADDRNOTAVAIL;
-        if (option == IP_ADD_MEMBERSHIP && is_ours) {
-            error = w.is_member ? EADDRINUSE : 0;
-            w.is_member = true;
-        }
-    } else {
-        data = std::to_string(numbers[0]);
-        socket_of(fd).is_kept_alive |= level == SOL_SOCKET && option == SO_KEEPALIVE;
-        error = w.Fails("setsockopt", 500, {ENOMEM, ENOPROTOOPT}) ? errno : 0;
+        const uint32_t about = ntohl(numbers[is_join ? 1 : 0]);
+        const bool is_ours = w.device_ip != 0 && (about == 0 || about == w.device_ip);
+        data = (is_join ? quad(ntohl(numbers[0])) + " " : "") + quad(about);
+        errno = is_join && !is_ours ? ENODEV : !is_ours ? EADDRNOTAVAIL : 0;
+        errno = is_join && is_ours && w.is_member ? EADDRINUSE : errno;
+        w.is_member = w.is_member || (is_join && is_ours);
+    } else if (!w.Fails("setsockopt", 500, {ENOMEM, ENOPROTOOPT})) {
+        errno = 0;
     }
-    errno = error;
-    return log_call("setsockopt", fd, level << 16 | option, error == 0 ? 0 : -1, data, about);
+    return done({words("setsockopt", fd, OPTIONS.at({level, option}), data), errno == 0 ? 0 : -1});
 }
 
 extern "C" int getsockopt(int /*fd*/, int /*level*/, int /*option*/, void* value,
@@ -214,36 +217,32 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t /*size*/) {
     // One at the loopback address serves all of these.
     const bool is_ours = to.ip >> 24 == LOOPBACK >> 24 || to.ip == 0;
     const auto server = w.servers.find({is_ours ? LOOPBACK : to.ip, to.port});
-    const int error = attempt(server == w.servers.end() ? nullptr : server->second);
+    errno = attempt(server == w.servers.end() ? nullptr : server->second);
     std::shared_ptr<Stream> stream;
-    if (error == 0) {
+    if (errno == 0) {
         stream = std::make_shared<Stream>();
         stream->server = server->second;
         socket_of(fd).stream = stream;
-        server->second->Accept(stream);
+        stream->server->Accept(stream);
     }
-    log_call("connect", fd, 0, error == 0 ? 0 : -1, "", to);
-    w.log.back().stream = stream;
-    errno = error;
-    return error == 0 ? 0 : -1;
+    return done({words("connect", fd, to.Text()), stream != nullptr ? 0 : -1, "", to, stream});
 }
 
 extern "C" int shutdown(int fd, int /*how*/) noexcept {
-    return log_call("shutdown", fd, 0, 0);
+    return done({words("shutdown", fd)});
 }
 
 extern "C" int close(int fd) {
     if (!World::Exists() || world().sockets.count(fd) == 0) {
         return static_cast<int>(syscall(SYS_close, fd));
     }
-    World& w = world();
-    const auto found = w.sockets.find(fd);
-    if (found->second.stream != nullptr) {
-        found->second.stream->is_closed = true;
+    const Socket& socket = socket_of(fd);
+    if (socket.stream != nullptr) {
+        socket.stream->is_closed = true;
     }
-    w.is_member = w.is_member && found->second.port != REQUEST_PORT;
-    w.sockets.erase(found);
-    return log_call("close", fd, 0, 0);
+    world().is_member = world().is_member && socket.port != REQUEST_PORT;
+    world().sockets.erase(fd);
+    return done({words("close", fd)});
 }
 
 // ---- reading and writing
@@ -253,7 +252,7 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int /*flags*/) {
     const std::shared_ptr<Stream> stream = socket_of(fd).stream;
     const std::string bytes = bytes_of(data, size);
     w.Count("owed: lines");
-    int result = static_cast<int>(size);
+    long result = static_cast<long>(size);
     if (w.Fails("send", 5000, {EINTR, ENOBUFS, ENOMEM})) {
         w.Count("lost: line, no memory for it");
         result = -1;
@@ -262,7 +261,8 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int /*flags*/) {
     } else if (stream->is_left) {
         w.Count("lost: line, the connection had ended");
         w.After(MS, [stream] { stream->end = stream->end < 0 ? ECONNRESET : stream->end; });
-        result = stream->end < 0 ? result : fail(EPIPE);
+        result = stream->end < 0 ? result : -1;
+        errno = EPIPE;
     } else {
         w.After(50, [&w, stream, bytes] {
             if (!stream->is_left) {
@@ -273,34 +273,24 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int /*flags*/) {
             }
         });
     }
-    return log_call("send", fd, 0, result, bytes);
+    return done({words("send", fd) + bytes, result});
 }
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t room, int /*flags*/) {
     World& w = world();
     Stream& stream = *socket_of(fd).stream;
-    Call call;
-    call.kind = "recv";
-    call.fd = fd;
-    call.number = static_cast<long>(room);
     size_t size = std::min(room, stream.arrived.size());
     if (size > 1 && !w.is_calm && w.random.OneIn(20)) {
         size = 1 + w.random.Below(static_cast<uint32_t>(size));
     }
-    if (w.Fails("recv", 20000, {EINTR, ENOMEM, ECONNRESET})) {
-        call.result = -1;
-    } else if (stream.arrived.empty() && stream.end > 0) {
-        call.result = fail(stream.end);
-    } else {
-        call.got = stream.arrived.substr(0, size);
-        call.result = static_cast<long>(size);
-        memcpy(buffer, call.got.data(), size);
-        stream.arrived.erase(0, size);
+    bool fails = w.Fails("recv", 20000, {EINTR, ENOMEM, ECONNRESET});
+    if (!fails && stream.arrived.empty() && stream.end > 0) {
+        fails = true;
+        errno = stream.end;
     }
-    const int err = errno;
-    const ssize_t result = w.Log(std::move(call)).result;
-    errno = err;
-    return result;
+    const std::string got = stream.arrived.substr(0, size);
+    stream.arrived.erase(0, fails ? 0 : size);
+    return receive({words("recv", fd, room), 0, got}, fails, buffer);
 }
 
 extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
@@ -310,80 +300,59 @@ extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
     const std::string bytes = bytes_of(data, size);
     Socket& socket = socket_of(fd);
     socket.port = socket.port != 0 ? socket.port : static_cast<uint16_t>(32768 + fd);
+    long result = static_cast<long>(size);
     if (w.running != nullptr) {
         w.running->Attempted(bytes);
         w.Send({w.running->address, socket.port}, to, bytes);
-        return static_cast<ssize_t>(size);
+        return result;
     }
     w.Count(to.port == ANSWER_PORT ? "owed: reports and replies" : "owed: acknowledgements");
-    int result = static_cast<int>(size);
     if (w.device_ip == 0) {
         w.Count("lost: datagram, no interface");
-        result = fail(ENETUNREACH);
+        result = -1;
+        errno = ENETUNREACH;
     } else if (w.Fails("sendto", 3000, {ENOBUFS, EAGAIN, EINTR, EPERM})) {
         w.Count("lost: datagram, no room for it");
         result = -1;
     } else if (to.ip != GROUP || w.is_calm) {
         w.Send({w.device_ip, socket.port}, to, bytes);
     }
-    return log_call("sendto", fd, 0, result, bytes, to);
+    return done({words("sendto", fd, to.Text()) + bytes, result});
 }
 
 extern "C" ssize_t recvfrom(int fd, void* buffer, size_t room, int /*flags*/, sockaddr* from,
                             socklen_t* /*from_size*/) {
-    World& w = world();
     std::deque<Datagram>& waiting = socket_of(fd).datagrams;
-    Call call;
-    call.kind = "recvfrom";
-    call.fd = fd;
-    call.number = static_cast<long>(room);
-    if (w.Fails("recvfrom", 20000, {EINTR, ENOMEM, ECONNREFUSED})) {
-        call.result = -1;
-    } else {
-        call.got = waiting.front().bytes.substr(0, room);
-        call.from = waiting.front().from;
+    const Datagram datagram = waiting.front();
+    const bool fails = world().Fails("recvfrom", 20000, {EINTR, ENOMEM, ECONNREFUSED});
+    if (!fails) {
         waiting.pop_front();
-        call.result = static_cast<long>(call.got.size());
-        memcpy(buffer, call.got.data(), call.got.size());
-        store(call.from, from);
+        store(datagram.from, from);
     }
-    const int err = errno;
-    const ssize_t result = call.result;
-    if (w.running == nullptr) {
-        w.Log(std::move(call));
-    }
-    errno = err;
-    return result;
+    return receive({words("recvfrom", fd, room), 0, datagram.bytes.substr(0, room), datagram.from},
+                   fails, buffer);
 }
 
 extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set* /*exceptional*/,
                       timeval* limit) {
     World& w = world();
-    Call call;
+    std::string watched;
     for (int fd = 0; fd < count; ++fd) {
         if (FD_ISSET(fd, readable)) {
-            call.data += static_cast<char>(fd);
+            watched += static_cast<char>(fd);
         }
     }
-    call.number = static_cast<long>(limit->tv_sec * 1000000 + limit->tv_usec);
+    const Micros time = limit->tv_sec * SECOND + limit->tv_usec;
     if (w.running != nullptr) {
-        const int ready = w.running->Wait(call.data[0], call.number) ? 1 : 0;
-        return ready;
+        return w.running->Wait(watched[0], time) ? 1 : 0;
     }
-    call.kind = call.number == 0 ? "poll" : "select";
-    const bool is_wait = call.kind == "select";
+    const bool is_wait = time != 0;
+    Call call = {is_wait ? words("select", time) + watched : "poll " + watched};
     if (is_wait) {
         w.Log(call);
-        w.waits();
-        const std::string& watched = call.data;
-        const Micros until = w.Now() + call.number;
-        // It may be late: then more than one is readable.
-        if (w.Wait(until, [&] { return !readable_of(watched).empty() || w.IsOver(); }) &&
-            !w.is_calm && w.random.OneIn(3)) {
-            w.Wait(w.Now() + w.random.Time(30 * MS), [] { return false; });
-        }
+        wait(watched, time);
     }
-    call.got = readable_of(call.data);
+    call.got = readable_of(watched);
     call.result = static_cast<long>(call.got.size());
     if (is_wait) {
         const bool is_bus = call.result == 1 && !socket_of(call.got[0] & 255).is_stream;
@@ -394,13 +363,10 @@ extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set*
         call.got.clear();
         call.result = -1;
     }
-    const int err = errno;
     FD_ZERO(readable);
     for (const char fd : call.got) {
         FD_SET(static_cast<unsigned char>(fd), readable);
     }
-    w.Log(call);
-    errno = err;
-    return static_cast<int>(call.result);
+    return done(std::move(call));
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -1,10 +1,9 @@
 // Days in the life of the daemon: scripts/simulate runs it.
-//   world --days N --seed S [--progress]
-#include <fcntl.h>
+//   world DAYS SEED
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <new>
 
 #include "app/orvex.h"
@@ -15,10 +14,18 @@
 
 namespace {
 
-template <class T, class... Arguments>
-void anew(T& object, Arguments... arguments) {
-    object.~T();
-    new (&object) T(arguments...);
+void construct_endpoints() {
+    new (&local) CTQRClient;
+    new (&gpiocli) CGPIOClient(CHANNEL_COUNT);
+    new (&rudpsrv) CRUdpLayer3Server;
+    new (&rudpcli) CRUdpLayer3Client(0, 1000);
+}
+
+void destroy_endpoints() {
+    rudpcli.~CRUdpLayer3Client();
+    rudpsrv.~CRUdpLayer3Server();
+    gpiocli.~CGPIOClient();
+    local.~CTQRClient();
 }
 
 // One process, from its start to its end.
@@ -26,74 +33,44 @@ void live(World& world) {
     char program[] = "/usr/sbin/orvex";
     char option[] = "-debug";
     char* words[] = {program, option, nullptr};
-    world.is_debug = world.random.OneIn(4);
+    const bool is_debug = world.random.OneIn(4);
     dbg = 0;
     iface_changed = 0;
     iface = 0;
-    for (Channel& channel : channels) {
-        channel = {};
-    }
-    Model model(world);
+    std::fill(std::begin(channels), std::end(channels), Channel());
+    Model model(world, is_debug);
     world.log.clear();
-    anew(local);
-    anew(gpiocli, CHANNEL_COUNT);
-    anew(rudpsrv);
-    anew(rudpcli, static_cast<unsigned short>(0), 1000UL);
-    world.log.clear();
-    parse_commands(world.is_debug ? 2 : 1, words);
-    bool is_started = false;
-    world.waits = [&world, &model, &is_started] {
-        if (!is_started && !model.Start(world.is_debug)) {
-            world.Differ("an end with status 1", "a wait");
+    construct_endpoints();
+    parse_commands(is_debug ? 2 : 1, words);
+    world.waits = [&world, &model] {
+        if (!model.Advance()) {
+            world.Differ("an end", "a wait");
         }
-        if (is_started && !model.Turn()) {
-            world.Differ("an end with status 2", "a wait");
-        }
-        is_started = true;
         world.log.clear();
     };
     if (start(program)) {
         CMainLoop loop;
         while (loop.Turn() && !world.IsOver()) {
         }
-        world.waits = [] {};
         world.Count("restarts of the daemon");
-        if (!world.IsOver() && model.Turn()) {
-            world.Differ("a wait", "an end");
-        }
-    } else if (model.Start(world.is_debug)) {
-        world.Differ("a wait", "an end with status 1");
     }
+    world.waits = [] {};
     const bool is_whole = !world.IsOver();
-    rudpcli.~CRUdpLayer3Client();
-    rudpsrv.~CRUdpLayer3Server();
-    gpiocli.~CGPIOClient();
-    local.~CTQRClient();
+    if (is_whole && model.Advance()) {
+        world.Differ("a wait", "an end");
+    }
+    destroy_endpoints();
     delete[] msgdump;
     msgdump = nullptr;
     if (is_whole) {
         model.End();
     }
-    new (&local) CTQRClient;
-    new (&gpiocli) CGPIOClient(CHANNEL_COUNT);
-    new (&rudpsrv) CRUdpLayer3Server;
-    new (&rudpcli) CRUdpLayer3Client(0, 1000);
 }
 
 // What happens by itself: every two seconds on average, in rushes and with pauses.
 class Nature {
 public:
-    explicit Nature(World& world) : m_World(world), m_Tqrd(world), m_Bus(world, m_Tqrd) {
-        const Endpoint SERVERS[] = {
-            {0x0A000009, 93}, {0x0A000009, 94}, {0x0A00000A, 93}, {0x0A00000B, 40000}};
-        for (const Endpoint& at : SERVERS) {
-            m_Remotes.push_back(std::make_unique<RemoteServer>(world, at));
-        }
-        for (uint32_t i = 0; i < 3; ++i) {
-            m_Writers.push_back(std::make_unique<Writer>(world, 0x0A00001E + i));
-        }
-        Next();
-    }
+    explicit Nature(World& world) : m_World(world) { Next(); }
 
 private:
     void Next() {
@@ -115,113 +92,86 @@ private:
 
     void Act() {
         Random& random = m_World.random;
-        const uint32_t what = random.Below(1000);
-        if (what < 3) {
-            Accident();
-        } else if (what < 4) {
-            m_Bus.Crowd();
-        } else if (what < 350) {
-            m_Tqrd.Act();
-        } else if (what < 600) {
-            m_Remotes[random.Below(4)]->Act();
-        } else if (what < 750) {
-            const Endpoint to = {random.OneIn(2) ? GROUP : m_World.device_ip, REQUEST_PORT};
-            Writer& writer = *m_Writers[random.Below(3)];
-            writer.Give(m_Bus.Message(), to);
-        } else {
-            m_Bus.Act();
-        }
+        m_World.OneOf({{3, nullptr, [this] { Accident(); }},
+                       {1, "crowd of senders", [this] { m_Bus.Crowd(); }},
+                       {346, nullptr, [this] { m_Tqrd.Act(); }},
+                       {250, nullptr, [&] { m_Remotes[random.Below(4)].Act(); }},
+                       {150, nullptr,
+                        [&] {
+                            const bool is_group = random.OneIn(2);
+                            Writer& writer = m_Writers[random.Below(3)];
+                            writer.Give(m_Bus.Message(),
+                                        {is_group ? GROUP : m_World.device_ip, REQUEST_PORT});
+                        }},
+                       {250, nullptr, [this] { m_Bus.Act(); }}});
     }
 
     void Accident() {
-        Random& random = m_World.random;
+        const auto time = [this](Micros seconds) { return m_World.random.Time(seconds * SECOND); };
         ++m_World.faults;
-        switch (random.Below(5)) {
-            case 0:
-                m_World.Event("cable cut");
-                m_World.cut_until = m_World.Now() + random.Time(300 * SECOND);
-                break;
-            case 1:
-                m_World.Event("clock set forward");
-                m_World.clock_offset += random.Time(100 * SECOND);
-                break;
-            case 2:
-                m_World.Event("clock set back");
-                m_World.clock_offset -= random.Time(100 * SECOND);
-                break;
-            case 3:
-                m_World.Event("interface without an address");
-                m_World.device_ip = 0;
-                m_World.After(random.Time(300 * SECOND), [this] { NewAddress(); });
-                break;
-            default:
-                NewAddress();
-                break;
-        }
+        m_World.OneOf({{1, "cable cut", [&] { m_World.cut_until = m_World.Now() + time(300); }},
+                       {1, "clock set forward", [&] { m_World.clock_offset += time(100); }},
+                       {1, "clock set back", [&] { m_World.clock_offset -= time(100); }},
+                       {1, "interface without an address",
+                        [&] {
+                            m_World.device_ip = 0;
+                            m_World.After(time(300), [this] { NewAddress(); });
+                        }},
+                       {1, nullptr, [this] { NewAddress(); }}});
     }
 
     void NewAddress() {
         m_World.Event("interface with another address");
-        m_World.device_ip = m_World.random.Of(DEVICE_ADDRESSES);
+        m_World.device_ip = m_Tqrd.AnyInterface();
         m_Tqrd.TellInterface();
     }
 
     World& m_World;
-    Tqrd m_Tqrd;
-    Bus m_Bus;
-    std::vector<std::unique_ptr<RemoteServer>> m_Remotes;
-    std::vector<std::unique_ptr<Writer>> m_Writers;
+    Tqrd m_Tqrd{m_World};
+    Bus m_Bus{m_World, m_Tqrd};
+    RemoteServer m_Remotes[4] = {
+        {m_World, REMOTES[0]}, {m_World, REMOTES[1]}, {m_World, REMOTES[2]}, {m_World, REMOTES[3]}};
+    Writer m_Writers[3] = {{m_World, 0x0A00001E}, {m_World, 0x0A00001F}, {m_World, 0x0A000020}};
     uint32_t m_Rush = 0;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    double days = 1;
-    uint64_t seed = 1;
-    bool with_progress = false;
-    for (int i = 1; i < argc; ++i) {
-        const bool has_value = i + 1 < argc;
-        if (strcmp(argv[i], "--days") == 0 && has_value) {
-            days = strtod(argv[++i], nullptr);
-        } else if (strcmp(argv[i], "--seed") == 0 && has_value) {
-            seed = strtoull(argv[++i], nullptr, 10);
-        } else if (strcmp(argv[i], "--progress") == 0) {
-            with_progress = true;
-        } else {
-            fprintf(stderr, "usage: world [--days N] [--seed S] [--progress]\n");
-            return 2;
-        }
+    if (argc != 3) {
+        fprintf(stderr, "usage: world DAYS SEED\n");
+        return 2;
     }
+    World world(strtoull(argv[2], nullptr, 10),
+                static_cast<Micros>(strtod(argv[1], nullptr) * static_cast<double>(DAY)));
     FILE* const out = fdopen(dup(STDOUT_FILENO), "w");
+    world.report = out;
     // What the daemon says is for others to look at.
     if (freopen("/dev/null", "w", stdout) == nullptr ||
         freopen("/dev/null", "w", stderr) == nullptr) {
         return 2;
     }
-    World world(seed, static_cast<Micros>(days * static_cast<double>(DAY)));
-    world.report = out;
-    if (with_progress) {
-        world.progress = [&world, out] {
-            fprintf(out, "progress %lld %ld %ld\n", static_cast<long long>(world.Now() / SECOND),
-                    world.events, world.faults);
-            fflush(out);
-        };
-    }
+    const auto tell = [&world, out](const char* what) {
+        fprintf(out, "%s %lld %ld %ld %016llx\n", what,
+                static_cast<long long>(world.Now() / SECOND), world.events, world.faults,
+                static_cast<unsigned long long>(world.hash));
+        fflush(out);
+    };
+    world.progress = [&tell] { tell("progress"); };
+    destroy_endpoints();
     {
         const Nature nature(world);
         while (!world.IsOver()) {
             live(world);
-            world.Wait(world.Now() + world.random.Time(30 * SECOND), [] { return false; });
+            world.Wait(world.random.Time(30 * SECOND));
         }
-        world.waits = [] {};
-        world.Wait(world.Now() + 2 * SECOND, [] { return false; });
+        world.Wait(2 * SECOND);
     }
+    construct_endpoints();
     for (const auto& [what, count] : world.counts) {
         fprintf(out, "count %ld %s\n", count, what.c_str());
     }
-    fprintf(out, "done %lld %ld %ld %016llx\n", static_cast<long long>(world.Now() / SECOND),
-            world.events, world.faults, static_cast<unsigned long long>(world.hash));
+    tell("done");
     fclose(out);
     return 0;
 }

@@ -7,18 +7,12 @@
 namespace {
 
 bool is_short() {
-    if (!World::Exists()) {
+    if (!World::Exists() || World::Get().memory_left < 0 || World::Get().running != nullptr ||
+        --World::Get().memory_left >= 0) {
         return false;
     }
-    World& world = World::Get();
-    if (world.memory_left < 0 || world.running != nullptr || --world.memory_left >= 0) {
-        return false;
-    }
-    ++world.faults;
-    world.Count("fault: new: Cannot allocate memory");
-    Call call;
-    call.kind = "no memory";
-    world.Log(call);
+    World::Get().Fault("new: Cannot allocate memory");
+    World::Get().Log({"no memory "});
     return true;
 }
 
