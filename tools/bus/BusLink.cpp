@@ -1,6 +1,7 @@
 #include "tools/bus/BusLink.h"
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,6 +17,7 @@ namespace {
 
 const double LOOK_EVERY = 1;    // seconds between two looks at the interface
 const int MOST_AT_A_TIME = 64;  // datagrams that one call reads
+const int ROOM = 4 << 20;       // bytes: some seconds of a bus that is busy
 
 std::string SecondsText(double seconds) {
     char text[32];
@@ -103,6 +105,7 @@ void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* h
     // Without this, Linux delivers the groups that any other program of this host has joined.
     const int off = 0;
     setsockopt(server.GetSocket(), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
+    setsockopt(server.GetSocket(), SOL_SOCKET, SO_RCVBUF, &ROOM, sizeof ROOM);
     Join(server);
     Trace("listening to " + HostText(m_settings.group) + " port " + std::to_string(port));
 }
@@ -134,6 +137,18 @@ std::vector<int> BusLink::Descriptors() const {
         }
     }
     return descriptors;
+}
+
+uint64_t BusLink::Lost() const {
+    uint64_t lost = 0;
+    for (const int descriptor : Descriptors()) {
+        uint32_t figures[SK_MEMINFO_VARS] = {};
+        socklen_t size = sizeof figures;
+        if (getsockopt(descriptor, SOL_SOCKET, SO_MEMINFO, figures, &size) == 0) {
+            lost += figures[SK_MEMINFO_DROPS];
+        }
+    }
+    return lost;
 }
 
 bool BusLink::Take(Traffic& traffic) {

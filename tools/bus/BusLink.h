@@ -77,6 +77,10 @@ public:
     // only so much at a time that a flood of it can't keep the caller.
     bool Take(Traffic& traffic);
 
+    // How many datagrams were lost because nobody took those before them in time. The system keeps
+    // as many as net.core.rmem_max allows.
+    uint64_t Lost() const;
+
     // When Tend() has something to do next.
     TimePoint NextTime() const { return m_look; }
 

@@ -8,6 +8,7 @@ const int MOST_AT_ONCE = 500;       // messages, before others have their turn
 const size_t MOST_CHANGES = 10000;  // that wait to be published
 const size_t MOST_DEVICES = 1000;
 const int SILENT_ROUNDS = 3;
+const double LOOK_EVERY = 1;  // seconds
 
 }  // namespace
 
@@ -16,6 +17,7 @@ PinBook::PinBook(const MqttConfig& config)
       m_link(config.bus),
       m_id(NewRequestId()),
       m_round(After(config.ask_every)),
+      m_look(After(LOOK_EVERY)),
       m_random(std::random_device()()) {
     m_link.Listen(BusLink::Hear::ReportsAndRequests);
     for (const PinRef& pins : config.pins) {
@@ -26,7 +28,7 @@ PinBook::PinBook(const MqttConfig& config)
 }
 
 TimePoint PinBook::NextTime() const {
-    const TimePoint due = std::min({m_link.NextTime(), m_states.NextTime(), m_round});
+    const TimePoint due = std::min({m_link.NextTime(), m_states.NextTime(), m_round, m_look});
     return m_question ? std::min(due, m_question->NextTime()) : due;
 }
 
@@ -109,6 +111,10 @@ void PinBook::Tend() {
         m_round = After(m_config.ask_every);
         FindSilent();
     }
+    if (Now() >= m_look) {
+        m_look = After(LOOK_EVERY);
+        FindLost();
+    }
     if (m_question) {
         if (m_question->IsOver()) {
             EndQuestion();
@@ -140,25 +146,40 @@ void PinBook::EndQuestion() {
 // The pins of the next round are asked one after the other.
 void PinBook::FindSilent() {
     const TimePoint limit = After(-SILENT_ROUNDS * m_config.ask_every);
-    std::vector<uint32_t> tags;
     m_states.ForEach([&](uint32_t tag, const PinState& state) {
-        tags.push_back(tag);
         const bool heard =
             (state.told && state.told->at > limit) || (state.written && state.written->at > limit);
         if (state.level && !heard) {
             Silence(tag);
         }
     });
-    std::uniform_real_distribution<double> spread(0, m_config.ask_every / 2);
-    for (const uint32_t tag : tags) {
-        m_states.AskAt(tag, After(spread(m_random)));
-    }
+    AskWithin(m_config.ask_every / 2);
     for (auto& [host, device] : m_devices) {
         if (!device.silent && device.heard < limit) {
             device.silent = true;
             device.since = TimeOfDay();
             m_changed_devices.insert(host);
         }
+    }
+}
+
+// Any pin may have changed in what was lost.
+void PinBook::FindLost() {
+    const uint64_t lost = m_link.Lost();
+    if (lost != m_lost) {
+        m_note = "the bus is too fast: " + std::to_string(lost - m_lost) +
+                 " datagrams were lost, all pins are asked";
+        m_lost = lost;
+        AskWithin(LOOK_EVERY);
+    }
+}
+
+void PinBook::AskWithin(double seconds) {
+    std::vector<uint32_t> tags;
+    m_states.ForEach([&tags](uint32_t tag, const PinState&) { tags.push_back(tag); });
+    std::uniform_real_distribution<double> spread(0, seconds);
+    for (const uint32_t tag : tags) {
+        m_states.AskAt(tag, After(spread(m_random)));
     }
 }
 

@@ -75,6 +75,8 @@ private:
     void Tend();
     void EndQuestion();
     void FindSilent();
+    void FindLost();
+    void AskWithin(double seconds);
     void Silence(uint32_t tag);
 
     const MqttConfig& m_config;
@@ -85,6 +87,8 @@ private:
     std::optional<Question> m_question;
     TimePoint m_asked{};  // when the question began
     TimePoint m_round;
+    TimePoint m_look;     // for what was lost
+    uint64_t m_lost = 0;  // datagrams
     bool m_up = true;
     std::string m_note;
     std::set<uint32_t> m_silent;

@@ -207,6 +207,17 @@ class MqttTest(unittest.TestCase):
         os.kill(daemons[0], signal.SIGCONT)
         self.lamp("L", 10)
 
+    def test_bus_too_fast(self):
+        self.both()
+        self.processes["studio"].send_signal(signal.SIGSTOP)
+        (RUN / "flood").write_text('{"pin":"3:1:in1","level":"L","kind":"report"}\n' * 20000, "ascii")
+        run("studio", f"{BUILD}/tools/ctl/orvexctl", "send", "-i", "eth0", "/run/flood")
+        contact("L")  # among what is lost
+        time.sleep(0.5)
+        self.processes["studio"].send_signal(signal.SIGCONT)
+        self.says("datagrams were lost, all pins are asked")
+        self.lamp("L")
+
     def test_loop_over_files(self):
         self.broker()
         link = (LINK, "link studio:1:2:out1 -> tower:7:4:out1")
