@@ -14,7 +14,10 @@ namespace {
 const double SIGN_EVERY = 0.5;  // seconds
 const double SIGN_TIME = 10;    // without one of its own that comes back, a connection is given up
 const size_t MOST_UNACKNOWLEDGED = 20;
-const int MOST_PUBLISHED = 300;  // in one turn of the loop
+const double REST_PAUSE = 0.001;  // seconds
+// In one turn of the loop: a state and an event for each message that PinBook takes in one, so that
+// a burst from the bus does not fill the queue.
+const int MOST_PUBLISHED = 1000;
 
 }  // namespace
 
@@ -57,6 +60,9 @@ void Bridge::Wait(const Signals& signals, bool& stopped) {
     if (m_broker.Connection() != 0) {
         next = std::min(next, m_next_sign);
     }
+    if (m_broker.CanSend()) {
+        next = std::min(next, m_rest);
+    }
     poll(fds.data(), fds.size(), m_has_more ? 0 : MillisecondsUntil(next));
     stopped = fds[0].revents != 0;
     const short got = fds[1].revents;
@@ -75,12 +81,25 @@ void Bridge::Step() {
     m_sets.Tend();
     CarryOutLinks();
     FollowPhase();
+    PublishAll();
+}
+
+void Bridge::PublishAll() {
     m_has_more = false;
-    for (int i = 0; m_broker.CanSend() && PublishOne(); ++i) {
-        if (i == MOST_PUBLISHED) {
+    const bool is_due = Now() >= m_rest;
+    int count = 0;
+    while (m_broker.CanSend()) {
+        if (++count > MOST_PUBLISHED) {
             m_has_more = true;
-            break;
+            return;
         }
+        if (PublishUrgent() || ((is_due || m_rest == TimePoint::max()) && PublishRest())) {
+            continue;
+        }
+        if (is_due) {
+            m_rest = TimePoint::max();
+        }
+        return;
     }
 }
 
@@ -236,7 +255,7 @@ void Bridge::FollowPhase() {
         m_phase = Phase::Publishing;
         m_pins.TellAll();
     }
-    if (m_phase == Phase::Publishing && m_pins.Changed().empty()) {
+    if (m_phase == Phase::Publishing && m_pins.Changed().empty() && m_levels.empty()) {
         m_phase = Phase::Online;
         PublishStatus(ONLINE);
         if (!m_has_claimed) {  // the broker has forgotten it
@@ -251,19 +270,31 @@ void Bridge::FollowPhase() {
 }
 
 // In the order of what must not wait. False when there is nothing.
-bool Bridge::PublishOne() {
+bool Bridge::PublishUrgent() {
     if (!m_sets.Answers().empty() && m_unacknowledged.size() < MOST_UNACKNOWLEDGED) {
         PublishAnswer();
         return true;
     }
-    if (m_phase != Phase::Publishing && m_phase != Phase::Online) {
-        return false;
-    }
     std::set<uint32_t>& pins = m_pins.Changed();
-    if (!pins.empty()) {
+    if (IsPublishing() && !pins.empty()) {
         const uint32_t tag = *pins.begin();
         pins.erase(pins.begin());
         PublishPin(tag);
+        return true;
+    }
+    return false;
+}
+
+// What no link waits for. With it at once, the broker and the far bridge would have to share the
+// processor with this one just when they carry a change on.
+bool Bridge::PublishRest() {
+    if (!IsPublishing()) {
+        return false;
+    }
+    if (!m_levels.empty()) {
+        const uint32_t tag = *m_levels.begin();
+        m_levels.erase(m_levels.begin());
+        PublishLevel(tag);
         return true;
     }
     std::set<uint32_t>& devices = m_pins.ChangedDevices();
@@ -289,12 +320,22 @@ void Bridge::PublishPin(uint32_t tag) {
     }
     view.via = m_links.ViaOf(tag, view.level);
     const std::string text = StateText(view, tag, m_config.names);
-    const std::string level = view.level ? LevelText(view.level) : std::string();
-    const std::string name = m_config.names.NameOf(tag);
-    for (const std::string& pin : {PinText(tag), name}) {
+    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
         if (!pin.empty()) {
             Publish(m_topics.Pin(pin), text, true);
-            Publish(m_topics.Pin(pin) + "/level", level, true);
+        }
+    }
+    m_levels.insert(tag);
+    if (m_rest == TimePoint::max()) {
+        m_rest = After(REST_PAUSE);
+    }
+}
+
+void Bridge::PublishLevel(uint32_t tag) {
+    const std::optional<Level> level = m_pins.ViewOf(tag).level;
+    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
+        if (!pin.empty()) {
+            Publish(m_topics.Level(pin), level ? LevelText(level) : std::string(), true);
         }
     }
 }

@@ -43,8 +43,12 @@ private:
     void FollowPhase();
     void CarryOutLinks();
     void Write(const Links::Write& write);
-    bool PublishOne();
+    bool IsPublishing() const { return m_phase == Phase::Publishing || m_phase == Phase::Online; }
+    void PublishAll();
+    bool PublishUrgent();
+    bool PublishRest();
     void PublishPin(uint32_t tag);
+    void PublishLevel(uint32_t tag);
     void PublishChange(const PinChange& change);
     void PublishDevice(uint32_t host);
     void PublishAnswer();
@@ -67,6 +71,8 @@ private:
     std::string m_note;  // the last one of the bus
     uint64_t m_dropped = 0;
     bool m_has_more = false;
+    std::set<uint32_t> m_levels;                       // pins whose topic of the level is due
+    TimePoint m_rest = TimePoint::max();               // when what is no state is due; max: at once
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number
 
     const std::string m_nonce;  // this bridge, among all that have been

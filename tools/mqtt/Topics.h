@@ -24,6 +24,7 @@ public:
 
     // A pin as it is written elsewhere, its parts apart: 1:2:in1 is pin/1/2/in1.
     std::string Pin(const std::string& pin) const { return m_base + "/pin/" + Parts(pin); }
+    std::string Level(const std::string& pin) const { return Pin(pin) + "/level"; }
     std::string Event(const std::string& pin) const { return m_base + "/event/" + Parts(pin); }
     std::string Set(const std::string& pin) const { return m_base + "/set/" + Parts(pin); }
 

@@ -66,7 +66,7 @@ void PrintTopics(const MqttConfig& config) {
                 if (text.empty()) {
                     continue;
                 }
-                printf("%s\n%s/level\n", topics.Pin(text).c_str(), topics.Pin(text).c_str());
+                printf("%s\n%s\n", topics.Pin(text).c_str(), topics.Level(text).c_str());
                 if (!IsInput(tag)) {
                     printf("%s\n", topics.Set(text).c_str());
                 }
