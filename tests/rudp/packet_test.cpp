@@ -1,7 +1,6 @@
 // Packets, their transaction IDs and the memory for these, with a clock that the tests set.
 #include <gtest/gtest.h>
 
-#include <list>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "rudp/RUdpMsg.h"
 #include "rudp/RUdpTIDMap.h"
 #include "tests/support/Clock.h"
+#include "tests/support/Senders.h"
 
 namespace {
 
@@ -78,46 +78,6 @@ TEST(Packet, TransactionIDs) {
     }
 }
 
-// What a map remembers, in the plainest way. Times are in milliseconds.
-class Model {
-public:
-    Model(int64_t max_age, size_t capacity) : m_MaxAge(max_age), m_Capacity(capacity) {}
-
-    bool Test(int64_t now, uint32_t host, uint16_t port, uint32_t tid) {
-        const auto is_old = [&](int64_t age) { return age < 0 || age > m_MaxAge; };
-        while (!m_Entries.empty() && is_old(now - m_Entries.front().since)) {
-            m_Entries.pop_front();
-        }
-        for (auto i = m_Entries.begin(); i != m_Entries.end(); ++i) {
-            if (i->host == host && i->port == port) {
-                const bool repeat = i->tid == tid;
-                i->tid = tid;
-                if (!repeat && &*i != &m_Entries.back()) {
-                    i->since = now;
-                    m_Entries.splice(m_Entries.end(), m_Entries, i);
-                }
-                return repeat;
-            }
-        }
-        m_Entries.push_back({host, port, tid, now});
-        if (m_Entries.size() > m_Capacity) {
-            m_Entries.pop_front();
-        }
-        return false;
-    }
-
-private:
-    struct Entry {
-        uint32_t host;
-        uint16_t port;
-        uint32_t tid;
-        int64_t since;
-    };
-    std::list<Entry> m_Entries;
-    int64_t m_MaxAge;
-    size_t m_Capacity;
-};
-
 // Any traffic of 80 peers or 8, most of it close together; at times after 2^32 microseconds (and a
 // bit), at times with the clock set back.
 TEST(TIDMap, RemembersTheLastOfEachPeer) {
@@ -128,7 +88,7 @@ TEST(TIDMap, RemembersTheLastOfEachPeer) {
     for (const auto& row : table) {
         std::vector<CRUdpTIDMap::Node> nodes(row.nodes);
         CRUdpTIDMap map(5, nullptr, row.buckets, nodes.data(), row.nodes, row.grow_by);
-        Model model(5, row.grow_by != 0 ? 80 : row.nodes);
+        Senders model(5, row.grow_by != 0 ? 80 : row.nodes);
         std::mt19937 engine(1);  // NOLINT(cert-msc*): the same traffic every time
         const auto random = [&](size_t n) { return static_cast<uint32_t>(engine() % n); };
         int64_t now = 0;
@@ -137,10 +97,12 @@ TEST(TIDMap, RemembersTheLastOfEachPeer) {
             Clock::Advance(step < 0 ? -1 : step / 1000, step < 0 ? 999000 : step % 1000 * 1000);
             now += step;
             map.RemoveOldEntries();
+            model.Forget(now * 1000);
             const uint32_t host = 0x0A000000 + random(i % 1000 < 500 ? 10 : 1);
             const uint16_t port = static_cast<uint16_t>(2055 + random(8));
             const uint32_t tid = random(2);
-            ASSERT_EQ(map.DuplicateTestAndSet(host, port, tid), model.Test(now, host, port, tid))
+            ASSERT_EQ(map.DuplicateTestAndSet(host, port, tid),
+                      model.IsRepeated(now * 1000, {host, port}, tid))
                 << "message " << i << ", " << row.nodes << " nodes, growing by " << row.grow_by;
         }
     }

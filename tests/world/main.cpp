@@ -7,8 +7,8 @@
 #include <new>
 
 #include "app/orvex.h"
+#include "tests/world/Bus.h"
 #include "tests/world/Model.h"
-#include "tests/world/Peers.h"
 #include "tests/world/Writer.h"
 #include "tqr/trace.h"
 
