@@ -26,7 +26,7 @@
 
 #include "msg/Msg2.h"
 
-const unsigned char PAYLOAD_VERSION = 2;
+const unsigned char rudp_msg2_ver = 2;
 
 namespace {
 
@@ -317,7 +317,7 @@ inline bool s_GetItem(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32
 }  // namespace
 
 unsigned char CMsg2::GetVer() {
-    return PAYLOAD_VERSION & 0x7F;
+    return rudp_msg2_ver & 0x7F;
 }
 
 unsigned short CMsg2::GetDataSize() const {
