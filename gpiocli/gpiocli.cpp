@@ -14,7 +14,7 @@ namespace {
 const int LINE_SIZE = 2000;
 const char* const TABLE_FILE = "/var/log/gpiocli.txt";
 
-// As CTQRClient::open; without memory for the client, null, there is no connection.
+// As CTQRClient::open. client is null if there was no memory for it; then there is no connection.
 int connect_client(CTQRClient* client, uint32_t ip, uint16_t port) {
     return client == nullptr ? -1 : client->open(ip, static_cast<short>(port), LINE_SIZE);
 }
@@ -35,7 +35,7 @@ char* parse_state(char* line, long& gpi_number) {
     return *behind == ' ' ? line + (behind - line) + 1 : nullptr;
 }
 
-// The entry alone as a set; empty for those behind the first 32.
+// The set of this entry alone; empty for entries from 32 on.
 uint32_t set_of(unsigned long entry) {
     const unsigned long bits = 32;
     return entry < bits ? UINT32_C(1) << entry : 0;
@@ -196,7 +196,7 @@ CGPIOClient::ConEntry* CGPIOClient::find(unsigned long entry) {
     return entry < static_cast<unsigned long>(m_nCount) ? &m_pCons[entry] : nullptr;
 }
 
-// Null without memory.
+// Null if memory is short.
 CTQRClient* CGPIOClient::new_client() const {
     CTQRClient* const client = new (std::nothrow) CTQRClient;
     if (client != nullptr) {
@@ -215,8 +215,8 @@ CTQRClient* CGPIOClient::find_client(uint32_t ip, uint16_t port) {
     return nullptr;
 }
 
-// Gives an entry that was opened without memory its client: another's, or a new one. True when that
-// is connected, and the entry subscribed, already.
+// Gives an entry that was opened without memory its client: that of another entry, or a new one.
+// True if the client is already connected; the entry is subscribed then.
 bool CGPIOClient::join(ConEntry& e) {
     e.client = find_client(e.ip, e.port);
     if (e.client == nullptr) {
@@ -238,9 +238,8 @@ int CGPIOClient::count_users(const CTQRClient* client) {
     return users;
 }
 
-// The entries of one connection that follow its GPI gpi_number, counted from 1. The connection
-// stands for the server: comparing addresses would take an empty entry for one of the server
-// 0.0.0.0.
+// The entries of one connection that follow its GPI gpi_number, counted from 1. It compares
+// connections, not addresses: an empty entry has the address 0.0.0.0, which a server may have too.
 unsigned long CGPIOClient::followers(const CTQRClient* client, long gpi_number) {
     unsigned long set = 0;
     for_each_entry(m_nUsed, [&](int k) {

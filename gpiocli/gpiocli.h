@@ -15,58 +15,58 @@ void for_each_entry(unsigned long set, Visitor visit) {
     }
 }
 
-// A table of subscriptions, one entry per channel: entry k follows, for channel k + 1, one GPI of
-// one server. Entries that name the same server (address and port) share one connection, so a
-// server is connected once however many channels follow it.
+// A table of subscriptions, one entry per channel: entry k follows one GPI of one server for
+// channel k + 1. Entries with the same server (address and port) share one connection, so there is
+// one connection to a server however many channels follow it.
 //
-// An entry is empty, connected or disconnected (its first connection failed, or it broke). Nothing
-// reconnects by itself: the caller asks for it with reconnect(). Entry numbers that are out of
-// range are treated as empty entries. Owns its connections. For one thread; not copied.
+// An entry is empty, connected or disconnected (its first connection failed, or it broke). Only
+// reconnect() reconnects. Entry numbers out of range are treated as empty entries. Owns its
+// connections. For one thread; not copied.
 class CGPIOClient {
 public:
-    // A table of count empty entries; of none when memory is short.
+    // A table of count empty entries; without entries if memory is short.
     explicit CGPIOClient(int count);
     ~CGPIOClient();
     CGPIOClient(const CGPIOClient&) = delete;
     CGPIOClient& operator=(const CGPIOClient&) = delete;
 
-    // The set of the entries that are not empty, of the first 32: bit k = entry k.
+    // The set of the non-empty entries among the first 32: bit k = entry k.
     unsigned long entries() const { return m_nUsed; }
 
-    // The socket of the entry's connection for the caller's select(): -1 when the entry is empty or
-    // disconnected. Entries that share a connection give the same socket.
+    // The socket of the entry's connection for the caller's select(): -1 if the entry is empty or
+    // disconnected. Entries that share a connection return the same socket.
     int get_fd(int entry);
 
-    // For connections opened from now on.
+    // Applies to connections opened from now on.
     void set_limits(const CTQRLimits& limits) { m_limits = limits; }
 
-    // Closes the connections whose peers have vanished, as CTQRClient::drop_vanished does. True
-    // when there was one: sockets that get_fd() gave before are not to be used.
+    // Closes the connections whose peers have vanished, as CTQRClient::drop_vanished does. True if
+    // there was one: don't use sockets that get_fd() returned before.
     bool drop_vanished();
 
-    // Points the entry at a server (ip in network, port in host byte order) and at its GPI number
-    // gpi + 1, after closing what the entry was before, and subscribes. Connects, and waits for it,
-    // unless another entry has the connection already.
-    // Returns 0; -1 when a new connection could not be made, and leaves the entry disconnected. (0
-    // as well when memory was too short for the connection's buffer: reconnect() takes care of
-    // both.)
+    // Closes the entry, then points it at a server (ip in network, port in host byte order) and at
+    // its GPI number gpi + 1, and subscribes. Connects, and waits for the connection, unless
+    // another entry already has it. Returns 0; -1 if a new connection could not be made, which
+    // leaves the entry disconnected. (Also 0 if memory was too short for the connection's buffer;
+    // reconnect() handles both.)
     int open(unsigned long entry, unsigned long ip, unsigned short port, unsigned char gpi);
 
-    // Empties the entry. The connection is closed with the last entry that uses it; a subscription
-    // that others on the connection don't need stays active at the server and is ignored here.
+    // Empties the entry. The connection is closed with the last entry that uses it. Until then the
+    // entry's subscription stays active at the server, and its lines are ignored here.
     void close(unsigned long entry);
 
-    // Connects a disconnected entry again, and waits for it, then renews the subscription of every
-    // entry of that server. Returns the new socket; -1 when there was nothing to do or it failed.
+    // Reconnects a disconnected entry, waiting for the connection, then renews the subscription of
+    // every entry of that server. Returns the new socket; -1 if there was nothing to do or it
+    // failed.
     int reconnect(int entry);
 
     // Takes lines from the entry's connection, without waiting, until one is the state of a GPI
     // that some entries follow. Returns its state text and stores the set of those entries in mask
-    // (bit k = entry k, of the first 32 entries) unless mask is null; returns null when no complete
+    // (bit k = entry k, of the first 32 entries) unless mask is null; returns null if no complete
     // line is left. The text is valid until the next call for an entry of that connection.
     char* receive(int entry, unsigned long* mask);
 
-    // Writes the table to /var/log/gpiocli.txt, in place of what the file held.
+    // Writes the table to /var/log/gpiocli.txt, replacing the file's content.
     void print_cons();
 
 private:

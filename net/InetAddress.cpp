@@ -13,14 +13,14 @@ namespace {
 
 const size_t MAX_NAME = 79;
 
-// atoi as it is where long has 32 bits: numbers beyond saturate.
+// atoi as on a machine with 32-bit long: larger numbers saturate.
 int32_t atoi32(const char* text) {
     const long long number = strtoll(text, nullptr, 10);
     return static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX));
 }
 
 // Reads a dotted quad that ends with the text or at a ':'. An empty part counts as 0. Returns the
-// address in host byte order; 0 when the text is none (or is 0.0.0.0).
+// address in host byte order; 0 if the text is no dotted quad, or is 0.0.0.0.
 unsigned long parseIP(const char* text) {
     uint32_t value = 0;
     int dots = 0;
@@ -97,7 +97,7 @@ int CInetAddress::SetLocalAddress(unsigned short port) {
     if (gethostname(name, sizeof name) != 0) {
         return -1;
     }
-    name[sizeof name - 1] = '\0';  // a name that was cut may lack it
+    name[sizeof name - 1] = '\0';  // a truncated name may lack it
     return SetNamedHost(name, port);
 }
 

@@ -3,9 +3,9 @@
 
 #include <netinet/in.h>
 
-// Wraps a sockaddr_in. Addresses and ports go in and out in host byte order. Every setter that
-// succeeds clears what the address does not use; one that fails leaves the address as it was. The
-// text forms look names up, which blocks for as long as the system's resolver takes. Prints
+// Wraps a sockaddr_in. Addresses and ports are passed in host byte order. A setter that succeeds
+// clears the unused parts of the address; one that fails leaves the address unchanged. The setters
+// that take a text resolve names, which blocks for as long as the system's resolver takes. Prints
 // nothing.
 class CInetAddress {
 public:
@@ -19,16 +19,16 @@ public:
     int SetAddress(long ip, unsigned short port);
 
     // A dotted quad or a host name of up to 79 characters, never null. A ':' ends it, and the
-    // number behind the ':' (its low 16 bits, 0 when it is none) takes the place of port. The name
-    // "localhost" means the machine's own name, as in SetLocalAddress. Returns 0, or -1 when the
-    // text names no address.
+    // number after the ':' (its low 16 bits, 0 if it is no number) replaces port. The name
+    // "localhost" means the machine's own name, as in SetLocalAddress. Returns 0, or -1 if the text
+    // names no address.
     int SetAddress(const char* text, unsigned short port);
 
     // Any address of this machine (0.0.0.0), to bind to. Returns 0.
     int SetListenAddress(unsigned short port);
 
-    // The first address that the machine's own host name resolves to. Returns 0, or -1 when there
-    // is none.
+    // The first address to which the machine's own host name resolves. Returns 0, or -1 if there is
+    // none.
     int SetLocalAddress(unsigned short port);
 
     unsigned long GetIP() const;

@@ -15,8 +15,7 @@ namespace {
 
 const uint32_t NO_LIMIT = 0xFFFFFFFF;
 
-// What brackets the life of a socket where the system's sockets have to be started. Here they are
-// always there.
+// Start-up hooks for systems whose sockets need them; nothing to do on Linux.
 int MyWSAInit() {
     return 0;
 }
@@ -45,7 +44,7 @@ int set_membership(int sock, int option, unsigned long group, unsigned long ifac
     return set_option(sock, IPPROTO_IP, option, request);
 }
 
-// A descriptor outside of the set's fixed size would be marked in memory behind it.
+// For a larger descriptor FD_SET would write past the fd_set.
 bool fits_set(int sock) {
     return sock >= 0 && sock < FD_SETSIZE;
 }

@@ -6,7 +6,7 @@ class CInetAddress;
 // Owns at most one descriptor; each operation is one or two system calls. Results are the system's:
 // 0 or a count on success, -1 on failure with errno set. Prints nothing. Multicast addresses are in
 // network byte order (their low 32 bits count), ports in host byte order, times in milliseconds.
-// Without a socket the calls fail as the system fails them (-1), unless told otherwise. For one
+// Without a socket the calls fail as the system calls do (-1), unless stated otherwise. For one
 // thread; not copied.
 class CInetSocket {
 public:
@@ -19,14 +19,14 @@ public:
     // The descriptor, -1 when there is none.
     operator int() const { return m_nSocket; }
 
-    // Opens a TCP (stream) or a UDP socket; one already held must be closed before. A descriptor
-    // that does not fit an fd_set counts as none (EMFILE). Returns 0 or -1.
+    // Opens a TCP (stream) or a UDP socket; close an open one first. A descriptor that does not fit
+    // an fd_set counts as a failure (EMFILE). Returns 0 or -1.
     int Open(bool stream);
 
     // Binds to the port (its low 16 bits) of the given local address, a text as for
-    // CInetAddress::SetAddress, or of any when host is null. Other sockets may bind to the same
-    // port; multicasts leave through the bound address. Returns 0; -1 with the socket left open
-    // when host names no address; -1 with the socket closed when it can't be bound.
+    // CInetAddress::SetAddress, or of any address if host is null. Other sockets may bind to the
+    // same port; multicasts leave through the bound address. Returns 0; -1 with the socket still
+    // open if host names no address; -1 with the socket closed if it can't be bound.
     int Bind(int port, const char* host);
 
     // Ends the connection in both directions and closes. Harmless without a socket.
@@ -37,19 +37,20 @@ public:
     int SetMcastTTL(unsigned int ttl);
     // The interface, named by its address, through which multicasts leave.
     int SetMcastInterface(unsigned long iface);
-    // Receive what is sent to group on the interface of that address (0: the system chooses one).
+    // Receives what is sent to the group on the interface with that address (0: the system
+    // chooses).
     int JoinMcastGroup(unsigned long group, unsigned long iface);
     int LeaveMcastGroup(unsigned long group, unsigned long iface);
     int AllowSendBroadcasts(bool allow);
 
-    // Sizes of the system's buffers in bytes; the system may grant another size than asked for.
+    // Sizes of the system's buffers in bytes. The system may grant another size than requested.
     int SetWriteBufferSize(int size);
     int SetReadBufferSize(int size);
     int GetWriteBufferSize();
     int GetReadBufferSize();
 
-    // Waits until the socket can be read (written), at most ms; 0 only asks, 0xFFFFFFFF waits
-    // without limit. Returns above 0 when it can, 0 when the time passed, -1 on failure.
+    // Waits until the socket is readable (writable), at most ms; 0 only checks, 0xFFFFFFFF waits
+    // without limit. Returns more than 0 if it is, 0 on a timeout, -1 on failure.
     int WaitForRead(unsigned long ms);
     int WaitForWrite(unsigned long ms);
 

@@ -1,4 +1,4 @@
-// A host and a port as two numbers: how the application names a peer.
+// A host and a port as two numbers: how the application addresses a peer.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ public:
 
     bool operator==(const CSvcAddress& other) const;
 
-    // Whether the host or the port, each on its own, is below (above) the other's. They do not
-    // order: both a < b and b < a hold when a has the lower host and b the lower port. Neither
-    // sorts addresses nor keys a map with them.
+    // Whether the host or the port, compared separately, is below (above) the other's. This is not
+    // an order: both a < b and b < a hold if a has the lower host and b the lower port. Don't sort
+    // by it or use it for the keys of a map.
     bool operator<(const CSvcAddress& other) const;
     bool operator>(const CSvcAddress& other) const;
 

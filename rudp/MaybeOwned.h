@@ -1,10 +1,10 @@
-// A pointer to what is its own or somebody else's.
+// A pointer that owns or borrows its object.
 #pragma once
 
 #include <memory>
 
-// Points at an object (T) or an array (T[]), null at first. What Own was given is deleted when the
-// pointer gets another or is destroyed; what Borrow was given stays the caller's. Not copied.
+// Points at an object (T) or an array (T[]), initially null. An object passed to Own is deleted
+// when the pointer is changed or destroyed; one passed to Borrow stays the caller's. Not copied.
 template <class T>
 class MaybeOwned {
 public:
@@ -15,7 +15,7 @@ public:
         m_pPointer = pointer;
     }
 
-    // To borrow what it has already changes nothing: its own stays its own.
+    // Borrowing the current object changes nothing: an owned one stays owned.
     void Borrow(Pointer pointer) {
         if (pointer != m_pPointer) {
             m_pOwned.reset();

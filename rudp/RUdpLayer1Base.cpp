@@ -18,14 +18,14 @@ bool is_unicast(CInetAddress const& address) {
     return address.GetIP() < FIRST_GROUP;
 }
 
-// What is left of the time; 0 when it is up. A clock set back makes the elapsed time negative, as
-// an unsigned number very long: the wait ends rather than never.
+// The remaining time; 0 when it is up. If the clock is set back, elapsed wraps to a very long time
+// and the wait ends at once.
 uint32_t time_left(CTickTimer const& timer, uint32_t limit) {
     const unsigned long elapsed = static_cast<unsigned long>(timer.Elapsed());
     return elapsed < limit ? static_cast<uint32_t>(limit - elapsed) : 0;
 }
 
-// 100 * (factorPct / 100)^n, cut to a whole number after each step.
+// 100 * (factorPct / 100)^n, truncated to a whole number after each step.
 uint32_t FPpow100(uint32_t factorPct, unsigned int n) {
     uint32_t power = n == 0 ? 100 : factorPct;
     for (unsigned int i = 1; i < n; ++i) {
@@ -34,7 +34,7 @@ uint32_t FPpow100(uint32_t factorPct, unsigned int n) {
     return power;
 }
 
-// Times that grow by the factor. The last one takes what rounding left over.
+// Times that grow by the factor. The last one takes the remainder from rounding.
 void fill_exponential(unsigned long* table, unsigned int n, uint32_t total, uint32_t factorPct) {
     const uint32_t base = (factorPct - 100) * total / FPpow100(factorPct, n);
     uint32_t rest = total;
@@ -52,7 +52,7 @@ void fill_linear(unsigned long* table, unsigned int n, uint32_t total) {
     table[n - 1] = total - each * (n - 1);
 }
 
-// How large a packet may be: what both of the socket's buffers hold.
+// The maximum size of a packet: what fits both of the socket's buffers.
 int packet_size(CInetSocket& socket) {
     const int send = socket.GetWriteBufferSize();
     const int receive = socket.GetReadBufferSize();
@@ -150,13 +150,13 @@ bool CRUdpLayer1Base::SetCliOptions(unsigned int retries, unsigned long totalMs,
     return true;
 }
 
-// Takes the caller's table, or sees to a table of the endpoint's own.
+// Borrows the caller's table, or makes sure that the endpoint has its own.
 bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
     if (table != nullptr) {
         m_Timeouts.Borrow(table);
     } else if (m_Timeouts.Get() == nullptr || retries != m_nRetries) {
         const size_t size = retries;
-        if (size <= PTRDIFF_MAX / sizeof *table) {  // more is no size of an array
+        if (size <= PTRDIFF_MAX / sizeof *table) {  // the limit of an array's size
             table = new (std::nothrow) unsigned long[size]();
         }
         if (table == nullptr) {
@@ -205,7 +205,7 @@ bool CRUdpLayer1Base::Write(CInetAddress const& to, RUdpMsg& msg) {
     return m_Socket.Write(&to, reinterpret_cast<char*>(msg.GetPacketPtr()), length) == length;
 }
 
-// All attempts carry the same transaction ID, so that the receiver recognises the repeats.
+// All attempts carry the same transaction ID, so that the receiver recognises repeats.
 bool CRUdpLayer1Base::SendReliably(CInetAddress const& to, RUdpMsg& msg) {
     for (uint32_t i = 0; i < m_nRetries; ++i) {
         if (!Write(to, msg)) {
@@ -242,7 +242,7 @@ int CRUdpLayer1Base::WaitForAck(CInetAddress const& from, unsigned long tid,
     }
 }
 
-// Reads one datagram and says whether it is the answer that is awaited.
+// Reads one datagram. Returns whether it is the expected answer.
 bool CRUdpLayer1Base::IsAck(CInetAddress const& from, unsigned long tid, bool& nack) {
     unsigned char buffer[RUdpMsg::ACK_SIZE];
     CInetAddress sender;
@@ -250,7 +250,7 @@ bool CRUdpLayer1Base::IsAck(CInetAddress const& from, unsigned long tid, bool& n
         static_cast<int>(sizeof buffer)) {
         return false;
     }
-    // Any member may answer for a group, with an address of its own but from the group's port.
+    // Any member may answer for a group, from its own address but from the group's port.
     if (is_unicast(from) ? sender != from : sender.GetPort() != from.GetPort()) {
         return false;
     }
@@ -266,7 +266,7 @@ bool CRUdpLayer1Base::IsAck(CInetAddress const& from, unsigned long tid, bool& n
 
 // ---- receiving ----
 
-// Layer and payload version mean nothing here and stay 0.
+// Layer and payload version have no meaning here and stay 0.
 bool CRUdpLayer1Base::SendAck(CInetAddress const& to, unsigned long tid, bool positive) {
     unsigned char buffer[RUdpMsg::ACK_SIZE] = {};
     RUdpMsg ack(buffer, sizeof buffer);
@@ -308,9 +308,8 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
     }
 }
 
-// Reads one datagram, answers it and says whether it is to be delivered. The answer comes before
-// the test for repeats: the acknowledgement of the first one may have been lost. False when the
-// socket can't be read.
+// Reads one datagram, answers it and decides whether to deliver it. It answers before it tests for
+// repeats, because the first acknowledgement may have been lost. False if the socket can't be read.
 bool CRUdpLayer1Base::Receive(bool& delivered) {
     RUdpMsg& packet = *m_Msg.Get();
     CInetAddress sender;

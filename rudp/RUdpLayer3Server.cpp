@@ -19,7 +19,7 @@ bool CRUdpLayer3Server::WaitForMsg(CMessage* msg, unsigned long timeoutMs) {
     if (packet->GetPayloadVersion() != CMsg2::GetVer()) {
         return Fail(BAD_PAYLOAD_VERSION);
     }
-    // An empty payload is an empty message: 0 bytes of 0 were taken.
+    // An empty payload is an empty message: SetData used 0 bytes of 0.
     const unsigned long size = packet->GetDataCount();
     if (msg->SetData(reinterpret_cast<char const*>(packet->GetDataReadPtr()), size) != size) {
         return Fail(BAD_PAYLOAD);

@@ -10,10 +10,10 @@ class CRUdpLayer3Server : public CRUdpLayer2Server {
 public:
     static unsigned char GetLayer() { return 3; }
 
-    // Waits for the next message as layer 1 does and fills msg with it: with what it says, where it
-    // came from (the sender's address as the socket tells it; all else from the packet's header)
-    // and how. False with an error code on failure. A packet whose payload is no message is
-    // acknowledged all the same: to repeat it would not help.
+    // Waits for the next message as layer 1 does and stores it in msg: its content, its type, the
+    // sender's address from the socket, and the other routing information from the header. False
+    // with an error code on failure. A packet whose payload is no message is acknowledged too,
+    // because repeating it would not help.
     bool WaitForMsg(CMessage* msg, unsigned long timeoutMs);
 
 protected:

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
-// The packet. An acknowledgement is its first 8 bytes, where layer and payload version mean
-// nothing. There is no length field: the payload ends with the datagram.
+// The packet. An acknowledgement is its first 8 bytes, where layer and payload version have no
+// meaning. There is no length field: the payload ends with the datagram.
 //
 //   offset  width  field
 //        0      1  layer of the sending endpoint: 1, 2 or 3
@@ -30,9 +30,9 @@ enum Offset {
     AT_LOCK_TID = 12
 };
 
-// The buffer starts as zeros: header fields that a sender leaves alone carry nothing of what was in
-// memory before. calloc leaves the pages of a large one, most of which no datagram ever reaches,
-// out of memory until they are used.
+// The buffer starts as zeros, so that header fields the sender does not set don't leak memory. With
+// calloc the pages of a large buffer, most of which no datagram ever reaches, are not resident
+// until they are used.
 unsigned char* new_packet(unsigned long data_size) {
     if (data_size > UINT32_MAX - RUdpMsg::HEADER_SIZE) {
         return nullptr;

@@ -3,21 +3,21 @@
 
 #include <cstdint>
 
-// A header and a payload in one buffer, read and written in place, and three values beside it that
-// do not travel: how much payload fits, how much is there, and which host it came from. Fields are
-// most significant byte first in the buffer; the accessors take and give host byte order. They
-// check nothing: the caller keeps the payload within its capacity. Not copied but by Copy.
+// A header and a payload in one buffer, read and written in place, and three values that are not
+// transmitted: the capacity for payload, its current size, and the host it came from. Fields are
+// most significant byte first in the buffer; the accessors use host byte order. They check nothing:
+// the caller keeps the payload within its capacity. Copied only by Copy.
 class RUdpMsg {
 public:
     static constexpr unsigned long HEADER_SIZE = 16;
     static constexpr unsigned long ACK_SIZE = 8;  // an acknowledgement is the header's first half
 
-    // A packet with a buffer of its own for dataSize bytes of payload, all zeros. When memory is
-    // short it has no buffer (GetPacketPtr() is null) and must not be used.
+    // A packet that owns a buffer for dataSize bytes of payload, all zeros. If memory is short it
+    // has no buffer (GetPacketPtr() is null) and must not be used.
     explicit RUdpMsg(unsigned long dataSize);
 
-    // A packet in the caller's buffer of length bytes, which outlives it. With fewer bytes than a
-    // header only the fields that lie within them may be used.
+    // A packet in the caller's buffer of length bytes, which must outlive it. If that is shorter
+    // than a header, only the fields within it may be used.
     RUdpMsg(unsigned char* buffer, unsigned long length);
 
     virtual ~RUdpMsg();
@@ -39,10 +39,10 @@ public:
     void SetRUdpVersion(unsigned char version);
     void SetMsgTID(unsigned long tid);
     void SetRoutingInfo2(unsigned short resultPort, unsigned short lockID, unsigned long lockTID);
-    // Takes the source's host, result port, lock ID and lock TID.
+    // Copies the source's host, result port, lock ID and lock TID.
     void SetRoutingInfo(RUdpMsg const& source);
 
-    // The address of the host that sent a received packet, host byte order; 0 until set.
+    // The address of the sender of a received packet, in host byte order; 0 until set.
     unsigned long GetHost() const { return m_nHost; }
     void SetHost(unsigned long host) { m_nHost = static_cast<uint32_t>(host); }
 
@@ -56,7 +56,7 @@ public:
     }
     void SetPacketByteCount(unsigned long n) { SetDataCount(n - HEADER_SIZE); }
 
-    // The capacity for payload, and with the header.
+    // The capacity without and with the header.
     unsigned long GetDataSize() const { return m_nDataSize; }
     unsigned long GetPacketSize() const { return static_cast<uint32_t>(m_nDataSize + HEADER_SIZE); }
 
@@ -64,7 +64,7 @@ public:
     unsigned char* GetDataPtr() { return m_pPacket + HEADER_SIZE; }
     unsigned char const* GetDataReadPtr() const { return m_pPacket + HEADER_SIZE; }
 
-    // Takes header and payload of the source, but not its host. False, with nothing changed, when
+    // Copies header and payload of the source, but not its host. False, with nothing changed, if
     // the payload does not fit.
     bool Copy(RUdpMsg const& source);
 

@@ -175,7 +175,7 @@ CRUdpTIDMap::Node* CRUdpTIDMap::AgeList::GetOldest() {
 void CRUdpTIDMap::AgeList::RemoveOld(unsigned long maxAgeMs) {
     timeval now;
     CTickTimer::GetRelativeTimeMsec(now);
-    // As an unsigned number a negative age is above any limit.
+    // As an unsigned number, a negative age is above any limit.
     while (m_pOldest != nullptr && static_cast<unsigned long>(m_pOldest->GetAge(now)) > maxAgeMs) {
         TakeOldest(true);
     }

@@ -1,4 +1,4 @@
-// The receiver's memory of which messages it has had.
+// The receiver's memory of the messages it has accepted.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +7,11 @@
 
 // Records for each peer, an address and a port, the transaction ID of the last message accepted
 // from it: a message with the same ID is a repeat. Repeats of earlier messages are not recognised.
-// Entries live for an age limit and are then released by RemoveOldEntries.
+// RemoveOldEntries releases entries beyond an age limit.
 //
-// Every entry in use hangs in two lists, that of its hash bucket and that of all entries by age;
-// entries not in use wait in a pool that grows by whole chunks and gives nothing back before the
-// map is destroyed. Addresses and ports are in host byte order. For one thread; not copied.
+// Every entry in use is in two lists, that of its hash bucket and that of all entries by age.
+// Unused entries are in a pool that grows by chunks and frees them only when the map is destroyed.
+// Addresses and ports are in host byte order. For one thread; not copied.
 class CRUdpTIDMap {
 public:
     class AgeList;
@@ -19,20 +19,20 @@ public:
     // One bucket: the entries of the peers that hash to it, newest first.
     class List {
     public:
-        // One entry. Its timer runs from the moment when it became the newest by age.
+        // One entry. Its timer runs from the moment when it became the newest.
         class Node {
         public:
             // The pool.
             class NodeManager {
             public:
-                // Starts with the count nodes at nodes, which stay the caller's. growBy 0 means
-                // that it never allocates.
+                // Starts with count nodes at nodes, which stay the caller's. With growBy 0 it never
+                // allocates.
                 NodeManager(Node* nodes, unsigned int count, unsigned int growBy);
                 ~NodeManager();
                 NodeManager(const NodeManager&) = delete;
                 NodeManager& operator=(const NodeManager&) = delete;
 
-                // A node, or null when none is left and no more can be had.
+                // A node, or null if none is left and it can't grow.
                 Node* GetFreeNode();
                 void ReleaseNode(Node* node);
 
@@ -50,14 +50,14 @@ public:
 
             explicit Node(unsigned long host = 0, unsigned short port = 0, unsigned long tid = 0);
             void Set(unsigned long host, unsigned short port, unsigned long tid);
-            // Whether the ID is the one recorded; records it when it is not.
+            // Whether the ID is the recorded one; if not, records it.
             bool TestAndSet(unsigned long tid);
-            // In milliseconds; negative when the clock was set back.
+            // In milliseconds; negative if the clock was set back.
             long GetAge(timeval now) const { return m_Timer.Elapsed(now); }
             bool IsPeer(uint32_t host, uint16_t port) const {
                 return m_nHost == host && m_nPort == port;
             }
-            // Whether they are of the same peer, whatever their transaction IDs.
+            // Whether they are of the same peer, regardless of the transaction IDs.
             bool operator==(const Node& other) const {
                 return IsPeer(other.m_nHost, other.m_nPort);
             }
@@ -78,7 +78,7 @@ public:
 
         void Set(Node::NodeManager* manager, AgeList* ages);
         bool DuplicateTestAndSet(unsigned long host, unsigned short port, unsigned long tid);
-        // Takes a node of this bucket out of it and, if told so, gives it back to the pool.
+        // Removes a node from this bucket; with release, returns it to the pool.
         void RemoveNode(Node* node, bool release);
 
     private:
@@ -96,7 +96,7 @@ public:
         Hash(const Hash&) = delete;
         Hash& operator=(const Hash&) = delete;
 
-        // The bucket of a peer; null when there are no buckets.
+        // The bucket of a peer; null if there are no buckets.
         List* GetList(unsigned long host, unsigned short port);
 
     private:
@@ -111,11 +111,11 @@ public:
         explicit AgeList(Hash* hash) : m_pHash(hash) {}
 
         void Add(Node* node);
-        // Makes the node the newest. If it is that already its timer runs on.
+        // Makes the node the newest. If it already is, its timer continues.
         void UpdatePosition(Node* node);
-        // Takes the oldest entry out of this list and of its bucket; null when there is none.
+        // Removes the oldest entry from this list and from its bucket; null if there is none.
         Node* GetOldest();
-        // Gives all entries older than maxAgeMs back to the pool.
+        // Returns all entries older than maxAgeMs to the pool.
         void RemoveOld(unsigned long maxAgeMs);
 
     private:
@@ -128,11 +128,10 @@ public:
         uint32_t m_nCount = 0;
     };
 
-    // lists: listCount buckets of the caller's, or null for as many of the map's own. nodes:
-    // nodeCount entries of the caller's to begin with. growBy: entries allocated at a time, at
-    // most 65536, once these are used up; with 0 the oldest entry is used again. A map that can
-    // have no entries (or, when memory is short, no buckets) records nothing: it recognises no
-    // repeats.
+    // lists: the caller's listCount buckets, or null for the map to allocate them. nodes: the
+    // caller's initial nodeCount entries. growBy: how many entries to allocate at a time, at most
+    // 65536, once these are used up; with 0 the oldest entry is reused. A map without entries (or,
+    // if memory is short, without buckets) records nothing and recognises no repeats.
     CRUdpTIDMap(unsigned long maxAgeMs, List* lists, unsigned int listCount, Node* nodes,
                 unsigned int nodeCount, unsigned int growBy);
     CRUdpTIDMap(const CRUdpTIDMap&) = delete;
@@ -141,8 +140,8 @@ public:
     // True for a repeat of the last message accepted from the peer; else records it.
     bool DuplicateTestAndSet(unsigned long host, unsigned short port, unsigned long tid);
 
-    // Releases every entry older than the age limit, and those that a clock set back makes younger
-    // than nothing.
+    // Releases every entry older than the age limit, and those whose age is negative because the
+    // clock was set back.
     void RemoveOldEntries() { m_AgeList.RemoveOld(m_nMaxAge); }
 
 private:

@@ -13,7 +13,7 @@ long CTickTimer::Elapsed() const {
     return Elapsed(now);
 }
 
-// In 32 bits the microseconds would wrap after 36 minutes.
+// In 32 bits, the microseconds would wrap after 36 minutes.
 long CTickTimer::Elapsed(timeval const& now) const {
     const int64_t seconds = static_cast<int64_t>(now.tv_sec) - m_tvStart.tv_sec;
     const int64_t microseconds = static_cast<int64_t>(now.tv_usec) - m_tvStart.tv_usec;

@@ -3,16 +3,16 @@
 
 #include <sys/time.h>
 
-// Measures from its last start by the time of day: a clock set back meanwhile gives a negative
-// time. A plain value.
+// Measures the time of day since its last start: negative if the clock was set back meanwhile. A
+// plain value.
 class CTickTimer {
 public:
-    // Starts at once.
+    // Starts immediately.
     CTickTimer() { Start(); }
 
     void Start();
 
-    // Milliseconds from the start to this moment, or to the given time of day.
+    // Milliseconds from the start until now, or until the given time of day.
     long Elapsed() const;
     long Elapsed(timeval const& now) const;
 

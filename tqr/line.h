@@ -1,18 +1,18 @@
-// Control lines, and other short texts with numbers, put together in a buffer.
+// Builds control lines, and other short texts with numbers, in a buffer.
 #pragma once
 
 #include <charconv>
 #include <cstddef>
 #include <cstring>
 
-// write_line(buf, "GPO ", 5, " LHHHH", "\n") writes the texts and the decimal numbers one behind
-// the other into the array, with a NUL. What does not fit is cut. No text may lie in the array.
+// write_line(buf, "GPO ", 5, " LHHHH", "\n") writes the texts and decimal numbers one after the
+// other into the array, and a NUL. Truncates what does not fit. No text may be in the array itself.
 template <size_t Size, class... Parts>
 void write_line(char (&buf)[Size], const Parts&... parts);
 
 // ---- implementation
 
-// Append at to, where there is room up to end, and return the end of what was written.
+// Append at to, with room up to end, and return the end of what was written.
 inline char* append_to_line(char* to, const char* end, const char* chars, size_t count) {
     const size_t room = static_cast<size_t>(end - to);
     if (count > room) {

@@ -12,7 +12,7 @@
 namespace {
 
 const unsigned short DEFAULT_URL_PORT = 5004;
-const uint32_t URL_GROUP = 0xEFC00000;  // 239.192.0.0, filled up with a 16-bit number
+const uint32_t URL_GROUP = 0xEFC00000;  // 239.192.0.0, completed by a 16-bit number
 
 bool is_separator(char c) {
     return c == ' ' || c == ',';
@@ -26,20 +26,20 @@ bool is_assignment(char c) {
     return c == ':' || c == '=';
 }
 
-// A backslash with a character behind it; at the end of the text it is a character like any other.
+// A backslash before another character; at the end of the text it is an ordinary character.
 bool is_escape(const char* p) {
     return p[0] == '\\' && p[1] != '\0';
 }
 
-// Steps through a field or a value. A double quote switches quoting on and off; a backslash takes
-// the character behind it as it is.
+// Steps through a field or a value. A double quote starts or ends quoting; a backslash takes the
+// next character literally.
 struct Scanner {
     const char* p;
     bool quoted = false;
 
     bool at_end() const { return *p == '\0' || (!quoted && is_separator(*p)); }
 
-    // Moves past what stands here. Returns the character that it means; NUL for a quote.
+    // Moves past the current character. Returns the character it stands for; NUL for a quote.
     char next() {
         if (is_escape(p)) {
             p += 2;
@@ -54,7 +54,7 @@ struct Scanner {
     }
 };
 
-// What base 0 means to the device: newer C libraries also take "0b1" for a number.
+// The base that 0 means on the device: newer C libraries also accept "0b1".
 int base_of(const char* number) {
     while (isspace(static_cast<unsigned char>(*number)) != 0) {
         ++number;
@@ -72,7 +72,7 @@ int tag_length(const char* field) {
     return static_cast<int>(strcspn(field, ":="));
 }
 
-// A tag is added when an entry begins with it; without a list, always.
+// A tag may be added if an entry begins with it; without a list, always.
 bool is_addition_allowed(const char** allowed, const char* tag, int len) {
     if (allowed == nullptr) {
         return true;
@@ -85,7 +85,7 @@ bool is_addition_allowed(const char** allowed, const char* tag, int len) {
     return false;
 }
 
-// The replacement pass of tqr_alter_str; returns the position behind what it wrote.
+// The replacement pass of tqr_alter_str; returns the position after its output.
 char* replace_fields(char* w, const char* base, const char* changes) {
     while (*base != '\0') {
         const int len = tag_length(base);
@@ -119,7 +119,7 @@ unsigned long tqr_strtoul(const char* text, const char** end, int base) {
     if (end != nullptr) {
         *end = behind;
     }
-    // strtoull gives the two's complement of a negative number, or all ones when it is out of
+    // strtoull returns the two's complement of a negative number, or all ones if it is out of
     // range.
     while (isspace(static_cast<unsigned char>(*text)) != 0) {
         ++text;

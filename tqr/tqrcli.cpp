@@ -20,7 +20,7 @@ namespace {
 
 const char* const APP_NAME = "tqrcli";
 
-// A socket, or -1. One that does not fit an fd_set can't be waited for, so it counts as none.
+// A socket, or -1. select() can't wait for one that does not fit an fd_set, so that is a failure.
 int open_socket() {
     const int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock >= FD_SETSIZE) {
@@ -31,7 +31,7 @@ int open_socket() {
     return sock;
 }
 
-// The connection is used without an option that can't be set.
+// If an option can't be set, the connection is used without it.
 void check_option(int result, const char* name) {
     if (result != 0) {
         fprintf(stderr, "%s: setsockopt(%s) failed err=%d\n", APP_NAME, name, errno);
@@ -43,7 +43,8 @@ void enable_option(int sock, int level, int option, const char* name) {
     check_option(setsockopt(sock, level, option, &on, sizeof on), name);
 }
 
-// connect(), within the limit. A send time-out left behind would cut lines to a slow reader.
+// connect(), within the limit. The send timeout is removed again: it would truncate lines to a slow
+// reader.
 bool connect_within(int sock, const sockaddr_in& peer, unsigned int limit_ms) {
     const sockaddr* const address = reinterpret_cast<const sockaddr*>(&peer);
     if (limit_ms == 0) {
@@ -131,8 +132,8 @@ char* CTQRClient::recv(long timeout) {
     return take_line();
 }
 
-// Reads what is there behind the data not yet handed out. A full buffer without a line leaves no
-// room: the read of 0 bytes then ends the connection like a closed peer does.
+// Reads what has arrived and appends it to the data not yet handed out. A full buffer without a
+// line leaves no room: the read of 0 bytes then ends the connection as if the peer had closed it.
 bool CTQRClient::read_more() {
     const size_t pending = static_cast<size_t>(m_pEnd - m_pRead);
     if (pending != 0) {

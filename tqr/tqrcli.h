@@ -3,16 +3,16 @@
 
 #include "tqr/tqrlimits.h"
 
-// Connects to one server, sends lines and cuts what arrives into lines. Owns its socket and its
-// line buffer. Never waits for data longer than the caller says, so one select() loop can serve
+// Connects to one server, sends lines and splits what arrives into lines. Owns its socket and its
+// line buffer. Never waits for data longer than the caller allows, so one select() loop can serve
 // many; but open() waits as long as the system takes to complete or refuse the connection, unless
-// that is limited.
+// limited.
 //
-// Failures are told on standard error, each message beginning with "tqrcli". A process that uses it
-// ignores SIGPIPE. For one thread; not copied.
+// Reports failures on standard error, in messages that begin with "tqrcli". The process must ignore
+// SIGPIPE. For one thread; not copied.
 class CTQRClient {
 public:
-    // Neither connected nor holding a buffer.
+    // Not connected, and without a buffer.
     CTQRClient() = default;
     ~CTQRClient();
     CTQRClient(const CTQRClient&) = delete;
@@ -21,32 +21,32 @@ public:
     // For connections opened from now on. Without this the system's own limits hold.
     void set_limits(const CTQRLimits& limits) { m_limits = limits; }
 
-    // Drops any earlier connection with what it had buffered, then connects to ip (network byte
-    // order; 32 bits) and port (host byte order; its 16 bits count as unsigned). size bounds a
-    // line: up to size - 1 characters and the line end can be received. Returns the socket; -1 when
-    // it can't be created or connected; -2 when memory is short.
+    // Drops any earlier connection and its buffered data, then connects to ip (network byte order;
+    // 32 bits) and port (host byte order; its 16 bits count as unsigned). size limits a line: up to
+    // size - 1 characters and the line end can be received. Returns the socket; -1 if it can't be
+    // created or connected; -2 if memory is short.
     int open(unsigned long ip, short port, int size);
 
-    // The same with a dotted quad. Names are not looked up: they fail as 255.255.255.255 does.
+    // The same with a dotted quad. Names are not resolved: they fail as 255.255.255.255 does.
     int open(const char* host, short port, int size);
 
-    // Sends the text as it is: the caller ends every line with "\n". Returns what the system's
-    // send() returned, or -1 when not connected. A failed or short send is not repeated and leaves
-    // the connection as it is: only a failed read declares it lost.
+    // Sends the text unchanged: the caller ends every line with "\n". Returns the result of send(),
+    // or -1 if not connected. A failed or short send is not repeated and does not close the
+    // connection: only a failed read does.
     int send(const char* text);
 
     // Waits at most timeout microseconds for data, reads once and returns the next complete line
-    // without its line end (CR, LF or a run of them), or null when there is none. The line lies in
-    // the buffer of this object: it is valid until the next recv, open or close. A read that fails,
-    // finds the end of the stream or finds no room in the buffer closes the connection and returns
-    // null; complete lines still buffered are lost with it.
+    // without its line end (CR, LF or a run of them), or null if there is none. The line is in this
+    // object's buffer: it is valid until the next recv, open or close. If the read fails, finds the
+    // end of the stream or finds the buffer full, the connection is closed and the result is null;
+    // complete lines still buffered are lost.
     char* recv(long timeout);
 
-    // With a limit for the peer: closes the connection when its peer has vanished, and tells so. To
-    // be called once in a peer_watch_period(). True when it did.
+    // With a limit for the peer: closes the connection, with a message, if the peer has vanished.
+    // Call it once per peer_watch_period(). True if it did.
     bool drop_vanished();
 
-    // Closes the socket and frees the buffer. Harmless when already closed.
+    // Closes the socket and frees the buffer. Harmless if already closed.
     void close();
 
     // The socket for the caller's select(), -1 when not connected.

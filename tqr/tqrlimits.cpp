@@ -20,8 +20,8 @@ int set_tcp_option(int sock, int option, int value) {
     return setsockopt(sock, IPPROTO_TCP, option, &value, sizeof value);
 }
 
-// A peer that does not read answers probes of its closed window, and repetitions of what it had no
-// room for: only when the last thing sent has had no answer does the peer owe one.
+// A peer that does not read still answers window probes and retransmissions: it owes an answer only
+// if the last segment sent has had none.
 bool owes_answer(const tcp_info& info) {
     return info.tcpi_probes > 0 ||
            (info.tcpi_unacked > 0 && info.tcpi_last_data_sent < info.tcpi_last_ack_recv);
@@ -36,7 +36,7 @@ int set_connect_limit(int sock, unsigned int ms) {
     return setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-// The first probe after a third of the limit, and a few more until five sixths of it are over.
+// The first probe after a third of the limit, and up to three until five sixths of it.
 int set_keep_alive(int sock, unsigned int peer_ms) {
     const int limit = static_cast<int>(peer_ms / 1000);
     const int idle = std::max(limit / 3, 1);
