@@ -35,8 +35,6 @@ CRUdpLayer3Client rudpcli(0, 1000);
 
 namespace {
 
-const int CONTROL_LINE_SIZE = 2000;
-
 // "ip", "ip:port" or "port"; a port that is no number, or 0, changes nothing.
 void set_control_address(const char* value) {
     const char* port = value;
@@ -130,7 +128,7 @@ uint32_t get_iface() {
 }
 
 int connect_control() {
-    return local.open(tqr_ip.c_str(), static_cast<short>(tqr_port), CONTROL_LINE_SIZE);
+    return local.open(tqr_ip.c_str(), static_cast<short>(tqr_port), LINE_SIZE);
 }
 
 void request_configuration() {

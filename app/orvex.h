@@ -170,5 +170,5 @@ private:
     int m_maxfd = -1;               // the highest descriptor in it
     unsigned long m_remotes = 0;    // the remote entries whose sockets are watched
     bool m_config_changed = false;  // a "CFG" line of this turn changed a channel
-    char m_msg[2000];               // a line on its way from a remote server to TQRD
+    char m_msg[LINE_SIZE];          // a line on its way from a remote server to TQRD
 };

@@ -14,6 +14,7 @@
 #include "bench/sockets.h"
 #include "message.pb.h"
 #include "msg/Msg2.h"
+#include "rudp/RUdpLayer1Base.h"
 #include "rudp/RUdpTIDMap.h"
 #include "tqr/tqr_util.h"
 #include "tqr/tqrcli.h"
@@ -206,7 +207,7 @@ BENCHMARK(lookup_worst)->Arg(6)->Arg(4000);
 // ---- duplicate test of a message from one of so many peers, each in turn
 
 void duplicate_test(benchmark::State& state) {
-    CRUdpTIDMap map(10000, nullptr, 17, nullptr, 0, 32);
+    CRUdpTIDMap map(CRUdpLayer1Base::REPEAT_MEMORY_MS, nullptr, 17, nullptr, 0, 32);
     const uint16_t peers = static_cast<uint16_t>(state.range(0));
     const unsigned long host = 0x0A4D0002;
     for (uint16_t i = 0; i < peers; ++i) {

@@ -11,7 +11,6 @@
 
 namespace {
 
-const int LINE_SIZE = 2000;
 const char* const TABLE_FILE = "/var/log/gpiocli.txt";
 
 // As CTQRClient::open. client is null if there was no memory for it; then there is no connection.

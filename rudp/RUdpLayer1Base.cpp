@@ -11,6 +11,8 @@
 
 namespace {
 
+const unsigned int SENDER_BUCKETS = 17;
+const unsigned int SENDERS_GROW_BY = 32;
 const uint32_t NO_LIMIT = 0xFFFFFFFF;
 const unsigned long FIRST_GROUP = 0xE0000000;  // 224.0.0.0: multicast and broadcast from here on
 
@@ -86,7 +88,8 @@ bool CRUdpLayer1Base::Open(bool server, char const* host, unsigned short port, R
     if (m_bOpen && server) {
         m_bOpen = TakeTIDMap(map);
     } else if (m_bOpen && m_Timeouts.Get() == nullptr) {
-        m_bOpen = SetCliOptions(4, 1000, true, 200, nullptr, false);
+        m_bOpen = SetCliOptions(DEFAULT_ATTEMPTS, DEFAULT_TIME_MS, true, DEFAULT_FACTOR_PCT,
+                                nullptr, false);
     }
     if (!m_bOpen) {
         m_Socket.Close();
@@ -115,7 +118,8 @@ bool CRUdpLayer1Base::TakeTIDMap(CRUdpTIDMap* map) {
     if (map != nullptr) {
         m_TIDMap.Borrow(map);
     } else if (m_TIDMap.Get() == nullptr) {
-        m_TIDMap.Own(new (std::nothrow) CRUdpTIDMap(10000, nullptr, 17, nullptr, 0, 32));
+        m_TIDMap.Own(new (std::nothrow) CRUdpTIDMap(REPEAT_MEMORY_MS, nullptr, SENDER_BUCKETS,
+                                                    nullptr, 0, SENDERS_GROW_BY));
     }
     return m_TIDMap.Get() != nullptr;
 }

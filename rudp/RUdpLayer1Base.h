@@ -21,6 +21,14 @@ class CRUdpLayer1Base {
 public:
     static constexpr unsigned char m_nRUdpVersion = 7;
 
+    // How long a server recognises the repeat of the last message of each sender.
+    static constexpr unsigned long REPEAT_MEMORY_MS = 10000;
+    // The schedule of a client that was given none: attempts, the time that all of them take, and
+    // how much longer each is than the one before.
+    static constexpr unsigned int DEFAULT_ATTEMPTS = 4;
+    static constexpr unsigned long DEFAULT_TIME_MS = 1000;
+    static constexpr unsigned long DEFAULT_FACTOR_PCT = 200;
+
     // Message types. Any type but a datagram is sent reliably.
     static constexpr unsigned char ACK = 'A';
     static constexpr unsigned char NACK = 'N';
@@ -59,9 +67,9 @@ public:
     //
     // msg and map replace the packet buffer and the memory for repeats; they are borrowed until
     // this object is destroyed or given others. With null the endpoint keeps what it has or makes
-    // its own: a buffer as large as the socket's, a memory of 10 s. A client needs no map; it gets
-    // the schedule of SetCliOptions(4, 1000, true, 200, null, false) unless it has one. False, with
-    // the socket closed, if anything fails.
+    // its own: a buffer as large as the socket's, a memory of REPEAT_MEMORY_MS. A client needs no
+    // map; it gets the default schedule unless it has one. False, with the socket closed, if
+    // anything fails.
     bool Open(bool server, char const* host, unsigned short port, RUdpMsg* msg, CRUdpTIDMap* map);
 
     // Closes the socket. Buffer and memory stay for the next Open.

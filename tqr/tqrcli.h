@@ -3,6 +3,9 @@
 
 #include "tqr/tqrlimits.h"
 
+// What the daemon gives a line, of either kind of server, with its end.
+constexpr int LINE_SIZE = 2000;
+
 // Connects to one server, sends lines and splits what arrives into lines. Owns its socket and its
 // line buffer. Never waits for data longer than the caller allows, so one select() loop can serve
 // many; but open() waits as long as the system takes to complete or refuse the connection, unless

@@ -13,7 +13,7 @@ local common = require("orvex_common")
 
 local orvex_line = Proto("orvex_line", "orvex control lines")
 
-local MAX_LINE = 1999  -- characters of the longest line that is received
+local MAX_LINE = 1999  -- characters of the longest line that is received, LINE_SIZE without its end
 local MAX_NUMBER = 0x7FFFFFFF
 local PINS = 5
 local CHANNELS = 32
