@@ -170,7 +170,11 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     const int64_t limit = NumberField(request, "limit", query.limit);
     query.limit = static_cast<unsigned>(std::min<int64_t>(limit, History::MAX_ROWS));
     m_history.Store(NowMs());  // what has just happened is part of the answer
-    const History::Answer answer = m_history.Find(query);
+    const std::optional<History::Answer> found = m_history.Find(query, NowMs());
+    if (!found) {
+        return Fail(503, "the history can't be read: " + m_history.Problem() + m_history.Notice());
+    }
+    const History::Answer& answer = *found;
     const std::string format = request.Field("format").value_or("");
     if (format == "csv" || request.Header("accept").compare(0, 8, "text/csv") == 0) {
         HttpResponse response = Answer(CsvOf(answer, m_board.GetNames()));
@@ -265,7 +269,10 @@ HttpResponse Api::ShowMetrics(const HttpRequest& request) const {
 HttpResponse Api::Health(const HttpRequest&) const {
     const std::vector<std::string> complaints = m_board.Complaints();
     HttpResponse response =
-        Answer(Dump({{"healthy", complaints.empty()}, {"complaints", complaints}}) + "\n");
+        Answer(Dump({{"healthy", complaints.empty()},
+                     {"complaints", complaints},
+                     {"history", m_history.Problem().empty() ? "ok" : m_history.Problem()}}) +
+               "\n");
     response.status = complaints.empty() ? 200 : 503;
     return response;
 }

@@ -14,21 +14,6 @@ const uint32_t SPECIAL = 0xFFFFFF;  // the address of tags that are no pins
 const unsigned MAX_MISSES = 3;
 const unsigned MAX_REFUSALS = 20;  // in a minute
 
-const char* NameOf(Kind kind) {
-    switch (kind) {
-        case Kind::Report:
-            return "report";
-        case Kind::Reply:
-            return "reply";
-        case Kind::Write:
-            return "write";
-        case Kind::Read:
-            return "read";
-        default:
-            return "other";
-    }
-}
-
 }  // namespace
 
 int64_t NowMs() {
@@ -80,7 +65,7 @@ void Board::Take(Traffic& traffic) {
     const Kind kind = traffic.GetKind();
     m_counts.last_heard = NowMs();
     const bool room = m_counts.messages.size() < 2 * MAX_DEVICES;
-    const std::pair<std::string, std::string> key(NameOf(kind), room ? traffic.host : "others");
+    const std::pair<std::string, std::string> key(KindName(kind), room ? traffic.host : "others");
     ++m_counts.messages[key];
     if (m_repeats.IsRepeat(traffic, Now())) {
         ++m_counts.repeats;

@@ -25,8 +25,6 @@ const char* const SCHEMA =
     "CREATE INDEX IF NOT EXISTS events_gap ON events(kind) WHERE kind IN (7, 8);"
     "CREATE TABLE IF NOT EXISTS alive(one INTEGER PRIMARY KEY CHECK (one = 1), time INTEGER);";
 
-const char* const COLUMNS = "id, time, kind, tag, low, duration, host, text";
-
 void BindText(sqlite3_stmt* statement, int column, const std::string& text) {
     if (text.empty()) {
         sqlite3_bind_null(statement, column);
@@ -34,28 +32,6 @@ void BindText(sqlite3_stmt* statement, int column, const std::string& text) {
         sqlite3_bind_text(statement, column, text.data(), static_cast<int>(text.size()),
                           SQLITE_TRANSIENT);
     }
-}
-
-std::string TextOf(sqlite3_stmt* statement, int column) {
-    const unsigned char* const text = sqlite3_column_text(statement, column);
-    return text == nullptr ? "" : reinterpret_cast<const char*>(text);
-}
-
-Event EventOf(sqlite3_stmt* row) {
-    Event event;
-    event.id = sqlite3_column_int64(row, 0);
-    event.time = sqlite3_column_int64(row, 1);
-    event.kind = static_cast<EventKind>(sqlite3_column_int(row, 2));
-    if (sqlite3_column_type(row, 3) != SQLITE_NULL) {
-        event.tag = static_cast<uint32_t>(sqlite3_column_int64(row, 3));
-    }
-    if (sqlite3_column_type(row, 4) != SQLITE_NULL) {
-        event.low = sqlite3_column_int(row, 4) != 0;
-    }
-    event.duration = static_cast<uint32_t>(sqlite3_column_int64(row, 5));
-    event.host = TextOf(row, 6);
-    event.text = TextOf(row, 7);
-    return event;
 }
 
 int64_t Monotonic() {
@@ -80,17 +56,16 @@ History::~History() = default;
 // ---- opening ----
 
 void History::Open(int64_t now) {
+    m_start = now;
     if (!OpenFile()) {
         Recover(now);
-    }
-    if (m_db) {
-        NoteStart(now);
     }
 }
 
 bool History::OpenFile() {
     sqlite3* db = nullptr;
     const char* const name = IsInMemory() ? ":memory:" : m_settings.file.c_str();
+    m_foreign = false;
     m_code = sqlite3_open_v2(name, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     m_db.reset(db);
     if (m_code != SQLITE_OK || !Prepare()) {
@@ -100,13 +75,14 @@ bool History::OpenFile() {
     m_next = Number("SELECT max(id) FROM events") + 1;
     m_rows = Number("SELECT count(*) FROM events");
     m_oldest = Number("SELECT min(time) FROM events");
-    if (m_code != SQLITE_ROW) {
+    if (m_code != SQLITE_ROW || !NoteStart()) {
         Trouble();
         return false;
     }
     for (Event& event : m_waiting) {
         event.id = m_next++;
     }
+    m_opened = true;
     m_problem.clear();
     return true;
 }
@@ -136,32 +112,35 @@ bool History::Prepare() {
     return m_insert && m_alive;
 }
 
-// The board may have been killed with a gap open.
-void History::NoteStart(int64_t now) {
+// Once. The board may have been killed with a gap open.
+bool History::NoteStart() {
     const int64_t alive = std::max(Number("SELECT time FROM alive"),
                                    Number("SELECT time FROM events ORDER BY id DESC LIMIT 1"));
-    if (alive == 0) {
-        return;
-    }
     Answer answer;
-    ReadGaps({}, answer);
-    for (const Gap& gap : answer.gaps) {
-        if (!gap.until) {
-            Event end;
-            end.time = alive;
-            end.kind = EventKind::GapEnd;
-            end.text = gap.reason;
-            Add(end);
-        }
+    if (!ReadGaps({}, answer)) {
+        return false;
     }
-    Event event;
-    event.text = NOT_RUNNING;
-    event.time = std::min(alive, now);
-    event.kind = EventKind::GapBegin;
-    Add(event);
-    event.time = now;
-    event.kind = EventKind::GapEnd;
-    Add(event);
+    std::deque<Event> events;
+    const auto add = [&events](EventKind kind, int64_t time, const std::string& text) {
+        Event event;
+        event.kind = kind;
+        event.time = time;
+        event.text = text;
+        event.mono = Monotonic();
+        events.push_back(std::move(event));
+    };
+    if (alive != 0 && m_start != 0) {
+        for (const Gap& gap : answer.gaps) {
+            if (!gap.until) {
+                add(EventKind::GapEnd, alive, gap.reason);
+            }
+        }
+        add(EventKind::GapBegin, std::min(alive, m_start), NOT_RUNNING);
+        add(EventKind::GapEnd, m_start, NOT_RUNNING);
+    }
+    m_start = 0;
+    m_waiting.insert(m_waiting.begin(), events.begin(), events.end());
+    return true;
 }
 
 bool History::Run(const char* sql) {
@@ -206,48 +185,58 @@ void History::Add(Event event) {
     m_waiting.push_back(std::move(event));
 }
 
+// The clock may have been set back meanwhile.
+bool History::IsDue(int64_t now) const {
+    return now >= m_retry || m_retry > now + RETRY_AFTER;
+}
+
 void History::Store(int64_t now) {
-    if (m_waiting.empty() || m_foreign || now < m_retry) {
+    if (m_waiting.empty() || !IsDue(now)) {
         return;
     }
     if (!m_db && !OpenFile()) {
         Recover(now);
         return;
     }
-    if (!StoreAll()) {
+    const size_t count = std::min(m_waiting.size(), MAX_AT_ONCE);
+    if (!StoreSome(count)) {
         Trouble();
         sqlite3_exec(m_db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         Recover(now);
         return;
     }
     m_problem.clear();
-    m_rows += static_cast<int64_t>(m_waiting.size());
+    m_rows += static_cast<int64_t>(count);
     m_oldest = m_oldest == 0 ? m_waiting.front().time : m_oldest;
     const int64_t mono = Monotonic();
-    for (const Event& event : m_waiting) {
+    for (size_t i = 0; i < count; ++i) {
         if (on_stored) {
-            on_stored(mono - event.mono);
+            on_stored(mono - m_waiting.front().mono);
         }
+        m_waiting.pop_front();
     }
-    m_waiting.clear();
     if (m_lostFrom != 0) {
-        Event gap;
-        gap.text = NOT_WRITTEN;
-        gap.kind = EventKind::GapBegin;
-        gap.time = m_lostFrom;
-        Add(gap);
-        gap.kind = EventKind::GapEnd;
-        gap.time = m_lostUntil;
-        Add(gap);
-        m_lostFrom = 0;
+        NoteLost();
     }
 }
 
-bool History::StoreAll() {
+bool History::StoreSome(size_t count) {
     return Run("BEGIN IMMEDIATE") &&
-           std::all_of(m_waiting.begin(), m_waiting.end(),
+           std::all_of(m_waiting.begin(), m_waiting.begin() + static_cast<ptrdiff_t>(count),
                        [this](const Event& event) { return Insert(event); }) &&
            Run("COMMIT");
+}
+
+void History::NoteLost() {
+    Event gap;
+    gap.text = NOT_WRITTEN;
+    gap.kind = EventKind::GapBegin;
+    gap.time = m_lostFrom;
+    Add(gap);
+    gap.kind = EventKind::GapEnd;
+    gap.time = m_lostUntil;
+    Add(gap);
+    m_lostFrom = 0;
 }
 
 bool History::Insert(const Event& event) {
@@ -275,14 +264,28 @@ bool History::Insert(const Event& event) {
 // ---- keeping ----
 
 void History::Keep(int64_t now) {
-    if (!m_db || now < m_retry) {
+    if (!m_db || !IsDue(now)) {
+        return;
+    }
+    if (IsTakenAway()) {
+        Close();
+        m_notice = m_settings.file + " was taken away";
         return;
     }
     sqlite3_bind_int64(m_alive.get(), 1, now);
     if (!Step(m_alive.get()) || !Drop(now)) {
         Trouble();
         Recover(now);
+    } else if (m_waiting.empty()) {
+        m_problem.clear();  // of what waits, Store() will tell
     }
+}
+
+// What goes to a file without a name is gone with the program.
+bool History::IsTakenAway() const {
+    int moved = 0;
+    return sqlite3_file_control(m_db.get(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+           moved != 0;
 }
 
 int64_t History::Bytes() {
@@ -313,95 +316,6 @@ bool History::Drop(int64_t now) {
     return m_code == SQLITE_ROW || m_code == SQLITE_DONE;
 }
 
-// ---- finding ----
-
-History::Answer History::Find(const Query& query) {
-    Answer answer;
-    if (m_db) {
-        ReadEvents(query, answer);
-        ReadEarlier(query, answer);
-        ReadGaps(query, answer);
-    }
-    return answer;
-}
-
-void History::ReadEvents(const Query& query, Answer& answer) {
-    const unsigned limit = std::min(query.limit, MAX_ROWS);
-    std::string sql = std::string("SELECT ") + COLUMNS + " FROM events WHERE ";
-    sql += query.tag ? "tag = ?1 AND " : "";
-    sql += "time >= ?2 AND time <= ?3 AND id < ?4 ORDER BY ";
-    sql += query.tag ? "time DESC, id DESC" : "id DESC";
-    sql += " LIMIT ?5";
-    const Statement rows = Compile(sql.c_str());
-    if (!rows) {
-        Trouble();
-        return;
-    }
-    sqlite3_bind_int64(rows.get(), 1, query.tag.value_or(0));
-    sqlite3_bind_int64(rows.get(), 2, query.from);
-    sqlite3_bind_int64(rows.get(), 3, query.until);
-    sqlite3_bind_int64(rows.get(), 4, query.before_id);
-    sqlite3_bind_int64(rows.get(), 5, static_cast<int64_t>(limit) + 1);
-    while ((m_code = sqlite3_step(rows.get())) == SQLITE_ROW) {
-        if (answer.events.size() == limit) {
-            answer.more = true;
-            break;
-        }
-        answer.events.push_back(EventOf(rows.get()));
-    }
-    if (m_code != SQLITE_ROW && m_code != SQLITE_DONE) {
-        Trouble();
-    }
-}
-
-// Where a timeline begins. With rows left out that is before them, not before `from`.
-void History::ReadEarlier(const Query& query, Answer& answer) {
-    if (!query.tag || answer.more) {
-        return;
-    }
-    const Statement row = Compile((std::string("SELECT ") + COLUMNS +
-                                   " FROM events WHERE tag = ?1 AND time < ?2 AND kind = 1 ORDER "
-                                   "BY time DESC, id DESC LIMIT 1")
-                                      .c_str());
-    if (row) {
-        sqlite3_bind_int64(row.get(), 1, *query.tag);
-        sqlite3_bind_int64(row.get(), 2, query.from);
-        if (sqlite3_step(row.get()) == SQLITE_ROW) {
-            answer.earlier = EventOf(row.get());
-        }
-    }
-}
-
-void History::ReadGaps(const Query& query, Answer& answer) {
-    const Statement rows = Compile(
-        "SELECT time, kind, text FROM (SELECT id, time, kind, text FROM events WHERE kind IN (7, 8)"
-        " ORDER BY id DESC LIMIT 2000) ORDER BY id");
-    std::vector<Gap> gaps;
-    while (rows && sqlite3_step(rows.get()) == SQLITE_ROW) {
-        const int64_t time = sqlite3_column_int64(rows.get(), 0);
-        const std::string reason = TextOf(rows.get(), 2);
-        if (sqlite3_column_int(rows.get(), 1) == static_cast<int>(EventKind::GapBegin)) {
-            gaps.push_back({time, std::nullopt, reason});
-            continue;
-        }
-        const auto open = std::find_if(gaps.rbegin(), gaps.rend(), [&](const Gap& gap) {
-            return !gap.until && gap.reason == reason;
-        });
-        if (open != gaps.rend()) {
-            open->until = time;
-        }
-    }
-    // What was told before a gap is not known behind it.
-    for (const Gap& gap : gaps) {
-        if (answer.earlier && gap.from >= answer.earlier->time && gap.from < query.from) {
-            answer.earlier.reset();
-        }
-    }
-    std::copy_if(gaps.begin(), gaps.end(), std::back_inserter(answer.gaps), [&](const Gap& gap) {
-        return gap.from <= query.until && gap.until.value_or(query.until) >= query.from;
-    });
-}
-
 // ---- troubles ----
 
 void History::Trouble() {
@@ -419,14 +333,14 @@ void History::Recover(int64_t now) {
     m_retry = now + RETRY_AFTER;
     const int primary = m_code & 0xFF;
     if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
-        if (IsOurs()) {
+        if (m_opened || IsOurs()) {
             PutAside(now);
-        } else {
-            m_foreign = true;
-            Trouble();
-            Close();
+            return;
         }
-    } else if (!m_insert) {
+        m_foreign = true;
+        Trouble();
+    }
+    if (m_foreign || !m_insert) {
         Close();  // not opened as a whole
     }
 }
@@ -450,7 +364,11 @@ void History::PutAside(int64_t now) {
         m_problem += ", and it can't be put aside";
         return;
     }
-    remove((m_settings.file + "-wal").c_str());
+    // What is in the log can be salvaged beside its file; with a new one it would be damage.
+    const std::string log = m_settings.file + "-wal";
+    if (rename(log.c_str(), (aside + "-wal").c_str()) != 0) {
+        remove(log.c_str());
+    }
     remove((m_settings.file + "-shm").c_str());
     const std::string told = m_problem + "; the damaged file is now " + aside;
     if (OpenFile()) {
@@ -460,6 +378,7 @@ void History::PutAside(int64_t now) {
 }
 
 void History::Close() {
+    m_opened = false;
     m_insert.reset();
     m_alive.reset();
     m_db.reset();

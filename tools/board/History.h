@@ -54,12 +54,14 @@ struct HistorySettings {
 // SQLite in write-ahead mode: a program that is killed leaves everything that was stored. Events
 // are collected and stored in one transaction, within STORE_AFTER of the first. Troubles of the
 // file are told by Problem(), and never reach further than the history: events wait, up to a
-// bound, for a disk that is full; a damaged history is put aside for a new one; a file that is
-// something else is left alone. Times handed in are milliseconds since 1970.
+// bound, for a disk that is full; a damaged history is put aside for a new one; one that was taken
+// away is begun anew; a file that is something else is left alone, and looked at again. Times
+// handed in are milliseconds since 1970.
 class History {
 public:
     static constexpr int STORE_AFTER = 40;  // ms
     static constexpr size_t MAX_WAITING = 50000;
+    static constexpr size_t MAX_AT_ONCE = 5000;  // events of one Store(), which takes so long
     static constexpr unsigned MAX_ROWS = 10000;  // of one answer
 
     explicit History(HistorySettings settings);
@@ -67,7 +69,7 @@ public:
     History(const History&) = delete;
     History& operator=(const History&) = delete;
 
-    // Opens the file and notes since when nothing was heard.
+    // Opens the file and notes since when nothing was heard; if that fails, Store() tries again.
     void Open(int64_t now);
 
     // Keeps an event for the next Store().
@@ -96,7 +98,8 @@ public:
         std::optional<Event> earlier;  // with a tag: the last level of the pin before `from`
         std::vector<Gap> gaps;
     };
-    Answer Find(const Query& query);
+    // None when the history can't be read.
+    std::optional<Answer> Find(const Query& query, int64_t now);
 
     // Empty when all is well.
     const std::string& Problem() const { return m_problem; }
@@ -126,12 +129,15 @@ private:
     bool Step(sqlite3_stmt* statement);
     Statement Compile(const char* sql);
     int64_t Number(const char* sql);
-    void NoteStart(int64_t now);
-    bool StoreAll();
+    bool NoteStart();
+    bool IsDue(int64_t now) const;
+    bool StoreSome(size_t count);
     bool Insert(const Event& event);
-    void ReadEvents(const Query& query, Answer& answer);
-    void ReadEarlier(const Query& query, Answer& answer);
-    void ReadGaps(const Query& query, Answer& answer);
+    void NoteLost();
+    bool ReadEvents(const Query& query, Answer& answer);
+    bool ReadEarlier(const Query& query, Answer& answer);
+    bool ReadGaps(const Query& query, Answer& answer);
+    bool IsTakenAway() const;
     bool Drop(int64_t now);
     void Trouble();
     void Recover(int64_t now);
@@ -150,9 +156,11 @@ private:
     int64_t m_lost = 0;
     int64_t m_lostFrom = 0;  // 0: nothing was lost since the last time that events were stored
     int64_t m_lostUntil = 0;
+    int64_t m_start = 0;  // since when events are kept; 0: the file knows it
     int64_t m_retry = 0;
     int m_code = 0;
-    bool m_foreign = false;
+    bool m_opened = false;   // whatever the file looks like now, it was a history
+    bool m_foreign = false;  // the file is none of ours
     std::string m_problem;
     std::string m_notice;
 };

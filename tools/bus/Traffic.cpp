@@ -1,5 +1,20 @@
 #include "tools/bus/Traffic.h"
 
+const char* KindName(Kind kind) {
+    switch (kind) {
+        case Kind::Report:
+            return "report";
+        case Kind::Reply:
+            return "reply";
+        case Kind::Write:
+            return "write";
+        case Kind::Read:
+            return "read";
+        default:
+            return "other";
+    }
+}
+
 Kind Traffic::GetKind() const {
     switch (message.GetId()) {
         case ID_REPORT:

@@ -11,6 +11,9 @@
 
 enum class Kind { Report, Reply, Write, Read, Other };
 
+// "report", "reply", "write", "read" or "other"
+const char* KindName(Kind kind);
+
 // Not copied: a copy of a message is without what CMsg2 has no setter for.
 struct Traffic {
     Traffic() = default;

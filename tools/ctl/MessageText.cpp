@@ -33,18 +33,9 @@ std::string TimeText(double time) {
 namespace {
 
 std::string KindText(const Traffic& traffic) {
-    switch (traffic.GetKind()) {
-        case Kind::Report:
-            return "report";
-        case Kind::Reply:
-            return "reply";
-        case Kind::Write:
-            return "write";
-        case Kind::Read:
-            return "read";
-        default:
-            return IdText(static_cast<uint32_t>(traffic.message.GetId()));
-    }
+    const Kind kind = traffic.GetKind();
+    return kind == Kind::Other ? IdText(static_cast<uint32_t>(traffic.message.GetId()))
+                               : KindName(kind);
 }
 
 std::string TagText(uint32_t tag) {

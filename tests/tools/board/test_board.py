@@ -3,12 +3,14 @@
 Usage: test_board.py ORVEXCTL
 """
 
+import contextlib
 import http.client
 import json
 import os
 import pathlib
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import time
@@ -58,15 +60,47 @@ def board_pid():
     return int(pathlib.Path("/run/board.pid").read_text("ascii"))
 
 
-def send(data, close=True):
-    with socket.create_connection(("127.0.0.1", PORT), timeout=3) as client:
-        client.sendall(data)
-        if close:
-            client.shutdown(socket.SHUT_WR)
-        try:
-            return client.recv(65536)
-        except OSError:
-            return b""
+def converse(talks):
+    """For each list of pieces, sent one after the other on a connection that then ends: the answer."""
+    answers = []
+    for begin in range(0, len(talks), 200):
+        clients = [socket.create_connection(("127.0.0.1", PORT), timeout=10) for _ in talks[begin:begin + 200]]
+        for step in range(3):
+            for client, pieces in zip(clients, talks[begin:]):
+                with contextlib.suppress(OSError):  # it may have answered and gone
+                    if step < len(pieces):
+                        client.sendall(pieces[step])
+                    elif step == len(pieces):
+                        client.shutdown(socket.SHUT_WR)
+        for client in clients:
+            answer = b""
+            with contextlib.suppress(ConnectionResetError), client:
+                while data := client.recv(65536):
+                    answer += data
+            answers.append(answer)
+    return answers
+
+
+def report(tags, low):
+    """Tells the bus about pins, in two packets as devices do."""
+    items = b"".join(struct.pack(">IBB", tag, 7, low) for tag in tags)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as bus:
+        bus.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.77.0.1"))
+        for _ in range(2):
+            report.number += 1
+            head = struct.pack(">4BI8x4sH", 3, 0, 2, 7, report.number, b"INDI", len(tags))
+            bus.sendto(head + items, ("239.192.255.4", 2055))
+
+
+report.number = int(time.time())
+
+
+def restart(db):
+    with contextlib.suppress(OSError):
+        os.kill(board_pid(), signal.SIGKILL)
+    time.sleep(0.3)
+    subprocess.run(["bash", "/run/board.sh"], check=True, env={**os.environ, "DB": db})
+    until(lambda: not ask_fails())
 
 
 class Viewer:
@@ -132,54 +166,137 @@ class BoardTest(unittest.TestCase):
         asked = [one["host"] for one in get("/api/v1/history?pin=1:2:out5")["events"] if one["kind"] == "set"]
         self.assertEqual(asked, ["Ann (127.0.0.1)"])
 
+    def test_requests_cut_at_every_byte(self):
+        end = f"Host: {HOST}\r\nConnection: close\r\n"
+        body = '{"pin":"1:2:out2","level":"L","duration":990}'
+        fields = "".join(f"{name}: {value}\r\n" for name, value in SET.items())
+        for request, status in [
+                (f"GET / HTTP/1.1\r\n{end}\r\n", 200),
+                (f"HEAD /main.js HTTP/1.1\r\n{end}\r\n", 200),
+                (f"GET /api/v1/history?pin=1:2:in1&from=%31&limit=3 HTTP/1.1\r\n{end}Accept: text/csv\r\n\r\n", 200),
+                (f"GET /metrics HTTP/1.1\r\nX:{'y' * 200}\r\n{end}\r\n", 200),
+                (f"GET / HTTP/1.1\r\nHost: {HOST}\r\n\r\nGET /no HTTP/1.1\r\n{end}\r\n", 200),
+                (f"OPTIONS * HTTP/1.1\r\n{end}\r\n", 400),
+                (f"POST /api/v1/set HTTP/1.1\r\n{end}{fields}Content-Length: {len(body)}\r\n\r\n{body}", 202),
+                (f"POST /api/v1/set HTTP/1.1\r\n{end}{fields}Transfer-Encoding: chunked\r\n\r\n"
+                 f"{len(body):x}\r\n{body}\r\n0\r\n\r\n", 202)]:
+            whole = request.encode()
+            self.assertIn(f"HTTP/1.1 {status}".encode(), converse([[whole]])[0][:12])
+            # Two requests in one: the first is complete long before the end.
+            first = whole.index(b"\r\n\r\n") + 4 if whole.count(b"HTTP/1.1") == 2 else len(whole)
+            sets = pathlib.Path("/run/sim.log").read_text("utf-8").count("DURATION:990")
+            for cut, answer in enumerate(converse([[whole[:cut]] for cut in range(first)])):
+                self.assertRegex(answer, rb"^HTTP/1.1 4|^$", whole[:cut])
+            self.assertEqual(pathlib.Path("/run/sim.log").read_text("utf-8").count("DURATION:990"), sets)
+            if status == 200:  # the same in two pieces, wherever it is parted
+                for cut, answer in enumerate(converse([[whole[:cut], whole[cut:]] for cut in range(1, len(whole))])):
+                    self.assertIn(b"HTTP/1.1 200", answer[:12], whole[:cut + 1])
+        connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+        for length in range(0, 8800):  # headers of every length, up to the limit and beyond it
+            connection.request("GET", "/icon.svg", headers={"X": "y" * length})
+            answer = connection.getresponse()
+            answer.read()
+            if answer.status != 200:
+                break
+        self.assertEqual(answer.status, 431)
+        self.assertGreater(length, 8000)
+        self.assertLess(length, 8192)
+        connection.close()
+
     def test_nothing_sent_stops_it(self):
-        whole = f"GET /api/v1/history?pin=1:2:in1&from=%31 HTTP/1.1\r\nHost: {HOST}\r\nConnection: close\r\n\r\n"
-        for length in range(len(whole) + 1):
-            send(whole[:length].encode())
         for request in (b"\0" * 100, b"GET /%zz HTTP/1.1\r\nHost: x\r\n\r\n", b"GET / HTTP/1.1\r\n\r\n",
                         b"GET / HTTP/1.1\r\nX: " + b"y" * 20000 + b"\r\n\r\n",
                         b"GET /../../etc/passwd HTTP/1.1\r\nHost: localhost\r\n\r\n",
                         b"GET /api/v1/history?limit=-1 HTTP/1.1\r\nHost: localhost\r\n\r\n"):
-            self.assertRegex(send(request), rb"^HTTP/1.1 4|^$", request[:40])
+            self.assertRegex(converse([[request]])[0], rb"^HTTP/1.1 4|^$", request[:40])
         half = [socket.create_connection(("127.0.0.1", PORT), timeout=15) for _ in range(1000)]
         for client in half:
             client.sendall(b"GET / HTTP/1.1\r\n")
+        begin = time.monotonic()
         self.assertEqual(ask("/")[0], 200)
-        half[-1].settimeout(15)
-        self.assertEqual(half[-1].recv(100), b"")  # cut off for taking too long
+        while time.monotonic() < begin + 8:  # one who sends a byte now and then is no better
+            half[-2].sendall(b"X")
+            time.sleep(0.5)
+        half[-1].setblocking(False)
+        self.assertRaises(BlockingIOError, half[-1].recv, 100)  # in time, so far
+        for client in half[-2:]:
+            client.settimeout(5)
+            self.assertEqual(client.recv(100), b"")  # cut off for taking too long
         for client in half:
             client.close()
         self.assertTrue(get("/healthz")["healthy"])
 
     def test_a_viewer_that_does_not_read_costs_little(self):
-        slow = socket.create_connection(("127.0.0.1", PORT))
-        slow.sendall(f"GET /api/v1/events HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode())
-        viewers = [Viewer() for _ in range(199)]
+        slow = []
+        for _ in range(2):
+            slow.append(socket.socket())
+            slow[-1].settimeout(5)
+            slow[-1].setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            slow[-1].connect(("127.0.0.1", PORT))
+            slow[-1].sendall(f"GET /api/v1/events HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode())
+        viewers = [Viewer() for _ in range(198)]
         self.assertEqual(ask("/api/v1/events")[0], 503)
-        for _ in range(300):
-            control("GPI 2 LHLHL\nGPI 2 HLHLH")
-        control("GPI 2 LHHHH")
-        until(lambda: pin("1:2:in1")["level"] == "L" and pin("1:2:in5")["level"] == "H")
+        begin = time.monotonic()
+        for number in range(400):  # 40,000 changes: more bytes than the board keeps for viewers
+            report([0x200000 + i * 256 + 13 for i in range(100)], number % 2)
+            time.sleep(0.01)
+        until(lambda: pin("32:99:in1")["level"] == "L")
+        told = b""
+        while data := slow[0].recv(65536):
+            told += data
+        self.assertTrue(told.endswith(b'"this viewer reads more slowly than things happen"}\n\n'), told[-200:])
+        self.assertIn("orvex_board_viewers_cut_total 1\n", ask("/metrics")[1])
         resident = int(next(line for line in pathlib.Path(f"/proc/{board_pid()}/status").read_text("utf-8").splitlines()
                             if line.startswith("VmRSS")).split()[1])
         if os.environ.get("MEASURED") != "no":
             self.assertLess(resident, 48 * 1024)
+        # Those that take nothing at all are not waited for.
+        until(lambda: "orvex_board_viewers_cut_total 200\n" in ask("/metrics")[1], 20)
+        self.assertGreater(time.monotonic() - begin, 14)
+        self.assertIn("orvex_board_viewers 0\n", ask("/metrics")[1])
         for viewer in viewers:
             viewer.answer.close()
-        slow.close()
-        until(lambda: "orvex_board_viewers 0\n" in ask("/metrics")[1])
+        slow[0].close()
+        slow[1].close()
 
     def test_what_was_stored_survives(self):
         control("GPI 2 LHHLH")
         until(lambda: pin("1:2:in4")["level"] == "L")
-        os.kill(board_pid(), signal.SIGKILL)
-        time.sleep(0.3)
-        subprocess.run(["bash", "/run/board.sh"], check=True)
-        until(lambda: not ask_fails())
+        restart("/run/h.db")
         answer = get("/api/v1/history?pin=1:2:in4")
         self.assertIn("L", [one["level"] for one in answer["events"]])
         self.assertIn("the board was not running", [gap["reason"] for gap in answer["gaps"]])
         control("GPI 2 LHHHH")
+
+    def test_a_full_disk_costs_nothing_but_history(self):
+        def history():
+            return get("/api/v1/pins")["board"]["history"]
+
+        def flip(times):
+            for _ in range(times):
+                control("GPI 2 LHHHL\nGPI 2 LHHHH")
+
+        subprocess.run("mkdir /run/disk; mount -t tmpfs -o size=512k disk /run/disk", shell=True, check=True)
+        restart("/run/disk/h.db")
+        fill = open("/run/disk/fill", "wb", buffering=0)
+        flip(1)
+        until(lambda: any(one.get("pin") == "1:2:in5" for one in get("/api/v1/history")["events"]))
+        with contextlib.suppress(OSError):
+            while True:
+                fill.write(bytes(4096))
+        until(lambda: flip(20) or "full" in history()["problem"], 30)
+        self.assertIn("full", get("/healthz")["history"])
+        self.assertIn("orvex_board_history_ok 0", ask("/metrics")[1])
+        events = Viewer().events()
+        control("GPI 2 LHLHH")
+        next(one for one in events if one["event"] == "pin" and "1:2:in3" in one["data"])  # is told all the same
+        fill.truncate(0)
+        until(lambda: history()["problem"] == "")
+        levels = [one["level"] for one in get("/api/v1/history?pin=1:2:in3")["events"]]
+        self.assertEqual(levels[0], "L")  # has waited for the room
+        control("GPI 2 LHHHH")
+        restart("/run/h.db")
+        fill.close()
 
     def test_a_damaged_history_is_put_aside(self):
         os.kill(board_pid(), signal.SIGTERM)
@@ -187,8 +304,7 @@ class BoardTest(unittest.TestCase):
         with open("/run/h.db", "r+b") as file:
             file.seek(4096)
             file.write(b"damage" * 4000)
-        subprocess.run(["bash", "/run/board.sh"], check=True)
-        until(lambda: not ask_fails())
+        restart("/run/h.db")
         until(lambda: "damaged" in get("/api/v1/pins")["board"]["history"]["notice"])
         control("GPI 2 LHHHL")
         until(lambda: any(one.get("pin") == "1:2:in5" for one in get("/api/v1/history")["events"]))
@@ -212,4 +328,4 @@ def ask_fails():
 
 if __name__ == "__main__":
     until(lambda: not ask_fails())
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[1:])

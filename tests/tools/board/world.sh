@@ -2,7 +2,7 @@
 # Runs a command beside a board on a device with orvex and its control server, in namespaces that
 # end with it:  world.sh BUILD COMMAND...
 # In /run: "in" takes lines for the control server, "names", "token" and "h.db" are the board's,
-# "board.sh" starts it (again), "board.pid" is its number.
+# "board.sh" starts it (again, with DB as its history), "board.pid" is its number.
 set -euo pipefail
 if [ "$1" != --inside ]; then
     for user in "" "--user --map-root-user"; do
@@ -53,7 +53,7 @@ chmod 600 /run/token
 "$bin/tools/sim/orvex-sim" /run/tqrd.conf <&7 >/run/sim.log 2>&1 &
 "$bin/app/orvex" -debug >/run/orvex.log 2>&1 &
 cat >/run/board.sh <<BOARD
-"$bin/tools/board/orvex-board" -i eth0 --names /run/names --db /run/h.db -r 127.0.0.1 \\
+"$bin/tools/board/orvex-board" -i eth0 --names /run/names --db "\${DB:-/run/h.db}" -r 127.0.0.1 \\
     --allow-set --token-file /run/token >>/run/board.log 2>&1 & echo \$! >/run/board.pid
 BOARD
 for _ in $(seq 100); do

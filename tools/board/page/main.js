@@ -43,13 +43,20 @@ function troubles() {
     if (board?.history.problem) {
         found.push(`The history is not written: ${board.history.problem}`);
     }
-    if (board?.history.notice) {
-        found.push(`An earlier history was damaged: ${board.history.notice}`);
+    const notice = board?.history.notice;
+    if (notice && notice !== sessionStorage.getItem("read")) {
+        found.push(`A new history was begun: ${notice}`);
     }
     if (board?.control?.problem) {
         found.push(`The control server ${board.control.address} is away: ${board.control.problem}`);
     }
     return found;
+}
+
+function hideNotice() {
+    sessionStorage.setItem("read", store.board.history.notice);
+    showStatus();
+    main.focus({ preventScroll: true });
 }
 
 let told = "";
@@ -59,6 +66,9 @@ function showStatus() {
     if (text !== told) {
         told = text;
         banner.replaceChildren(...found.map((line) => h("p", {}, line)));
+        if (text.includes("A new history")) {
+            banner.append(h("button", { type: "button", on: { click: hideNotice } }, "Hide"));
+        }
         banner.hidden = found.length === 0;
     }
     const live = store.state === "live" && store.board?.link.up;

@@ -1,0 +1,180 @@
+// The history, and what may befall its file.
+#include "tools/board/History.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const int64_t START = 1'800'000'000'000;
+const uint32_t PIN = 0x1020D;
+const int64_t AGAIN = 2001;  // ms, after which a file in trouble is tried again
+
+class HistoryTest : public testing::Test {
+protected:
+    HistoryTest() { settings.file = (folder / "h.db").string(); }
+    ~HistoryTest() override { fs::remove_all(folder); }
+
+    static void AddTold(History& history, int64_t time, bool low) {
+        Event event;
+        event.time = time;
+        event.tag = PIN;
+        event.low = low;
+        event.host = "10.77.0.1";
+        history.Add(event);
+    }
+
+    void Fill(int count) {
+        History history(settings);
+        history.Open(START);
+        for (int i = 0; i < count; ++i) {
+            AddTold(history, START + i, i % 2 == 0);
+        }
+        history.Store(START + count);
+        ASSERT_EQ(history.Problem(), "");
+    }
+
+    void Overwrite(uintmax_t from, uintmax_t length) {
+        std::fstream file(File(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(from));
+        file << std::string(length, 'x');
+    }
+
+    void Cut(uintmax_t length) { fs::resize_file(File(), length); }
+
+    std::string File(const char* more = "") const { return settings.file + more; }
+
+    // A database that another program made: ours without its mark.
+    std::string Foreign() {
+        fs::copy_file(File(), File(".foreign"));
+        std::fstream file(File(".foreign"), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(68);
+        file << "else";
+        return File(".foreign");
+    }
+
+    // Some seconds of the program, with four changes.
+    static void Live(History& history, int64_t& now) {
+        for (int i = 0; i < 4; ++i, now += AGAIN) {
+            AddTold(history, now, true);
+            history.Store(now);
+            history.Find({PIN}, now);
+            history.Keep(now);
+        }
+        history.Store(now);
+    }
+
+    static size_t CountOf(History& history, int64_t now) {
+        History::Query query;
+        query.tag = PIN;
+        query.limit = History::MAX_ROWS;
+        const auto answer = history.Find(query, now);
+        return answer ? answer->events.size() : 0;
+    }
+
+    const fs::path folder = fs::temp_directory_path() / ("history-" + std::to_string(getpid()));
+    const bool made = fs::create_directory(folder);
+    HistorySettings settings;
+};
+
+// Whatever is wrong with it, the program goes on, tells what it is, and keeps what happens then.
+TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
+    enum Outcome { KEPT, ANEW, ALONE };
+    const struct {
+        const char* what;
+        bool running;  // the file is harmed while it is open
+        Outcome outcome;
+        const char* told;  // part of what people read
+        std::function<void(uintmax_t size)> harm;
+    } rows[] = {
+        {"nothing", false, KEPT, "", [](uintmax_t) {}},
+        {"log", false, KEPT, "", [&](uintmax_t) { std::ofstream(File("-wal")) << "no log"; }},
+        {"begin", true, KEPT, "", [&](uintmax_t) { Overwrite(0, 100); }},
+        {"header", false, ANEW, "not a database; the", [&](uintmax_t) { Overwrite(0, 60); }},
+        {"cut off", false, ANEW, ".damaged-", [&](uintmax_t) { Cut(100); }},
+        {"cut in half", false, ANEW, ".damaged-", [&](uintmax_t size) { Cut(size / 2); }},
+        {"empty", false, ANEW, "", [&](uintmax_t) { Cut(0); }},
+        {"schema", false, ANEW, ".damaged-", [&](uintmax_t) { Overwrite(100, 3900); }},
+        {"pages", false, ANEW, ".damaged-", [&](uintmax_t size) { Overwrite(4096, size - 4096); }},
+        {"pages", true, ANEW, ".damaged-", [&](uintmax_t size) { Overwrite(4096, size - 4096); }},
+        {"removed", true, ANEW, "taken away", [&](uintmax_t) { fs::remove(File()); }},
+        {"mark", false, ALONE, "left alone", [&](uintmax_t) { Overwrite(0, 100); }},
+        {"folder", false, ALONE, "unable to open",
+         [&](uintmax_t) { fs::remove(File()) && fs::create_directory(File()); }},
+        {"another's", false, ALONE, "left alone",
+         [&](uintmax_t) {
+             fs::copy_file(Foreign(), File(), fs::copy_options::overwrite_existing);
+         }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.what) + (row.running ? ", running" : ""));
+        fs::remove_all(folder);
+        fs::create_directory(folder);
+        Fill(3000);
+        History history(settings);
+        if (row.running) {
+            history.Open(START + 5000);
+        }
+        row.harm(fs::file_size(File()));
+        if (!row.running) {
+            history.Open(START + 5000);
+        }
+        int64_t now = START + 6000;
+        Live(history, now);
+        EXPECT_NE((history.Problem() + history.Notice()).find(row.told), std::string::npos)
+            << history.Problem() << history.Notice();
+        EXPECT_EQ(history.Problem().empty(), row.outcome != ALONE);
+        const size_t count = CountOf(history, now);
+        EXPECT_TRUE(row.outcome == KEPT   ? count == 3004
+                    : row.outcome == ANEW ? count == 3 || count == 4
+                                          : count == 0)
+            << count;
+        if (row.outcome == ALONE) {  // until somebody takes it away
+            fs::remove_all(File());
+            Live(history, now);
+            EXPECT_EQ(history.Problem(), "");
+            EXPECT_EQ(CountOf(history, now), 8U);
+        }
+    }
+}
+
+// What found no room while the file could not be written is a gap, and so is the time before the
+// start, however late the file could be opened.
+TEST_F(HistoryTest, SilenceIsNotTakenForPeace) {
+    Fill(10);
+    fs::rename(File(), File(".away"));
+    fs::create_directory(File());
+    History history(settings);
+    history.Open(START + 5000);
+    const int excess = 70;
+    for (size_t i = 0; i < History::MAX_WAITING + excess; ++i) {
+        AddTold(history, START + 6000 + static_cast<int64_t>(i), i % 2 == 0);
+    }
+    int64_t now = START + 100'000;
+    history.Store(now);
+    EXPECT_NE(history.Problem(), "");
+    EXPECT_FALSE(history.Find({PIN}, now));
+    fs::remove(File());
+    fs::rename(File(".away"), File());
+    now -= 50'000;  // the clock, too
+    while (history.IsWaiting() && history.Lost() == excess) {
+        const int64_t rows = history.Rows();
+        history.Store(now += 50);
+        ASSERT_GT(history.Rows(), rows);
+    }
+    const auto answer = history.Find({}, now);
+    ASSERT_TRUE(answer);
+    ASSERT_EQ(answer->gaps.size(), 2U);
+    EXPECT_EQ(answer->gaps[0].from, START + 9);
+    EXPECT_EQ(answer->gaps[0].until, START + 5000);
+    EXPECT_EQ(answer->gaps[1].from, START + 6000);
+    EXPECT_EQ(answer->gaps[1].until, START + 6000 + excess - 1);
+}
+
+}  // namespace
