@@ -73,8 +73,10 @@ Interface FindInterface(const std::string& text, uint32_t group) {
 }
 
 std::string HostText(uint32_t address) {
-    const in_addr in = {htonl(address)};
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &in, text, sizeof text);
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        text += std::to_string(address >> shift & 0xFF);
+        text += shift > 0 ? "." : "";
+    }
     return text;
 }

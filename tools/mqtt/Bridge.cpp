@@ -71,13 +71,13 @@ void Bridge::Wait(const Signals& signals, bool& stopped) {
 
 void Bridge::Step() {
     FollowConnection();
+    TakeMessages();
     m_pins.Serve();
     const std::string note = m_pins.TakeNote();
     if (!note.empty() && note != m_note) {
         m_tell(note);
         m_note = note;
     }
-    TakeMessages();
     m_sets.Tend();
     CarryOutLinks();
     FollowPhase();
