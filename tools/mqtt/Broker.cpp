@@ -13,9 +13,9 @@
 
 namespace {
 
-const double FIRST_PAUSE = 0.1;  // seconds
-const double PAUSE_GROWTH = 1.5;
-const double LONGEST_PAUSE = 30;
+const double FIRST_PAUSE = 0.1;   // seconds
+const double PAUSE_GROWTH = 1.2;  // a pause is a fifth of the outage before it
+const double LONGEST_PAUSE = 10;
 const double TEND_EVERY = 1;
 const double CONNECT_TIME = 10;
 const int KEEP_ALIVE = 5;  // seconds; a dead bridge is told after one and a half of them

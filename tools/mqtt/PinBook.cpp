@@ -127,9 +127,14 @@ void PinBook::Tend() {
 
 void PinBook::AskAll() {
     std::vector<PinRef> pins;
-    m_states.ForEach([&pins](uint32_t tag, const PinState&) {
-        pins.push_back({tag >> 8, static_cast<uint8_t>(tag & 0xFF)});
+    m_states.ForEach([&](uint32_t tag, const PinState&) {
+        if (m_silent.count(tag) == 0) {
+            pins.push_back({tag >> 8, static_cast<uint8_t>(tag & 0xFF)});
+        }
     });
+    for (const uint32_t tag : m_silent) {
+        m_states.AskAt(tag, Now());
+    }
     m_asked = Now();
     m_question.emplace(m_link, pins);
 }

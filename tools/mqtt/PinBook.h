@@ -38,7 +38,7 @@ public:
     void Serve();
 
     // Asks for all pins that are known or wanted, for a second at most. Those that do not answer
-    // are unknown then.
+    // are unknown then. Those that were silent before are not waited for.
     void AskAll();
     bool IsAsking() const { return m_question.has_value(); }
 
