@@ -8,6 +8,7 @@
 
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/PinJson.h"
+#include "tools/mqtt/Discovery.h"
 
 namespace {
 
@@ -132,11 +133,22 @@ void Bridge::FollowConnection() {
             for (const std::string& topic : m_links.Subscriptions()) {
                 m_broker.Subscribe(topic);
             }
+            Announce();
             BeginAsking();
         }
     }
     if (m_connection != 0 && Now() >= m_next_sign) {
         SendSign();
+    }
+}
+
+// Only what the file names: hubs make an entity of each pin.
+void Bridge::Announce() {
+    if (!m_config.discovery.empty()) {
+        for (const PinRef& pins : m_config.pins) {
+            const std::vector<uint32_t> tags = pins.Tags();
+            m_unannounced.insert(tags.begin(), tags.end());
+        }
     }
 }
 
@@ -302,6 +314,12 @@ bool Bridge::PublishRest() {
         const uint32_t host = *devices.begin();
         devices.erase(devices.begin());
         PublishDevice(host);
+        return true;
+    }
+    if (!m_unannounced.empty()) {
+        const uint32_t tag = *m_unannounced.begin();
+        m_unannounced.erase(m_unannounced.begin());
+        Publish(DiscoveryTopic(m_config, tag), DiscoveryText(m_config, tag), true);
         return true;
     }
     if (!m_pins.Changes().empty()) {

@@ -35,6 +35,7 @@ private:
     void Wait(const Signals& signals, bool& stopped);
     void Step();
     void FollowConnection();
+    void Announce();
     void BeginAsking();
     void TakeMessages();
     void TakeOwnSign(const std::string& payload);
@@ -71,6 +72,7 @@ private:
     std::string m_note;  // the last one of the bus
     uint64_t m_dropped = 0;
     bool m_has_more = false;
+    std::set<uint32_t> m_unannounced;                  // pins that hubs are to be told of
     std::set<uint32_t> m_levels;                       // pins whose topic of the level is due
     TimePoint m_rest = TimePoint::max();               // when what is no state is due; max: at once
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number

@@ -129,6 +129,8 @@ bool Reader::TakeBroker(const Words& words) {
         m_config.site = ParseLevelName(value);
     } else if (key == "prefix") {
         m_config.prefix = ParseLevelName(value);
+    } else if (key == "discovery") {
+        m_config.discovery = ParseLevelName(value);
     } else if (key == "broker") {
         const size_t colon = value.rfind(':');
         m_config.host = value.substr(0, colon);

@@ -48,6 +48,7 @@ struct MqttConfig {
     std::string host;
     int port = 0;
     std::string prefix = "orvex";
+    std::string discovery;  // prefix of what hubs are told of the pins; empty: nothing
 
     bool tls = false;
     std::string ca;  // empty: those that the system trusts

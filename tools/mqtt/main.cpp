@@ -10,6 +10,7 @@
 #include "tools/completion/Completion.h"
 #include "tools/mqtt/Bridge.h"
 #include "tools/mqtt/Config.h"
+#include "tools/mqtt/Discovery.h"
 #include "tools/mqtt/Topics.h"
 
 namespace {
@@ -72,6 +73,9 @@ void PrintTopics(const MqttConfig& config) {
                 }
             }
             printf("%s\n", topics.Event(pin).c_str());
+            if (!config.discovery.empty()) {
+                printf("%s\n", DiscoveryTopic(config, tag).c_str());
+            }
         }
     }
     for (const std::string& topic : Links(config).Subscriptions()) {

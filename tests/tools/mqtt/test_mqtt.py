@@ -72,7 +72,7 @@ class MqttTest(unittest.TestCase):
     def broker(self, config=PLAIN):
         (RUN / "broker.conf").write_text(config, "ascii")
         self.processes["broker"] = start("hub", "mosquitto", "-c", "/run/broker.conf", log="broker.log")
-        time.sleep(0.3)
+        self.until(lambda: run("hub", "ss", "-Hltn", "sport = 1883 or sport = 8883"), 5, "no broker")
 
     def bridge(self, site, *lines, replace=(), key=None):
         config = (RUN / f"{site}.conf").read_text("ascii")
@@ -145,6 +145,24 @@ class MqttTest(unittest.TestCase):
         self.says("is online")
         self.assertEqual(level_of("1:2:out2", "studio"), "H")
 
+    def test_discovery(self):
+        (RUN / "names").write_text('1:2:in1 red "Red light"\n', "ascii")
+        self.broker()
+        self.bridge("studio", "pins 1:2:out2", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
+        self.says("is online")
+        # As a hub does that knows nothing but the form.
+        sensor, switch = (json.loads(retained(f"homeassistant/{kind}/orvex_studio_1_2_{pin}/config"))
+                          for kind, pin in [("binary_sensor", "in1"), ("switch", "out2")])
+        self.assertEqual(sensor["name"], "Red light")
+        self.assertEqual(retained(sensor["state_topic"]), sensor["payload_off"])
+        run("hub", "mosquitto_pub", "-t", switch["command_topic"], "-m", switch["payload_on"])
+        self.until(lambda: retained(switch["state_topic"]) == switch["state_on"], 2, "not on")
+        status, pin = (entry["topic"] for entry in switch["availability"])
+        self.assertEqual(retained(status), "online")
+        self.assertIn('"level":"L"', retained(pin))
+        self.assertNotEqual(sensor["unique_id"], switch["unique_id"])
+        self.assertEqual(sensor["device"], switch["device"])
+
     def test_no_set_comes_late(self):
         self.both()
         tower = self.processes["tower"]
@@ -160,15 +178,25 @@ class MqttTest(unittest.TestCase):
 
     def test_broker_dies_in_traffic(self):
         self.both()
-        for _ in range(int(os.environ.get("BROKER_RESTARTS", "10"))):
+        rounds = int(os.environ.get("BROKER_RESTARTS", "10"))
+        for _ in range(rounds):
+            feed = subprocess.Popen(["sh", "-c", "while echo L && sleep .02 && echo H; do :; done"],
+                                    stdout=subprocess.PIPE)
+            sets = subprocess.Popen(["ip", "netns", "exec", "hub", "mosquitto_pub", "-l", "-t",
+                                     "orvex/tower/set/7/4/out3"], stdin=feed.stdout)
+            time.sleep(random.uniform(0.1, 0.5))
             kill(self.processes["broker"])
+            kill(sets)
+            kill(feed)
+            feed.stdout.close()
             level = random.choice("LH")
-            run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out1", "-m", level)
             contact(level)
             time.sleep(random.uniform(0.1, 1))
+            before = level_of("7:4:out3")
             self.broker()
-            self.lamp(level, 2.5)  # a second, and what the command and a loaded machine take
-            self.until(lambda: retained("orvex/studio/pin/1/2/in1/level") == level, 2.5, level)
+            self.until(lambda: level_of() == retained("orvex/studio/pin/1/2/in1/level") == level, 1, level)
+            self.assertEqual(level_of("7:4:out3"), before)
+        self.assertGreater((RUN / "tower.log").read_text("utf-8").count("GPO 1"), 4 * rounds)
 
     def test_losses_put_the_lamp_out(self):
         self.lit()
@@ -318,6 +346,7 @@ class MqttTest(unittest.TestCase):
         done = subprocess.run([f"{BUILD}/tools/mqtt/orvex-mqtt", "--print-topics", RUN / "studio.conf"],
                               check=True, capture_output=True, encoding="utf-8")
         self.assertIn("orvex/studio/pin/1/2/in1\n", done.stdout)
+        self.assertNotIn("homeassistant", done.stdout)
 
 
 if __name__ == "__main__":
