@@ -17,8 +17,8 @@ void send_channel_line(const char* words, int channel_number, const char* end) {
     local.send(line);
 }
 
-// What the old configuration has open is ended before the outputs are released, and what the new
-// one needs is begun after that, so that no state of the old source arrives behind the release.
+// Ends the old source before it sets the outputs high, and begins the new one afterwards, so that
+// no state of the old source arrives after the outputs have been set high.
 void reconfigure(int index, const ChannelConfig& config) {
     Channel& channel = channels[index];
     const int number = index + 1;

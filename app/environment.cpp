@@ -1,4 +1,4 @@
-// The settings that the environment holds.
+// The settings from environment variables.
 
 #include <algorithm>
 #include <cstdio>
@@ -15,13 +15,13 @@ namespace {
 const double MAX_SECONDS = 86400;
 const unsigned int MIN_PEER_MS = 2000;  // a healthy peer may take a second to answer
 
-// The variable's value; null when it is not set or empty.
+// The variable's value; null if it is not set or empty.
 const char* value_of(const char* name) {
     const char* const value = getenv(name);
     return value == nullptr || *value == '\0' ? nullptr : value;
 }
 
-// Milliseconds, rounded up; 0 when there is no such variable or its value is of no use.
+// Milliseconds, rounded up; 0 if the variable is not set or its value is invalid.
 unsigned int read_seconds(const char* name) {
     const char* const value = value_of(name);
     if (value == nullptr) {
@@ -29,7 +29,7 @@ unsigned int read_seconds(const char* name) {
     }
     char* end = nullptr;
     const double seconds = strtod(value, &end);
-    // Only plain numbers: not "inf", "1e3" or "-1", which strtod knows as well.
+    // Only plain numbers: strtod also accepts "inf", "1e3" and "-1".
     const bool is_number = *end == '\0' && strspn(value, "0123456789.") == strlen(value);
     if (!is_number || seconds > MAX_SECONDS) {
         fprintf(stderr, "%s: %s=%s ignored: not 0 to 86400 seconds\n", APP_NAME, name, value);

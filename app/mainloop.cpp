@@ -25,7 +25,7 @@ long long milliseconds_between(const timeval& from, const timeval& to) {
            (to.tv_usec - from.tv_usec) / 1000;
 }
 
-// Moves line behind the word if it begins with it.
+// Moves line past the word if it begins with it.
 bool skip_word(const char*& line, const char* word) {
     const size_t len = strlen(word);
     if (strncmp(line, word, len) != 0) {
@@ -37,7 +37,7 @@ bool skip_word(const char*& line, const char* word) {
 
 }  // namespace
 
-// What m_msg holds is written before it is read.
+// m_msg is written before it is read.
 // cppcheck-suppress uninitMemberVar
 CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     gettimeofday(&m_sweep, nullptr);
@@ -58,14 +58,14 @@ bool CMainLoop::Turn() {
     }
     serve_control();
     if (m_config_changed) {
-        return true;  // the read set may name connections that are closed by now
+        return true;  // the read set may contain connections that are closed by now
     }
     serve_bus();
     serve_remotes();
     return true;
 }
 
-// Without TQRD there is nobody to serve, so nothing else happens until it is back.
+// Without TQRD nothing can be served, so nothing else happens until it is back.
 void CMainLoop::keep_control_connection() {
     if (local.get_fd() != -1) {
         return;
@@ -97,7 +97,7 @@ void CMainLoop::begin_read_set() {
     watch(rudpsrv.GetSocket());
 }
 
-// Looks now and then for connections whose peers have vanished. True when there was one: the read
+// Checks periodically for connections whose peers have vanished. True if there was one: the read
 // set is out of date.
 bool CMainLoop::drop_vanished() {
     if (tqr_limits.peer_ms == 0) {
@@ -112,8 +112,8 @@ bool CMainLoop::drop_vanished() {
     return gpiocli.drop_vanished() || control;
 }
 
-// Watches every remote connection once, through the lowest of the entries that share it. When the
-// sweep is due, brings back those that are down.
+// Watches every remote connection once, through the lowest entry that shares it. When the sweep is
+// due, reconnects those that are down.
 void CMainLoop::watch_remotes() {
     const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_MS;
     m_remotes = 0;
@@ -122,7 +122,7 @@ void CMainLoop::watch_remotes() {
         if (fd == -1 && sweep_due) {
             fd = gpiocli.reconnect(entry);
         }
-        if (fd != -1 && !is_readable(fd)) {  // else in the set already, through a lower entry
+        if (fd != -1 && !is_readable(fd)) {  // else already in the set, through a lower entry
             watch(fd);
             m_remotes |= 1UL << entry;
         }
@@ -171,7 +171,7 @@ void CMainLoop::dispatch_control_line(const char* line) {
     }
 }
 
-// A batch of "SET" lines may change the interface more than once; the last one counts.
+// Several "SET" lines may change the interface in one turn; the last one counts.
 void CMainLoop::follow_interface() {
     const DottedQuad address(iface);
     if (dbg != 0) {
@@ -184,7 +184,7 @@ void CMainLoop::follow_interface() {
     join_group();
 }
 
-// One message a turn, so that a flood from the bus leaves the other peers their share.
+// One message per turn, so that a flood from the bus leaves the other peers their share.
 void CMainLoop::serve_bus() {
     if (!is_readable(rudpsrv.GetSocket())) {
         return;
@@ -208,7 +208,7 @@ void CMainLoop::serve_remotes() {
     });
 }
 
-// The state of a remote input becomes the state of the output of every channel that follows it.
+// Sets the output of every channel that follows a remote input to the input's state.
 void CMainLoop::forward_remote(int entry) {
     unsigned long mask = 0;
     while (const char* state = gpiocli.receive(entry, &mask)) {

@@ -35,7 +35,7 @@ CRUdpLayer3Client rudpcli(0, 1000);
 
 namespace {
 
-// "ip", "ip:port" or "port"; a port that is no number, or 0, changes nothing.
+// "ip", "ip:port" or "port". A port that is 0 or no number changes nothing.
 void set_control_address(const char* value) {
     const char* port = value;
     const char* colon = strchr(value, ':');
@@ -146,7 +146,7 @@ void join_group() {
 
 bool start(const char* program) {
     if (dbg != 0) {
-        setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // a trace is of use when it is seen at once
+        setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // so that the trace is seen at once
         msgdump = new (std::nothrow) char[MSG_TEXT_SIZE];
     }
     signal(SIGPIPE, SIG_IGN);

@@ -1,5 +1,5 @@
-// The numbers that peers of the daemon agree on, for the daemon and for the programs beside it.
-// docs/protocol.md says what each is for. The tests have copies of their own.
+// The numbers of the protocol, for the daemon and for the programs beside it. docs/protocol.md
+// explains them. The tests have copies of their own.
 #pragma once
 
 #include <cstdint>

@@ -14,7 +14,8 @@ int to_int(const char* text) {
     return static_cast<int>(tqr_strtol(text, nullptr, 10));
 }
 
-// A digit first makes a circuit-group address, a '.' before the first blank a remote server.
+// A '.' before the first blank makes a remote server; else a leading digit makes a circuit-group
+// address.
 ChannelKind source_kind(const char* source) {
     for (const char* p = source; *p != '\0' && *p != ' '; ++p) {
         if (*p == '.') {
@@ -34,7 +35,7 @@ uint32_t parse_group_address(const char* source) {
     return a << 8 | static_cast<uint32_t>(tqr_strtol(behind + 1, nullptr, 0));
 }
 
-// Cuts text at the first separator and reads the number behind it; otherwise leaves number alone.
+// Cuts text at the first separator and reads the number after it. Without one, number is unchanged.
 void cut_number(char* text, char separator, int& number) {
     char* found = strchr(text, separator);
     if (found != nullptr) {
@@ -43,8 +44,8 @@ void cut_number(char* text, char separator, int& number) {
     }
 }
 
-// "ip", "ip:port", "ip/gpi" or "ip:port/gpi". The '/' is looked for first, so "ip/gpi:port" names
-// no port.
+// "ip", "ip:port", "ip/gpi" or "ip:port/gpi". It looks for the '/' first, so "ip/gpi:port" has no
+// port.
 void parse_remote_source(const char* source, ChannelConfig& config) {
     char copy[SOURCE_SIZE];
     int gpi_number = 1;

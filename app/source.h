@@ -1,5 +1,5 @@
-// What lines of configuration say: where the output of a channel is driven from. Reads texts and
-// touches nothing else, so that other programs can ask what the daemon makes of a line.
+// What configuration lines say: where the output of a channel is driven from. These functions only
+// parse text, so that other programs can find out how the daemon reads a line.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +23,15 @@ struct ChannelConfig {
     bool operator==(const ChannelConfig& other) const;
 };
 
-// The text of a "CFG" line behind its first four characters: "GPO n ... SRCA=source ...". Stores
-// the channel's number, 1 to 32, and returns the source's value; null when the line has none or is
-// no such line.
+// Takes the text of a "CFG" line after its first four characters: "GPO n ... SRCA=source ...".
+// Stores the channel's number, 1 to 32, and returns the source's value; null if the line has none
+// or is another line.
 const char* find_source(const char* text, int& number);
 
-// What a source's value means, up to the end of the value. KIND_NONE when it is no source.
+// The meaning of a source's value. KIND_NONE if it is no source.
 ChannelConfig parse_source(const char* source);
 
-// A dotted quad, with or without a double quote before it, as an address in network byte order; 0
-// when text is null or no dotted quad. Parts may be decimal, octal or hexadecimal; a part above 255
-// spills into the one before it.
+// The address of a dotted quad, with or without a double quote before it, in network byte order; 0
+// if text is null or no dotted quad. Parts may be decimal, octal or hexadecimal; a part above 255
+// overflows into the one before it.
 uint32_t url2ip(const char* text);

@@ -13,8 +13,8 @@
 
 namespace {
 
-// The circuits of a channel's pins: the five of its input from index 0 on, the five of its output
-// from index 8 on, in the order of state texts. 0 is no circuit.
+// The circuits of a channel's pins, in the order of state texts: its input's from index 0 on, its
+// output's from index 8 on. 0 is no circuit.
 const unsigned char CircIDs[16] = {13, 12, 11, 10, 9, 0, 0, 0, 8, 7, 6, 5, 4, 0, 0, 0};
 const int INPUT_CIRCUITS = 0;
 const int OUTPUT_CIRCUITS = 8;
@@ -34,8 +34,8 @@ unsigned long bus_channels() {
     return set;
 }
 
-// Calls visit(channel index, tag, pin number) for every item that names a pin, and of these for
-// every channel with the item's address.
+// Calls visit(channel index, tag, pin number) for every item that is a pin, once for every channel
+// with the item's address.
 template <class Visitor>
 void for_each_pin(const CMessage& request, Visitor visit) {
     const unsigned long followed = bus_channels();
@@ -73,7 +73,7 @@ void write_pin(int channel_number, int pin, unsigned char value) {
 void write_pins(CMessage& request) {
     for_each_pin(request, [&request](int c, unsigned long tag, int pin) {
         if (pin >= INPUT_PINS) {
-            return;  // inputs are not ours to set
+            return;  // inputs can't be set
         }
         const unsigned char value = request.GetByte(tag);
         if (dbg != 0) {
@@ -86,18 +86,18 @@ void write_pins(CMessage& request) {
 
 unsigned char read_pin(const Channel& channel, int pin) {
     const bool is_output = pin < INPUT_PINS;
-    // Nobody asks for pins 5 to 7, which aren't there. cppcheck-suppress arrayIndexOutOfBoundsCond
+    // pin is never 5 to 7. cppcheck-suppress arrayIndexOutOfBoundsCond
     const char state = is_output ? channel.gpo_state[pin] : channel.gpi_state[pin - INPUT_PINS];
     return tolower(static_cast<unsigned char>(state)) == 'l' ? 1 : 0;
 }
 
-// Without memory there is no reply: one without its pins would be taken for the whole.
+// Without memory there is no reply: an incomplete one would be taken for the whole.
 void answer_read(CMessage& request, unsigned long request_id) {
     CMessage reply(MSG_SIZE, MSG_GROW_BY);
     reply.SetId(ID_REPORT);
     bool complete = reply.SetDword(TAG_REFERS_TO, request_id);
-    // A tag that the request repeats has its value already. What channels of one address have in
-    // common comes once for each of them, one behind the other, and the last one's value counts.
+    // A tag that the request repeats already has its value. A pin of several channels with one
+    // address is visited once for each of them in a row; the last one's value counts.
     int answered[CHANNEL_COUNT] = {};  // bits of pins
     unsigned long last = TAG_REFERS_TO;
     for_each_pin(request, [&](int c, unsigned long tag, int pin) {
@@ -163,7 +163,7 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
         printf("I> %s:%d\n   %s\n", DottedQuad(htonl(static_cast<uint32_t>(dest.GetHost()))).text,
                dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
     }
-    // Encoded once: the two differ in nothing but their transaction IDs.
+    // Encoded once: the two packets differ only in their transaction IDs.
     const bool encoded = client.Encode(msg);
     for (int i = 0; i < 2; ++i) {
         if (!encoded || !client.SendEncoded(dest, CRUdpLayer3Client::DATAGRAM)) {
@@ -174,7 +174,7 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
 }
 
 void cmsgprocess(CMessage& request) {
-    // Looked up for every message: it moves the cursor, which decides between items of one tag.
+    // Looked up for every message: this moves the cursor, which decides between items with one tag.
     const unsigned long request_id = request.GetDword(TAG_REQUEST_ID);
     switch (request.GetId()) {
         case ID_WRITE:

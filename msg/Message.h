@@ -3,16 +3,16 @@
 
 #include "msg/Msg2.h"
 
-// Only identifier and items are encoded; the rest travels in the packet's header.
+// Only identifier and items are encoded; the rest is in the packet's header.
 class CMessage : public CMsg2 {
 public:
     // No routing information, reliable delivery, message type 0 (a datagram).
     CMessage(unsigned int size, unsigned int growBy) : CMsg2(size, growBy) {}
     CMessage(const CMessage& other) = default;
 
-    // Take the other message's routing information, identifier and items, as CMsg2's assignment
-    // does: all or, without memory, nothing. Reliable flag and message type stay: a reply made from
-    // a request is sent as it was meant to be.
+    // Copy the other message's routing information, identifier and items, as CMsg2's assignment
+    // does: all, or nothing if memory is short. Reliable flag and message type stay as they are, so
+    // that a reply made from a request keeps its own way of delivery.
     CMessage& Copy(const CMessage& other);
     CMessage& operator=(const CMessage& other);
     using CMsg2::Copy;
@@ -26,12 +26,12 @@ public:
     unsigned short GetLockID() const { return m_nLockID; }
     unsigned long GetLockTID() const { return m_nLockTID; }
 
-    // Whether the message asks to be sent with acknowledgement, when its sender leaves the choice
-    // to the message; of a received message, whether it was.
+    // Whether to send the message with acknowledgement (CRUdpLayer3Client::USE_MESSAGE_FLAG); for a
+    // received message, whether it was sent so.
     void SetRel(bool rel) { m_bRel = rel; }
     bool GetRel() const { return m_bRel; }
 
-    // The type of the packet that brought the message.
+    // The type of the packet that contained the message.
     void SetMsgType(unsigned char type) { m_nMsgType = type; }
     unsigned char GetMsgType() const { return m_nMsgType; }
 

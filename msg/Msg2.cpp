@@ -9,8 +9,7 @@ namespace {
 const unsigned int MAX_COUNT = 0xFFFF;  // items of a message, elements of an array, bytes of a text
 const unsigned int TAG_CHARS = 4;
 
-// Makes array an owned copy of n elements, or of n zeros without a source. False when there is no
-// memory.
+// Makes array an owned copy of n elements, or n zeros without a source. False if memory is short.
 template <typename T>
 bool copy_array(T*& array, unsigned int n, const T* source) {
     array = new (std::nothrow) T[n]();
@@ -20,7 +19,7 @@ bool copy_array(T*& array, unsigned int n, const T* source) {
     return array != nullptr;
 }
 
-// The first characters of text, up to four, each shifted in from the right; none for null.
+// Up to four characters of text, each shifted in from the right; 0 for null.
 uint32_t pack_chars(const char* text, unsigned int& count) {
     uint32_t chars = 0;
     for (count = 0; text != nullptr && count < TAG_CHARS && text[count] != '\0'; ++count) {
@@ -34,7 +33,7 @@ uint32_t pack_chars(const char* text, unsigned int& count) {
 static_assert(sizeof(CMsg2::Node) == 16, "a slot is packed without gaps");
 
 void CMsg2::Node::DeleteValue() {
-    // The type code alone says what is owned: a pointer may well have a half that is 0.
+    // Only the type code says what is owned: half of a pointer may be 0.
     switch (m_nType) {
         case ITEM_STRING:
             delete[] m_Value.m_pString;
@@ -358,7 +357,7 @@ const CMsg2::Node* CMsg2::FindElement(unsigned long tag, ItemType type, unsigned
     return item != nullptr && index < item->m_nCount ? item : nullptr;
 }
 
-// A new slot at the end, with the tag but without a value; null when there is no room.
+// A new slot at the end, with the tag but without a value; null if there is no room.
 CMsg2::Node* CMsg2::AddItem(unsigned long tag) {
     if (m_nItemCount == MAX_COUNT) {
         return nullptr;
@@ -374,9 +373,9 @@ CMsg2::Node* CMsg2::AddItem(unsigned long tag) {
     return slot;
 }
 
-// Moves the items to an array of so many slots, one at least and not fewer than there are items.
+// Moves the items to an array of that many slots: at least one, and not fewer than there are items.
 bool CMsg2::Resize(uint32_t capacity) {
-    capacity = std::min<uint32_t>(capacity, MAX_COUNT);  // more is of no use
+    capacity = std::min<uint32_t>(capacity, MAX_COUNT);
     Node* const items = new (std::nothrow) Node[capacity];
     if (items == nullptr) {
         return false;
@@ -388,7 +387,7 @@ bool CMsg2::Resize(uint32_t capacity) {
     return true;
 }
 
-// Puts the item's type and value, which the message takes over, in the place of the tag.
+// Stores the item's type and value under the tag. The message takes ownership of the value.
 bool CMsg2::Store(unsigned long tag, Node item) {
     Node* slot = FindItem(tag);
     if (slot != nullptr) {
@@ -405,7 +404,7 @@ bool CMsg2::Store(unsigned long tag, Node item) {
     return true;
 }
 
-// The same for a tag that the message does not have. Leaves the cursor where a search would have.
+// The same for a tag that the message does not have. Leaves the cursor where a search would.
 bool CMsg2::Append(unsigned long tag, Node item) {
     if (m_nCursor >= m_nItemCount && m_nItemCount > 0) {
         m_nCursor = 0;

@@ -1,8 +1,8 @@
 // The message that peers on the bus exchange: an identifier and an ordered list of tagged values.
 //
-// Numbers in an unsigned long are 32 bits wide on every host: what is handed in is cut to 32 bits,
-// so (unsigned long)-1 and 0xFFFFFFFF are one tag. That holds for the elements of a dword array as
-// well, which are unsigned long of the host in memory and 4 bytes each when encoded.
+// Numbers in an unsigned long are 32 bits wide on every host: arguments are cut to 32 bits, so
+// (unsigned long)-1 and 0xFFFFFFFF are the same tag. The same applies to the elements of a dword
+// array, which are the host's unsigned long in memory and 4 bytes each when encoded.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +10,17 @@
 // Version of the encoding that GetData writes and SetData reads.
 extern const unsigned char rudp_msg2_ver;
 
-// Owns its items with their texts, arrays and nested messages. What a getter points to belongs to
-// the item: it is valid until that item is set again or removed, or the message is emptied,
-// assigned, decoded or destroyed.
+// Owns its items with their texts, arrays and nested messages. A pointer from a getter is valid
+// until its item is set again or removed, or the message is emptied, assigned, decoded or
+// destroyed.
 //
 // Setters return whether the item now holds the new value; a setter that returns false (no room, no
-// memory) has changed nothing. They may be given pointers into this very message.
+// memory) has changed nothing. Their arguments may point into this message.
 //
-// For one thread: even looking an item up moves the cursor.
+// For one thread: even a lookup moves the cursor.
 class CMsg2 {
 public:
-    // Item type codes, in memory as in the encoding. Other codes arrive only from a peer: such an
+    // Item type codes, in memory and in the encoding. Other codes arrive only from a peer: such an
     // item keeps its code and count and has no value.
     enum ItemType : unsigned char {
         ITEM_NONE = 0,
@@ -54,12 +54,13 @@ public:
         Node(ItemType type, unsigned int count)
             : m_nType(type), m_nCount(static_cast<uint16_t>(count)) {}
 
-        // Frees what the value owns; type, count and value become 0, the tag stays.
+        // Frees what the value owns. Type, count and value become 0; the tag stays.
         void DeleteValue();
 
-        // Make the value, of a slot that owns none, a copy of what is given: MakeArray as many
-        // elements as the slot's count says, zeros for null; MakeCopy what is in a slot of the same
-        // type and count. False without memory, or when a text is too long; nothing is owned then.
+        // Set the value of a slot that owns none to a copy of the argument. MakeArray copies as
+        // many elements as the slot's count, or zeros for null; MakeCopy the value of a slot of the
+        // same type and count. False if memory is short or a text is too long; the slot owns
+        // nothing then.
         bool MakeString(const char* s);
         bool MakeArray(const unsigned char* p);
         bool MakeArray(const unsigned short* p);
@@ -69,40 +70,38 @@ public:
 
         uint32_t m_nTag = 0;
         uint8_t m_nType = ITEM_NONE;
-        uint16_t m_nCount = 0;  // elements of an array, bytes of a text with its NUL; 0 for others
+        uint16_t m_nCount = 0;  // elements of an array, bytes of a text with its NUL; otherwise 0
         Value m_Value{0};
     };
 
-    // An empty message with room for size items, that grows by growBy items whenever it is full. It
-    // never holds more than 65535, and with growBy 0 it never grows.
+    // An empty message with room for size items, which grows by growBy items whenever it is full,
+    // up to 65535. With growBy 0 it never grows.
     CMsg2(unsigned int size, unsigned int growBy);
-    // Decodes data as SetData does; empty when that fails.
+    // Decodes data as SetData does; empty if that fails.
     CMsg2(const char* data, unsigned long len, unsigned int growBy);
     CMsg2(const CMsg2& other);
     virtual ~CMsg2();
 
     // Makes this a deep copy of other, with its identifier, room and growth. Items of unknown type
-    // are left out; of items that share a tag the last one's value stays, in the first one's place.
-    // Without the memory for the copy this message stays as it was. other may be one of the
-    // messages nested in this one.
+    // are omitted; of items with the same tag, the last one's value takes the first one's place.
+    // If memory is short this message is unchanged. other may be nested in this one.
     CMsg2& operator=(const CMsg2& other);
-    // The same, and tells whether it was done: not without memory, nor when other is null.
+    // The same. False, with nothing changed, if memory is short or other is null.
     bool Copy(const CMsg2* other);
-    // Sets every item of other in this message, in other's order: tags that are here already are
-    // replaced in their place, new ones are appended. What has no room is left out, and so are
-    // items of unknown type. The identifier stays. other may be this message or one of those
-    // nested in it.
+    // Sets every item of other in this message, in other's order: existing tags are replaced in
+    // place, new ones appended. Items of unknown type, and those without room, are omitted. The
+    // identifier stays. other may be this message or nested in it.
     CMsg2& operator+=(const CMsg2& other);
 
     // Removes all items. Identifier and room stay.
     void Empty();
-    // Removes the item; those behind it move up. False when there is none with this tag.
+    // Removes the item; later ones move up. False if there is none with this tag.
     bool Remove(unsigned long tag);
 
     void SetId(unsigned long id) { m_nId = static_cast<uint32_t>(id); }
     unsigned long GetId() const { return m_nId; }
 
-    // Items by place: indices from 0 to GetItemCount() - 1, in the order in which they were set.
+    // Items by position: indices from 0 to GetItemCount() - 1, in the order in which they were set.
     unsigned short GetItemCount() const { return m_nItemCount; }
     // The slot, or null past the end.
     const Node* GetItem(unsigned int index) const;
@@ -112,18 +111,18 @@ public:
     // false, with nothing stored, past the end.
     bool GetItemName(unsigned int index, char* buf) const;
 
-    // Items by tag. The search begins where the last one ended, so reading items in their order
-    // takes one comparison each. FindItem returns null when there is no such item. When a decoded
-    // message holds a tag more than once, the first one from the cursor on is found.
+    // Items by tag. A search begins at the cursor, where the last one ended, so reading items in
+    // their order takes one comparison each. FindItem returns null if there is no such item. If a
+    // decoded message holds a tag more than once, the first one from the cursor on is found.
     Node* FindItem(unsigned long tag);
     bool Exists(unsigned long tag) { return FindItem(tag) != nullptr; }
-    // The type code; 0 when there is no such item.
+    // The type code; 0 if there is no such item.
     unsigned char GetItemType(unsigned long tag);
-    // Elements of an array, bytes of a text with its NUL; 0 for other items and without the item.
+    // Elements of an array, bytes of a text with its NUL; 0 for other items and if there is none.
     unsigned short GetArrayCount(unsigned long tag);
 
-    // Getters give 0, false or null when the tag is missing or its item has another type. Nothing
-    // is converted, but GetNumber reads bytes, words and dwords alike.
+    // Getters return 0, false or null if the tag is missing or its item has another type. They
+    // convert nothing, except that GetNumber reads bytes, words and dwords.
     unsigned long GetNumber(unsigned long tag);
     bool GetBool(unsigned long tag) { return GetByte(tag) != 0; }
     unsigned char GetByte(unsigned long tag);
@@ -136,25 +135,25 @@ public:
     unsigned long* GetDwordArray(unsigned long tag);
     CMsg2* GetMsg(unsigned long tag);
 
-    // An item that exists keeps its place and takes the new type; a new one is appended.
+    // An existing item keeps its position and takes the new type; a new one is appended.
     bool SetBool(unsigned long tag, bool b) { return SetByte(tag, b ? 1 : 0); }
     bool SetByte(unsigned long tag, unsigned char v);
     bool SetWord(unsigned long tag, unsigned short v);
     bool SetDword(unsigned long tag, unsigned long v);
     bool SetQword(unsigned long tag, unsigned long long v);
-    // Like SetByte for a tag that the caller knows to be new: nothing is compared.
+    // Like SetByte for a tag that the caller knows to be new: it compares nothing.
     bool AddByte(unsigned long tag, unsigned char v);
     // Copies the text. Null makes an item without text; more than 65534 characters are refused.
     bool SetString(unsigned long tag, const char* s);
-    // Copies n (its low 16 bits) elements; null stands for zeros. An array of no elements is an
-    // array all the same: its getter gives null only when the array was decoded.
+    // Copies n (its low 16 bits) elements; null means zeros. The getter of an empty array returns
+    // null only if the array was decoded.
     bool SetByteArray(unsigned long tag, unsigned int n, const unsigned char* p);
     bool SetWordArray(unsigned long tag, unsigned int n, const unsigned short* p);
     bool SetDwordArray(unsigned long tag, unsigned int n, const unsigned long* p);
-    // Copies the message with everything in it. False for null.
+    // Copies the message and its content. False for null.
     bool SetMsg(unsigned long tag, const CMsg2* m);
 
-    // Write one element. False when there is no such array or index is past its end.
+    // Write one element. False if there is no such array or index is past its end.
     bool SetByteArrayItem(unsigned long tag, unsigned int index, unsigned char v);
     bool SetWordArrayItem(unsigned long tag, unsigned int index, unsigned short v);
     bool SetDwordArrayItem(unsigned long tag, unsigned int index, unsigned long v);
@@ -162,27 +161,27 @@ public:
     // The first four characters of text as a number, most significant first: "IN" is 0x494E0000.
     // 0 for null.
     static unsigned long GetTag(const char* text);
-    // prefix and the decimal digits of number, filled with zeros to four characters: "A" and 5 is
-    // "A005". 0 when the number does not fit or the prefix leaves no place.
+    // prefix and the decimal digits of number, padded with zeros to four characters: "A" and 5 is
+    // "A005". 0 if the number does not fit or the prefix leaves no room.
     static unsigned long GetTag(const char* prefix, unsigned int number);
     // The tag's four bytes as a text in buf (5 bytes or more). Returns buf.
     static char* GetName(unsigned long tag, char* buf);
 
     // The encoding's version, for the packet header: 7 bits.
     static unsigned char GetVer();
-    // The bytes that GetData writes, in 16 bits: only right up to 65535.
+    // The number of bytes that GetData writes, in 16 bits: correct only up to 65535.
     unsigned short GetDataSize() const;
-    // The bytes that the message takes, however many; more than 65535 can't be encoded. Saturates
-    // at 0xFFFFFFFF.
+    // The size of the encoded message; more than 65535 bytes can't be encoded. Saturates at
+    // 0xFFFFFFFF.
     unsigned long GetTrueDataSize() const;
     // Encodes the message into buf, which must have room for GetDataSize() bytes, and returns their
-    // number. A message of more than 65535 bytes is not encoded: 0, and nothing is written.
+    // number. A message of more than 65535 bytes is not encoded: returns 0 and writes nothing.
     unsigned short GetData(char* buf) const;
-    // Replaces identifier and items by those encoded in the len bytes at data, which must not lie
-    // in this message. Returns how many bytes the message took, or 0, with all items removed, when
-    // the bytes are no message or memory is short. Bytes behind the message are not read. A nested
-    // message whose bytes are none is an empty message, and no error of the outer one. Takes memory
-    // in proportion to len, whatever counts and lengths the bytes announce.
+    // Replaces identifier and items by those encoded in the len bytes at data, which must not be
+    // part of this message. Returns how many bytes the message took, or 0, with all items removed,
+    // if the bytes are no message or memory is short. Bytes after the message are ignored. An
+    // undecodable nested message becomes empty; the outer one stays valid. Takes memory in
+    // proportion to len, whatever counts and lengths the bytes claim.
     unsigned short SetData(const char* data, unsigned long len);
 
 private:
@@ -213,5 +212,5 @@ private:
     uint32_t m_nCapacity = 0;
     uint32_t m_nGrowBy;
     uint32_t m_nCursor = 0xFFFF;  // slot where the last search ended
-    bool m_bDistinct = true;      // no tag is there twice: what setters built
+    bool m_bDistinct = true;      // no tag occurs twice, as in everything that setters build
 };

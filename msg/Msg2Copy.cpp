@@ -40,7 +40,7 @@ CMsg2& CMsg2::operator+=(const CMsg2& other) {
     return *this;
 }
 
-// A deep copy, or null when memory is short.
+// A deep copy, or null if memory is short.
 CMsg2* CMsg2::Clone(const CMsg2& other) {
     CMsg2* const clone = new (std::nothrow) CMsg2(other.m_nCapacity, other.m_nGrowBy);
     if (clone == nullptr) {
@@ -54,8 +54,8 @@ CMsg2* CMsg2::Clone(const CMsg2& other) {
     return clone;
 }
 
-// Sets all items of other, which must not be part of this message. False when one of them failed.
-// Every tag is compared with those before it, unless each is known to be there once.
+// Sets all items of other, which must not be part of this message. False if one of them failed.
+// Every tag is compared with those before it, unless all are known to be distinct.
 bool CMsg2::CopyItems(const CMsg2& other) {
     const bool are_new = m_nItemCount == 0 && other.m_bDistinct;
     bool complete = true;
@@ -66,7 +66,7 @@ bool CMsg2::CopyItems(const CMsg2& other) {
     return complete;
 }
 
-// Sets the tag, which may be known to be new, to a copy of the item's value.
+// Sets the tag to a copy of the item's value. With is_new, the tag is known to be new.
 bool CMsg2::CopyItem(unsigned long tag, const Node& item, bool is_new) {
     if (item.m_nType == ITEM_NONE || item.m_nType > ITEM_QWORD) {
         return true;
@@ -75,7 +75,7 @@ bool CMsg2::CopyItem(unsigned long tag, const Node& item, bool is_new) {
     return copy.MakeCopy(item) && (is_new ? Append(tag, copy) : Store(tag, copy));
 }
 
-// Makes the value of a slot of the same type and count.
+// Copies the value of a slot of the same type and count.
 bool CMsg2::Node::MakeCopy(const Node& other) {
     switch (m_nType) {
         case ITEM_STRING:
@@ -106,9 +106,9 @@ bool CMsg2::Holds(const CMsg2& other) const {
     });
 }
 
-// Merges a part of this message, from a copy: replacing a nested message could free that part on
-// the way. Setters make one item of all with the same tag, so the copy's tags are the places until
-// all items are there.
+// Merges a part of this message, from a copy: replacing a nested message could free that part
+// meanwhile. Items with the same tag would become one in the copy, so it uses positions as tags
+// until it is complete.
 void CMsg2::MergeOwn(const CMsg2& other) {
     CMsg2 copy(other.m_nItemCount, 0);
     for (unsigned int i = 0; i < other.m_nItemCount; ++i) {

@@ -12,7 +12,7 @@
 //   byte             1 byte
 //   word             2 bytes
 //   qword            8 bytes
-//   string           2: n, then n bytes, the terminating NUL among them
+//   string           2: n, then n bytes, including the terminating NUL
 //   byte array       2: n, then n bytes
 //   word array       2: n, then n times 2 bytes
 //   dword array      2: n, then n times 4 bytes
@@ -37,9 +37,9 @@ const uint32_t MAX_DATA = 0xFFFF;
 const unsigned int NESTED_GROW_BY = 16;
 const int NO_MEMORY = -1;
 
-// The width of an item's number, 0 for an item with a count. Tests, not a table: the processor
-// guesses their outcome and goes on, but would have to wait for what the table says before it knew
-// where the next item begins.
+// The width of an item's number, 0 for an item with a count. Branches, not a table: the processor
+// predicts them and goes on, but would have to wait for the table to know where the next item
+// begins.
 inline uint32_t s_GetNumberSize(uint8_t type) {
     if (type == CMsg2::ITEM_BYTE) {
         return sizeof(uint8_t);
@@ -53,14 +53,14 @@ inline uint32_t s_GetNumberSize(uint8_t type) {
     return type == CMsg2::ITEM_QWORD ? sizeof(uint64_t) : 0;
 }
 
-// The width of each of the elements that are counted, by type; further types have none.
+// The width of a counted element, by type; further types have none.
 const uint32_t ELEMENT_SIZES[] = {0, 0, 1, 1, 2, 4, 1};
 
 uint32_t s_GetElementSize(uint8_t type) {
     return type < sizeof ELEMENT_SIZES / sizeof *ELEMENT_SIZES ? ELEMENT_SIZES[type] : 0;
 }
 
-// What an item takes with as many elements as its count says.
+// The size of an item with as many elements as its count.
 uint32_t s_GetItemSize(const CMsg2::Node& item) {
     const uint32_t number = s_GetNumberSize(item.m_nType);
     return ITEM_HEAD +
@@ -76,8 +76,8 @@ uint64_t htonll(uint64_t v) {
            htonl(static_cast<uint32_t>(v >> 32));
 }
 
-// Copies a value from data + pos, where pos <= len, and moves pos behind it. False, with nothing
-// changed, when it would pass len.
+// Copies a value from data + pos, where pos <= len, and moves pos past it. False, with nothing
+// changed, if the value would extend past len.
 template <typename T>
 bool s_Get(const char* data, uint32_t& pos, T& out, uint32_t len) {
     if (len - pos < sizeof out) {
@@ -112,9 +112,9 @@ bool s_GetLongLong(const char* data, uint32_t& pos, uint64_t& out, uint32_t len)
     return true;
 }
 
-// Copies a value to buf + pos and moves pos behind it. The caller has made sure of the room. What
-// is written could be any variable whose address is known: the position stays in a register only
-// as long as it is a local one and all that is called is inlined.
+// Copies a value to buf + pos and moves pos past it. The caller has made sure of the room. A write
+// through buf may alias any variable whose address is taken: the position stays in a register only
+// as long as it is a local variable and everything called is inlined.
 template <typename T>
 void s_Set(char* buf, uint32_t& pos, T value) {
     memcpy(buf + pos, &value, sizeof value);
@@ -189,8 +189,8 @@ inline void s_SetValue(char* buf, uint32_t& pos, const CMsg2::Node& item) {
     }
 }
 
-// Moves pos behind an item, looking at nothing but its head: a nested message is taken by its
-// length. False when the item would pass len.
+// Moves pos past an item by looking at its head alone: a nested message is skipped by its length.
+// False if the item would extend past len.
 inline bool s_SkipItem(const char* data, uint32_t& pos, uint32_t len) {
     if (len - pos < ITEM_HEAD) {
         return false;
@@ -212,8 +212,8 @@ inline bool s_SkipItem(const char* data, uint32_t& pos, uint32_t len) {
     return true;
 }
 
-// The position behind so many items, 0 when they don't fit the data or take more than a message
-// may.
+// The position after that many items; 0 if they don't fit the data or the maximum size of a
+// message.
 uint32_t s_SkipItems(const char* data, uint32_t pos, unsigned int count, uint32_t len) {
     for (; count > 0; --count) {
         if (!s_SkipItem(data, pos, len)) {
@@ -223,8 +223,8 @@ uint32_t s_SkipItems(const char* data, uint32_t pos, unsigned int count, uint32_
     return pos <= MAX_DATA ? pos : 0;
 }
 
-// Copies len bytes of an array to storage of their own with room bytes, zeros behind the copy. Null
-// when memory is short, as below.
+// Copies len bytes of an array to newly allocated storage of room bytes, with zeros after the copy.
+// Null if memory is short, as below.
 template <typename T>
 T* s_NewBytes(const char* data, uint32_t len, uint32_t room) {
     T* const bytes = new (std::nothrow) T[room]();
@@ -254,8 +254,8 @@ unsigned long* s_NewDwords(const char* data, uint32_t len) {
     return dwords;
 }
 
-// Reads the elements of a slot, whose count is known, and moves pos behind them; a message is made,
-// but not read. False when memory is short.
+// Reads the elements of a slot, whose count is known, and moves pos past them; a message is created
+// but not read. False if memory is short.
 bool s_GetElements(const char* data, uint32_t& pos, CMsg2::Node& slot) {
     CMsg2::Node::Value& value = slot.m_Value;
     const char* const elements = data + pos;
@@ -270,7 +270,7 @@ bool s_GetElements(const char* data, uint32_t& pos, CMsg2::Node& slot) {
     }
     switch (slot.m_nType) {
         case CMsg2::ITEM_STRING:
-            // Whatever the peer sent, the text in memory ends with a NUL.
+            // The text in memory ends with a NUL, whatever the peer sent.
             value.m_pString = s_NewBytes<char>(elements, size, size + 1);
             return value.m_pString != nullptr;
         case CMsg2::ITEM_BYTE_ARRAY:
@@ -287,8 +287,8 @@ bool s_GetElements(const char* data, uint32_t& pos, CMsg2::Node& slot) {
     }
 }
 
-// Reads an item into an empty slot and moves pos behind it. The item is known to be within len;
-// what fails is memory alone.
+// Reads an item into an empty slot and moves pos past it. The item is known to be within len; only
+// allocation can fail.
 inline bool s_GetItem(const char* data, uint32_t& pos, CMsg2::Node& slot, uint32_t len) {
     CMsg2::Node::Value& value = slot.m_Value;
     uint8_t byte = 0;
@@ -348,10 +348,10 @@ unsigned short CMsg2::GetData(char* buf) const {
     return static_cast<unsigned short>(Encode(buf, 0));
 }
 
-// Encodes into buf from pos on, where there is room for all of it. Returns the position behind it.
-// What is known only afterwards is filled in then: the number of items, for one without a type is
-// neither written nor counted, and the length of a nested message. To ask for that first would
-// walk every message once for each level above it.
+// Encodes into buf from pos on, where there is enough room. Returns the position after it. Two
+// fields are filled in afterwards: the number of items, because one without a type is neither
+// written nor counted, and the length of a nested message, because computing it first would walk
+// every message once for each level above it.
 uint32_t CMsg2::Encode(char* buf, uint32_t pos) const {
     s_SetLong(buf, pos, m_nId);
     uint32_t count_pos = pos;
@@ -386,8 +386,8 @@ unsigned short CMsg2::SetData(const char* data, unsigned long len) {
     return taken == NO_MEMORY ? 0 : static_cast<unsigned short>(taken);
 }
 
-// Decodes a message. Returns the bytes that it takes, 0 when they are no message, or NO_MEMORY; the
-// message is empty then. Runs once more for each level of nesting, so it has no locals whose
+// Decodes a message. Returns its size, 0 if the bytes are no message, or NO_MEMORY; in the last two
+// cases the message is empty. It recurses for each level of nesting, so it has no locals whose
 // address is taken: they would cost stack in every level.
 int CMsg2::Decode(const char* data, uint32_t len) {
     const int taken = DecodeLevel(data, len);
@@ -399,7 +399,7 @@ int CMsg2::Decode(const char* data, uint32_t len) {
         Node& slot = m_pItems[i];
         const uint32_t size = s_GetItemSize(slot);
         if (slot.m_nType == ITEM_MSG) {
-            // Bytes that are no message make an empty one.
+            // Undecodable bytes make an empty message.
             const uint32_t length = slot.m_nCount;
             slot.m_nCount = 0;
             if (slot.m_Value.m_pMsg->Decode(data + pos + size - length, length) == NO_MEMORY) {
@@ -412,8 +412,8 @@ int CMsg2::Decode(const char* data, uint32_t len) {
     return taken;
 }
 
-// Decodes everything but the contents of nested messages: these are empty as yet, and the counts of
-// their slots are their lengths. Allocates nothing before all items are known to be there.
+// Decodes everything but the contents of nested messages: these stay empty, and the counts of their
+// slots are their lengths. Allocates nothing before all items are known to be complete.
 int CMsg2::DecodeLevel(const char* data, uint32_t len) {
     Empty();
     uint32_t pos = 0;

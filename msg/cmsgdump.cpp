@@ -11,12 +11,12 @@ namespace {
 const uint32_t TAG_REQUEST_ID = 0xFFFFFFFF;
 const uint32_t TAG_REFERENCE_ID = 0xFFFFFFFE;
 
-// A text that grows within a fixed buffer. What does not fit is cut off.
+// A text that grows within a fixed buffer. What does not fit is truncated.
 class Text {
 public:
     Text(char* buf, size_t size) : m_pEnd(buf), m_nRoom(size) { *buf = '\0'; }
 
-    // Nothing more can be added.
+    // Whether the buffer is full.
     bool IsFull() const { return m_nRoom <= 1; }
 
     // NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format.
@@ -70,7 +70,7 @@ void add_label(Text& text, uint32_t tag, int flags) {
     }
 }
 
-// An array of words or dwords, each with so many digits.
+// An array of words or dwords, each with that many digits.
 template <typename T>
 void add_numbers(Text& text, const T* numbers, unsigned int count, int digits) {
     for (unsigned int i = 0; i < count && !text.IsFull(); ++i) {
