@@ -1,39 +1,21 @@
 #include "tests/e2e/BusPeer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
+
+#include "tests/support/sockets.h"
 
 namespace {
 
 const unsigned short BUS_PORT = 2060;
 const unsigned short REPORT_PORT = 2055;
 
-sockaddr_in Address(const char* ip, unsigned short port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = inet_addr(ip);
-    address.sin_port = htons(port);
-    return address;
-}
-
-int BoundSocket(const char* ip, unsigned short port) {
-    const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = Address(ip, port);
-    if (bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        perror("bind");
-    }
-    return sock;
-}
-
 }  // namespace
 
 BusPeer::BusPeer(const Host& host, const char* address, const char* group)
     : m_host(host), m_address(address), m_listener(-1), m_sender(-1) {
     const Host::Scope on(host);
-    m_listener = BoundSocket(group, REPORT_PORT);
-    m_sender = BoundSocket(address, 0);
+    m_listener = bound_socket(SOCK_DGRAM | SOCK_NONBLOCK, group, REPORT_PORT);
+    m_sender = bound_socket(SOCK_DGRAM | SOCK_NONBLOCK, address, 0);
     const in_addr own = {inet_addr(address)};
     const ip_mreq membership = {{inet_addr(group)}, own};
     setsockopt(m_listener, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
@@ -51,15 +33,13 @@ void BusPeer::Send(const std::string& bytes, const char* to) {
 
 void BusPeer::SendFrom(unsigned short port, const std::string& bytes, const char* to) {
     const Host::Scope on(m_host);
-    const int sock = BoundSocket(m_address, port);
+    const int sock = bound_socket(SOCK_DGRAM, m_address, port);
     SendBy(sock, bytes, to);
     close(sock);
 }
 
 void BusPeer::SendBy(int sock, const std::string& bytes, const char* to) {
-    const sockaddr_in address = Address(to, BUS_PORT);
-    if (sendto(sock, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-               sizeof address) < 0) {
+    if (sendto(sock, bytes.data(), bytes.size(), 0, Place(to, BUS_PORT), Place::SIZE) < 0) {
         perror("sendto");
     }
 }

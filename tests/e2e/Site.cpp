@@ -8,8 +8,6 @@
 
 namespace {
 
-const char* const FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
-
 std::vector<std::string> DaemonCommand() {
     // Empty where nothing emulates. NOLINTNEXTLINE(readability-redundant-string-init)
     const std::string emulator(ORVEX_EMULATOR);
@@ -68,15 +66,6 @@ void Site::StartDaemon(const std::vector<std::string>& options,
     command.insert(command.end(), options.begin(), options.end());
     const Host::Scope on(device);
     daemon = std::make_unique<Process>(command, environment);
-}
-
-bool Site::CanSpeedUp() {
-    return std::string(ORVEX_EMULATOR).empty() && sizeof(long) == 8 && access(FAKETIME, R_OK) == 0;
-}
-
-std::vector<std::string> Site::SpeedUp(int factor) {
-    return {std::string("LD_PRELOAD=") + FAKETIME, "FAKETIME=+0 x" + std::to_string(factor),
-            "ASAN_OPTIONS=verify_asan_link_order=0"};
 }
 
 bool Site::Await(const std::function<bool()>& condition, int limit_ms) {

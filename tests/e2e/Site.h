@@ -44,11 +44,6 @@ protected:
                      const std::vector<std::string>& environment = {},
                      std::vector<std::string> command = {});
 
-    // The environment that makes time run the given number of times faster for the daemon. False:
-    // there is no library for that in this width.
-    static bool CanSpeedUp();
-    static std::vector<std::string> SpeedUp(int factor);
-
     // Serves all peers until the condition holds; false when it doesn't within the limit.
     bool Await(const std::function<bool()>& condition, int limit_ms = 10000);
     bool AwaitHeard(Peer& peer, const std::string& line, long times = 1);

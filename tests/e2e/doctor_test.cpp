@@ -1,15 +1,13 @@
 // orvexctl doctor on the device, against each trouble made for real.
 
-#include <netinet/in.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
-#include "net/InetSocket.h"
 #include "tests/e2e/Site.h"
+#include "tests/support/sockets.h"
 
 namespace {
 
@@ -153,20 +151,14 @@ TEST_F(Doctor, FindsAnInterfaceWithoutAddress) {
 
 TEST_F(Doctor, FindsWhoHasThePort) {
     const Host::Scope on(device);
-    CInetSocket other;
-    ASSERT_EQ(other.Open(false), 0);
-    const int off = 0;
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(2060);
-    ASSERT_EQ(setsockopt(other, SOL_SOCKET, SO_REUSEADDR, &off, sizeof off), 0);
-    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int other = bound_socket(SOCK_DGRAM, "0.0.0.0", 2060);
     StartControl();
     StartDaemon();
     ASSERT_TRUE(AwaitErr("server at port 2060 open failed"));
     ASSERT_TRUE(Await([this] { return !daemon->IsRunning(); }));
     ExpectTroubles({"daemon", "port 2060"}, "not running");
     EXPECT_NE(out.find("process " + std::to_string(getpid())), std::string::npos) << out;
+    close(other);
 }
 
 TEST_F(Doctor, FindsForgottenSubscriptions) {

@@ -1,8 +1,6 @@
 // Floods from all sides, and nothing at all: what they cost, and that the daemon serves at once
 // when they are over.
 
-#include <random>
-
 #include "tests/e2e/Wired.h"
 
 namespace {
@@ -64,23 +62,6 @@ protected:
     long m_cpu = 0;
     long m_descriptors = 0;
 };
-
-TEST_F(Flood, OfMalformedDatagrams) {
-    std::mt19937 random(1);
-    const std::string good =
-        peer->Packet('M', Hex("52454144 0002 0000300D 07 00 0000300C 02 0001 78"));
-    const auto send = [&](int i) {
-        std::string bytes = good;
-        bytes[random() % bytes.size()] ^= static_cast<char>(1 + random() % 255);
-        bytes[7] = static_cast<char>(i);  // a repeat would be dropped unseen
-        bytes.resize(random() % 4 == 0 ? random() % 1400 : bytes.size(), '\x41');
-        peer->Send(bytes, DEVICE_ADDRESS);
-    };
-    Repeat(EVENTS / 10, send);
-    Begin();
-    Repeat(EVENTS, send);
-    ExpectUnharmed(EVENTS);
-}
 
 // The first flood grows the list of senders. The second comes from others, which take the places of
 // the first: those have aged.

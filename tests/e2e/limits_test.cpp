@@ -1,14 +1,13 @@
 // Peers that swallow, vanish, forget or are slow to read, with the settings that help against it,
 // and what surrounds the daemon: its standard streams and the year 2038.
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 
 #include "tests/e2e/Wired.h"
+#include "tests/support/sockets.h"
 
 namespace {
 
@@ -73,13 +72,7 @@ TEST_F(Limits, ASlowReaderIsNotCut) {
     int listener = -1;
     {
         const Host::Scope on(studio);
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        const int small = 2048;
-        setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(93);
-        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        listener = bound_socket(SOCK_STREAM, STUDIO_ADDRESS, 93, SO_RCVBUF, 2048);
         ASSERT_EQ(listen(listener, 1), 0);
     }
     {

@@ -29,10 +29,10 @@ protected:
         StartRemote();
     }
 
-    void StartAll(const std::vector<std::string>& environment = {}) {
+    void StartAll() {
         Configure();
         StartControl();
-        StartDaemon({"-debug"}, environment);
+        StartDaemon({"-debug", "-r", "127.0.0.1:0x5d"});
         AwaitMirrored();
     }
 
@@ -74,64 +74,6 @@ TEST_F(Mirror, FollowsARemoteInput) {
         tqrd.server.Apply(std::string("CFG GPO ") + channel + " SRCA=none");
     }
     EXPECT_TRUE(Await([&] { return remote.server.ClientCount() == 0; }));
-}
-
-TEST_F(Mirror, WaitsForItsControlServer) {
-    if (!CanSpeedUp()) {
-        GTEST_SKIP() << "no libfaketime in this width";
-    }
-    const std::string lost = "Connection to TQRD lost\n";
-    const std::string refused = "tqrcli: connect(127.0.0.1:93) failed err=111\n";
-    Configure();
-    StartDaemon({"-debug", "-r", "127.0.0.1:0x5d"}, SpeedUp(10));
-    ASSERT_TRUE(
-        AwaitErr(refused + "Failed to connect to 127.0.0.1:93\n" + lost + refused + refused));
-    StartControl();
-    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened\n"));
-    AwaitMirrored();
-
-    tqrd.heard.clear();
-    tqrd.server.Close();
-    const size_t before = daemon->Err().size();
-    ASSERT_TRUE(
-        Await([&] { return daemon->Err().find(lost + refused, before) != std::string::npos; }));
-    EXPECT_EQ(remote.server.ClientCount(), 1U) << "the outage leaves the others alone";
-    remote.server.Apply("GPI 3 LLLLL");
-    StartControl();
-    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 LLLLL")) << "what came in the meantime is still there";
-    EXPECT_EQ(tqrd.heard, (Lines{"SET", "CFG GPO", "GPO 4 LLLLL", "GPO 8 LLLLL"}))
-        << "an unchanged configuration sends nothing";
-}
-
-TEST_F(Mirror, ReconnectsToARemoteServerAtTheSweep) {
-    if (!CanSpeedUp()) {
-        GTEST_SKIP() << "no libfaketime in this width";
-    }
-    StartAll(SpeedUp(30));
-    remote.server.SendRaw("GPI 3 LLL");  // closes in the middle of a line
-    remote.server.Close();
-    ASSERT_TRUE(AwaitErr("tqrcli: recv() failed err="));
-    ASSERT_TRUE(AwaitErr("CGPIOClient Failed to connect to 10.77.0.2\n"));
-    tqrd.heard.clear();
-    remote.heard.clear();
-    StartRemote();
-    remote.server.Apply("GPI 3 HHHLL");
-    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 HHHLL"));
-    EXPECT_EQ(remote.connections, 2);
-    EXPECT_EQ(remote.heard, (Lines{"ADD GPI 7", "ADD GPI 3", "ADD GPI 3"}));
-    EXPECT_EQ(tqrd.Count("GPO 4 LLL"), 0);
-    EXPECT_EQ(daemon->Err().find("TQRD"), std::string::npos);
-}
-
-TEST_F(Mirror, StaysWhenItsControlServerVanishesAfterASend) {
-    StartAll();
-    tqrd.server.Close();
-    for (int i = 0; i < 50; ++i) {
-        remote.server.Apply(i % 2 == 0 ? "GPI 3 LHLHL" : "GPI 3 HLHLH");
-        Linger(1);
-    }
-    EXPECT_TRUE(AwaitErr("Connection to TQRD lost\n"));
-    EXPECT_TRUE(daemon->IsRunning());
 }
 
 TEST_F(Site, TellsItsUsage) {

@@ -90,17 +90,6 @@ TEST(Memory, IsProportionalToTheBytesReceived) {
     }
 }
 
-TEST(Memory, IsNotUsedForNumbers) {
-    CMsg2 msg(16, 16);
-    heap.blocks = 0;
-    for (unsigned int i = 0; i < 32; ++i) {
-        EXPECT_TRUE(msg.SetDword(i % 16, i) && msg.SetQword(i % 16, i));
-    }
-    msg.Empty();
-    EXPECT_TRUE(msg.SetByte(99, 1));
-    EXPECT_EQ(heap.blocks, 0u);
-}
-
 // A change that fails leaves the message as it was.
 void expect_all_or_nothing(CMsg2& msg, const std::function<bool()>& change) {
     const std::string before = dump(msg);

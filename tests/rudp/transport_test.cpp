@@ -9,7 +9,6 @@
 #include <cstring>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "msg/Message.h"
@@ -84,101 +83,6 @@ bool open_server(CRUdpLayer2Server& server, RUdpMsg* msg = nullptr) {
 
 Bytes ack(char type, const Bytes& of) {
     return Bytes{'\0', type, '\0', '\7'} + of;
-}
-
-TEST(Transport, RulesOfDelivery) {
-    const struct {
-        int layer, type, payload_version, version;
-        Bytes payload;
-        size_t length;  // the datagram is cut to it
-        char answer;
-        unsigned long error;  // 0: delivered
-    } table[] = {
-        {3, 0, 2, 7, indi, 99, 0, 0},          {3, 'M', 2, 7, indi, 99, 'A', 0},
-        {255, 'R', 2, 7, indi, 99, 'A', 0},    {3, 'A', 2, 7, indi, 99, 'A', 0},
-        {3, 'M', 2, 7, "", 99, 'A', 0},        {2, 'M', 2, 7, indi, 99, 'N', 1001},
-        {0, 0, 9, 6, "x", 99, 'N', 1001},      {3, 'M', 2, 6, indi, 99, 0, 1001},
-        {3, 'M', 3, 7, indi, 99, 'A', 9003},   {3, 'M', 2, 7, indi, 21, 'A', 9008},
-        {3, 0, 2, 7, indi + "x", 99, 0, 9008}, {2, 'M', 2, 7, "", 15, 0, 1001},
-        {0, 'A', 0, 7, "", 8, 0, 1001},        {2, 'M', 2, 7, "", 0, 0, 1001},
-    };
-    CRUdpLayer3Server server;
-    ASSERT_TRUE(open_server(server));
-    for (const auto& row : table) {
-        SCOPED_TRACE(testing::Message() << "row " << &row - table);
-        const Bytes header{static_cast<char>(row.layer), static_cast<char>(row.type),
-                           static_cast<char>(row.payload_version), static_cast<char>(row.version)};
-        const Bytes routing("\x98\x07\x00\x05\x00\x00\x00\x63", 8);
-        const Bytes sent = (header + tid + routing + row.payload).substr(0, row.length);
-        Peer peer;
-        CMessage msg(16, 16);
-        peer.Send(address_of(server.GetSocket()), sent);
-        peer.Send(address_of(server.GetSocket()), sent);
-        for (const unsigned long error : {row.error, 1001ul}) {  // one at a time
-            await(server.GetSocket());
-            EXPECT_EQ(server.WaitForMsg(&msg, 0), error == 0);
-            EXPECT_EQ(server.GetLastError(), error);
-            EXPECT_TRUE(row.answer == 0 || peer.Receive() == ack(row.answer, tid));
-            EXPECT_TRUE(peer.Silent());
-        }
-        if (row.error == 0) {
-            EXPECT_EQ(msg.GetId(), row.payload.empty() ? 0U : 0x494E4449U);
-            EXPECT_EQ(msg.GetHost(), 0x7F000001U);
-            EXPECT_EQ(msg.GetPort(), 0x9807);
-            EXPECT_EQ(msg.GetLockID(), 5);
-            EXPECT_EQ(msg.GetLockTID(), 0x63U);
-            EXPECT_EQ(msg.GetMsgType(), row.type);
-            EXPECT_EQ(msg.GetRel(), row.type != 0);
-        }
-    }
-}
-
-// Each digit of the number, in base 4, is what happens to an attempt: it is lost (0), its
-// acknowledgement is (1), it is acknowledged (2) or refused (3). One that gets no answer is given
-// little time, one that gets an answer all that it may need.
-TEST(Transport, EveryPatternOfLoss) {
-    for (unsigned number = 0; number < 64; ++number) {
-        SCOPED_TRACE(number);
-        const unsigned fates[] = {number % 4, number / 4 % 4, number / 16};
-        unsigned long times[3];
-        std::transform(fates, fates + 3, times,
-                       [](unsigned fate) { return fate < 2 ? 3 : PATIENCE; });
-        Peer front;
-        Peer back;
-        CRUdpLayer3Server server;
-        CRUdpLayer3Client client(0, 0);
-        ASSERT_TRUE(open_server(server));
-        ASSERT_TRUE(client.SetCliOptions(3, 0, false, 0, times, true));
-        ASSERT_TRUE(client.Open(nullptr, nullptr));
-
-        CMessage msg(16, 16);
-        std::thread sender([&] { client.SendMsg(front.Service(), &msg, 'M'); });
-        unsigned long error = 1001;
-        int deliveries = 0;
-        bool arrived = false;
-        for (unsigned i = 0; i < 3 && error == 1001; ++i) {
-            const Bytes attempt = front.Receive();
-            if (fates[i] == 0 || attempt.empty()) {
-                continue;
-            }
-            arrived = true;
-            back.Send(address_of(server.GetSocket()), attempt);
-            await(server.GetSocket());
-            CMessage received(16, 16);
-            deliveries += server.WaitForMsg(&received, 0);
-            Bytes answer = back.Receive();
-            EXPECT_EQ(answer, ack('A', attempt.substr(4, 4)));
-            if (fates[i] != 1) {
-                answer[1] = fates[i] == 2 ? 'A' : 'N';
-                front.Write(&front.m_Sender, answer.data(), 8);
-                error = fates[i] == 2 ? 0 : 1000;
-            }
-        }
-        sender.join();
-        EXPECT_EQ(client.GetLastError(), error);
-        EXPECT_EQ(deliveries, arrived ? 1 : 0);
-        EXPECT_TRUE(front.Silent()) << "more attempts than needed";
-    }
 }
 
 TEST(Transport, WhatAnswersAMessage) {

@@ -5,7 +5,6 @@
 namespace {
 
 timeval now = {1000, 0};
-long readings = 0;
 
 }  // namespace
 
@@ -15,14 +14,9 @@ void Clock::Advance(long seconds, long microseconds) {
     now.tv_usec = sum % 1000000;
 }
 
-long Clock::Readings() {
-    return readings;
-}
-
 // The system's names of the parameters are not for us.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
     *time = now;
-    ++readings;
     return 0;
 }

@@ -5,5 +5,4 @@
 
 struct Clock {
     static void Advance(long seconds, long microseconds);
-    static long Readings();  // how often the time was read
 };

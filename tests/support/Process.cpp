@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 
 namespace {
 
@@ -84,14 +83,6 @@ void Process::Signal(int number) const {
     if (m_running) {
         kill(m_pid, number);
     }
-}
-
-bool Process::IsStopped() const {
-    std::ifstream stat("/proc/" + std::to_string(m_pid) + "/stat");
-    std::string id;
-    std::string name;
-    std::string state;
-    return (stat >> id >> name >> state) && state == "T";
 }
 
 void Process::Type(const std::string& text) const {

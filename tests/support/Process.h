@@ -29,7 +29,6 @@ public:
 
     pid_t Pid() const { return m_pid; }
     void Signal(int number) const;
-    bool IsStopped() const;                    // by SIGSTOP, which takes effect in its own time
     void Type(const std::string& text) const;  // writes to its standard input
 
 private:

@@ -1,10 +1,11 @@
 #include "tests/support/loopback.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/support/sockets.h"
 
 namespace {
 
@@ -17,17 +18,11 @@ bool Readable(int fd, int timeout_ms) {
 
 }  // namespace
 
-LoopbackServer::LoopbackServer(unsigned short port, const char* ip)
-    : m_listener(socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
+LoopbackServer::LoopbackServer(unsigned short port)
+    : m_listener(bound_socket(SOCK_STREAM, "127.0.0.1", port, SO_REUSEADDR, 1)), m_port(0) {
     sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = inet_addr(ip);
-    address.sin_port = htons(port);
-    const int on = 1;
-    setsockopt(m_listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     socklen_t size = sizeof address;
-    if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-        listen(m_listener, 40) == 0 &&
+    if (listen(m_listener, 40) == 0 &&
         getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
         m_port = ntohs(address.sin_port);
     }

@@ -81,12 +81,16 @@ def tshark(*args):
     return done.stdout
 
 
-def read_file(path, *names, options=()):
+def read(capture, *names, options=()):
     """Of every frame, a tuple with the list of the values of each named field. Fails when a plugin
     failed at any of them."""
     fields = [option for name in ("_ws.lua.error", *names) for option in ("-e", name)]
-    text = tshark("-r", path, "-T", "fields", "-E", "separator=/t", "-E", "aggregator=~", *fields,
-                  *options)
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        path = os.path.join(folder, "capture.pcap")
+        capture.write(path)
+        text = tshark("-r", path, "-T", "fields", "-E", "separator=/t", "-E", "aggregator=~",
+                      *fields, *options)
     frames = []
     for line in text.split("\n")[:-1]:
         error, *values = (column.split("~") if column else [] for column in line.split("\t"))
@@ -94,12 +98,3 @@ def read_file(path, *names, options=()):
             raise AssertionError(f"the script failed: {error}")
         frames.append(tuple(values))
     return frames
-
-
-def read(capture, *names, options=()):
-    """The same of a capture that is no file yet."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)
-        path = os.path.join(folder, "capture.pcap")
-        capture.write(path)
-        return read_file(path, *names, options=options)

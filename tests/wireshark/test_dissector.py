@@ -188,6 +188,16 @@ class BusTest(unittest.TestCase):
             found = {name: " ".join(value) for name, value in zip(links, values) if value}
             self.assertEqual(found, expected.get(number, {}), f"frame {number}")
 
+    def test_reads_the_captures_of_the_protocol(self):
+        document = (PLUGINS.parent / "docs/protocol.md").read_text("utf-8")
+        captures = re.findall(r"<!-- capture \w+ -->\n\n((?:\|.*\n)+)", document)
+        got = frames(["orvex.message", "_ws.malformed"], *(
+            bytes.fromhex("".join(re.findall(r"^\| \d+ \| ([^|]+)", rows, re.MULTILINE)))
+            for rows in captures))
+        self.assertEqual([names for names, _ in got],
+                         [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
+        self.assertFalse(any(malformed for _, malformed in got))
+
     def test_any_bytes_are_taken(self):
         capture = Capture()
         numbers = random.Random(1)
@@ -293,6 +303,16 @@ class LineTest(unittest.TestCase):
         options = ["-o", "tcp.desegment_tcp_streams:FALSE"]
         unfinished = read(capture, "orvex_line.expert.unfinished", options=options)
         self.assertEqual(unfinished, [(["1"],), (["1"],)])
+
+    def test_reads_the_captures_of_the_protocol(self):
+        document = (PLUGINS.parent / "docs/protocol.md").read_text("utf-8")
+        captures = re.findall(r"<!-- capture \w+ -->\n\n((?:\|.*\n)+)", document)
+        got = frames(["orvex.message", "_ws.malformed"], *(
+            bytes.fromhex("".join(re.findall(r"^\| \d+ \| ([^|]+)", rows, re.MULTILINE)))
+            for rows in captures))
+        self.assertEqual([names for names, _ in got],
+                         [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
+        self.assertFalse(any(malformed for _, malformed in got))
 
     def test_any_bytes_are_taken(self):
         capture = Capture()

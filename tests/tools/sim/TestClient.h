@@ -1,16 +1,14 @@
 // A client of a server on loopback whose bytes a test sees as they come.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
 #include <functional>
 #include <string>
 
+#include "tests/support/sockets.h"
 #include "tools/base/Descriptor.h"
 
 // Makes turns until the condition holds; false when it does not come true in good time.
@@ -29,14 +27,9 @@ inline bool Await(
 
 class TestClient {
 public:
-    explicit TestClient(uint16_t port) : m_socket(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_connected =
-            connect(m_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
+    explicit TestClient(uint16_t port)
+        : m_socket(socket(AF_INET, SOCK_STREAM, 0)),
+          m_connected(connect(m_socket.Get(), Place("127.0.0.1", port), Place::SIZE) == 0) {}
 
     void Send(const std::string& bytes) const {
         send(m_socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -57,5 +50,5 @@ public:
 
 private:
     Descriptor m_socket;
-    bool m_connected = false;
+    bool m_connected;
 };

@@ -1,0 +1,35 @@
+// Sockets of the tests' own.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+
+// "a.b.c.d" and a port as the system takes them.
+class Place {
+public:
+    Place(const char* ip, unsigned short port) {
+        m_Address.sin_family = AF_INET;
+        m_Address.sin_addr.s_addr = inet_addr(ip);
+        m_Address.sin_port = htons(port);
+    }
+    operator const sockaddr*() const { return reinterpret_cast<const sockaddr*>(&m_Address); }
+
+    static const socklen_t SIZE = sizeof(sockaddr_in);
+
+private:
+    sockaddr_in m_Address = {};
+};
+
+// With options of the level SOL_SOCKET, such as SO_REUSEADDR; says what keeps it from being bound.
+inline int bound_socket(int type, const char* ip, unsigned short port, int option = SO_BROADCAST,
+                        int value = 0) {
+    const int sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    setsockopt(sock, SOL_SOCKET, option, &value, sizeof value);
+    if (bind(sock, Place(ip, port), Place::SIZE) != 0) {
+        perror("bind");
+    }
+    return sock;
+}
