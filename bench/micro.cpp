@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 
+#include "app/protocol.h"
 #include "bench/sockets.h"
 #include "message.pb.h"
 #include "msg/Msg2.h"
@@ -21,10 +22,6 @@
 
 namespace {
 
-const uint32_t ID = 0x494E4449;
-const uint32_t REFERENCE = 0xFFFFFFFE;
-const uint32_t KIND = 0xFFFFFFFD;
-const uint32_t DATA = 0xFFFFFFFC;
 const uint32_t FIRST_PIN = 0x10204;
 const uint64_t DATA_VALUE = 0x0102030405060708;
 const uint32_t OTHER_ITEMS = 3;
@@ -43,21 +40,21 @@ uint32_t pins_of(const benchmark::State& state) {
 
 CMsg2 make_message(uint32_t pins) {
     CMsg2 msg(pins + OTHER_ITEMS, 16);
-    msg.SetId(ID);
-    msg.SetDword(REFERENCE, 7);
+    msg.SetId(ID_REPORT);
+    msg.SetDword(TAG_REFERS_TO, 7);
     for (uint32_t i = 0; i < pins; ++i) {
         msg.SetByte(FIRST_PIN + i, 1);
     }
-    msg.SetByte(KIND, 2);
-    msg.SetQword(DATA, DATA_VALUE);
+    msg.SetByte(TAG_REPLY_KIND, 2);
+    msg.SetQword(TAG_REQUEST_DATA, DATA_VALUE);
     return msg;
 }
 
 void fill_message(bench::Message& msg, uint32_t pins) {
     msg.Clear();
-    msg.set_id(ID);
+    msg.set_id(ID_REPORT);
     bench::Item* item = msg.add_items();
-    item->set_tag(REFERENCE);
+    item->set_tag(TAG_REFERS_TO);
     item->set_dword(7);
     for (uint32_t i = 0; i < pins; ++i) {
         item = msg.add_items();
@@ -65,27 +62,27 @@ void fill_message(bench::Message& msg, uint32_t pins) {
         item->set_byte(1);
     }
     item = msg.add_items();
-    item->set_tag(KIND);
+    item->set_tag(TAG_REPLY_KIND);
     item->set_byte(2);
     item = msg.add_items();
-    item->set_tag(DATA);
+    item->set_tag(TAG_REQUEST_DATA);
     item->set_qword(DATA_VALUE);
 }
 
 // An array of the identifier and a map from tags to values.
 void pack_message(msgpack_packer& packer, uint32_t pins) {
     msgpack_pack_array(&packer, 2);
-    msgpack_pack_fix_uint32(&packer, ID);
+    msgpack_pack_fix_uint32(&packer, ID_REPORT);
     msgpack_pack_map(&packer, pins + OTHER_ITEMS);
-    msgpack_pack_fix_uint32(&packer, REFERENCE);
+    msgpack_pack_fix_uint32(&packer, TAG_REFERS_TO);
     msgpack_pack_fix_uint32(&packer, 7);
     for (uint32_t i = 0; i < pins; ++i) {
         msgpack_pack_fix_uint32(&packer, FIRST_PIN + i);
         msgpack_pack_uint8(&packer, 1);
     }
-    msgpack_pack_fix_uint32(&packer, KIND);
+    msgpack_pack_fix_uint32(&packer, TAG_REPLY_KIND);
     msgpack_pack_uint8(&packer, 2);
-    msgpack_pack_fix_uint32(&packer, DATA);
+    msgpack_pack_fix_uint32(&packer, TAG_REQUEST_DATA);
     msgpack_pack_fix_uint64(&packer, DATA_VALUE);
 }
 
@@ -138,7 +135,7 @@ void decode_orvex(benchmark::State& state) {
         benchmark::DoNotOptimize(msg.SetData(encoded, size));
         benchmark::ClobberMemory();
     }
-    if (msg.GetQword(DATA) != DATA_VALUE) {
+    if (msg.GetQword(TAG_REQUEST_DATA) != DATA_VALUE) {
         state.SkipWithError("wrong message");
     }
 }

@@ -18,8 +18,8 @@ bool Readable(int fd, int timeout_ms) {
 
 }  // namespace
 
-LoopbackServer::LoopbackServer(unsigned short port)
-    : m_listener(bound_socket(SOCK_STREAM, "127.0.0.1", port, SO_REUSEADDR, 1)), m_port(0) {
+LoopbackServer::LoopbackServer(unsigned short port, const char* ip)
+    : m_listener(bound_socket(SOCK_STREAM, ip, port, SO_REUSEADDR, 1)), m_port(0) {
     sockaddr_in address = {};
     socklen_t size = sizeof address;
     if (listen(m_listener, 40) == 0 &&

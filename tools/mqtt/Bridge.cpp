@@ -14,6 +14,7 @@ namespace {
 
 const double SIGN_EVERY = 0.5;  // seconds
 const double SIGN_TIME = 10;    // without one of its own that comes back, a connection is given up
+const double COMPLAIN_EVERY = 5;
 const size_t MOST_UNACKNOWLEDGED = 20;
 const double REST_PAUSE = 0.001;  // seconds
 // In one turn of the loop: a state and an event for each message that PinBook takes in one, so that
@@ -275,9 +276,11 @@ void Bridge::FollowPhase() {
         }
         m_tell("site " + m_config.site + " is online");
     }
-    if (m_pins.Dropped() != m_dropped) {
+    if (m_pins.Dropped() != m_dropped && Now() >= m_next_complaint) {
+        m_next_complaint = After(COMPLAIN_EVERY);
+        m_tell("the broker is too slow: " + std::to_string(m_pins.Dropped() - m_dropped) +
+               " events were dropped");
         m_dropped = m_pins.Dropped();
-        m_tell("the broker is too slow: events were dropped");
     }
 }
 

@@ -69,8 +69,9 @@ private:
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
-    std::string m_note;  // the last one of the bus
-    uint64_t m_dropped = 0;
+    std::string m_note;      // the last one of the bus
+    uint64_t m_dropped = 0;  // events, as far as told
+    TimePoint m_next_complaint{};
     bool m_has_more = false;
     std::set<uint32_t> m_unannounced;                  // pins that hubs are to be told of
     std::set<uint32_t> m_levels;                       // pins whose topic of the level is due

@@ -147,6 +147,9 @@ std::string Broker::Text(int error) const {
     if (error == MOSQ_ERR_ERRNO) {
         return ErrorText(errno);
     }
+    if (error == MOSQ_ERR_KEEPALIVE) {  // the library has no text for it
+        return "it does not answer";
+    }
     const std::string text = mosquitto_strerror(error);
     return m_last_error.empty() ? text : text + " (" + m_last_error + ")";
 }

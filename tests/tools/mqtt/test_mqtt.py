@@ -1,7 +1,7 @@
 """Joins two sites by a real broker, and takes away what they need; in the world of world.sh.
 
 Usage: world.sh BUILD test_mqtt.py BUILD [TEST]...
-BROKER_RESTARTS and HOSTILE say how often (10) and how much (20000).
+BROKER_RESTARTS, HOSTILE and CUT say how often (10), how much (20000) and for how long (12 s).
 """
 
 import json
@@ -18,6 +18,7 @@ import unittest
 BUILD = sys.argv.pop(1)
 RUN = pathlib.Path("/run")
 PLAIN = "listener 1883\nallow_anonymous true\n"
+CUT = int(os.environ.get("CUT", "12"))
 LINK = "link studio:1:2:in1 -> tower:7:4:out1 on-loss H 2"
 
 
@@ -63,6 +64,8 @@ class MqttTest(unittest.TestCase):
     def setUp(self):
         self.processes = {}
         contact("H")
+        run("tower", f"{BUILD}/tools/ctl/orvexctl", "set", "-i", "eth0",
+            *(f"7:4:out{pin}=H" for pin in range(1, 6)))
         self.addCleanup(self.end)
 
     def end(self):
@@ -210,10 +213,27 @@ class MqttTest(unittest.TestCase):
                  lambda: run("studio", "ip", "link", "set", "bus", "up")),
                 ("broker", lambda: kill(self.processes["broker"]), self.broker)]:
             with self.subTest(what):
+                end = time.monotonic() + (CUT if "cable" in what else 0)
                 lose()
                 self.lamp("H", 6)
+                run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out4", "-q", "1", "-m", "L")
+                time.sleep(max(end - time.monotonic(), 0))
+                before = level_of("7:4:out4")
                 restore()
-                self.lamp("L", 25)
+                self.lamp("L", 15)
+                self.assertEqual(level_of("7:4:out4"), before)
+                run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out4", "-m", "H")
+
+    def test_far_bridge_is_killed(self):
+        self.lit("link studio:1:2:in3 -> tower:7:4:out3 pulse 7000")
+        kill(self.processes["tower"])
+        time.sleep(3)
+        self.assertEqual(level_of(), "L")  # nobody is there to put it out
+        contact("L", pin=3)  # which opens the first one
+        self.bridge("tower", "link studio:1:2:in3 -> tower:7:4:out3 pulse 7000")
+        self.lamp("H", 5)
+        self.says("is online", key="tower")
+        self.assertEqual(level_of("7:4:out3"), "H")  # pulses are not made up for
 
     def test_end_and_keep(self):
         self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss keep")
@@ -245,6 +265,28 @@ class MqttTest(unittest.TestCase):
         self.processes["studio"].send_signal(signal.SIGCONT)
         self.says("datagrams were lost, all pins are asked")
         self.lamp("L")
+
+    def test_broker_too_slow(self):
+        self.both()
+        broker, bridge = self.processes["broker"], self.processes["studio"]
+        bridge.send_signal(signal.SIGSTOP)
+        answer = start("hub", "mosquitto_rr", "-V", "5", "-t", "orvex/studio/set/1/2/out2", "-e",
+                       "reply/slow", "-m", "L", "-W", "20", log="answer")
+        time.sleep(0.3)
+        broker.send_signal(signal.SIGSTOP)
+        bridge.send_signal(signal.SIGCONT)
+        (RUN / "flood").write_text("".join(
+            f'{{"pin":"3:{i % 200}:in1","level":"{"LH"[i // 200 % 2]}","kind":"report"}}\n'
+            for i in range(20200)), "ascii")
+        for _ in range(3):
+            run("studio", f"{BUILD}/tools/ctl/orvexctl", "send", "-i", "eth0", "/run/flood")
+        self.says("events were dropped", 3)
+        contact("L")
+        broker.send_signal(signal.SIGCONT)
+        self.until(lambda: retained("orvex/studio/pin/3/199/in1/level") == "L", 5, "an old state")
+        self.lamp("L", 5)
+        self.assertEqual(answer.wait(10), 0)
+        self.assertIn('"result":"done"', (RUN / "answer").read_text("utf-8"))
 
     def test_loop_over_files(self):
         self.broker()
@@ -280,13 +322,25 @@ class MqttTest(unittest.TestCase):
     def test_hostile(self):
         self.both()
         source = random.Random(14)
-        count = int(os.environ.get("HOSTILE", "20000"))
-        for topic in ("studio/set/1/2/out2", "studio/set/" + "x/" * 90, "studio/set/", "studio/alive",
-                      "tower/status", "studio/pin/1/2/in1", "studio/set/1/2/out99999999999999999"):
-            lines = b"".join(source.choice([b'{"level":', b"L,", b"[" * 90, b"", b'{"level":"L","via":['])
-                             + source.randbytes(source.randrange(120)).replace(b"\n", b"") + b"\n"
-                             for _ in range(count // 7))
-            run("hub", "mosquitto_pub", "-V", "5", "-t", f"orvex/{topic}", "-l", data=lines)
+        levels = ["1", "2", "7", "4", "in1", "out1", "out99999999999999999999", "-1", "0x102", "", "%n", "level",
+                  "\u202e", "x" * 300]
+        starts = [b'{"level":', b"L,", b"[" * 90, b"", b'{"level":"L","via":["', b"H"]
+
+        def field(data):
+            return len(data).to_bytes(2, "big") + data
+
+        def packet(kind, data):
+            return bytes([kind, len(data) & 0x7F | 0x80, len(data) >> 7]) + data
+        packets = [packet(0x10, field(b"MQTT") + b"\x04\x02\x00\x3c" + field(b"evil"))]
+        for _ in range(int(os.environ.get("HOSTILE", "20000"))):
+            topic = "/".join(["orvex", source.choice(["studio", "tower"]),
+                              source.choice(["set", "set", "pin", "alive", "status", "device", "event"]),
+                              *source.choices(levels, k=source.randrange(8))])
+            packets.append(packet(0x30 + source.randrange(2), field(topic.encode())
+                                  + source.choice(starts) + source.randbytes(source.randrange(120))))
+        packets.append(packet(0x31, field(b"end") + b"all was taken"))
+        run("hub", "bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/1883; cat >&3; sleep 1", data=b"".join(packets))
+        self.until(lambda: retained("end") == "all was taken", 20, "not all was taken")
         self.until(lambda: ask("studio/set/1/2/out2", "H").get("result") == "done", 20, "no answer")
         self.assertIsNone(self.processes["studio"].poll())
         self.assertIsNone(self.processes["tower"].poll())
@@ -308,13 +362,19 @@ class MqttTest(unittest.TestCase):
         time.sleep(1)
         (RUN / "secret").write_text("pass word\n", "ascii")
         subprocess.run(["mosquitto_passwd", "-b", "-c", "users", "joe", "pass word"], check=True, cwd=RUN)
-        for name in "good", "wrong", "expired", "stranger":
-            with self.subTest(name):
+        asks = "require_certificate true\ncafile /run/ca.crt\n"
+        for name, client, extra, said in [
+                ("good", "", "", "is online"), ("wrong", "", "", "certificate"),
+                ("expired", "", "", "certificate"), ("stranger", "", "", "certificate"),
+                ("good", "", asks, "no connection"), ("good", "stranger", asks, "no connection"),
+                ("good", "good", asks, "is online")]:
+            with self.subTest(name=name, client=client, extra=extra):
                 self.broker(f"listener 8883\nuser root\npassword_file /run/users\ncertfile /run/{name}.crt\n"
-                            f"keyfile /run/{name}.key\n")
-                self.bridge("studio", "tls yes", "ca ca.crt", "user joe", "password-file secret")
-                self.says("is online" if name == "good" else "certificate")
-                if name != "good":
+                            f"keyfile /run/{name}.key\n{extra}")
+                own = [f"certificate {client}.crt", f"key {client}.key"] if client else []
+                self.bridge("studio", "tls yes", "ca ca.crt", "user joe", "password-file secret", *own)
+                self.says(said)
+                if said != "is online":
                     self.assertNotIn("connected", (RUN / "studio.mqtt").read_text("utf-8"))
                 self.end()
 
