@@ -5,7 +5,7 @@
 
 #include <utility>
 
-// Closes the descriptor it owns when it ends. Moved, not copied.
+// Closes the descriptor in its destructor. Moved, not copied.
 class Descriptor {
 public:
     explicit Descriptor(int fd = -1) : m_fd(fd) {}

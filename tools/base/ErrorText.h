@@ -1,4 +1,4 @@
-// What the system says about an error number.
+// The system's texts for error numbers.
 #pragma once
 
 #include <string>

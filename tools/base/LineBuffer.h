@@ -1,11 +1,11 @@
-// From a stream of bytes to text lines, and from any bytes to text that a terminal can show.
+// Splits a stream of bytes into text lines, and makes any bytes printable.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-// Cuts a stream of bytes into lines. A line ends with CR, LF or a run of them; empty lines are
-// skipped. Holds no more than one line of MAX_LINE characters and what was appended last.
+// Splits a stream of bytes into lines. A line ends with CR, LF or a run of them; empty lines are
+// skipped. Holds at most one line of MAX_LINE characters and what was appended last.
 class LineBuffer {
 public:
     static constexpr size_t MAX_LINE = 4096;
@@ -14,12 +14,11 @@ public:
 
     void Append(const char* data, size_t size);
 
-    // Takes the next complete line, without its end, into line. Overlong means that the next line
-    // has more than MAX_LINE characters, whether or not its end is there: the buffer is of no use
-    // any more until it is cleared.
+    // Moves the next complete line, without its end, to line. Overlong means that the next line has
+    // more than MAX_LINE characters, complete or not: clear the buffer then.
     Result Next(std::string& line);
 
-    // Forgets what it holds and returns it.
+    // Empties the buffer and returns its content.
     std::string Clear();
 
 private:
@@ -27,5 +26,5 @@ private:
     size_t m_read = 0;  // where the next line begins
 };
 
-// The text with every control character as \xNN. Longer texts are cut and end with "...".
+// The text with every control character as \xNN. Longer texts are truncated and end with "...".
 std::string Printable(const std::string& text);

@@ -6,19 +6,19 @@
 
 #include "tools/base/Descriptor.h"
 
-// Takes SIGINT and SIGTERM, and further signals that are named: from here on they do nothing but
-// make the descriptor readable. Make one, before any thread starts; they stay blocked when it ends,
-// and in children until these unblock them.
+// Catches SIGINT, SIGTERM and further given signals: from then on they only make the descriptor
+// readable. Create one before any thread starts. The signals stay blocked after its end, and in
+// children until these unblock them.
 class Signals {
 public:
-    // Throws std::system_error when the system refuses.
+    // Throws std::system_error on failure.
     explicit Signals(std::initializer_list<int> others = {});
 
-    // For poll() or select(): readable while a signal waits.
+    // For poll() or select(): readable while a signal is pending.
     int Get() const { return m_descriptor.Get(); }
 
-    // The number of a signal that has come; none when none has. Never waits. Signals of one kind
-    // that come before they are taken count once.
+    // The number of a pending signal, if any. Never waits. Several signals of one kind that arrive
+    // before this call count once.
     std::optional<int> Take();
 
 private:

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-// The text is a whole reason for people: "not sent: Network is unreachable".
+// The text is a complete reason for people: "not sent: Network is unreachable".
 class BusError : public std::runtime_error {
 public:
     enum class Kind { Failed, NoAcknowledgement };

@@ -15,9 +15,9 @@
 
 namespace {
 
-const double LOOK_EVERY = 1;    // seconds between two looks at the interface
+const double LOOK_EVERY = 1;    // seconds between two checks of the interface
 const int MOST_AT_A_TIME = 64;  // datagrams that one call reads
-const int ROOM = 4 << 20;       // bytes: some seconds of a bus that is busy
+const int ROOM = 4 << 20;       // bytes: some seconds of a busy bus
 
 std::string SecondsText(double seconds) {
     char text[32];
@@ -43,7 +43,7 @@ std::string SecondsText(double seconds) {
     throw BusError("not sent: " + ErrorText(err));
 }
 
-// By the interface's number: its address may be gone, or on another one.
+// By the interface's number: its address may be gone, or moved to another one.
 void LeaveGroup(int sock, uint32_t group, unsigned int index) {
     ip_mreqn request = {};
     request.imr_multiaddr.s_addr = htonl(group);
@@ -51,7 +51,7 @@ void LeaveGroup(int sock, uint32_t group, unsigned int index) {
     setsockopt(sock, IPPROTO_IP, IP_DROP_MEMBERSHIP, &request, sizeof request);
 }
 
-// Whether two looks found the same interface, as far as the sockets have to do with it.
+// Whether two checks found the same interface, as far as it matters to the sockets.
 bool IsSame(const Interface& a, const Interface& b) {
     return a.index == b.index && a.address == b.address;
 }
@@ -79,7 +79,7 @@ BusLink::BusLink(const BusSettings& settings)
                            false);
 }
 
-// Without an interface that was named, the system's routes choose at every message.
+// Without a named interface, the system's routes decide for each message.
 void BusLink::OpenClient() {
     const std::string address = HostText(ntohl(m_interface.address));
     if (!m_client.Open(m_settings.iface.empty() ? nullptr : address.c_str(), nullptr)) {
@@ -90,10 +90,10 @@ void BusLink::OpenClient() {
 void BusLink::Listen(Hear what) {
     OpenServer(m_reports, m_settings.listen_port, nullptr);
     if (what == Hear::ReportsAndRequests && m_settings.send_port != m_settings.listen_port) {
-        // Bound to the group: what is sent to this host's own address is for a daemon on it.
+        // Bound to the group: datagrams to this host's own address are for a daemon on it.
         OpenServer(m_requests, m_settings.send_port, HostText(m_settings.group).c_str());
     }
-    // Of a loopback that the routes choose, the system does not tell.
+    // If the routes choose the loopback interface, the system reports no changes of it.
     m_look = m_interface.index != 0 ? After(LOOK_EVERY) : TimePoint::max();
     m_up = m_interface.IsUsable();
 }
@@ -167,9 +167,9 @@ bool BusLink::Take(Traffic& traffic) {
     return false;
 }
 
-// Reads one datagram. False when it was no message for us.
+// Reads one datagram. False if it contained no message for us.
 bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic) {
-    traffic.message.SetId(0);  // a packet without a payload is delivered and names none
+    traffic.message.SetId(0);  // a packet without a payload is delivered and has no identifier
     if (!server.WaitForMsg(&traffic.message, 0)) {
         const unsigned long code = server.GetLastError();
         if (code == CRUdpLayer3Server::READ_FAILED) {
@@ -203,7 +203,7 @@ std::optional<BusLink::Change> BusLink::Tend() {
     return Change{true, found.name + (was_up ? " changed" : " is up again")};
 }
 
-// False when that did not work yet.
+// False if that was not possible yet.
 bool BusLink::Rejoin(const Interface& found) {
     const Interface before = std::exchange(m_interface, found);
     try {
@@ -222,7 +222,7 @@ bool BusLink::Rejoin(const Interface& found) {
     }
 }
 
-// Of an interface that the routes chose, its name tells more than that the route is gone.
+// If the routes chose the interface, its name is more helpful than that the route is gone.
 std::string BusLink::DownText(const Interface& found) const {
     const Interface now =
         m_settings.iface.empty() ? FindInterface(m_interface.name, m_settings.group) : found;

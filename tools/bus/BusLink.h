@@ -7,7 +7,7 @@
 //     link.Send(question, BUS_PORT, false);
 //     while (link.Wait(traffic, deadline) == BusLink::Event::Heard) { ... }
 //
-// One with a loop (select(), poll(), asio) waits until one of Descriptors() is readable or
+// A program with a loop (select(), poll(), asio) waits until one of Descriptors() is readable or
 // NextTime() has come, then calls Take() until it returns false, and Tend(). Neither of them waits.
 #pragma once
 
@@ -27,28 +27,28 @@
 
 // Addresses in host byte order.
 struct BusSettings {
-    std::string iface;  // name or address; empty: as the system routes the group
+    std::string iface;  // name or address; empty: the one to which the system routes the group
     uint32_t group = DEFAULT_GROUP;
     std::optional<uint32_t> to;  // send to this host instead of the group
     uint16_t send_port = BUS_PORT;
     uint16_t listen_port = REPORT_PORT;
     double wait = 1;  // seconds, for acknowledgements and answers
 
-    // Is told what goes on, for whoever looks for a fault. May be empty.
+    // Receives progress messages, for fault finding. May be empty.
     std::function<void(const std::string&)> trace;
 };
 
 // Failures are thrown as BusError. For one thread.
 class BusLink {
 public:
-    // What is listened to. Requests are the writes and reads of others, as far as they go to the
-    // group: what is sent to one device's own address is heard by that device alone. This program's
-    // own requests to the group are heard too, from this host's address.
+    // What to listen to. Requests are the writes and reads of others to the group: only the device
+    // itself hears what is sent to its own address. This program's own requests to the group are
+    // heard too, from this host's address.
     enum class Hear { Reports, ReportsAndRequests };
 
     enum class Event { Heard, Changed, Other, TimedOut };
 
-    // The interface went down or came up, with a text that says so: "eth0 is down".
+    // The interface went down or came up, with a text such as "eth0 is down".
     struct Change {
         bool up;
         std::string text;
@@ -59,37 +59,36 @@ public:
     BusLink(const BusLink&) = delete;
     BusLink& operator=(const BusLink&) = delete;
 
-    // Opens the receiving end too: joins the group. The ports are shared with other listeners of
-    // this host. Reports that ask for acknowledgement are acknowledged; requests never are, they
-    // are the devices' to answer.
+    // Opens the receiving end too: joins the group. Other listeners of this host can share the
+    // ports. Reports that ask for acknowledgement are acknowledged; requests are not, because
+    // devices do that.
     void Listen(Hear what);
 
     // Sends to the group, or to the one host, at that port. A reliable message is repeated until it
-    // is acknowledged, which blocks for as long as the settings wait; of a group, the first
-    // acknowledgement counts. Others are handed to the system, and nobody knows what becomes of
-    // them.
+    // is acknowledged, which blocks up to the settings' waiting time; from a group, the first
+    // acknowledgement counts. Others are passed to the system, and may get lost.
     void Send(const CMessage& message, uint16_t port, bool reliable);
 
     // The sockets that Listen() opened; they stay the same.
     std::vector<int> Descriptors() const;
 
-    // Takes a message that has come. False when there is none. Passes over what is no message, but
-    // only so much at a time that a flood of it can't keep the caller.
+    // Takes a message that has arrived. False if there is none. Skips packets without a message,
+    // but only so many at a time that a flood of them can't hold the caller.
     bool Take(Traffic& traffic);
 
-    // How many datagrams were lost because nobody took those before them in time. The system keeps
+    // How many datagrams were lost because earlier ones were not taken in time. The system buffers
     // as many as net.core.rmem_max allows.
     uint64_t Lost() const;
 
-    // When Tend() has something to do next.
+    // When Tend() has to be called next.
     TimePoint NextTime() const { return m_look; }
 
-    // Looks after the interface: when it is back after it was down, gone or without an address, the
-    // group is joined again. Returns what changed since the last call.
+    // Watches the interface: when it is back after it was down, gone or without an address, joins
+    // the group again. Returns what changed since the last call.
     std::optional<Change> Tend();
 
-    // The next message, a change of the interface, or until the deadline. Also ends when the other
-    // descriptor is readable, such as that of Signals.
+    // Waits for the next message or a change of the interface until the deadline. Also returns when
+    // the other descriptor is readable, such as that of Signals.
     Event Wait(Traffic& traffic, TimePoint deadline, int other = -1);
 
     // What changed when Wait() last returned Changed.
@@ -118,7 +117,7 @@ private:
     CRUdpLayer3Server m_reports;
     Overhearer m_requests;
     bool m_up = true;
-    bool m_turn = false;  // which socket Take() looks at first
+    bool m_turn = false;  // which socket Take() checks first
     Change m_change{true, {}};
     TimePoint m_look = TimePoint::max();
 };

@@ -10,7 +10,7 @@ unsigned int ByteAt(const std::string& bytes, size_t pos) {
     return pos < bytes.size() ? static_cast<unsigned char>(bytes[pos]) : 0;
 }
 
-// The length of the UTF-8 character at pos, 0 when there is none.
+// The length of the UTF-8 character at pos; 0 if there is none.
 size_t CharacterLength(const std::string& bytes, size_t pos) {
     const unsigned int first = ByteAt(bytes, pos);
     if (first < 0x80) {
@@ -25,7 +25,8 @@ size_t CharacterLength(const std::string& bytes, size_t pos) {
         }
         character = character << 6 | (next & 0x3F);
     }
-    // No first byte below C0 or above F7; the shortest form; no surrogates; Unicode's end.
+    // No first byte below C0 or above F7; only the shortest form; no surrogates; up to Unicode's
+    // end.
     static const uint32_t SHORTEST[] = {0, 0, 0x80, 0x800, 0x10000};
     const bool valid = first >= 0xC0 && first < 0xF8 && character >= SHORTEST[length] &&
                        (character < 0xD800 || character > 0xDFFF) && character <= 0x10FFFF;

@@ -1,4 +1,4 @@
-// Bytes from a peer as a text that may be shown.
+// Bytes from a peer as printable text.
 #pragma once
 
 #include <string>
@@ -6,6 +6,5 @@
 // Bytes that are not UTF-8 become \xNN, and a backslash becomes two. The result is valid UTF-8.
 std::string EscapeBytes(const std::string& bytes);
 
-// The bytes that EscapeBytes was given. A backslash that begins none of its escapes is taken as it
-// is.
+// The bytes that were passed to EscapeBytes. A backslash that begins no escape is taken literally.
 std::string UnescapeBytes(const std::string& text);

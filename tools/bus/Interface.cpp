@@ -21,7 +21,7 @@ uint32_t AddressOf(const ifaddrs& entry) {
     return address.sin_addr.s_addr;
 }
 
-// The address that datagrams to the group would leave from; 0 without a route.
+// The source address of datagrams to the group; 0 without a route.
 uint32_t RouteTo(uint32_t group) {
     const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address = {};
@@ -36,7 +36,7 @@ uint32_t RouteTo(uint32_t group) {
     return address.sin_addr.s_addr;
 }
 
-// By its address, or when that is 0 by its name.
+// By address, or if that is 0 by name.
 Interface Find(const std::string& name, uint32_t address) {
     Interface found;
     ifaddrs* all = nullptr;

@@ -1,10 +1,10 @@
-// The network interface that the bus is on.
+// The network interface of the bus.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-// An interface as it is at the moment. Default: there is none.
+// The current state of an interface. Default: there is none.
 struct Interface {
     std::string name;
     unsigned int index = 0;  // 0: there is no such interface
@@ -14,8 +14,8 @@ struct Interface {
     bool IsUsable() const { return up && address != 0; }
 };
 
-// Looks an interface up by its name or one of its addresses, a dotted quad. With an empty text,
-// the one that the system's routes choose for the group (host byte order).
+// Finds an interface by its name or one of its addresses, a dotted quad. With an empty text, the
+// one to which the system routes the group (host byte order).
 Interface FindInterface(const std::string& text, uint32_t group);
 
 // "10.0.0.1" for an address in host byte order.

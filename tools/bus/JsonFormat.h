@@ -1,4 +1,4 @@
-// What writing and reading the JSON form share.
+// Shared by writing and reading of the JSON form.
 #pragma once
 
 #include <cstdint>
@@ -15,12 +15,12 @@ const char* const TYPE_NAMES[] = {nullptr,  "dword",   "string", "bytes", "words
                                   "dwords", "message", "byte",   "word",  "qword"};
 const int TYPE_NAME_COUNT = 10;
 
-// Levels of nested messages that are written out and read.
+// Levels of nested messages that are written and read.
 const int MAX_DEPTH = 32;
 
-// As one line, all characters that are not printable ASCII escaped: safe on any terminal. No text
-// makes this throw.
+// As one line, with everything but printable ASCII escaped: safe on any terminal. No text makes
+// this throw.
 std::string Dump(const Json& json);
 
-// Adds "name" and "text" of a pin that has them.
+// Adds "name" and "text" if the pin has them.
 void PutNames(Json& json, uint32_t tag, const Names& names);

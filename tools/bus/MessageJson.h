@@ -1,4 +1,4 @@
-// Messages as JSON, one object a line:
+// Messages as JSON, one object per line:
 //
 //   {"time":1714564800.25,"host":"10.77.0.1","port":2055,"reliable":false,"id":"INDI","items":[
 //     {"tag":66061,"type":"byte","value":1,"pin":"1:2:in1","name":"studio1.door","level":"L"}]}
@@ -8,7 +8,7 @@
 //   port      UDP port that the message was sent to
 //   reliable  whether it asked for acknowledgement
 //   id        four printable characters, or "0x" and eight digits
-//   items     in their order; tag and value as they travel
+//   items     in their order; tag and value as transmitted
 //
 //   type of an item                  value
 //   byte, word, dword, qword         a number
@@ -20,11 +20,11 @@
 //   a number (the code of a type     the item's count
 //   that isn't known)
 //
-// Items of the known identifiers that name a pin have a "pin", its "name" and "text" when it has
-// them, with a byte a "level" (L or H) and, in writes, a "duration" (ms, when there is one) as
-// well. They say what tag and value say.
+// Items of known identifiers that are pins also have a "pin", its "name" and "text" if it has them,
+// for a byte a "level" (L or H) and, in writes, a "duration" (ms, if there is one). These fields
+// restate tag and value.
 //
-// What is not ASCII, or a control character, is escaped: a line is safe on any terminal.
+// All characters but printable ASCII are escaped: a line is safe on any terminal.
 #pragma once
 
 #include <string>
@@ -35,17 +35,17 @@
 // The line without its end.
 std::string ToJson(const Traffic& traffic, const Names& names = Names());
 
-// Takes all but the host from a line; message.GetRel() is "reliable". Only "id" and "items" must be
-// there. A "pin", or its name, may stand in for a "tag", and "id" may be a number. Without "time"
-// it is 0. An item of type 0 is read but can't be sent.
+// Reads everything but the host from a line; message.GetRel() is "reliable". Only "id" and "items"
+// are required. A "pin", or its name, may replace a "tag", and "id" may be a number. Without "time"
+// the time is 0. An item of type 0 is read but can't be sent.
 //
-// Also takes the objects of PinJson.h, and others with a "pin" and a "level": a "kind" of report or
-// reply makes a report, to that port; all else makes a write. False, with nothing to be sent, for
-// what says nothing about a pin that can be set: an "event", a level of null, an input without a
+// Also accepts the objects of PinJson.h, and others with a "pin" and a "level": with a "kind" of
+// report or reply they become a report, to that port; otherwise a write. False, with nothing to
+// send, for objects about no pin that can be set: an "event", a level of null, an input without a
 // kind. Throws std::invalid_argument with the reason.
 bool FromJson(const std::string& line, Traffic& traffic, const Names& names = Names());
 
-// The parts that texts for people share.
+// Parts shared with texts for people.
 std::string IdText(uint32_t id);
 std::string TypeText(const CMsg2::Node& item);
 std::string ValueText(const CMsg2::Node& item);

@@ -1,5 +1,5 @@
-// Messages from their JSON form. They are encoded as they travel and decoded from that: the setters
-// of CMsg2 know neither unknown types nor two items with one tag.
+// Messages from their JSON form. They are encoded and then decoded, because the setters of CMsg2
+// support neither unknown types nor two items with one tag.
 
 #include <cmath>
 #include <stdexcept>
@@ -192,7 +192,7 @@ void ReadEnvelope(const Json& json, Traffic& traffic) {
     }
 }
 
-// An object about one pin, without items. False when there is nothing to send.
+// An object about one pin, without items. False if there is nothing to send.
 bool ReadPin(const Json& json, Traffic& traffic, const Names& names) {
     const uint32_t tag = TagOf(json, names);
     const std::string kind = json.contains("kind") ? Text(json["kind"], "\"kind\"") : "";

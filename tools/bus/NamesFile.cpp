@@ -1,4 +1,4 @@
-// Names from their file.
+// Reads names from their file.
 
 #include <algorithm>
 #include <cctype>
@@ -30,7 +30,7 @@ bool IsNameCharacter(char c) {
            c == '-';
 }
 
-// Nothing that a terminal would act on: UTF-8 without control characters, those of C1 included.
+// UTF-8 without control characters, including those of C1: nothing that a terminal would act on.
 void CheckText(const std::string& text) {
     for (size_t i = 0; i < text.size(); ++i) {
         const auto c = static_cast<unsigned char>(text[i]);
@@ -44,7 +44,7 @@ void CheckText(const std::string& text) {
     }
 }
 
-// Cuts a line into its words.
+// Splits a line into words.
 class LineReader {
 public:
     explicit LineReader(const std::string& line) : m_line(line) { SkipBlanks(); }
@@ -101,7 +101,7 @@ void CheckName(const std::string& name) {
     CheckText(name);
 }
 
-// None when the line has no name.
+// None if the line has no name.
 std::optional<Names::Entry> ParseLine(const std::string& line) {
     LineReader words(line);
     if (words.IsAtEnd()) {

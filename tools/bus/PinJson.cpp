@@ -10,7 +10,7 @@ Json LevelValue(std::optional<Level> level) {
     return level ? Json(LevelLetter(*level)) : Json();
 }
 
-// What every object begins with.
+// The first fields of every object.
 Json Head(double time, uint32_t host, uint32_t tag, const Names& names) {
     Json json;
     json["time"] = time;

@@ -1,21 +1,21 @@
-// What is known about one pin as JSON, one flat object a line:
+// What is known about one pin as JSON, one flat object per line:
 //
 //   {"time":1714564800.25,"host":"10.77.0.1","pin":"1:2:out3","name":"studio1.onair",
 //    "text":"Studio 1 on air","level":"L"}
 //
 //   time   when it was told, seconds since 1970
-//   host   who told it, null for nobody
-//   name   the pin's name, text what it is: only when it has them
-//   level  L or H, null when it is not known
+//   host   who told it, null if nobody did
+//   name   the pin's name, text its description: only if it has them
+//   level  L or H, null if not known
 //
-// A change has, before its level, what the pin was before and what made it another:
+// A change also has the earlier level and the cause of the change:
 //
 //   "kind":"write","before":"H","level":"L","duration":500,"state":"written","denied":true
 //
-//   kind      write, report, reply, or forgotten: the time of a write is over, and nobody answered
-//   duration  of a write, in ms; only when it has one
+//   kind      write, report, reply, or forgotten: a write's duration has passed, and nobody answered
+//   duration  of a write, in ms, if it has one
 //   state     told, written (and not confirmed) or unknown
-//   denied    only when true: it was written low and is answered high, which may not be true
+//   denied    only if true: it was written low and is answered high, which may be wrong
 #pragma once
 
 #include <optional>

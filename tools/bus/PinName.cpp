@@ -84,7 +84,7 @@ std::optional<uint8_t> ParsePinName(const std::string& text) {
     throw std::invalid_argument(reason);
 }
 
-// One or two numbers; none when they are no numbers.
+// One or two numbers; nothing if the text is something else.
 std::optional<uint32_t> ParseAddress(const std::vector<std::string>& parts) {
     const auto first = ParseNumber(parts[0], MAX_ADDRESS);
     if (parts.size() == 1 || !first) {
@@ -100,7 +100,7 @@ std::optional<uint32_t> ParseAddress(const std::vector<std::string>& parts) {
     return *first << 8 | *second;
 }
 
-// Whether the last of several parts is meant to be a pin.
+// Whether the last of several parts is meant as a pin.
 bool IsPinWanted(const std::vector<std::string>& parts) {
     const std::string& last = parts.back();
     return parts.size() == 3 ||

@@ -1,10 +1,10 @@
-// Pins and addresses as people name them.
+// Pins and addresses as people write them.
 //
 //   ADDRESS   a number, or two: a:b is a * 256 + b, b up to 255. Decimal, hexadecimal (0x10) or
 //   octal (010) PIN       in1 to in5, out1 to out5, or a circuit by its number: c0 to c255
 //
-// ADDRESS:PIN is a pin. Behind an address of two numbers the circuit needs no "c", so 258:out1,
-// 1:2:out1, 0x102:c8 and 1:2:8 are all one pin, while 258:8 is an address without a pin.
+// ADDRESS:PIN is a pin. After an address of two numbers the "c" of a circuit may be omitted:
+// 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are all one pin, but 258:8 is an address without a pin.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@
 // For messages.
 extern const char* const PIN_NAMES;  // "in1 to in5, out1 to out5, c0 to c255"
 
-// The pins of an address, or one of them. On the bus a pin has a tag: its address in the upper 24
-// bits, its circuit in the low 8.
+// The pins of an address, or one of them. On the bus, a pin's tag has the address in the upper 24
+// bits and the circuit in the low 8.
 struct PinRef {
     uint32_t address = 0;
     std::optional<uint8_t> circuit;  // none: every pin that has a name
@@ -24,7 +24,7 @@ struct PinRef {
     // The tags of the pins: the one, or in1 to in5 and out1 to out5.
     std::vector<uint32_t> Tags() const;
 
-    // Whether the tag is of these pins, or, without a circuit, anything with the address.
+    // Whether the tag is one of these pins, or without a circuit, has the address.
     bool Matches(uint32_t tag) const;
 };
 

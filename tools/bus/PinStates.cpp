@@ -8,13 +8,13 @@ namespace {
 
 const int QUESTIONS = 3;            // after a write
 const double FIRST_DELAY = 0.06;    // seconds from a write to the first question
-const double JITTER = 0.06;         // at most so much later, so that not all listeners ask at once
-const double NEXT_DELAY = 0.4;      // to the following ones
+const double JITTER = 0.06;         // added, so that not all listeners read at once
+const double NEXT_DELAY = 0.4;      // to the next ones
 const double ANSWER_TIME = 1;       // after the last question
-const size_t MOST_QUESTIONS = 500;  // that are asked at once
-const double PAUSE = 0.02;          // and then
+const size_t MOST_QUESTIONS = 500;  // that are sent at once
+const double PAUSE = 0.02;          // and then a pause
 
-// Not a pin, or not one that is written and read.
+// No pin, or not one that can be written and read.
 bool IsPinItem(const CMsg2::Node& item) {
     return item.m_nType == CMsg2::ITEM_BYTE && item.m_nTag < TAG_REQUEST_DATA;
 }
@@ -66,7 +66,7 @@ std::vector<PinChange> PinStates::Take(const Traffic& traffic, TimePoint now) {
     return changes;
 }
 
-// Whether what a device says may be older than the last write, or not be known to it at all.
+// Whether a device's answer may be older than the last write, or the device may not know the pin.
 bool PinStates::IsDoubtful(const Pin& pin, Level level, Kind kind, TimePoint now) const {
     const PinState& state = pin.state;
     if (kind != Kind::Reply || state.status != PinStatus::Written || level == state.level ||
@@ -137,7 +137,7 @@ double PinStates::Delay() {
     return FIRST_DELAY + std::uniform_real_distribution<double>(0, JITTER)(m_random);
 }
 
-// A question that is due soon is not put off: writes may come faster than answers.
+// A read that is due soon is not postponed: writes may come faster than answers.
 void PinStates::BeginAsking(Pin& pin, TimePoint now) {
     pin.questions = QUESTIONS;
     pin.ask = std::min(pin.ask, Later(now, Delay()));
@@ -173,7 +173,7 @@ std::vector<PinChange> PinStates::Tend(TimePoint now, std::vector<uint32_t>& ask
     return changes;
 }
 
-// Does what has become due for a pin.
+// Does what is due for a pin.
 std::optional<PinChange> PinStates::Pass(uint32_t tag, Pin& pin, TimePoint now,
                                          std::vector<uint32_t>& ask) {
     PinState& state = pin.state;
@@ -194,7 +194,7 @@ std::optional<PinChange> PinStates::Pass(uint32_t tag, Pin& pin, TimePoint now,
                          0};
     }
     if (state.until <= now && pin.give_up == TimePoint::max()) {
-        // The time of the write is over: only an answer can tell what the pin is now.
+        // The write's duration has passed: only an answer can show the pin's level.
         state.status = PinStatus::Written;
         pin.ask = TimePoint::max();
         BeginAsking(pin, now);

@@ -1,17 +1,17 @@
-// What is known about every pin of the bus, from what is heard on it.
+// What is known about every pin on the bus, from the messages there.
 //
-// Devices report their inputs when they change. They never report outputs: these can only be asked
-// for, and a device answers high for the outputs of its channels 9 to 32 whatever they are. So a
-// pin is told, written or unknown:
+// Devices report their inputs when they change. They never report outputs: these must be read, and
+// a device always answers high for the outputs of its channels 9 to 32. So a pin is told, written
+// or unknown:
 //
-//   told     a device has said what it is
+//   told     a device has sent its level
 //   written  somebody has written it since, and no device has confirmed it
-//   unknown  neither, or its time was over and nobody answered
+//   unknown  neither, or a write's duration has passed and nobody answered
 //
-// After a write a pin is to be asked for again, three times at most. An answer of the written level
-// makes it told. Another answer may be older than the write; after the last question it counts,
-// but for one: high after a write of low, of a pin that has never been low, proves nothing. Such a
-// pin stays written and is marked as denied.
+// After a write, the pin is to be read again, at most three times. An answer with the written level
+// makes it told. Another answer may be older than the write; after the last read it counts, with
+// one exception: high after a write of low, for a pin that has never been low, proves nothing. Such
+// a pin stays written and is marked as denied.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@
 
 enum class PinStatus : uint8_t { Unknown, Written, Told };
 
-// When something was heard, and of whom.
+// When something was heard, and from whom.
 struct Heard {
     TimePoint at;
     double time;    // seconds since 1970
@@ -39,8 +39,8 @@ struct PinState {
     PinStatus status = PinStatus::Unknown;
     std::optional<Level> level;  // none: unknown
 
-    // When the level was first heard. Only with seen_changing was it another one before: else the
-    // pin may have had it for longer.
+    // When the level was first heard. seen_changing: it was another one before; otherwise the pin
+    // may have had it for longer.
     std::optional<Heard> since;
     bool seen_changing = false;
 
@@ -48,18 +48,18 @@ struct PinState {
     std::optional<Heard> written;  // by the last writer, whether it was carried out or not
     bool denied = false;           // written low, and answered high by a device that may not know
 
-    // Of the last write: how long the level stays, 0 for no limit, and until when that is. The time
-    // is over when that has passed, and the pin then goes back to what it was before.
+    // Of the last write: how long the level stays, 0 for no limit, and until when. After that the
+    // pin returns to its earlier level.
     unsigned int duration_ms = 0;
     TimePoint until = TimePoint::max();
 };
 
-// Something that became known about a pin.
+// A change in what is known about a pin.
 struct PinChange {
     enum class Cause { Reported, Answered, Written, Forgotten };
 
-    // Whether the pin has another level now, as far as is known. Else it was confirmed, denied or
-    // written once more.
+    // Whether the pin now has another level, as far as is known. Otherwise it was confirmed, denied
+    // or written again.
     bool IsNewLevel() const { return before != after; }
 
     uint32_t tag;
@@ -73,35 +73,35 @@ struct PinChange {
     unsigned int duration_ms;  // of a write; 0: no limit
 };
 
-// Takes what a BusLink hears, best of reports and requests. Does not send: the caller asks for the
-// pins that Tend() names, for instance with AskForPins(). For one thread.
+// Processes what a BusLink hears, preferably reports and requests. Does not send: the caller reads
+// the pins that Tend() lists, for instance with AskForPins(). For one thread.
 //
-// Memory is bounded: of pins that were not wanted, only so many are remembered as the limit allows,
-// the first ones that are heard of. What is said about others is passed over and counted.
+// Memory is bounded: of pins that were not wanted, only the first ones are stored, up to the limit.
+// Statements about others are skipped and counted.
 class PinStates {
 public:
     static constexpr size_t DEFAULT_LIMIT = 20000;
 
     explicit PinStates(size_t limit = DEFAULT_LIMIT);
 
-    // Remembers the pin whatever the limit, as long as the object lives. For pins that the user
+    // Stores the pin regardless of the limit, as long as the object lives. For pins that the user
     // named.
     void Want(uint32_t tag);
 
-    // Takes a message. Repeats of it do no harm.
+    // Processes a message. Repeats are harmless.
     std::vector<PinChange> Take(const Traffic& traffic, TimePoint now);
 
-    // What happened by time alone. Adds the tags of the pins that must be asked for now to ask, so
-    // many at a time that a receiver's buffer holds the answers.
+    // What happened by the passage of time. Adds the tags of the pins to read now to ask, only as
+    // many at a time as a receive buffer has room for the answers.
     std::vector<PinChange> Tend(TimePoint now, std::vector<uint32_t>& ask);
 
-    // When to call Tend() next; TimePoint::max() when nothing is due.
+    // When to call Tend() next; TimePoint::max() if nothing is due.
     TimePoint NextTime() const;
 
-    // Has Tend() name the pin then, once. For outputs that may have changed without a write.
+    // Makes Tend() list the pin then, once. For outputs that may have changed without a write.
     void AskAt(uint32_t tag, TimePoint when);
 
-    // Null when nothing was heard of the pin. Valid until the next call of Take() or Tend().
+    // Null if nothing was heard of the pin. Valid until the next call of Take() or Tend().
     const PinState* Find(uint32_t tag) const;
 
     // In the order of their tags.
@@ -109,17 +109,17 @@ public:
 
     size_t Count() const { return m_pins.size(); }
 
-    // How many statements about pins were passed over because the limit was reached.
+    // The number of statements about pins that were skipped because of the limit.
     uint64_t PassedOver() const { return m_passed_over; }
 
 private:
     struct Pin {
         PinState state;
         bool follows = false;  // was told low: a device knows its state
-        int questions = 0;     // left after a write
+        int questions = 0;     // reads left after a write
         TimePoint ask = TimePoint::max();
-        TimePoint give_up = TimePoint::max();  // no answer after the time of a write was over
-        TimePoint due = TimePoint::max();      // as it stands in m_due
+        TimePoint give_up = TimePoint::max();  // no answer after a write's duration
+        TimePoint due = TimePoint::max();      // as in m_due
     };
 
     Pin* Get(uint32_t tag);
@@ -136,10 +136,10 @@ private:
     double Delay();
 
     const size_t m_limit;
-    size_t m_unwanted = 0;  // pins that the limit counts
+    size_t m_unwanted = 0;  // pins that count towards the limit
     uint64_t m_passed_over = 0;
     std::map<uint32_t, Pin> m_pins;                  // not hashed: peers choose the tags
-    std::set<std::pair<TimePoint, uint32_t>> m_due;  // pins that have something due
-    TimePoint m_pause{};                             // no questions before
+    std::set<std::pair<TimePoint, uint32_t>> m_due;  // pins with something due
+    TimePoint m_pause{};                             // no reads before
     std::minstd_rand m_random;
 };

@@ -8,9 +8,9 @@
 
 namespace {
 
-const unsigned long LONGEST = 1000000000;  // what may be asked for
+const unsigned long LONGEST = 1000000000;  // the longest accepted duration
 
-// The count of steps whose duration is the nearest, one at least.
+// The number of steps with the nearest duration, at least one.
 uint8_t Steps(unsigned long duration, unsigned long step) {
     const unsigned long count = (duration + step / 2) / step;
     return static_cast<uint8_t>(std::clamp(count, 1UL, static_cast<unsigned long>(COUNT_MASK)));

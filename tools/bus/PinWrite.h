@@ -1,4 +1,4 @@
-// What is written to a pin, in one byte: a level and for how long.
+// The byte that is written to a pin: a level and a duration.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +12,14 @@ const char* LevelLetter(Level level);
 // "L", "l" or "low", "H", "h" or "high". Throws std::invalid_argument with the reason.
 Level ParseLevel(const std::string& text);
 
-// The byte carries a count of 0 to 31 steps of 10 or of 250 ms: the durations 10 to 310 ms and 250
-// to 7750 ms, and 0 for no limit.
+// The byte contains a count of 0 to 31 steps of 10 or 250 ms: durations of 10 to 310 ms and 250 to
+// 7750 ms, and 0 for no limit.
 class WriteValue {
 public:
     explicit WriteValue(uint8_t byte) : m_byte(byte) {}
 
-    // The nearest duration that there is, the longer one of two equally near. A limit stays a
-    // limit: 1 ms becomes 10, not 0.
+    // The nearest possible duration, the longer of two equally near ones. A limit stays a limit: 1
+    // ms becomes 10, not 0.
     WriteValue(Level level, unsigned long duration_ms);
 
     uint8_t Byte() const { return m_byte; }
@@ -35,7 +35,7 @@ class Names;
 struct PinWrite {
     uint32_t tag;
     WriteValue value;
-    unsigned long duration_ms;  // as it was asked for
+    unsigned long duration_ms;  // as requested
 };
 
 // "ADDRESS:PIN=LEVEL" or "NAME=LEVEL", with ",DURATION" in ms. Throws std::invalid_argument with

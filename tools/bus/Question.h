@@ -1,4 +1,4 @@
-// Questions about pins.
+// Reads pins from the bus.
 #pragma once
 
 #include <map>
@@ -9,38 +9,37 @@
 #include "tools/bus/BusLink.h"
 #include "tools/bus/PinName.h"
 
-// A number for the requests of one question. Not 0, which stands for none.
+// A number for the requests of one question. Never 0, which means none.
 uint32_t NewRequestId();
 
-// Asks for the pins, in messages that each fit a frame of Ethernet. Throws BusError.
+// Sends reads for the pins, in messages that fit an Ethernet frame. Throws BusError.
 void AskForPins(BusLink& link, const std::vector<uint32_t>& tags, uint32_t request_id);
 
-// A question that is asked until it is answered. Question or answer may get lost, so it is asked
-// again a few times a second, until each pin was answered or the time that the link waits for
-// answers is over. Different devices may answer for different pins; the first answer for a pin
-// counts.
+// A read that is repeated until it is answered. Reads and replies may get lost, so it is repeated a
+// few times a second until every pin has been answered or the link's time for answers is over.
+// Different devices may answer for different pins; the first answer for a pin counts.
 class Question {
 public:
-    // Until then; without a time for as long as the link's settings wait.
+    // Ends at that time; without one, after the link's waiting time.
     Question(BusLink& link, const std::vector<PinRef>& pins,
              std::optional<TimePoint> end = std::nullopt);
 
-    // Asks when it is time to. Throws BusError.
+    // Sends when it is due. Throws BusError.
     void AskWhenDue();
 
-    // When AskWhenDue() has something to do next or the question is over.
+    // When AskWhenDue() has to be called next, or the question ends.
     TimePoint NextTime() const;
 
-    // Answered or out of time.
+    // All answered, or out of time.
     bool IsOver() const;
 
     // Whether the message refers to this question.
     bool IsAnswer(const CMessage& message) const;
 
-    // Takes an answer. False when it is none, or says nothing new.
+    // Processes an answer. False if it is none, or contains nothing new.
     bool Take(const CMessage& message);
 
-    // Who told a pin what, and when; none when it wasn't answered.
+    // Who told a pin's level, and when; none if it wasn't answered.
     struct Answer {
         Level level;
         uint32_t host;  // host byte order
@@ -48,7 +47,7 @@ public:
     };
     std::optional<Answer> AnswerOf(uint32_t tag) const;
 
-    // The names of what was not answered, "1:2, 7:in1"; empty when everything was.
+    // The names of unanswered pins, "1:2, 7:in1"; empty if everything was answered.
     std::string Missing() const;
 
 private:
@@ -57,7 +56,7 @@ private:
     const uint32_t m_id;
     std::vector<uint32_t> m_tags;                         // in the order of the pins
     std::map<uint32_t, std::optional<Answer>> m_answers;  // by tag
-    size_t m_open;                                        // pins that aren't answered
+    size_t m_open;                                        // unanswered pins
     TimePoint m_ask;
     TimePoint m_end;
 };

@@ -6,10 +6,9 @@
 #include "tools/base/Time.h"
 #include "tools/bus/Traffic.h"
 
-// A device sends every report and reply twice, one right after the other, as two packets. The
-// second is the same message from the same host within 250 ms of the first. Each message has one
-// second copy at most: of four that are alike two are repeats, so nothing that happened twice is
-// lost.
+// A device sends every report and reply twice, in two packets one right after the other. The second
+// is the same message from the same host within 250 ms of the first. Each message has at most one
+// second copy: of four equal ones two are repeats, so nothing that happened twice is lost.
 class RepeatFilter {
 public:
     bool IsRepeat(const Traffic& traffic, TimePoint now);

@@ -1,4 +1,4 @@
-// A message on the bus and what is known about its way.
+// A message on the bus with its sender and time.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ enum class Kind { Report, Reply, Write, Read, Other };
 // "report", "reply", "write", "read" or "other"
 const char* KindName(Kind kind);
 
-// Not copied: a copy of a message is without what CMsg2 has no setter for.
+// Not copied: a copy of a message lacks the items that CMsg2 has no setter for.
 struct Traffic {
     Traffic() = default;
     Traffic(const Traffic&) = delete;
@@ -24,7 +24,7 @@ struct Traffic {
 
     double time = 0;    // seconds since 1970
     std::string host;   // address of the sender; empty: this program
-    uint16_t port = 0;  // where it was sent to; 0: not known
+    uint16_t port = 0;  // the port it was sent to; 0: not known
     CMessage message{16, 16};
 };
 
@@ -33,7 +33,7 @@ const CMsg2::Node* FindItem(const CMsg2& message, uint32_t tag, CMsg2::ItemType 
 
 // What an item of a message of that kind says about a pin.
 struct PinValue {
-    std::optional<Level> level;    // none: nothing
+    std::optional<Level> level;    // none: it says nothing
     unsigned int duration_ms = 0;  // of a write; 0: no limit
 };
 PinValue PinValueOf(Kind kind, const CMsg2::Node& item);
