@@ -9,9 +9,9 @@ using Words = std::vector<std::string>;
 
 const char* const HIDDEN_OPTION = "--completion";
 
-// Finds the command and whether the word before the cursor wants a value, then offers what fits.
-// Bash ends words at colons and equals signs: pins are completed as a whole, and what it has
-// already is cut off again.
+// Finds the command and whether the word before the cursor takes a value, then offers what fits.
+// Bash splits words at colons and equals signs: pins are completed as a whole, and the part already
+// typed is removed again.
 const char* const BASH_BODY = R"BASH(
     local cur=${COMP_WORDS[COMP_CWORD]} command= kind= word i whole table=arguments
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -48,7 +48,7 @@ const char* const BASH_BODY = R"BASH(
     esac
 )BASH";
 
-// The same for zsh, which takes pins as they are.
+// The same for zsh, which accepts pins as they are.
 const char* const ZSH_PINS = R"ZSH(_orvex_pins() {
     local -a offered=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
     [[ $1 == pin ]] && compadd -a offered || compadd -S '' -a offered
@@ -84,7 +84,7 @@ bool Repeats(const CLI::Option& option) {
     return option.get_items_expected_max() > 1;
 }
 
-// What the user calls the value: its type, or the name of a positional that has none.
+// The user's name for the value: its type, or the name of a positional without one.
 std::string ValueName(const CLI::Option& option) {
     const std::string type = option.get_type_name();
     return option.get_positional() && type.empty() ? option.get_name(true) : type;
@@ -155,7 +155,7 @@ std::string BashArguments(const CompletionKinds& kinds, const CLI::App& app,
     return arguments.empty() ? "" : BashEntry(command + " ", Kind(kinds, *arguments.front()));
 }
 
-// What stands behind the first argument.
+// Completes the words after the first argument.
 std::string BashMore(const CompletionKinds& kinds, const CLI::App& app,
                      const std::string& command) {
     const auto arguments = Options(app, true);
@@ -206,7 +206,7 @@ std::string ZshValue(const CompletionKinds& kinds, const CLI::Option& option) {
     return ":" + ZshText(ValueName(option)) + ":" + action;
 }
 
-// Names of one option exclude each other, unless it may be given again.
+// Names of one option exclude each other, unless it may be repeated.
 std::string ZshOption(const CompletionKinds& kinds, const CLI::Option& option) {
     const Words names = Names(option);
     const std::string prefix = Repeats(option)    ? "'*'"

@@ -1,4 +1,4 @@
-// Scripts that complete a tool's command line in a shell, made from the options that it parses.
+// Shell scripts that complete a tool's command line, made from the options that it parses.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -6,9 +6,9 @@
 
 #include "tools/completion/Kind.h"
 
-// What stands for the values of options and for arguments; None for those that are left out.
+// Kinds of the values of options and arguments; None for those not listed.
 using CompletionKinds = std::map<const CLI::Option*, Completion>;
 
-// Adds the hidden option --completion, which prints the script of a shell, bash or zsh, and ends
-// the program. Call it when everything else has been added.
+// Adds the hidden option --completion, which prints the script for a shell, bash or zsh, and ends
+// the program. Call it after everything else has been added.
 void AddCompletion(CLI::App& app, const CompletionKinds& kinds);

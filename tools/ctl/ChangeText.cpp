@@ -23,7 +23,7 @@ std::string SecondsText(double time) {
     return text;
 }
 
-// What the line says about the level.
+// The part of the line about the level.
 std::string LevelsText(const PinChange& change) {
     if (change.denied) {
         return LevelText(change.after) + ", answered H";

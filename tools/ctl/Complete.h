@@ -1,4 +1,4 @@
-// What may stand for a word of the command line, for shells.
+// Completions for a word of the command line, for shells.
 #pragma once
 
 #include <string>
@@ -6,6 +6,6 @@
 
 #include "tools/bus/Names.h"
 
-// Words that begin with prefix and name pins or addresses, with their '=' and levels when those are
-// wanted: names, and the pins of an address that prefix has whole.
+// Words that begin with prefix and are pins or addresses, with '=' and levels if wanted: names, and
+// the pins of an address that prefix contains completely.
 std::vector<std::string> CompletePins(const std::string& prefix, bool levels, const Names& names);

@@ -1,4 +1,4 @@
-// What the program says about itself, on standard error.
+// The program's own messages, on standard error.
 #pragma once
 
 #include <string>
@@ -12,5 +12,5 @@ public:
 
     void Error(const std::string& text) const;   // why the program ends
     void Note(const std::string& text) const;    // what the user should know
-    void Detail(const std::string& text) const;  // what goes on
+    void Detail(const std::string& text) const;  // progress
 };

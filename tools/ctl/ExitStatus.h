@@ -1,4 +1,4 @@
-// How the program ends.
+// The program's exit statuses.
 #pragma once
 
 #include <stdexcept>
@@ -11,7 +11,7 @@ enum ExitStatus : int {
     STATUS_NO_ANSWER = 3,
 };
 
-// A reason to end the program, told on standard error.
+// A reason to end the program, printed on standard error.
 struct Failure : std::runtime_error {
     Failure(ExitStatus status_, const std::string& reason)
         : std::runtime_error(reason), status(status_) {}

@@ -50,7 +50,7 @@ std::string TagText(uint32_t tag) {
     return text;
 }
 
-// The last columns; empty when the item is not shown.
+// The last columns; empty if the item is not shown.
 std::string ItemText(Kind kind, const CMsg2::Node& item, const TextForm& form) {
     const size_t width = 12;
     if (kind != Kind::Other && IsNamedPin(item.m_nTag)) {

@@ -17,8 +17,8 @@ struct TextForm {
 };
 
 // A line for each pin, in columns: time, sender, kind of message, pin, level with its duration,
-// name. Of messages of unknown kind, and with everything of all, each other item has a line as
-// well: its tag, type and value as in the JSON form. A message without a line of its own gets one.
+// name. Other items have a line with tag, type and value as in the JSON form, in messages of
+// unknown kind, or with everything in all messages. A message without items gets a line too.
 std::string ToText(const Traffic& traffic, const TextForm& form);
 
 // "L for 250 ms"
@@ -27,5 +27,5 @@ std::string LevelText(const PinValue& value);
 // The time of day, local, to the millisecond: "14:02:11.512".
 std::string TimeText(double time);
 
-// Filled up with blanks.
+// Padded with blanks.
 std::string Padded(const std::string& text, size_t width);

@@ -45,7 +45,7 @@ void Set(const Row& row, const char* name, Options& options, const std::string& 
     }
 }
 
-// Shows an argument as its type: CLI11 takes no ':' in a name.
+// Shows an argument as its type: CLI11 does not accept ':' in a name.
 class ArgumentFormatter : public CLI::Formatter {
     std::string make_option_name(const CLI::Option* option, bool positional) const override {
         return positional ? option->get_type_name()
@@ -69,8 +69,8 @@ public:
     const CommandSpec* Parse(int argc, char** argv, int& status);
 
 private:
-    // A word for an argument. It is read when all options are known, those behind it too: it may be
-    // a name in a file that an option names.
+    // A word for an argument. It is read once all options are known, including those after it: it
+    // may be a name in a file that an option gives.
     struct Word {
         const ArgumentSpec* row;
         std::string text;
@@ -88,7 +88,7 @@ private:
     std::vector<Word> m_words;
 };
 
-// Options of all commands may stand before the command as well as behind it.
+// Options of all commands are accepted before and after the command.
 Parser::Parser(Options& options) : m_options(options), m_app(DESCRIPTION, APP_NAME) {
     m_app.footer(Footer());
     m_app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
@@ -155,7 +155,7 @@ void Parser::TakeWords() {
     }
 }
 
-// Says what is wrong, or prints what was asked for; the exit status.
+// Prints what is wrong, or what was requested; returns the exit status.
 int Parser::Refuse(const CLI::ParseError& error) {
     const std::vector<std::string> unknown = m_app.remaining();
     if (m_app.get_subcommands().empty() && !unknown.empty() && unknown[0][0] != '-') {

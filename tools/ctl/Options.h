@@ -1,7 +1,7 @@
 // The command line.
 //
-// All that it takes is in the tables below: the parser, the help and whatever completes command
-// lines for a shell are made from them.
+// The tables below contain everything it accepts: the parser, the help and shell completion are
+// made from them.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,8 @@
 #include "tools/ctl/ChangeText.h"
 #include "tools/ctl/Console.h"
 
-// Addresses from the first to the last. The default is what fits into two numbers of a byte each.
+// Addresses from the first to the last. The default is everything that fits into two numbers of a
+// byte each.
 struct AddressRange {
     uint32_t first = 0;
     uint32_t last = 0xFFFF;
@@ -39,9 +40,9 @@ struct Options {
     bool any = false;
     bool edge = false;
     bool changes = false;
-    bool all = false;    // repeats too
+    bool all = false;    // including repeats
     bool force = false;  // overwrite files
-    bool fast = false;   // without gaps
+    bool fast = false;   // without pauses
     bool loop = false;
     double speed = 1;
     std::optional<unsigned long> count;
@@ -56,7 +57,7 @@ struct Options {
     std::string names_file;  // empty: the user's
     Names names;
     CSvcAddress tqrd{0x7F000001, 93};  // the control server
-    std::string explain;               // a source to explain instead of asking
+    std::string explain;               // a source to explain instead of querying a server
     bool plugin = false;               // report as a monitoring plugin
 };
 
@@ -78,8 +79,8 @@ struct CommandSpec {
     int (*run)(const Options& options);  // returns the exit status; may throw a Failure
 };
 
-// An option with the name of its value, or a flag with null. commands holds the names of the
-// commands that have it, with blanks between; null: all of them. Setters throw
+// An option with the name of its value, or a flag with null. commands contains the names of the
+// commands that have it, separated by blanks; null: all of them. Setters throw
 // std::invalid_argument with the reason.
 struct OptionSpec {
     const char* names;  // "-W,--wait"
@@ -99,5 +100,5 @@ extern const std::vector<CommandSpec> COMMANDS;
 extern const std::vector<OptionSpec> OPTIONS;
 extern const std::vector<StatusSpec> STATUSES;
 
-// Reads a command line into options. Null when there is nothing left to do but end with the status.
+// Reads a command line into options. Null if the program should end with the status.
 const CommandSpec* ParseCommandLine(int argc, char** argv, Options& options, int& status);

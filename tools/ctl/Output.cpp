@@ -28,7 +28,7 @@ Output::Form FormOf(const Options& options, bool recording) {
     return options.console.verbose ? Output::Form::FullText : Output::Form::Text;
 }
 
-// Devices and pipes are written to; only files are kept.
+// Existing devices and pipes are written to; only files are refused.
 FILE* Open(const std::string& file, bool force) {
     struct stat status = {};
     const bool is_kept = stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);

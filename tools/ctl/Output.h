@@ -1,4 +1,4 @@
-// Where commands write to: one writer for all that they print.
+// The output of commands: one writer for everything they print.
 #pragma once
 
 #include <cstdio>
@@ -12,17 +12,17 @@
 
 struct Options;
 
-// A file or standard output, and the form that the options ask for: JSON, one object a line, or
-// text for people. What is written is there at once. Failures are thrown as a Failure.
+// A file or standard output, in the form selected by the options: JSON, one object per line, or
+// text for people. Flushes after each write. Failures are thrown as a Failure.
 class Output {
 public:
     enum class Form { Json, Text, FullText };
 
-    // To standard output, in the form of the options.
+    // To standard output, in the form selected by the options.
     explicit Output(const Options& options);
 
-    // To the file; "-" is standard output. A file that is there already is refused, unless the
-    // options force it. A recording is JSON.
+    // To the file; "-" is standard output. An existing file is refused unless the options force it.
+    // A recording is JSON.
     Output(const Options& options, const std::string& file);
     ~Output();
     Output(const Output&) = delete;
@@ -30,16 +30,17 @@ public:
 
     bool IsJson() const { return m_form == Form::Json; }
 
-    // A message. As text, only the pins that are wanted; null: all.
+    // A message. As text, only the wanted pins; null: all.
     void Write(const Traffic& traffic, const std::function<bool(uint32_t tag)>& wanted = nullptr);
 
-    // Pins in columns. Text leaves out what has no level.
+    // Pins in columns. Text omits pins without a level.
     void Write(const std::vector<PinFact>& facts);
 
     // A change, as text or in the form of --format.
     void Write(const PinChange& change);
 
-    // What is no message: JSON an object with that "event" and "text", as text the text.
+    // An event that is no message: as JSON an object with that "event" and "text", as text the
+    // text.
     void WriteEvent(const std::string& event, const std::string& text);
 
     void Write(const std::string& text);

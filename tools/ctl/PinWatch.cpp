@@ -6,7 +6,7 @@
 
 namespace {
 
-const int INPUTS_EVERY = 10;  // rounds of questions
+const int INPUTS_EVERY = 10;  // rounds of reads
 
 }  // namespace
 
@@ -74,7 +74,7 @@ void PinWatch::TakeMessage() {
     NoteLimit();
 }
 
-// Does what is due; returns when to be called again.
+// Does what is due; returns when to call it again.
 TimePoint PinWatch::Tend() {
     std::vector<uint32_t> ask;
     m_changes = m_states.Tend(Now(), ask);

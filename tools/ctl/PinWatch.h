@@ -1,4 +1,4 @@
-// Listens to pins: what watch, wait and set --check have in common.
+// Listens to pins: the common part of watch, wait and set --check.
 #pragma once
 
 #include <optional>
@@ -12,35 +12,35 @@
 
 struct Options;
 
-// Asks for the pins that are named, keeps what is known about them up to date, and notes on the
-// console what becomes of the interface and who does not answer. SIGINT and SIGTERM end waiting,
-// not the program.
+// Reads the given pins, keeps their states up to date, and prints notes about changes of the
+// interface and about missing answers. SIGINT and SIGTERM end the waiting, not the program.
 class PinWatch {
 public:
     enum class Event {
-        Heard,    // a message came, or pins changed by time alone
+        Heard,    // a message came, or pins changed by the passage of time
         Link,     // the interface changed
         Stopped,  // by a signal
         TimedOut
     };
 
-    // Listens to reports, and to requests as well when that is asked for.
+    // Listens to reports, and to requests too if asked to.
     PinWatch(const Options& options, BusLink::Hear hear);
 
-    // Asks for the pins until they are answered or the wait of the options is over. Outputs are
-    // asked for again every so many seconds, inputs, which are reported, ten times less often: of
-    // what the control server itself does to an output, nothing is heard. 0: not again.
+    // Reads the pins until they are answered or the waiting time of the options is over. Outputs
+    // are read again at this interval in seconds, inputs, which are reported, ten times less often:
+    // changes of an output by the control server itself are not heard. 0: not again.
     void Ask(const std::vector<PinRef>& pins, double every);
 
-    // Asks for all pins that have names, once, to know what a change is one from. Who does not
-    // answer is not noted.
+    // Reads all pins with names once, so that the earlier level of a change is known. Missing
+    // answers are not noted.
     void AskForNamed();
 
-    // Waits for something to happen.
+    // Waits for an event.
     Event Wait(TimePoint deadline);
 
-    // Of the last Wait() that returned Heard: the message (null when there was none), what changed,
-    // whether the message is the second copy of another, and whether it answers the first question.
+    // About the last Wait() that returned Heard: the message (null if there was none), what
+    // changed, whether the message is the second copy of another, and whether it answers the first
+    // read.
     const Traffic* Message() const { return m_has_message ? &m_traffic : nullptr; }
     const std::vector<PinChange>& Changes() const { return m_changes; }
     bool IsRepeat() const { return m_is_repeat; }
@@ -48,7 +48,7 @@ public:
 
     const BusLink::Change& LinkChange() const { return m_link.LastChange(); }
 
-    // Whether all pins were answered, or can't be hoped for any more.
+    // Whether all pins were answered, or no more answers can be expected.
     bool IsAsked() const { return !m_question || m_question->IsOver(); }
 
     const PinStates& States() const { return m_states; }

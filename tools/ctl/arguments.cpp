@@ -40,7 +40,7 @@ uint32_t ParseAddress(const Options& options, const std::string& text) {
     return pins.address;
 }
 
-// Whether the text would be understood as pins.
+// Whether the text would be read as pins.
 bool IsPins(const Options& options, const std::string& text) {
     try {
         options.names.Parse(text);
@@ -157,7 +157,7 @@ void AddCondition(Options& options, const std::string& text) {
         {options.names.ParsePin(text.substr(0, equals)), ParseLevel(text.substr(equals + 1))});
 }
 
-// "A", or "A-B". Names may have a '-' too.
+// "A", or "A-B". Names may contain a '-' too.
 void SetRange(Options& options, const std::string& text) {
     AddressRange& range = options.range;
     range.is_default = false;

@@ -1,4 +1,4 @@
-// Reads the words of the command line into the options. All throw std::invalid_argument with the
+// Reads words of the command line into the options. All throw std::invalid_argument with the
 // reason.
 #pragma once
 

@@ -1,4 +1,4 @@
-// channels: the control server's table, or what a source means.
+// channels: the control server's table, or the meaning of a source.
 
 #include <algorithm>
 #include <cerrno>
@@ -41,7 +41,7 @@ Object SourceJson(const SourceReading& reading) {
     return json;
 }
 
-// Whatever the server sends can be printed: what is no UTF-8 is replaced.
+// Makes everything that a server sends printable: what is not UTF-8 is replaced.
 std::string JsonLine(const Object& json) {
     return json.dump(-1, ' ', true, Object::error_handler_t::replace) + "\n";
 }
@@ -63,7 +63,7 @@ int Explain(const Options& options, Output& output) {
     return STATUS_DONE;
 }
 
-// The notes about the channel's source: a later field matters, so the whole line is read.
+// The notes about the channel's source. Later fields matter, so the whole line is parsed.
 SourceReading Reading(const ChannelInfo& channel) {
     return ReadSource(channel.line).value_or(SourceReading{channel.source, channel.config, {}});
 }

@@ -1,4 +1,4 @@
-// doctor: what is wrong with the daemon of this device, and what mends it.
+// doctor: what is wrong with the daemon of this device, and the remedy.
 
 #include "tools/doctor/Checks.h"
 
@@ -21,7 +21,7 @@ struct SeverityName {
     const char* plugin;
 };
 
-// In the order of Severity. What can't be looked at is no trouble.
+// In the order of Severity. What could not be examined is no problem.
 const SeverityName SEVERITIES[] = {{"ok", "ok", "OK"},
                                    {"note", "note", "OK"},
                                    {"warning", "WARN", "WARNING"},
@@ -43,8 +43,8 @@ bool Differs(const std::string& state, const Question& question, uint32_t addres
     return false;
 }
 
-// Channels whose input the daemon tells differently. Of several with one address a reply tells only
-// the last, so those are left out.
+// Channels whose input the daemon reports differently. If several share an address, a reply
+// contains only the last one, so those are omitted.
 std::vector<int> StaleInputs(const ChannelTable& table, const Question& question) {
     std::vector<int> stale;
     const std::vector<int> channels = table.Find(KIND_BUS);
@@ -69,8 +69,8 @@ std::vector<PinRef> PinsOf(const ChannelTable& table) {
     return pins;
 }
 
-// Reads the pins of all channels as a peer would. A state that differs may have changed between the
-// two answers, so TQRD is asked once more then.
+// Reads the pins of all channels as a peer would. A different state may have changed between the
+// two answers, so TQRD is asked again in that case.
 BusAnswer AskBus(const BusSettings& settings, const Facts& facts) {
     BusAnswer answer;
     const std::vector<PinRef> pins = PinsOf(facts.answer.table);
@@ -101,7 +101,7 @@ BusAnswer AskBus(const BusSettings& settings, const Facts& facts) {
     return answer;
 }
 
-// The bus interface's address, for asking on it.
+// The address of the bus interface, for reading through it.
 BusSettings SettingsFor(const Options& options, const Facts& facts, const ExpectedBus& bus) {
     BusSettings settings = options.bus;
     const uint32_t named = facts.answer.table.InterfaceAddress().value_or(0);
@@ -138,7 +138,7 @@ unsigned long Waiting(const Facts& facts, unsigned long SocketRow::*count) {
     return sum;
 }
 
-// One line and performance data, as monitoring systems read it.
+// One line with performance data, for monitoring systems.
 int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
     Severity worst = Severity::Well;
     std::string text;
@@ -154,7 +154,7 @@ int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
         text = is_blind ? "the daemon's connections can't be seen without root" : "all is well";
     }
     const char* const status = is_blind ? "UNKNOWN" : NameOf(worst).plugin;
-    std::replace(text.begin(), text.end(), '|', '/');  // performance data begins with it
+    std::replace(text.begin(), text.end(), '|', '/');  // it separates the performance data
     output.Write("ORVEX " + std::string(status) + " - " + text +
                  " | waiting=" + std::to_string(Waiting(facts, &SocketRow::unread)) +
                  "B lost=" + std::to_string(Waiting(facts, &SocketRow::drops)) +

@@ -13,9 +13,9 @@
 
 namespace {
 
-const uint8_t ASKED_CIRCUIT = FIRST_INPUT_CIRCUIT;  // one pin shows that the address is there
+const uint8_t ASKED_CIRCUIT = FIRST_INPUT_CIRCUIT;  // one pin shows that the address is in use
 const uint32_t ADDRESSES_AT_ONCE = 1300;            // a message of 8 KB
-const double PAUSE = 0.01;       // seconds between two: 20 of them are what a receive buffer holds
+const double PAUSE = 0.01;       // seconds between two: a receive buffer holds 20 of them
 const int SWEEPS = 2;            // a message may get lost
 const double SHOW_PROGRESS = 1;  // seconds
 const int BAR_WIDTH = 40;
@@ -73,7 +73,7 @@ int List::Run() {
     return m_found.empty() ? STATUS_NO_ANSWER : STATUS_DONE;
 }
 
-// Asks for the whole range, and listens between the messages.
+// Reads the whole range, and listens between the messages.
 void List::Sweep(int number) {
     const AddressRange& range = m_options.range;
     for (uint32_t begin = range.first; begin <= range.last && !m_stopped;
@@ -112,7 +112,7 @@ void List::ListenUntil(TimePoint end) {
     }
 }
 
-// What others ask for is of use as well, as long as it is in the range.
+// Answers to others are useful too, if they are in the range.
 void List::Take(const Traffic& traffic) {
     if (traffic.message.GetId() != ID_REPORT) {
         return;
@@ -139,7 +139,7 @@ void List::ShowProgress(double done) {
             static_cast<int>(done * 100));
 }
 
-// The ten pins of each address that was found.
+// The ten pins of each address found.
 std::vector<PinFact> List::AskPins() {
     std::vector<PinRef> pins;
     for (const auto& [address, hosts] : m_found) {
@@ -165,7 +165,7 @@ std::vector<PinFact> List::AskPins() {
     return facts;
 }
 
-// Five pins as control lines write them; '?' is not answered.
+// Five pins as in control lines; '?' means not answered.
 std::string List::StateText(const std::vector<PinFact>& facts, size_t first) const {
     std::string text;
     for (size_t i = first; i < first + PIN_COUNT; ++i) {

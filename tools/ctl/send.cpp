@@ -16,16 +16,16 @@
 
 namespace {
 
-// Keeps the distances in time that messages had: to the first one, so that delays don't add up.
+// Keeps the intervals between messages, measured from the first one, so that delays don't add up.
 class Pace {
 public:
     explicit Pace(double speed) : m_speed(speed) {}
 
-    // Begins again with the next message.
+    // Starts over with the next message.
     void Restart() { m_first = 0; }
 
     // Waits until the message is due. One without a time, or from before the first, is due at once.
-    // False when a signal came first.
+    // False if a signal came first.
     bool WaitFor(double time, const Signals& signals) {
         if (m_first == 0) {
             m_first = time;
@@ -52,7 +52,7 @@ public:
     explicit Sender(const Options& options)
         : m_options(options), m_link(options.bus), m_output(options), m_pace(options.speed) {}
 
-    // False when a signal ended it.
+    // False if a signal ended it.
     bool SendLine(const std::string& line);
 
     // For the next round of the same lines.
@@ -94,7 +94,7 @@ bool Sender::SendLine(const std::string& line) {
     return true;
 }
 
-// False when a signal ended it.
+// False if a signal ended it.
 bool SendAll(std::istream& in, const std::string& name, Sender& sender) {
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {

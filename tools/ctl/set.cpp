@@ -8,7 +8,7 @@
 
 namespace {
 
-const double ASK_EVERY = 0.1;  // seconds; a pulse of 310 ms is to be seen
+const double ASK_EVERY = 0.1;  // seconds; short enough to see a pulse of 310 ms
 
 void NoteWhatDiffers(const PinWrite& write, const Console& console) {
     const std::string name = PinText(write.tag);
@@ -36,7 +36,7 @@ void Send(const Options& options, BusLink& link, Traffic& traffic) {
     link.Send(traffic.message, traffic.port, options.reliable);
 }
 
-// Reads pins back after a write, until each has the level that it was written.
+// Reads pins back after a write, until each has the level that was written.
 class Check {
 public:
     explicit Check(const Options& options)
@@ -109,7 +109,7 @@ void Check::Ask() {
     AskForPins(m_link, open, m_id);
 }
 
-// Only answers to questions of this run: others may be older than the write.
+// Only answers to reads of this run count: others may be older than the write.
 void Check::Take(const Traffic& traffic) {
     const CMsg2::Node* const refers = FindItem(traffic.message, TAG_REFERS_TO, CMsg2::ITEM_DWORD);
     if (traffic.GetKind() != Kind::Reply || refers == nullptr || refers->m_Value.m_nDword != m_id) {

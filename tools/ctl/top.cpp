@@ -1,4 +1,4 @@
-// top: every pin that is heard of, on a screen that follows the bus.
+// top: every known pin, on a screen that follows the bus.
 
 #include <poll.h>
 #include <unistd.h>
@@ -16,9 +16,9 @@
 
 namespace {
 
-const double FRAME = 0.2;         // seconds between drawings, so that a flood costs no more
-const double JSON_SECONDS = 2;    // to listen, unless told otherwise
-const int TAKEN_AT_A_TIME = 500;  // messages, so that a flood keeps no key waiting
+const double FRAME = 0.2;         // seconds between drawings, to bound the cost of a flood
+const double JSON_SECONDS = 2;    // to listen, by default
+const int TAKEN_AT_A_TIME = 500;  // messages, so that a flood does not delay keys
 
 class Top {
 public:
@@ -58,15 +58,15 @@ private:
     Traffic m_traffic;
     std::unique_ptr<TopScreen> m_screen;
     TopHeading m_heading;
-    size_t m_first = 0;  // the row on top
+    size_t m_first = 0;  // the topmost row
     size_t m_changes = 0;
     TimePoint m_counted = Now();
-    TimePoint m_drawn = Now();  // the time that the rows are of
+    TimePoint m_drawn = Now();  // the time of the rows
     bool m_redraw = true;
     bool m_end = false;
 };
 
-// Until something is to be done, at most until then.
+// Until something has to be done, at most until then.
 void Top::Wait(TimePoint until) {
     std::vector<pollfd> fds = {{m_signals.Get(), POLLIN, 0}};
     if (m_screen != nullptr) {
@@ -100,7 +100,7 @@ void Top::TakeMessages() {
             AskForPins(m_link, ask, m_id);
         }
     } catch (const BusError&) {
-        // The interface is down: that is told, and what is not answered is asked again.
+        // The interface is down: shows that, and reads unanswered pins again.
     }
     if (const auto change = m_link.Tend()) {
         m_heading.note = change->up ? "" : change->text;
@@ -119,7 +119,7 @@ void Top::TakeSignals() {
                 m_screen->Suspend();
             }
             raise(SIGSTOP);
-            // cppcheck-suppress unreachableCode  ; SIGCONT goes on here
+            // cppcheck-suppress unreachableCode  ; execution continues here after SIGCONT
             m_redraw = true;
         } else {
             m_end = true;
@@ -145,7 +145,7 @@ void Top::Handle(const TopKey& key) {
             break;
         case Kind::Erase:
             while (!filter.empty() && (filter.back() & 0xC0) == 0x80) {
-                filter.pop_back();  // the rest of a character
+                filter.pop_back();  // the other bytes of a character
             }
             m_table.SetFilter(filter.substr(0, filter.empty() ? 0 : filter.size() - 1));
             break;
@@ -179,7 +179,7 @@ void Top::Handle(const TopKey& key) {
     }
 }
 
-// While it is paused the rows stay as they are.
+// While paused, the rows stay unchanged.
 void Top::Draw(TimePoint now) {
     const double seconds = std::chrono::duration<double>(now - m_counted).count();
     if (seconds >= 1) {

@@ -36,7 +36,7 @@ private:
     const Options& m_options;
     Output m_output;
     PinWatch m_watch;
-    std::vector<bool> m_edges;  // conditions that became true while we waited
+    std::vector<bool> m_edges;  // conditions that became true during the wait
 };
 
 int Wait::Run() {
@@ -65,7 +65,7 @@ int Wait::Run() {
     return STATUS_DONE;
 }
 
-// What was only written is not known to be so.
+// A level that was only written is not known.
 bool Wait::Holds(size_t i) const {
     const PinCondition& condition = m_options.conditions[i];
     const PinState* const state = m_watch.States().Find(condition.tag);
@@ -81,7 +81,7 @@ bool Wait::IsOver() const {
     return m_options.any ? holding > 0 : holding == m_options.conditions.size();
 }
 
-// A change is one that was told, from a level that was known.
+// A change is a told level after another known one.
 void Wait::NoteEdges() {
     for (const PinChange& change : m_watch.Changes()) {
         const PinState* const state = m_watch.States().Find(change.tag);

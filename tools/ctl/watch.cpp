@@ -99,7 +99,7 @@ bool Watch::IsWanted(const CMessage& message) const {
     return m_options.pins.empty();
 }
 
-// The present state, which is asked for first, is no change.
+// The initial state, which is read first, is no change.
 bool Watch::IsFirst(const PinChange& change) const {
     return !change.before && change.cause == PinChange::Cause::Answered;
 }
@@ -108,7 +108,7 @@ bool Watch::IsCounted(const PinChange& change) const {
     return IsWanted(change.tag) && change.IsNewLevel() && !IsFirst(change);
 }
 
-// Of pins that the user named, the present state is shown.
+// For pins that the user named, the initial state is shown.
 bool Watch::IsShown(const PinChange& change) const {
     if (!IsWanted(change.tag) || (IsFirst(change) && m_options.pins.empty())) {
         return false;

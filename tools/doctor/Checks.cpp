@@ -91,7 +91,7 @@ void ExaminePort(const Facts& facts, Findings& findings) {
     }
 }
 
-// The interface of the bus: the one that TQRD names, or eth0. Empty when it is not there.
+// The interface of the bus: the one whose address TQRD sends, or eth0. Empty if there is none.
 std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     const std::optional<uint32_t> named = facts.answer.table.InterfaceAddress();
     if (named.value_or(0) != 0) {
@@ -149,7 +149,7 @@ void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string&
                         std::string(RESTART) + "; orvex(8), DIAGNOSTICS, \"join\""});
 }
 
-// What waits at both looks is not being read.
+// Data that waits at both checks is not being read.
 void ExamineQueues(const Facts& facts, Findings& findings) {
     unsigned long waiting = 0;
     unsigned long lost = 0;
@@ -194,8 +194,8 @@ void ExamineAnswer(const Facts& facts, Findings& findings) {
     }
 }
 
-// What a connection with subscriptions has carried at least: the questions after connecting, the
-// configuration, the subscriptions and what they were answered.
+// The minimum that a connection with subscriptions has carried: the questions after connecting, the
+// configuration, the subscriptions and their answers.
 Carried LeastCarried(const ChannelTable& table) {
     Carried least = {sizeof "SET\nCFG GPO\n" - 1, 0};
     for (int number = 1; number <= CHANNEL_COUNT; ++number) {
@@ -211,7 +211,7 @@ Carried LeastCarried(const ChannelTable& table) {
     return least;
 }
 
-// Whether TQRD, here on this host, was started after the daemon.
+// Whether TQRD, if on this host, was started after the daemon.
 bool IsTqrdNewer(const Facts& facts) {
     for (const SocketRow& row : facts.tcp) {
         if (row.state == TCP_LISTEN && row.local_port == facts.tqrd.GetPort()) {

@@ -1,4 +1,4 @@
-// What can be seen of the daemon and of what it depends on, on the device.
+// Facts about the daemon and its surroundings on the device.
 #pragma once
 
 #include <netinet/tcp.h>
@@ -12,18 +12,18 @@
 #include "tools/doctor/Processes.h"
 #include "tools/tqrd/AskTable.h"
 
-// The bus as the daemon is expected to serve it.
+// How the daemon is expected to serve the bus.
 struct ExpectedBus {
     uint32_t group = 0;  // network byte order
     std::string device = "eth0";
 };
 
-// What the bus answered when the daemon was asked for the pins of its channels.
+// The daemon's answer when asked on the bus for the pins of its channels.
 struct BusAnswer {
     bool was_asked = false;
-    std::string problem;  // why it was not, or what stood in the way
+    std::string problem;  // why it was not asked, or what prevented an answer
     bool has_answered = false;
-    std::vector<int> stale_inputs;  // channels whose input differs from what TQRD tells
+    std::vector<int> stale_inputs;  // channels whose input differs from TQRD's
 };
 
 struct Facts {
@@ -33,26 +33,26 @@ struct Facts {
     std::vector<Membership> memberships;
     std::vector<InterfaceAddress> interfaces;
     int syn_retries = 0;   // 0: not known
-    std::string pid_file;  // what /run/orvex.pid says; empty: there is none
-    CSvcAddress tqrd;      // where TQRD is for the daemon
-    TableAnswer answer;    // what it tells us
+    std::string pid_file;  // content of /run/orvex.pid; empty: there is none
+    CSvcAddress tqrd;      // the daemon's address of TQRD
+    TableAnswer answer;    // its answer to us
     BusAnswer bus;
-    std::vector<SocketRow> later_udp;  // the table once more, after all that
+    std::vector<SocketRow> later_udp;  // the table again, after all that
 
-    // The running daemons; one when all is well.
+    // The running daemons; normally one.
     std::vector<const RunningProgram*> Daemons() const;
     const RunningProgram* Daemon() const;
 
-    // The program that has the socket, null when that can't be seen.
+    // The program that owns the socket; null if that is not visible.
     const RunningProgram* OwnerOf(const SocketRow& socket) const;
 
-    // The daemon's TCP socket to that place, null when it has none or does not show them.
+    // The daemon's TCP socket to that address; null if it has none or hides them.
     const SocketRow* DaemonSocket(uint32_t ip, uint16_t port) const;
 
-    // The interface that has the address, empty when none has.
+    // The interface with the address; empty if there is none.
     std::string DeviceOf(uint32_t ip) const;
 };
 
-// Looks at the system and asks TQRD, at the daemon's -r or else at the given place. Does not ask
-// the bus, which would join the group, and does not look for the second time.
+// Examines the system and queries TQRD, at the daemon's -r or else at the given address. Does not
+// query the bus, which would join the group, and does not read the table again.
 Facts Look(const CSvcAddress& tqrd, std::chrono::milliseconds limit);

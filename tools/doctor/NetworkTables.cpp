@@ -12,7 +12,7 @@
 
 namespace {
 
-// "0100007F:005D"; the address as its bytes lie in memory.
+// "0100007F:005D"; the address's bytes are in memory order.
 void ReadEndpoint(std::istream& row, uint32_t& ip, uint16_t& port) {
     char colon = 0;
     row >> std::hex >> ip >> colon >> port >> std::dec;
@@ -48,7 +48,7 @@ std::vector<SocketRow> ReadSockets(const std::string& protocol) {
     return rows;
 }
 
-// A line a device ("2 eth0 : 1 V3"), then one a group of it, which begins with blanks.
+// A line per device ("2 eth0 : 1 V3"), then one per group, which begins with blanks.
 std::vector<Membership> ReadMemberships() {
     std::vector<Membership> memberships;
     std::ifstream table("/proc/net/igmp");

@@ -11,11 +11,11 @@ struct SocketRow {
     uint32_t remote_ip = 0;
     uint16_t local_port = 0;
     uint16_t remote_port = 0;
-    unsigned state = 0;  // as the system numbers them: TCP_ESTABLISHED and so on
+    unsigned state = 0;  // as the system numbers them: TCP_ESTABLISHED and others
     unsigned long unsent = 0;
     unsigned long unread = 0;  // bytes that wait for the program
-    unsigned long inode = 0;   // names the socket in /proc/PID/fd; 0: no program has it
-    unsigned long drops = 0;   // UDP: datagrams lost for want of room
+    unsigned long inode = 0;   // identifies the socket in /proc/PID/fd; 0: no program has it
+    unsigned long drops = 0;   // UDP: datagrams lost for lack of room
 };
 
 struct Membership {
@@ -25,10 +25,10 @@ struct Membership {
 
 struct InterfaceAddress {
     std::string device;
-    uint32_t ip = 0;  // network byte order, 0: has none
+    uint32_t ip = 0;  // network byte order, 0: none
 };
 
-// protocol is "tcp" or "udp". Empty when there is no such table.
+// protocol is "tcp" or "udp". Empty if there is no such table.
 std::vector<SocketRow> ReadSockets(const std::string& protocol);
 std::vector<Membership> ReadMemberships();
 

@@ -22,8 +22,8 @@ std::string ReadLink(const fs::path& path) {
     return fs::read_symlink(path, error).string();
 }
 
-// A program of another user doesn't show its network and may be in ours. One that has ended and is
-// still in the table has none.
+// A program of another user hides its network namespace, and may be in ours. One that has ended but
+// is still in the table has none.
 bool IsInNetwork(const fs::path& folder, const std::string& network) {
     std::error_code error;
     const fs::path own = fs::read_symlink(folder / "ns/net", error);
@@ -32,7 +32,7 @@ bool IsInNetwork(const fs::path& folder, const std::string& network) {
                  : own == network;
 }
 
-// Texts that end with a NUL each.
+// Texts that each end with a NUL.
 std::vector<std::string> Split(const std::string& text) {
     std::vector<std::string> words;
     std::istringstream in(text);
@@ -55,7 +55,7 @@ void ReadSocketsOf(const fs::path& folder, RunningProgram& program) {
     }
 }
 
-// The 22nd field of the line; the second, the name, is in brackets and may hold anything.
+// The 22nd field of the line; the second, the name, is in brackets and may contain anything.
 unsigned long long StartTime(const std::string& stat) {
     std::istringstream fields(stat.substr(std::min(stat.rfind(')'), stat.size() - 1) + 1));
     std::string skipped;

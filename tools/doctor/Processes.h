@@ -1,4 +1,4 @@
-// Programs that run on this host, and the sockets they have.
+// Programs running on this host, and their sockets.
 #pragma once
 
 #include <sys/types.h>
@@ -12,16 +12,16 @@ struct RunningProgram {
     unsigned long long started = 0;  // ticks since the system started
     std::string name;
     std::vector<std::string> arguments;    // the program's own name first
-    std::vector<std::string> environment;  // "NAME=value"; empty when it may not be read
+    std::vector<std::string> environment;  // "NAME=value"; empty if it can't be read
     bool shows_sockets = false;            // false: that needs more privileges
     std::set<unsigned long> sockets;       // their inodes
 
-    // The value behind the last such option; empty when there is none.
+    // The value after the last such option; empty if there is none.
     std::string Option(const std::string& option) const;
 
-    // Empty when it is not set.
+    // Empty if it is not set.
     std::string Variable(const std::string& variable) const;
 };
 
-// Those of this network namespace, and those of which that can't be told.
+// Those in this network namespace, and those whose namespace is unknown.
 std::vector<RunningProgram> ReadPrograms();

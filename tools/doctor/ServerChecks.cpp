@@ -16,7 +16,7 @@ const int GOOD_SYN_RETRIES = 2;
 const char* const LIMIT =
     "ORVEX_CONNECT_TIMEOUT=2 in /etc/default/orvex, or sysctl -w net.ipv4.tcp_syn_retries=2";
 
-// Why a server can't be reached, found out by trying.
+// Why a server can't be reached, found by trying.
 struct Probe {
     int error = 0;
     std::string problem;

@@ -21,7 +21,7 @@ public:
         return word;
     }
 
-    // What has not been read yet.
+    // The unread rest.
     std::string Rest() const { return m_line.substr(m_pos); }
 
     bool AtEnd() const { return m_pos == m_line.size(); }

@@ -1,5 +1,5 @@
-// The device that the stand-in server plays: its pins, its configuration, and what control lines do
-// to them.
+// The device that the stand-in server plays: its pins, its configuration, and the effects of
+// control lines.
 #pragma once
 
 #include <array>
@@ -12,22 +12,22 @@
 
 class LineWords;
 
-// What a line led to: an error, or lines to send. The lines have no line end.
+// The effect of a line: an error, or lines to send, without line ends.
 struct LineEffect {
-    std::string error;                   // why the line was refused; empty when it was understood
+    std::string error;                   // why the line was refused; empty if it was understood
     std::vector<std::string> answers;    // for the client that sent the line
     std::vector<std::string> broadcast;  // for every client
-    int changed_input = 0;               // its InputLine() is for those who subscribed to it
+    int changed_input = 0;               // its InputLine() is for the clients that subscribed to it
     int subscribe = 0;                   // the input that the client subscribes to
     int unsubscribe = 0;                 // the input that the client unsubscribes from
 };
 
-// 256 inputs (GPI), 32 outputs (GPO), five pins each, all high at first; a configuration line an
-// output; settings. Knows neither sockets nor the time, which its callers pass in.
+// 256 inputs (GPI), 32 outputs (GPO), five pins each, all high at first; a configuration line for
+// each output; settings. It does not use sockets or a clock; callers pass the time.
 //
-// A state text has one to five characters, one a pin: 'H' or 'h' (high), 'L' or 'l' (low), 'x'
-// (leave this pin alone). Pins keep the character as it was given. Pins beyond the text are left
-// alone. Numbers may be decimal, hexadecimal (0x) or octal (0).
+// A state text has one to five characters, one for each pin: 'H' or 'h' (high), 'L' or 'l' (low),
+// 'x' (leave this pin alone). Pins keep the given character. Pins beyond the text are left alone.
+// Numbers may be decimal, hexadecimal (0x) or octal (0).
 class DeviceState {
 public:
     static constexpr int INPUTS = 256;
@@ -36,12 +36,12 @@ public:
 
     using Clock = std::chrono::steady_clock;
 
-    // A set of inputs; an input is the bit of its number.
+    // A set of inputs; each input is the bit of its number.
     using InputSet = std::bitset<INPUTS + 1>;
 
     DeviceState();
 
-    // Takes a line of the device's operator, in the words that the server itself would send:
+    // Carries out a line of the device's operator, in the words that the server itself would send:
     //   SET field...               settings; replaces the SET line that begins with the same tag
     //   CFG GPO n field...         configuration of an output; replaces the one it had
     //   GPI n state                state of an input
@@ -49,25 +49,25 @@ public:
     // A line that changes nothing has an empty effect.
     LineEffect Apply(const std::string& line, Clock::time_point now);
 
-    // Takes a line of a client:
+    // Carries out a line of a client:
     //   SET                        asks for the settings
     //   CFG GPO                    asks for the configuration of all outputs
     //   ADD GPI n, DEL GPI n       subscribes to an input (it is reported at once), unsubscribes
     //   GPO n state [DURATION:ms]  sets pins of an output
     LineEffect Request(const std::string& line, Clock::time_point now);
 
-    // With a duration, a pin returns after that many milliseconds to the state it had before. A
-    // later line for the pin takes the pin over: without a duration it stays as that line says,
-    // with one it returns, after the new time, to where it was before the first.
+    // With a duration, a pin returns after that many milliseconds to its earlier state. A later
+    // line for the pin replaces that: without a duration the pin stays as that line says; with one
+    // it returns, after the new time, to its state before the first.
     //
     // Ends the durations that are over. Returns the lines, for every client, of the outputs that
-    // changed by that.
+    // changed.
     std::vector<std::string> Expire(Clock::time_point now);
 
-    // When the next duration ends, if any runs.
+    // When the next duration ends, if any is running.
     std::optional<Clock::time_point> NextExpiry() const;
 
-    // "GPI n state" and "GPO n state" as they stand.
+    // The current "GPI n state" and "GPO n state".
     std::string InputLine(int number) const;
     std::string OutputLine(int number) const;
 
@@ -93,7 +93,7 @@ private:
     std::string AnswerConfiguration(LineWords& words, LineEffect& effect) const;
     std::string Subscribe(LineWords& words, bool on, LineEffect& effect) const;
 
-    std::vector<std::string> m_settings;  // in the order they were made: the last word counts
+    std::vector<std::string> m_settings;  // in the order they were made; the last one counts
     std::map<int, std::string> m_configuration;
     std::vector<std::string> m_inputs;
     std::vector<Output> m_outputs;

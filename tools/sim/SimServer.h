@@ -1,4 +1,4 @@
-// A stand-in control server: a DeviceState behind TCP connections that speak TQR control lines.
+// A stand-in control server: a DeviceState behind TCP connections that exchange control lines.
 #pragma once
 
 #include <poll.h>
@@ -14,16 +14,16 @@
 #include "tools/sim/DeviceState.h"
 
 // Plays a device with one state to any number of clients on any number of addresses. For one
-// thread: it works only inside its calls and blocks only in Step(), so several servers, and
-// whatever else a program waits for, fit into one poll loop:
+// thread: it works only inside its calls and blocks only in Step(), so several servers, and other
+// descriptors, fit into one poll loop:
 //
 //     std::vector<pollfd> fds;
 //     server.AddDescriptors(fds);
 //     poll(fds.data(), fds.size(), server.Timeout(limit));
 //     server.Serve(fds);
 //
-// Clients can neither harm nor hold it up: a client whose line grows too long, or that does not
-// read what it is sent, is dropped.
+// Clients can neither harm nor delay it: a client whose line is too long, or that does not read its
+// output, is dropped.
 class SimServer {
 public:
     static constexpr size_t MAX_CLIENTS = 500;
@@ -33,29 +33,29 @@ public:
 
     struct Event {
         EventKind kind;
-        std::string peer;  // "IP:PORT" of the client, or of the listener that has the problem
+        std::string peer;  // "IP:PORT" of the client, or of the listener with the problem
         std::string text;  // the line without its end; the bytes of SendRaw(); or what happened
     };
 
-    // Is told of all that happens, in order. May call everything of the server but Step(),
+    // Is called for each event, in order. May call everything of the server except Step(),
     // StepAll() and Serve().
     using Observer = std::function<void(const Event&)>;
 
     explicit SimServer(Observer observer = nullptr);
 
-    // Listens on an IPv4 address (a dotted quad) and port too, and returns the port: 0 chooses a
-    // free one. Throws std::system_error when that is not possible.
+    // Also listens on this IPv4 address (a dotted quad) and port, and returns the port: 0 chooses a
+    // free one. Throws std::system_error on failure.
     uint16_t Listen(const std::string& ip, uint16_t port);
 
-    // The port that the last Listen() returned. Close() leaves it as it is, so that
-    // Listen(ip, Port()) brings the server back to where it was.
+    // The port that the last Listen() returned. Close() does not change it, so that Listen(ip,
+    // Port()) restores the server.
     uint16_t Port() const { return m_port; }
 
-    // Takes a line of the operator (see DeviceState::Apply) and tells the clients what changed.
-    // Returns why the line was refused, empty when it was not.
+    // Carries out a line of the operator (see DeviceState::Apply) and sends the changes to the
+    // clients. Returns why the line was refused, or an empty text.
     std::string Apply(const std::string& line);
 
-    // Sends bytes as they are to every client.
+    // Sends bytes unchanged to every client.
     void SendRaw(const std::string& bytes);
 
     // Closes all connections. Clients may connect again.
@@ -67,17 +67,16 @@ public:
     size_t ClientCount() const;
     const DeviceState& Device() const { return m_device; }
 
-    // A line about each client: its address and the inputs it subscribed to ("127.0.0.1:4711 GPI
-    // 3").
+    // A line about each client: its address and its subscriptions ("127.0.0.1:4711 GPI 3").
     std::vector<std::string> DescribeClients() const;
 
-    // Waits at most timeout milliseconds (-1: no limit) for something to do, and does it.
+    // Waits at most timeout milliseconds (-1: no limit) for events, and handles them.
     void Step(int timeout) { StepAll({this}, timeout); }
 
     // The same for several servers at once.
     static void StepAll(const std::vector<SimServer*>& servers, int timeout);
 
-    // The three parts of a turn, for loops that wait for other things as well. Serve() may be given
+    // The three parts of a turn, for loops that wait for other descriptors too. Serve() ignores
     // descriptors that are not the server's own.
     void AddDescriptors(std::vector<pollfd>& fds) const;
     int Timeout(int limit) const;
@@ -92,7 +91,7 @@ private:
         Descriptor socket;
         std::string peer;
         LineBuffer input;
-        std::string output;  // accepted for sending, not yet taken by the system
+        std::string output;  // accepted for sending, not yet passed to the system
         DeviceState::InputSet subscriptions;
     };
     using Clock = DeviceState::Clock;
@@ -112,9 +111,9 @@ private:
     Observer m_observer;
     DeviceState m_device;
     uint16_t m_port = 0;
-    Clock::time_point m_accept_after;  // a pause, when the system had no descriptor left
+    Clock::time_point m_accept_after;  // a pause, if the system had no descriptor left
 
-    // Closed ones stay in these lists until the end of Serve(), which may be working on them.
+    // Closed ones stay in these lists until the end of Serve(), which may be using them.
     std::list<Listener> m_listeners;
     std::list<Connection> m_clients;
 };

@@ -68,7 +68,7 @@ std::optional<Address> ParseAddress(const std::string& text) {
     return Address{text.substr(0, colon), static_cast<uint16_t>(std::stoi(port))};
 }
 
-// Reads the command line. Returns the exit status when there is nothing left to do.
+// Reads the command line. Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CLI::App app(DESCRIPTION, APP_NAME);
     app.footer(COMMANDS);
@@ -118,7 +118,7 @@ void PrintEvent(const SimServer::Event& event) {
     }
 }
 
-// The line without blanks around it; empty when it is a comment.
+// The line without surrounding blanks; empty if it is a comment.
 std::string Content(const std::string& line) {
     const size_t begin = line.find_first_not_of(" \t\r");
     if (begin == std::string::npos || line[begin] == '#') {
@@ -212,7 +212,7 @@ private:
         }
     }
 
-    // In the syntax of FILE, so that it may become one.
+    // In the syntax of FILE.
     void Show() {
         for (const std::string& line : m_server.Device().Lines()) {
             printf("%s\n", line.c_str());
@@ -251,8 +251,8 @@ int Main(int argc, char** argv) {
     if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
         return *status;
     }
-    // Lines are seen when they happen, through a pipe as well. In the background of a shell, a read
-    // from the terminal fails instead of stopping the program.
+    // Lines are flushed at once, so that they are seen through a pipe too. In the background of a
+    // shell, a read from the terminal fails instead of stopping the program.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGTTIN, SIG_IGN);
     const Signals signals;

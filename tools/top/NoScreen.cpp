@@ -1,4 +1,4 @@
-// Where there is no ncurses.
+// For builds without ncurses.
 
 #include "tools/top/TopScreen.h"
 

@@ -17,12 +17,12 @@ namespace {
 
 const int HEADING_LINES = 3;
 const int HELP_LINES = 1;
-const std::chrono::milliseconds LIT(1500);  // how long a change stands out
+const std::chrono::milliseconds LIT(1500);  // how long a change is highlighted
 const short COLOR_LOW = 1;
 const short COLOR_CHANGED = 2;
 const wchar_t ESCAPE = 27;
 
-// The text as it fills so many columns, cut or with blanks behind it. What can't be shown is a '?'.
+// The text fitted to that many columns, truncated or padded. What can't be shown is a '?'.
 std::wstring Fit(const std::string& text, int columns) {
     std::wstring shown;
     std::mbstate_t state = {};
@@ -122,7 +122,7 @@ TopKey CursesScreen::TakeKey() {
             case KEY_F(10):
                 return {Kind::Quit, {}};
             default:
-                return {Kind::Text, {}};  // nothing is typed by it
+                return {Kind::Text, {}};  // types nothing
         }
     }
     switch (static_cast<wchar_t>(key)) {

@@ -6,36 +6,35 @@
 
 #include "tools/top/TopTable.h"
 
-// Keys as top knows them; what is typed comes as Text.
+// The keys of top; typed characters come as Text.
 struct TopKey {
     enum class Kind { None, Text, Erase, Clear, Sort, Pause, Up, Down, PageUp, PageDown, Quit };
     Kind kind = Kind::None;
     std::string text;
 };
 
-// What stands above the rows.
+// The lines above the rows.
 struct TopHeading {
     std::string bus;  // "239.192.255.4 on eth0"
     size_t pins = 0;
-    double changes = 0;  // a second
+    double changes = 0;  // per second
     bool is_paused = false;
-    std::string note;  // "eth0 is down"; empty: nothing to say
+    std::string note;  // "eth0 is down"; empty: nothing to show
 };
 
-// Draws on the terminal from the moment it is made until it ends, and leaves the terminal as it
-// was. One to a process.
+// Draws on the terminal during its lifetime, and restores the terminal afterwards. One per process.
 class TopScreen {
 public:
     virtual ~TopScreen() = default;
 
-    // Null when this build has no screen. Throws std::runtime_error with the reason when standard
-    // input and output are no terminal that can be drawn on.
+    // Null if this build has no screen. Throws std::runtime_error with the reason if standard input
+    // and output are no usable terminal.
     static std::unique_ptr<TopScreen> Open();
 
-    // The next key that was pressed; Kind::None when there is none. Never waits.
+    // The next key pressed; Kind::None if there is none. Never waits.
     virtual TopKey TakeKey() = 0;
 
-    // Draws the rows from the first one on; keeps first within what there is.
+    // Draws the rows from first on; keeps first within range.
     virtual void Draw(const TopHeading& heading, TopTable& table, size_t& first, TimePoint now) = 0;
 
     virtual size_t VisibleRows() const = 0;
@@ -43,6 +42,6 @@ public:
     // After SIGWINCH.
     virtual void Resize() = 0;
 
-    // Gives the terminal back, and takes it again with the next Draw().
+    // Releases the terminal until the next Draw().
     virtual void Suspend() = 0;
 };

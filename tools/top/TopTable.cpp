@@ -116,7 +116,8 @@ bool TopTable::Matches(const TopRow& row) {
            (row.writer != 0 && HostText(row.writer).find(m_search) != std::string::npos);
 }
 
-// By address, then in1 to in5 and out1 to out5: circuits count down. That decides between equals.
+// By address, then in1 to in5 and out1 to out5: circuits count down. This decides between equal
+// rows.
 void TopTable::Order() {
     std::sort(m_rows.begin(), m_rows.end(),
               [](const TopRow& a, const TopRow& b) { return (a.tag ^ 0xFF) < (b.tag ^ 0xFF); });

@@ -1,4 +1,4 @@
-// The rows of top: which pins, in which order, and what is said of each.
+// The rows of top: which pins, in which order, with which content.
 #pragma once
 
 #include <map>
@@ -26,30 +26,30 @@ class TopTable {
 public:
     explicit TopTable(const Names& names) : m_names(names) {}
 
-    // Rows whose pin, name or writer has the text in it, in whatever case; empty: all.
+    // Rows whose pin, name or writer contains the text, ignoring case; empty: all.
     void SetFilter(const std::string& filter);
     const std::string& Filter() const { return m_filter; }
 
     void SetSort(TopSort sort) { m_sort = sort; }
     TopSort Sort() const { return m_sort; }
 
-    // Makes the rows anew, of what is known now.
+    // Rebuilds the rows from the current states.
     void Update(const PinStates& states);
     const std::vector<TopRow>& Rows() const { return m_rows; }
 
-    // "1:2:out1" and "studio1.onair", empty when it has no name.
+    // "1:2:out1" and "studio1.onair", empty if it has no name.
     const std::string& PinOf(const TopRow& row) { return LabelOf(row.tag).pin; }
     const std::string& NameOf(const TopRow& row) { return LabelOf(row.tag).name; }
 
-    // One flat object, as for any pin, with "state", "denied" when it is, and "writer", the host
-    // that wrote it last or null. Its "time" and "host" are those of the level.
+    // One flat object, as for any pin, with "state", "denied" if true, and "writer", the host that
+    // wrote it last, or null. Its "time" and "host" are those of the level.
     std::string ToJson(const PinState& state, uint32_t tag) const;
 
 private:
     struct Label {
         std::string pin;
         std::string name;
-        std::string search;  // both, in small letters
+        std::string search;  // both, in lower case
     };
 
     const Label& LabelOf(uint32_t tag);
@@ -58,15 +58,15 @@ private:
 
     const Names& m_names;
     std::string m_filter;
-    std::string m_search;  // the filter in small letters
+    std::string m_search;  // the filter in lower case
     TopSort m_sort = TopSort::Pin;
     std::vector<TopRow> m_rows;
-    std::map<uint32_t, Label> m_labels;  // as many as there are pins
+    std::map<uint32_t, Label> m_labels;  // one for each pin
 };
 
 const char* SortText(TopSort sort);
 const char* StatusText(const TopRow& row);
 
-// How long the level has been known: "0.4s", "12s", "5m03s", "2h10m", "3d04h"; after a '>' when it
-// may have been so for longer.
+// How long the level has been known: "0.4s", "12s", "5m03s", "2h10m", "3d04h"; after a '>' if it
+// may be longer.
 std::string AgeText(const TopRow& row, TimePoint now);

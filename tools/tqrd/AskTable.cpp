@@ -8,7 +8,7 @@ namespace {
 
 const std::chrono::milliseconds SILENCE(200);
 
-// Whether the state of each input that was asked for is there.
+// Whether the state of every requested input has come.
 bool HasInputs(const ChannelTable& table) {
     const std::vector<int> channels = table.Find(KIND_BUS);
     return std::none_of(channels.begin(), channels.end(),

@@ -1,4 +1,4 @@
-// Asks a control server for all that it tells about channels.
+// Queries a control server for everything about its channels.
 #pragma once
 
 #include <chrono>
@@ -9,15 +9,15 @@
 
 struct TableAnswer {
     ChannelTable table;
-    bool has_answered = false;  // the server has told something
+    bool has_answered = false;  // the server has sent something
     std::string problem;        // why the connection could not be made or ended; else empty
     int error = 0;              // TqrdClient::Error()
 };
 
-// Connects and asks for settings and channels, then subscribes to the inputs of the channels on the
-// bus, on a connection of its own: other clients' subscriptions are not touched. The protocol has
-// no end of an answer, so this returns when all these inputs were told and the server has been
-// silent for 200 ms, after the limit at the latest. With a time to listen it returns after that:
-// outputs are told when they change.
+// Connects and requests settings and channels, then subscribes to the inputs of the channels on the
+// bus, on its own connection: other clients' subscriptions are not affected. The protocol does not
+// mark the end of an answer, so this returns when all these inputs have come and the server has
+// been silent for 200 ms, or at the limit. With a time to listen it returns after that: outputs are
+// sent when they change.
 TableAnswer AskTable(const CSvcAddress& server, std::chrono::milliseconds limit,
                      std::chrono::milliseconds listen = {});

@@ -9,7 +9,7 @@
 
 namespace {
 
-const size_t WORD_SIZE = 4;  // "CFG " and its like
+const size_t WORD_SIZE = 4;  // "CFG " and others
 
 const char* SkipWord(const std::string& line, const char* word) {
     return line.compare(0, WORD_SIZE, word) == 0 ? line.c_str() + WORD_SIZE : nullptr;
@@ -50,7 +50,7 @@ ChannelTable::Subject ChannelTable::TakeConfiguration(const char* text) {
     return {Kind::Configuration, number};
 }
 
-// "n state", of any channel: unlike the daemon this keeps the outputs above 8 too.
+// "n state", of any channel: unlike the daemon, this also stores outputs above 8.
 ChannelTable::Subject ChannelTable::TakeState(const char* text, Kind kind) {
     const char* behind = nullptr;
     const long number = tqr_strtol(text, &behind, 0);

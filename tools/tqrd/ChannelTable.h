@@ -1,4 +1,4 @@
-// What the control server has told: its channels and settings, read as the daemon reads them.
+// What the control server has sent: its channels and settings, parsed as the daemon does.
 #pragma once
 
 #include <array>
@@ -8,27 +8,27 @@
 
 #include "app/source.h"
 
-// A channel as its lines tell it. Texts are as the server wrote them.
+// A channel according to its lines. Texts are as the server wrote them.
 struct ChannelInfo {
     bool is_configured = false;  // a line with a source has come
     std::string line;            // that line
     std::string source;          // the value in it, with its quotes
-    ChannelConfig config = {};   // what the daemon makes of the line
-    std::string output;          // state of its GPO, one character a pin; empty: not told
-    std::string input;           // of its GPI
+    ChannelConfig config = {};   // how the daemon reads the line
+    std::string output;          // state of its GPO, one character per pin; empty: not sent
+    std::string input;           // state of its GPI
 };
 
-// Takes lines in the order in which they come. Numbers of channels are 1 to CHANNEL_COUNT.
+// Processes lines in the order of arrival. Channel numbers are 1 to CHANNEL_COUNT.
 class ChannelTable {
 public:
-    // What a line was about. Other: the daemon would ignore it.
+    // The subject of a line. Other: the daemon would ignore it.
     enum class Kind { Other, Settings, Configuration, Input, Output };
     struct Subject {
         Kind kind = Kind::Other;
         int number = 0;  // of the channel, 0 for settings and others
     };
 
-    // Takes a line of the server, without its end.
+    // Processes a line from the server, without its end.
     Subject Take(const std::string& line);
 
     const ChannelInfo& Channel(int number) const { return m_channels[Index(number)]; }
@@ -36,8 +36,8 @@ public:
     // The numbers of the channels of that kind.
     std::vector<int> Find(ChannelKind kind) const;
 
-    // The value of NIC_IPADDR, the address of the bus interface; network byte order, 0 when it
-    // can't be read. None: not told.
+    // The value of NIC_IPADDR, the address of the bus interface, in network byte order; 0 if it is
+    // malformed. None: not sent.
     std::optional<uint32_t> InterfaceAddress() const { return m_interface; }
 
 private:
@@ -49,8 +49,8 @@ private:
     std::optional<uint32_t> m_interface;
 };
 
-// The number of the input that a channel of KIND_REMOTE follows: the server is asked for 8 bits of
-// it.
+// The number of the input that a channel of KIND_REMOTE follows: only 8 bits of it are sent to the
+// server.
 int RemoteInput(const ChannelConfig& config);
 
 // "10.0.0.9:94", the server of a channel of KIND_REMOTE.

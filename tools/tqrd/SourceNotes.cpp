@@ -21,7 +21,7 @@ std::string PlainText(const std::string& value) {
     return text.compare(0, 6, "tqs://") == 0 ? text.substr(6) : text;
 }
 
-// What follows the first separator; empty when there is none.
+// The part after the first separator; empty if there is none.
 std::string After(const std::string& text, char separator) {
     const size_t at = text.find(separator);
     return at == std::string::npos ? std::string() : text.substr(at + 1);
@@ -73,7 +73,7 @@ private:
     std::vector<std::string> m_notes;
 };
 
-// The value alone would be read in another way.
+// The value alone would be read differently.
 void Notes::AboutLaterFields() {
     const ChannelConfig alone = parse_source(m_value.c_str());
     if (!(alone == m_config)) {
@@ -174,6 +174,6 @@ std::string FieldText(const char* value) {
     std::string text(strlen(value) + 2, '\0');
     char* end = text.data();
     tqr_copyval(value, end);
-    text.resize(static_cast<size_t>(end - text.data()) - 1);  // without the blank behind it
+    text.resize(static_cast<size_t>(end - text.data()) - 1);  // without the blank after it
     return text;
 }

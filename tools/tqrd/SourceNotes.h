@@ -1,4 +1,4 @@
-// Why a source means what it means.
+// Explains how a source is read.
 #pragma once
 
 #include <optional>
@@ -7,15 +7,15 @@
 
 #include "app/source.h"
 
-// What the daemon makes of a source, and what in it does not mean what it seems to.
+// How the daemon reads a source, and what in it does not mean what it seems to mean.
 struct SourceReading {
     std::string source;  // the value as written
     ChannelConfig config;
-    std::vector<std::string> notes;  // sentences, most telling first; empty: it means what it says
+    std::vector<std::string> notes;  // sentences, the most important first; empty: no surprises
 };
 
-// Reads "SRCA=value", with further fields or not, or a whole line "CFG GPO n SRCA=value". None when
-// the daemon would find no source in it.
+// Reads "SRCA=value", with or without further fields, or a whole line "CFG GPO n SRCA=value". None
+// if the daemon would find no source in it.
 std::optional<SourceReading> ReadSource(const std::string& text);
 
 // The field that begins at value, up to its end, with quotes and escapes.

@@ -99,13 +99,13 @@ void TqrdClient::FinishConnecting() {
     }
 }
 
-// Gives the system as much as it takes without waiting.
+// Passes as much to the system as it takes without waiting.
 void TqrdClient::Flush() {
     while (!m_output.empty()) {
         const ssize_t sent =
             send(m_socket.Get(), m_output.data(), m_output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {
-            // What the server sent before it broke the connection can still be received.
+            // What the server sent before it reset the connection can still be received.
             if (!IsTransient(errno)) {
                 m_output.clear();
             }
@@ -115,7 +115,7 @@ void TqrdClient::Flush() {
     }
 }
 
-// One read: the buffer holds a line and what was read last, however fast the server sends.
+// Reads once: the buffer holds at most a line and the last read, however fast the server sends.
 void TqrdClient::Receive() {
     char data[READ_SIZE];
     const ssize_t got = recv(m_socket.Get(), data, sizeof data, MSG_DONTWAIT);
@@ -156,7 +156,7 @@ bool TqrdClient::Wait(std::string& line, Clock::time_point until) {
     return true;
 }
 
-// Without words of its own a problem has those of the system.
+// A problem without a text of its own gets the system's.
 void TqrdClient::Fail(int error, const std::string& problem) {
     Close();
     m_problem = problem.empty() ? ErrorText(error) : problem;
