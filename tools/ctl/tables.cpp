@@ -12,61 +12,58 @@ void Switch(Options& options, const std::string&) {
     options.*MEMBER = true;
 }
 
-const ArgumentSpec PINS = {
-    "ADDRESS[:PIN]", false, true, Completion::Pin, "Only what is about these", AddPins};
+const ArgumentSpec PINS = {"ADDRESS[:PIN]",   false,  true, Completion::Pin,
+                           "Only these pins", AddPins};
 
 const char* const WATCH_DETAILS =
-    "With pins, asks for them first and shows only what is about them; pins that nobody answers\n"
-    "for are noted. With --changes, a line for each pin that changes: reports and answers of\n"
+    "With pins, reads them first, notes those without an answer, and shows only what concerns\n"
+    "them. With --changes, prints a line for each pin that changes: reports and answers of\n"
     "devices, and writes with their sender, which are not confirmed until a device answers.\n"
-    "Without it, all messages; of two that are alike from one host within 250 ms, which devices\n"
-    "send, only the first, unless --all asks for both.\n"
+    "Without it, prints all messages. Devices send each message twice; the second one is shown\n"
+    "with --all.\n"
     "FORMAT has %p pin, %n its name, %x its text, %g its group, %l level, %o level before, %d\n"
     "duration, %k kind, %s state, %h host, %U seconds since 1970, %t time of day.";
 
 const char* const RECORD_DETAILS =
-    "The lines are those of watch --json; send plays them back. A file that is there already is\n"
-    "overwritten with --force alone.";
+    "The lines are those of watch --json; send plays them back. An existing file is overwritten\n"
+    "only with --force.";
 
 const char* const SET_DETAILS =
-    "All pins go in one message. A DURATION in ms is rounded to 10 to 310 ms in steps of 10 or "
-    "250\n"
-    "to 7750 ms in steps of 250, and the pin then returns; without one the level stays. Nobody\n"
-    "answers a write: with --check the pins are read back until each has its level, and the exit\n"
-    "status is 3 when one has not in the time of -W.";
+    "All pins are in one message. A DURATION in ms is rounded to 10 to 310 ms in steps of 10 or\n"
+    "250 to 7750 ms in steps of 250; the pin then returns to its earlier level. Devices do not\n"
+    "answer writes: with --check the pins are read back until each has its level, and the exit\n"
+    "status is 3 if one has not within the time of -W.";
 
 const char* const WAIT_DETAILS =
-    "Ends when all pins have their levels, which they may have from the start. A level counts "
-    "when\n"
-    "a device has told it; what was written only does not. With --edge each must change to its\n"
-    "level while we wait. Without --for there is no limit.";
+    "Ends when all pins have their levels, which they may have from the start. Only levels that a\n"
+    "device has told count, not those that were only written. With --edge each pin must change to\n"
+    "its level during the wait. Without --for there is no limit.";
 
 const char* const LIST_DETAILS =
-    "RANGE is an address, or two with a '-' between; without it 0 to 255:255. Prints a line for "
-    "each\n"
-    "address that is there: the hosts that answer for it, its five inputs and its five outputs.\n"
-    "0-0xFFFFFF asks for all there are, which takes four minutes.";
+    "RANGE is an address, or two joined by '-'; the default is 0 to 255:255. Prints a line for\n"
+    "each address in use: the hosts that answer for it, its five inputs and its five outputs.\n"
+    "0-0xFFFFFF reads all addresses, which takes four minutes.";
 
 const char* const SEND_DETAILS =
-    "Takes what every command prints with --json. A message goes to the port of its \"port\", "
-    "without\n"
-    "one to that of -p, and is acknowledged when its \"reliable\" is true; only \"id\" and "
-    "\"items\"\n"
-    "must be there. What is about one pin becomes a write, or a report when that is its \"kind\":\n"
+    "Accepts what every command prints with --json. A message is sent to its \"port\", or without\n"
+    "one to that of -p, and with acknowledgement if its \"reliable\" is true; only \"id\" and\n"
+    "\"items\" are required. An object about one pin becomes a write, or with such a \"kind\" a\n"
+    "report:\n"
     "  {\"pin\":\"1:2:out1\",\"level\":\"L\",\"duration\":500}";
 
 }  // namespace
 
 const std::vector<CommandSpec> COMMANDS = {
     {"list",
-     "List the addresses that are on the bus",
+     "List the addresses in use",
      LIST_DETAILS,
-     {{"RANGE", false, false, Completion::Pin, "Addresses to ask for", SetRange}},
+     {{"RANGE", false, false, Completion::Pin, "Addresses to read", SetRange}},
      RunList},
     {"get",
-     "Ask for pins and print their levels",
-     "Prints a line for each pin: its name and L or H. Asks again until everything is answered or\n"
-     "the time is over.",
+     "Read pins and print their levels",
+     "Prints a line for each pin: its name and L or H. Repeats reads until all are answered or "
+     "the\n"
+     "time of -W is over.",
      {{"ADDRESS[:PIN]", true, true, Completion::Pin, "A pin, or all pins of an address", AddPins}},
      RunGet},
     {"set",
@@ -81,7 +78,7 @@ const std::vector<CommandSpec> COMMANDS = {
      {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinLevel, "LEVEL is L or H (low or high)",
        AddCondition}},
      RunWait},
-    {"watch", "Print what happens, as it comes", WATCH_DETAILS, {PINS}, RunWatch},
+    {"watch", "Print messages or changes as they arrive", WATCH_DETAILS, {PINS}, RunWatch},
     {"record",
      "Write what watch --json prints to a file",
      RECORD_DETAILS,
@@ -89,39 +86,38 @@ const std::vector<CommandSpec> COMMANDS = {
       PINS},
      RunRecord},
     {"send",
-     "Send messages from a file, with the gaps between them",
+     "Send messages from a file, at their intervals",
      SEND_DETAILS,
      {{"FILE", true, false, Completion::File, "File to read, - for standard input", SetFile}},
      RunSend},
     {"channels",
      "Print the channels of the control server",
-     "For each output the source as it is written, what the daemon makes of it, and the states of\n"
-     "output and input as the server tells them: inputs when asked, outputs when they change, so\n"
-     "'-' stands for what it did not tell. What does not mean what it seems to is explained.",
+     "For each output: its source as written, how the daemon reads it, and the states of output "
+     "and\n"
+     "input. Servers send inputs on request and outputs when they change; '-' means not sent.\n"
+     "A source that does not mean what it seems to mean is explained.",
      {},
      RunChannels},
     {"doctor",
      "Find out what is wrong with the daemon of this device",
-     "Looks at process, port, interface, group, connections and queues, asks TQRD and the bus, "
-     "and\n"
-     "prints a line a finding: what is the matter, why, and what mends it. Ends with 1 when\n"
-     "something is wrong. As root it sees all; what it can't see it tells.",
+     "Examines process, port, interface, group, connections and queues, queries TQRD and the bus,\n"
+     "and prints a line for each finding: the problem, its cause and its remedy. The exit status\n"
+     "is 1 if something is wrong. Root sees everything; other users see what was left out.",
      {},
      RunDoctor},
     {"top",
-     "Show every pin that is heard of, on the whole screen",
-     "With an ADDRESS, asks for its pins first. What changed stands out for a moment and has a "
-     "'*'.\n"
-     "Type to show only pins with that text in name, pin or writer; Esc shows all, Tab sorts\n"
-     "differently, Space pauses, F10 or Ctrl-C ends. With --json listens for the time of --for\n"
-     "(default: 2 s) and then prints each pin.",
-     {{"ADDRESS[:PIN]", false, true, Completion::Pin, "Ask for these first", AddPins}},
+     "Show every known pin on the full screen",
+     "With an ADDRESS, reads its pins first. Changes are highlighted for a moment and marked '*'.\n"
+     "Typing filters by text in name, pin or writer; Esc shows all, Tab changes the order, Space\n"
+     "pauses, F10 or Ctrl-C quits. With --json, listens for the time of --for (default: 2 s) and\n"
+     "then prints each pin.",
+     {{"ADDRESS[:PIN]", false, true, Completion::Pin, "Read these first", AddPins}},
      RunTop},
 };
 
 const std::vector<OptionSpec> OPTIONS = {
     {"-i,--interface", "NAME|IP", Completion::Interface, nullptr,
-     "Interface of the bus (default: as the system routes the group)",
+     "Interface of the bus (default: by the route to the group)",
      [](Options& options, const std::string& text) { options.bus.iface = text; }},
     {"-g,--group", "IP", Completion::None, nullptr, "Multicast group (default: 239.192.255.4)",
      SetGroup},
@@ -133,22 +129,22 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-n,--names", "FILE", Completion::File, nullptr,
      "File of names (default: $ORVEX_NAMES, else /etc/orvex/names)",
      [](Options& options, const std::string& text) { options.names_file = text; }},
-    {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object a line",
+    {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object per line",
      Switch<&Options::json>},
-    {"-q,--quiet", nullptr, Completion::None, nullptr, "No notes",
+    {"-q,--quiet", nullptr, Completion::None, nullptr, "Print no notes",
      [](Options& options, const std::string&) { options.console.quiet = true; }},
     {"-v,--verbose", nullptr, Completion::None, nullptr,
-     "Tell what goes on; show messages that are sent, and all items",
+     "Print what goes on; show sent messages, and all items",
      [](Options& options, const std::string&) { options.console.verbose = true; }},
     {"-r,--reliable", nullptr, Completion::None, "set send",
-     "Ask for acknowledgement (of a group, the first one counts)", Switch<&Options::reliable>},
+     "Ask for acknowledgement (by one host of a group)", Switch<&Options::reliable>},
     {"-r,--server", "IP[:PORT]", Completion::None, "channels doctor",
-     "Where the control server is (default: 127.0.0.1:93)", SetServer},
+     "Address of the control server (default: 127.0.0.1:93)", SetServer},
     {"--plugin", nullptr, Completion::None, "doctor",
      "One line with performance data, and the exit statuses of a monitoring plugin",
      Switch<&Options::plugin>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
-     "Tell what the daemon makes of this field, or line, and why",
+     "Explain how the daemon reads this field, or line",
      [](Options& options, const std::string& text) { options.explain = text; }},
     {"-k,--check", nullptr, Completion::None, "set",
      "Read the pins back until they have their levels", Switch<&Options::check>},
@@ -157,27 +153,27 @@ const std::vector<OptionSpec> OPTIONS = {
      Switch<&Options::edge>},
     {"-C,--changes", nullptr, Completion::None, "watch", "Print pins that change, and writes",
      Switch<&Options::changes>},
-    {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this form, see below",
+    {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this format, see below",
      SetFormat},
     {"--heartbeat", "SECONDS", Completion::None, "watch",
-     "Print a line that often, to show that we listen", SetHeartbeat},
-    {"-a,--all", nullptr, Completion::None, "watch record", "Show repeats too",
+     "Print a line at this interval while listening", SetHeartbeat},
+    {"-a,--all", nullptr, Completion::None, "watch record", "Show repetitions too",
      Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
      "End after N messages; with pins, after N of their changes", SetCount},
     {"-f,--for", "SECONDS", Completion::None, "wait watch record channels top",
      "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
-    {"--fast", nullptr, Completion::None, "send", "Without gaps", Switch<&Options::fast>},
-    {"--speed", "FACTOR", Completion::None, "send", "That many times as fast (default: 1)",
+    {"--fast", nullptr, Completion::None, "send", "Send without pauses", Switch<&Options::fast>},
+    {"--speed", "FACTOR", Completion::None, "send", "Send so many times as fast (default: 1)",
      SetSpeed},
-    {"--loop", nullptr, Completion::None, "send", "Begin again at the end of the file",
+    {"--loop", nullptr, Completion::None, "send", "Start over at the end of the file",
      Switch<&Options::loop>},
 };
 
 const std::vector<StatusSpec> STATUSES = {
     {STATUS_DONE, "done"},
-    {STATUS_FAILED, "not sent or refused; no access to the bus or a file"},
+    {STATUS_FAILED, "not sent or refused; no access to the bus or to a file"},
     {STATUS_USAGE, "wrong usage"},
-    {STATUS_NO_ANSWER, "no answer, no acknowledgement, not as awaited in time"},
+    {STATUS_NO_ANSWER, "not in time: no answer, no acknowledgement, not the levels"},
 };
