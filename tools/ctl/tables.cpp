@@ -175,5 +175,5 @@ const std::vector<StatusSpec> STATUSES = {
     {STATUS_DONE, "done"},
     {STATUS_FAILED, "not sent or refused; no access to the bus or to a file"},
     {STATUS_USAGE, "wrong usage"},
-    {STATUS_NO_ANSWER, "not in time: no answer, no acknowledgement, not the levels"},
+    {STATUS_NO_ANSWER, "no answer, no acknowledgement, or not the levels in time"},
 };
