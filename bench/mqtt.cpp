@@ -10,12 +10,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "bench/mqtt.h"
+#include "tools/base/RunMain.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/PinName.h"
 
@@ -109,10 +109,7 @@ int Main(const char* name, int runs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
+    return RunMain("orvex-mqtt-path", [&] {
         return Main(argc > 1 ? argv[1] : "", argc > 2 ? std::max(atoi(argv[2]), 1) : 1000);
-    } catch (const std::exception& error) {
-        fprintf(stderr, "orvex-mqtt-path: %s\n", error.what());
-        return 1;
-    }
+    });
 }

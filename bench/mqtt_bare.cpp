@@ -7,13 +7,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <cstring>
-#include <exception>
 #include <stdexcept>
 #include <string>
 
 #include "bench/mqtt.h"
+#include "tools/base/RunMain.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
@@ -70,13 +69,10 @@ void Lamp(mosquitto* client) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
+    return RunMain("orvex-mqtt-bare", [&] {
         mosquitto_lib_init();
         mosquitto* const client = ConnectToBroker();
         argc > 1 && strcmp(argv[1], "contact") == 0 ? Contact(client) : Lamp(client);
         return 0;
-    } catch (const std::exception& error) {
-        fprintf(stderr, "orvex-mqtt-bare: %s\n", error.what());
-        return 1;
-    }
+    });
 }

@@ -1,11 +1,11 @@
 // orvex-mqtt: joins a bus to an MQTT broker.
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <exception>
 #include <optional>
 #include <string>
 
 #include "tools/base/LineBuffer.h"
+#include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
 #include "tools/mqtt/Bridge.h"
@@ -17,7 +17,6 @@ namespace {
 
 const char* const appname = "orvex-mqtt";
 
-const int STATUS_FAILED = 1;
 const int STATUS_USAGE = 2;
 const int STATUS_TAKEN_OVER = 3;
 
@@ -109,10 +108,5 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Main(argc, argv);
-    } catch (const std::exception& error) {
-        fprintf(stderr, "%s: %s\n", appname, error.what());
-        return STATUS_FAILED;
-    }
+    return RunMain(appname, [&] { return Main(argc, argv); });
 }

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "tools/base/ErrorText.h"
+#include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
 #include "tools/sim/SimServer.h"
@@ -268,10 +268,5 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Main(argc, argv);
-    } catch (const std::exception& error) {
-        fprintf(stderr, "%s: %s\n", APP_NAME, error.what());
-        return STATUS_FAILED;
-    }
+    return RunMain(APP_NAME, [&] { return Main(argc, argv); });
 }

@@ -360,7 +360,9 @@ class MqttTest(unittest.TestCase):
             openssl("x509", "-req", "-in", f"{name}.csr", "-CA", f"{ca}.crt", "-CAkey", f"{ca}.key",
                     "-CAcreateserial", "-out", f"{name}.crt", "-days", days, "-extfile", "ext")
         time.sleep(1)
-        (RUN / "secret").write_text("pass word\n", "ascii")
+        (RUN / "credentials").mkdir()
+        (RUN / "credentials" / "secret").write_text("pass word\n", "ascii")
+        os.environ["CREDENTIALS_DIRECTORY"] = str(RUN / "credentials")
         subprocess.run(["mosquitto_passwd", "-b", "-c", "users", "joe", "pass word"], check=True, cwd=RUN)
         asks = "require_certificate true\ncafile /run/ca.crt\n"
         for name, client, extra, said in [
