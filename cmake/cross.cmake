@@ -1,11 +1,11 @@
-# The common part of the cross tool chains. Programs find loader and libraries in the cross
-# compiler's own folder, so that they start in place, with or without an emulator. The old kind of
-# tag leads there the libraries of libraries as well.
+# The common part of the cross toolchains. Programs find loader and libraries in the cross compiler's
+# own folder, so that they run in place, with or without an emulator. DT_RPATH, unlike DT_RUNPATH,
+# also covers indirect dependencies.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-Wl,--dynamic-linker=${ORVEX_SYSROOT}/lib/${ORVEX_LOADER} \
 -Wl,--disable-new-dtags,-rpath=${ORVEX_SYSROOT}/lib")
 
-# Some kernels refuse programs of another width or kind: try one, and emulate when it won't run.
+# Some kernels refuse programs of another width or kind: try one, and emulate if it does not run.
 if(NOT DEFINED CACHE{ORVEX_RUNS_FOREIGN})
   set(probe ${CMAKE_BINARY_DIR}/foreign-probe)
   file(WRITE ${probe}.cpp "int main() { return 0; }\n")
@@ -21,7 +21,7 @@ if(NOT DEFINED CACHE{ORVEX_RUNS_FOREIGN})
   endif()
   set(ORVEX_RUNS_FOREIGN ${runs} CACHE BOOL "The kernel runs programs of this tool chain")
 endif()
-# ORVEX_EMULATE=yes in the environment takes the emulator in any case.
+# ORVEX_EMULATE=yes in the environment always uses the emulator.
 if(NOT ORVEX_RUNS_FOREIGN OR "$ENV{ORVEX_EMULATE}" STREQUAL "yes")
   set(CMAKE_CROSSCOMPILING_EMULATOR ${ORVEX_EMULATOR})
 endif()

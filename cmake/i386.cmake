@@ -1,5 +1,5 @@
 # 32-bit x86, the daemon's own platform: Debian's g++-i686-linux-gnu. (g++-multilib with -m32 would
-# do as well, but can't be installed beside the cross compilers of the other platforms.)
+# work too, but can't be installed beside the cross compilers of the other platforms.)
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(CMAKE_CXX_COMPILER i686-linux-gnu-g++)

@@ -1,4 +1,4 @@
-# What cmake --install puts where. Included last, when all targets are known.
+# Destinations for cmake --install. Included last, when all targets are known.
 include(GNUInstallDirs)
 set(ORVEX_UNIT_DIR lib/systemd/system CACHE STRING "Where units of systemd go")
 set(ORVEX_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING

@@ -5,25 +5,24 @@
 
 add_library(orvex_options INTERFACE)
 target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
-# No object is asked for its type, and classes are shared by all programs: none has type information.
+# No program uses RTTI. They share classes, so all are built without it.
 target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -fno-rtti)
 target_compile_definitions(orvex_options INTERFACE ORVEX_VERSION="${PROJECT_VERSION}")
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-  # 32 bits of time end in January 2038.
+  # A 32-bit time_t ends in January 2038.
   target_compile_definitions(orvex_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
 endif()
 if(ORVEX_WERROR)
   target_compile_options(orvex_options INTERFACE -Werror)
 endif()
 if(ORVEX_SANITIZE)
-  # For everything that is linked together, GoogleTest included. The vptr check would need the type
-  # information that the daemon is built without.
+  # For everything that is linked together, including GoogleTest. The vptr check would need RTTI.
   add_compile_options(-fsanitize=${ORVEX_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ORVEX_SANITIZE})
 endif()
 if(ORVEX_FUZZ)
-  # The fuzzer follows the paths through the daemon.
+  # The fuzzer records the paths through the daemon.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
@@ -32,8 +31,8 @@ add_library(orvex_daemon_options INTERFACE)
 target_compile_options(orvex_daemon_options INTERFACE -fno-exceptions)
 target_link_libraries(orvex_daemon_options INTERFACE orvex_options)
 
-# A turn of the loop calls many small functions of other folders: link-time optimization inlines
-# them, which saves a fifth of an event's instructions and half of the program's size.
+# A turn of the loop calls many small functions in other folders. Link-time optimization inlines them,
+# which saves a fifth of an event's instructions and half of the program's size.
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   include(CheckIPOSupported)
   check_ipo_supported(RESULT ORVEX_LTO OUTPUT ORVEX_LTO_REASON LANGUAGES CXX)

@@ -14,7 +14,7 @@ COPY = os.path.join(ROOT, "build/mutate")
 FOLDERS = ("app", "msg", "net", "rudp", "tqr", "gpiocli")
 UNSEEN_BY_DESIGN = re.compile(r"^\s*(//|#|\}|$)|printf|static_assert")
 
-# What is replaced, and by what; each place where one fits is a fault.
+# Replacements; each place where one fits is a fault.
 REPLACEMENTS = [
     (r"==", "!="), (r"!=", "=="), (r"&&", "||"), (r"\|\|", "&&"), (r" < ", " <= "),
     (r" > ", " >= "), (r" <= ", " < "), (r" >= ", " > "), (r" \+ ", " - "), (r" - ", " + "),
