@@ -318,6 +318,18 @@ class MqttTest(unittest.TestCase):
         self.says("the broker refuses what is published: Not authorized")
         self.says("no sign of life comes back", 15)
         self.assertNotIn("is online", (RUN / "studio.mqtt").read_text("utf-8"))
+        self.end()
+        # The one of the documentation is enough.
+        text = (pathlib.Path(__file__).parents[3] / "docs" / "mqtt.md").read_text("utf-8")
+        (RUN / "acl").write_text("".join(
+            line + "\n" for line in text.split("An access list for mosquitto")[1].splitlines()
+            if line.startswith("    ")).replace("    ", ""), "ascii")
+        (RUN / "secret").write_text("pass word\n", "ascii")
+        subprocess.run(["mosquitto_passwd", "-b", "-c", "users", "studio", "pass word"], check=True, cwd=RUN)
+        self.broker("listener 1883\npassword_file /run/users\nacl_file /run/acl\n")
+        self.bridge("studio", "user studio", "password-file secret")
+        self.says("is online")
+        self.assertNotIn("refuses", (RUN / "studio.mqtt").read_text("utf-8"))
 
     def test_hostile(self):
         self.both()
