@@ -2,30 +2,31 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 
 // Points at an object (T) or an array (T[]), initially null. An object passed to Own is deleted
 // when the pointer is changed or destroyed; one passed to Borrow stays the caller's. Not copied.
 template <class T>
 class MaybeOwned {
 public:
-    using Pointer = typename std::unique_ptr<T>::pointer;
+    using Element = std::remove_extent_t<T>;
 
-    void Own(Pointer pointer) {
+    void Own(Element* pointer) {
         m_pOwned.reset(pointer);
         m_pPointer = pointer;
     }
 
     // Borrowing the current object changes nothing: an owned one stays owned.
-    void Borrow(Pointer pointer) {
+    void Borrow(Element* pointer) {
         if (pointer != m_pPointer) {
             m_pOwned.reset();
             m_pPointer = pointer;
         }
     }
 
-    Pointer Get() const { return m_pPointer; }
+    Element* Get() const { return m_pPointer; }
 
 private:
     std::unique_ptr<T> m_pOwned;
-    Pointer m_pPointer = nullptr;
+    Element* m_pPointer = nullptr;
 };

@@ -1,5 +1,6 @@
 // Plays the worked sessions of docs/protocol.md: all three kinds of peers by hand, byte by byte.
 
+#include <deque>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -102,7 +103,7 @@ private:
     }
 
     void ExpectPacket(bool to_group, std::string expected) {
-        std::vector<std::string>& packets = to_group ? m_reports : m_answers;
+        std::deque<std::string>& packets = to_group ? m_reports : m_answers;
         ASSERT_TRUE(Await([&] {
             TakePackets();
             return !packets.empty();
@@ -111,14 +112,14 @@ private:
             expected.replace(4, 4, packets[0], 4, 4);  // the transaction ID is the daemon's own
         }
         EXPECT_EQ(packets[0], expected);
-        packets.erase(packets.begin());
+        packets.pop_front();
     }
 
     std::unique_ptr<LoopbackServer> m_tqrd;
     std::unique_ptr<LoopbackServer> m_remote;
     std::unique_ptr<BusPeer> m_bus;
-    std::vector<std::string> m_reports;
-    std::vector<std::string> m_answers;
+    std::deque<std::string> m_reports;
+    std::deque<std::string> m_answers;
 };
 
 TEST_P(Sessions, GoAsTheDocumentSays) {

@@ -59,28 +59,29 @@ int done(Call call) {
 
 // Lets an attempt to connect take its time. What becomes of it: 0 or an error.
 int attempt(const Listener* server) {
-    const struct {
+    struct Outcome {
         const char* fault;
         Micros time;
         int error;
-    } OUTCOMES[] = {{nullptr, 2 * MS, 0},
-                    {"accepts late", 5 * SECOND, 0},
-                    {"refuses", 0, ECONNREFUSED},
-                    {"never accepts", 130 * SECOND, ETIMEDOUT},
-                    {"unreachable", 3 * SECOND, EHOSTUNREACH}};
+    };
+    const Outcome OUTCOMES[] = {{nullptr, 2 * MS, 0},
+                                {"accepts late", 5 * SECOND, 0},
+                                {"refuses", 0, ECONNREFUSED},
+                                {"never accepts", 130 * SECOND, ETIMEDOUT},
+                                {"unreachable", 3 * SECOND, EHOSTUNREACH}};
     World& w = world();
     const Listener::Answer answer = server == nullptr ? Listener::REFUSES : server->answer;
-    const auto& [fault, time, error] = OUTCOMES[answer];
+    const Outcome& outcome = OUTCOMES[answer];
     if (w.is_calm) {
-        return error;
+        return outcome.error;
     }
-    if (fault != nullptr) {
-        w.Count(std::string("fault: ") + fault);
+    if (outcome.fault != nullptr) {
+        w.Count(std::string("fault: ") + outcome.fault);
     }
-    if (time != 0) {
-        w.Wait(error == 0 ? w.random.Time(time) : time);
+    if (outcome.time != 0) {
+        w.Wait(outcome.error == 0 ? w.random.Time(outcome.time) : outcome.time);
     }
-    return fault == nullptr && server->answer != answer ? ECONNREFUSED : error;
+    return outcome.fault == nullptr && server->answer != answer ? ECONNREFUSED : outcome.error;
 }
 
 std::string readable_of(const std::string& watched) {
@@ -195,7 +196,7 @@ extern "C" int setsockopt(int fd, int level, int option, const void* value,
         const uint32_t about = ntohl(numbers[is_join ? 1 : 0]);
         const bool is_ours = w.device_ip != 0 && (about == 0 || about == w.device_ip);
         data = (is_join ? quad(ntohl(numbers[0])) + " " : "") + quad(about);
-        errno = is_join && !is_ours ? ENODEV : !is_ours ? EADDRNOTAVAIL : 0;
+        errno = is_ours ? 0 : is_join ? ENODEV : EADDRNOTAVAIL;
         errno = is_join && is_ours && w.is_member ? EADDRINUSE : errno;
         w.is_member = w.is_member || (is_join && is_ours);
     } else if (!w.Fails("setsockopt", 500, {ENOMEM, ENOPROTOOPT})) {
