@@ -89,8 +89,8 @@ public:
         std::optional<uint32_t> tag;  // none: everything
         int64_t from = 0;
         int64_t until = std::numeric_limits<int64_t>::max();
-        int64_t before_id = std::numeric_limits<int64_t>::max();
-        unsigned limit = 1000;  // at most MAX_ROWS
+        int64_t before_id = std::numeric_limits<int64_t>::max();  // only what is behind that event
+        unsigned limit = 1000;                                    // at most MAX_ROWS
     };
     struct Answer {
         std::vector<Event> events;     // newest first

@@ -2,6 +2,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "tools/board/History.h"
 
@@ -46,20 +47,27 @@ std::optional<History::Answer> History::Find(const Query& query, int64_t now) {
     return answer;
 }
 
+// In the order of time, for which there are indexes: of events with one time, of the numbers.
 bool History::ReadEvents(const Query& query, Answer& answer) {
     const unsigned limit = std::min(query.limit, MAX_ROWS);
+    int64_t until = query.until;
+    if (query.before_id != std::numeric_limits<int64_t>::max()) {
+        const Statement row = Compile("SELECT time FROM events WHERE id >= ?1 ORDER BY id LIMIT 1");
+        sqlite3_bind_int64(row.get(), 1, query.before_id);
+        if (row && sqlite3_step(row.get()) == SQLITE_ROW) {
+            until = std::min<int64_t>(until, sqlite3_column_int64(row.get(), 0));
+        }
+    }
     std::string sql = std::string("SELECT ") + COLUMNS + " FROM events WHERE ";
     sql += query.tag ? "tag = ?1 AND " : "";
-    sql += "time >= ?2 AND time <= ?3 AND id < ?4 ORDER BY ";
-    sql += query.tag ? "time DESC, id DESC" : "id DESC";
-    sql += " LIMIT ?5";
+    sql += "time BETWEEN ?2 AND ?3 AND (time < ?3 OR id < ?4) ORDER BY time DESC, id DESC LIMIT ?5";
     const Statement rows = Compile(sql.c_str());
     if (!rows) {
         return false;
     }
     sqlite3_bind_int64(rows.get(), 1, query.tag.value_or(0));
     sqlite3_bind_int64(rows.get(), 2, query.from);
-    sqlite3_bind_int64(rows.get(), 3, query.until);
+    sqlite3_bind_int64(rows.get(), 3, until);
     sqlite3_bind_int64(rows.get(), 4, query.before_id);
     sqlite3_bind_int64(rows.get(), 5, static_cast<int64_t>(limit) + 1);
     while ((m_code = sqlite3_step(rows.get())) == SQLITE_ROW) {

@@ -1,13 +1,23 @@
 // All pins, as lamps in groups.
 import { h } from "./dom.js";
 import { now, on, store } from "./store.js";
-import { classOf, levelText, nameOf, running, span, whoText } from "./text.js";
+import { classOf, levelText, nameOf, rankOf, running, span, whoText } from "./text.js";
+
+const SLICE = 8; // ms of work between two frames: thousands of lamps must not keep the first waiting
 
 const lamps = new Map(); // pin -> its parts
 const groups = new Map(); // key -> its parts
+const sections = []; // the groups in order
+const list = h("div", { className: "groups" }); // stays when another view is shown
+const visible = new Set(); // elements of groups
 const changed = new Set();
-const visible = new Set();
+let pending = []; // pins without a lamp yet, the next one last
+let adding = 0;
+let stale = true;
+let shown = 0; // lamps that fit the search
 let view = null;
+let words = [];
+let left = { scroll: 0, pin: "" }; // when the view was left
 let search = "";
 let byName = localStorage.getItem("group") === "name";
 let drawing = false;
@@ -19,44 +29,52 @@ const observer = new IntersectionObserver((entries) => {
     showAges();
 }, { rootMargin: "200px" });
 
+function setText(element, text) {
+    if (element.textContent !== text) {
+        element.textContent = text;
+    }
+}
+
 function show(parts, pin) {
     parts.pin = pin;
     const className = `lamp ${classOf(pin)}`;
     if (parts.link.className !== className) {
         parts.link.className = className;
     }
-    parts.bulb.textContent = pin.level ?? "?";
-    parts.name.textContent = nameOf(pin);
-    parts.level.textContent = `, ${levelText(pin.level)}${pin.state === "written" ? ", only written" : ""}, `;
+    setText(parts.bulb, pin.level ?? "?");
+    setText(parts.name, nameOf(pin));
+    setText(parts.level, `, ${levelText(pin.level)}${pin.state === "written" ? ", only written" : ""}, `);
     showAge(parts);
 }
 
 function showAge(parts) {
     const pin = parts.pin;
     const time = now();
-    parts.age.textContent = (nameOf(pin) === pin.pin ? "" : `${pin.pin} \u00b7 `) +
-        (pin.since ? span(time - pin.since) : "never heard");
-    parts.who.textContent = whoText(pin, time);
+    setText(parts.age, (nameOf(pin) === pin.pin ? "" : `${pin.pin} \u00b7 `) +
+        (pin.since ? span(time - pin.since) : "never heard"));
+    setText(parts.who, whoText(pin, time));
 }
 
 function showAges() {
-    for (const group of visible) {
+    for (const { group } of visible) {
         for (const parts of group.lamps) {
             showAge(parts);
         }
     }
 }
 
-function makeLamp(pin) {
+function makeLamp(pin, heading) {
     const parts = {
         bulb: h("span", { className: "bulb", "aria-hidden": "true" }),
-        name: h("span", { className: "name" }),
+        name: h("span", { className: "name", title: nameOf(pin) }),
         level: h("span", { className: "visually" }),
         age: h("span", { className: "age" }),
         who: h("span", { className: "who" }),
+        rank: rankOf(pin.pin),
+        text: `${pin.pin} ${pin.name ?? ""} ${pin.title ?? ""} ${heading}`.toLowerCase(),
     };
     parts.link = h("a", { href: `#/pin/${pin.pin}` }, parts.bulb, parts.name, parts.level, parts.age, parts.who);
-    parts.item = h("li", {}, parts.link);
+    parts.element = h("li", {}, parts.link);
     show(parts, pin);
     return parts;
 }
@@ -72,63 +90,122 @@ function headingOf(key) {
     return h("h2", {}, title, title === text ? null : h("small", {}, text));
 }
 
+// Most come in order, so that the place is the end.
+function insert(parent, all, parts) {
+    let at = all.length;
+    while (at > 0 && all[at - 1].rank > parts.rank) {
+        --at;
+    }
+    parent.insertBefore(parts.element, all[at]?.element ?? null);
+    all.splice(at, 0, parts);
+}
+
+function makeGroup(key, rank) {
+    const heading = headingOf(key);
+    const lampList = h("ul", { className: "lamps" });
+    const group = {
+        list: lampList, rank, lamps: [], text: heading.textContent,
+        element: h("section", { className: "group" }, heading, lampList),
+    };
+    group.element.group = group;
+    groups.set(key, group);
+    insert(list, sections, group);
+    observer.observe(group.element);
+    return group;
+}
+
+function add(pin) {
+    const key = keyOf(pin);
+    const group = groups.get(key) ?? makeGroup(key, rankOf(pin.pin));
+    const parts = makeLamp(pin, group.text);
+    lamps.set(pin.pin, parts);
+    insert(group.list, group.lamps, parts);
+    const isFitting = fits(parts);
+    parts.element.hidden = !isFitting;
+    shown += isFitting ? 1 : 0;
+    if (group.lamps.length === 1 || (isFitting && group.element.hidden)) {
+        filterGroup(group);
+    }
+}
+
+function addSome() {
+    adding = 0;
+    const end = performance.now() + SLICE;
+    while (view && pending.length && performance.now() < end) {
+        const { pin } = pending.pop();
+        if (!lamps.has(pin) && store.pins.has(pin)) {
+            add(store.pins.get(pin));
+        }
+    }
+    addSoon();
+}
+
+function addSoon() {
+    if (view && pending.length && !adding) {
+        adding = setTimeout(addSome);
+    }
+    if (view) {
+        showCount();
+    }
+}
+
 function build() {
-    if (!view) {
+    stale = !view;
+    if (stale) {
         return;
     }
+    shown = 0;
     lamps.clear();
     groups.clear();
     visible.clear();
     observer.disconnect();
-    for (const pin of store.pins.values()) {
-        const key = keyOf(pin);
-        if (!groups.has(key)) {
-            const list = h("ul", { className: "lamps" });
-            const section = h("section", { className: "group" }, headingOf(key), list);
-            section.lamps = [];
-            groups.set(key, { section, list });
+    sections.length = 0;
+    list.replaceChildren();
+    pending = [...store.pins.values()].map((pin) => ({ pin: pin.pin, rank: rankOf(pin.pin) })).sort((a, b) => b.rank - a.rank);
+    clearTimeout(adding);
+    addSome();
+}
+
+const fits = (parts) => words.every((word) => parts.text.includes(word));
+
+// Lamps of a group that is hidden as a whole are left as they are: that is most of them.
+function filterGroup({ element, lamps: all }) {
+    const fitting = all.map(fits);
+    const count = fitting.filter(Boolean).length;
+    if (element.hidden !== (count === 0)) {
+        element.hidden = count === 0;
+    }
+    for (let i = 0; count > 0 && i < all.length; ++i) {
+        if (all[i].element.hidden === fitting[i]) {
+            all[i].element.hidden = !fitting[i];
         }
-        const group = groups.get(key);
-        const parts = makeLamp(pin);
-        lamps.set(pin.pin, parts);
-        group.section.lamps.push(parts);
     }
-    for (const { section, list } of groups.values()) {
-        // Told in the order of circuits, in which the first pin is the last.
-        section.lamps.reverse();
-        list.append(...section.lamps.map((parts) => parts.item));
-    }
-    view.list.replaceChildren(...[...groups.values()].map((group) => group.section));
-    for (const group of groups.values()) {
-        observer.observe(group.section);
-    }
-    filter();
+    return count;
 }
 
 function filter() {
-    const words = search.toLowerCase().split(/\s+/).filter(Boolean);
-    let count = 0;
-    for (const { section } of groups.values()) {
-        const heading = section.firstChild.textContent.toLowerCase();
-        let any = false;
-        for (const { pin, item } of section.lamps) {
-            const text = `${pin.pin} ${pin.name ?? ""} ${pin.title ?? ""} ${heading}`.toLowerCase();
-            item.hidden = !words.every((word) => text.includes(word));
-            any ||= !item.hidden;
-            count += item.hidden ? 0 : 1;
-        }
-        section.hidden = !any;
+    words = search.toLowerCase().split(/\s+/).filter(Boolean);
+    shown = sections.reduce((sum, group) => sum + filterGroup(group), 0);
+    showCount();
+}
+
+function showCount() {
+    const total = store.pins.size;
+    let low = 0;
+    for (const pin of store.pins.values()) {
+        low += pin.level === "L" && pin.state === "told" ? 1 : 0;
     }
-    const lit = [...store.pins.values()].filter((pin) => pin.level === "L" && pin.state === "told").length;
-    view.count.textContent = words.length ? `${count} of ${store.pins.size} pins`
-        : `${store.pins.size} pins, ${lit} low`;
-    view.empty.hidden = count > 0;
-    view.empty.textContent = store.pins.size ? "No pin is called so."
+    view.count.textContent = words.length ? `${shown} of ${total} pins` : `${total} pins, ${low} low`;
+    view.empty.hidden = shown > 0 || pending.length > 0;
+    view.empty.textContent = total ? "No pin is called so."
         : "Nothing has been heard yet. Pins appear as devices report them, or when a file of names (--names) or a control server (-r) tells of them.";
 }
 
 function draw() {
     drawing = false;
+    if (!view) {
+        return; // until it is shown again
+    }
     for (const pin of changed) {
         const parts = lamps.get(pin);
         if (parts) {
@@ -136,6 +213,7 @@ function draw() {
         }
     }
     changed.clear();
+    showCount();
 }
 
 on("pin", (pin) => {
@@ -145,21 +223,28 @@ on("pin", (pin) => {
         requestAnimationFrame(draw);
     }
 });
-let building = 0;
+on("new", (pin) => {
+    pending.push({ pin: pin.pin });
+    addSoon();
+});
+// After the board or the bus was away: mostly the same pins.
 on("pins", () => {
-    clearTimeout(building);
-    building = setTimeout(build, 50);
+    const isSame = (pin) => {
+        const old = lamps.get(pin.pin)?.pin;
+        return old && ["name", "title", "group"].every((key) => old[key] === pin[key]);
+    };
+    const all = [...store.pins.values()];
+    if (all.length === lamps.size && all.every(isSame)) {
+        all.forEach(({ pin }) => changed.add(pin));
+        draw();
+    } else {
+        build();
+    }
 });
 setInterval(() => view && showAges(), 1000);
 setInterval(() => {
-    for (const group of view ? visible : []) {
+    for (const { group } of view ? visible : []) {
         group.lamps.filter(({ pin }) => running(pin, now()) > 0).forEach(showAge);
-    }
-    if (view) {
-        filter.due = (filter.due ?? 0) + 1;
-        if (filter.due % 20 === 0) {
-            filter();
-        }
     }
 }, 100);
 
@@ -173,12 +258,23 @@ export function showLamps(main) {
         on: { change() { byName = grouping.value === "name"; localStorage.setItem("group", grouping.value); build(); } },
     }, h("option", { value: "address" }, "by address"), h("option", { value: "name" }, "by name"));
     grouping.value = byName ? "name" : "address";
-    view = {
-        list: h("div", { className: "groups" }), count: h("span", { className: "count" }),
-        empty: h("p", { className: "empty", hidden: true }),
-    };
+    view = { count: h("span", { className: "count" }), empty: h("p", { className: "empty", hidden: true }) };
     main.replaceChildren(h("h1", { className: "visually" }, "Pins"),
-        h("div", { className: "tools" }, input, grouping, view.count), view.empty, view.list);
-    build();
-    return () => { view = null; observer.disconnect(); };
+        h("div", { className: "tools" }, input, grouping, view.count), view.empty, list);
+    if (stale) {
+        build();
+    } else {
+        draw();
+        addSoon();
+    }
+    // Back to where one was.
+    const { scroll, pin } = left;
+    requestAnimationFrame(() => {
+        scrollTo(0, scroll);
+        lamps.get(pin)?.link.focus({ preventScroll: true });
+    });
+    return () => {
+        view = null;
+        left = { scroll: scrollY, pin: location.hash.replace(/^#\/pin\//, "") };
+    };
 }

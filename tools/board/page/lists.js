@@ -54,10 +54,17 @@ export function showHistory(main) {
     const rows = [];
     const body = h("div", {});
     const more = h("button", { type: "button", on: { click: older } }, "Older");
+    const until = h("input", { type: "datetime-local", on: { change: anew } });
     let before = "";
+    function anew() {
+        rows.length = 0;
+        before = "";
+        older();
+    }
     async function older() {
         try {
-            const answer = await ask(`/api/v1/history?limit=200${before}`);
+            const to = until.value ? `&to=${new Date(until.value).getTime() + 59999}` : "";
+            const answer = await ask(`/api/v1/history?limit=200${to}${before}`);
             rows.push(...answer.events.map((event) => eventRow(event, true)));
             more.hidden = !answer.more;
             before = answer.events.length ? `&before=${answer.events.at(-1).id}` : before;
@@ -68,7 +75,7 @@ export function showHistory(main) {
         }
     }
     main.replaceChildren(h("h1", {}, "What happened"),
-        h("div", { className: "tools" }, h("button", { type: "button", on: { click() { rows.length = 0; before = ""; older(); } } }, "Refresh"),
+        h("div", { className: "tools" }, h("button", { type: "button", on: { click: anew } }, "Refresh"), h("label", {}, "Up to ", until),
             h("a", { href: "/api/v1/history?limit=10000&format=csv", download: "" }, "As a table (CSV)")), body, more);
     older();
     return () => {};

@@ -7,7 +7,9 @@ import { makeTimeline } from "./timeline.js";
 
 let current = null;
 
-on("pin", (pin) => current?.name === pin.pin && current.show());
+for (const kind of ["pin", "new"]) {
+    on(kind, (pin) => current?.name === pin.pin && current.show());
+}
 on("pins", () => current?.show());
 setInterval(() => current?.show(), 500);
 

@@ -16,7 +16,7 @@ let source = null;
 let heard = 0;
 let loading = false;
 
-// kind: "pin" (with it), "pins" (all new), "status", "device", "channel". Returns what ends it.
+// kind: "pin" or "new" (with it), "pins" (all are others), "status", "device", "channel". Returns what ends it.
 export function on(kind, listener) {
     const all = listeners.get(kind) ?? new Set();
     listeners.set(kind, all.add(listener));
@@ -82,7 +82,7 @@ function follow(after) {
         pin(data) {
             const isNew = !store.pins.has(data.pin);
             store.pins.set(data.pin, data);
-            tell(isNew ? "pins" : "pin", data);
+            tell(isNew ? "new" : "pin", data);
         },
         board(data) {
             store.board = data;

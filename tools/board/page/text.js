@@ -4,11 +4,17 @@ const clock = new Intl.DateTimeFormat(undefined, {
     year: "numeric", month: "2-digit", day: "2-digit", hour: "2-digit", minute: "2-digit",
     second: "2-digit", fractionalSecondDigits: 3, hourCycle: "h23",
 });
-const short = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23" });
-const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit", hour: "2-digit", minute: "2-digit", hourCycle: "h23" });
+const second = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23" });
+const minute = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", hourCycle: "h23" });
+const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit" });
 
 export const timeText = (ms) => clock.format(ms);
-export const axisText = (ms, span) => (span > 36 * 3600e3 ? day : short).format(ms);
+
+// For a line of an axis with one every `step` ms; midnight is told by its date.
+export function axisText(ms, step) {
+    const isMidnight = new Date(ms).getHours() === 0 && new Date(ms).getMinutes() === 0;
+    return (step >= 86400e3 || (isMidnight && step >= 60e3) ? day : step < 60e3 ? second : minute).format(ms);
+}
 
 // "12 s", "3 min", "2 h 5 min", "3 d 4 h"
 export function span(ms) {
@@ -29,6 +35,14 @@ export function span(ms) {
 
 export const levelText = (level) => (level === "L" ? "low" : level === "H" ? "high" : "not known");
 export const nameOf = (pin) => pin.title || pin.name || pin.pin;
+
+// Orders pins by address, inputs first.
+export function rankOf(pin) {
+    const parts = pin.split(":");
+    const [, kind, number] = parts.pop().match(/^(\D+)(\d+)$/);
+    const address = parts.reduce((sum, part) => sum * 256 + Number(part), 0);
+    return address * 1024 + { in: 0, out: 256, c: 512 }[kind] + Number(number);
+}
 
 const KINDS = {
     told: "told", written: "written on the bus", set: "set from a board", "device-first": "first heard",
@@ -52,10 +66,10 @@ export function whoText(pin, now) {
     const left = running(pin, now);
     const write = pin.write;
     if (left > 0) {
-        return `${write.level} for ${(left / 1000).toFixed(1)} s more, ${write.by}`;
+        return `${write.level} ${(left / 1000).toFixed(1)} s more, ${write.by}`;
     }
     if (pin.state === "written") {
         return `${write.level} asked by ${write.by}`;
     }
-    return write ? `last written by ${write.by}` : "";
+    return write ? `written by ${write.by}` : "";
 }

@@ -30,7 +30,7 @@ export function stretches(answer, from, until) {
         if (open.level === "gap" && mark.level !== null && mark.time < until && answer.gaps.some((gap) => gap.from <= mark.time && (gap.until === null || gap.until > mark.time))) {
             continue;
         }
-        if (answer.more && mark.time < oldest) {
+        if ((answer.more && mark.time < oldest) || (mark.level === open.level && (mark.level === "L" || mark.level === "H"))) {
             continue;
         }
         result.push({ ...open, until: time });
@@ -46,6 +46,7 @@ export function makeTimeline(pin) {
     const output = h("output", { "aria-live": "polite" });
     const button = (text, label, action) => h("button", { type: "button", "aria-label": label, on: { click: action } }, text);
     const presets = SPANS.map(([text, ms]) => h("button", { type: "button", on: { click() { view.span = ms; view.live = true; refresh(); } } }, text));
+    const showSpan = () => presets.forEach((preset, i) => preset.setAttribute("aria-pressed", String(SPANS[i][1] === view.span)));
     const bounds = () => {
         const until = view.live ? now() : view.until;
         return [until - view.span, until];
@@ -55,12 +56,15 @@ export function makeTimeline(pin) {
         return Object.fromEntries(["lit", "dim", "line", "text", "card", "asked"].map((name) => [name, style.getPropertyValue(`--${name}`).trim()]));
     };
 
-    function hatch(context, x, width, top, height, colour) {
+    function hatch(context, x, width, top, height, colour, ground) {
         context.save();
         context.beginPath();
         context.rect(x, top, width, height);
         context.clip();
+        context.fillStyle = ground;
+        context.fill();
         context.strokeStyle = colour;
+        context.stroke();
         context.beginPath();
         for (let i = x - height - (x % 8); i < x + width; i += 8) {
             context.moveTo(i, top + height);
@@ -81,7 +85,7 @@ export function makeTimeline(pin) {
             context.moveTo(x, 0);
             context.lineTo(x, bottom + 5);
             context.stroke();
-            const text = axisText(time, view.span);
+            const text = axisText(time, step);
             if (x + context.measureText(text).width + 4 < width) {
                 context.fillText(text, x + 3, bottom + 17);
             }
@@ -103,6 +107,7 @@ export function makeTimeline(pin) {
         axis(context, width, bottom, from, until, colour);
         view.parts = view.answer ? stretches(view.answer, from, until) : [];
         const x = (time) => (time - from) / (until - from) * width;
+        const hatched = [];
         for (const part of view.parts) {
             const left = x(part.from);
             const wide = Math.max(1, x(part.until) - left);
@@ -113,8 +118,12 @@ export function makeTimeline(pin) {
                 context.fillStyle = colour.dim;
                 context.fillRect(left, bottom - 4, wide, 4);
             } else if (part.level === "gap" || part.level === "more") {
-                hatch(context, left, wide, top, bottom - top, part.level === "gap" ? colour.dim : colour.lit);
+                hatched.push([part.level === "gap" ? colour.dim : colour.lit, left, Math.max(4, wide)]);
             }
+        }
+        // Over all that is beside them, so that short ones are seen.
+        for (const [shade, left, wide] of hatched) {
+            hatch(context, left, wide, top, bottom - top, shade, colour.card);
         }
         context.fillStyle = colour.asked;
         for (const event of view.answer?.events ?? []) {
@@ -151,6 +160,7 @@ export function makeTimeline(pin) {
     let asking = 0;
     function refresh() {
         view.span = Math.min(MAX_SPAN, Math.max(MIN_SPAN, view.span));
+        showSpan();
         draw();
         clearTimeout(asking);
         asking = setTimeout(async () => {
