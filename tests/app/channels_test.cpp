@@ -60,7 +60,7 @@ TEST_F(ChannelTable, IgnoresOtherConfigurationLines) {
                              "GPO 99999999999 SRCA=1:2", R"(GPO 1 N="a SRCA=1:2")"}) {
         EXPECT_EQ(parse_CFG(text), 0) << text;
     }
-    EXPECT_EQ(parse_CFG("GPO 0x20SRCA=1:2"), 1) << "nothing need stand behind the number";
+    EXPECT_EQ(parse_CFG("GPO 0x20SRCA=1:2"), 1) << "nothing needs to follow the number";
     EXPECT_EQ(Told(), "GPO 32 HHHHH\nADD GPI 32\n");
 }
 

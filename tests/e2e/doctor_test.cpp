@@ -95,7 +95,7 @@ TEST_F(Doctor, ShowsChannels) {
               "1       1:2          writes on the bus to 1:2   -      HHHHH\n"
               "2       10.77.0.2/1  input 1 of 10.77.0.2:93    -\n"
               "3       1:300        writes on the bus to 1:44  -      HHHHH\n"
-              "        The second number has 8 bits: 300 runs over into the first one, which "
+              "        The second number has 8 bits: 300 overflows into the first one, which "
               "makes 1:44.\n");
     EXPECT_EQ(Run({"--json"}, "channels"), 0);
     const Json row = Json::parse(out.substr(0, out.find('\n')));

@@ -151,7 +151,7 @@ int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
     const RunningProgram* const daemon = facts.Daemon();
     const bool is_blind = worst < Severity::Warning && daemon != nullptr && !daemon->shows_sockets;
     if (text.empty()) {
-        text = is_blind ? "the daemon's connections can't be seen without root" : "all is well";
+        text = is_blind ? "the daemon's connections are not visible without root" : "all is well";
     }
     const char* const status = is_blind ? "UNKNOWN" : NameOf(worst).plugin;
     std::replace(text.begin(), text.end(), '|', '/');  // it separates the performance data

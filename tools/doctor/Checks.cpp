@@ -17,7 +17,7 @@ std::string ProcessText(const RunningProgram& program) {
 
 std::string OwnerText(const Facts& facts, const SocketRow& row) {
     const RunningProgram* const owner = facts.OwnerOf(row);
-    return owner == nullptr ? "a program that can't be seen without root" : ProcessText(*owner);
+    return owner == nullptr ? "a program not visible without root" : ProcessText(*owner);
 }
 
 std::vector<const SocketRow*> OnBusPort(const std::vector<SocketRow>& rows) {
@@ -47,13 +47,13 @@ void ExamineDaemon(const Facts& facts, Findings& findings) {
         for (const RunningProgram* daemon : daemons) {
             text += " " + std::to_string(daemon->pid);
         }
-        findings.push_back({Severity::Critical, "daemon", text,
-                            "end the one that was started by hand: kill PROCESS"});
+        findings.push_back(
+            {Severity::Critical, "daemon", text, "end the one started by hand: kill PROCESS"});
     } else {
         findings.push_back({Severity::Well, "daemon", "running, " + ProcessText(*daemons[0]), ""});
         if (!daemons[0]->shows_sockets) {
             findings.push_back({Severity::Note, "daemon",
-                                "its connections and its environment can't be seen without root",
+                                "its connections and its environment are not visible without root",
                                 "sudo orvexctl doctor"});
         }
     }
@@ -83,7 +83,7 @@ void ExaminePort(const Facts& facts, Findings& findings) {
         const bool is_seen = facts.Daemon()->shows_sockets;
         findings.push_back(
             {is_seen ? Severity::Well : Severity::Note, "port 2060",
-             is_seen ? "the daemon's alone" : "taken once; by whom can't be seen without root",
+             is_seen ? "the daemon's alone" : "taken once; by whom is not visible without root",
              ""});
     } else if (facts.Daemon() != nullptr) {
         findings.push_back(
@@ -99,7 +99,7 @@ std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& find
         if (device.empty()) {
             findings.push_back({Severity::Critical, "interface",
                                 "TQRD names " + IpText(*named) + ", which no interface has",
-                                "mend NIC_IPADDR in TQRD, or: ip addr show"});
+                                "correct NIC_IPADDR in TQRD, or: ip addr show"});
         } else {
             findings.push_back({Severity::Well, "interface",
                                 device + ", " + IpText(*named) + " as TQRD says", ""});
@@ -128,8 +128,8 @@ void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string&
     if (!option.empty() && option != group) {
         findings.push_back({Severity::Critical, "group",
                             "the daemon serves " + option + ", not " + group,
-                            "mend -gpioip in /etc/default/orvex; " + std::string(RESTART) +
-                                " (or name the group that is meant: -g " + option + ")"});
+                            "correct -gpioip in /etc/default/orvex; " + std::string(RESTART) +
+                                " (or give the intended group: -g " + option + ")"});
         return;
     }
     std::string elsewhere;
@@ -173,8 +173,8 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
                             "net.core.rmem_default"});
     } else if (lost > 0) {
         findings.push_back({Severity::Note, "queue",
-                            std::to_string(lost) + " datagrams were lost since the daemon began",
-                            "net.core.rmem_default holds more; orvex(8), OPERATION"});
+                            std::to_string(lost) + " datagrams were lost since the daemon started",
+                            "increase net.core.rmem_default; orvex(8), OPERATION"});
     } else {
         findings.push_back({Severity::Well, "queue", "nothing waits, nothing was lost", ""});
     }
@@ -186,11 +186,12 @@ void ExamineAnswer(const Facts& facts, Findings& findings) {
     } else if (facts.bus.has_answered) {
         findings.push_back({Severity::Well, "read", "the daemon answers on the bus", ""});
     } else {
-        findings.push_back({Severity::Critical, "read",
-                            "the daemon does not answer on the bus" +
-                                (facts.bus.problem.empty() ? "" : ": " + facts.bus.problem),
-                            "mend what is above first; then orvex(8), \"Reports or replies do not "
-                            "arrive at peers\""});
+        findings.push_back(
+            {Severity::Critical, "read",
+             "the daemon does not answer on the bus" +
+                 (facts.bus.problem.empty() ? "" : ": " + facts.bus.problem),
+             "solve the problems above first; then orvex(8), \"Reports or replies do not "
+             "arrive at peers\""});
     }
 }
 
@@ -256,7 +257,7 @@ void ExamineInputs(const Facts& facts, Findings& findings) {
         findings.push_back({Severity::Well, "inputs", "the daemon's states are those of TQRD", ""});
     } else {
         findings.push_back(
-            {Severity::Note, "inputs", "whether they are subscribed can't be seen", ""});
+            {Severity::Note, "inputs", "whether they are subscribed is not visible", ""});
     }
 }
 

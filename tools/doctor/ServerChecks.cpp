@@ -40,7 +40,7 @@ std::string Cause(const Probe& probe) {
         case ECONNREFUSED:
             return "it refuses the connection: no server is running there";
         case ETIMEDOUT:
-            return "it does not answer at all: its host is off, or a firewall drops what is sent";
+            return "it does not answer at all: its host is off, or a firewall drops packets";
         default:
             return probe.problem;
     }
@@ -61,9 +61,9 @@ std::string Place(const CSvcAddress& address) {
 Finding Hanging(const char* subject, const std::string& place) {
     return {Severity::Critical, subject,
             place +
-                " does not answer, and the daemon hangs in connecting to it (SYN-SENT): until "
-                "that ends nothing is served",
-            std::string("is its host on, does a firewall drop? ") + LIMIT};
+                " does not answer, and the daemon hangs in connecting to it (SYN-SENT): nothing is "
+                "served until that ends",
+            std::string("is its host on, does a firewall drop packets? ") + LIMIT};
 }
 
 void ExamineControl(const Facts& facts, Findings& findings) {
@@ -73,7 +73,7 @@ void ExamineControl(const Facts& facts, Findings& findings) {
     const bool is_seen = facts.Daemon() != nullptr && facts.Daemon()->shows_sockets;
     const TableAnswer& answer = facts.answer;
     const char* const mend =
-        "start TQRD, or mend -r in /etc/default/orvex; orvex(8), \"TQRD can "
+        "start TQRD, or correct -r in /etc/default/orvex; orvex(8), \"TQRD can "
         "not be reached\"";
     if (IsHanging(socket)) {
         findings.push_back(Hanging("TQRD", place));
@@ -85,7 +85,7 @@ void ExamineControl(const Facts& facts, Findings& findings) {
     } else if (is_seen && !IsConnected(socket)) {
         findings.push_back({Severity::Critical, "TQRD",
                             "the daemon has no connection to " + place + ", but it can be reached",
-                            "wait 4 seconds and look again; orvex(8), TROUBLESHOOTING"});
+                            "wait 4 seconds and check again; orvex(8), TROUBLESHOOTING"});
     } else if (!answer.has_answered) {
         findings.push_back(
             {Severity::Warning, "TQRD", place + " takes connections but tells no channels", mend});
@@ -127,7 +127,7 @@ void ExamineRemote(const Facts& facts, const Remote& remote, milliseconds limit,
         findings.push_back({Severity::Critical, "remote",
                             "no connection to " + place + ", which drives output " +
                                 remote.channels + ": " + Cause(probe),
-                            probe.error == 0 ? "wait 54 seconds: the daemon tries again"
+                            probe.error == 0 ? "wait 54 seconds: the daemon retries"
                                              : "orvex(8), \"A remote input is not followed\""});
     }
 }
@@ -143,7 +143,7 @@ void ExamineLimit(const Facts& facts, bool is_needed, Findings& findings) {
         const bool is_known = !daemon->environment.empty();  // that no limit is set
         findings.push_back({is_needed && is_known ? Severity::Warning : Severity::Note, "limit",
                             "tcp_syn_retries is " + std::to_string(facts.syn_retries) +
-                                ": a server that does not answer stops everything for long",
+                                ": a server that does not answer stops everything for a long time",
                             LIMIT});
     } else {
         findings.push_back({Severity::Well, "limit",

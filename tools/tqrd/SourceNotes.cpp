@@ -77,8 +77,8 @@ private:
 void Notes::AboutLaterFields() {
     const ChannelConfig alone = parse_source(m_value.c_str());
     if (!(alone == m_config)) {
-        Add("A '.' before the first blank makes a remote server, and the comma is no blank: the "
-            "'.' of a later field counts. With a blank behind the source it is: " +
+        Add("A '.' before the first blank makes a remote server, and a comma is no blank: the "
+            "'.' of a later field counts. With a blank after the source it is: " +
             DescribeSource(alone) + ".");
     }
 }
@@ -93,19 +93,17 @@ void Notes::AboutAddress() {
         const long b = tqr_strtol(behind + 1, &behind, 0);
         if (b < 0 || b > 255) {
             Add("The second number has 8 bits: " + second +
-                " runs over into the first one, which "
-                "makes " +
-                AddressText(m_config.ach) + ".");
+                " overflows into the first one, which makes " + AddressText(m_config.ach) + ".");
         }
     }
     if (IsOctal(first) || IsOctal(second)) {
         Add("A number that begins with 0 is octal (010 is 8).");
     }
     if (*behind != '\0') {
-        Add("What is behind the number is not read: \"" + std::string(behind) + "\".");
+        Add("The text after the number is ignored: \"" + std::string(behind) + "\".");
     }
     if (m_config.ach > MAX_BUS_ADDRESS) {
-        Add("Addresses on the bus have 24 bits: no message can name this one.");
+        Add("Addresses on the bus have 24 bits: no message can reach this one.");
     }
 }
 
@@ -113,7 +111,7 @@ void Notes::AboutServer() {
     const std::string address = Before(Before(m_text, '/'), ':');
     const std::string read = DottedQuad(m_config.ip).text;
     if (m_config.ip == 0) {
-        Add("0.0.0.0 is no server: nothing is connected.");
+        Add("0.0.0.0 is no server: the daemon does not connect.");
     } else if (address != read) {
         Add("The address \"" + address + "\" is read as " + read +
             ": parts that begin with 0 are octal, and the last of fewer than four fills the rest.");
@@ -124,10 +122,9 @@ void Notes::AboutPort() {
     const std::string place = Before(m_text, '/');
     const std::string port = After(place, ':');
     if (After(m_text, '/').find(':') != std::string::npos) {
-        Add("What is behind the '/' is the number of the input and nothing else: no port is named, "
-            "so it is " +
-            std::to_string(m_config.port) + ". A port goes before it: " + place + ":" +
-            After(After(m_text, '/'), ':') + "/" + Before(After(m_text, '/'), ':') + ".");
+        Add("Only the input may follow the '/', so the port is " + std::to_string(m_config.port) +
+            ". Put the port before it: " + place + ":" + After(After(m_text, '/'), ':') + "/" +
+            Before(After(m_text, '/'), ':') + ".");
     }
     if (place.find(':') != std::string::npos && port != std::to_string(m_config.port)) {
         Add("The port \"" + port + "\" is read as " + std::to_string(m_config.port) +
@@ -149,10 +146,10 @@ void Notes::AboutInput() {
 void Notes::AboutNothing() {
     if (m_config.ip == INADDR_NONE) {
         Add("A '.' makes a remote server, but \"" + Before(Before(m_text, '/'), ':') +
-            "\" is no address of one: names are not looked up.");
+            "\" is not an address: names are not looked up.");
     } else {
-        Add("It begins with no digit, as an address on the bus does, and has no '.', as the "
-            "address of a server does.");
+        Add("It neither begins with a digit, like an address on the bus, nor contains a '.', like "
+            "the address of a server.");
     }
 }
 

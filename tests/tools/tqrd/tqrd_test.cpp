@@ -83,16 +83,16 @@ TEST(SourceNotes, ExplainWhatIsNotMeant) {
         {"SRCA=\"tqs://0x12:0x34\"", "writes on the bus to 18:52", nullptr},
         {"SRCA=10.0.0.9:94/3 N=1.5", "input 3 of 10.0.0.9:94", nullptr},
         {"CFG GPO 5 N=1,SRCA=10.0.0.9/3:94", "input 3 of 10.0.0.9:93", "10.0.0.9:94/3"},
-        {"SRCA=1:300", "writes on the bus to 1:44", "300 runs over"},
+        {"SRCA=1:300", "writes on the bus to 1:44", "300 overflows"},
         {"SRCA=010:2", "writes on the bus to 8:2", "octal"},
-        {"SRCA=1:2:3", "writes on the bus to 1:2", "not read: \":3\""},
+        {"SRCA=1:2:3", "writes on the bus to 1:2", "ignored: \":3\""},
         {"SRCA=0x10000:0", "writes on the bus to 65536:0", "24 bits"},
         {"SRCA=3:7,X=1.5", "input 1 of 0.0.0.3:7", "it is: writes on the bus to 3:7."},
         {"SRCA=10.9", "input 1 of 10.0.0.9:93", "read as 10.0.0.9"},
         {"SRCA=10.0.0.9:0x5d", "input 1 of 10.0.0.9:0", "ports are decimal"},
         {"SRCA=10.0.0.9/0", "input 256 of 10.0.0.9:93", "1 to 256"},
-        {"SRCA=server.lan/3", "nothing", "\"server.lan\" is no address"},
-        {"SRCA=none", "nothing", "no digit"},
+        {"SRCA=server.lan/3", "nothing", "\"server.lan\" is not an address"},
+        {"SRCA=none", "nothing", "begins with a digit"},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.text);
