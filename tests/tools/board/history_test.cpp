@@ -116,7 +116,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
         SCOPED_TRACE(std::string(row.what) + (row.running ? ", running" : ""));
         fs::remove_all(folder);
         fs::create_directory(folder);
-        Fill(3000);
+        Fill(600);
         History history(settings);
         if (row.running) {
             history.Open(START + 5000);
@@ -131,7 +131,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
             << history.Problem() << history.Notice();
         EXPECT_EQ(history.Problem().empty(), row.outcome != ALONE);
         const size_t count = CountOf(history, now);
-        EXPECT_TRUE(row.outcome == KEPT   ? count == 3004
+        EXPECT_TRUE(row.outcome == KEPT   ? count == 604
                     : row.outcome == ANEW ? count == 3 || count == 4
                                           : count == 0)
             << count;
