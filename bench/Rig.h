@@ -1,5 +1,5 @@
-// One subject (the daemon or a stand-in for it) on a device of its own, between a control server, a
-// remote server and a peer on the bus, all played by the caller's thread.
+// One subject (the daemon or a stand-in for it) on its own device, between a control server, a
+// remote server and a peer on the bus, all played by the calling thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -19,39 +19,39 @@ int64_t now_ns();
 class Rig {
 public:
     enum class Kind {
-        Daemon,   // detaches, has to be told its channels
+        Daemon,   // detaches, and needs its channels configured
         Baseline  // stays in the foreground
     };
 
-    // Starts the subject and waits until it serves. Ends the program when it does not.
+    // Starts the subject and waits until it serves. Ends the program if it does not.
     Rig(const std::vector<std::string>& command, Kind kind);
-    // Ends the subject and waits for that.
+    // Ends the subject and waits for its end.
     ~Rig();
     Rig(const Rig&) = delete;
     Rig& operator=(const Rig&) = delete;
 
-    // Makes a datagram's bytes: items for channels that exist last, those of others before.
+    // Makes a datagram: items for existing channels last, those of others before.
     static std::string Packet(Path path, unsigned int items);
 
-    // One event of the path, from what starts it to the first result, in nanoseconds. On return the
-    // subject is done with it and asleep. Ends the program when there is no result within 5 s.
+    // One event of the path, from its cause to the first result, in nanoseconds. On return the
+    // subject has finished it and sleeps. Ends the program if there is no result within 5 s.
     int64_t Event(Path path);
-    // The same for a packet of the caller's, sent from the socket.
+    // The same for the caller's packet, sent from the socket.
     int64_t BusEvent(Path path, int sock, std::string& packet);
 
-    // For many events under way at once: starts one; takes what results there are without waiting,
-    // and returns how many events they complete.
+    // For many concurrent events: starts one; takes available results without waiting, and returns
+    // how many events they complete.
     void Start(Path path);
     int Finish(Path path);
 
-    // A socket of the peer on the bus with a port of its own. To be closed by the caller.
+    // A socket of the peer on the bus with its own port. The caller closes it.
     int OpenPeer(unsigned short port) const;
 
     pid_t Pid() const { return m_pid; }
     int64_t CpuNs() const;       // processor time so far
     int ResidentKiB() const;     // memory present
     int LowResidentKiB() const;  // of that, below 4 GiB: all that an emulated 32-bit program has
-    int Wakeups() const;         // times that it went to sleep so far
+    int Wakeups() const;         // how often it has slept so far
 
 private:
     void Configure();
@@ -72,7 +72,7 @@ private:
     int m_control = -1;
     int m_remote = -1;
     int m_peer = -1;     // sends writes and reads, gets acknowledgements
-    int m_reports = -1;  // gets what is sent to the group
+    int m_reports = -1;  // receives what is sent to the group
     sockaddr_in m_group = {};
     uint32_t m_tid = 0;
     std::vector<std::string> m_packets;  // by path

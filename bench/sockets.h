@@ -1,4 +1,4 @@
-// Sockets that are opened as a measurement needs them; what can't be opened ends the program.
+// Sockets for measurements; a failure to open one ends the program.
 #pragma once
 
 // "a.b.c.d" and a port, where the socket listens, is bound or is connected to.

@@ -1,5 +1,5 @@
-// What the daemon must make of a datagram from the bus, told in the plainest way: what the fuzzers
-// compare with.
+// What the daemon must do with a datagram from the bus, written as simply as possible: the
+// reference for the fuzzers.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ struct BusItem {
     uint8_t type;
     uint64_t number;
 
-    // Which pin of a channel it is about: 0 to 4 of the output, 5 to 9 of the input, or npos.
+    // The pin of a channel: 0 to 4 of the output, 5 to 9 of the input, or npos.
     size_t Pin() const {
         const std::string circuits("\x08\x07\x06\x05\x04\x0D\x0C\x0B\x0A\x09");
         return circuits.find(static_cast<char>(tag & 0xFF));
@@ -33,7 +33,7 @@ struct BusItem {
     }
 };
 
-// Numbers most significant byte first; after a read past the end it is no longer good.
+// Numbers, most significant byte first; not good any more after a read past the end.
 class BusReader {
 public:
     explicit BusReader(const std::string& bytes) : m_Bytes(bytes) {}
@@ -55,7 +55,7 @@ private:
     size_t m_Pos = 0;
 };
 
-// One datagram and what becomes of it, but for repetitions.
+// One datagram and its effects, without repetitions.
 struct BusPacket {
     explicit BusPacket(const std::string& datagram) {
         BusReader header(datagram);
@@ -91,7 +91,7 @@ struct BusPacket {
         return lines;
     }
 
-    // How many pins of channels with these addresses a read asks for.
+    // How many pins of channels with these addresses a read requests.
     size_t PinsRead(const std::map<uint32_t, int>& numbers) const {
         std::set<uint32_t> pins;
         for (const BusItem& item : items) {
@@ -105,7 +105,7 @@ struct BusPacket {
     bool IsRead() const { return id == 0x52454144; }
     bool IsWrite() const { return id == 0x57524E49 || id == 0x5752494E; }
 
-    // Which of several items with one tag is found depends on what was looked for before.
+    // Which of several items with one tag is found depends on the lookups before.
     bool HasTagTwice() const {
         std::set<uint32_t> tags;
         for (const BusItem& item : items) {
@@ -128,7 +128,7 @@ private:
         if (payload.empty()) {
             return true;  // an empty message
         }
-        // Sizes of numbers, and of the elements behind a count, by type.
+        // Sizes of numbers, and of the elements after a count, by type.
         const std::map<uint8_t, size_t> numbers = {{1, 4}, {7, 1}, {8, 2}, {9, 8}};
         const std::map<uint8_t, size_t> elements = {{2, 1}, {3, 1}, {4, 2}, {5, 4}, {6, 1}};
         BusReader reader(payload);

@@ -1,4 +1,4 @@
-// What a fuzz target demands beside not crashing.
+// What a fuzz target requires besides not crashing.
 #pragma once
 
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Tells the condition that does not hold, with its place, and ends the program: a finding. The
-// message has a descriptor of its own, made before the fuzzer silences what the daemon prints.
+// Prints the violated condition with its location, and ends the program: a finding. The message has
+// its own descriptor, opened before the fuzzer silences the daemon's output.
 #define CHECK(condition) \
     ((condition) ? static_cast<void>(0) : check_failed(#condition, __FILE__, __LINE__))
 

@@ -1,4 +1,4 @@
-// What a line client must make of a stream, whatever the reads that it arrives in.
+// What a line client must make of a stream, however it is split into reads.
 #pragma once
 
 #include <string>
@@ -6,11 +6,11 @@
 
 class LineModel {
 public:
-    // capacity: how many bytes the client holds before it gives up on a line.
+    // capacity: how many bytes the client buffers before it gives up on a line.
     explicit LineModel(size_t capacity) : m_Capacity(capacity) {}
 
-    // The lines that these bytes complete, but for empty ones: how many of these there are depends
-    // on the reads.
+    // The lines that these bytes complete, except empty ones: the number of those depends on the
+    // reads.
     std::vector<std::string> Feed(const std::string& bytes) {
         std::vector<std::string> lines;
         for (const char c : bytes) {
@@ -36,6 +36,6 @@ public:
 private:
     size_t m_Capacity;
     std::string m_Pending;
-    bool m_Stuck = false;  // a NUL hides everything behind it
+    bool m_Stuck = false;  // a NUL hides everything after it
     bool m_Closed = false;
 };

@@ -1,5 +1,5 @@
 // The network of a fuzz target: a calm world (tests/world) with peers that the target plays.
-// Nothing is lost, nothing takes time, and no call fails but for what the target does.
+// Nothing is lost, nothing takes time, and no call fails unless the target makes it.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 bool is_readable(int fd);
 void await_readable(int fd);
-void await_bytes(int fd, size_t size);  // that many can be read at once
+void await_bytes(int fd, size_t size);  // until that many can be read at once
 
-// Moves the time of day on.
+// Advances the time of day.
 struct Clock {
     static void Advance(long seconds, long microseconds);
 };
@@ -26,11 +26,11 @@ public:
 
     uint16_t Port() const { return m_Port; }
     void Accept(int client);  // takes the connection of this socket, resets all others
-    void AcceptAll();         // takes what waits
+    void AcceptAll();         // takes waiting connections
     size_t Count() const { return m_Streams.size(); }
     void Send(const std::string& bytes);  // to every connection
     std::string Take(size_t wanted = 0);  // what has come, that many bytes at least
-    void Reset();                         // breaks all connections, waiting ones too
+    void Reset();                         // resets all connections, including waiting ones
 
     void Accept(const std::shared_ptr<Stream>& stream) override { m_Waiting.push_back(stream); }
 

@@ -8,12 +8,12 @@
 #include "app/orvex.h"
 #include "fuzz/Net.h"
 
-// Time stands still but for what moves the Clock of the tests; usleep() moves it.
+// Time stands still unless the Clock of the tests or usleep() moves it.
 class Router {
 public:
     static const uint16_t BUS_PORT = 2060;
 
-    // The only one, as the router has but one set of endpoints; opens those of the bus.
+    // The only one, because the router has one set of endpoints; opens those of the bus.
     static Router& Get();
 
     // To the state after start-up, with nothing configured; connected: to TQRD.
@@ -23,9 +23,9 @@ public:
     void AcceptRemotes();
     void ResetRemotes();
 
-    // The number of the channel with each address of the bus. False when channels share one.
+    // The number of the channel for each address on the bus. False if channels share one.
     static bool BusChannels(std::map<uint32_t, int>& numbers);
-    // Takes from the group what must be there: reports, each sent twice. The payloads.
+    // Takes from the group what must be there: reports, each sent twice. Returns the payloads.
     std::vector<std::string> TakeReports(size_t wanted);
 
     TcpPeer tqrd{40093};

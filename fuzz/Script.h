@@ -1,5 +1,5 @@
-// Inputs of several parts. A part ends at "%%", so that seeds can be written by hand and a fuzzer
-// that inserts or removes bytes leaves the other parts what they are.
+// Inputs of several parts. A part ends at "%%", so that seeds can be written by hand, and a fuzzer
+// that inserts or removes bytes leaves the other parts unchanged.
 #pragma once
 
 #include <cstdint>

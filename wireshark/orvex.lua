@@ -1,8 +1,8 @@
--- Wireshark dissector of the orvex bus: reliable-UDP packets that carry tagged messages.
+-- Wireshark dissector of the orvex bus: reliable-UDP packets that contain tagged messages.
 --
 -- Filters begin with "orvex.": the header's fields (orvex.type, orvex.tid, ...), the links between
--- packets (orvex.ack_in, orvex.request_in, ...) and what is wrong with a packet
--- (orvex.expert.short, ...). docs/wireshark.md lists them all.
+-- packets (orvex.ack_in, orvex.request_in, ...) and errors of a packet (orvex.expert.short, ...).
+-- docs/wireshark.md lists them all.
 --
 -- The UDP ports are a preference of the protocol. orvex_common.lua and orvex_message.lua must be beside
 -- this file: the second one dissects the payload. orvex_line.lua dissects the control lines.
@@ -71,7 +71,7 @@ local HEADER = {
     { f.result_port, 2 }, { f.lock_id, 2 }, { f.lock_tid, 4 },
 }
 
--- What the first pass over a capture learns: notes on the frames (links to other frames) and the
+-- Results of the first pass over a capture: notes on the frames (links to other frames) and the
 -- packets, requests, last packet of each sender and addresses that later frames may refer to.
 local notes, sent, requests, latest, addresses
 
@@ -93,7 +93,7 @@ local function is_recent(packet, pinfo)
     return packet and pinfo.rel_ts - packet.time <= REPEAT_SECONDS
 end
 
--- An answer belongs to the last sending of the packet that it answers.
+-- An answer belongs to the last transmission of the packet that it answers.
 local function track_answer(pinfo, packet, note)
     local answered = sent[endpoint(pinfo.dst, pinfo.dst_port) .. "/" .. packet.tid]
     if is_recent(answered, pinfo) then
@@ -152,7 +152,7 @@ local function track_data(pinfo, packet, note)
     track_request(pinfo, message, note)
 end
 
--- The note on this frame, made when it is seen first.
+-- The note on this frame, made when it is first seen.
 local function note_of(pinfo, packet)
     local note = notes[pinfo.number]
     if not note then
@@ -188,7 +188,7 @@ local function show_links(node, note)
     end
 end
 
--- An answer is the first half of a header; its bytes 0 and 2 mean nothing.
+-- An answer is the first half of a header; its bytes 0 and 2 have no meaning.
 local function dissect_answer(tvb, node)
     node:add(f.type, tvb(1, 1))
     node:add(f.version, tvb(3, 1))
@@ -218,7 +218,7 @@ local function dissect_header(tvb, node)
     end
 end
 
--- What keeps a receiver from taking a packet; the first reason is the one that counts.
+-- Why a receiver rejects a packet; the first reason counts.
 local function refusal(layer, version, payload_version)
     if layer < MESSAGE_LAYER then
         return e.layer, "refused: layer " .. layer
@@ -267,7 +267,7 @@ local function is_answer(tvb)
     return code == ACK or code == NACK
 end
 
--- The packet, or nil when there are too few bytes for one.
+-- The packet, or nil if there are too few bytes.
 local function dissect_packet(tvb, node)
     if is_answer(tvb) then
         return dissect_answer(tvb, node)
@@ -298,7 +298,7 @@ function orvex.dissector(tvb, pinfo, tree)
     local node = tree:add(orvex, tvb())
     local packet = dissect_packet(tvb, node)
     if packet then
-        -- What an ICMP error quotes was not sent in this frame.
+        -- The packet quoted in an ICMP error was not sent in this frame.
         local note = pinfo.in_error_pkt and {} or note_of(pinfo, packet)
         local text = info_text(packet, note)
         show_links(node, note)

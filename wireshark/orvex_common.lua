@@ -1,5 +1,5 @@
--- What the dissectors of orvex have in common; each asks for it with require. Wireshark loads this
--- file with the others, too, which does nothing.
+-- Shared by the dissectors of orvex; each loads it with require. Wireshark also loads this file
+-- with the others, which has no effect.
 
 local common = {}
 
@@ -10,7 +10,7 @@ function common.problems(prefix)
     end
 end
 
--- Gives the protocol its fields and remarks, two tables whose keys are the dissector's own.
+-- Registers the protocol's fields and remarks, two tables with the dissector's own keys.
 function common.declare(proto, fields, experts)
     local function values(map)
         local list = {}
@@ -23,12 +23,12 @@ function common.declare(proto, fields, experts)
     proto.experts = values(experts)
 end
 
--- Text from the wire, fit for showing.
+-- Text from the wire, made printable.
 function common.printable(text)
     return (text:gsub("[^\32-\126]", "."))
 end
 
--- Makes the ports of a transport ("udp", "tcp") a preference of the protocol, and follows it.
+-- Makes the ports of a transport ("udp", "tcp") a preference of the protocol, and applies it.
 function common.serve_ports(proto, transport, ports, description)
     local name = transport:upper() .. " ports"
     proto.prefs.ports = Pref.range(name, ports, description, 65535)

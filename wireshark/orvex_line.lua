@@ -4,7 +4,7 @@
 -- Filters begin with "orvex_line.": the parts of every line (orvex_line.command == "GPO",
 -- orvex_line.number, orvex_line.state, orvex_line.pin1 to pin5, orvex_line.duration), its fields
 -- (orvex_line.field.key, orvex_line.field.value), the decoded source of a channel
--- (orvex_line.source.kind, ...) and what is wrong with a line (orvex_line.expert.unknown, ...).
+-- (orvex_line.source.kind, ...) and errors of a line (orvex_line.expert.unknown, ...).
 -- docs/wireshark.md lists them all.
 --
 -- The TCP ports are a preference of the protocol. The bus is dissected by orvex.lua.
@@ -63,8 +63,8 @@ local e = {
 
 common.declare(orvex_line, f, e)
 
--- The number at pos, without sign, as C reads it in base 0, and the position behind it; values of
--- more than 32 bits give 2^32. Nil when no digit stands there.
+-- The number at pos, without sign, as C reads it in base 0, and the position after it; values of
+-- more than 32 bits give 2^32. Nil if there is no digit.
 local function read_digits(text, pos)
     local base_of, pattern = 10, "^%d+()"
     if text:find("^0[xX]%x", pos) then
@@ -94,8 +94,8 @@ local function read_number(text, pos)
     return sign == "-" and -number or number, behind
 end
 
--- The first and last positions of the fields from pos on: blanks and commas separate them but in
--- double quotes and behind a backslash.
+-- The first and last positions of the fields from pos on. Blanks and commas separate them, except
+-- in double quotes and after a backslash.
 local function split_fields(text, pos)
     local fields, first, quoted = {}, pos, false
     while pos <= #text + 1 do
@@ -115,7 +115,7 @@ local function split_fields(text, pos)
     return fields
 end
 
--- The value that begins a text, without quotes and backslashes.
+-- The value at the beginning of a text, without quotes and backslashes.
 local function unquote(text)
     local field = split_fields(text, 1)[1]
     if not field or field.first > 1 then
@@ -132,8 +132,8 @@ local function read_decimal(text)
     return math.max(-MAX_NUMBER, math.min(number, MAX_NUMBER))
 end
 
--- An address as C's inet_addr() reads it, as a dotted quad; nil when unreadable. It has one to four
--- numbers, the last of which fills the bytes that the others leave.
+-- An address as C's inet_addr() reads it, as a dotted quad; nil if malformed. It has one to four
+-- numbers, the last of which fills the remaining bytes.
 local function read_address(text)
     local parts, pos = {}, 1
     repeat
@@ -154,7 +154,7 @@ local function read_address(text)
     return string.format("%d.%d.%d.%d", table.unpack(parts))
 end
 
--- A source on the bus: a or a:b, which stands for a * 256 + b.
+-- A source on the bus: a or a:b, which means a * 256 + b.
 local function read_bus_source(text)
     local address, behind = read_number(text, 1)
     if text:sub(behind, behind) == ":" then
@@ -164,7 +164,7 @@ local function read_bus_source(text)
     return { kind = "bus", address = address }
 end
 
--- An input of a remote server: a.b.c.d, then perhaps :port, then perhaps /input.
+-- An input of a remote server: a.b.c.d, optionally :port, optionally /input.
 local function read_remote_source(text)
     local server, input = text:match("^([^/]*)(.*)$")
     local host, port = server:match("^([^:]*)(.*)$")
@@ -190,13 +190,13 @@ local function read_source(text)
     return { kind = "none" }
 end
 
--- Adds the part of a line from first to last; its text stands for itself without a value.
+-- Adds the part of a line from first to last, by default with its text as the value.
 local function add_part(line, parent, field, first, last, value)
     local range = line.tvb(line.start + first - 1, last - first + 1)
     return parent:add(field, range, value or common.printable(line.text:sub(first, last)))
 end
 
--- The functions below show what the value of a field, from first to last, stands for.
+-- The functions below show the meaning of a field's value, from first to last.
 local function show_source(line, first, last)
     local source = read_source(line.text:sub(first))
     local node = add_part(line, line.node, f.source, first, last)
@@ -234,7 +234,7 @@ local function show_duration(line, first, last)
     end
 end
 
--- The fields from pos on; the first one with the key is given to show.
+-- The fields from pos on; the first one with the key is passed to show.
 local function show_fields(line, pos, key, show)
     for _, field in ipairs(split_fields(line.text, pos)) do
         local node = add_part(line, line.node, f.field, field.first, field.last)
@@ -251,7 +251,7 @@ local function show_fields(line, pos, key, show)
     end
 end
 
--- The number at pos; returns the position behind it, or nil when there is none.
+-- The number at pos; returns the position after it, or nil if there is none.
 local function show_number(line, pos, limit)
     local number, behind = read_number(line.text, pos)
     if not number then
@@ -264,7 +264,7 @@ local function show_number(line, pos, limit)
     return behind
 end
 
--- The state of pins at pos; returns the position behind it.
+-- The state of pins at pos; returns the position after it.
 local function show_state(line, pos)
     local state = line.text:match("^[^ ,]*", pos)
     local node = add_part(line, line.node, f.state, pos, pos + #state - 1)
@@ -277,8 +277,8 @@ local function show_state(line, pos)
     return pos + #state
 end
 
--- One function a command, for what follows the command and a blank at position 5. They return false
--- when the line is not one of those that are understood.
+-- One function per command, for the text after the command and a blank at position 5. They return
+-- false for unknown lines.
 local COMMANDS = {}
 
 function COMMANDS.SET(line)
@@ -341,7 +341,7 @@ local function dissect_command(line)
     return line.text:sub(4, 4) == " " and COMMANDS[command](line)
 end
 
--- One line of length bytes from start, without its end. Returns its text, fit for showing.
+-- One line of length bytes from start, without its end. Returns its printable text.
 local function dissect_line(tvb, start, length, tree)
     local range = tvb(start, length)
     local line = { tvb = tvb, start = start, text = range:raw() }
@@ -358,8 +358,8 @@ local function dissect_line(tvb, start, length, tree)
     return text
 end
 
--- Asks for the rest of the line that begins at start, unless it is too long already or segments
--- are not put together; returns whether it did.
+-- Requests the rest of the line that begins at start, unless it is already too long or segments are
+-- not reassembled; returns whether it did.
 local function ask_for_more(tvb, start, pinfo)
     if pinfo.can_desegment == 0 or tvb:len() - start > MAX_LINE then
         return false
@@ -369,7 +369,7 @@ local function ask_for_more(tvb, start, pinfo)
     return true
 end
 
--- All lines, as { start, length }, and what is left behind the last line's end.
+-- All lines, as { start, length }, and the bytes after the last line's end.
 local function find_lines(text)
     local lines, pos = {}, text:match("^[\r\n]*()")
     for first, last in text:gmatch("()[^\r\n]+()[\r\n]") do

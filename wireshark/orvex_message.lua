@@ -1,5 +1,5 @@
 -- Wireshark dissector of the messages on the orvex bus, the payload of the packets of orvex.lua.
--- It has no port of its own: orvex.lua calls dissect of what is left in package.loaded.
+-- It has no port of its own: orvex.lua calls the dissect function in package.loaded.
 --
 -- Its filters begin with "orvex." too: the message (orvex.message == "WRNI"), its items
 -- (orvex.item.tag, orvex.item.byte, ...), the pins (orvex.pin contains "out1=L",
@@ -74,7 +74,7 @@ local e = {
 
 common.declare(proto, f, e)
 
--- Reads bytes from pos up to limit, the announced end of what is read. The capture may end before.
+-- Reads bytes from pos up to limit, the announced end. The capture may end earlier.
 local Cursor = {}
 Cursor.__index = Cursor
 
@@ -82,7 +82,7 @@ local function new_cursor(tvb, pos, limit)
     return setmetatable({ tvb = tvb, pos = pos, limit = limit }, Cursor)
 end
 
--- The next n bytes, or nil when they are not there; fault then says why, and nothing more is read.
+-- The next n bytes, or nil if they are missing; fault then says why, and nothing more is read.
 function Cursor:take(n)
     local behind = self.pos + n
     if self.fault then
@@ -99,8 +99,8 @@ function Cursor:take(n)
     return nil
 end
 
--- The bytes from start (by default the position) to the limit, as far as they were captured; nil
--- when there are none.
+-- The bytes from start (by default the position) to the limit, as far as they were captured; nil if
+-- there are none.
 function Cursor:rest(start)
     start = start or self.pos
     local behind = math.min(self.limit, self.tvb:len())
@@ -115,7 +115,7 @@ local SCALARS = {
     [QWORD] = { 8, f.qword, function(range) return range:bytes():tohex() end },
 }
 
--- Values with a count before them: the width of an element and how it is shown.
+-- Values with a count before them: the width of an element and how to show it.
 local function show_string(node, range)
     local text = common.printable(range:raw():match("^[^\0]*"))
     node:add(f.string, range, text)
@@ -145,7 +145,7 @@ local ARRAYS = {
 
 local dissect_message  -- nested messages lead back to it
 
--- The functions below return the text of the value; nil when it does not fit.
+-- The functions below return the text of the value; nil if it does not fit.
 local function dissect_array(cur, node, item)
     local count = cur:take(2)
     if not count then
@@ -202,7 +202,7 @@ local DISSECTORS = setmetatable({ [NESTED] = dissect_nested }, {
     end,
 })
 
--- The tags that stand for themselves: name, type, field and what the message notes of the value.
+-- The special tags: name, type, field and what the message records of the value.
 local SPECIALS = {
     [0xFFFFFFFF] = { "id", DWORD, f.id, "id" },
     [0xFFFFFFFE] = { "refi", DWORD, f.refi, "refi" },
@@ -222,7 +222,7 @@ local function dissect_special(node, message, item)
     end
 end
 
--- How a pin reads in each kind of message. What is wrong with it is added to its problems.
+-- The text of a pin in each kind of message. Errors are added to its problems.
 local PIN_TEXTS = {}
 
 function PIN_TEXTS.read(pin)
@@ -239,7 +239,7 @@ function PIN_TEXTS.state(pin, item)
     return pin.name .. "=" .. pin.level
 end
 
--- Receivers take anything but a byte for the byte 0.
+-- Receivers treat anything but a byte as the byte 0.
 function PIN_TEXTS.write(pin, item)
     local value = item.code == BYTE and item.range:uint() or 0
     pin.problems = { item.code ~= BYTE and e.item_type or nil }
@@ -289,7 +289,7 @@ local function dissect_pin(node, message, item)
     table.insert(message.pins, pin)
 end
 
--- What an item of the outermost message stands for.
+-- The meaning of an item of the outermost message.
 local function interpret_item(node, message, item)
     if SPECIALS[item.tag] then
         dissect_special(node, message, item)
@@ -300,14 +300,14 @@ local function interpret_item(node, message, item)
     end
 end
 
--- A tag with its name, when it has one.
+-- A tag with its name, if it has one.
 local function tag_text(item)
     local special = SPECIALS[item.tag]
     local name = special and special[1] or item.tag_range:raw():match("^[\33-\126]+$")
     return string.format("%08X", item.tag) .. (name and " (" .. name .. ")" or "")
 end
 
--- One item; false when it does not fit.
+-- One item; false if it does not fit.
 local function dissect_item(cur, tree, message, depth)
     local start = cur.pos
     local tag, code = cur:take(4), cur:take(1)
@@ -348,7 +348,7 @@ local function dissect_items(cur, node, message, depth)
     return true
 end
 
--- A cut is marked once, at the outermost message.
+-- Truncation is marked once, at the outermost message.
 local function mark_fault(cur, node, nested)
     if not nested then
         node:add_proto_expert_info(cur.fault)
@@ -358,7 +358,7 @@ local function mark_fault(cur, node, nested)
 end
 
 -- Receivers drop a message that does not fit its packet exactly. A nested one may be followed by
--- other bytes, and counts as empty when it does not fit.
+-- other bytes, and counts as empty if it does not fit.
 local function check_end(cur, node, message, nested)
     if not message.whole then
         mark_fault(cur, node, nested)
@@ -373,8 +373,8 @@ local function check_end(cur, node, message, nested)
     end
 end
 
--- The message from the cursor to its limit; depth is 1 for the outermost one. What is returned
--- has whole set when a receiver would take it.
+-- The message from the cursor to its limit; depth is 1 for the outermost one. The result has whole
+-- set if a receiver would accept it.
 function dissect_message(cur, tree, depth)
     local all = cur:rest()
     if not all then
@@ -393,7 +393,7 @@ function dissect_message(cur, tree, depth)
     return message
 end
 
--- Pins as a summary, each circuit group named once: "1:2 out1=L 50 ms, out2=H".
+-- A summary of pins, each circuit group named once: "1:2 out1=L 50 ms, out2=H".
 local function pins_text(pins)
     local words, group = {}, nil
     for i, pin in ipairs(pins) do
@@ -420,14 +420,14 @@ local function message_text(message)
     return #message.pins > 0 and text .. " " .. pins_text(message.pins) or text
 end
 
--- Plugins do not share their globals but what is loaded; orvex.lua asks for this when it is needed,
--- as it may be loaded before this file.
+-- Plugins share only package.loaded, not globals; orvex.lua looks it up when needed, because it may
+-- be loaded before this file.
 local orvex_message = {}
 package.loaded.orvex_message = orvex_message
 
 -- Dissects the bytes of a packet from offset on. Returns a table: text, a summary; whole, whether a
--- receiver would take the message; role, "read", "write" or "state", nil for unknown messages; id,
--- refi and echo, the values of its special items, nil without them.
+-- receiver would accept the message; role, "read", "write" or "state", nil for unknown messages;
+-- id, refi and echo, the values of its special items, nil without them.
 function orvex_message.dissect(tvb, offset, tree)
     local message = dissect_message(new_cursor(tvb, offset, tvb:reported_len()), tree, 1)
     message.text = message_text(message)

@@ -41,7 +41,7 @@ protected:
         return std::make_unique<Process>(arguments, m_environment);
     }
 
-    // A watch or record that listens already.
+    // A watch or record that already listens.
     std::unique_ptr<Process> StartListener(const Host& host, Words arguments) {
         arguments.emplace_back("-v");
         auto listener = Start(host, arguments);
@@ -49,7 +49,8 @@ protected:
         return listener;
     }
 
-    // Waits for the end; the exit status. Asking for all addresses takes a busy machine a while.
+    // Waits for the end; returns the exit status. Reading all addresses takes a busy machine a
+    // while.
     int Finish(Process& process) {
         const auto has_ended = [&] {
             process.Pump();
@@ -59,7 +60,7 @@ protected:
         return process.Status();
     }
 
-    // Waits until the program has printed the text so many times.
+    // Waits until the program has printed the text that many times.
     bool AwaitText(Process& process, const std::string& text, long times = 1) {
         return Await([&] {
             process.Pump();

@@ -12,7 +12,7 @@
 #include "tests/support/Process.h"
 #include "tools/sim/SimServer.h"
 
-// A stand-in server and what it was told by its clients.
+// A stand-in server and the lines it has received.
 struct Peer {
     Peer();
 
@@ -34,8 +34,8 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Listens where the daemon looks for them: the control server at port 93 of the device's
-    // loopback, the remote GPIO server at port 93 of the studio.
+    // Listen where the daemon expects them: the control server at port 93 of the device's loopback,
+    // the remote GPIO server at port 93 of the studio.
     void StartControl();
     void StartRemote();
 

@@ -11,7 +11,7 @@
 // Needs namespaces, as root or as a user that the system gives them; see Host::Prepare().
 class Host {
 public:
-    // What a test is skipped with when Prepare() failed.
+    // The reason for skipping a test if Prepare() failed.
     static constexpr const char* NEEDED =
         "needs network namespaces, and neither as root nor in a user namespace can one be had";
 
@@ -25,7 +25,7 @@ public:
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // The calling thread is on the host for as long as the scope lives.
+    // The calling thread is on the host during the lifetime of the scope.
     class Scope {
     public:
         explicit Scope(const Host& host);

@@ -17,7 +17,7 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // Takes what the program has printed since, and its exit status when it has ended. Never waits.
+    // Takes what the program has printed since, and its exit status if it has ended. Never waits.
     void Pump();
 
     const std::string& Out() const { return m_out.text; }

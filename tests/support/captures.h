@@ -1,5 +1,4 @@
-// Bytes from texts: hexadecimal ones, and the captures of docs/protocol.md, with which the tests
-// compare.
+// Bytes from texts: hexadecimal ones, and the captures of docs/protocol.md for comparison.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -3,8 +3,8 @@
 
 #include <string>
 
-// Listens on one address. Waits are limited to five seconds; what does not come in that time is
-// told by the results.
+// Listens on one address. Waits are limited to five seconds; the results show what did not come in
+// that time.
 class LoopbackServer {
 public:
     // Port 0: the system chooses.
