@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Checks that every folder includes only from the folders that its libraries stand on.
 
-What stands on what is told by the CMakeLists.txt of each folder, and by nothing else.
+The CMakeLists.txt of each folder defines what it stands on.
 """
 
 import pathlib
@@ -10,9 +10,9 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-# The numbers of the protocol, for the daemon and for those who talk to it.
+# The numbers of the protocol, for the daemon and for its peers.
 FOR_ALL = {"app/protocol.h"}
-# Whoever tries the daemon out may look at all of it.
+# Tests and benchmarks may include everything.
 FREE = ("tests", "fuzz", "bench")
 
 

@@ -39,7 +39,7 @@ int64_t NumberField(const HttpRequest& request, const char* name, int64_t otherw
     return number;
 }
 
-// A field of a table for spreadsheets, which take what begins with = + - @ for a formula.
+// A field of a table for spreadsheets, which read texts that begin with = + - @ as formulas.
 std::string CsvText(const std::string& text) {
     std::string quoted = "\"";
     if (!text.empty() && std::string("=+-@\t\r").find(text[0]) != std::string::npos) {
@@ -169,7 +169,7 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     query.before_id = NumberField(request, "before", query.before_id);
     const int64_t limit = NumberField(request, "limit", query.limit);
     query.limit = static_cast<unsigned>(std::min<int64_t>(limit, History::MAX_ROWS));
-    m_history.Store(NowMs());  // what has just happened is part of the answer
+    m_history.Store(NowMs());  // the latest events are part of the answer
     const std::optional<History::Answer> found = m_history.Find(query, NowMs());
     if (!found) {
         return Fail(503, "the history can't be read: " + m_history.Problem() + m_history.Notice());

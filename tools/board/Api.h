@@ -1,4 +1,4 @@
-// What the board answers to requests.
+// The board's answers to requests.
 #pragma once
 
 #include <functional>
@@ -14,7 +14,7 @@
 
 class Api {
 public:
-    // All outlive the interface.
+    // All must outlive the interface.
     Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics);
 
     HttpResponse Handle(const HttpRequest& request);

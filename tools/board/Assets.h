@@ -1,4 +1,4 @@
-// The files of the page, put into the program when it is built.
+// The files of the page, embedded into the program when it is built.
 #pragma once
 
 #include <string_view>
@@ -7,8 +7,8 @@ struct Asset {
     std::string_view path;  // "/board.css"
     std::string_view type;
     std::string_view bytes;
-    std::string_view tag;  // changes with the bytes
+    std::string_view tag;  // changes with the content
 };
 
-// Null when there is none.
+// Null if there is none.
 const Asset* FindAsset(std::string_view path);

@@ -9,10 +9,10 @@
 
 namespace {
 
-const int READ_AT_ONCE = 64;        // messages, before viewers get their turn
-const uint32_t SPECIAL = 0xFFFFFF;  // the address of tags that are no pins
+const int READ_AT_ONCE = 64;        // messages, before viewers are served
+const uint32_t SPECIAL = 0xFFFFFF;  // the address of tags that are not pins
 const unsigned MAX_MISSES = 3;
-const unsigned MAX_REFUSALS = 20;  // in a minute
+const unsigned MAX_REFUSALS = 20;  // per minute
 
 }  // namespace
 
@@ -25,11 +25,11 @@ Board::Board(BoardSettings settings, History& history, EventStream& stream)
     : m_settings(std::move(settings)),
       m_history(history),
       m_stream(stream),
-      m_requestId(NewRequestId()) {
+      m_request_id(NewRequestId()) {
     WantNamed();
 }
 
-// What has a name is shown, and asked for, whether it was heard or not.
+// Everything with a name is shown and read, whether it was heard or not.
 void Board::WantNamed() {
     for (const Names::Entry& entry : m_settings.names.All()) {
         for (const uint32_t tag : entry.pins.Tags()) {
@@ -79,8 +79,8 @@ void Board::Take(Traffic& traffic) {
     }
 }
 
-// The daemon does not follow all outputs that the control server tells of: where that one tells,
-// nobody else does.
+// The daemon does not follow all outputs that the control server reports: for those the server
+// alone counts.
 void Board::TakeStates(Traffic& traffic, bool reply) {
     const int64_t now = NowMs();
     const bool known = HearDevice(traffic.host, now);
@@ -206,7 +206,7 @@ std::string Board::TellerOf(uint32_t tag, const PinState& state) const {
                                    : "";
 }
 
-// Thousands of pins are asked for at once by every page that is opened.
+// Every page that is opened gets thousands of pins at once.
 const std::string& Board::TextOf(uint32_t tag, const PinState& state) const {
     std::string& text = m_texts[tag];
     if (text.empty()) {
@@ -258,11 +258,11 @@ void Board::NoteRefusal(const std::string& who, const std::string& reason) {
     ++m_counts.refusals;
     Event event;
     event.time = NowMs();
-    if (m_refusalMinute != event.time / 60000) {
-        m_refusalMinute = event.time / 60000;
-        m_refusalsNoted = 0;
+    if (m_refusal_minute != event.time / 60000) {
+        m_refusal_minute = event.time / 60000;
+        m_refusals_noted = 0;
     }
-    if (++m_refusalsNoted > MAX_REFUSALS) {
+    if (++m_refusals_noted > MAX_REFUSALS) {
         return;
     }
     event.kind = EventKind::SetAsked;
@@ -291,8 +291,8 @@ bool Board::Set(uint32_t tag, WriteValue value, const std::string& who) {
 
 std::vector<std::string> Board::Complaints() const {
     std::vector<std::string> complaints;
-    if (!m_linkProblem.empty()) {
-        complaints.push_back(m_linkProblem);
+    if (!m_link_problem.empty()) {
+        complaints.push_back(m_link_problem);
     }
     for (const auto& [host, device] : m_devices) {
         if (device.missing) {

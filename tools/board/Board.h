@@ -1,4 +1,4 @@
-// What the board knows, and how it comes to know it.
+// What the board knows, and how it learns it.
 #pragma once
 
 #include <chrono>
@@ -27,11 +27,11 @@ struct BoardSettings {
     Names names;
 };
 
-// What viewers are told about a pin beside its state.
+// What viewers are sent about a pin besides its state.
 struct PinNotes {
     uint64_t changes = 0;
     std::optional<Level> written;  // by the last write
-    bool lost = false;             // whoever told it no longer answers: nobody knows
+    bool lost = false;             // its device no longer answers: unknown
     bool by_control = false;       // the control server tells it
 };
 
@@ -42,40 +42,39 @@ struct Device {
     uint64_t messages = 0;
 };
 
-// Listens to the bus, asks for what is not reported, follows the control server, and passes on what
-// changed to the history and to the viewers. Outputs are reported by nobody, so they are asked for:
-// all in turn at a slow pace, and soon after a write to them. For one thread; never waits.
+// Listens to the bus, reads what is not reported, follows the control server, and passes changes to
+// the history and to the viewers. Outputs are not reported, so it reads them: all in turn at a slow
+// pace, and soon after a write. For one thread; never waits.
 class Board {
 public:
     static constexpr size_t MAX_DEVICES = 500;
 
-    // History and stream outlive the board.
+    // History and stream must outlive the board.
     Board(BoardSettings settings, History& history, EventStream& stream);
 
-    // What to wait for: the sockets of the bus and of the control server, -1 when closed. They may
-    // be others after every call.
+    // What to wait for: the sockets of the bus and of the control server, -1 if closed. They may
+    // change with every call.
     int BusSocket(size_t number) const;
     const TqrdClient& Control() const { return m_control; }
 
     void ReadBus();
     void ServeControl();
 
-    // Does what is due: asks, looks after the bus and the control server. Call it every TICK.
+    // Does what is due: reads pins, watches the bus and the control server. Call it every TICK.
     static constexpr std::chrono::milliseconds TICK{50};
     void Tick();
 
     // Writes a pin for someone. False: it could not be sent.
     bool Set(uint32_t tag, WriteValue value, const std::string& who);
-    // Notes that someone was refused; of many in a minute only the first, which the history has
-    // room for.
+    // Records a refused request; of many in a minute, only as many as the history has room for.
     void NoteRefusal(const std::string& who, const std::string& reason);
 
-    // Tells the viewers how the board itself is.
+    // Sends viewers the state of the board itself.
     void TellStatus();
 
     const PinStates& Pins() const { return *m_states; }
     PinNotes NotesOf(uint32_t tag) const;
-    // The pin as viewers are told, as JSON.
+    // The pin as JSON for viewers.
     const std::string& TextOf(uint32_t tag, const PinState& state) const;
     // Who told a pin, for people.
     std::string TellerOf(uint32_t tag, const PinState& state) const;
@@ -85,10 +84,10 @@ public:
     const ChannelTable& Channels() const { return m_table; }
     bool HasControl() const { return m_settings.control.has_value(); }
     std::string ControlAddress() const;
-    // Empty when all is well.
-    const std::string& LinkProblem() const { return m_linkProblem; }
+    // Empty if all is well.
+    const std::string& LinkProblem() const { return m_link_problem; }
     std::string ControlProblem() const;
-    // Why the board should not be relied on; empty when it may be.
+    // Why the board should not be relied on; empty if it may be.
     std::vector<std::string> Complaints() const;
 
     struct Counts {
@@ -107,9 +106,9 @@ public:
 
 private:
     struct Address {
-        int64_t due = 0;      // when it is asked for next
-        int64_t asked = 0;    // 0: nothing is awaited
-        unsigned misses = 0;  // questions in a row without an answer
+        int64_t due = 0;      // when to read it next
+        int64_t asked = 0;    // 0: no answer is expected
+        unsigned misses = 0;  // unanswered reads in a row
         std::string owner;    // the device that answered last
     };
 
@@ -141,26 +140,26 @@ private:
     History& m_history;
     EventStream& m_stream;
     std::unique_ptr<BusLink> m_link;  // null: it can't be opened
-    std::string m_linkProblem = "not opened yet";
-    bool m_linkLost = false;  // a gap is open
+    std::string m_link_problem = "not opened yet";
+    bool m_link_lost = false;  // a gap is open
     unsigned m_looks = 0;
     std::unique_ptr<PinStates> m_states = std::make_unique<PinStates>();
     std::map<uint32_t, PinNotes> m_notes;
-    mutable std::map<uint32_t, std::string> m_texts;  // as viewers were told, by tag
+    mutable std::map<uint32_t, std::string> m_texts;  // as sent to viewers, by tag
     RepeatFilter m_repeats;
-    const uint32_t m_requestId;
+    const uint32_t m_request_id;
     std::map<uint32_t, Address> m_addresses;
     std::set<std::pair<int64_t, uint32_t>> m_schedule;  // due, address
     std::map<std::string, Device> m_devices;
     Counts m_counts;
-    int64_t m_refusalMinute = 0;
-    unsigned m_refusalsNoted = 0;  // in it
-    int64_t m_nextQuestion = 0;
-    int64_t m_nextLook = 0;
+    int64_t m_refusal_minute = 0;
+    unsigned m_refusals_noted = 0;  // in that minute
+    int64_t m_next_question = 0;
+    int64_t m_next_look = 0;
     TqrdClient m_control;
     ChannelTable m_table;
-    bool m_controlAsked = false;
-    int64_t m_nextConnect = 0;
+    bool m_control_asked = false;
+    int64_t m_next_connect = 0;
 };
 
 // Milliseconds since 1970.

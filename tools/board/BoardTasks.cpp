@@ -1,4 +1,4 @@
-// What the board does by itself: asks, looks after the bus, follows the control server.
+// The board's own tasks: reading pins, watching the bus, following the control server.
 #include <algorithm>
 
 #include "tools/board/Board.h"
@@ -8,10 +8,10 @@
 
 namespace {
 
-const int64_t ASK_PACE = 200;     // ms between two questions
+const int64_t ASK_PACE = 200;     // ms between two reads
 const int64_t ASK_AGAIN = 10000;  // an address that answers
 const int64_t ASK_SOON = 1000;    // one that did not
-const unsigned ASK_AT_ONCE = 5;   // addresses in one question
+const unsigned ASK_AT_ONCE = 5;   // addresses in one read
 const unsigned MAX_MISSES = 3;    // then it is missing
 const int64_t LOOK_PACE = 1000;
 const int64_t CONNECT_PACE = 3000;
@@ -24,8 +24,8 @@ const char* const LINK_LOST = "the bus could not be heard";
 
 void Board::Tick() {
     const int64_t now = NowMs();
-    if (now >= m_nextLook || m_nextLook > now + LOOK_PACE) {  // the clock may have been set
-        m_nextLook = now + LOOK_PACE;
+    if (now >= m_next_look || m_next_look > now + LOOK_PACE) {  // the clock may have been set
+        m_next_look = now + LOOK_PACE;
         KeepLink(now);
     }
     AskDue(now);
@@ -37,7 +37,7 @@ void Board::Tick() {
 
 // ---- questions ----
 
-// Asks for the address from then on, unless it is asked for anyway.
+// Reads the address from then on, unless it is read anyway.
 void Board::Watch(uint32_t address, int64_t due) {
     if (m_addresses.count(address) == 0 && m_addresses.size() < MAX_ADDRESSES) {
         Reschedule(address, m_addresses[address], due);
@@ -50,15 +50,15 @@ void Board::Reschedule(uint32_t address, Address& entry, int64_t due) {
     m_schedule.emplace(due, address);
 }
 
-// After a write pins are asked for by themselves; all others in turn, as addresses.
+// After a write, single pins are read; all others in turn, by address.
 void Board::AskDue(int64_t now) {
     std::vector<uint32_t> ask;
     TakeChanges(m_states->Tend(Now(), ask));
-    if (!m_linkProblem.empty()) {
+    if (!m_link_problem.empty()) {
         return;
     }
-    if (now >= m_nextQuestion || m_nextQuestion > now + ASK_PACE) {
-        m_nextQuestion = now + ASK_PACE;
+    if (now >= m_next_question || m_next_question > now + ASK_PACE) {
+        m_next_question = now + ASK_PACE;
         for (unsigned i = 0;
              i < ASK_AT_ONCE && m_schedule.begin() != m_schedule.end() &&
              (m_schedule.begin()->first <= now || m_schedule.begin()->first > now + 2 * ASK_AGAIN);
@@ -76,7 +76,7 @@ void Board::AskDue(int64_t now) {
     }
     if (!ask.empty()) {
         try {
-            AskForPins(*m_link, ask, m_requestId);
+            AskForPins(*m_link, ask, m_request_id);
             ++m_counts.questions;
         } catch (const BusError& error) {
             LoseLink(now, error.what());
@@ -102,7 +102,7 @@ void Board::Answered(uint32_t address, const std::string& owner, int64_t now) {
     }
 }
 
-// A question was not answered. A device is missing when nothing that it owns is answered.
+// A read was not answered. A device is missing if none of its addresses is answered.
 void Board::Miss(uint32_t address, Address& entry, int64_t now) {
     ++entry.misses;
     if (entry.misses != MAX_MISSES) {
@@ -135,8 +135,8 @@ void Board::KeepLink(int64_t now) {
             FindLink(now);
         } else if (const auto change = m_link->Tend()) {
             change->up ? FindLink(now) : LoseLink(now, change->text);
-        } else if (!m_linkProblem.empty() && ++m_looks % 5 == 0) {
-            m_link.reset();  // something else than the interface was wrong
+        } else if (!m_link_problem.empty() && ++m_looks % 5 == 0) {
+            m_link.reset();  // something other than the interface was wrong
         }
     } catch (const BusError& error) {
         m_link.reset();
@@ -145,9 +145,9 @@ void Board::KeepLink(int64_t now) {
 }
 
 void Board::FindLink(int64_t now) {
-    m_linkProblem.clear();
-    if (m_linkLost) {
-        m_linkLost = false;
+    m_link_problem.clear();
+    if (m_link_lost) {
+        m_link_lost = false;
         Note(EventKind::GapEnd, now, LINK_LOST);
     }
     for (auto& [address, entry] : m_addresses) {
@@ -157,12 +157,12 @@ void Board::FindLink(int64_t now) {
     TellStatus();
 }
 
-// Nothing is known any more. Viewers take it from the state of the board.
+// Everything is unknown now. Viewers see it from the state of the board.
 void Board::LoseLink(int64_t now, const std::string& why) {
-    const bool news = m_linkProblem != why;
-    m_linkProblem = why;
-    if (!m_linkLost) {
-        m_linkLost = true;
+    const bool news = m_link_problem != why;
+    m_link_problem = why;
+    if (!m_link_lost) {
+        m_link_lost = true;
         Note(EventKind::GapBegin, now, LINK_LOST);
         m_states = std::make_unique<PinStates>();
         m_notes.clear();
@@ -177,7 +177,7 @@ void Board::LoseLink(int64_t now, const std::string& why) {
 
 bool Board::Send(const CMessage& message) {
     try {
-        if (m_link && m_linkProblem.empty()) {
+        if (m_link && m_link_problem.empty()) {
             m_link->Send(message, BUS_PORT, false);
             return true;
         }
@@ -203,20 +203,20 @@ std::string Board::ControlProblem() const {
 }
 
 void Board::KeepControl(int64_t now) {
-    if (!m_control.IsOpen() && (now >= m_nextConnect || m_nextConnect > now + CONNECT_PACE)) {
-        m_nextConnect = now + CONNECT_PACE;
-        if (m_controlAsked) {
-            m_controlAsked = false;
+    if (!m_control.IsOpen() && (now >= m_next_connect || m_next_connect > now + CONNECT_PACE)) {
+        m_next_connect = now + CONNECT_PACE;
+        if (m_control_asked) {
+            m_control_asked = false;
             m_table = ChannelTable();
             for (auto& [tag, notes] : m_notes) {
-                notes.by_control = false;  // from here on what devices answer counts
+                notes.by_control = false;  // from here on the answers of devices count
             }
             TellStatus();
         }
         m_control.Connect(*m_settings.control, CONNECT_LIMIT);
     }
-    if (m_control.IsConnected() && !m_controlAsked) {
-        m_controlAsked = true;
+    if (m_control.IsConnected() && !m_control_asked) {
+        m_control_asked = true;
         m_control.Send("SET");
         m_control.Send("CFG GPO");
         TellStatus();
@@ -246,7 +246,7 @@ void Board::TakeLine(const std::string& line, int64_t now) {
     m_stream.Append("channel", Dump(ChannelJson(subject.number, m_table.Channel(subject.number))));
 }
 
-// The control server knows its pins better than anyone, and sooner.
+// The control server knows its pins best, and first.
 void Board::TakeChannelState(int number, bool output) {
     const ChannelInfo& channel = m_table.Channel(number);
     const std::string& state = output ? channel.output : channel.input;

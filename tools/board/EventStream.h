@@ -1,4 +1,4 @@
-// What viewers are told as it happens.
+// Events for viewers, as they happen.
 #pragma once
 
 #include <cstdint>
@@ -6,13 +6,14 @@
 #include <functional>
 #include <string>
 
-// The last events in the form of server-sent events, once for all viewers: each viewer is a number
-// that says what it has got. A viewer that falls behind what is kept can't be made good.
+// The last events in the form of server-sent events, stored once for all viewers: each viewer is a
+// number that says what it has received. A viewer that falls behind the stored events has lost
+// some.
 class EventStream {
 public:
     static constexpr size_t MAX_BYTES = 4 << 20;
 
-    // The epoch tells the events of this life of the program from those of another.
+    // The epoch distinguishes the events of this run of the program from those of another.
     explicit EventStream(std::string epoch) : m_epoch(std::move(epoch)) {}
 
     // data is one line.
@@ -24,12 +25,12 @@ public:
     // "EPOCH-NUMBER" of the last event before that one, as viewers know it.
     std::string IdBefore(uint64_t number) const;
 
-    // The number behind an identifier. False: its successors are not all here.
+    // The number after an identifier. False: some of its successors are no longer stored.
     bool Resume(const std::string& id, uint64_t& number) const;
 
     bool IsKept(uint64_t number) const { return number >= m_first; }
 
-    // Appends events from `number` on, up to about max bytes, and moves the number behind them.
+    // Appends events from `number` on, up to about max bytes, and moves the number past them.
     void Copy(uint64_t& number, size_t max, std::string& out) const;
 
     // Is called after every Append().

@@ -87,7 +87,7 @@ bool History::OpenFile() {
     return true;
 }
 
-// A file with tables in it that we did not make is not for us to write to.
+// A file with tables that this program did not create must not be written to.
 bool History::Prepare() {
     sqlite3_busy_timeout(m_db.get(), 0);
     const int64_t id = Number("PRAGMA application_id");
@@ -100,8 +100,8 @@ bool History::Prepare() {
     }
     char set_id[64];
     snprintf(set_id, sizeof set_id, "PRAGMA application_id=%d", APPLICATION_ID);
-    // Without waiting for the disk at every commit: a killed program loses nothing by that, a
-    // machine without power at most the last seconds.
+    // Without a sync at every commit: killing the program loses nothing, a power failure at most
+    // the last seconds.
     if (!Run("PRAGMA journal_mode=WAL") || !Run("PRAGMA synchronous=NORMAL") ||
         !Run("PRAGMA cache_size=-2000") || !Run("PRAGMA journal_size_limit=8388608") ||
         (id != APPLICATION_ID && !Run(set_id)) || !Run(SCHEMA)) {
@@ -112,7 +112,7 @@ bool History::Prepare() {
     return m_insert && m_alive;
 }
 
-// Once. The board may have been killed with a gap open.
+// Once. The board may have been killed during a gap.
 bool History::NoteStart() {
     const int64_t alive = std::max(Number("SELECT time FROM alive"),
                                    Number("SELECT time FROM events ORDER BY id DESC LIMIT 1"));
@@ -161,7 +161,7 @@ bool History::Step(sqlite3_stmt* statement) {
     return done;
 }
 
-// One number; 0 with another m_code than SQLITE_ROW when there is none.
+// One number; 0 with another m_code than SQLITE_ROW if there is none.
 int64_t History::Number(const char* sql) {
     const Statement statement = Compile(sql);
     if (!statement || (m_code = sqlite3_step(statement.get())) != SQLITE_ROW) {
@@ -175,8 +175,8 @@ int64_t History::Number(const char* sql) {
 void History::Add(Event event) {
     if (m_waiting.size() >= MAX_WAITING) {
         const int64_t time = m_waiting.front().time;
-        m_lostFrom = m_lostFrom == 0 ? time : m_lostFrom;
-        m_lostUntil = time;
+        m_lost_from = m_lost_from == 0 ? time : m_lost_from;
+        m_lost_until = time;
         ++m_lost;
         m_waiting.pop_front();
     }
@@ -215,7 +215,7 @@ void History::Store(int64_t now) {
         }
         m_waiting.pop_front();
     }
-    if (m_lostFrom != 0) {
+    if (m_lost_from != 0) {
         NoteLost();
     }
 }
@@ -231,12 +231,12 @@ void History::NoteLost() {
     Event gap;
     gap.text = NOT_WRITTEN;
     gap.kind = EventKind::GapBegin;
-    gap.time = m_lostFrom;
+    gap.time = m_lost_from;
     Add(gap);
     gap.kind = EventKind::GapEnd;
-    gap.time = m_lostUntil;
+    gap.time = m_lost_until;
     Add(gap);
-    m_lostFrom = 0;
+    m_lost_from = 0;
 }
 
 bool History::Insert(const Event& event) {
@@ -277,11 +277,11 @@ void History::Keep(int64_t now) {
         Trouble();
         Recover(now);
     } else if (m_waiting.empty()) {
-        m_problem.clear();  // of what waits, Store() will tell
+        m_problem.clear();  // Store() reports what still waits
     }
 }
 
-// What goes to a file without a name is gone with the program.
+// A file without a name goes with the program.
 bool History::IsTakenAway() const {
     int moved = 0;
     return sqlite3_file_control(m_db.get(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
@@ -341,7 +341,7 @@ void History::Recover(int64_t now) {
         Trouble();
     }
     if (m_foreign || !m_insert) {
-        Close();  // not opened as a whole
+        Close();  // not completely opened
     }
 }
 
@@ -364,7 +364,7 @@ void History::PutAside(int64_t now) {
         m_problem += ", and it can't be put aside";
         return;
     }
-    // What is in the log can be salvaged beside its file; with a new one it would be damage.
+    // The log can be salvaged together with its file; beside a new file it would be damage.
     const std::string log = m_settings.file + "-wal";
     if (rename(log.c_str(), (aside + "-wal").c_str()) != 0) {
         remove(log.c_str());

@@ -1,4 +1,4 @@
-// What happened on the bus, kept in a file.
+// What happened on the bus, stored in a file.
 #pragma once
 
 #include <cstdint>
@@ -13,35 +13,35 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-// Numbers are stored: they are never given another meaning.
+// These numbers are stored: never change their meaning.
 enum class EventKind : int {
-    Told = 1,           // a pin has this level, or from here on nobody knows (no level)
+    Told = 1,           // a pin has this level, or is unknown from here on (no level)
     Written = 2,        // a write was seen on the bus
     SetAsked = 3,       // someone asked this board to write
     DeviceFirst = 4,    // a host answered or reported for the first time since the start
     DeviceMissing = 5,  // it no longer answers
     DeviceBack = 6,     // it answers again
-    GapBegin = 7,       // from here on nothing was heard or kept, for the reason in the text,
+    GapBegin = 7,       // from here on nothing was heard or stored, for the reason in the text,
     GapEnd = 8,         // until here
 };
 
-// One thing that happened. Times are milliseconds since 1970.
+// An event. Times are milliseconds since 1970.
 struct Event {
-    int64_t id = 0;  // grows with every event; given by the history
+    int64_t id = 0;  // grows with every event; assigned by the history
     int64_t time = 0;
     EventKind kind = EventKind::Told;
     std::optional<uint32_t> tag;  // the pin
     std::optional<bool> low;      // its level
     uint32_t duration = 0;        // of a write in ms, 0: no limit
-    std::string host;             // who told or wrote; of SetAsked who asked
-    std::string text;             // what people should read
+    std::string host;             // who told or wrote; for SetAsked who asked
+    std::string text;             // a text for people
     int64_t mono = 0;             // ms of the steady clock, to measure the delay until it is stored
 };
 
 // A time in which nothing was heard, so that silence is not taken for "nothing happened".
 struct Gap {
     int64_t from = 0;
-    std::optional<int64_t> until;  // none: it lasts
+    std::optional<int64_t> until;  // none: not over yet
     std::string reason;
 };
 
@@ -51,45 +51,44 @@ struct HistorySettings {
     int64_t keep_bytes = 1LL << 30;
 };
 
-// SQLite in write-ahead mode: a program that is killed leaves everything that was stored. Events
-// are collected and stored in one transaction, within STORE_AFTER of the first. Troubles of the
-// file are told by Problem(), and never reach further than the history: events wait, up to a
-// bound, for a disk that is full; a damaged history is put aside for a new one; one that was taken
-// away is begun anew; a file that is something else is left alone, and looked at again. Times
-// handed in are milliseconds since 1970.
+// SQLite in write-ahead mode: if the program is killed, everything stored remains. Events are
+// collected and stored in one transaction, within STORE_AFTER of the first. Problem() reports
+// trouble with the file, which affects only the history: events wait, up to a bound, while the disk
+// is full; a damaged history is set aside for a new one; a missing one is created again; a file
+// that is something else is left alone and checked again. Times are milliseconds since 1970.
 class History {
 public:
     static constexpr int STORE_AFTER = 40;  // ms
     static constexpr size_t MAX_WAITING = 50000;
-    static constexpr size_t MAX_AT_ONCE = 5000;  // events of one Store(), which takes so long
-    static constexpr unsigned MAX_ROWS = 10000;  // of one answer
+    static constexpr size_t MAX_AT_ONCE = 5000;  // events in one Store(), which bounds its time
+    static constexpr unsigned MAX_ROWS = 10000;  // in one answer
 
     explicit History(HistorySettings settings);
     ~History();
     History(const History&) = delete;
     History& operator=(const History&) = delete;
 
-    // Opens the file and notes since when nothing was heard; if that fails, Store() tries again.
+    // Opens the file and records since when nothing was heard; if that fails, Store() tries again.
     void Open(int64_t now);
 
-    // Keeps an event for the next Store().
+    // Queues an event for the next Store().
     void Add(Event event);
 
     // Whether Store() has something to do.
     bool IsWaiting() const { return !m_waiting.empty(); }
 
-    // Stores what waits. Called again after a while when IsWaiting() remains.
+    // Stores the queued events. Call it again after a while if IsWaiting() remains true.
     void Store(int64_t now);
 
-    // Notes that the program lives and drops a part of what is too old or too much. Call it every
-    // few seconds.
+    // Records that the program is alive, and drops a part of what is too old or too much. Call it
+    // every few seconds.
     void Keep(int64_t now);
 
     struct Query {
         std::optional<uint32_t> tag;  // none: everything
         int64_t from = 0;
         int64_t until = std::numeric_limits<int64_t>::max();
-        int64_t before_id = std::numeric_limits<int64_t>::max();  // only what is behind that event
+        int64_t before_id = std::numeric_limits<int64_t>::max();  // only events before that one
         unsigned limit = 1000;                                    // at most MAX_ROWS
     };
     struct Answer {
@@ -98,12 +97,12 @@ public:
         std::optional<Event> earlier;  // with a tag: the last level of the pin before `from`
         std::vector<Gap> gaps;
     };
-    // None when the history can't be read.
+    // None if the history can't be read.
     std::optional<Answer> Find(const Query& query, int64_t now);
 
-    // Empty when all is well.
+    // Empty if all is well.
     const std::string& Problem() const { return m_problem; }
-    // What happened to an earlier file; empty when nothing did.
+    // What happened to an earlier file; empty if nothing did.
     const std::string& Notice() const { return m_notice; }
     bool IsInMemory() const { return m_settings.file.empty(); }
     int64_t Rows() const { return m_rows; }
@@ -111,7 +110,7 @@ public:
     int64_t Lost() const { return m_lost; }      // events that found no room while waiting
     int64_t Bytes();
 
-    // Is told, for each event stored, how many ms it was behind.
+    // Is called for each stored event with its delay in ms.
     std::function<void(int64_t)> on_stored;
 
 private:
@@ -154,8 +153,8 @@ private:
     int64_t m_rows = 0;
     int64_t m_oldest = 0;
     int64_t m_lost = 0;
-    int64_t m_lostFrom = 0;  // 0: nothing was lost since the last time that events were stored
-    int64_t m_lostUntil = 0;
+    int64_t m_lost_from = 0;  // 0: nothing was lost since the last time that events were stored
+    int64_t m_lost_until = 0;
     int64_t m_start = 0;  // since when events are kept; 0: the file knows it
     int64_t m_retry = 0;
     int m_code = 0;

@@ -80,7 +80,7 @@ bool History::ReadEvents(const Query& query, Answer& answer) {
     return m_code == SQLITE_ROW || m_code == SQLITE_DONE;
 }
 
-// Where a timeline begins. With rows left out that is before them, not before `from`.
+// The beginning of a timeline. If the limit omitted rows, it is before them, not before `from`.
 bool History::ReadEarlier(const Query& query, Answer& answer) {
     if (!query.tag || answer.more) {
         return true;
@@ -123,7 +123,7 @@ bool History::ReadGaps(const Query& query, Answer& answer) {
     if (!rows || m_code != SQLITE_DONE) {
         return false;
     }
-    // What was told before a gap is not known behind it.
+    // A state told before a gap is not known after it.
     for (const Gap& gap : gaps) {
         if (answer.earlier && gap.from >= answer.earlier->time && gap.from < query.from) {
             answer.earlier.reset();

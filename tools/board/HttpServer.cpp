@@ -70,7 +70,7 @@ std::string HttpServer::Address() const {
     return host + ":" + std::to_string(endpoint.port());
 }
 
-// Without descriptors left, it waits a while instead of trying again and again.
+// Without descriptors left, it waits a while before it tries again.
 void HttpServer::Accept() {
     m_acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
         if (error == boost::asio::error::operation_aborted) {
@@ -108,7 +108,7 @@ void HttpServer::Remove(const HttpSession& session) {
     m_sessions.remove_if([&](const auto& other) { return other.get() == &session; });
 }
 
-// At once after a pause; in traffic, what comes within the pace goes out in one write.
+// At once after a pause; under load, everything within the pace is sent in one write.
 void HttpServer::OnAppend() {
     if (m_flushing || m_viewers == 0) {
         return;

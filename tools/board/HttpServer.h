@@ -15,10 +15,10 @@
 
 class HttpSession;
 
-// Serves HTTP/1.1 in the loop that it is given. Nothing that a client sends, or leaves unread,
-// costs more than the limits below: a request that is not complete in time is cut off, of too many
-// connections the one that has been idle for longest goes, and a viewer that does not keep up with
-// the stream is told and cut off.
+// Serves HTTP/1.1 in the given loop. The limits below bound the cost of everything a client sends
+// or leaves unread: a request that is not complete in time is cut off, beyond the maximum the
+// connection that has been idle longest is closed, and a viewer that does not keep up with the
+// stream is notified and disconnected.
 class HttpServer {
 public:
     static constexpr size_t MAX_SESSIONS = 400;
@@ -33,17 +33,17 @@ public:
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
     using Clock = std::chrono::steady_clock;
 
-    // Handler and stream outlive the server.
+    // Handler and stream must outlive the server.
     HttpServer(boost::asio::io_context& loop, EventStream& stream, Handler handler);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    // Takes a socket that listens already, or makes one. Throws std::runtime_error.
+    // Uses a socket that already listens, or creates one. Throws std::runtime_error.
     void Listen(int listening_socket);
     void Listen(const std::string& ip, uint16_t port);
 
-    // Where it listens, "127.0.0.1:8093".
+    // The address it listens on, "127.0.0.1:8093".
     std::string Address() const;
 
     size_t Viewers() const { return m_viewers; }

@@ -10,12 +10,12 @@ using Clock = HttpServer::Clock;
 
 namespace {
 
-const int SEND_BUFFER = 131072;  // what the system may hold for one client
+const int SEND_BUFFER = 131072;  // what the system may buffer for one client
 
 const char* const SLOW =
     "event: reload\ndata: {\"reason\":\"this viewer reads more slowly than things happen\"}\n\n";
 
-// For every response. The page needs nothing but what comes from here.
+// For every response. The page needs nothing from other origins.
 const char* const SAFETY =
     "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; img-src "
     "'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
@@ -204,7 +204,7 @@ void HttpSession::BeginViewing(uint64_t from) {
     WatchForEnd();
 }
 
-// A viewer has nothing to say; when its connection ends, that is read.
+// A viewer sends nothing; reading shows when its connection ends.
 void HttpSession::WatchForEnd() {
     m_socket.async_read_some(boost::asio::buffer(m_ignored),
                              [self = shared_from_this()](const Error& error, size_t) {

@@ -11,15 +11,15 @@
 
 #include "tools/board/HttpServer.h"
 
-// Reads requests and writes responses, one after the other, until it becomes a viewer and is told
-// what happens. Lives until its connection is closed and no operation is under way.
+// Reads requests and writes responses, one after the other, until it becomes a viewer and receives
+// events. Lives until its connection is closed and no operation is pending.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
     HttpSession(HttpServer& server, boost::asio::ip::tcp::socket socket);
 
     void Start() { ReadRequest(); }
 
-    // Sends a viewer what it has not got, unless it is still taking what was sent before.
+    // Sends a viewer the events it has not received, unless a write is still pending.
     void Pump();
 
     void Close();

@@ -26,5 +26,5 @@ OrderedJson BoardJson(const Board& board, const History& history);
 OrderedJson EventJson(const Event& event, const Names& names);
 OrderedJson GapJson(const Gap& gap);
 
-// "told" and the like.
+// "told" and others.
 const char* KindText(EventKind kind);

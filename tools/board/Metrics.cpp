@@ -80,7 +80,7 @@ void Metrics::NoteStored(int64_t delay) {
         ++bucket;
     }
     ++m_delays[bucket];
-    m_delaySum += seconds;
+    m_delay_sum += seconds;
 }
 
 std::string Metrics::Write(bool open_metrics) const {
@@ -133,7 +133,7 @@ std::string Metrics::Write(bool open_metrics) const {
         writer.Row("le=" + Quote(i + 1 < m_delays.size() && bound == "1" ? "1.0" : bound),
                    static_cast<double>(sum), "_bucket");
     }
-    writer.Row("", m_delaySum, "_sum");
+    writer.Row("", m_delay_sum, "_sum");
     writer.Row("", static_cast<double>(sum), "_count");
     WritePins(m_board, writer);
     return writer.Text();

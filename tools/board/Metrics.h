@@ -1,4 +1,4 @@
-// The board's figures for a monitoring system.
+// The board's metrics for a monitoring system.
 #pragma once
 
 #include <array>
@@ -11,16 +11,16 @@ class History;
 
 class Metrics {
 public:
-    static constexpr size_t MAX_PINS = 1000;  // pins with figures of their own, by their tags
+    static constexpr size_t MAX_PINS = 1000;  // pins with their own metrics, by tag
     static constexpr std::array<double, 6> BOUNDS = {0.01, 0.025, 0.05, 0.1, 0.25, 1};  // s
 
-    // All outlive the figures.
+    // All must outlive the metrics.
     Metrics(const Board& board, History& history) : m_board(board), m_history(history) {}
 
-    // An event was stored so many ms after it came from the bus.
+    // An event was stored that many ms after it came from the bus.
     void NoteStored(int64_t delay);
 
-    // In OpenMetrics, or in the text format before it, in which counters are called otherwise.
+    // In OpenMetrics, or in the older text format, in which counters have other names.
     std::string Write(bool open_metrics) const;
 
     std::function<size_t()> viewers;
@@ -30,5 +30,5 @@ private:
     const Board& m_board;
     History& m_history;
     std::array<uint64_t, BOUNDS.size() + 1> m_delays{};
-    double m_delaySum = 0;
+    double m_delay_sum = 0;
 };

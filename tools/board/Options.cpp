@@ -11,15 +11,15 @@
 namespace {
 
 const char* const DESCRIPTION =
-    "Shows the pins of the bus in a browser: what is lit, since when, and who did it. Remembers "
-    "it.\n";
+    "Shows the pins of the bus in a browser: their levels, since when, and who set them. Keeps\n"
+    "their history.\n";
 
 const char* const FOOTER =
-    "Takes a listening socket from its starter (LISTEN_FDS) in place of --listen.\n"
-    "Exit status: 0 after SIGINT or SIGTERM; 1 when it can't listen or read a file; 2 for a usage\n"
+    "Uses a listening socket from its parent process (LISTEN_FDS) instead of --listen.\n"
+    "Exit status: 0 after SIGINT or SIGTERM; 1 if it can't listen or read a file; 2 for a usage\n"
     "error.\n";
 
-// A number and one of the units.
+// A number with a unit.
 int64_t ParseAmount(const std::string& text, const std::string& units, const int64_t* factors,
                     const char* what) {
     int64_t number = 0;
@@ -89,23 +89,22 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CLI::Option* const iface =
         app.add_option("-i,--interface", options.iface, "Interface of the bus, its name or address")
             ->type_name("NAME");
-    app.add_option("--listen", options.listen, "Where browsers find it")
+    app.add_option("--listen", options.listen, "Address for browsers")
         ->type_name("IP:PORT")
         ->check(Check([](const std::string& text) { ParseHostPort(text); }))
         ->capture_default_str();
     CLI::Option* const db =
         app.add_option("--db", options.db, "Keep the history in this file")->type_name("FILE");
     CLI::Option* const names =
-        app.add_option("--names", options.names, "What pins and addresses are called")
-            ->type_name("FILE");
+        app.add_option("--names", options.names, "Names of pins and addresses")->type_name("FILE");
     app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
         ->type_name("IP[:PORT]")
         ->check(Check([](const std::string& text) { ParseHostPort(text, uint16_t(93)); }));
-    app.add_option("--keep", options.keep, "Keep the history for so long")
+    app.add_option("--keep", options.keep, "Keep events for this time")
         ->type_name("TIME")
         ->check(Check(ParseAge))
         ->capture_default_str();
-    app.add_option("--keep-size", options.keep_size, "and below this size")
+    app.add_option("--keep-size", options.keep_size, "Maximum size of the history")
         ->type_name("SIZE")
         ->check(Check(ParseSize))
         ->capture_default_str();

@@ -20,10 +20,10 @@ struct Options {
     std::string token_file;
 };
 
-// Returns the exit status when there is nothing left to do.
+// Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options);
 
-// "10.0.0.7:8093" or "[::1]:8093"; with a default the port may be left out. Throws
+// "10.0.0.7:8093" or "[::1]:8093"; with a default the port may be omitted. Throws
 // std::invalid_argument.
 struct HostPort {
     std::string host;

@@ -28,8 +28,8 @@ const std::chrono::seconds KEEP_PACE{5};
 const std::chrono::seconds BEAT_PACE{5};
 const int FIRST_PASSED_SOCKET = 3;
 
-// A socket of someone else's in the loop. The loop never closes it, and lets go of it before its
-// owner does.
+// Someone else's socket in the loop. The loop never closes it, and releases it before its owner
+// closes it.
 class Watch {
 public:
     Watch(boost::asio::io_context& loop, std::function<int()> socket, std::function<void()> ready,
@@ -42,7 +42,7 @@ public:
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
-    // Call it when the socket may have become another; true when it has.
+    // Call it when the socket may have changed; true if it has.
     bool Follow() {
         const int socket = m_socket();
         const bool write = m_writes && m_writes();
@@ -55,7 +55,7 @@ public:
         m_watched = identity;
         m_writing = write;
         if (identity != 0) {
-            // A copy: its owner closes its own whenever it likes, and numbers are used again.
+            // A copy: the owner may close its own at any time, and numbers are reused.
             m_wait.assign(dup(socket));
             Again();
         }
@@ -86,7 +86,7 @@ private:
     const std::function<int()> m_socket;
     const std::function<void()> m_ready;
     const std::function<bool()> m_writes;
-    ino_t m_watched = 0;  // which socket it is, whatever its number
+    ino_t m_watched = 0;  // identifies the socket, whatever its number
     bool m_writing = false;
 };
 

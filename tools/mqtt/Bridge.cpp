@@ -13,7 +13,7 @@
 namespace {
 
 const double SIGN_EVERY = 0.5;  // seconds
-const double SIGN_TIME = 10;    // without one of its own that comes back, a connection is given up
+const double SIGN_TIME = 10;  // a connection without a returned heartbeat for that long is given up
 const double COMPLAIN_EVERY = 5;
 const size_t MOST_UNACKNOWLEDGED = 20;
 const double REST_PAUSE = 0.001;  // seconds
@@ -113,7 +113,7 @@ void Bridge::FollowConnection() {
         m_links.Forget();
         m_signs.clear();
         m_own_sign = {};
-        // What may not have arrived is said once more.
+        // Publishes again what may not have arrived.
         for (auto& answer : m_unacknowledged) {
             m_sets.Answers().push_front(std::move(answer.second));
         }
@@ -122,7 +122,7 @@ void Bridge::FollowConnection() {
             m_connected_at = Now();
             m_next_sign = Now();
             PublishStatus(OFFLINE);
-            // The latest bridge of a site is the one. Brokers cut off the other, but not all of
+            // The latest bridge of a site wins. Brokers disconnect the other one, but not all of
             // them say why, and it comes back.
             m_has_claimed = !std::exchange(m_was_connected, true);
             if (m_has_claimed) {
@@ -143,7 +143,7 @@ void Bridge::FollowConnection() {
     }
 }
 
-// Only what the file names: hubs make an entity of each pin.
+// Only pins in the files: hubs make an entity of each.
 void Bridge::Announce() {
     if (!m_config.discovery.empty()) {
         for (const PinRef& pins : m_config.pins) {
@@ -158,7 +158,7 @@ void Bridge::BeginAsking() {
     m_pins.AskAll();
 }
 
-// Also looks whether the last ones have come back.
+// Also checks whether the last ones have come back.
 void Bridge::SendSign() {
     m_next_sign = After(SIGN_EVERY);
     if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
@@ -284,7 +284,7 @@ void Bridge::FollowPhase() {
     }
 }
 
-// In the order of what must not wait. False when there is nothing.
+// In the order of urgency. False if there is nothing.
 bool Bridge::PublishUrgent() {
     if (!m_sets.Answers().empty() && m_unacknowledged.size() < MOST_UNACKNOWLEDGED) {
         PublishAnswer();
@@ -376,7 +376,7 @@ void Bridge::PublishDevice(uint32_t host) {
 void Bridge::PublishAnswer() {
     Broker::Outgoing answer = m_sets.Answers().front();
     m_sets.Answers().pop_front();
-    // 0: a topic that the library does not take, with wildcards.
+    // 0: a topic that the library refuses, with wildcards.
     const int number = m_broker.Publish(answer);
     if (number != 0) {
         m_unacknowledged.emplace(number, std::move(answer));
@@ -391,7 +391,7 @@ void Bridge::PublishStatus(const char* status) {
     m_broker.Publish({m_topics.Status(), status, true, true, {}});
 }
 
-// Nobody looks after the links from here on.
+// From here on nobody controls the links.
 void Bridge::Stop() {
     for (const Links::Write& write : m_links.End()) {
         Write(write);

@@ -1,4 +1,4 @@
-// A bus and a broker, joined.
+// Connects a bus and a broker.
 #pragma once
 
 #include <deque>
@@ -13,12 +13,12 @@
 #include "tools/mqtt/Sets.h"
 #include "tools/mqtt/Topics.h"
 
-// After each outage of broker or bus all pins are asked first, then what they are is published, and
-// then the site is online. In between nothing is published of pins, and sets are refused.
+// After each outage of broker or bus it reads all pins, publishes their states, and then sets the
+// site online. Until then it publishes nothing about pins and refuses sets.
 //
-// A sign of life is published twice a second, and heard by this bridge as well. Messages keep their
-// order on the way, so what comes behind a sign is not older than that sign: that tells how old a
-// set can be at most, whatever the clocks of others say.
+// A heartbeat is published twice a second, and received by this bridge too. Messages keep their
+// order, so what arrives after a heartbeat is not older than that heartbeat: this bounds the age of
+// a set, whatever other clocks say.
 class Bridge {
 public:
     enum class End { Stopped, TakenOver };
@@ -26,7 +26,7 @@ public:
     // Throws BusError.
     Bridge(const MqttConfig& config, std::function<void(const std::string&)> tell);
 
-    // Until a signal comes, or another bridge takes the site over.
+    // Runs until a signal comes, or another bridge takes the site over.
     End Run(const Signals& signals);
 
 private:
@@ -69,22 +69,22 @@ private:
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
-    std::string m_note;      // the last one of the bus
-    uint64_t m_dropped = 0;  // events, as far as told
+    std::string m_note;      // the last one from the bus
+    uint64_t m_dropped = 0;  // events, as far as reported
     TimePoint m_next_complaint{};
     bool m_has_more = false;
-    std::set<uint32_t> m_unannounced;                  // pins that hubs are to be told of
+    std::set<uint32_t> m_unannounced;                  // pins to announce to hubs
     std::set<uint32_t> m_levels;                       // pins whose topic of the level is due
     TimePoint m_rest = TimePoint::max();               // when what is no state is due; max: at once
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number
 
-    const std::string m_nonce;  // this bridge, among all that have been
+    const std::string m_nonce;  // identifies this bridge among all there have been
     bool m_was_connected = false;
     bool m_has_claimed = false;  // the site, on this connection
     bool m_is_taken_over = false;
     unsigned long m_sign_count = 0;
-    std::deque<std::pair<unsigned long, TimePoint>> m_signs;  // that have not come back
+    std::deque<std::pair<unsigned long, TimePoint>> m_signs;  // those that have not come back
     TimePoint m_next_sign{};
-    TimePoint m_own_sign{};  // when the last one that came back was sent
+    TimePoint m_own_sign{};  // when the last returned one was sent
     TimePoint m_connected_at{};
 };

@@ -14,18 +14,18 @@
 namespace {
 
 const double FIRST_PAUSE = 0.1;   // seconds
-const double PAUSE_GROWTH = 1.2;  // a pause is a fifth of the outage before it
+const double PAUSE_GROWTH = 1.2;  // makes a pause a fifth of the outage before it
 const double LONGEST_PAUSE = 10;
 const double TEND_EVERY = 1;
 const double CONNECT_TIME = 10;
-const int KEEP_ALIVE = 5;  // seconds; a dead bridge is told after one and a half of them
+const int KEEP_ALIVE = 5;  // seconds; a dead bridge is noticed after one and a half of them
 const int REFUSED = 128;   // reasons from here on are failures
 const int PACKETS = 50;    // taken at a time
 const char* const SYSTEM_CAS = "/etc/ssl/certs";
 
 }  // namespace
 
-// What the library calls. Nothing may be thrown through it.
+// Called by the library. They must not throw.
 struct Broker::Callbacks {
     static void Connected(mosquitto*, void* object, int reason, int, const mosquitto_property*) {
         auto& self = *static_cast<Broker*>(object);
@@ -168,7 +168,7 @@ void Broker::Close() {
 void Broker::Drop(const std::string& reason) {
     Close();
     Tell("no connection to the broker: " + reason);
-    // All bridges of a broker that was away would come back at one moment.
+    // Otherwise all bridges would return to a broker at the same moment.
     m_next = After(m_pause * std::uniform_real_distribution<double>(0.5, 1)(m_random));
     m_pause = std::min(m_pause * PAUSE_GROWTH, LONGEST_PAUSE);
 }

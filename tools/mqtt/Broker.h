@@ -1,4 +1,4 @@
-// The connection to an MQTT broker, which is made again whenever it ends.
+// The connection to an MQTT broker, which is renewed whenever it ends.
 #pragma once
 
 #include <cstdint>
@@ -15,30 +15,30 @@
 struct mosquitto;
 
 // For a program with a loop: wait until Socket() has one of Events() or NextTime() has come, then
-// call Serve(). Nothing here waits, but for the system's look-up of the broker's name.
+// call Serve(). Nothing here waits, except the system's resolver for the broker's name.
 //
-// A connection knows nothing of the one before: sessions end with them, so that the broker keeps
-// nothing for later.
+// A connection inherits nothing from the one before: sessions end with them, so that the broker
+// stores nothing for later.
 class Broker {
 public:
     struct Message {
         std::string topic;
         std::string payload;
         bool retained = false;
-        std::string response_topic;  // empty: nobody wants an answer
+        std::string response_topic;  // empty: no answer is wanted
         std::string correlation;
-        std::optional<uint32_t> expiry;  // seconds it may still take
+        std::optional<uint32_t> expiry;  // seconds until it expires
     };
 
     struct Outgoing {
         std::string topic;
         std::string payload;
         bool retain = false;
-        bool acknowledged = false;  // the broker is to say that it has it
+        bool acknowledged = false;  // the broker shall confirm it
         std::string correlation;
     };
 
-    // What goes on is told as a text, each time that it is another than before.
+    // Progress is reported as a text whenever it differs from the last one.
     Broker(const MqttConfig& config, std::function<void(const std::string&)> tell);
     ~Broker();
     Broker(const Broker&) = delete;
@@ -48,19 +48,19 @@ public:
     short Events() const;
     TimePoint NextTime() const;
 
-    // What has come is in Inbox() and Acknowledged() afterwards.
+    // Received messages are in Inbox() and Acknowledged() afterwards.
     void Serve(bool readable, bool writable);
 
-    // 0 while there is none, else another number for each connection.
+    // 0 without a connection, else a different number for each.
     unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
 
     // Another client has connected under this site's name.
     bool IsTakenOver() const { return m_is_taken_over; }
 
-    // Whether the system takes more at the moment: what is published while it doesn't piles up.
+    // Whether the system accepts more at the moment: otherwise published messages pile up.
     bool CanSend() const;
 
-    // The number by which the acknowledgement is known; 0 when it could not be handed over.
+    // The number of the acknowledgement; 0 if it could not be sent.
     int Publish(const Outgoing& message);
 
     void Subscribe(const std::string& topic);
@@ -89,8 +89,8 @@ private:
     unsigned int m_connection = 0;
     bool m_is_connected = false;
     bool m_is_taken_over = false;
-    int m_refusal = 0;         // what the broker gave as the reason
-    std::string m_last_error;  // that the library logged
+    int m_refusal = 0;         // the broker's reason
+    std::string m_last_error;  // as logged by the library
     std::string m_last_told;
     double m_pause;
     TimePoint m_next;

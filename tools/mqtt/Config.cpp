@@ -12,7 +12,7 @@
 
 namespace {
 
-const unsigned int LONGEST_PULSE = 7750;  // ms; what a write can carry
+const unsigned int LONGEST_PULSE = 7750;  // ms; the longest in a write
 
 using Words = std::vector<std::string>;
 
@@ -31,7 +31,7 @@ double ParseNumber(const std::string& text, double least, double most) {
     return number;
 }
 
-// What may stand between two '/' of a topic.
+// Allowed between two '/' of a topic.
 std::string ParseLevelName(const std::string& text) {
     const bool good = std::all_of(text.begin(), text.end(), [](unsigned char c) {
         return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-';
@@ -76,7 +76,7 @@ private:
     std::string m_password_file;
     int m_line = 0;
     std::set<std::string> m_seen;
-    std::vector<std::pair<int, Words>> m_late;  // what needs the site and the names
+    std::vector<std::pair<int, Words>> m_late;  // settings that need the site and the names
 };
 
 MqttConfig Reader::Run() {
@@ -175,7 +175,7 @@ bool Reader::TakeBus(const Words& words) {
     return true;
 }
 
-// A secret may stand among the credentials that systemd hands over; other files beside this one.
+// A secret may be among the credentials of systemd; other files are beside this one.
 std::string Reader::Path(const std::string& text) const {
     if (text[0] == '/') {
         return text;

@@ -1,11 +1,11 @@
-// The configuration file of orvex-mqtt, one setting a line:
+// The configuration file of orvex-mqtt, one setting per line:
 //
 //     site    studio
 //     broker  mqtt.example.org:8883
 //     pins    1:2 7:4:out1
 //     link    studio:1:2:in1 -> tower:7:4:out1 invert on-loss H 2
 //
-// orvex-mqtt.conf(5) has them all.
+// orvex-mqtt.conf(5) describes them all.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,12 @@
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
 
-// A file that can't be read or is wrong: "/etc/orvex/mqtt.conf:3: ..."
+// A file that can't be read or has errors: "/etc/orvex/mqtt.conf:3: ..."
 struct ConfigError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A pin at a site. A name is known to the site whose pin it is: others have no number for it.
+// A pin at a site. A name is known only to its own site: others have no number for it.
 struct SitePin {
     std::string site;
     std::string pin;  // "1:2:in1", or a name
@@ -48,7 +48,7 @@ struct MqttConfig {
     std::string host;
     int port = 0;
     std::string prefix = "orvex";
-    std::string discovery;  // prefix of what hubs are told of the pins; empty: nothing
+    std::string discovery;  // prefix of what is announced to hubs; empty: nothing
 
     bool tls = false;
     std::string ca;  // empty: those that the system trusts
@@ -60,14 +60,14 @@ struct MqttConfig {
 
     BusSettings bus;
     Names names;
-    std::vector<PinRef> pins;  // that are asked for: those of the file, of its links, and the named
+    std::vector<PinRef> pins;  // to read: those of the file, of its links, and those with names
     std::vector<LinkConfig> links;
     double ask_every = 10;  // seconds
-    double expire = 2;      // seconds that a set may take when it does not say so itself
+    double expire = 2;      // the default maximum age of a set, in seconds
 
     // Reads and checks a file and what it refers to. Throws ConfigError.
     static MqttConfig Read(const std::string& file);
 };
 
-const double SHORTEST_LOSS = 2;  // seconds; of the signs of life one comes every half second
+const double SHORTEST_LOSS = 2;  // seconds; a heartbeat comes every half second
 const double LONGEST_LOSS = 3600;

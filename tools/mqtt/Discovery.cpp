@@ -7,8 +7,8 @@
 
 namespace {
 
-// Hubs read the level from the object, where null says that it is not known. The topic with the
-// level alone is empty then, which they pass over.
+// Hubs read the level from the object, where null means unknown. The topic with the level alone is
+// empty then, which they ignore.
 const char* const IS_KNOWN = "{{ 'offline' if value_json.level is none else 'online' }}";
 
 }  // namespace

@@ -10,7 +10,7 @@ std::optional<std::string> RefusalOf(const LinkConfig& link,
                    " already";
         }
     }
-    // Every pin is set by one link at most, so there is one way back from the source.
+    // Every pin is set by at most one link, so there is one way back from the source.
     std::string way = link.from.Text() + " -> " + link.to.Text();
     SitePin pin = link.from;
     for (size_t steps = 0; steps <= others.size(); ++steps) {

@@ -1,4 +1,4 @@
-// What links must not do together.
+// Conflicts between links.
 #pragma once
 
 #include <optional>
@@ -7,6 +7,6 @@
 
 struct LinkConfig;
 
-// Why a link can't stand beside the others; none when it can. Two links must not set one output,
-// and no pin may set itself, however many links it takes.
+// Why a link conflicts with the others; none if it does not. Two links must not set one output, and
+// no pin may set itself, through however many links.
 std::optional<std::string> RefusalOf(const LinkConfig& link, const std::vector<LinkConfig>& others);

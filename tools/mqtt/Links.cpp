@@ -4,7 +4,7 @@
 
 namespace {
 
-const double FRESH = SHORTEST_LOSS;  // seconds; signs of life that are older prove nothing
+const double FRESH = SHORTEST_LOSS;  // seconds; older heartbeats prove nothing
 const double REWRITE_PAUSE = 5;      // seconds, against an output that somebody else sets
 
 Level Inverted(Level level, bool invert) {

@@ -12,49 +12,49 @@
 #include "tools/mqtt/Config.h"
 #include "tools/mqtt/Topics.h"
 
-// Decides what the outputs of the links that end at this site are to be. The bridge of the source's
-// site knows nothing of them: it publishes its pins and a sign of life, twice a second.
+// Decides the levels of the outputs of the links that end at this site. The bridge of the source's
+// site does not know them: it publishes its pins and a heartbeat twice a second.
 //
-// A link is lost when nobody has stood for its source for so long: when this bridge's own signs of
-// life do not come back, those of the source's bridge stay away, that bridge says that it is
-// offline, or that the pin is not known.
+// A link is lost when nobody has vouched for its source for that long: when this bridge's own
+// heartbeats do not come back, those of the source's bridge are missing, or that bridge publishes
+// that it is offline or that the pin is not known.
 class Links {
 public:
     struct Write {
         uint32_t tag;
         Level level;
         unsigned int duration_ms;
-        std::string reason;  // for the log; empty when the source changed
+        std::string reason;  // for the log; empty if the source changed
     };
 
     explicit Links(const MqttConfig& config);
 
-    // What must be subscribed to.
+    // The topics to subscribe to.
     std::set<std::string> Subscriptions() const;
 
-    // Takes a message that belongs to a link. own_sign is when the last sign of life of this
-    // bridge that has come back was sent.
+    // Processes a message that belongs to a link. own_sign is when the last returned heartbeat of
+    // this bridge was sent.
     void Take(const Broker::Message& message, TimePoint own_sign);
 
-    // What is to be written now. Call it after Take(), and twice a second.
+    // What to write now. Call it after Take(), and twice a second.
     std::vector<Write> Tend(TimePoint own_sign);
 
-    // The connection has ended: what was known is old.
+    // The connection has ended: all knowledge is outdated.
     void Forget();
 
     // All outputs must be written again: those of an address may have been out of reach.
     void WriteAgain();
 
-    // A device says that an output is at that level.
+    // A device reports that level of an output.
     void Told(uint32_t tag, Level level);
 
     // Everything is written as after a loss, because the bridge ends.
     std::vector<Write> End();
 
-    // Which pins made this one what it is; empty when no link did.
+    // Which pins caused the state of this one; empty if no link did.
     std::vector<std::string> ViaOf(uint32_t tag, std::optional<Level> level) const;
 
-    // Texts for the log, to be cleared.
+    // Texts for the log; the caller clears them.
     std::vector<std::string>& Notes() { return m_notes; }
 
 private:
@@ -65,7 +65,7 @@ private:
         std::vector<std::string> via;
         bool loops = false;
         bool edge = false;  // a pulse is due
-        TimePoint good;     // somebody stood for the source then
+        TimePoint good;     // when somebody last vouched for the source
         bool lost = false;
         std::optional<Level> applied;  // none: nothing, or it must be written again
         TimePoint written{};

@@ -5,7 +5,7 @@
 namespace {
 
 const int MOST_AT_ONCE = 500;       // messages, before others have their turn
-const size_t MOST_CHANGES = 10000;  // that wait to be published
+const size_t MOST_CHANGES = 10000;  // waiting to be published
 const size_t MOST_DEVICES = 1000;
 const int SILENT_ROUNDS = 3;
 const double LOOK_EVERY = 1;  // seconds
@@ -60,7 +60,7 @@ void PinBook::Take(const Traffic& traffic) {
         m_question->Take(traffic.message);
     }
     const std::vector<PinChange> changes = m_states.Take(traffic, Now());
-    // A second copy changes nothing, but a second write is one.
+    // A second copy changes nothing, but a second write does.
     if (kind != Kind::Write || !m_repeats.IsRepeat(traffic, Now())) {
         Add(changes);
     }
@@ -148,7 +148,7 @@ void PinBook::EndQuestion() {
     });
 }
 
-// The pins of the next round are asked one after the other.
+// The pins of the next round are read one after the other.
 void PinBook::FindSilent() {
     const TimePoint limit = After(-SILENT_ROUNDS * m_config.ask_every);
     m_states.ForEach([&](uint32_t tag, const PinState& state) {

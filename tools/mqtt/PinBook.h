@@ -17,11 +17,11 @@
 #include "tools/mqtt/Config.h"
 #include "tools/mqtt/Topics.h"
 
-// Follows the bus. Every pin is asked for again and again, so that none is published with a level
-// that nobody stands for any more: one that is silent for three rounds is unknown.
+// Follows the bus. It keeps reading every pin, so that none is published with an outdated level: a
+// pin that is silent for three rounds is unknown.
 //
 // For a program with a loop: wait until one of Descriptors() is readable or NextTime() has come,
-// then call Serve(). May throw BusError when it is made, not later.
+// then call Serve(). Only the constructor may throw BusError.
 class PinBook {
 public:
     // Devices that have answered or reported.
@@ -37,19 +37,19 @@ public:
     TimePoint NextTime() const;
     void Serve();
 
-    // Asks for all pins that are known or wanted, for a second at most. Those that do not answer
-    // are unknown then. Those that were silent before are not waited for.
+    // Reads all pins that are known or wanted, for at most a second. Those that do not answer are
+    // unknown afterwards. It does not wait for those that were silent before.
     void AskAll();
     bool IsAsking() const { return m_question.has_value(); }
 
     bool IsUp() const { return m_up; }
 
-    // What has happened since it was cleared last: pins that may be another, changes, devices.
+    // What has happened since it was last cleared: pins that may have changed, changes, devices.
     std::set<uint32_t>& Changed() { return m_changed; }
     std::deque<PinChange>& Changes() { return m_changes; }
     std::set<uint32_t>& ChangedDevices() { return m_changed_devices; }
 
-    // Changes that were dropped, because nobody took them.
+    // Changes that were dropped because nobody took them.
     uint64_t Dropped() const { return m_dropped; }
 
     // Marks everything as changed.
@@ -62,10 +62,10 @@ public:
     void Write(uint32_t tag, const WriteValue& value);
     void Ask(uint32_t tag, uint32_t request_id);
 
-    // Is given what devices answer.
+    // Is called with the answers of devices.
     std::function<void(const Traffic&)> on_reply;
 
-    // What became of the interface; empty when nothing has.
+    // What happened to the interface; empty if nothing did.
     std::string TakeNote();
 
 private:
@@ -85,9 +85,9 @@ private:
     PinStates m_states;
     RepeatFilter m_repeats;
     std::optional<Question> m_question;
-    TimePoint m_asked{};  // when the question began
+    TimePoint m_asked{};  // when the reads began
     TimePoint m_round;
-    TimePoint m_look;     // for what was lost
+    TimePoint m_look;     // when to check for losses
     uint64_t m_lost = 0;  // datagrams
     bool m_up = true;
     std::string m_note;

@@ -46,7 +46,7 @@ void Sets::Take(const Broker::Message& message, double age, const std::string& h
     if (m_answers.size() >= MOST_ANSWERS) {
         return m_tell("the broker takes no answers: sets are passed over");
     }
-    // How a retained set is taken back.
+    // This is how a retained set is removed.
     if (message.retained && message.payload.empty()) {
         return;
     }
@@ -62,7 +62,7 @@ void Sets::Take(const Broker::Message& message, double age, const std::string& h
     }
 }
 
-// Only what refers to the question of a set: other answers may be older than it.
+// Only answers to a set's own read: others may be older than the set.
 void Sets::TakeReply(const Traffic& traffic) {
     const CMsg2::Node* const refers = FindItem(traffic.message, TAG_REFERS_TO, CMsg2::ITEM_DWORD);
     for (auto set = m_pending.begin(); refers != nullptr && set != m_pending.end();) {
@@ -92,7 +92,7 @@ void Sets::Tend() {
             try {
                 m_pins.Ask(set->tag, set->id);
             } catch (const BusError&) {
-                // Asked again until the time is over.
+                // Reads again until the time is over.
             }
         }
         ++set;

@@ -1,4 +1,4 @@
-// Sets that have come from the broker, and their answers.
+// Sets received from the broker, and their answers.
 #pragma once
 
 #include <deque>
@@ -11,20 +11,19 @@
 #include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Topics.h"
 
-// Carries sets out at once or not at all, and looks whether the device did what it was told. None
-// waits here.
+// Carries sets out at once or not at all, and checks whether the device obeyed. None is queued.
 class Sets {
 public:
     Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell);
 
-    // Takes a message to the topics of sets. It is not older than age, in seconds. A reason says
-    // why none can be carried out now; empty when they can.
+    // Processes a message to the topics of sets. It is at most age seconds old. A reason says why
+    // none can be carried out now; empty if they can.
     void Take(const Broker::Message& message, double age, const std::string& hindrance);
 
-    // Takes what a device answers.
+    // Processes a device's answer.
     void TakeReply(const Traffic& traffic);
 
-    // Asks devices, and gives up waiting for them.
+    // Reads pins, and gives up waiting for devices.
     void Tend();
     TimePoint NextTime() const;
 

@@ -16,7 +16,7 @@ const size_t LONGEST_SET = 256;
 const size_t LONGEST_STATE = 8192;
 const size_t MOST_LINKS = 16;
 
-// Of a text that may hold anything.
+// For a text that may contain anything.
 Json Parse(const std::string& text) {
     return Json::parse(text, nullptr, false);
 }
@@ -38,7 +38,7 @@ std::string Topics::PinOfSet(const std::string& topic) const {
     return pin;
 }
 
-// Links wait for it: without the objects that a library builds first, it takes a third of the time.
+// Links wait for it: without building the library's objects first, it takes a third of the time.
 std::string StateText(const PinView& view, uint32_t tag, const Names& names) {
     const std::string level = view.level ? "\"" + LevelText(view.level) + "\"" : "null";
     const std::string host = view.host.empty() ? "null" : "\"" + view.host + "\"";

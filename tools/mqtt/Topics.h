@@ -1,4 +1,4 @@
-// The topics of a site, and what is published there. docs/mqtt.md describes them.
+// The topics of a site and their payloads. docs/mqtt.md describes them.
 #pragma once
 
 #include <optional>
@@ -28,7 +28,7 @@ public:
     std::string Event(const std::string& pin) const { return m_base + "/event/" + Parts(pin); }
     std::string Set(const std::string& pin) const { return m_base + "/set/" + Parts(pin); }
 
-    // The pin of a topic of Sets(), its parts together; empty for another topic.
+    // The pin of a topic of Sets(); empty for another topic.
     std::string PinOfSet(const std::string& topic) const;
 
 private:
@@ -37,19 +37,18 @@ private:
     std::string m_base;
 };
 
-// What is said of a pin.
+// The published state of a pin.
 struct PinView {
     std::optional<Level> level;  // none: not known
     PinStatus status = PinStatus::Unknown;
-    double since = 0;  // seconds since 1970
-    std::string host;  // who told or wrote it; empty: nobody
-    std::vector<std::string>
-        via;  // the links that made it what it is, the first one's source first
+    double since = 0;              // seconds since 1970
+    std::string host;              // who told or wrote it; empty: nobody
+    std::vector<std::string> via;  // the links that caused its state, the first one's source first
 };
 
 std::string StateText(const PinView& view, uint32_t tag, const Names& names);
 
-// What a pin is, from another site; none when the text is not to be read.
+// The state of a pin from another site; none if the text is malformed.
 std::optional<PinView> ParseState(const std::string& text);
 
 struct SetRequest {

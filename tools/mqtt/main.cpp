@@ -1,4 +1,4 @@
-// orvex-mqtt: joins a bus to an MQTT broker.
+// orvex-mqtt: connects a bus to an MQTT broker.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <optional>
@@ -15,20 +15,19 @@
 
 namespace {
 
-const char* const appname = "orvex-mqtt";
+const char* const APP_NAME = "orvex-mqtt";
 
 const int STATUS_USAGE = 2;
 const int STATUS_TAKEN_OVER = 3;
 
 const char* const DESCRIPTION =
-    "Joins a bus to an MQTT broker: publishes its pins, sets those that it is told to, and lets\n"
-    "pins of other sites set pins here.\n";
+    "Connects a bus to an MQTT broker: publishes its pins, sets pins on request, and lets pins of\n"
+    "other sites set pins here.\n";
 
 const char* const FOOTER =
     "FILE is described in orvex-mqtt.conf(5).\n"
-    "Exit status: 0 after SIGINT or SIGTERM; 1 when FILE is wrong or the bus can't be used; 2 for "
-    "a\n"
-    "usage error; 3 when another bridge has connected under this site's name.\n";
+    "Exit status: 0 after SIGINT or SIGTERM; 1 if FILE is wrong or the bus can't be used; 2 for a\n"
+    "usage error; 3 if another bridge has connected under this site's name.\n";
 
 struct Options {
     std::string file;
@@ -36,13 +35,13 @@ struct Options {
     bool print_topics = false;
 };
 
-// Returns the exit status when there is nothing left to do.
+// Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
-    CLI::App app(DESCRIPTION, appname);
+    CLI::App app(DESCRIPTION, APP_NAME);
     app.footer(FOOTER);
-    app.set_version_flag("--version", std::string(appname) + " " + ORVEX_VERSION);
-    app.add_flag("--check", options.check, "Only read FILE and say what is wrong with it");
-    app.add_flag("--print-topics", options.print_topics, "Only print the topics that FILE makes");
+    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
+    app.add_flag("--check", options.check, "Check FILE, print its errors and exit");
+    app.add_flag("--print-topics", options.print_topics, "Print the topics that result from FILE");
     const CLI::Option* const file =
         app.add_option("FILE", options.file, "Configuration")->type_name("")->required();
     AddCompletion(app, {{file, Completion::File}});
@@ -98,7 +97,7 @@ int Main(int argc, char** argv) {
     const Signals signals;
     Bridge bridge(config, [](const std::string& text) { printf("%s\n", Printable(text).c_str()); });
     if (bridge.Run(signals) == Bridge::End::TakenOver) {
-        fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", appname,
+        fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", APP_NAME,
                 config.site.c_str());
         return STATUS_TAKEN_OVER;
     }
@@ -108,5 +107,5 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return RunMain(appname, [&] { return Main(argc, argv); });
+    return RunMain(APP_NAME, [&] { return Main(argc, argv); });
 }

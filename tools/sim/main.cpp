@@ -29,18 +29,18 @@ const int STATUS_USAGE = 2;
 
 const char* const DESCRIPTION =
     "Plays the control server of a device, or a remote GPIO server: answers SET and CFG GPO,\n"
-    "reports inputs to those who subscribed to them, and sets outputs as it is told.\n";
+    "sends inputs to clients that subscribed to them, and sets outputs on request.\n";
 
 const char* const COMMANDS =
-    "FILE, and standard input while it runs, hold one line each of:\n"
+    "FILE, and standard input while it runs, hold these lines:\n"
     "  SET TAG=VALUE...           settings\n"
     "  CFG GPO n SRCA=...         the source of output n (1 to 32)\n"
     "  GPI n STATE                the state of input n (1 to 256)\n"
     "  GPO n STATE [DURATION:ms]  the state of output n\n"
     "  # a comment\n"
-    "STATE has up to five of H, L, h, l and x (leave this pin alone). Standard input also takes\n"
-    "  show, drop (cut all connections) and quit.\n"
-    "Exit status: 0 after quit, SIGINT or SIGTERM; 1 when it can't listen or can't read FILE;\n"
+    "STATE has up to five of H, L, h, l and x (leave this pin alone). Standard input also accepts\n"
+    "  show, drop (close all connections) and quit.\n"
+    "Exit status: 0 after quit, SIGINT or SIGTERM; 1 if it can't listen or can't read FILE;\n"
     "2 for a usage error.\n";
 
 struct Address {
