@@ -5,16 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Clock.h"
 #include "tests/world/World.h"
 
 bool is_readable(int fd);
 void await_readable(int fd);
 void await_bytes(int fd, size_t size);  // until that many can be read at once
-
-// Advances the time of day.
-struct Clock {
-    static void Advance(long seconds, long microseconds);
-};
 
 // A TCP server at every loopback address.
 class TcpPeer : public Listener {

@@ -42,7 +42,7 @@ public:
     // A message as its bytes, with no tag twice.
     std::string Message() {
         const uint32_t id =
-            m_Random.Of({0x57524E49, 0x5752494E, 0x52454144, 0x52454144, 0x494E4449});
+            m_Random.Of({0x57524E49U, 0x5752494EU, 0x52454144U, 0x52454144U, 0x494E4449U});
         uint32_t left = m_Random.OneIn(30) ? 17 + m_Random.Below(40) : 1 + m_Random.Below(5);
         std::set<uint32_t> tags;
         std::string items;

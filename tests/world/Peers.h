@@ -214,7 +214,8 @@ public:
     // An address on the bus that may be known.
     uint32_t AnyAddress() {
         for (int i = 0; i < 8; ++i) {
-            const Source& source = m_Channels[1 + m_Random.Below(CHANNELS)].source;
+            const Source& source =
+                m_Channels[1 + static_cast<int>(m_Random.Below(CHANNELS))].source;
             if (source.kind == Source::BUS) {
                 return source.address;
             }
@@ -237,7 +238,7 @@ public:
         Write(line);
     }
 
-    uint32_t AnyInterface() { return m_Random.Of({0x0A000001, 0x0A000002, 0x0A010001}); }
+    uint32_t AnyInterface() { return m_Random.Of({0x0A000001U, 0x0A000002U, 0x0A010001U}); }
 
 protected:
     void Told(const std::string& line) override {
@@ -277,7 +278,7 @@ private:
         const uint32_t kind = m_Random.Below(8);
         if (kind < 3) {
             source.kind = Source::BUS;
-            source.address = m_Random.Of({1, 2, 0x102, 0x1234, 300, 0xFFFFFF});
+            source.address = m_Random.Of({1U, 2U, 0x102U, 0x1234U, 300U, 0xFFFFFFU});
         } else if (kind < 6) {
             source.kind = Source::REMOTE;
             source.server = REMOTES[m_Random.Below(4)];
