@@ -11,7 +11,7 @@
 
 namespace {
 
-const char* const TABLE_FILE = "/var/log/gpiocli.txt";
+const char* const fname = "/var/log/gpiocli.txt";
 
 // As CTQRClient::open. client is null if there was no memory for it; then there is no connection.
 int connect_client(CTQRClient* client, uint32_t ip, uint16_t port) {
@@ -175,9 +175,9 @@ char* CGPIOClient::receive(int entry, unsigned long* mask) {
 }
 
 void CGPIOClient::print_cons() {
-    FILE* file = fopen(TABLE_FILE, "wt");
+    FILE* file = fopen(fname, "wt");
     if (file == nullptr) {
-        fprintf(stderr, "CGPIOClient::print_cons can't create %s\n", TABLE_FILE);
+        fprintf(stderr, "CGPIOClient::print_cons can't create %s\n", fname);
         return;
     }
     fprintf(file, "Connection table:\r\n");

@@ -4,8 +4,9 @@
 #include <memory>
 #include <type_traits>
 
-// Points at an object (T) or an array (T[]), initially null. An object passed to Own is deleted
-// when the pointer is changed or destroyed; one passed to Borrow stays the caller's. Not copied.
+// Points at an object (T) or an array (T[]), initially null, and is used like a pointer. An object
+// passed to Own is deleted when the pointer is changed or destroyed; one passed to Borrow stays the
+// caller's. Not copied.
 template <class T>
 class MaybeOwned {
 public:
@@ -24,7 +25,8 @@ public:
         }
     }
 
-    Element* Get() const { return m_pPointer; }
+    operator Element*() const { return m_pPointer; }
+    Element* operator->() const { return m_pPointer; }
 
 private:
     std::unique_ptr<T> m_pOwned;

@@ -87,7 +87,7 @@ bool CRUdpLayer1Base::Open(bool server, char const* host, unsigned short port, R
     }
     if (m_bOpen && server) {
         m_bOpen = TakeTIDMap(map);
-    } else if (m_bOpen && m_Timeouts.Get() == nullptr) {
+    } else if (m_bOpen && m_pTimeouts == nullptr) {
         m_bOpen = SetCliOptions(DEFAULT_ATTEMPTS, DEFAULT_TIME_MS, true, DEFAULT_FACTOR_PCT,
                                 nullptr, false);
     }
@@ -103,25 +103,25 @@ bool CRUdpLayer1Base::TakeBuffer(RUdpMsg* msg) {
         return false;
     }
     if (msg != nullptr) {
-        m_Msg.Borrow(msg);
-    } else if (m_Msg.Get() == nullptr) {
-        m_Msg.Own(new (std::nothrow)
-                      RUdpMsg(static_cast<unsigned long>(size) - RUdpMsg::HEADER_SIZE));
-        if (m_Msg.Get() != nullptr && m_Msg.Get()->GetPacketPtr() == nullptr) {
-            m_Msg.Own(nullptr);
+        m_pMsg.Borrow(msg);
+    } else if (m_pMsg == nullptr) {
+        m_pMsg.Own(new (std::nothrow)
+                       RUdpMsg(static_cast<unsigned long>(size) - RUdpMsg::HEADER_SIZE));
+        if (m_pMsg != nullptr && m_pMsg->GetPacketPtr() == nullptr) {
+            m_pMsg.Own(nullptr);
         }
     }
-    return m_Msg.Get() != nullptr;
+    return m_pMsg != nullptr;
 }
 
 bool CRUdpLayer1Base::TakeTIDMap(CRUdpTIDMap* map) {
     if (map != nullptr) {
-        m_TIDMap.Borrow(map);
-    } else if (m_TIDMap.Get() == nullptr) {
-        m_TIDMap.Own(new (std::nothrow) CRUdpTIDMap(REPEAT_MEMORY_MS, nullptr, SENDER_BUCKETS,
-                                                    nullptr, 0, SENDERS_GROW_BY));
+        m_pTIDMap.Borrow(map);
+    } else if (m_pTIDMap == nullptr) {
+        m_pTIDMap.Own(new (std::nothrow) CRUdpTIDMap(REPEAT_MEMORY_MS, nullptr, SENDER_BUCKETS,
+                                                     nullptr, 0, SENDERS_GROW_BY));
     }
-    return m_TIDMap.Get() != nullptr;
+    return m_pTIDMap != nullptr;
 }
 
 void CRUdpLayer1Base::Close() {
@@ -146,9 +146,9 @@ bool CRUdpLayer1Base::SetCliOptions(unsigned int retries, unsigned long totalMs,
     }
     if (!tableReady) {
         if (exponential) {
-            fill_exponential(m_Timeouts.Get(), m_nRetries, total, factor);
+            fill_exponential(m_pTimeouts, m_nRetries, total, factor);
         } else {
-            fill_linear(m_Timeouts.Get(), m_nRetries, total);
+            fill_linear(m_pTimeouts, m_nRetries, total);
         }
     }
     return true;
@@ -157,8 +157,8 @@ bool CRUdpLayer1Base::SetCliOptions(unsigned int retries, unsigned long totalMs,
 // Borrows the caller's table, or makes sure that the endpoint has its own.
 bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
     if (table != nullptr) {
-        m_Timeouts.Borrow(table);
-    } else if (m_Timeouts.Get() == nullptr || retries != m_nRetries) {
+        m_pTimeouts.Borrow(table);
+    } else if (m_pTimeouts == nullptr || retries != m_nRetries) {
         const size_t size = retries;
         if (size <= PTRDIFF_MAX / sizeof *table) {  // the limit of an array's size
             table = new (std::nothrow) unsigned long[size]();
@@ -166,7 +166,7 @@ bool CRUdpLayer1Base::SetTable(unsigned int retries, unsigned long* table) {
         if (table == nullptr) {
             return false;
         }
-        m_Timeouts.Own(table);
+        m_pTimeouts.Own(table);
     }
     m_nRetries = retries;
     return true;
@@ -216,7 +216,7 @@ bool CRUdpLayer1Base::SendReliably(CInetAddress const& to, RUdpMsg& msg) {
             return Fail(WRITE_FAILED);
         }
         bool nack = false;
-        const int answer = WaitForAck(to, m_nTID, m_Timeouts.Get()[i], nack);
+        const int answer = WaitForAck(to, m_nTID, m_pTimeouts[i], nack);
         if (answer < 0) {
             return Fail(ACK_WAIT_FAILED);
         }
@@ -283,14 +283,14 @@ bool CRUdpLayer1Base::SendAck(CInetAddress const& to, unsigned long tid, bool po
 
 bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
     m_nLastError = OK;
-    if (m_TIDMap.Get() == nullptr || m_Msg.Get() == nullptr) {
+    if (m_pTIDMap == nullptr || m_pMsg == nullptr) {
         return Fail(NOT_RECEIVING);
     }
     const uint32_t limit = static_cast<uint32_t>(timeoutMs);
     uint32_t left = limit;
     CTickTimer timer;
     for (;;) {
-        m_TIDMap.Get()->RemoveOldEntries();
+        m_pTIDMap->RemoveOldEntries();
         const int readable = m_Socket.WaitForRead(left);
         if (readable < 0) {
             return Fail(MSG_WAIT_FAILED);
@@ -303,7 +303,7 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
             return Fail(READ_FAILED);
         }
         if (delivered) {
-            msg = m_Msg.Get();
+            msg = m_pMsg;
             return true;
         }
         if (limit != NO_LIMIT && (left = time_left(timer, limit)) == 0) {
@@ -315,7 +315,7 @@ bool CRUdpLayer1Base::WaitForMsg(RUdpMsg*& msg, unsigned long timeoutMs) {
 // Reads one datagram, answers it and decides whether to deliver it. It answers before it tests for
 // repeats, because the first acknowledgement may have been lost. False if the socket can't be read.
 bool CRUdpLayer1Base::Receive(bool& delivered) {
-    RUdpMsg& packet = *m_Msg.Get();
+    RUdpMsg& packet = *m_pMsg;
     CInetAddress sender;
     const int length = m_Socket.Read(&sender, reinterpret_cast<char*>(packet.GetPacketPtr()),
                                      static_cast<int>(packet.GetPacketSize()));
@@ -335,8 +335,8 @@ bool CRUdpLayer1Base::Receive(bool& delivered) {
     if (send_ack && is_unicast(sender)) {
         SendAck(sender, packet.GetMsgTID(), positive);
     }
-    if (deliver && !m_TIDMap.Get()->DuplicateTestAndSet(sender.GetIP(), sender.GetPort(),
-                                                        packet.GetMsgTID())) {
+    if (deliver &&
+        !m_pTIDMap->DuplicateTestAndSet(sender.GetIP(), sender.GetPort(), packet.GetMsgTID())) {
         packet.SetHost(sender.GetIP());
         delivered = true;
     }

@@ -117,7 +117,7 @@ public:
     unsigned long GetLastError() const { return m_nLastError; }
     static unsigned char GetVer() { return m_nRUdpVersion; }
     // The packet buffer, null before the first Open.
-    RUdpMsg* GetMsgBuffer() { return m_Msg.Get(); }
+    RUdpMsg* GetMsgBuffer() { return m_pMsg; }
 
 protected:
     // Called for every received datagram with a complete header. Sets deliver (to the caller of
@@ -140,10 +140,10 @@ private:
 
     CInetSocket m_Socket;
     bool m_bOpen = false;
-    MaybeOwned<unsigned long[]> m_Timeouts;  // m_nRetries entries of 32 bits each
+    MaybeOwned<unsigned long[]> m_pTimeouts;  // m_nRetries entries of 32 bits each
     uint32_t m_nRetries = 0;
     uint32_t m_nTID;  // the last one issued
-    MaybeOwned<RUdpMsg> m_Msg;
-    MaybeOwned<CRUdpTIDMap> m_TIDMap;
+    MaybeOwned<RUdpMsg> m_pMsg;
+    MaybeOwned<CRUdpTIDMap> m_pTIDMap;
     uint32_t m_nLastError = OK;
 };
