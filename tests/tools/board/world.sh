@@ -4,21 +4,11 @@
 # In /run: "in" takes lines for the control server, "names", "token" and "h.db" are the board's,
 # "board.sh" starts it (again, with DB as its history), "board.pid" is its number.
 set -euo pipefail
-if [ "$1" != --inside ]; then
-    for user in "" "--user --map-root-user"; do
-        read -ra flags <<<"$user --net --mount --pid --fork --kill-child --mount-proc"
-        if unshare "${flags[@]}" sh -c 'ip link set lo up && mount -t tmpfs run /run' 2>/dev/null; then
-            exec unshare "${flags[@]}" bash "$0" --inside "$@"
-        fi
-    done
-    echo "this system gives no namespaces"
-    exit 77
-fi
+# shellcheck source=tests/support/world.sh
+. "$(dirname "$0")/../../support/world.sh"
+enter "$@"
 bin=$2
 shift 2
-mount -t tmpfs run /run
-mount -t tmpfs log /var/log
-mkdir /run/netns
 ip netns add studio
 ip link set lo up
 ip link add eth0 type veth peer name eth0 netns studio
@@ -56,9 +46,6 @@ cat >/run/board.sh <<BOARD
 "$bin/tools/board/orvex-board" -i eth0 --names /run/names --db "\${DB:-/run/h.db}" -r 127.0.0.1 \\
     --allow-set --token-file /run/token >>/run/board.log 2>&1 & echo \$! >/run/board.pid
 BOARD
-for _ in $(seq 100); do
-    ! grep -q "ADD GPI 3" /run/sim.log || break
-    sleep 0.1
-done
+await /run/sim.log "ADD GPI 3"
 bash /run/board.sh
 "$@"

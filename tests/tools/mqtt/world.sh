@@ -5,40 +5,21 @@
 # In /run: "SITE.in" takes lines for the control server of a site, SITE.conf configures its bridge.
 # The hub is 10.78.0.1, the studio .2 and the tower .3.
 set -euo pipefail
-if [ "$1" != --inside ]; then
-    if ! command -v mosquitto >/dev/null && [ ! -x /usr/sbin/mosquitto ]; then
-        echo "no broker here: mosquitto is not installed"
-        exit 77
-    fi
-    for user in "" "--user --map-root-user"; do
-        read -ra flags <<<"$user --net --mount --pid --fork --kill-child --mount-proc"
-        if unshare "${flags[@]}" sh -c 'ip link set lo up && mount -t tmpfs run /run' 2>/dev/null; then
-            exec unshare "${flags[@]}" bash "$0" --inside "$@"
-        fi
-    done
-    echo "this system gives no namespaces"
+if ! command -v mosquitto >/dev/null && [ ! -x /usr/sbin/mosquitto ]; then
+    echo "no broker here: mosquitto is not installed"
     exit 77
 fi
+# shellcheck source=tests/support/world.sh
+. "$(dirname "$0")/../../support/world.sh"
+enter "$@"
 bin=$2
 shift 2
 export PATH=$PATH:/usr/sbin
-mount -t tmpfs run /run
-mount -t tmpfs log /var/log
-mkdir /run/netns
 ip netns add hub
 ip -n hub link set lo up
 ip -n hub link add br0 type bridge
 ip -n hub addr add 10.78.0.1/24 dev br0
 ip -n hub link set br0 up
-
-await() { # FILE TEXT
-    for _ in $(seq 100); do
-        ! grep -qs -- "$2" "$1" || return 0
-        sleep 0.1
-    done
-    echo "no $2 in $1 in 10 s"
-    exit 1
-}
 
 site() { # NAME NUMBER ADDRESS
     ip netns add "$1"
