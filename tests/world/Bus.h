@@ -74,7 +74,7 @@ private:
         const std::string head = big_endian(tag, 4);
         const uint32_t type = m_Random.OneIn(8) ? m_Random.Below(12) : 7;
         const size_t count = m_Random.Below(4);
-        const std::string counted = head + big_endian(type, 1) + big_endian(count, 2);
+        std::string counted = head + big_endian(type, 1) + big_endian(count, 2);
         switch (type) {
             case 1:
                 return head + big_endian(0x0100000000 + m_Random.Below(1000), 5);

@@ -158,7 +158,7 @@ void World::Differ(const std::string& expected, const std::string& found) {
         fprintf(report, "  %s\n", readable(log[i]).c_str());
     }
     fprintf(report, "To repeat: scripts/simulate --seed %llu --days %lld\n",
-            static_cast<unsigned long long>(m_Seed), static_cast<long long>(m_Now / DAY + 1));
+            static_cast<unsigned long long>(m_Seed), static_cast<long long>(m_Now / DAY) + 1);
     fflush(report);
     _exit(1);
 }
