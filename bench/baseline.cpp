@@ -47,12 +47,12 @@ public:
                 receive_datagram();
                 return send_line(BUS_LINE);
             case Path::Report:
-                return receive_line(m_control) && report(REPORT_SIZE) && look_again(m_control);
+                return serve_lines(m_control, [this] { return report(REPORT_SIZE); });
             case Path::Read:
                 receive_datagram();
                 return report(REPLY_SIZE);
             case Path::Mirror:
-                return receive_line(m_remote) && send_line(MIRROR_LINE) && look_again(m_remote);
+                return serve_lines(m_remote, [this] { return send_line(MIRROR_LINE); });
             case Path::Reliable:
                 receive_datagram();
                 return sendto(m_bus, m_buf, ACK_SIZE, 0, reinterpret_cast<sockaddr*>(&m_from),
@@ -73,25 +73,45 @@ private:
     }
 
     bool look_again(int sock) {
-        if (m_same) {
-            fd_set readable;
-            FD_ZERO(&readable);
-            FD_SET(sock, &readable);
-            timeval limit = {0, 0};
-            select(sock + 1, &readable, nullptr, nullptr, &limit);
-        }
-        return true;
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(sock, &readable);
+        timeval limit = {0, 0};
+        return select(sock + 1, &readable, nullptr, nullptr, &limit) > 0;
     }
 
     void receive_datagram() {
-        look_again(m_bus);
+        if (m_same) {
+            look_again(m_bus);
+        }
         socklen_t size = sizeof m_from;
         recvfrom(m_bus, m_buf, sizeof m_buf, 0, reinterpret_cast<sockaddr*>(&m_from), &size);
     }
 
-    bool receive_line(int sock) {
-        look_again(sock);
-        return recv(sock, m_buf, 2000, 0) > 0;
+    bool read_lines(int sock, long& lines) {
+        const ssize_t got = recv(sock, m_buf, 2000, 0);
+        lines += got > 0 ? std::count(m_buf, m_buf + got, '\n') : 0;
+        return got > 0;
+    }
+
+    // Acts for each line that has come. The daemon looks for more before each of them and at last.
+    template <class Act>
+    bool serve_lines(int sock, Act act) {
+        long lines = 0;
+        if (!m_same && !read_lines(sock, lines)) {
+            return false;
+        }
+        for (;; --lines) {
+            if (m_same && look_again(sock) && !read_lines(sock, lines)) {
+                return false;
+            }
+            if (lines == 0) {
+                return true;
+            }
+            if (!act()) {
+                return false;
+            }
+        }
     }
 
     bool send_line(const char* line) { return send(m_control, line, strlen(line), 0) > 0; }

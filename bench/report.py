@@ -171,6 +171,9 @@ def check_memory(figures):
     grown = [row["resident_after_kib"] - row["resident_before_kib"]
              for row in figures["rate"].values()]
     check("resident KiB gained at full rate", max(grown), 0)
+    for path in PATHS:
+        check(f"processor time beside the same calls at full rate, {TITLES[path]}",
+              figures["rate"][path]["cpu_ratio"], MAX_RATIO)
 
 
 def check_idle(idle):
