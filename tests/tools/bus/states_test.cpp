@@ -135,7 +135,7 @@ TEST_F(PinStatesTest, RemembersSoManyPinsAndThoseThatAreWanted) {
 }
 
 TEST(Names, AreLookedUpBothWays) {
-    const std::string file = testing::TempDir() + "names";
+    const std::string file = testing::TempDir() + "names-looked-up";
     std::ofstream(file) << "# names\n\n  1:2 studio1 \"Studio \\\"1\\\" \\\\\"\r\n"
                         << "0x102:out3\tstudio1.on-air # no text\n"
                         << "1:2:8 k\xC3\xBC"
@@ -175,7 +175,7 @@ TEST(Names, RefuseWithFileAndLine) {
         {"1:3 first", "the name first is given twice"},
         {"9 other", "this has a name already: first"},
     };
-    const std::string file = testing::TempDir() + "names";
+    const std::string file = testing::TempDir() + "names-refused";
     for (const auto& c : cases) {
         std::ofstream(file) << "9 first\n" << c.line << "\n";
         try {
