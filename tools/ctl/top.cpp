@@ -179,7 +179,7 @@ void Top::Handle(const TopKey& key) {
     }
 }
 
-// While paused, the rows stay unchanged.
+// While paused, the rows keep their content; they can still be filtered and sorted.
 void Top::Draw(TimePoint now) {
     const double seconds = std::chrono::duration<double>(now - m_counted).count();
     if (seconds >= 1) {
@@ -192,6 +192,7 @@ void Top::Draw(TimePoint now) {
         m_table.Update(m_states);
         m_drawn = now;
     }
+    m_table.Arrange();
     m_screen->Draw(m_heading, m_table, m_first, m_drawn);
     m_redraw = false;
 }
@@ -227,6 +228,7 @@ int Top::RunJson() {
         Wait(end);
     }
     m_table.Update(m_states);
+    m_table.Arrange();
     for (const TopRow& row : m_table.Rows()) {
         output.Write(m_table.ToJson(*m_states.Find(row.tag), row.tag) + "\n");
     }

@@ -22,11 +22,10 @@ const short COLOR_LOW = 1;
 const short COLOR_CHANGED = 2;
 const wchar_t ESCAPE = 27;
 
-// The text fitted to that many columns, truncated or padded. What can't be shown is a '?'.
-std::wstring Fit(const std::string& text, int columns) {
+// What can't be shown is a '?'.
+std::wstring Decode(const std::string& text) {
     std::wstring shown;
     std::mbstate_t state = {};
-    int used = 0;
     for (const char* at = text.c_str(); *at != '\0';) {
         wchar_t c = L'?';
         const size_t got = mbrtowc(&c, at, MB_CUR_MAX, &state);
@@ -34,15 +33,56 @@ std::wstring Fit(const std::string& text, int columns) {
         if (!is_valid) {
             state = {};
         }
-        c = is_valid && wcwidth(c) >= 0 ? c : L'?';
+        shown += is_valid && wcwidth(c) >= 0 ? c : L'?';
+        at += is_valid ? std::max<size_t>(got, 1) : 1;
+    }
+    return shown;
+}
+
+// The text fitted to that many columns, truncated or padded.
+std::wstring Fit(const std::wstring& text, int columns) {
+    std::wstring shown;
+    int used = 0;
+    for (const wchar_t c : text) {
         if (used + wcwidth(c) > columns) {
             break;
         }
         used += wcwidth(c);
         shown += c;
-        at += is_valid ? std::max<size_t>(got, 1) : 1;
     }
     return shown.append(static_cast<size_t>(std::max(columns - used, 0)), L' ');
+}
+
+std::wstring Fit(const std::string& text, int columns) {
+    return Fit(Decode(text), columns);
+}
+
+// The columns of a row. On a narrow terminal the last ones are omitted.
+struct Cells {
+    std::string mark;
+    std::string name;
+    std::string pin;
+    std::string level;
+    std::string age;
+    std::string status;
+    std::string writer;
+};
+
+std::wstring RowText(const Cells& cells, int columns) {
+    const bool has_writer = columns >= 76;
+    const bool has_status = columns >= 54;
+    const int pin_width = has_status ? 16 : 12;
+    std::wstring end = L" " + Fit(cells.pin, pin_width) + L" " + Fit(cells.level, 5) + L" " +
+                       Fit(cells.age, 8);
+    end += has_status ? L" " + Fit(cells.status, 8) : L"";
+    end += has_writer ? Fit(cells.writer, 15) : L"";
+    const int name_width = std::max(columns - 2 - static_cast<int>(end.size()), 10);
+    return Fit(cells.mark, 2) + Fit(cells.name, name_width) + end;
+}
+
+bool IsColorUnwanted() {
+    const char* const variable = getenv("NO_COLOR");
+    return variable != nullptr && *variable != '\0';
 }
 
 class CursesScreen : public TopScreen {
@@ -60,7 +100,7 @@ public:
         keypad(stdscr, TRUE);
         nodelay(stdscr, TRUE);
         curs_set(0);
-        if (has_colors() && getenv("NO_COLOR") == nullptr && start_color() == OK) {
+        if (has_colors() && !IsColorUnwanted() && start_color() == OK) {
             use_default_colors();
             init_pair(COLOR_LOW, COLOR_GREEN, -1);
             init_pair(COLOR_CHANGED, COLOR_YELLOW, -1);
@@ -93,7 +133,7 @@ public:
 private:
     void DrawHeading(const TopHeading& heading, const TopTable& table);
     void DrawRow(int line, TopTable& table, const TopRow& row, TimePoint now);
-    void DrawLine(int line, const std::string& text, attr_t attributes);
+    void DrawLine(int line, const std::wstring& text, attr_t attributes);
     attr_t Color(short pair) const { return m_has_colors ? COLOR_PAIR(pair) : 0; }
 
     SCREEN* m_screen;
@@ -145,7 +185,7 @@ TopKey CursesScreen::TakeKey() {
     return {Kind::Text, is_text ? std::string(bytes, size) : std::string()};
 }
 
-void CursesScreen::DrawLine(int line, const std::string& text, attr_t attributes) {
+void CursesScreen::DrawLine(int line, const std::wstring& text, attr_t attributes) {
     attrset(static_cast<int>(attributes));
     mvaddwstr(line, 0, Fit(text, COLS).c_str());
     attrset(A_NORMAL);
@@ -153,31 +193,33 @@ void CursesScreen::DrawLine(int line, const std::string& text, attr_t attributes
 
 void CursesScreen::DrawHeading(const TopHeading& heading, const TopTable& table) {
     char counts[80];
-    snprintf(counts, sizeof counts, "  %zu pins, %.0f changes/s", heading.pins, heading.changes);
+    snprintf(counts, sizeof counts, "  %zu %s, %.0f changes/s", heading.pins,
+             heading.pins == 1 ? "pin" : "pins", heading.changes);
     DrawLine(0,
-             heading.bus + counts + (heading.is_paused ? "  PAUSED" : "") +
-                 (heading.note.empty() ? "" : "  " + heading.note),
+             Decode(heading.bus + counts + (heading.is_paused ? "  PAUSED" : "") +
+                    (heading.note.empty() ? "" : "  " + heading.note)),
              A_BOLD);
-    std::string filter = "filter: " + (table.Filter().empty() ? "-" : table.Filter());
+    const std::string filter = "filter: " + (table.Filter().empty() ? "-" : table.Filter());
     DrawLine(1,
-             filter + "  shown: " + std::to_string(table.Rows().size()) +
-                 "  sorted by: " + SortText(table.Sort()),
+             Decode(filter + "  shown: " + std::to_string(table.Rows().size()) +
+                    "  sorted by: " + SortText(table.Sort())),
              A_NORMAL);
 }
 
 void CursesScreen::DrawRow(int line, TopTable& table, const TopRow& row, TimePoint now) {
     const bool is_lit = row.changed != TimePoint::min() && now - row.changed < LIT;
     const bool is_low = row.level == Level::Low;
-    const int name_width = std::max(COLS - 58, 10);
-    const std::string level = !row.level ? "?" : is_low ? "LOW" : "high";
-    const std::wstring text = Fit(is_lit ? "*" : "", 2) + Fit(table.NameOf(row), name_width) +
-                              L" " + Fit(table.PinOf(row), 16) + L" " + Fit(level, 5) + L" " +
-                              Fit(AgeText(row, now), 8) + L" " + Fit(StatusText(row), 8) +
-                              Fit(row.writer == 0 ? "" : HostText(row.writer), 15);
-    const attr_t lit = is_lit ? A_BOLD | Color(COLOR_CHANGED) : A_NORMAL;
-    attrset(static_cast<int>(is_lit ? lit : is_low ? Color(COLOR_LOW) : A_NORMAL));
-    mvaddnwstr(line, 0, text.c_str(), static_cast<int>(text.size()));
-    attrset(A_NORMAL);
+    const Cells cells = {is_lit ? "*" : "",
+                         table.NameOf(row),
+                         table.PinOf(row),
+                         !row.level ? "?" : is_low ? "LOW" : "high",
+                         AgeText(row, now),
+                         StatusText(row),
+                         row.writer == 0 ? "" : HostText(row.writer)};
+    DrawLine(line, RowText(cells, COLS),
+             is_lit   ? A_BOLD | Color(COLOR_CHANGED)
+             : is_low ? Color(COLOR_LOW)
+                      : A_NORMAL);
 }
 
 void CursesScreen::Draw(const TopHeading& heading, TopTable& table, size_t& first, TimePoint now) {
@@ -186,17 +228,14 @@ void CursesScreen::Draw(const TopHeading& heading, TopTable& table, size_t& firs
     first = std::min(first, count > visible ? count - visible : 0);
     erase();
     DrawHeading(heading, table);
-    const std::wstring columns = Fit("", 2) + Fit("NAME", std::max(COLS - 58, 10)) + L" " +
-                                 Fit("PIN", 16) + L" LEVEL AGE      STATUS  WRITTEN BY";
-    attrset(static_cast<int>(A_REVERSE));
-    mvaddwstr(2, 0, columns.c_str());
-    hline(' ', COLS);
-    attrset(A_NORMAL);
+    DrawLine(HEADING_LINES - 1,
+             RowText({"", "NAME", "PIN", "LEVEL", "AGE", "STATUS", "WRITTEN BY"}, COLS),
+             A_REVERSE);
     for (size_t i = 0; i < std::min(visible, count - first); ++i) {
         DrawRow(HEADING_LINES + static_cast<int>(i), table, table.Rows()[first + i], now);
     }
     DrawLine(LINES - 1,
-             "type to filter  Esc all  Tab sort  Space pause  Up/Down/PgUp/PgDn  F10 quit",
+             L"type to filter  Ctrl-C quit  Esc all  Tab sort  Space pause  Up/Down/PgUp/PgDn",
              A_REVERSE);
     refresh();
 }

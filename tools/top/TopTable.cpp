@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <iterator>
 
 #include "tools/bus/Interface.h"
 #include "tools/bus/JsonFormat.h"
@@ -75,14 +76,21 @@ void TopTable::SetFilter(const std::string& filter) {
     m_search = Small(filter);
 }
 
+// By address, then in1 to in5 and out1 to out5: circuits count down. This decides between equal
+// rows of other orders.
 void TopTable::Update(const PinStates& states) {
-    m_rows.clear();
+    m_all.clear();
     states.ForEach([this](uint32_t tag, const PinState& state) {
-        const TopRow row = MakeRow(tag, state);
-        if (Matches(row)) {
-            m_rows.push_back(row);
-        }
+        m_all.push_back(MakeRow(tag, state));
     });
+    std::sort(m_all.begin(), m_all.end(),
+              [](const TopRow& a, const TopRow& b) { return (a.tag ^ 0xFF) < (b.tag ^ 0xFF); });
+}
+
+void TopTable::Arrange() {
+    m_rows.clear();
+    std::copy_if(m_all.begin(), m_all.end(), std::back_inserter(m_rows),
+                 [this](const TopRow& row) { return Matches(row); });
     Order();
 }
 
@@ -116,11 +124,7 @@ bool TopTable::Matches(const TopRow& row) {
            (row.writer != 0 && HostText(row.writer).find(m_search) != std::string::npos);
 }
 
-// By address, then in1 to in5 and out1 to out5: circuits count down. This decides between equal
-// rows.
 void TopTable::Order() {
-    std::sort(m_rows.begin(), m_rows.end(),
-              [](const TopRow& a, const TopRow& b) { return (a.tag ^ 0xFF) < (b.tag ^ 0xFF); });
     switch (m_sort) {
         case TopSort::Pin:
             break;

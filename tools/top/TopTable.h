@@ -33,8 +33,11 @@ public:
     void SetSort(TopSort sort) { m_sort = sort; }
     TopSort Sort() const { return m_sort; }
 
-    // Rebuilds the rows from the current states.
+    // Takes the current states.
     void Update(const PinStates& states);
+
+    // Rebuilds the rows from the states taken last, by filter and order.
+    void Arrange();
     const std::vector<TopRow>& Rows() const { return m_rows; }
 
     // "1:2:out1" and "studio1.onair", empty if it has no name.
@@ -60,7 +63,8 @@ private:
     std::string m_filter;
     std::string m_search;  // the filter in lower case
     TopSort m_sort = TopSort::Pin;
-    std::vector<TopRow> m_rows;
+    std::vector<TopRow> m_all;   // as taken, in the order of the pins
+    std::vector<TopRow> m_rows;  // those that are shown
     std::map<uint32_t, Label> m_labels;  // one for each pin
 };
 
