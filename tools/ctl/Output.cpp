@@ -1,10 +1,12 @@
 #include "tools/ctl/Output.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 
 #include "tools/base/ErrorText.h"
 #include "tools/base/Time.h"
@@ -36,6 +38,12 @@ FILE* Open(const std::string& file, bool force) {
         throw Failure(STATUS_FAILED, file + " exists; --force overwrites it");
     }
     return fopen(file.c_str(), "we");
+}
+
+// SIZE_MAX if it is no terminal.
+size_t TerminalWidth(FILE* file) {
+    winsize size = {};
+    return ioctl(fileno(file), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : SIZE_MAX;
 }
 
 }  // namespace
@@ -96,6 +104,20 @@ void Output::WriteEvent(const std::string& event, const std::string& text) {
     const double time = TimeOfDay();
     Write(IsJson() ? Dump({{"time", time}, {"event", event}, {"text", text}}) + "\n"
                    : TimeText(time) + "  " + text + "\n");
+}
+
+void Output::WriteLine(const std::string& text, size_t indent) {
+    const size_t width = TerminalWidth(m_file);
+    std::string line = text;
+    while (line.size() > width) {
+        const size_t blank = line.rfind(' ', width);
+        if (blank == std::string::npos || blank <= indent) {
+            break;  // a word that is too long
+        }
+        Write(line.substr(0, blank) + "\n");
+        line = std::string(indent, ' ') + line.substr(blank + 1);
+    }
+    Write(line + "\n");
 }
 
 void Output::Write(const std::string& text) {

@@ -45,6 +45,9 @@ public:
 
     void Write(const std::string& text);
 
+    // A line without its end. A terminal gets it wrapped between words, and continued at the indent.
+    void WriteLine(const std::string& text, size_t indent);
+
 private:
     const Options& m_options;
     const std::string m_name;

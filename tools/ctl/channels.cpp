@@ -58,7 +58,7 @@ int Explain(const Options& options, Output& output) {
     }
     output.Write(DescribeSource(reading->config) + "\n");
     for (const std::string& note : reading->notes) {
-        output.Write("  " + note + "\n");
+        output.WriteLine("  " + note, 2);
     }
     return STATUS_DONE;
 }
@@ -98,7 +98,7 @@ void PrintText(const ChannelTable& table, Output& output) {
         }
         output.Write(text.substr(0, text.find_last_not_of(' ') + 1) + "\n");
         for (const std::string& note : notes[r]) {
-            output.Write("        " + Printable(note) + "\n");
+            output.WriteLine("        " + Printable(note), 8);
         }
     }
 }

@@ -124,8 +124,9 @@ void Print(const Options& options, const Findings& findings, Output& output) {
             heading.resize(6, ' ');
             heading += finding.subject;
             heading.resize(17, ' ');
-            output.Write(heading + finding.text +
-                         (finding.mend.empty() ? "" : " -> " + finding.mend) + "\n");
+            output.WriteLine(
+                heading + finding.text + (finding.mend.empty() ? "" : " -> " + finding.mend),
+                heading.size());
         }
     }
 }
@@ -173,6 +174,7 @@ int RunDoctor(const Options& options) {
                              options.bus.iface.empty() ? "eth0" : options.bus.iface};
     Facts facts = Look(options.tqrd, limit);
     facts.bus = AskBus(SettingsFor(options, facts, bus), facts);
+    facts.later_tcp = ReadSockets("tcp");
     facts.later_udp = ReadSockets("udp");
     const Findings findings = Examine(facts, bus, limit);
     if (options.plugin) {

@@ -91,33 +91,43 @@ void ExaminePort(const Facts& facts, Findings& findings) {
     }
 }
 
+// Why the interface can't be used; empty if it can.
+std::string InterfaceProblem(const Facts& facts, const std::string& device) {
+    const std::optional<uint32_t> address = facts.AddressOf(device);
+    if (!address) {
+        return device + " is not there";
+    }
+    return *address == 0 ? device + " has no address" : "";
+}
+
 // The interface of the bus: the one whose address TQRD sends, or eth0. Empty if there is none.
 std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     const std::optional<uint32_t> named = facts.answer.table.InterfaceAddress();
+    const std::string problem = InterfaceProblem(facts, bus.device);
+    const auto mend = [&bus](const std::string& address) {
+        return "ip addr add " + address + "/24 dev " + bus.device + "; " + RESTART;
+    };
     if (named.value_or(0) != 0) {
         std::string device = facts.DeviceOf(*named);
         if (device.empty()) {
             findings.push_back({Severity::Critical, "interface",
-                                "TQRD names " + IpText(*named) + ", which no interface has",
-                                "correct NIC_IPADDR in TQRD, or: ip addr show"});
+                                "TQRD names " + IpText(*named) + ", which no interface has" +
+                                    (problem.empty() ? "" : ": " + problem),
+                                problem.empty() ? "correct NIC_IPADDR in TQRD, or: ip addr show"
+                                                : mend(IpText(*named))});
         } else {
             findings.push_back({Severity::Well, "interface",
                                 device + ", " + IpText(*named) + " as TQRD says", ""});
         }
         return device;
     }
-    const auto found =
-        std::find_if(facts.interfaces.begin(), facts.interfaces.end(),
-                     [&bus](const InterfaceAddress& entry) { return entry.device == bus.device; });
-    if (found == facts.interfaces.end() || found->ip == 0) {
-        findings.push_back(
-            {Severity::Critical, "interface",
-             bus.device + (found == facts.interfaces.end() ? " is not there" : " has no address") +
-                 ": the daemon can't join the group on it",
-             "ip addr add ADDRESS/24 dev " + bus.device + "; " + RESTART});
+    if (!problem.empty()) {
+        findings.push_back({Severity::Critical, "interface",
+                            problem + ": the daemon can't join the group on it", mend("ADDRESS")});
         return {};
     }
-    findings.push_back({Severity::Well, "interface", bus.device + ", " + IpText(found->ip), ""});
+    findings.push_back({Severity::Well, "interface",
+                        bus.device + ", " + IpText(*facts.AddressOf(bus.device)), ""});
     return bus.device;
 }
 
@@ -149,8 +159,22 @@ void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string&
                         std::string(RESTART) + "; orvex(8), DIAGNOSTICS, \"join\""});
 }
 
+// Bytes that waited at both checks in the daemon's connections.
+unsigned long WaitingInConnections(const Facts& facts) {
+    unsigned long waiting = 0;
+    for (const SocketRow& row : facts.tcp) {
+        for (const SocketRow& later : facts.later_tcp) {
+            if (row.inode == later.inode && facts.Daemon()->sockets.count(row.inode) != 0) {
+                waiting += std::min(row.unread, later.unread);
+            }
+        }
+    }
+    return waiting;
+}
+
 // Data that waits at both checks is not being read.
 void ExamineQueues(const Facts& facts, Findings& findings) {
+    const unsigned long in_connections = WaitingInConnections(facts);
     unsigned long waiting = 0;
     unsigned long lost = 0;
     unsigned long lost_now = 0;
@@ -163,12 +187,13 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
             }
         }
     }
-    if (waiting > 0 || lost_now > 0) {
+    if (waiting > 0 || in_connections > 0 || lost_now > 0) {
         findings.push_back({Severity::Warning, "queue",
                             std::to_string(waiting) + " bytes wait on port 2060 and " +
+                                std::to_string(in_connections) + " in connections, and " +
                                 std::to_string(lost_now) +
-                                " datagrams were lost just now: the "
-                                "daemon is busy, or waits for a server",
+                                " datagrams were lost just now: the daemon is busy, or waits for a "
+                                "server",
                             "orvex(8), \"A remote server does not answer at all\"; "
                             "net.core.rmem_default"});
     } else if (lost > 0) {

@@ -80,6 +80,15 @@ std::string Facts::DeviceOf(uint32_t ip) const {
     return {};
 }
 
+std::optional<uint32_t> Facts::AddressOf(const std::string& device) const {
+    for (const InterfaceAddress& entry : interfaces) {
+        if (entry.device == device) {
+            return entry.ip;
+        }
+    }
+    return std::nullopt;
+}
+
 Facts Look(const CSvcAddress& tqrd, std::chrono::milliseconds limit) {
     Facts facts;
     facts.programs = ReadPrograms();

@@ -37,7 +37,8 @@ struct Facts {
     CSvcAddress tqrd;      // the daemon's address of TQRD
     TableAnswer answer;    // its answer to us
     BusAnswer bus;
-    std::vector<SocketRow> later_udp;  // the table again, after all that
+    std::vector<SocketRow> later_tcp;  // the tables again, after all that
+    std::vector<SocketRow> later_udp;
 
     // The running daemons; normally one.
     std::vector<const RunningProgram*> Daemons() const;
@@ -51,6 +52,9 @@ struct Facts {
 
     // The interface with the address; empty if there is none.
     std::string DeviceOf(uint32_t ip) const;
+
+    // The interface's first address, 0 if it has none; none if there is no such interface.
+    std::optional<uint32_t> AddressOf(const std::string& device) const;
 };
 
 // Examines the system and queries TQRD, at the daemon's -r or else at the given address. Does not

@@ -1,10 +1,12 @@
 // Connections to TQRD and to remote servers.
 
 #include <arpa/inet.h>
+#include <poll.h>
 
 #include <cerrno>
 #include <map>
 
+#include "tools/base/Time.h"
 #include "tools/doctor/Checks.h"
 #include "tools/tqrd/TqrdClient.h"
 
@@ -21,17 +23,6 @@ struct Probe {
     int error = 0;
     std::string problem;
 };
-
-Probe Try(const CSvcAddress& server, milliseconds limit) {
-    TqrdClient client;
-    std::string line;
-    client.Connect(server, limit);
-    while (client.IsOpen() && !client.IsConnected()) {
-        client.Wait(line, client.Deadline());
-        client.Serve();
-    }
-    return {client.Error(), client.Problem()};
-}
 
 std::string Cause(const Probe& probe) {
     switch (probe.error) {
@@ -52,6 +43,53 @@ bool IsHanging(const SocketRow* socket) {
 
 bool IsConnected(const SocketRow* socket) {
     return socket != nullptr && socket->state == TCP_ESTABLISHED;
+}
+
+// A server that channels follow.
+struct Remote {
+    uint32_t ip = 0;
+    uint16_t port = 0;
+    std::string channels;
+    TqrdClient client;  // that tries the server
+};
+
+// Each server once.
+using Remotes = std::map<std::string, Remote>;
+
+Remotes RemotesOf(const ChannelTable& table) {
+    Remotes remotes;
+    for (const int number : table.Find(KIND_REMOTE)) {
+        const ChannelConfig& config = table.Channel(number).config;
+        Remote& remote = remotes[RemoteServer(config)];
+        remote.ip = config.ip;
+        remote.port = config.port;
+        remote.channels += (remote.channels.empty() ? "" : ", ") + std::to_string(number);
+    }
+    return remotes;
+}
+
+// Tries all servers that the daemon has no connection to at once: many may be down.
+void Try(const Facts& facts, milliseconds limit, Remotes& remotes) {
+    for (auto& [place, remote] : remotes) {
+        const SocketRow* const socket = facts.DaemonSocket(remote.ip, remote.port);
+        if (!IsConnected(socket) && !IsHanging(socket)) {
+            remote.client.Connect(CSvcAddress(ntohl(remote.ip), remote.port), limit);
+        }
+    }
+    const TimePoint end = Now() + limit;
+    for (;;) {
+        std::vector<pollfd> waiting;
+        for (auto& [place, remote] : remotes) {
+            remote.client.Serve();
+            if (remote.client.IsOpen() && !remote.client.IsConnected()) {
+                waiting.push_back({remote.client.GetDescriptor(), remote.client.Events(), 0});
+            }
+        }
+        if (waiting.empty()) {
+            return;
+        }
+        poll(waiting.data(), waiting.size(), MillisecondsUntil(end));
+    }
 }
 
 std::string Place(const CSvcAddress& address) {
@@ -95,27 +133,7 @@ void ExamineControl(const Facts& facts, Findings& findings) {
     }
 }
 
-struct Remote {
-    uint32_t ip;
-    uint16_t port;
-    std::string channels;
-};
-
-// The servers that channels follow, each once.
-std::map<std::string, Remote> Remotes(const ChannelTable& table) {
-    std::map<std::string, Remote> remotes;
-    for (const int number : table.Find(KIND_REMOTE)) {
-        const ChannelConfig& config = table.Channel(number).config;
-        Remote& remote = remotes[RemoteServer(config)];
-        remote.ip = config.ip;
-        remote.port = config.port;
-        remote.channels += (remote.channels.empty() ? "" : ", ") + std::to_string(number);
-    }
-    return remotes;
-}
-
-void ExamineRemote(const Facts& facts, const Remote& remote, milliseconds limit,
-                   Findings& findings) {
+void ExamineRemote(const Facts& facts, const Remote& remote, Findings& findings) {
     const SocketRow* const socket = facts.DaemonSocket(remote.ip, remote.port);
     const std::string place = EndpointText(remote.ip, remote.port);
     if (IsConnected(socket)) {
@@ -123,7 +141,7 @@ void ExamineRemote(const Facts& facts, const Remote& remote, milliseconds limit,
     } else if (IsHanging(socket)) {
         findings.push_back(Hanging("remote", place));
     } else {
-        const Probe probe = Try(CSvcAddress(ntohl(remote.ip), remote.port), limit);
+        const Probe probe = {remote.client.Error(), remote.client.Problem()};
         findings.push_back({Severity::Critical, "remote",
                             "no connection to " + place + ", which drives output " +
                                 remote.channels + ": " + Cause(probe),
@@ -159,10 +177,11 @@ void ExamineServers(const Facts& facts, milliseconds limit, Findings& findings) 
     if (daemon == nullptr) {
         return;
     }
-    const auto remotes = Remotes(facts.answer.table);
+    Remotes remotes = RemotesOf(facts.answer.table);
     if (daemon->shows_sockets) {
-        for (const auto& remote : remotes) {
-            ExamineRemote(facts, remote.second, limit, findings);
+        Try(facts, limit, remotes);
+        for (const auto& [place, remote] : remotes) {
+            ExamineRemote(facts, remote, findings);
         }
     }
     ExamineLimit(facts, !remotes.empty(), findings);
