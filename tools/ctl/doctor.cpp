@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
@@ -14,6 +15,9 @@
 #include "tools/ctl/Output.h"
 
 namespace {
+
+// What a daemon that is not busy reads meanwhile.
+const std::chrono::milliseconds BETWEEN_LOOKS(200);
 
 struct SeverityName {
     const char* json;
@@ -173,7 +177,9 @@ int RunDoctor(const Options& options) {
     const ExpectedBus bus = {htonl(options.bus.group),
                              options.bus.iface.empty() ? "eth0" : options.bus.iface};
     Facts facts = Look(options.tqrd, limit);
+    const TimePoint looked = Now();
     facts.bus = AskBus(SettingsFor(options, facts, bus), facts);
+    std::this_thread::sleep_until(looked + BETWEEN_LOOKS);
     facts.later_tcp = ReadSockets("tcp");
     facts.later_udp = ReadSockets("udp");
     const Findings findings = Examine(facts, bus, limit);

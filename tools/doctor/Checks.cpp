@@ -188,7 +188,11 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
         }
     }
     if (waiting > 0 || in_connections > 0 || lost_now > 0) {
-        findings.push_back({Severity::Warning, "queue",
+        // A consequence of an earlier finding is no problem of its own.
+        const bool is_explained = std::any_of(
+            findings.begin(), findings.end(),
+            [](const Finding& finding) { return finding.severity == Severity::Critical; });
+        findings.push_back({is_explained ? Severity::Note : Severity::Warning, "queue",
                             std::to_string(waiting) + " bytes wait on port 2060 and " +
                                 std::to_string(in_connections) + " in connections, and " +
                                 std::to_string(lost_now) +

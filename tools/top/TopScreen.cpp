@@ -72,8 +72,8 @@ std::wstring RowText(const Cells& cells, int columns) {
     const bool has_writer = columns >= 76;
     const bool has_status = columns >= 54;
     const int pin_width = has_status ? 16 : 12;
-    std::wstring end = L" " + Fit(cells.pin, pin_width) + L" " + Fit(cells.level, 5) + L" " +
-                       Fit(cells.age, 8);
+    std::wstring end =
+        L" " + Fit(cells.pin, pin_width) + L" " + Fit(cells.level, 5) + L" " + Fit(cells.age, 8);
     end += has_status ? L" " + Fit(cells.status, 8) : L"";
     end += has_writer ? Fit(cells.writer, 15) : L"";
     const int name_width = std::max(columns - 2 - static_cast<int>(end.size()), 10);
@@ -212,7 +212,9 @@ void CursesScreen::DrawRow(int line, TopTable& table, const TopRow& row, TimePoi
     const Cells cells = {is_lit ? "*" : "",
                          table.NameOf(row),
                          table.PinOf(row),
-                         !row.level ? "?" : is_low ? "LOW" : "high",
+                         !row.level ? "?"
+                         : is_low   ? "LOW"
+                                    : "high",
                          AgeText(row, now),
                          StatusText(row),
                          row.writer == 0 ? "" : HostText(row.writer)};
@@ -229,8 +231,7 @@ void CursesScreen::Draw(const TopHeading& heading, TopTable& table, size_t& firs
     erase();
     DrawHeading(heading, table);
     DrawLine(HEADING_LINES - 1,
-             RowText({"", "NAME", "PIN", "LEVEL", "AGE", "STATUS", "WRITTEN BY"}, COLS),
-             A_REVERSE);
+             RowText({"", "NAME", "PIN", "LEVEL", "AGE", "STATUS", "WRITTEN BY"}, COLS), A_REVERSE);
     for (size_t i = 0; i < std::min(visible, count - first); ++i) {
         DrawRow(HEADING_LINES + static_cast<int>(i), table, table.Rows()[first + i], now);
     }

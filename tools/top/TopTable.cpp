@@ -80,9 +80,8 @@ void TopTable::SetFilter(const std::string& filter) {
 // rows of other orders.
 void TopTable::Update(const PinStates& states) {
     m_all.clear();
-    states.ForEach([this](uint32_t tag, const PinState& state) {
-        m_all.push_back(MakeRow(tag, state));
-    });
+    states.ForEach(
+        [this](uint32_t tag, const PinState& state) { m_all.push_back(MakeRow(tag, state)); });
     std::sort(m_all.begin(), m_all.end(),
               [](const TopRow& a, const TopRow& b) { return (a.tag ^ 0xFF) < (b.tag ^ 0xFF); });
 }

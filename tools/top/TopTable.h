@@ -63,8 +63,8 @@ private:
     std::string m_filter;
     std::string m_search;  // the filter in lower case
     TopSort m_sort = TopSort::Pin;
-    std::vector<TopRow> m_all;   // as taken, in the order of the pins
-    std::vector<TopRow> m_rows;  // those that are shown
+    std::vector<TopRow> m_all;           // as taken, in the order of the pins
+    std::vector<TopRow> m_rows;          // those that are shown
     std::map<uint32_t, Label> m_labels;  // one for each pin
 };
 
