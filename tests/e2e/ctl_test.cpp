@@ -102,7 +102,8 @@ TEST_F(Ctl, WatchesUntilItIsToldToEnd) {
     EXPECT_EQ(other->Out(), "");
 
     ExpectRun({"watch", "--for", "0.2"}, 0, "", "");
-    ExpectRun({"watch", "--for", "0.2", "--count", "1"}, 3, "", "");
+    ExpectRun({"watch", "--for", "0.2", "--count", "1"}, 3, "",
+              "orvexctl: only 0 of 1 came in time\n");
 }
 
 TEST_F(Ctl, PlaysBackWhatItRecorded) {

@@ -198,7 +198,8 @@ bool ReadPin(const Json& json, Traffic& traffic, const Names& names) {
     const std::string kind = json.contains("kind") ? Text(json["kind"], "\"kind\"") : "";
     const bool told = kind == "report" || kind == "reply";
     const Json& level_field = Field(json, "level");
-    if (level_field.is_null() || kind == "forgotten" || (!told && IsInput(tag))) {
+    const bool denied = told && json.contains("denied");  // the level is not what was answered
+    if (level_field.is_null() || kind == "forgotten" || denied || (!told && IsInput(tag))) {
         return false;
     }
     const Level level = ParseLevel(Text(level_field, "\"level\""));
@@ -223,8 +224,8 @@ bool FromJson(const std::string& line, Traffic& traffic, const Names& names) {
         Refuse("not a JSON object");
     }
     ReadEnvelope(json, traffic);
-    if (json.contains("event")) {
-        return false;
+    if (json.contains("event") || json.contains("source") || json.contains("check")) {
+        return false;  // nothing about pins
     }
     if (json.contains("pin") && !json.contains("items")) {
         return ReadPin(json, traffic, names);

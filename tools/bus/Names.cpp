@@ -55,6 +55,11 @@ std::string Names::Label(uint32_t tag) const {
     return PinText(tag) + (name.empty() ? "" : " (" + name + ")");
 }
 
+std::string Names::AddressLabel(uint32_t address) const {
+    const Entry* const entry = OfAddress(address);
+    return AddressText(address) + (entry != nullptr ? " (" + entry->name + ")" : "");
+}
+
 std::string Names::TextOf(uint32_t tag) const {
     const Entry* const pin = OfPin(tag);
     return pin != nullptr ? pin->text : "";

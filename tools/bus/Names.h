@@ -58,6 +58,9 @@ public:
     // "1:2:out3 (studio1.onair)", for messages; without a name only the pin.
     std::string Label(uint32_t tag) const;
 
+    // The same of an address: "1:2 (studio1)".
+    std::string AddressLabel(uint32_t address) const;
+
     // "Studio 1 on air"; empty if the pin has none.
     std::string TextOf(uint32_t tag) const;
 

@@ -23,8 +23,15 @@ Json Head(double time, uint32_t host, uint32_t tag, const Names& names) {
 }  // namespace
 
 std::string ToJson(const PinFact& fact, const Names& names) {
+    return ToJson(fact, {}, names);
+}
+
+std::string ToJson(const PinFact& fact, const std::set<uint32_t>& hosts, const Names& names) {
     Json json = Head(fact.time, fact.host, fact.tag, names);
     json["level"] = LevelValue(fact.level);
+    for (const uint32_t host : hosts) {
+        json["hosts"].push_back(HostText(host));
+    }
     return Dump(json);
 }
 

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 
 #include "tools/bus/Names.h"
@@ -32,8 +33,9 @@ struct PinFact {
     uint32_t host = 0;  // host byte order; 0: nobody
 };
 
-// The lines without their ends.
+// The lines without their ends. With hosts, "hosts" contains all that have the pin's address.
 std::string ToJson(const PinFact& fact, const Names& names);
+std::string ToJson(const PinFact& fact, const std::set<uint32_t>& hosts, const Names& names);
 std::string ToJson(const PinChange& change, const Names& names);
 
 // "write", "report", "reply" or "forgotten"

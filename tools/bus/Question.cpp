@@ -93,24 +93,22 @@ std::optional<Question::Answer> Question::AnswerOf(uint32_t tag) const {
     return answer == m_answers.end() ? std::nullopt : answer->second;
 }
 
-std::string Question::Missing() const {
-    std::vector<std::string> names;
+std::string Question::Missing(const Names& names) const {
+    std::string text;
     for (const PinRef& pin : m_pins) {
         const std::vector<uint32_t> tags = pin.Tags();
         std::vector<std::string> missing;
         for (const uint32_t tag : tags) {
             if (!AnswerOf(tag)) {
-                missing.push_back(PinText(tag));
+                missing.push_back(names.Label(tag));
             }
         }
         if (!pin.circuit && missing.size() == tags.size()) {
-            missing = {AddressText(pin.address)};
+            missing = {names.AddressLabel(pin.address)};
         }
-        names.insert(names.end(), missing.begin(), missing.end());
-    }
-    std::string text;
-    for (const std::string& name : names) {
-        text += (text.empty() ? "" : ", ") + name;
+        for (const std::string& label : missing) {
+            text += (text.empty() ? "" : ", ") + label;
+        }
     }
     return text;
 }

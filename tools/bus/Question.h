@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/bus/BusLink.h"
+#include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
 
 // A number for the requests of one question. Never 0, which means none.
@@ -47,8 +48,8 @@ public:
     };
     std::optional<Answer> AnswerOf(uint32_t tag) const;
 
-    // The names of unanswered pins, "1:2, 7:in1"; empty if everything was answered.
-    std::string Missing() const;
+    // The unanswered pins, "1:2 (studio1), 7:in1"; empty if everything was answered.
+    std::string Missing(const Names& names) const;
 
 private:
     BusLink& m_link;

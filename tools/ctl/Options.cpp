@@ -36,6 +36,30 @@ bool Has(const char* commands, const char* name) {
            std::string::npos;
 }
 
+std::string Join(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+// The names of the commands that have the option; of all commands for an empty one.
+std::string CommandsWith(const std::string& option) {
+    std::vector<std::string> names;
+    for (const CommandSpec& command : COMMANDS) {
+        const bool has = std::any_of(OPTIONS.begin(), OPTIONS.end(), [&](const OptionSpec& row) {
+            return row.commands != nullptr && Has(row.commands, command.name) &&
+                   ("," + std::string(row.names) + ",").find("," + option + ",") !=
+                       std::string::npos;
+        });
+        if (has || option.empty()) {
+            names.emplace_back(command.name);
+        }
+    }
+    return Join(names);
+}
+
 template <typename Row>
 void Set(const Row& row, const char* name, Options& options, const std::string& text) {
     try {
@@ -157,13 +181,20 @@ void Parser::TakeWords() {
 
 // Prints what is wrong, or what was requested; returns the exit status.
 int Parser::Refuse(const CLI::ParseError& error) {
-    const std::vector<std::string> unknown = m_app.remaining();
-    if (m_app.get_subcommands().empty() && !unknown.empty() && unknown[0][0] != '-') {
-        std::string names;
-        for (const CommandSpec& command : COMMANDS) {
-            names += (names.empty() ? "" : ", ") + std::string(command.name);
-        }
-        m_options.console.Error("unknown command " + unknown[0] + "; commands are " + names);
+    const bool is_request = error.get_exit_code() == 0;  // for help or the version
+    const std::vector<std::string> unknown = m_app.remaining(true);
+    const std::string word = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
+    const auto commands = m_app.get_subcommands();
+    std::string problem;
+    if (commands.empty() && !is_request && (word.empty() || word[0] != '-')) {
+        problem = (word.empty() ? "no command" : "unknown command " + word) + "; commands are " +
+                  CommandsWith("");
+    } else if (!commands.empty() && !word.empty() && !CommandsWith(word).empty()) {
+        problem =
+            commands[0]->get_name() + " has no " + word + "; these have it: " + CommandsWith(word);
+    }
+    if (!problem.empty()) {
+        m_options.console.Error(problem);
         return STATUS_USAGE;
     }
     return m_app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;

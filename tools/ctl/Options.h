@@ -56,9 +56,9 @@ struct Options {
     std::string file;
     std::string names_file;  // empty: the user's
     Names names;
-    CSvcAddress tqrd{0x7F000001, 93};  // the control server
-    std::string explain;               // a source to explain instead of querying a server
-    bool plugin = false;               // report as a monitoring plugin
+    CSvcAddress tqrd{0x7F000001, LINE_PORT};  // the control server
+    std::string explain;                      // a source to explain instead of querying a server
+    bool plugin = false;                      // report as a monitoring plugin
 };
 
 // The positional arguments of a command; the setter takes one word.

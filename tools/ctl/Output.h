@@ -45,7 +45,8 @@ public:
 
     void Write(const std::string& text);
 
-    // A line without its end. A terminal gets it wrapped between words, and continued at the indent.
+    // A line without its end. A terminal gets it wrapped between words, and continued at the
+    // indent.
     void WriteLine(const std::string& text, size_t indent);
 
 private:

@@ -93,7 +93,7 @@ TimePoint PinWatch::Tend() {
     }
     if (m_question && !m_told_missing) {
         m_told_missing = true;
-        const std::string missing = m_question->Missing();
+        const std::string missing = m_question->Missing(m_options.names);
         if (!missing.empty()) {
             m_options.console.Note("no answer for " + missing);
         }

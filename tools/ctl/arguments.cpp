@@ -142,7 +142,7 @@ void AddWrite(Options& options, const std::string& text) {
     const PinWrite write = ParsePinWrite(text, options.names);
     for (const PinWrite& other : options.writes) {
         if (other.tag == write.tag) {
-            throw std::invalid_argument(PinText(write.tag) + " is given twice");
+            throw std::invalid_argument(options.names.Label(write.tag) + " is given twice");
         }
     }
     options.writes.push_back(write);

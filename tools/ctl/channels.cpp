@@ -18,7 +18,13 @@ namespace {
 using Object = nlohmann::ordered_json;
 using Words = std::vector<std::string>;
 
-Object SourceJson(const SourceReading& reading) {
+std::string Meaning(const ChannelConfig& config, const Names& names) {
+    const Names::Entry* const entry =
+        config.proto == KIND_BUS ? names.OfAddress(config.ach) : nullptr;
+    return DescribeSource(config) + (entry != nullptr ? " (" + entry->name + ")" : "");
+}
+
+Object SourceJson(const SourceReading& reading, const Names& names) {
     const ChannelConfig& config = reading.config;
     Object json;
     json["source"] = reading.source;
@@ -26,6 +32,12 @@ Object SourceJson(const SourceReading& reading) {
         case KIND_BUS:
             json["kind"] = "bus";
             json["address"] = config.ach;
+            if (const Names::Entry* const entry = names.OfAddress(config.ach)) {
+                json["name"] = entry->name;
+                if (!entry->text.empty()) {
+                    json["text"] = entry->text;
+                }
+            }
             break;
         case KIND_REMOTE:
             json["kind"] = "remote";
@@ -50,13 +62,16 @@ int Explain(const Options& options, Output& output) {
     const auto reading = ReadSource(options.explain);
     if (!reading) {
         throw Failure(STATUS_FAILED,
-                      "no field SRCA: the daemon ignores the line, the channel stays as it is");
+                      "no field SRCA: the daemon ignores the line, the channel stays as it is" +
+                          (options.explain.find('=') == std::string::npos
+                               ? "; a source alone is given as SRCA=" + options.explain
+                               : ""));
     }
     if (options.json) {
-        output.Write(JsonLine(SourceJson(*reading)));
+        output.Write(JsonLine(SourceJson(*reading, options.names)));
         return STATUS_DONE;
     }
-    output.Write(DescribeSource(reading->config) + "\n");
+    output.Write(Meaning(reading->config, options.names) + "\n");
     for (const std::string& note : reading->notes) {
         output.WriteLine("  " + note, 2);
     }
@@ -72,7 +87,7 @@ std::string OrDash(const std::string& text) {
     return text.empty() ? "-" : text;
 }
 
-void PrintText(const ChannelTable& table, Output& output) {
+void PrintText(const ChannelTable& table, const Names& names, Output& output) {
     std::vector<Words> rows = {{"OUTPUT", "SOURCE", "DRIVEN BY", "STATE", "INPUT"}};
     std::vector<Words> notes(1);
     for (int number = 1; number <= CHANNEL_COUNT; ++number) {
@@ -80,7 +95,7 @@ void PrintText(const ChannelTable& table, Output& output) {
         if (channel.is_configured) {
             const bool is_bus = channel.config.proto == KIND_BUS;
             rows.push_back({std::to_string(number), OrDash(Printable(channel.source)),
-                            DescribeSource(channel.config), OrDash(Printable(channel.output)),
+                            Meaning(channel.config, names), OrDash(Printable(channel.output)),
                             is_bus ? OrDash(Printable(channel.input)) : ""});
             notes.push_back(Reading(channel).notes);
         }
@@ -103,7 +118,7 @@ void PrintText(const ChannelTable& table, Output& output) {
     }
 }
 
-void PrintJson(const ChannelTable& table, Output& output) {
+void PrintJson(const ChannelTable& table, const Names& names, Output& output) {
     const auto state = [](const std::string& text) {
         return text.empty() ? Object() : Object(text);
     };
@@ -111,7 +126,7 @@ void PrintJson(const ChannelTable& table, Output& output) {
         const ChannelInfo& channel = table.Channel(number);
         if (channel.is_configured) {
             Object json = {{"channel", number}};
-            json.update(SourceJson(Reading(channel)));
+            json.update(SourceJson(Reading(channel), names));
             json["output"] = state(channel.output);
             json["input"] = state(channel.input);
             output.Write(JsonLine(json));
@@ -142,7 +157,7 @@ int RunChannels(const Options& options) {
         throw Failure(STATUS_NO_ANSWER, server + " tells no channels" +
                                             (answer.problem.empty() ? "" : ": " + answer.problem));
     }
-    options.json ? PrintJson(answer.table, output) : PrintText(answer.table, output);
+    (options.json ? PrintJson : PrintText)(answer.table, options.names, output);
     if (!answer.problem.empty()) {
         options.console.Note(server + ": " + answer.problem);
     }

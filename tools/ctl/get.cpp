@@ -26,7 +26,7 @@ int RunGet(const Options& options) {
         }
     }
     output.Write(facts);
-    const std::string missing = question.Missing();
+    const std::string missing = question.Missing(options.names);
     if (missing.empty()) {
         return STATUS_DONE;
     }

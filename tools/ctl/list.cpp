@@ -38,6 +38,7 @@ private:
     void Take(const Traffic& traffic);
     void ShowProgress(double done);
     std::vector<PinFact> AskPins();
+    void PrintJson(const std::vector<PinFact>& facts);
     void Print(const std::vector<PinFact>& facts);
     std::string StateText(const std::vector<PinFact>& facts, size_t first) const;
     void NoteRange() const;
@@ -174,9 +175,16 @@ std::string List::StateText(const std::vector<PinFact>& facts, size_t first) con
     return text;
 }
 
+// The pins, each with the hosts of its address.
+void List::PrintJson(const std::vector<PinFact>& facts) {
+    for (const PinFact& fact : facts) {
+        m_output.Write(ToJson(fact, m_found[fact.tag >> 8], m_options.names) + "\n");
+    }
+}
+
 void List::Print(const std::vector<PinFact>& facts) {
     if (m_output.IsJson()) {
-        m_output.Write(facts);
+        PrintJson(facts);
         return;
     }
     size_t place = 0;

@@ -1,11 +1,12 @@
+#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <iostream>
 #include <stdexcept>
+#include <utility>
 
+#include "tools/base/Descriptor.h"
 #include "tools/base/ErrorText.h"
 #include "tools/base/Signals.h"
 #include "tools/bus/MessageJson.h"
@@ -16,6 +17,89 @@
 
 namespace {
 
+// What ends the command early: a signal, or the end of its time.
+class Limit {
+public:
+    explicit Limit(std::optional<double> seconds)
+        : m_end(seconds ? After(*seconds) : TimePoint::max()) {}
+
+    // Waits until then, or until the descriptor is readable; -1: none. False if it is over.
+    bool WaitFor(TimePoint until, int descriptor = -1) const {
+        pollfd fds[] = {{m_signals.Get(), POLLIN, 0}, {descriptor, POLLIN, 0}};
+        do {
+            poll(fds, 2, MillisecondsUntil(std::min(until, m_end)));
+            if (fds[0].revents != 0 || Now() >= m_end) {
+                return false;
+            }
+        } while (fds[1].revents == 0 && Now() < until);
+        return true;
+    }
+
+private:
+    const TimePoint m_end;
+    Signals m_signals;
+};
+
+// The lines of a file. Waits for those of a pipe or a terminal no longer than permitted.
+class LineFile {
+public:
+    LineFile(const std::string& file, const Limit& limit)
+        : m_limit(limit),
+          m_name(file == "-" ? "standard input" : file),
+          m_file(file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)) {
+        if (!m_file.IsOpen()) {
+            Fail();
+        }
+    }
+
+    // "FILE:LINE: " of the line read last.
+    std::string Place() const { return m_name + ":" + std::to_string(m_number) + ": "; }
+
+    // None at the end of the file, or when the command is to end.
+    std::optional<std::string> Next() {
+        size_t end = m_data.find('\n', m_read);
+        while (end == std::string::npos && Read()) {
+            end = m_data.find('\n');
+        }
+        if (m_is_over || m_read == m_data.size()) {
+            return std::nullopt;
+        }
+        ++m_number;
+        end = std::min(end, m_data.size());
+        const size_t begin = std::exchange(m_read, std::min(end + 1, m_data.size()));
+        return m_data.substr(begin, end - begin);
+    }
+
+    // Whether the command is to end, not the file.
+    bool IsOver() const { return m_is_over; }
+
+private:
+    [[noreturn]] void Fail() const {
+        throw Failure(STATUS_FAILED, "can't read " + m_name + ": " + ErrorText(errno));
+    }
+
+    // Adds to the data. False at the end.
+    bool Read() {
+        m_data.erase(0, std::exchange(m_read, 0));
+        m_is_over = !m_limit.WaitFor(TimePoint::max(), m_file.Get());
+        char data[65536];
+        const ssize_t got = m_is_over ? 0 : read(m_file.Get(), data, sizeof data);
+        if (got < 0) {
+            Fail();
+        }
+        m_data.append(data, static_cast<size_t>(got));
+        return got > 0;
+    }
+
+    const Limit& m_limit;
+    const std::string m_name;
+    const Descriptor m_file;
+    std::string m_data;
+    size_t m_read = 0;  // where the next line begins
+    int m_number = 0;
+    bool m_is_over = false;
+};
+
 // Keeps the intervals between messages, measured from the first one, so that delays don't add up.
 class Pace {
 public:
@@ -25,20 +109,13 @@ public:
     void Restart() { m_first = 0; }
 
     // Waits until the message is due. One without a time, or from before the first, is due at once.
-    // False if a signal came first.
-    bool WaitFor(double time, const Signals& signals) {
+    // False if the command is to end first.
+    bool WaitFor(double time, const Limit& limit) {
         if (m_first == 0) {
             m_first = time;
             m_start = Now();
         }
-        pollfd stop = {signals.Get(), POLLIN, 0};
-        const TimePoint due = Later(m_start, std::max(time - m_first, 0.0) / m_speed);
-        do {
-            if (poll(&stop, 1, MillisecondsUntil(due)) > 0) {
-                return false;
-            }
-        } while (Now() < due);
-        return true;
+        return limit.WaitFor(Later(m_start, std::max(time - m_first, 0.0) / m_speed));
     }
 
 private:
@@ -50,22 +127,25 @@ private:
 class Sender {
 public:
     explicit Sender(const Options& options)
-        : m_options(options), m_link(options.bus), m_output(options), m_pace(options.speed) {}
+        : m_options(options),
+          m_link(options.bus),
+          m_output(options),
+          m_limit(options.seconds),
+          m_pace(options.speed) {}
 
-    // False if a signal ended it.
-    bool SendLine(const std::string& line);
-
-    // For the next round of the same lines.
-    void Restart() { m_pace.Restart(); }
+    // Sends the file once. False if the command is to end.
+    bool SendFile();
 
     // How many messages were sent.
     unsigned long Count() const { return m_count; }
 
 private:
+    bool SendLine(const std::string& line);
+
     const Options& m_options;
     BusLink m_link;
     Output m_output;
-    Signals m_signals;
+    const Limit m_limit;
     Pace m_pace;
     unsigned long m_count = 0;
 };
@@ -76,7 +156,7 @@ bool Sender::SendLine(const std::string& line) {
         m_options.console.Detail("nothing to send: " + line);
         return true;
     }
-    if (!m_pace.WaitFor(m_options.fast ? 0 : traffic.time, m_signals)) {
+    if (!m_pace.WaitFor(m_options.fast ? 0 : traffic.time, m_limit)) {
         return false;
     }
     if (traffic.port == 0) {
@@ -94,51 +174,37 @@ bool Sender::SendLine(const std::string& line) {
     return true;
 }
 
-// False if a signal ended it.
-bool SendAll(std::istream& in, const std::string& name, Sender& sender) {
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos) {
+bool Sender::SendFile() {
+    LineFile file(m_options.file, m_limit);
+    m_pace.Restart();
+    while (const std::optional<std::string> line = file.Next()) {
+        if (line->find_first_not_of(" \t\r") == std::string::npos) {
             continue;
         }
-        const std::string place = name + ":" + std::to_string(number) + ": ";
         try {
-            if (!sender.SendLine(line)) {
+            if (!SendLine(*line)) {
                 return false;
             }
         } catch (const std::invalid_argument& error) {
-            throw Failure(STATUS_FAILED, place + error.what());
+            throw Failure(STATUS_FAILED, file.Place() + error.what());
         } catch (const BusError& error) {
-            throw BusError(place + error.what(), error.GetKind());
+            throw BusError(file.Place() + error.what(), error.GetKind());
         }
     }
-    if (in.bad() || !in.eof()) {
-        throw Failure(STATUS_FAILED, "can't read " + name + ": " + ErrorText(errno));
-    }
-    return true;
+    return !file.IsOver();
 }
 
 }  // namespace
 
 int RunSend(const Options& options) {
-    Sender sender(options);
-    if (options.file == "-") {
-        if (options.loop) {
-            throw Failure(STATUS_USAGE, "--loop needs a file, not standard input");
-        }
-        SendAll(std::cin, "standard input", sender);
-        return STATUS_DONE;
+    if (options.loop && options.file == "-") {
+        throw Failure(STATUS_USAGE, "--loop needs a file, not standard input");
     }
-    for (;;) {
-        const unsigned long before = sender.Count();
-        errno = 0;
-        std::ifstream file(options.file);
-        if (!SendAll(file, options.file, sender) || !options.loop) {
-            return STATUS_DONE;
-        }
+    Sender sender(options);
+    for (unsigned long before = 0; sender.SendFile() && options.loop; before = sender.Count()) {
         if (sender.Count() == before) {
             throw Failure(STATUS_FAILED, "nothing to send in " + options.file);
         }
-        sender.Restart();
     }
+    return STATUS_DONE;
 }

@@ -10,8 +10,9 @@ namespace {
 
 const double ASK_EVERY = 0.1;  // seconds; short enough to see a pulse of 310 ms
 
-void NoteWhatDiffers(const PinWrite& write, const Console& console) {
-    const std::string name = PinText(write.tag);
+void NoteWhatDiffers(const PinWrite& write, const Options& options) {
+    const Console& console = options.console;
+    const std::string name = options.names.Label(write.tag);
     if (write.value.Duration() != write.duration_ms) {
         console.Note(name + ": " + std::to_string(write.duration_ms) + " ms becomes " +
                      std::to_string(write.value.Duration()) + " ms");
@@ -25,7 +26,7 @@ void MakeMessage(const Options& options, Traffic& traffic) {
     traffic.message.SetId(ID_WRITE);
     traffic.message.SetRel(options.reliable);
     for (const PinWrite& write : options.writes) {
-        NoteWhatDiffers(write, options.console);
+        NoteWhatDiffers(write, options);
         traffic.message.SetByte(write.tag, write.value.Byte());
     }
     traffic.port = options.bus.send_port;

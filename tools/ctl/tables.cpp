@@ -161,7 +161,7 @@ const std::vector<OptionSpec> OPTIONS = {
      Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
      "End after N messages; with pins, after N of their changes", SetCount},
-    {"-f,--for", "SECONDS", Completion::None, "wait watch record channels top",
+    {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels top",
      "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
     {"--fast", nullptr, Completion::None, "send", "Send without pauses", Switch<&Options::fast>},

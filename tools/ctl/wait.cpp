@@ -117,7 +117,10 @@ std::string Wait::Reason(const PinCondition& condition) const {
                ", or its control server is away";
     }
     return name + (state->level == condition.level ? " did not change to " : " is not ") +
-           LevelText(condition.level);
+           LevelText(condition.level) +
+           (!IsInput(condition.tag) && condition.level == Level::Low
+                ? "; outputs of channels 9 to 32 are always answered H"
+                : "");
 }
 
 }  // namespace

@@ -42,6 +42,7 @@ private:
     void ShowMessage();
     void ShowChanges();
     void CountMessage();
+    int End() const;
     void Beat();
     bool IsComplete() const { return m_options.count && m_counted >= *m_options.count; }
 
@@ -56,7 +57,7 @@ private:
 int Watch::Run() {
     while (!IsComplete()) {
         if (Now() >= m_end) {
-            return m_options.count ? STATUS_NO_ANSWER : STATUS_DONE;
+            return End();
         }
         if (Now() >= m_beat) {
             m_output->WriteEvent("heartbeat", "heartbeat");
@@ -78,6 +79,16 @@ int Watch::Run() {
         }
     }
     return STATUS_DONE;
+}
+
+// The time is over.
+int Watch::End() const {
+    if (!m_options.count) {
+        return STATUS_DONE;
+    }
+    m_options.console.Error("only " + std::to_string(m_counted) + " of " +
+                            std::to_string(*m_options.count) + " came in time");
+    return STATUS_NO_ANSWER;
 }
 
 void Watch::Beat() {
