@@ -1,4 +1,4 @@
-// The daemon's parts in the test's own process, with TQRD and a remote server played on loopback.
+// The daemon's parts in the test's own process; TQRD and a remote server are simulated on loopback.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,8 +26,7 @@ protected:
         local.close();
     }
 
-    // What TQRD was told since the last call. What was sent has arrived: loopback has no delay of
-    // its own.
+    // What TQRD was sent since the last call. Loopback adds no delay: what was sent has arrived.
     std::string Told() {
         local.send("#");
         std::string told;
@@ -39,7 +38,7 @@ protected:
         return told;
     }
 
-    // The source that is an input of the remote server.
+    // The source for an input of the remote server.
     std::string Remote(int gpi) {
         return "127.0.0.1:" + std::to_string(remote.Port()) + "/" + std::to_string(gpi);
     }

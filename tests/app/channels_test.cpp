@@ -1,4 +1,4 @@
-// The channel table: what control lines make of it and what they lead to.
+// The channel table: how control lines change it, and what they cause.
 
 #include <arpa/inet.h>
 
@@ -64,7 +64,7 @@ TEST_F(ChannelTable, IgnoresOtherConfigurationLines) {
     EXPECT_EQ(Told(), "GPO 32 HHHHH\nADD GPI 32\n");
 }
 
-// Every change of kind: what TQRD hears, and whether a remote connection is made and kept.
+// Every change of kind: what TQRD is sent, and whether a remote connection is opened and kept.
 TEST_F(ChannelTable, TellsEveryChange) {
     const std::string sources[][2] = {{"none", "x.y"}, {Remote(1), Remote(258)}, {"1:2", "1:3"}};
     const char* const ends[] = {"", "", "DEL GPI 5\n"};
@@ -111,8 +111,8 @@ TEST_F(ChannelTable, FollowsOutputsOfBusChannels1To8) {
     }
 }
 
-// The identifier of a request is looked up before all else, which decides whose value is written
-// when a tag is repeated.
+// The identifier of a request is looked up first, which decides which value of a repeated tag is
+// written.
 TEST_F(ChannelTable, WritesTheValueBehindTheIdentifier) {
     channels[0].proto = KIND_BUS;
     channels[0].ach = 0x102;

@@ -25,7 +25,7 @@ protected:
         EXPECT_EQ(Told(), channel + " HHHHH\n");
     }
 
-    // One that has something to do, if only an empty line, and so does not wait.
+    // A turn with input, if only an empty line, so that it does not wait.
     void Turn(const std::string& control_lines = "\n") {
         tqrd.Send(control_lines);
         ASSERT_TRUE(loop.Turn());

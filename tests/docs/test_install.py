@@ -1,4 +1,4 @@
-"""Checks that cmake --install keeps below its prefix, and that the unit names what is there.
+"""Checks that cmake --install stays below its prefix, and that the unit names the installed paths.
 
 Usage: test_install.py BUILD_FOLDER
 """

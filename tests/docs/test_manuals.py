@@ -1,4 +1,4 @@
-"""Checks that the manuals are well-formed, and that they tell every option and message there is.
+"""Checks that the manuals are well-formed, and that they contain every option and message.
 
 Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [ORVEX_BOARD] [ORVEX_MQTT]
 """
@@ -15,13 +15,13 @@ DAEMON, CTL, SIM, *OTHERS = sys.argv[1:]
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*APP_NAME)?")
-# What begins a statement of the tools that makes a message.
+# The beginning of a statement in the tools that makes a message.
 TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|BusError|NamesError|Fail|Note|Detail|Error|PrintProblem|Tell"
                   r"|Disconnect|NumberError)\(|fprintf\(stderr|(?:return|reason =|_ERROR =) \"")
 
 
 def text_of(path):
-    """A manual as it is shown, each run of blanks as one."""
+    """A manual as displayed, with each run of blanks as one."""
     shown = subprocess.run(["mandoc", "-T", "utf8", path], check=True, capture_output=True).stdout
     return " ".join(re.sub(".\b", "", shown.decode()).split())
 
@@ -37,7 +37,7 @@ def joined(literals):
 
 
 def messages(folder):
-    """What the daemon's code in a folder prints; the names of its parts are put in."""
+    """What the daemon's code in a folder prints, with APP_NAME filled in."""
     name = "tqrcli" if folder == "tqr" else "orvex"
     for text in sources(folder):
         for call in PRINTED.finditer(text):
@@ -45,7 +45,7 @@ def messages(folder):
 
 
 def is_told(message, manual):
-    """A message with its conversions stands in the manual with a word for each of them."""
+    """Whether the manual has the message, with a word in place of each conversion."""
     words = " ".join(message.split())
     pattern = r"\S+".join(re.escape(part) for part in re.split(r"%\d*l*[a-zA-Z]", words))
     return re.search(rf"(?<!\S){pattern}(?!\S)", manual)
@@ -57,7 +57,7 @@ class ManualsTest(unittest.TestCase):
     def test_lint(self):
         done = subprocess.run(["mandoc", "-T", "lint", *MANUALS], check=False, capture_output=True,
                               encoding="utf-8")
-        # Not of the manuals but of what is installed here.
+        # These depend on what is installed, not on the manuals.
         found = [line for line in done.stdout.splitlines()
                  if "referenced manual not found" not in line and "mandoc.db" not in line]
         self.assertEqual(found, [])

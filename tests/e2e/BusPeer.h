@@ -1,4 +1,4 @@
-// A peer on the bus, played byte by byte on the studio's host.
+// A peer on the bus, simulated byte by byte on the studio's host.
 #pragma once
 
 #include <string>
@@ -16,13 +16,13 @@ public:
     BusPeer(const BusPeer&) = delete;
     BusPeer& operator=(const BusPeer&) = delete;
 
-    // Sends the bytes to an address's port 2060.
+    // Sends the bytes to port 2060 of that address.
     void Send(const std::string& bytes, const char* to);
 
-    // The same as if another sender on that port did it.
+    // The same, from that port, as another sender.
     void SendFrom(unsigned short port, const std::string& bytes, const char* to);
 
-    // What came to the group, and what was answered to the sender, since it was last taken.
+    // Datagrams received since the last call: those to the group, and answers to the sender.
     std::vector<std::string> Reports() { return Take(m_listener); }
     std::vector<std::string> Answers() { return Take(m_sender); }
 

@@ -1,4 +1,4 @@
-// orvexctl on the studio, the daemon on the device.
+// orvexctl on the studio's host, the daemon on the device.
 #pragma once
 
 #include <memory>
@@ -23,7 +23,7 @@ inline long CountOf(const std::string& text, const std::string& part) {
 
 class Ctl : public Site {
 protected:
-    // Channel 1 is at the address 1:2.
+    // Channel 1 has the address 1:2.
     void StartAll() {
         ASSERT_EQ(tqrd.server.Apply("CFG GPO 1 SRCA=1:2"), "");
         ASSERT_EQ(tqrd.server.Apply("GPI 1 HLHHL"), "");
@@ -41,7 +41,7 @@ protected:
         return std::make_unique<Process>(arguments, m_environment);
     }
 
-    // A watch or record that already listens.
+    // A watch or record that is already listening.
     std::unique_ptr<Process> StartListener(const Host& host, Words arguments) {
         arguments.emplace_back("-v");
         auto listener = Start(host, arguments);
@@ -74,7 +74,7 @@ protected:
         EXPECT_EQ(raw.Open(false) | raw.Bind(port, nullptr), 0);
     }
 
-    Words m_environment;  // of the programs that are started
+    Words m_environment;  // of the started programs
 
     void ExpectRun(const Words& arguments, int status, const std::string& out,
                    const std::string& err) {

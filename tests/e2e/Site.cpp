@@ -9,7 +9,7 @@
 namespace {
 
 std::vector<std::string> DaemonCommand() {
-    // Empty where nothing emulates. NOLINTNEXTLINE(readability-redundant-string-init)
+    // Empty without an emulator. NOLINTNEXTLINE(readability-redundant-string-init)
     const std::string emulator(ORVEX_EMULATOR);
     return emulator.empty() ? std::vector<std::string>{ORVEX_PROGRAM}
                             : std::vector<std::string>{emulator, ORVEX_PROGRAM};

@@ -1,4 +1,4 @@
-// A device with the daemon on it, its control server, and a second host beside it.
+// A device with the daemon and its control server, and a second host.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,11 +20,11 @@ struct Peer {
     std::vector<std::string> heard;
     int connections = 0;
 
-    // How often the line came.
+    // How often the line was received.
     long Count(const std::string& line) const;
 };
 
-// The base of the end-to-end tests: nothing runs on the hosts until the test starts it.
+// Base of the end-to-end tests. Nothing runs on the hosts until the test starts it.
 class Site : public testing::Test {
 protected:
     static constexpr const char* DEVICE_ADDRESS = "10.77.0.1";
@@ -34,23 +34,23 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Listen where the daemon expects them: the control server at port 93 of the device's loopback,
-    // the remote GPIO server at port 93 of the studio.
+    // Start the servers where the daemon expects them: the control server on port 93 of the
+    // device's loopback, the remote GPIO server on port 93 of the studio.
     void StartControl();
     void StartRemote();
 
-    // command: words before the program's, of a command that runs it.
+    // command: words to put before the program's, of a command that runs it.
     void StartDaemon(const std::vector<std::string>& options = {"-debug"},
                      const std::vector<std::string>& environment = {},
                      std::vector<std::string> command = {});
 
-    // Serves all peers until the condition holds; false when it doesn't within the limit.
+    // Serves all peers until the condition holds; false if it doesn't within the limit.
     bool Await(const std::function<bool()>& condition, int limit_ms = 10000);
     bool AwaitHeard(Peer& peer, const std::string& line, long times = 1);
     bool AwaitOut(const std::string& text);
     bool AwaitErr(const std::string& text);
 
-    // Serves all peers for a while, for what must not happen.
+    // Serves all peers for a while, to check that something does not happen.
     void Linger(int ms);
 
     bool m_prepared;

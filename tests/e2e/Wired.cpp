@@ -28,7 +28,7 @@ void Wired::StartAll(std::vector<std::string> environment) {
     if (peer == nullptr) {
         StartPeers();
     }
-    // The library that sets the clock comes before the sanitizer's own.
+    // The library that sets the clock is loaded before the sanitizer's runtime.
     environment.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0");
     StartDaemon({}, environment);
     AwaitRunning();
@@ -63,7 +63,7 @@ bool Wired::AwaitReports(size_t count, int limit_ms) {
 }
 
 testing::AssertionResult Wired::AnswersRead() {
-    const int AT_ONCE_MS = 1000;  // on a busy machine
+    const int AT_ONCE_MS = 1000;  // allows for a busy machine
     peer->Reports();
     peer->Answers();
     SendRead();
@@ -112,7 +112,7 @@ std::string ProcPath(pid_t pid, const char* name) {
     return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
-// The number behind a word in the process's status.
+// The number after a word in the process's status.
 long StatusValue(pid_t pid, const std::string& word) {
     std::ifstream status(ProcPath(pid, "status"));
     long value = 0;
@@ -136,7 +136,7 @@ void Wired::ExpectMemory(long resident_kib, long events, long bytes_per_event) c
 #else
     const bool measurable = true;
 #endif
-    const long ALLOCATOR_KIB = 16;  // it takes a page now and then
+    const long ALLOCATOR_KIB = 16;  // the allocator takes a page now and then
     const long grown = ResidentKiB() - resident_kib;
     const long per_event = std::max(grown - ALLOCATOR_KIB, 0L) * 1024 / events;
     printf("%ld events: %+ld KiB\n", events, grown);

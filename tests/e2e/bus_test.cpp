@@ -42,7 +42,8 @@ protected:
         });
     }
 
-    // Everything sent so far has been handled when this write to pin 5 of channel 2 is.
+    // The lines received so far. Everything sent before has been handled once the write that this
+    // sends, to pin 5 of channel 2, has been.
     Lines HeardBehind(const char* to = GROUP) {
         tqrd.heard.clear();
         peer->Send(peer->Packet('\0', Hex(WRITE + "0001 00003004 07 40")), to);
@@ -54,7 +55,7 @@ protected:
         return heard;
     }
 
-    // The payload of the last two reports, which must be of one message sent twice.
+    // The payload of the last two reports, which must be one message sent twice.
     std::string LastPayload() {
         if (reports.size() < 2) {
             return "(no report)";
@@ -104,7 +105,7 @@ TEST_F(OnTheBus, ReadsAreAnsweredToTheGroup) {
     StartAll();
     tqrd.server.Apply("GPO 2 LHHHH");
     ASSERT_TRUE(AwaitOut("parse_GPO 2 LHHHH\n"));
-    // Pins of both kinds, in this order; unknown circuits and an unknown address between them.
+    // Pins of both kinds, mixed with unknown circuits and an unknown address.
     peer->Send(peer->Packet('\0', Hex(READ + "0007 0000300D 07 00 FFFFFFFF 01 12345678"
                                              "0000300C 07 00 00003063 07 00 00003000 07 00"
                                              "00009908 07 00 00003008 01 00000000")),
@@ -113,7 +114,7 @@ TEST_F(OnTheBus, ReadsAreAnsweredToTheGroup) {
     EXPECT_EQ(LastPayload(), Hex("494E4449 0006 FFFFFFFE 01 12345678 0000300D 07 00"
                                  "0000300C 07 01 00003008 07 01 FFFFFFFD 07 02"
                                  "FFFFFFFC 09 0000000000000000"));
-    // Of two channels with one address the last one's pin stays; 'l' counts as low.
+    // Of two channels with one address, the last one's pin counts; 'l' counts as low.
     peer->Send(peer->Packet('\0', Hex(READ + "0004 0001020D 07 00 00010209 07 00"
                                              "FFFFFFFC 09 0102030405060708 00010204 07 00")),
                GROUP);
@@ -150,13 +151,13 @@ TEST_F(OnTheBus, InputsAreReported) {
     EXPECT_EQ(reports.size(), expected + 2) << "nothing else was reported";
 }
 
-// The errors are those of the transport, whose tests have all of them.
+// The error codes are the transport's; its tests cover all of them.
 TEST_F(OnTheBus, PacketsWithoutAMessageAreNoted) {
     StartAll();
     const std::string payload = Hex(WRITE + "0001 00003008 07 40");
     const struct {
         const char* header;  // the first four bytes
-        size_t cut;          // how much of the payload is sent
+        size_t cut;          // how many bytes of the payload are sent
         const char* answer;  // the first four bytes
         const char* error;
     } table[] = {{"034D0307", 12, "00410007", "9003"},
@@ -195,7 +196,7 @@ TEST_F(OnTheBus, FollowsItsInterface) {
     const std::string not_joined = "orvex S join 239.192.255.4 failed err=19\n";
     EXPECT_EQ(daemon->Err(), not_joined) << "at the start; since then it has joined, once";
 
-    tqrd.server.Apply("SET NIC_IPADDR=192.0.2.9");  // not ours
+    tqrd.server.Apply("SET NIC_IPADDR=192.0.2.9");  // no interface has it
     EXPECT_TRUE(AwaitOut("orvex: setsockopt(IP_MULTICAST_IF,192.0.2.9) failed error: 99\n"));
     EXPECT_TRUE(Await([&] { return daemon->Err() == not_joined + not_joined; })) << daemon->Err();
     EXPECT_TRUE(HeardBehind().empty()) << "the earlier membership stays";

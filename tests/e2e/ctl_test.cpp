@@ -1,4 +1,4 @@
-// What orvexctl reads, sets, watches and plays back.
+// Reading, setting, watching and playing back with orvexctl.
 
 #include <csignal>
 #include <fstream>
@@ -119,7 +119,7 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     const auto watch = StartListener(studio, {"watch", "--json", "-c", "3"});
     ExpectRun({"send", file}, 0, "", "");
     ExpectRun({"send", "--fast", "/dev/null"}, 0, "", "");
-    // Made by hand, of an identifier and types that no device knows, for those who listen.
+    // Written by hand, with an identifier and types that no device knows: for listeners only.
     std::ofstream("/run/made") << R"({"id":"0xFF000001","port":2055,"reliable":true,"items":[)"
                                << R"({"tag":7,"type":99,"value":5},{"tag":7,"type":"message",)"
                                << R"("value":{"id":"ABCD","items":[]}}]})"
@@ -137,7 +137,7 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
         EXPECT_EQ(heard[i]["items"], sent[i]["items"]);
     }
     const double gap = heard[1]["time"].get<double>() - heard[0]["time"].get<double>();
-    EXPECT_GE(gap, 0.1);  // of 0.3, on a machine that is busy
+    EXPECT_GE(gap, 0.1);  // of 0.3, to allow for a busy machine
     EXPECT_NEAR(gap, sent[1]["time"].get<double>() - sent[0]["time"].get<double>(), 0.2);
     EXPECT_EQ(heard[2]["items"], Json::parse(R"([{"tag":7,"type":99,"value":5},
               {"tag":7,"type":"message","value":{"id":"ABCD","items":[]}}])"));

@@ -1,4 +1,4 @@
-// orvexctl doctor on the device, against each trouble made for real.
+// orvexctl doctor on the device, with each fault provoked for real.
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -25,7 +25,7 @@ protected:
         ASSERT_EQ(tqrd.server.Apply("CFG GPO 2 SRCA=10.77.0.2/1"), "");
     }
 
-    // The device as it should be.
+    // Starts a device on which all is well.
     void StartWell(const std::vector<std::string>& options = {"-debug"}) {
         StartRemote();
         StartControl();
@@ -47,7 +47,7 @@ protected:
         return doctor.Status();
     }
 
-    // Exactly these checks fail, the first for this reason.
+    // Expects exactly these checks to fail, the first for this reason.
     void ExpectTroubles(const std::vector<std::string>& checks, const std::string& reason) {
         EXPECT_EQ(Run({"--json"}), 1);
         std::vector<std::string> failed;
@@ -68,7 +68,7 @@ protected:
     std::string out;
 };
 
-// Beside the daemon there is one that has ended and that nobody has waited for.
+// Beside the daemon there is a zombie process of the same name.
 TEST_F(Doctor, FindsNothingWhenAllIsWell) {
     StartWell();
     const pid_t ended = fork();
@@ -170,7 +170,7 @@ TEST_F(Doctor, FindsForgottenSubscriptions) {
     ASSERT_TRUE(AwaitHeard(tqrd, "CFG GPO", 2));
     ExpectTroubles({"inputs"}, "not subscribed at TQRD: it was restarted");
 
-    // Later writes hide how little was sent, but then a state differs.
+    // Later writes hide that little was sent, but then a state differs.
     ASSERT_EQ(tqrd.server.Apply("GPI 1 L"), "");
     const auto set = [this] {
         const Host::Scope on(studio);

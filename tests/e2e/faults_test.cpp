@@ -1,5 +1,5 @@
-// One call of the daemon fails, at its start or later: it says what is due or nothing, ends or goes
-// on as is due, and serves as before.
+// One system call or allocation of the daemon fails, at its start or later. The daemon must print
+// the right message or none, exit or continue as intended, and then serve as before.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,7 +31,7 @@ protected:
                               "ASAN_OPTIONS=verify_asan_link_order=0"});
     }
 
-    // Forgets the daemon before and what was heard of it.
+    // Replaces the daemon by a new one, and clears what was received from the old one.
     void StartAnew(const std::string& fault, const Lines& options) {
         daemon.reset();
         Await([this] { return tqrd.server.ClientCount() + remote.server.ClientCount() == 0; });
@@ -41,7 +41,7 @@ protected:
         StartFaulty(options);
     }
 
-    // Until the daemon, which traces all it does, has nothing more to do.
+    // Waits until the daemon, which traces all it does, is idle.
     void Settle() {
         size_t before = 0;
         do {
@@ -50,7 +50,7 @@ protected:
         } while (daemon->Out().size() != before);
     }
 
-    // Whatever a fault has done to the channels is over behind this.
+    // Undoes whatever a fault has done to the channels.
     void StartChannelsAnew() {
         for (const char* channel : {"1", "2", "3", "4"}) {
             tqrd.server.Apply("CFG GPO " + std::string(channel) + " SRCA=none");
@@ -87,9 +87,9 @@ TEST_F(Faults, AtTheStart) {
         {"setsockopt 1 92", RUNS_ON, "tqrcli: setsockopt(TCP_NODELAY) failed err=92\n", ""},
         {"setsockopt 2 92", RUNS_ON, "tqrcli: setsockopt(SO_KEEPALIVE) failed err=92\n", ""},
         {"socket 3 24", 1, "orvex server at port 2060 open failed\n", ""},
-        {"getsockopt 1 92", RUNS_ON, "", ""},  // the other buffer's size will do
+        {"getsockopt 1 92", RUNS_ON, "", ""},  // uses the other buffer's size
         {"setsockopt 3 92", RUNS_ON, "", ""},  // SO_REUSEADDR
-        {"setsockopt 4 92", RUNS_ON, "", ""},  // IP_MULTICAST_IF of a socket that only receives
+        {"setsockopt 4 92", RUNS_ON, "", ""},  // IP_MULTICAST_IF on a socket that only receives
         {"bind 1 98", 1, "orvex server at port 2060 open failed\n", ""},
         {"setsockopt 5 19", RUNS_ON, "orvex S join 239.192.255.4 failed err=19\n", ""},
         {"socket 4 24", 1, "orvex client open failed\n", "server at port 2060 opened on IF_ANY\n"},
@@ -110,8 +110,8 @@ TEST_F(Faults, AtTheStart) {
     }
 }
 
-// The request for the configuration is lost: no message, and nothing to serve until the connection
-// is made anew.
+// The request for the configuration is lost: no message, and nothing to serve until the next
+// connection.
 TEST_F(Faults, OfTheFirstRequest) {
     StartPeers();
     Arm("send 1 32");
@@ -157,7 +157,7 @@ TEST_F(Faults, InATurn) {
         {"setsockopt 2 19", control("SET NIC_IPADDR=10.77.0.3\n"),
          "orvex S join 239.192.255.4 failed err=19\n", ""},
         {"setsockopt 1 99", control("SET NIC_IPADDR=10.77.0.1\n"),
-         "orvex S join 239.192.255.4 failed err=98\n",  // of which it is a member already
+         "orvex S join 239.192.255.4 failed err=98\n",  // it is already a member
          "orvex: setsockopt(IP_MULTICAST_IF,10.77.0.1) failed error: 99\n"},
         {"select 1 4", read, "", unread + "9012\n"},
         {"recvfrom 1 12", read, "",
@@ -190,7 +190,7 @@ TEST_F(Faults, InATurn) {
         EXPECT_EQ(daemon->Err().substr(err), row.err);
         EXPECT_NE(daemon->Out().find(row.out, out), std::string::npos) << daemon->Out().substr(out);
     }
-    daemon->Signal(SIGPIPE);  // from a peer that has gone
+    daemon->Signal(SIGPIPE);  // as after a peer has closed
     EXPECT_TRUE(Works());
     Settle();
     Arm("select 3 9");
@@ -200,17 +200,17 @@ TEST_F(Faults, InATurn) {
     EXPECT_EQ(daemon->Status(), 2);
 }
 
-// Every allocation that an event makes fails once.
+// Each allocation on the path of an event fails once.
 TEST_F(Faults, OfTheMemory) {
     StartPeers();
     StartFaulty();
     AwaitRunning();
     const long descriptors = Descriptors();
     const std::function<void()> stimuli[] = {
-        [this] { SendWrite(); },  // the first datagram, whose sender is to be remembered
+        [this] { SendWrite(); },  // the first datagram: its sender must be recorded
         [this] { tqrd.server.SendRaw("GPI 3 LHLHL\n"); },
         [this] { SendRead(); },
-        [this] {  // the message holds a text and a message
+        [this] {  // the message contains a text and a message
             peer->Send(peer->Packet('\0', Hex("52454144 0003 00000001 02 0002 6869"
                                               "00000002 06 0006 00000000 0000 0000300D 07 00")),
                        DEVICE_ADDRESS);

@@ -1,5 +1,4 @@
-// Floods from all sides, and nothing at all: what they cost, and that the daemon serves at once
-// when they are over.
+// The cost of floods from each side, and of idling; and that the daemon serves at once afterwards.
 
 #include "tests/e2e/Wired.h"
 
@@ -7,9 +6,9 @@ namespace {
 
 const int EVENTS = 50000;
 const int SENDERS = 10000;
-const int BURST = 50;          // what the daemon's socket holds
-const long SENDER_BYTES = 80;  // of memory that a sender may cost
-const long EVENT_US = 200;     // of processor time that an event may cost, emulated as well
+const int BURST = 50;          // datagrams that fit the daemon's receive buffer
+const long SENDER_BYTES = 80;  // memory that a sender may cost
+const long EVENT_US = 200;     // processor time that an event may cost, even emulated
 
 class Flood : public Wired {
 protected:
@@ -28,7 +27,8 @@ protected:
         m_descriptors = Descriptors();
     }
 
-    // Nothing is left of so many events since but the memory that may be, and no work.
+    // Expects that of that many events nothing is left but the permitted memory, and that the
+    // daemon is idle.
     void ExpectUnharmed(long events, long event_bytes = 0) {
         EXPECT_TRUE(Works());
         const long spent = CpuMs() - m_cpu;
@@ -47,7 +47,7 @@ protected:
         EXPECT_LE(WakeUps() - waits, wake_ups);
     }
 
-    // Calls send(i) for each event, and lets the daemon follow.
+    // Calls send(i) for each event, with pauses so that the daemon keeps up.
     template <class Send>
     void Repeat(int events, Send send) {
         for (int i = 0; i < events; ++i) {
@@ -63,8 +63,8 @@ protected:
     long m_descriptors = 0;
 };
 
-// The first flood grows the list of senders. The second comes from others, which take the places of
-// the first: those have aged.
+// The first flood makes the list of senders grow. The second comes from other senders, which reuse
+// the entries of the first: those have expired.
 TEST_F(Flood, OfSenders) {
     const auto flood = [this](int first_port) {
         tqrd.heard.clear();
@@ -86,7 +86,7 @@ TEST_F(Flood, OfSenders) {
     ExpectUnharmed(SENDERS);
 }
 
-// Lines that don't end, lines in pieces, lines of no use.
+// Lines without an end, lines in pieces, invalid lines.
 TEST_F(Flood, OfLines) {
     const std::string half = "GPI 1 " + std::string(1900, 'x');
     const auto send = [&](int i) {

@@ -1,5 +1,5 @@
-// Peers that swallow, vanish, forget or are slow to read, with the settings that help against it,
-// and what surrounds the daemon: its standard streams and the year 2038.
+// Peers that do not answer, vanish, forget subscriptions or read slowly, with the settings against
+// that; closed standard streams; the year 2038.
 
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 class Limits : public Wired {
 protected:
-    // Until the text is told on standard error; how long that took.
+    // Waits until the text is on standard error; returns how long that took.
     double SecondsUntilErr(const std::string& text) {
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_TRUE(Await([&] { return daemon->Err().find(text) != std::string::npos; }, 60000));
@@ -23,7 +23,7 @@ protected:
 
 TEST_F(Limits, AServerThatSwallowsStopsTheOthersForTwoSeconds) {
     StartPeers();
-    device.Run("ip neigh add 10.77.0.9 lladdr 02:00:00:00:00:09 dev eth0");  // nobody's
+    device.Run("ip neigh add 10.77.0.9 lladdr 02:00:00:00:00:09 dev eth0");  // no such host
     StartDaemon({"-debug"}, {"ORVEX_CONNECT_TIMEOUT=1.999", "ORVEX_PEER_TIMEOUT=2s"});
     AwaitRunning();
     EXPECT_EQ(daemon->Err(), "orvex: ORVEX_PEER_TIMEOUT=2s ignored: not 0 to 86400 seconds\n");
@@ -34,7 +34,7 @@ TEST_F(Limits, AServerThatSwallowsStopsTheOthersForTwoSeconds) {
     EXPECT_TRUE(Works());
 }
 
-// Nothing is under way to the remote server, so keep-alive notices.
+// No data is in flight to the remote server, so keep-alive detects it.
 TEST_F(Limits, ACutCableIsNoticedWhileNothingIsSent) {
     StartPeers();
     StartDaemon({"-debug"}, {"ORVEX_PEER_TIMEOUT=6"});
@@ -44,7 +44,7 @@ TEST_F(Limits, ACutCableIsNoticedWhileNothingIsSent) {
     EXPECT_EQ(daemon->Err().find("TQRD"), std::string::npos);
 }
 
-// Here a line is, and keep-alive keeps quiet.
+// A line is in flight, so keep-alive sends no probes.
 TEST_F(Limits, ACutCableIsNoticedWhileALineIsUnderWay) {
     if (std::string(ORVEX_EMULATOR).find("qemu") != std::string::npos) {
         GTEST_SKIP() << "qemu does not know TCP_INFO";
@@ -66,7 +66,7 @@ TEST_F(Limits, ACutCableIsNoticedWhileALineIsUnderWay) {
     EXPECT_LT(SecondsUntilErr("tqrcli: recv() failed err=110\nConnection to TQRD lost\n"), 7);
 }
 
-// The control server reads nothing for twice the limit: its window is closed, with lines before it.
+// The control server reads nothing for twice the limit: its window is closed, and lines wait.
 TEST_F(Limits, ASlowReaderIsNotCut) {
     const int LINES = 400;
     int listener = -1;
@@ -119,7 +119,7 @@ TEST_F(Limits, ClosedStreamsDoNotReachTheControlServer) {
     StartPeers();
     StartDaemon({"-debug"}, {}, {"sh", "-c", R"(exec "$@" <&- >&- 2>&-)", "sh"});
     AwaitRunning();
-    tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:99/1");  // refused, and told
+    tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:99/1");  // refused, which is reported
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 4 HHHHH"));
     EXPECT_TRUE(Works());
     for (const std::string& line : tqrd.heard) {

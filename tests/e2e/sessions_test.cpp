@@ -1,4 +1,4 @@
-// Plays the worked sessions of docs/protocol.md: all three kinds of peers by hand, byte by byte.
+// Plays the worked sessions of docs/protocol.md, simulating all three kinds of peers byte by byte.
 
 #include <deque>
 #include <fstream>
@@ -80,7 +80,7 @@ private:
         }
     }
 
-    // Returns when the daemon has taken it: what the bus brings next then comes later.
+    // Returns once the daemon has read it, so that the next datagram on the bus comes later.
     void Tell(LoopbackServer& server, const std::string& text) {
         if (text == "(closes)") {
             server.Drop();

@@ -1,6 +1,6 @@
-// Half a million events of all kinds while peers come and go: everything that had to come out is
-// counted, and the daemon is at the end what it was after the first tenth. scripts/soak runs it
-// with as many events as one likes.
+// Half a million events of all kinds, while peers connect and disconnect. Every result is counted;
+// at the end, the daemon uses no more than after the first tenth. scripts/soak runs it with any
+// number of events.
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,10 +12,10 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const int PER_ROUND = 25;  // of each of the four kinds: what the buffers of the sockets hold
+const int PER_ROUND = 25;  // events of each of the four kinds: as many as fit the socket buffers
 const int ROUND_EVENTS = 4 * PER_ROUND;
 
-// The events that are asked for, 0 when it is left to the test.
+// The requested number of events; 0 for the default.
 long events_wanted() {
     const char* const text = getenv("ORVEX_SOAK_EVENTS");
     return text == nullptr ? 0 : atol(text);
@@ -30,7 +30,7 @@ void show_progress(long done, long all) {
 
 class Soak : public Wired {
 protected:
-    // One batch of each kind of event, and all that must come of it.
+    // Sends one batch of each kind of event, and expects all their results.
     void Round() {
         std::string states;
         std::string inputs;
@@ -44,9 +44,10 @@ protected:
             SendRead();
         }
         tqrd.server.SendRaw(inputs);
-        // Mirrored to two channels, and a line a write.
+        // Two lines for each mirrored one, and one for each write.
         const size_t lines = size_t{3} * PER_ROUND;
-        // A reply a read and a report an input, all sent twice; an acknowledgement a read.
+        // A reply for each read and a report for each input, all sent twice; an acknowledgement for
+        // each read.
         const size_t sent = size_t{4} * PER_ROUND;
         size_t reports = 0;
         size_t answers = 0;
@@ -63,7 +64,7 @@ protected:
         tqrd.heard.clear();
     }
 
-    // Datagrams that nobody should send, from elsewhere: cut, changed and random ones.
+    // Sends invalid datagrams from other ports: truncated, altered and random ones.
     void Disturb() {
         const std::string good =
             peer->Packet('M', Hex("52454144 0002 0000300D 07 00 0000300C 02 0001 78"));
@@ -81,9 +82,9 @@ protected:
         tqrd.heard.clear();
     }
 
-    std::minstd_rand m_random;  // the same numbers every time
+    std::minstd_rand m_random;  // default seed: the same numbers in every run
 
-    // A remote connection is closed and opened again, by the configuration and by the server's end.
+    // Closes and reopens a remote connection: by the server, and by the configuration.
     void Reconfigure() {
         remote.heard.clear();
         remote.server.DropAll();

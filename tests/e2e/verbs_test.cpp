@@ -1,4 +1,4 @@
-// Names, and the verbs that wait, check and list.
+// Names, and the commands that wait, check and list.
 
 #include <algorithm>
 #include <chrono>
@@ -11,7 +11,7 @@ namespace {
 
 class Verbs : public Ctl {
 protected:
-    // Output 1 is at 1:2, output 9, whose state the daemon does not follow, at 9:9.
+    // Output 1 has the address 1:2; output 9, whose state the daemon does not follow, has 9:9.
     void StartAll() {
         ASSERT_EQ(tqrd.server.Apply("CFG GPO 9 SRCA=9:9"), "");
         Ctl::StartAll();
@@ -104,7 +104,7 @@ TEST_F(Verbs, WatchesChanges) {
     ASSERT_NE(write, lines.end());
     EXPECT_EQ((*write)["host"], STUDIO_ADDRESS);
 
-    // What is printed can be sent again.
+    // The output can be sent again.
     std::ofstream("/run/changes") << all->Out();
     tqrd.heard.clear();
     ExpectRun({"send", "--fast", "/run/changes"}, 0, "", "");
@@ -193,7 +193,7 @@ TEST_F(Verbs, PlaysFasterAndAgain) {
     ExpectRun({"send", "--for", "0.2", "--loop", "/run/two"}, 0, "", "");
 }
 
-// The commands behind a prompt, and the script.
+// The manual's commands after a prompt, and its script.
 TEST_F(Verbs, RunsTheExamplesOfItsManual) {
     StartAll();
     std::ifstream manual(ORVEX_MANUAL);
@@ -208,7 +208,7 @@ TEST_F(Verbs, RunsTheExamplesOfItsManual) {
             }
             line = prompt + "set -e; " + script;
         }
-        // Not where the daemon goes by its emulator's name.
+        // Not doctor under an emulator, which hides the name of the daemon.
         if (line.rfind(prompt, 0) != 0 ||
             (ORVEX_EMULATOR[0] != '\0' && line.find(" doctor") != std::string::npos)) {
             continue;

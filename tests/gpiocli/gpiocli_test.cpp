@@ -20,8 +20,8 @@ protected:
         return client.open(entry, LOOPBACK, at.Port(), gpi);
     }
 
-    // The next state that concerns entries, "(none)" when there is none; what is under way on
-    // loopback has arrived when its sender's send() returns.
+    // The next state for some entries, or "(none)". On loopback, data has arrived once its sender's
+    // send() returns.
     std::string Next(int entry) {
         mask = 0;
         const char* state = client.receive(entry, &mask);

@@ -1,4 +1,4 @@
-// What the tests of messages share.
+// Shared by the tests of messages.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 #include "msg/cmsgdump.h"
 #include "tests/support/captures.h"
 
-// Decodes from a block of exactly the data's size, so that a sanitizer sees every read past it.
+// Decodes from a block of exactly the data's size, so that a sanitizer detects any read past it.
 inline unsigned short decode(CMsg2& msg, const std::string& data) {
     const std::vector<char> block(data.begin(), data.end());
     return msg.SetData(block.data(), block.size());

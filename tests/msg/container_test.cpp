@@ -28,7 +28,7 @@ const struct {
     unsigned char type;
     unsigned short count;
     unsigned long number;
-    const char* getters;  // those that give a value
+    const char* getters;  // those that return a value
 } TYPES[] = {
     {[](CMsg2& m) { return m.SetDword(1, MINUS_ONE); }, 1, 0, 0xFFFFFFFF, "dword "},
     {[](CMsg2& m) { return m.SetString(1, "ab"); }, 2, 3, 0, "string "},
@@ -91,7 +91,7 @@ TEST(Container, RefusesWhatDoesNotFit) {
     EXPECT_FALSE(full.SetByte(3, 3) || full.SetString(3, "ab") || full.SetMsg(3, &full));
     EXPECT_FALSE(full.SetMsg(1, nullptr) || full.SetString(1, text.c_str()));
     EXPECT_EQ(dump(full), before);
-    EXPECT_TRUE(full.SetDword(0xFFFFFFFF, 5));  // the tag that is there already
+    EXPECT_TRUE(full.SetDword(0xFFFFFFFF, 5));  // an existing tag
     EXPECT_TRUE(full.SetString(1, text.c_str() + 1));
     EXPECT_EQ(full.GetArrayCount(1), 65535);
 
@@ -118,7 +118,7 @@ TEST(Container, HoldsNoMoreThan65535Items) {
     EXPECT_TRUE(msg.SetByte(65534, 2));
 }
 
-// With repeated tags the cursor shows: a search begins where the last one ended.
+// Repeated tags reveal the cursor: a search begins where the last one ended.
 TEST(Container, SearchesFromTheCursor) {
     CMsg2 msg(0, 16);
     decode(msg, Hex("00000000 0005 00000001 07 01 00000002 07 02 00000001 07 03 00000003 07 04"
@@ -126,11 +126,11 @@ TEST(Container, SearchesFromTheCursor) {
     EXPECT_EQ(msg.GetByte(1), 1);
     EXPECT_EQ(msg.GetByte(3), 4);
     EXPECT_EQ(msg.GetByte(2), 5);
-    EXPECT_EQ(msg.GetByte(1), 1);  // around the end
+    EXPECT_EQ(msg.GetByte(1), 1);  // wraps around the end
     EXPECT_EQ(msg.GetByte(2), 2);
     EXPECT_EQ(msg.GetByte(9), 0);  // a miss leaves the cursor where it was
     EXPECT_EQ(msg.GetByte(1), 3);
-    EXPECT_TRUE(msg.Remove(1));  // the cursor names what moved up
+    EXPECT_TRUE(msg.Remove(1));  // the cursor is at the item that moved up
     EXPECT_EQ(msg.GetByte(2), 5);
     EXPECT_EQ(dump(msg), "[ 00000001=01,00000002=02,00000003=04,00000002=05]");
     CMsg2 copy(msg);  // the last value in the first place
@@ -186,7 +186,7 @@ TEST(Container, MergesAndCopies) {
     EXPECT_EQ(b.GetItemCount(), 4);
     decode(b, Hex("00000000 0002 00000009 0C 0005 00000008 07 06"));
     a += b;
-    EXPECT_EQ(dump(a), "[A 00000008=06]");  // what has no value is not copied
+    EXPECT_EQ(dump(a), "[A 00000008=06]");  // an item without a value is not copied
 }
 
 TEST(Container, TakesPointersIntoItself) {
@@ -208,7 +208,7 @@ TEST(Container, TakesPointersIntoItself) {
               "[ 00000001='bc',00000002={00000002},00000004=DGRM [S 00000003=03,"
               "00000004=DGRM [S 00000003=03],00000005=05]]");
 
-    msg += *msg.GetMsg(4);  // replaces the message that it is read from
+    msg += *msg.GetMsg(4);  // replaces the message that it reads
     EXPECT_EQ(dump(msg),
               "[ 00000001='bc',00000002={00000002},00000004=DGRM [S 00000003=03],"
               "00000003=03,00000005=05]");

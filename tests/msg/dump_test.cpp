@@ -8,7 +8,7 @@
 
 namespace {
 
-// Beside what the tests of the encoding show of it.
+// Cases that the tests of the encoding do not cover.
 const struct {
     const char* data;
     unsigned char type;
@@ -55,7 +55,7 @@ TEST(Dump, StaysInItsBuffer) {
         EXPECT_EQ(strlen(buf), MSG_TEXT_SIZE - 1);
         EXPECT_EQ(buf[MSG_TEXT_SIZE], '#');
     }
-    // A text that fits to the last character is whole.
+    // A text that just fits is not truncated.
     const size_t length = MSG_TEXT_SIZE - 1 - strlen("[ 00000001='']");
     text.SetString(1, std::string(length, 'x').c_str());
     EXPECT_EQ(dump(text), "[ 00000001='" + std::string(length, 'x') + "']");

@@ -1,4 +1,4 @@
-// What messages cost in memory and stack, with an allocator that counts and can fail.
+// Memory and stack used by messages, with an allocator that counts and can fail.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace {
 struct {
     size_t blocks = 0;
     size_t bytes = 0;
-    size_t granted = SIZE_MAX;  // blocks until memory is short
+    size_t granted = SIZE_MAX;  // allocations until memory is short
 } heap;
 
 bool grant(size_t size) {
@@ -30,8 +30,8 @@ bool grant(size_t size) {
 
 }  // namespace
 
-// Messages use the forms that don't throw: only these are counted and can fail. (Leaks are left to
-// the leak sanitizer.)
+// Messages use the forms that don't throw: only these are counted and can fail. The leak sanitizer
+// finds leaks.
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return grant(size) ? operator new(size) : nullptr;
 }
@@ -45,7 +45,7 @@ std::string word(size_t n) {
     return {static_cast<char>(n >> 8), static_cast<char>(n)};
 }
 
-// A message of the item so many times.
+// A message with that many copies of the item.
 std::string repeat(const std::string& item, size_t times) {
     std::string all = Hex("00000000") + word(times);
     for (; times > 0; --times) {
@@ -54,7 +54,7 @@ std::string repeat(const std::string& item, size_t times) {
     return all;
 }
 
-// A message in a message, so many times.
+// Messages nested to that many levels.
 std::string nest(size_t levels) {
     std::string all;
     for (; levels > 0; --levels) {
@@ -90,7 +90,7 @@ TEST(Memory, IsProportionalToTheBytesReceived) {
     }
 }
 
-// A change that fails leaves the message as it was.
+// A failed change leaves the message unchanged.
 void expect_all_or_nothing(CMsg2& msg, const std::function<bool()>& change) {
     const std::string before = dump(msg);
     if (!change()) {

@@ -80,7 +80,7 @@ TEST(Wire, EncodesAndDecodes) {
     }
 }
 
-// What peers may send though nobody here encodes it. again is what it is encoded to afterwards.
+// What peers may send, but our encoder never writes. again is the result of encoding it again.
 const struct {
     const char* data;
     bool good;

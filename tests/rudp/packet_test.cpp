@@ -1,4 +1,4 @@
-// Packets, their transaction IDs and the memory for these, with a clock that the tests set.
+// Packets, their transaction IDs and the memory for repeats, with a clock that the tests set.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -61,7 +61,7 @@ TEST(Packet, Capacity) {
     EXPECT_EQ(RUdpMsg(0xFFFFFFF0ul).GetPacketPtr(), nullptr) << "with its header beyond 32 bits";
 }
 
-// They follow the clock, which has arrived at the last one but one, and 0 is none.
+// They start after the time of day, here 2^32 - 2, and skip 0.
 TEST(Packet, TransactionIDs) {
     Clock::Advance(-1002, 0);
     CInetSocket sock;
@@ -78,8 +78,8 @@ TEST(Packet, TransactionIDs) {
     }
 }
 
-// Any traffic of 80 peers or 8, most of it close together; at times after 2^32 microseconds (and a
-// bit), at times with the clock set back.
+// Random traffic of 80 peers or 8 with mostly short intervals, some of just over 2^32 microseconds,
+// and with the clock set back now and then.
 TEST(TIDMap, RemembersTheLastOfEachPeer) {
     const long steps[] = {0, 0, 0, 0, 1, 1, 2, 5, 6, 4294970, -1};
     const struct {

@@ -1,4 +1,4 @@
-// Endpoints on loopback, opposite a plain UDP socket that follows a script.
+// Endpoints on loopback, with a scripted plain UDP socket as their peer.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -18,7 +18,7 @@
 #include "rudp/RUdpLayer3Server.h"
 #include "rudp/RUdpMsg.h"
 
-// How often the transport allocated memory, which is never zero by chance.
+// How often the transport allocated memory. New memory is filled, so that none is zero by chance.
 unsigned long allocations = 0;
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
@@ -33,7 +33,7 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept {
 namespace {
 
 using Bytes = std::string;
-const int PATIENCE = 20000;       // ms, for what comes at once unless the machine is busy
+const int PATIENCE = 20000;       // ms; only a busy machine needs more than a few
 const Bytes indi("INDI\0\0", 6);  // a message without items
 const Bytes tid("\x81\x02\x03\x04", 4);
 
@@ -50,7 +50,7 @@ void await(int sock) {
     EXPECT_EQ(poll(&arrival, 1, PATIENCE), 1);
 }
 
-// Bound without Bind(), which lets the system choose a port that another socket shares.
+// Not bound with Bind(), after which the system may choose a port that another socket shares.
 class Peer : public CInetSocket {
 public:
     explicit Peer(const char* host = "127.0.0.1", unsigned short port = 0) {
@@ -73,7 +73,7 @@ public:
     CInetAddress m_Sender;
 };
 
-// On a port that nobody else has: it is held until the server shares it.
+// Opens the server on an unused port, which a socket reserves until the server shares it.
 bool open_server(CRUdpLayer2Server& server, RUdpMsg* msg = nullptr) {
     Peer holder;
     const int on = 1;
@@ -99,7 +99,7 @@ TEST(Transport, WhatAnswersAMessage) {
     } table[] = {
         {unicast, peer, ack('A', tid), 'A'},
         {unicast, peer, ack('N', tid), 'N'},
-        {unicast, peer, "\3A\x09\7" + tid, 'A'},  // two bytes mean nothing
+        {unicast, peer, "\3A\x09\7" + tid, 'A'},  // bytes 0 and 2 are ignored
         {unicast, peer, ack('A', tid) + "rest", 'A'},
         {unicast, peer, ack('A', tid).substr(0, 7), 0},
         {unicast, peer, ack('M', tid), 0},
@@ -127,7 +127,7 @@ TEST(Transport, WhatAnswersAMessage) {
     }
 }
 
-// Fields that nobody fills in are zeros.
+// Fields that are not set are zeros.
 TEST(Transport, WhatIsSent) {
     Peer peer;
     CRUdpLayer3Client client(0, 0);
@@ -178,7 +178,7 @@ TEST(Transport, Schedules) {
     }
 }
 
-// Interrupts system calls that wait, every now and then.
+// Interrupts blocking system calls periodically.
 void interrupt(bool on) {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -229,8 +229,9 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(client, client1.SendMsg(to, &packet, 'M', 3)), 9011u);
     interrupt(false);
 
-    to.SetAddress(0x7F000001L, Peer().Address().GetPort());  // nobody there, as a connected
-    ASSERT_EQ(connect(server.GetSocket(), to.GetAddressPtr(), 16), 0);  // socket is told
+    // Nothing listens there, which the system reports to a connected socket.
+    to.SetAddress(0x7F000001L, Peer().Address().GetPort());
+    ASSERT_EQ(connect(server.GetSocket(), to.GetAddressPtr(), 16), 0);
     ASSERT_EQ(send(server.GetSocket(), "", 0, 0), 0);
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, PATIENCE)), 9009u);
     EXPECT_TRUE(server.SetMcastTTL(1));
@@ -242,7 +243,7 @@ TEST(Transport, Errors) {
     EXPECT_EQ(client.GetSocket(), -1);
 }
 
-// A datagram larger than the buffer is cut to it. Once open, nothing is allocated.
+// A datagram larger than the buffer is truncated. Once open, an endpoint allocates nothing.
 TEST(Transport, OversizedDatagramsAndMemory) {
     unsigned char memory[32] = {};
     RUdpMsg small(memory, 24);

@@ -14,7 +14,7 @@ void Clock::Advance(long seconds, long microseconds) {
     now.tv_usec = sum % 1000000;
 }
 
-// The system's names of the parameters are not for us.
+// The system's names of the parameters are reserved.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
     *time = now;

@@ -1,6 +1,7 @@
-// The time of day of a test program, for tests in which time moves only when they move it.
+// A time of day that moves only when the test moves it.
 //
-// Linking Clock.cpp in replaces gettimeofday() in the whole program; the fuzz targets have a world.
+// Linking Clock.cpp replaces gettimeofday() in the whole program. The fuzz targets have a simulated
+// world instead.
 #pragma once
 
 struct Clock {

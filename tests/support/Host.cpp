@@ -19,7 +19,7 @@ void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
 }
 
-// In a user namespace, which root without its capabilities needs as well.
+// In a user namespace, which root without capabilities needs too.
 bool BecomeRoot() {
     const std::string uid = std::to_string(getuid());
     const std::string gid = std::to_string(getgid());
@@ -40,8 +40,9 @@ bool MakePrivate() {
     return mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Keeps our mounts from the rest of the system. A root that is no mount point, as that of a build
-// chroot, has no name for what it is on; a child that enters our namespace anew begins at the top.
+// Keeps our mounts from the rest of the system. In a build chroot the root is no mount point, so
+// there is no path to the mount it is on; a child that enters our namespace again starts at that
+// mount's root.
 bool HideMounts() {
     if (MakePrivate()) {
         return true;
@@ -87,7 +88,7 @@ Host::~Host() {
 
 Host::Scope::Scope(const Host& host) : m_before(open(OWN_NAMESPACE, O_RDONLY | O_CLOEXEC)) {
     if (setns(host.m_ns, CLONE_NEWNET) != 0) {
-        perror("setns");  // what comes next must not happen on the machine's own network
+        perror("setns");  // the test must not continue on the machine's own network
         abort();
     }
 }
@@ -109,10 +110,10 @@ bool Host::Connect(const Host& a, const char* address_a, const Host& b, const ch
         return "ip addr add " + std::string(address) +
                "/24 dev eth0 && ip link set eth0 up && ip route add 224.0.0.0/4 dev eth0";
     };
-    // Two ends of one name can't be made in one place, so the other end is renamed where it goes.
+    // Both ends can't be created under one name on one host, so the other end is renamed later.
     const std::string create =
         "ip link add eth0 type veth peer name far0 && ip link set far0 netns " + other_end;
-    // A cable carries nothing until the system has noticed both ends, which a busy one does late.
+    // A link carries nothing until the system has seen both ends up, which may take a while.
     const char* const await_carrier =
         "for n in $(seq 100); do ip -o link show eth0 | grep -q 'state UP' && exit 0; "
         "sleep 0.05; done; exit 1";

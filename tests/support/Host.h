@@ -1,23 +1,23 @@
-// Hosts of a network that exists for one test only.
+// Simulated hosts of a network that exists for one test only.
 #pragma once
 
-// A network namespace with loopback up. Sockets and child processes stay on the host in which they
-// were made, so one test plays several hosts by entering one after the other:
+// A network namespace with loopback up. Sockets and child processes stay on the host on which they
+// were created, so one test simulates several hosts by entering one after the other:
 //
 //     Host device, peer;
 //     Host::Connect(device, "10.77.0.1", peer, "10.77.0.2");
 //     { Host::Scope on(device); start the daemon }
 //
-// Needs namespaces, as root or as a user that the system gives them; see Host::Prepare().
+// Needs namespaces, as root or as a user who may create them; see Host::Prepare().
 class Host {
 public:
     // The reason for skipping a test if Prepare() failed.
     static constexpr const char* NEEDED =
         "needs network namespaces, and neither as root nor in a user namespace can one be had";
 
-    // Call once, first, while the process has one thread: takes what the test needs of the system
-    // into namespaces of its own, and gives it a /run and a /var/log of its own. False: not
-    // possible here, and no host may be entered.
+    // Call once, first, while the process has one thread: moves the test into namespaces of its
+    // own, with a /run and a /var/log of its own. False: not possible here, and no host may be
+    // entered.
     static bool Prepare();
 
     Host();
@@ -37,11 +37,11 @@ public:
         int m_before;
     };
 
-    // Joins two hosts by a cable. At both ends the interface is eth0, with a /24 address and the
-    // route for multicast. False when that failed.
+    // Connects two hosts by a cable. At both ends the interface is eth0, with a /24 address and the
+    // route for multicast. False on failure.
     static bool Connect(const Host& a, const char* address_a, const Host& b, const char* address_b);
 
-    // Runs a shell command on the host; its exit status.
+    // Runs a shell command on the host; returns its exit status.
     int Run(const char* command) const;
 
 private:

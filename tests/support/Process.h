@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// Runs as a child, in the network namespace of the thread that starts it. What it prints is
-// collected by Pump(). Killed at the latest by the destructor.
+// Runs as a child, in the network namespace of the thread that starts it. Pump() collects its
+// output. The destructor kills it if it still runs.
 class Process {
 public:
     // environment: "NAME=value" words added to the test's own.
@@ -17,14 +17,14 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // Takes what the program has printed since, and its exit status if it has ended. Never waits.
+    // Collects new output, and the exit status if the program has ended. Never waits.
     void Pump();
 
     const std::string& Out() const { return m_out.text; }
     const std::string& Err() const { return m_err.text; }
     bool IsRunning() const { return m_running; }
 
-    // The exit status, 128 + the signal's number when one ended it; -1 while it runs.
+    // The exit status; 128 + the signal's number if a signal ended it; -1 while it runs.
     int Status() const { return m_status; }
 
     pid_t Pid() const { return m_pid; }

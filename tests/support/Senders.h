@@ -1,5 +1,5 @@
-// What a receiver remembers of those that it hears, in the plainest way: what the tests compare the
-// daemon's memory of repetitions with. Times are in microseconds.
+// A receiver's memory of senders in its simplest form: the reference for tests of the daemon's
+// memory for repeats. Times are in microseconds.
 #pragma once
 
 #include <algorithm>
@@ -12,10 +12,10 @@ class Senders {
 public:
     using Place = std::pair<uint32_t, uint16_t>;  // host and port
 
-    // room: of how many it knows at once.
+    // room: the number of senders that it remembers.
     Senders(int64_t max_age_ms, size_t room) : m_MaxAge(max_age_ms), m_Room(room) {}
 
-    // Those of long ago, and those of a time that is to come.
+    // Forgets senders beyond the maximum age, and those from the future.
     void Forget(int64_t now) {
         const auto is_old = [&](int64_t age_ms) { return age_ms < 0 || age_ms > m_MaxAge; };
         while (!m_Known.empty() && is_old((now - m_Known.front().since) / 1000)) {
@@ -23,19 +23,19 @@ public:
         }
     }
 
-    // Whether one that is not known would take the place of the oldest.
+    // Whether the sender is new and would replace the oldest.
     bool IsFull(const Place& from) {
         return m_Known.size() == m_Room && Find(from) == m_Known.end();
     }
     void Grow(size_t more) { m_Room += more; }
 
-    // Whether it is the last that was heard from there, which it is from now on.
+    // Whether tid is the last one from that sender; records it.
     bool IsRepeated(int64_t now, const Place& from, uint32_t tid) {
         const auto found = Find(from);
         if (found != m_Known.end()) {
             const bool is_repeated = std::exchange(found->tid, tid) == tid;
             if (!is_repeated && std::next(found) != m_Known.end()) {
-                found->since = now;  // the youngest one is not made younger
+                found->since = now;  // the newest entry keeps its time
                 m_Known.splice(m_Known.end(), m_Known, found);
             }
             return is_repeated;

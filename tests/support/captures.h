@@ -1,4 +1,4 @@
-// Bytes from texts: hexadecimal ones, and the captures of docs/protocol.md for comparison.
+// Bytes from hexadecimal texts, and from the captures in docs/protocol.md.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,8 +19,8 @@ inline std::string Hex(std::string digits) {
     return bytes;
 }
 
-// The bytes of the table behind "<!-- capture NAME -->", whose rows are "| offset | bytes | meaning
-// |". Fails the test when there is none or an offset isn't the number of the bytes before it.
+// The bytes of the table after "<!-- capture NAME -->", with rows of offset, bytes and meaning.
+// Fails the test if there is none, or if an offset is not the number of bytes before it.
 inline std::string ReadCapture(const std::string& name) {
     std::ifstream doc(ORVEX_PROTOCOL_DOC);
     std::string line;

@@ -1,6 +1,6 @@
-// Preloaded into a program under test, makes one of its calls fail: the file /run/fault says which,
-// "NAME N ERRNO" for the Nth call of NAME from then on. The file is removed when that call fails.
-// The file /run/clock says how many seconds its clock is ahead.
+// Preloaded into a program under test, makes one of its calls fail. The file /run/fault says which:
+// "NAME N ERRNO" is the Nth call of NAME from then on. The file is removed when that call fails.
+// The file /run/clock contains the seconds by which the program's clock is ahead.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -30,9 +30,9 @@ bool ReadFault(char (&name)[32], int& nth, int& error) {
     return got > 0 && sscanf(text, "%31s %d %d", name, &nth, &error) == 3;
 }
 
-// Whether this call is the one that fails; errno is what it fails with then, untouched otherwise.
+// Whether this call must fail; sets errno if so, and leaves it unchanged otherwise.
 bool IsDue(const char* call) {
-    static bool reading = false;  // which may make calls itself
+    static bool reading = false;  // reading the file may call the same functions
     static int calls = 0;
     if (reading) {
         return false;
@@ -71,7 +71,7 @@ bool IsDue(const char* call) {
 #define INTERPOSE(result, name, parameters, arguments, failure) \
     INTERPOSE_AS(#name, result, name, parameters, arguments, failure)
 
-// Where 64 bits of time or of file sizes are not the C library's own, such calls have other names.
+// With 64-bit times or file sizes on a 32-bit C library, these calls have other names.
 #if defined(_TIME_BITS) && __WORDSIZE == 32
 #define WIDE(name, wide_name) wide_name
 #else
@@ -101,7 +101,7 @@ INTERPOSE(ssize_t, recv, (int a, void* b, size_t c, int d), (a, b, c, d), -1)
 INTERPOSE(ssize_t, recvfrom, (int a, void* b, size_t c, int d, void* e, unsigned int* f),
           (a, b, c, d, e, f), -1)
 
-// A sanitizer's own operator new does not come by malloc.
+// A sanitizer's operator new does not call malloc.
 void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return IsDue("malloc") ? nullptr : operator new(size);
 }
@@ -110,7 +110,7 @@ void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return IsDue("malloc") ? nullptr : operator new[](size);
 }
 
-// A time that does not fit is not told, as by the system.
+// As the system does, it does not store a time that does not fit.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* told, void* /*zone*/) noexcept {
     char ahead[32] = {};

@@ -1,10 +1,10 @@
-// A server end of a TCP connection on loopback, played by the test byte by byte.
+// The server's end of a TCP connection on loopback, simulated byte by byte.
 #pragma once
 
 #include <string>
 
-// Listens on one address. Waits are limited to five seconds; the results show what did not come in
-// that time.
+// Listens on one address. Waits are limited to five seconds; the results show what did not arrive
+// in that time.
 class LoopbackServer {
 public:
     // Port 0: the system chooses.
@@ -15,9 +15,9 @@ public:
 
     unsigned short Port() const { return m_port; }
     bool Accept();         // takes the next connection in place of the current one
-    bool HasConnection();  // whether one waits to be accepted
+    bool HasConnection();  // a connection waits to be accepted
     void Send(const std::string& bytes);
-    std::string Receive(size_t size);  // the next size bytes, fewer when they don't come
+    std::string Receive(size_t size);  // the next size bytes, fewer if they don't arrive
     bool IsQuiet();                    // nothing waits to be received
     bool SeesEnd();                    // the other end closed
     void Drop();                       // closes the current connection

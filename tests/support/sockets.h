@@ -1,4 +1,4 @@
-// Sockets of the tests' own.
+// Plain sockets for tests.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,7 +7,7 @@
 
 #include <cstdio>
 
-// "a.b.c.d" and a port as the system takes them.
+// "a.b.c.d" and a port as a socket address.
 class Place {
 public:
     Place(const char* ip, unsigned short port) {
@@ -23,7 +23,8 @@ private:
     sockaddr_in m_Address = {};
 };
 
-// With options of the level SOL_SOCKET, such as SO_REUSEADDR; says what keeps it from being bound.
+// A bound socket, with options of the level SOL_SOCKET such as SO_REUSEADDR. Prints the reason if
+// it can't be bound.
 inline int bound_socket(int type, const char* ip, unsigned short port, int option = SO_BROADCAST,
                         int value = 0) {
     const int sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);

@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# For scripts that run a command in a world of its own: sourced by them.
+# Sourced by scripts that run a command in an isolated world.
 
 # Starts the script again with --inside before its arguments, in namespaces that end with it. Inside,
-# gives it empty folders for what runs there. Where there are no namespaces, ends with 77: skipped.
+# mounts an empty /run and /var/log. Where namespaces are not permitted, exits with 77: skipped.
 enter() {
     local user flags
     if [ "$1" != --inside ]; then
@@ -12,7 +12,7 @@ enter() {
                 exec unshare "${flags[@]}" bash "$0" --inside "$@"
             fi
         done
-        echo "this system gives no namespaces"
+        echo "this system permits no namespaces"
         exit 77
     fi
     mount -t tmpfs run /run

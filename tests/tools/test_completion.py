@@ -1,4 +1,4 @@
-"""Completes command lines of the tools in bash and in zsh, and compares with what --help lists.
+"""Completes command lines of the tools in bash and zsh, and compares the result with --help.
 
 Usage: test_completion.py PROGRAM...
 """
@@ -22,7 +22,7 @@ compopt() { :; }  # of use on the command line alone
 printf '%s\\n' "${COMPREPLY[@]}"
 """
 
-# In a terminal of its own. What would be listed is printed instead, until the end of each list.
+# Runs zsh in a terminal of its own. Prints candidates instead of listing them, with an end mark.
 ZSH = """
 zmodload zsh/zpty
 zpty shell zsh -f -i

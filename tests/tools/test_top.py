@@ -1,4 +1,4 @@
-"""Runs orvexctl top in a terminal of three sizes and reads what stands on the screen.
+"""Runs orvexctl top in terminals of three sizes and reads the screen.
 
 Usage: test_top.py ORVEXCTL
 """

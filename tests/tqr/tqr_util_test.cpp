@@ -168,7 +168,7 @@ TEST(TqrUtil, MergesChangedFields) {
     for (const auto& row : table) {
         std::string out;
         while (out.size() < 100) {
-            out += "B=";  // what was there before is no field
+            out += "B=";  // what was written before is no field
         }
         const char* end = tqr_alter_str(out.data(), row.base, row.changes, row.allowed);
         EXPECT_STREQ(out.c_str(), row.result);
@@ -176,7 +176,7 @@ TEST(TqrUtil, MergesChangedFields) {
     }
 }
 
-// Whatever room the numbers leave, what is written is the beginning of the whole.
+// Whatever the size of the buffer, it contains a prefix of the whole text.
 TEST(Line, IsCutToItsBuffer) {
     char room[40], line[16], tight[1];
     write_line(room, "GPO ", INT_MIN, " ", "LHHHH", " ", 0, "\n");

@@ -11,7 +11,7 @@
 namespace {
 
 const int SIZE = 2000;
-const long WAIT_US = 5000000;  // for lines that must come
+const long WAIT_US = 5000000;  // for lines that must arrive
 
 class TqrClient : public testing::Test {
 protected:
@@ -31,8 +31,8 @@ protected:
     CTQRClient client;
 };
 
-// Whatever pieces the stream comes in, the same lines come out; only an empty line appears where a
-// piece begins with the rest of a line end.
+// However the stream is split, the lines are the same, but for an empty line where a piece begins
+// with the rest of a line end.
 TEST_F(TqrClient, CutsTheStreamIntoLines) {
     const std::string stream = "GPI 1 LHHHH\r\nGPI 2 HHHHH\n\nx\n";
     for (size_t cut = 0; cut < stream.size(); ++cut) {

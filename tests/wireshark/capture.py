@@ -30,7 +30,7 @@ class Capture:
         return header + data
 
     def udp(self, data, src="10.0.0.2:40000", dst="239.192.255.4:2060", time=None, kept=None):
-        """Adds a datagram, of which the capture holds only the first kept bytes of data."""
+        """Adds a datagram. The capture contains only the first `kept` bytes of its data."""
         src, sport = src.split(":")
         dst, dport = dst.split(":")
         header = struct.pack("!HHHH", int(sport), int(dport), 8 + len(data), 0)
@@ -54,8 +54,8 @@ class Capture:
 
 
 def ordinary_user():
-    """How to run tshark as one: Wireshark 4.4 loads no plugins for root. A user
-    namespace of one user has no other."""
+    """Options to run tshark as an ordinary user, because Wireshark 4.4 loads no plugins for root.
+    None in a user namespace that has only one user."""
     users = int(pathlib.Path("/proc/self/uid_map").read_text("utf-8").split()[2])
     if os.getuid() != 0 or users == 1:
         return {}
@@ -63,8 +63,8 @@ def ordinary_user():
 
 
 def tshark(*args):
-    """What tshark prints, with the plugins of this tree installed as a user's own. A file that it
-    reads must be open to all users."""
+    """The output of tshark, with the plugins of this tree installed for its user. Files that it reads
+    must be readable by all users."""
     user = ordinary_user()
     with tempfile.TemporaryDirectory() as home:
         plugins = pathlib.Path(home, ".local/lib/wireshark/plugins")
@@ -82,8 +82,8 @@ def tshark(*args):
 
 
 def read(capture, *names, options=()):
-    """Of every frame, a tuple with the list of the values of each named field. Fails when a plugin
-    failed at any of them."""
+    """For every frame, a tuple with the list of values of each named field. Fails if a plugin failed
+    on any frame."""
     fields = [option for name in ("_ws.lua.error", *names) for option in ("-e", name)]
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)

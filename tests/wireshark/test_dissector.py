@@ -157,7 +157,7 @@ class BusTest(unittest.TestCase):
         capture.udp(READ, time=0)                                            # 1
         capture.udp(packet(REPLY, tid=5), "10.0.0.1:2061", group, time=0.25)
         capture.udp(packet(REPLY, tid=6), "10.0.0.1:2061", group, time=0.5)
-        capture.udp(packet(REPLY, tid=6), "10.0.0.3:2061", group, time=1)    # 4: of another daemon
+        capture.udp(packet(REPLY, tid=6), "10.0.0.3:2061", group, time=1)    # 4: from another daemon
         capture.udp(MESSAGE, peer, daemon, time=2)
         capture.udp(MESSAGE, peer, daemon, time=2.0625)
         capture.udp(ACK, daemon, peer, time=2.065)                           # 7
@@ -165,7 +165,7 @@ class BusTest(unittest.TestCase):
         refused = capture.udp(packet(REPLY, tid=9), peer, daemon, time=20)
         error = bytes.fromhex("03030000 00000000") + refused
         capture.ip(ICMP, "10.0.0.1", "10.0.0.2", error, 20.5, None)          # 10: quotes frame 9
-        capture.udp(MESSAGE, peer, daemon, time=40)                          # forgotten meanwhile
+        capture.udp(MESSAGE, peer, daemon, time=40)                          # forgotten by now
         capture.udp(packet(REPLY, tid=8), "10.0.0.3:2061", group, time=41)   # 12: one is missing
         capture.udp(packet(items("READ", "00010208 07 00")), time=42)        # without identifier
         for refi in [0, 7]:                                                  # without echo

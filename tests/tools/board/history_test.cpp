@@ -1,4 +1,4 @@
-// The history, and what may befall its file.
+// The history, and damage to its file.
 #include "tools/board/History.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 const int64_t START = 1'800'000'000'000;
 const uint32_t PIN = 0x1020D;
-const int64_t AGAIN = 2001;  // ms, after which a file in trouble is tried again
+const int64_t AGAIN = 2001;  // ms after which a faulty file is tried again
 
 class HistoryTest : public testing::Test {
 protected:
@@ -50,7 +50,7 @@ protected:
 
     std::string File(const char* more = "") const { return settings.file + more; }
 
-    // A database that another program made: ours without its mark.
+    // A database of another program: ours without its application ID.
     std::string Foreign() {
         fs::copy_file(File(), File(".foreign"));
         std::fstream file(File(".foreign"), std::ios::in | std::ios::out | std::ios::binary);
@@ -59,7 +59,7 @@ protected:
         return File(".foreign");
     }
 
-    // Some seconds of the program, with four changes.
+    // Simulates some seconds of the program, with four changes.
     static void Live(History& history, int64_t& now) {
         for (int i = 0; i < 4; ++i, now += AGAIN) {
             AddTold(history, now, true);
@@ -83,14 +83,14 @@ protected:
     HistorySettings settings;
 };
 
-// Whatever is wrong with it, the program goes on, tells what it is, and keeps what happens then.
+// Whatever is wrong with the file, the program continues, reports it, and stores new events.
 TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
     enum Outcome { KEPT, ANEW, ALONE };
     const struct {
         const char* what;
-        bool running;  // the file is harmed while it is open
+        bool running;  // the file is damaged while it is open
         Outcome outcome;
-        const char* told;  // part of what people read
+        const char* told;  // part of the message
         std::function<void(uintmax_t size)> harm;
     } rows[] = {
         {"nothing", false, KEPT, "", [](uintmax_t) {}},
@@ -135,7 +135,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
                     : row.outcome == ANEW ? count == 3 || count == 4
                                           : count == 0)
             << count;
-        if (row.outcome == ALONE) {  // until somebody takes it away
+        if (row.outcome == ALONE) {  // until somebody removes it
             fs::remove_all(File());
             Live(history, now);
             EXPECT_EQ(history.Problem(), "");
@@ -144,7 +144,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
     }
 }
 
-// What found no room while the file could not be written is a gap, and so is the time before the
+// Events dropped while the file could not be written leave a gap. So does the time before the
 // start, however late the file could be opened.
 TEST_F(HistoryTest, SilenceIsNotTakenForPeace) {
     Fill(10);
@@ -162,7 +162,7 @@ TEST_F(HistoryTest, SilenceIsNotTakenForPeace) {
     EXPECT_FALSE(history.Find({PIN}, now));
     fs::remove(File());
     fs::rename(File(".away"), File());
-    now -= 50'000;  // the clock, too
+    now -= 50'000;  // the clock is set back as well
     while (history.IsWaiting() && history.Lost() == excess) {
         const int64_t rows = history.Rows();
         history.Store(now += 50);

@@ -1,4 +1,4 @@
-"""Asks a board, and tries to do it harm. Run by world.sh.
+"""Queries a board, and tries to harm it. Run by world.sh.
 
 Usage: test_board.py ORVEXCTL
 """
@@ -61,13 +61,13 @@ def board_pid():
 
 
 def converse(talks):
-    """For each list of pieces, sent one after the other on a connection that then ends: the answer."""
+    """Sends each list of pieces, one after the other, on a connection of its own; returns the answers."""
     answers = []
     for begin in range(0, len(talks), 200):
         clients = [socket.create_connection(("127.0.0.1", PORT), timeout=10) for _ in talks[begin:begin + 200]]
         for step in range(3):
             for client, pieces in zip(clients, talks[begin:]):
-                with contextlib.suppress(OSError):  # it may have answered and gone
+                with contextlib.suppress(OSError):  # it may have answered and closed
                     if step < len(pieces):
                         client.sendall(pieces[step])
                     elif step == len(pieces):
@@ -82,7 +82,7 @@ def converse(talks):
 
 
 def report(tags, low):
-    """Tells the bus about pins, in two packets as devices do."""
+    """Reports pins on the bus, in two packets as devices do."""
     items = b"".join(struct.pack(">IBB", tag, 7, low) for tag in tags)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as bus:
         bus.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.77.0.1"))
@@ -146,7 +146,7 @@ class BoardTest(unittest.TestCase):
         self.assertEqual(kinds[:3], [("told", "H"), ("told", "L"), ("written", "L")])
         self.assertTrue('told,1:2:in2,"studio1.fader",L' in ask("/api/v1/history?format=csv")[1])
         control("GPI 2 LHHHH")
-        # One who was away gets what it missed, one who was away for too long is told.
+        # A viewer that reconnects gets what it missed, or is told that it was away for too long.
         missed = next(one for one in Viewer(event["id"]).events() if one["event"] == "pin")
         self.assertNotEqual(missed["event"], "reload")
         self.assertEqual(next(Viewer("1-1").events())["event"], "reload")
@@ -189,13 +189,13 @@ class BoardTest(unittest.TestCase):
                  f"{len(body):x}\r\n{body}\r\n0\r\n\r\n", 202)]:
             whole = request.encode()
             self.assertIn(f"HTTP/1.1 {status}".encode(), converse([[whole]])[0][:12])
-            # Two requests in one: the first is complete long before the end.
+            # Two requests on one connection: the first is complete before the end of the text.
             first = whole.index(b"\r\n\r\n") + 4 if whole.count(b"HTTP/1.1") == 2 else len(whole)
             sets = pathlib.Path("/run/sim.log").read_text("utf-8").count("DURATION:990")
             for cut, answer in enumerate(converse([[whole[:cut]] for cut in range(first)])):
                 self.assertRegex(answer, rb"^HTTP/1.1 4|^$", whole[:cut])
             self.assertEqual(pathlib.Path("/run/sim.log").read_text("utf-8").count("DURATION:990"), sets)
-            if status == 200:  # the same in two pieces, wherever it is parted
+            if status == 200:  # the same in two pieces, wherever it is split
                 for cut, answer in enumerate(converse([[whole[:cut], whole[cut:]] for cut in range(1, len(whole))])):
                     self.assertIn(b"HTTP/1.1 200", answer[:12], whole[:cut + 1])
         connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
@@ -221,11 +221,11 @@ class BoardTest(unittest.TestCase):
             client.sendall(b"GET / HTTP/1.1\r\n")
         begin = time.monotonic()
         self.assertEqual(ask("/")[0], 200)
-        while time.monotonic() < begin + 8:  # one who sends a byte now and then is no better
+        while time.monotonic() < begin + 8:  # sending a byte now and then must not help
             half[-2].sendall(b"X")
             time.sleep(0.5)
         half[-1].setblocking(False)
-        self.assertRaises(BlockingIOError, half[-1].recv, 100)  # in time, so far
+        self.assertRaises(BlockingIOError, half[-1].recv, 100)  # not timed out yet
         for client in half[-2:]:
             client.settimeout(5)
             self.assertEqual(client.recv(100), b"")  # cut off for taking too long
@@ -244,7 +244,7 @@ class BoardTest(unittest.TestCase):
         viewers = [Viewer() for _ in range(198)]
         self.assertEqual(ask("/api/v1/events")[0], 503)
         begin = time.monotonic()
-        for number in range(400):  # 40,000 changes: more bytes than the board keeps for viewers
+        for number in range(400):  # 40,000 changes: more than the board stores for viewers
             report([0x200000 + i * 256 + 13 for i in range(100)], number % 2)
             time.sleep(0.01)
         until(lambda: pin("32:99:in1")["level"] == "L")
@@ -257,7 +257,7 @@ class BoardTest(unittest.TestCase):
                             if line.startswith("VmRSS")).split()[1])
         if os.environ.get("MEASURED") != "no":
             self.assertLess(resident, 48 * 1024)
-        # Those that take nothing at all are not waited for.
+        # Viewers that read nothing at all are disconnected.
         until(lambda: "orvex_board_viewers_cut_total 200\n" in ask("/metrics")[1], 20)
         self.assertGreater(time.monotonic() - begin, 14)
         self.assertIn("orvex_board_viewers 0\n", ask("/metrics")[1])
@@ -296,11 +296,11 @@ class BoardTest(unittest.TestCase):
         self.assertIn("orvex_board_history_ok 0", ask("/metrics")[1])
         events = Viewer().events()
         control("GPI 2 LHLHH")
-        next(one for one in events if one["event"] == "pin" and "1:2:in3" in one["data"])  # is told all the same
+        next(one for one in events if one["event"] == "pin" and "1:2:in3" in one["data"])  # viewers still see it
         fill.truncate(0)
         until(lambda: history()["problem"] == "")
         levels = [one["level"] for one in get("/api/v1/history?pin=1:2:in3")["events"]]
-        self.assertEqual(levels[0], "L")  # has waited for the room
+        self.assertEqual(levels[0], "L")  # stored once there was room
         control("GPI 2 LHHHH")
         restart("/run/h.db")
         fill.close()

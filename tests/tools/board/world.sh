@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Runs a command beside a board on a device with orvex and its control server, in namespaces that
-# end with it:  world.sh BUILD COMMAND...
-# In /run: "in" takes lines for the control server, "names", "token" and "h.db" are the board's,
-# "board.sh" starts it (again, with DB as its history), "board.pid" is its number.
+# Runs a command on a device with a board, orvex and its control server, in namespaces that end with
+# it:  world.sh BUILD COMMAND...
+# In /run: "in" takes lines for the control server; "names", "token" and "h.db" are the board's;
+# "board.sh" starts the board (DB names another history); "board.pid" contains its process ID.
 set -euo pipefail
 # shellcheck source=tests/support/world.sh
 . "$(dirname "$0")/../../support/world.sh"

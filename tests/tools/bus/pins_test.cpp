@@ -1,4 +1,4 @@
-// What people write on the command line, and the note of repeats.
+// Pins on the command line, and the filter for repeats.
 
 #include <gtest/gtest.h>
 
@@ -82,7 +82,7 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
         EXPECT_EQ(write.value.Byte(), c.byte) << c.text;
         EXPECT_EQ(write.value.Duration(), c.duration) << c.text;
     }
-    // Nothing that the byte carries is nearer than what is chosen.
+    // No duration that the byte can carry is nearer than the chosen one.
     for (unsigned long asked = 1; asked < 9000; ++asked) {
         const long chosen = static_cast<long>(WriteValue(Level::Low, asked).Duration());
         for (int byte = 0; byte < 256; ++byte) {

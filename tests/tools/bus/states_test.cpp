@@ -1,4 +1,4 @@
-// What is known about pins, and what they are called.
+// The states of pins, and their names.
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ const uint32_t STUDIO = 0x0A4D0002;
 
 class PinStatesTest : public testing::Test {
 protected:
-    // Says something about a pin at that many milliseconds; "reply", "report" or "write".
+    // Processes a "reply", "report" or "write" about a pin at that time.
     std::vector<PinChange> Say(int ms, const std::string& kind, uint32_t tag, uint8_t value,
                                uint32_t host = DEVICE) {
         Traffic traffic;
@@ -33,7 +33,7 @@ protected:
 
     TimePoint At(int ms) const { return m_start + std::chrono::milliseconds(ms); }
 
-    // Whether the pin is asked for in that time.
+    // Whether the pin is read in that time.
     int Asked(int from, int to) {
         std::vector<uint32_t> ask;
         for (int ms = from; ms <= to; ms += 10) {
@@ -75,7 +75,7 @@ TEST_F(PinStatesTest, TakesWhatDevicesTell) {
 }
 
 TEST_F(PinStatesTest, HoldsAWriteForUnconfirmed) {
-    Say(0, "reply", OUTPUT, 1);  // the device knows of this pin
+    Say(0, "reply", OUTPUT, 1);  // the device follows this pin
     Say(1, "reply", OUTPUT, 0);
     EXPECT_EQ(Say(10, "write", OUTPUT, 0x40, STUDIO)[0].host, STUDIO);
     Expect(PinStatus::Written, Level::Low);
@@ -100,7 +100,7 @@ TEST_F(PinStatesTest, TakesHighForNoProof) {
     Expect(PinStatus::Written, Level::Low, true);
     EXPECT_TRUE(Say(2001, "reply", OUTPUT, 0).empty());
     Say(2010, "report", OUTPUT, 0);
-    Expect(PinStatus::Told, Level::High);  // what is reported is known
+    Expect(PinStatus::Told, Level::High);  // a report always counts
 }
 
 TEST_F(PinStatesTest, KnowsWhenTheTimeOfAWriteIsOver) {

@@ -1,4 +1,4 @@
-// What no broker does at will: it takes no answers for long.
+// A broker that accepts no answers for long, which no real one can be made to do.
 
 #include "tools/mqtt/Sets.h"
 

@@ -1,7 +1,9 @@
-"""Joins two sites by a real broker, and takes away what they need; in the world of world.sh.
+"""Links two sites through a real broker, and makes each part fail. Runs in the world of world.sh.
 
 Usage: world.sh BUILD test_mqtt.py BUILD [TEST]...
-BROKER_RESTARTS, HOSTILE and CUT say how often (10), how much (20000) and for how long (12 s).
+
+In the environment: BROKER_RESTARTS (10), HOSTILE (20000), the number of malformed messages, and CUT
+(12), the seconds for which a cable is cut.
 """
 
 import json
@@ -140,7 +142,7 @@ class MqttTest(unittest.TestCase):
                 ("1/2/out2", "L,-1", "refused")]:
             self.assertEqual(ask(f"studio/set/{pin}", payload).get("result"), result, (pin, payload))
         self.lamp("H", 2, "1:2:out2", "studio")
-        # A retained one: refused when it is there as a bridge comes.
+        # A retained set is refused when the bridge connects.
         kill(self.processes["studio"])
         run("hub", "mosquitto_pub", "-t", "orvex/studio/set/red", "-r", "-m", "L")
         self.bridge("studio", replace=[("/dev/null", "/run/names")])
@@ -153,7 +155,7 @@ class MqttTest(unittest.TestCase):
         self.broker()
         self.bridge("studio", "pins 1:2:out2", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
         self.says("is online")
-        # As a hub does that knows nothing but the form.
+        # What a hub does, which knows only the discovery messages.
         sensor, switch = (json.loads(retained(f"homeassistant/{kind}/orvex_studio_1_2_{pin}/config"))
                           for kind, pin in [("binary_sensor", "in1"), ("switch", "out2")])
         self.assertEqual(sensor["name"], "Red light")
@@ -177,7 +179,7 @@ class MqttTest(unittest.TestCase):
         tower.send_signal(signal.SIGCONT)
         self.says("may have come late", key="tower")
         self.assertEqual(level_of("7:4:out3"), "H")
-        self.lamp("L", pin="7:4:out4")  # it may take a minute
+        self.lamp("L", pin="7:4:out4")  # this set may be a minute old
 
     def test_broker_dies_in_traffic(self):
         self.both()
@@ -228,12 +230,12 @@ class MqttTest(unittest.TestCase):
         self.lit("link studio:1:2:in3 -> tower:7:4:out3 pulse 7000")
         kill(self.processes["tower"])
         time.sleep(3)
-        self.assertEqual(level_of(), "L")  # nobody is there to put it out
-        contact("L", pin=3)  # which opens the first one
+        self.assertEqual(level_of(), "L")  # no bridge is running that could switch it off
+        contact("L", pin=3)  # this also opens contact 1
         self.bridge("tower", "link studio:1:2:in3 -> tower:7:4:out3 pulse 7000")
         self.lamp("H", 5)
         self.says("is online", key="tower")
-        self.assertEqual(level_of("7:4:out3"), "H")  # pulses are not made up for
+        self.assertEqual(level_of("7:4:out3"), "H")  # missed pulses are not repeated
 
     def test_end_and_keep(self):
         self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss keep")
@@ -250,7 +252,7 @@ class MqttTest(unittest.TestCase):
                        f"/proc/{self.processes['studio'].pid}/ns/net")]
         self.assertEqual(len(daemons), 1)
         os.kill(daemons[0], signal.SIGSTOP)
-        self.lamp("H", 16)  # three rounds of two seconds, and the time of the link
+        self.lamp("H", 16)  # three rounds of two seconds, and the link's on-loss time
         self.assertEqual(json.loads(retained("orvex/studio/pin/1/2/in1"))["level"], None)
         os.kill(daemons[0], signal.SIGCONT)
         self.lamp("L", 10)
@@ -260,7 +262,7 @@ class MqttTest(unittest.TestCase):
         self.processes["studio"].send_signal(signal.SIGSTOP)
         (RUN / "flood").write_text('{"pin":"3:1:in1","level":"L","kind":"report"}\n' * 20000, "ascii")
         run("studio", f"{BUILD}/tools/ctl/orvexctl", "send", "-i", "eth0", "/run/flood")
-        contact("L")  # among what is lost
+        contact("L")  # its report is among the lost datagrams
         time.sleep(0.5)
         self.processes["studio"].send_signal(signal.SIGCONT)
         self.says("datagrams were lost, all pins are asked")
@@ -294,7 +296,7 @@ class MqttTest(unittest.TestCase):
         self.bridge("tower", replace=[link])
         self.bridge("studio", replace=[(LINK, "link tower:7:4:out1 -> studio:1:2:out1 invert")])
         self.says("is online", key="tower")
-        # By the one that hears of it first.
+        # The bridge that sees it first breaks it.
         self.until(lambda: any("a loop over several files is broken" in path.read_text("utf-8")
                                for path in RUN.glob("*.mqtt")), 8, "a broken loop")
 
@@ -319,7 +321,7 @@ class MqttTest(unittest.TestCase):
         self.says("no sign of life comes back", 15)
         self.assertNotIn("is online", (RUN / "studio.mqtt").read_text("utf-8"))
         self.end()
-        # The one of the documentation is enough.
+        # The access list in the documentation is sufficient.
         text = (pathlib.Path(__file__).parents[3] / "docs" / "mqtt.md").read_text("utf-8")
         (RUN / "acl").write_text("".join(
             line + "\n" for line in text.split("An access list for mosquitto")[1].splitlines()

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs a command beside two sites, studio and tower, each a host with orvex, its control server and a
+# Runs a command with two sites, studio and tower, each a host with orvex, its control server and a
 # bus, and a third host, hub, for the broker; all in namespaces that end with it:
 #   world.sh BUILD COMMAND...
 # In /run: "SITE.in" takes lines for the control server of a site, SITE.conf configures its bridge.

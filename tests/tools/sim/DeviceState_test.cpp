@@ -8,7 +8,7 @@ using Clock = DeviceState::Clock;
 
 enum Actor { OPERATOR, CLIENT, WAIT };
 
-// What the actor does (WAIT: milliseconds that pass) and the effect, as Render() writes it.
+// What the actor does (WAIT: milliseconds to wait) and the effect, as Render() writes it.
 struct Step {
     Actor actor;
     std::string action;
@@ -63,7 +63,7 @@ TEST(DeviceState, EndsDurations) {
           {CLIENT, "GPO 1 xxLxx DURATION:200", "all GPO 1 LLLHH;"},
           {CLIENT, "GPO 1 xxxLx DURATION:99999999999", "all GPO 1 LLLLH;"},
           {WAIT, "199", ""},
-          {CLIENT, "GPO 1 xLxxx", ""},  // pin 2 is to stay
+          {CLIENT, "GPO 1 xLxxx", ""},  // pin 2 now has no time limit
           {WAIT, "1", "all GPO 1 HLHLH;"},
           {WAIT, "1000", ""},
           {WAIT, "2147483647", "all GPO 1 HLHHH;"}});

@@ -24,7 +24,7 @@ protected:
         client.received.clear();
     }
 
-    // All that was sent before has been dealt with when the answer is there.
+    // Everything sent before has been handled once the answer arrives.
     void ExpectAlive(TestClient& client) {
         client.Send("\nADD GPI 256\n");
         ExpectReceived(client, "GPI 256 HHHHH\n");
@@ -157,7 +157,7 @@ TEST_F(SimServerTest, WaitsForDescriptors) {
     while (spent.emplace_back(open("/dev/null", O_RDONLY)).IsOpen()) {
     }
     EXPECT_TRUE(StepUntil([this] { return seen[Kind::Problem] == 1; }));
-    EXPECT_GT(server.Timeout(-1), 500);  // the waiting client keeps nobody busy
+    EXPECT_GT(server.Timeout(-1), 500);  // a waiting client does not keep the loop busy
     server.Step(1);
     setrlimit(RLIMIT_NOFILE, &limits);
     spent.clear();

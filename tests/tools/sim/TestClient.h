@@ -1,4 +1,4 @@
-// A client of a server on loopback whose bytes a test sees as they come.
+// A client of a server on loopback that shows the received bytes.
 #pragma once
 
 #include <poll.h>
@@ -11,7 +11,7 @@
 #include "tests/support/sockets.h"
 #include "tools/base/Descriptor.h"
 
-// Makes turns until the condition holds; false when it does not come true in good time.
+// Makes turns until the condition holds; false if it does not within 20 seconds.
 inline bool Await(
     const std::function<bool()>& condition,
     const std::function<void()>& turn = [] { poll(nullptr, 0, 2); }) {
@@ -35,8 +35,8 @@ public:
         send(m_socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
 
-    // Reads what is there and adds it to received. False when the peer closed the connection, or
-    // there never was one.
+    // Appends available bytes to received. False if the peer has closed the connection, or it could
+    // not be made.
     bool Read() {
         char data[65536];
         ssize_t got = 0;

@@ -13,7 +13,7 @@ namespace {
 
 class Program : public Process {
 public:
-    // The command of the build has the emulator that the program needs, if any.
+    // The build's command includes the emulator, if the program needs one.
     explicit Program(const std::string& arguments)
         : Process({"sh", "-c", "exec " ORVEX_SIM_COMMAND " " + arguments}) {}
 

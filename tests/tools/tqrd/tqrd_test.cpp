@@ -1,4 +1,4 @@
-// The client of the control server, and what is made of its lines.
+// The client of the control server, and how it reads lines.
 
 #include <gtest/gtest.h>
 
