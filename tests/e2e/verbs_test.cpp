@@ -132,7 +132,7 @@ TEST_F(Verbs, ListsWhatIsThere) {
               "1:2        10.77.0.1        in HLHHL  out HHHHH  studio1\n"
               "1:44       10.77.0.1        in HHHHH  out HHHHH\n"
               "9:9        10.77.0.1        in HHHHH  out HHHHH\n",
-              "orvexctl: asked for 0 to 255:255 only; list 0-0xFFFFFF asks for all addresses\n");
+              "orvexctl: read 0 to 255:255 only; list 0-0xFFFFFF reads all addresses\n");
     const auto json = Start(studio, {"list", "-j", "-W", "0.3", "0-studio1"});
     EXPECT_EQ(Finish(*json), 0);
     ASSERT_EQ(Lines(json->Out()).size(), 10U);
@@ -164,7 +164,7 @@ TEST_F(Verbs, RefusesWithWhatWouldBeRight) {
         {{"list", "7-3"}, 2, "a range begins with its lower end: 7-3"},
         {{"record", "1:2:in1"}, 2, "1:2:in1 is an address or pin; the FILE comes first"},
         {{"record", "/run/there", "door"}, 1, "/run/there exists; --force overwrites it\n"},
-        {{"get", "-n", "/run/bad", "1"}, 1, "/run/bad:3: this has a name already: studio1\n"},
+        {{"get", "-n", "/run/bad", "1"}, 1, "/run/bad:3: it already has a name: studio1\n"},
         {{"get", "-n", "/run/nosuch", "1"}, 1, "can't read /run/nosuch: No such file"},
     };
     for (const auto& c : cases) {

@@ -82,7 +82,7 @@ Api::Api(Board& board, History& history, EventStream& stream, Access& access, Me
 
 HttpResponse Api::Handle(const HttpRequest& request) {
     if (!m_access.IsKnownHost(request.Header("host"))) {
-        return Fail(421, "this board does not go by that name (--host)");
+        return Fail(421, "the Host is not a name of this board (--host)");
     }
     if (request.path == "/api/v1/set") {
         return request.method == "POST" ? Set(request) : Fail(405, "only POST sets");
@@ -101,7 +101,7 @@ HttpResponse Api::Handle(const HttpRequest& request) {
 HttpResponse Api::Page(const HttpRequest& request) const {
     const Asset* const asset = FindAsset(request.path);
     if (asset == nullptr) {
-        return Fail(404, "there is no such page");
+        return Fail(404, "no such page");
     }
     HttpResponse response;
     response.type = std::string(asset->type);

@@ -138,7 +138,7 @@ void Board::TakeChange(const PinChange& change) {
         event.host = notes.by_control && !written ? ControlAddress()
                      : change.host != 0           ? HostText(change.host)
                                                   : "";
-        event.text = change.after ? "" : "nobody answered after its time was over";
+        event.text = change.after ? "" : "no answer after the duration of a write";
         m_history.Add(std::move(event));
     }
     TellPin(change.tag);

@@ -269,7 +269,7 @@ void History::Keep(int64_t now) {
     }
     if (IsTakenAway()) {
         Close();
-        m_notice = m_settings.file + " was taken away";
+        m_notice = m_settings.file + " was removed";
         return;
     }
     sqlite3_bind_int64(m_alive.get(), 1, now);
@@ -361,7 +361,7 @@ void History::PutAside(int64_t now) {
     Close();
     const std::string aside = m_settings.file + ".damaged-" + std::to_string(now / 1000);
     if (rename(m_settings.file.c_str(), aside.c_str()) != 0) {
-        m_problem += ", and it can't be put aside";
+        m_problem += ", and it can't be renamed";
         return;
     }
     // The log can be salvaged together with its file; beside a new file it would be damage.

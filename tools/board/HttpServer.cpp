@@ -39,7 +39,7 @@ void HttpServer::Listen(int listening_socket) {
     socklen_t size = sizeof listens;
     if (getsockopt(listening_socket, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 ||
         listens == 0) {
-        throw std::runtime_error("what was handed over (LISTEN_FDS) is no listening socket");
+        throw std::runtime_error("the descriptor passed in LISTEN_FDS is not a listening socket");
     }
     sockaddr_storage address = {};
     socklen_t length = sizeof address;

@@ -118,12 +118,12 @@ void HttpSession::Answer() {
             request)) {
         response = Refuse(400, "the address can't be read");
     } else if (m_parser->get().count(http::field::host) != 1) {
-        response = Refuse(400, "exactly one Host is needed");
+        response = Refuse(400, "exactly one Host is required");
     } else {
         response = m_server.m_handler(request);
     }
     if (response.follow && m_server.m_viewers >= HttpServer::MAX_VIEWERS) {
-        response = Refuse(503, "there are as many viewers as the board takes");
+        response = Refuse(503, "too many viewers");
         response.headers.emplace_back("Retry-After", "30");
     }
     Respond(std::move(response), head_only);

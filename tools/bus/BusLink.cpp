@@ -176,7 +176,7 @@ bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffi
             throw BusError("can't read from the bus: " + ErrorText(errno));
         }
         if (code != CRUdpLayer3Server::TIMED_OUT) {
-            Trace("passed over a packet without a message (error " + std::to_string(code) + ")");
+            Trace("ignored a packet without a message (error " + std::to_string(code) + ")");
         }
         return false;
     }

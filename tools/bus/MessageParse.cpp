@@ -42,21 +42,21 @@ const Json& Field(const Json& json, const char* name) {
 uint64_t Number(const Json& json, const char* what, int width) {
     const uint64_t max = width == 8 ? UINT64_MAX : (1ULL << width * 8) - 1;
     if (!json.is_number_unsigned() || json.get<uint64_t>() > max) {
-        Refuse(std::string(what) + " is no number of 0 to " + std::to_string(max));
+        Refuse(std::string(what) + " is not a number from 0 to " + std::to_string(max));
     }
     return json.get<uint64_t>();
 }
 
 const Json& Array(const Json& json, const char* what) {
     if (!json.is_array()) {
-        Refuse(std::string(what) + " is no array");
+        Refuse(std::string(what) + " is not an array");
     }
     return json;
 }
 
 std::string Text(const Json& json, const char* what) {
     if (!json.is_string()) {
-        Refuse(std::string(what) + " is no text");
+        Refuse(std::string(what) + " is not a string");
     }
     return json.get<std::string>();
 }
@@ -177,7 +177,7 @@ void ReadEnvelope(const Json& json, Traffic& traffic) {
     traffic.message.SetRel(false);
     if (json.contains("time")) {
         if (!json["time"].is_number() || !std::isfinite(json["time"].get<double>())) {
-            Refuse("\"time\" is no number");
+            Refuse("\"time\" is not a number");
         }
         traffic.time = json["time"].get<double>();
     }

@@ -23,7 +23,7 @@ void Names::Add(const Entry& entry) {
     auto& places = entry.pins.circuit ? m_by_tag : m_by_address;
     const uint32_t key = entry.pins.circuit ? entry.pins.Tags()[0] : entry.pins.address;
     if (const Entry* const other = Lookup(m_entries, places, key)) {
-        throw std::invalid_argument("this has a name already: " + other->name);
+        throw std::invalid_argument("it already has a name: " + other->name);
     }
     places.emplace(key, m_entries.size());
     m_by_name.emplace(entry.name, m_entries.size());

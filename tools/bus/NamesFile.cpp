@@ -96,7 +96,7 @@ void CheckName(const std::string& name) {
         Refuse("a name begins with a letter: " + name);
     }
     if (IsPinName(name)) {
-        Refuse("this is what every address calls a pin: " + name);
+        Refuse("every address has a pin of this name: " + name);
     }
     CheckText(name);
 }

@@ -154,7 +154,7 @@ int RunChannels(const Options& options) {
             throw Failure(answer.error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_FAILED,
                           "can't connect to " + server + ": " + answer.problem);
         }
-        throw Failure(STATUS_NO_ANSWER, server + " tells no channels" +
+        throw Failure(STATUS_NO_ANSWER, server + " sends no channels" +
                                             (answer.problem.empty() ? "" : ": " + answer.problem));
     }
     (options.json ? PrintJson : PrintText)(answer.table, options.names, output);

@@ -65,7 +65,7 @@ int List::Run() {
     Print(AskPins());
     NoteRange();
     if (m_stopped) {
-        m_options.console.Note("stopped by a signal: not everything was asked for");
+        m_options.console.Note("stopped by a signal before everything was read");
         return STATUS_FAILED;
     }
     if (m_found.empty()) {
@@ -204,9 +204,9 @@ void List::Print(const std::vector<PinFact>& facts) {
 void List::NoteRange() const {
     const AddressRange& range = m_options.range;
     if (range.is_default) {
-        m_options.console.Note("asked for " + AddressText(range.first) + " to " +
+        m_options.console.Note("read " + AddressText(range.first) + " to " +
                                AddressText(range.last) +
-                               " only; list 0-0xFFFFFF asks for all addresses");
+                               " only; list 0-0xFFFFFF reads all addresses");
     }
 }
 

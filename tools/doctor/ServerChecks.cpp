@@ -125,8 +125,8 @@ void ExamineControl(const Facts& facts, Findings& findings) {
                             "the daemon has no connection to " + place + ", but it can be reached",
                             "wait 4 seconds and check again; orvex(8), TROUBLESHOOTING"});
     } else if (!answer.has_answered) {
-        findings.push_back(
-            {Severity::Warning, "TQRD", place + " takes connections but tells no channels", mend});
+        findings.push_back({Severity::Warning, "TQRD",
+                            place + " accepts connections but sends no channels", mend});
     } else {
         findings.push_back(
             {Severity::Well, "TQRD", (is_seen ? "connected to " : "there, at ") + place, ""});

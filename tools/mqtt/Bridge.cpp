@@ -162,7 +162,7 @@ void Bridge::BeginAsking() {
 void Bridge::SendSign() {
     m_next_sign = After(SIGN_EVERY);
     if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
-        return m_broker.Drop("it is there, but no sign of life comes back");
+        return m_broker.Drop("it is connected, but heartbeats do not come back");
     }
     ++m_sign_count;
     m_signs.emplace_back(m_sign_count, Now());
@@ -203,7 +203,7 @@ std::string Bridge::Hindrance() const {
     if (!m_pins.IsUp()) {
         return "the bus is down";
     }
-    return m_phase == Phase::Online ? std::string() : "the pins are still being asked";
+    return m_phase == Phase::Online ? std::string() : "the pins are still being read";
 }
 
 void Bridge::TakeMessages() {

@@ -173,7 +173,7 @@ void PinBook::FindLost() {
     const uint64_t lost = m_link.Lost();
     if (lost != m_lost) {
         m_note = "the bus is too fast: " + std::to_string(lost - m_lost) +
-                 " datagrams were lost, all pins are asked";
+                 " datagrams were lost, all pins are read";
         m_lost = lost;
         AskWithin(LOOK_EVERY);
     }

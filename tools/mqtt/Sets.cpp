@@ -22,14 +22,14 @@ Sets::Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std
 uint32_t Sets::Check(const Broker::Message& message, const std::string& pin, double age,
                      const std::string& hindrance) const {
     if (message.retained) {
-        throw std::invalid_argument("it is retained: a set is for now, not for later");
+        throw std::invalid_argument("it is retained, and may be old");
     }
     if (!hindrance.empty()) {
         throw std::invalid_argument(hindrance);
     }
     const double limit = message.expiry ? *message.expiry : m_config.expire;
     if (age > limit) {
-        throw std::invalid_argument("it may have come late: its time was over");
+        throw std::invalid_argument("it may have come late: it has expired");
     }
     const uint32_t tag = m_config.names.ParsePin(pin);
     if (IsInput(tag)) {
@@ -44,7 +44,7 @@ uint32_t Sets::Check(const Broker::Message& message, const std::string& pin, dou
 void Sets::Take(const Broker::Message& message, double age, const std::string& hindrance) {
     const std::string pin = m_topics.PinOfSet(message.topic);
     if (m_answers.size() >= MOST_ANSWERS) {
-        return m_tell("the broker takes no answers: sets are passed over");
+        return m_tell("the broker accepts no answers: sets are ignored");
     }
     // This is how a retained set is removed.
     if (message.retained && message.payload.empty()) {

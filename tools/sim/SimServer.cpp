@@ -200,7 +200,7 @@ void SimServer::Accept(Listener& listener) {
 void SimServer::AddConnection(Descriptor socket, const std::string& peer,
                               const std::string& address) {
     if (ClientCount() >= MAX_CLIENTS) {
-        Tell(EventKind::Problem, peer, "turned away: too many clients");
+        Tell(EventKind::Problem, peer, "refused: too many clients");
         return;
     }
     const int on = 1;

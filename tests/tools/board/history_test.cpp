@@ -103,7 +103,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
         {"schema", false, ANEW, ".damaged-", [&](uintmax_t) { Overwrite(100, 3900); }},
         {"pages", false, ANEW, ".damaged-", [&](uintmax_t size) { Overwrite(4096, size - 4096); }},
         {"pages", true, ANEW, ".damaged-", [&](uintmax_t size) { Overwrite(4096, size - 4096); }},
-        {"removed", true, ANEW, "taken away", [&](uintmax_t) { fs::remove(File()); }},
+        {"removed", true, ANEW, "was removed", [&](uintmax_t) { fs::remove(File()); }},
         {"mark", false, ALONE, "left alone", [&](uintmax_t) { Overwrite(0, 100); }},
         {"folder", false, ALONE, "unable to open",
          [&](uintmax_t) { fs::remove(File()) && fs::create_directory(File()); }},

@@ -1,5 +1,5 @@
-// Looks at the board as a person would, in a real browser:  node page_test.mjs NODE_MODULES [PICTURES]
-// Run by world.sh. PICTURES is a folder for pictures of the page.
+// Tests the board's page in a real browser:  node page_test.mjs NODE_MODULES [PICTURES]
+// Run by world.sh. PICTURES is a folder for screenshots.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdtempSync, readFileSync, writeFileSync } from "node:fs";
@@ -21,7 +21,7 @@ async function until(what, condition) {
         }
         await sleep(50);
     }
-    assert.fail(`waited in vain: ${what}`);
+    assert.fail(`not within 10 s: ${what}`);
 }
 
 const browser = await puppeteer.launch({
@@ -31,7 +31,7 @@ const browser = await puppeteer.launch({
 });
 const page = await browser.newPage();
 const errors = [];
-let away = false; // what the browser says about a board that is away is no fault of the page
+let away = false; // while the board is away, the browser's errors are no fault of the page
 page.on("console", (message) => message.type() === "error" && !away && errors.push(message.text()));
 page.on("pageerror", (error) => errors.push(error.message));
 page.on("dialog", (dialog) => { errors.push(`a name was run: ${dialog.message()}`); dialog.dismiss(); });
@@ -68,7 +68,7 @@ const tests = {
                 ? done(document.querySelector(".count").innerText) : requestAnimationFrame(look));
             look();
         }));
-        assert.match(counted, /, 2 low$/); // at once, not some time later
+        assert.match(counted, /, 2 low$/); // in the same frame
         control("GPI 2 HLHHH");
         await until("door dark", async () => !await isLit("1:2:in1"));
         assert.equal(await isLit("1:2:in2"), true);
@@ -77,7 +77,7 @@ const tests = {
         assert.match((await lamp("1:3:out1")).text, /<img src=x onerror=alert\(1\)>/);
         assert.equal(await page.$("main img"), null);
     },
-    async "searching leaves what fits"() {
+    async "a search leaves only matching lamps"() {
         await page.keyboard.press("/");
         await sleep(100);
         await page.keyboard.type("on air");
@@ -86,7 +86,7 @@ const tests = {
         await page.keyboard.press("Escape");
         await page.$eval("#search", (input) => { input.value = ""; input.dispatchEvent(new Event("input")); });
     },
-    async "the keyboard alone sets a pin, and the device tells"() {
+    async "a pin can be set by keyboard alone, and the device confirms it"() {
         await page.focus('a[href="#/pin/1:2:out3"]');
         await page.keyboard.press("Enter");
         await page.waitForSelector(".facts");
@@ -104,7 +104,7 @@ const tests = {
         await until("closed", async () => !await page.$("dialog[open]"));
         assert.match(await page.$eval(".panel:last-child", (panel) => panel.innerText), /set from a board/);
     },
-    async "a board that is gone is told and made good"() {
+    async "a lost board is reported, and the page recovers"() {
         await goTo("");
         away = true;
         execFileSync("sh", ["-c", "kill -9 $(cat /run/board.pid)"]);
@@ -118,7 +118,7 @@ const tests = {
         away = false;
         assert.equal(await isLit("1:2:in2"), false);
     },
-    async "every view is accessible, in both schemes, and fits a telephone"() {
+    async "every view is accessible, in both colour schemes, and fits a phone"() {
         for (const route of ["", "pin/1:2:out3", "devices", "channels", "history"]) {
             for (const scheme of ["dark", "light"]) {
                 await page.emulateMediaFeatures([{ name: "prefers-color-scheme", value: scheme }]);
@@ -139,7 +139,7 @@ const tests = {
     },
 };
 
-// For README and docs/board.md: a device with plain names, of which one output is pulsed.
+// Screenshots for README and docs/board.md: a device with plain names and a pulsed output.
 async function documentPictures() {
     execFileSync("sh", ["-c", "kill $(cat /run/board.pid); sed -i 's/\"<img.*\"/\"Tower lamp\"/' /run/names"]);
     await sleep(500);

@@ -49,7 +49,7 @@ def until(condition, seconds=10):
         if condition():
             return
         time.sleep(0.05)
-    raise AssertionError("waited in vain")
+    raise AssertionError("timed out")
 
 
 def control(line):

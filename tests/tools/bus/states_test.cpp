@@ -166,14 +166,14 @@ TEST(Names, RefuseWithFileAndLine) {
         {"1:300 a", "the second number of an address is 0 to 255: 1:300"},
         {"1:2 3a", "a name begins with a letter: 3a"},
         {"1:2 a:b", "a name has letters, digits, '.', '_' and '-': a:b"},
-        {"1:2 out3", "this is what every address calls a pin: out3"},
+        {"1:2 out3", "every address has a pin of this name: out3"},
         {"1:2 a\xFF", "not UTF-8"},
         {"1:2 a \"\xC2\x9B\"", "a control character"},
         {"1:2 a text", "the text is not in double quotes"},
         {"1:2 a \"x", "the text has no closing quote"},
         {"1:2 a \"x\" y", "more after the text"},
         {"1:3 first", "the name first is given twice"},
-        {"9 other", "this has a name already: first"},
+        {"9 other", "it already has a name: first"},
     };
     const std::string file = testing::TempDir() + "names-refused";
     for (const auto& c : cases) {

@@ -21,5 +21,5 @@ TEST(SetsTest, CarriesOutNothingThatItCanNotAnswer) {
     EXPECT_EQ(sets.Answers().size(), 10000u);
     EXPECT_EQ(sets.Answers().front().correlation, "first");
     EXPECT_EQ(sets.NextTime(), TimePoint::max());  // none is under way
-    EXPECT_EQ(told, "the broker takes no answers: sets are passed over");
+    EXPECT_EQ(told, "the broker accepts no answers: sets are ignored");
 }

@@ -265,7 +265,7 @@ class MqttTest(unittest.TestCase):
         contact("L")  # its report is among the lost datagrams
         time.sleep(0.5)
         self.processes["studio"].send_signal(signal.SIGCONT)
-        self.says("datagrams were lost, all pins are asked")
+        self.says("datagrams were lost, all pins are read")
         self.lamp("L")
 
     def test_broker_too_slow(self):
@@ -318,7 +318,7 @@ class MqttTest(unittest.TestCase):
         self.broker(PLAIN + "acl_file /run/acl\n")
         self.bridge("studio")
         self.says("the broker refuses what is published: Not authorized")
-        self.says("no sign of life comes back", 15)
+        self.says("heartbeats do not come back", 15)
         self.assertNotIn("is online", (RUN / "studio.mqtt").read_text("utf-8"))
         self.end()
         # The access list in the documentation is sufficient.
