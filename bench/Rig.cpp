@@ -111,7 +111,7 @@ Rig::~Rig() {
     if (m_detached) {
         kill(m_pid, SIGTERM);
         waitpid(m_pid, nullptr, 0);
-        // What traces the daemon writes its summary now.
+        // A tracer of the daemon writes its summary now.
         for (m_process->Pump(); m_process->IsRunning(); m_process->Pump()) {
             usleep(1000);
         }
@@ -132,7 +132,7 @@ std::string Rig::Packet(Path path, unsigned int items) {
     CMsg2 msg(items, 1);
     msg.SetId(path == Path::Read ? 0x52454144 : 0x57524E49);
     for (unsigned int i = 0; i + 1 < items; ++i) {
-        // Circuits without a pin, so that every item has a tag of its own.
+        // Circuits without a pin, so that all tags differ.
         msg.SetByte((NOBODYS_ADDRESS_TAG + i) << 8 | CIRCUITS[0], 0x40);
     }
     const unsigned long address = path == Path::Reliable ? NOBODYS_ADDRESS_TAG : GROUP_ADDRESS_TAG;
@@ -189,7 +189,7 @@ void Rig::Await(Path path, int sock) {
     require(recv(source, buf, sizeof buf, 0) > 0, path_name(path));
 }
 
-// Reports and replies come twice, except from the least program.
+// All subjects but "least" send reports and replies twice.
 void Rig::AwaitSecond(Path path) {
     if (ResultSocket(path) == m_reports) {
         char buf[4096];
@@ -198,7 +198,7 @@ void Rig::AwaitSecond(Path path) {
     }
 }
 
-// Nothing but the wait for the next event makes the subject sleep.
+// The subject sleeps only while it waits for the next event.
 void Rig::Settle() const {
     for (sched_yield(); !IsAsleep(); usleep(20)) {
     }

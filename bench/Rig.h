@@ -1,5 +1,5 @@
 // One subject (the daemon or a stand-in for it) on its own device, between a control server, a
-// remote server and a peer on the bus, all played by the calling thread.
+// remote server and a peer on the bus, all simulated by the calling thread.
 #pragma once
 
 #include <netinet/in.h>

@@ -1,5 +1,5 @@
-// What no daemon can beat: orvex-baseline least|same PATH stands in for the daemon on one path and
-// looks at nothing it receives.
+// A lower bound for any daemon: orvex-baseline least|same PATH stands in for the daemon on one path
+// and ignores the content of what it receives.
 //
 //   least  the least a program can do: wait, receive, send
 //   same   the system calls that the daemon makes for an event of this path, one for one
@@ -39,7 +39,7 @@ public:
         m_group.sin_port = htons(REPORT_PORT);
     }
 
-    // One event. False when the peers are gone.
+    // Handles one event. False if the peers have closed.
     bool Turn() {
         wait_for_any();
         switch (m_path) {
@@ -94,7 +94,8 @@ private:
         return got > 0;
     }
 
-    // Acts for each line that has come. The daemon looks for more before each of them and at last.
+    // Responds to each received line. Like the daemon, reads before each of them and after the
+    // last.
     template <class Act>
     bool serve_lines(int sock, Act act) {
         long lines = 0;

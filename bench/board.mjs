@@ -1,6 +1,6 @@
 // Measures the board as its viewers see it:  node board.mjs NODE_MODULES SECONDS
-// Run by tests/tools/board/world.sh. Sends reports to the bus as a device would, and prints one line
-// a figure: what it is, what was measured, what was wanted, and whether it was met.
+// Run by tests/tools/board/world.sh. Sends reports to the bus as a device would, and prints a line for
+// each figure: its name, the measured value, the target, and whether it was met.
 import { execFileSync, spawn } from "node:child_process";
 import dgram from "node:dgram";
 import { mkdtempSync, readFileSync } from "node:fs";
@@ -53,7 +53,7 @@ const browser = await puppeteer.launch({
 });
 const median = (times) => times.sort((a, b) => a - b)[times.length >> 1];
 
-// How long it takes until the lamp of the pin, which must be high, follows each of so many reports.
+// The delays until the lamp of the pin, which must be high at first, follows each of count reports.
 async function timesToLamp(page, tag, name, count) {
     await page.evaluate((link) => {
         globalThis.seen = [];
@@ -67,7 +67,7 @@ async function timesToLamp(page, tag, name, count) {
     for (let i = 0; i < count; ++i) {
         sent.push(performance.timeOrigin + performance.now());
         report([[tag, i % 2 === 0]]);
-        report([[tag, i % 2 === 0]]); // as devices do: one that comes alone would count as a copy
+        report([[tag, i % 2 === 0]]); // twice, as devices do: otherwise a later one would count as a copy
         await sleep(50 + Math.random() * 20);
     }
     await sleep(500);
@@ -82,7 +82,7 @@ async function measureLatency() {
     const page = await browser.newPage();
     await page.goto("http://127.0.0.1:8093/");
     await page.waitForSelector('a[href="#/pin/7:8:in1"]');
-    await sleep(4000); // by then nobody has answered for the pin, and the page is at rest
+    await sleep(4000); // until reads of the pin have gone unanswered and the page is idle
     const time = median(await timesToLamp(page, tag, "7:8:in1", 101));
     await page.close();
     tell("datagram to changed lamp, median of 101", time.toFixed(1), "ms", "below 20", time < 20);
@@ -177,7 +177,7 @@ async function measurePins() {
     const first = await page.evaluate(() => globalThis.lamps);
     tell("the same: page opened to first lamps", first.toFixed(0), "ms", "below 1000", first < 1000);
     await page.waitForFunction((count) => document.querySelectorAll(".lamp").length >= count, {}, pins);
-    await sleep(5000); // nobody has answered for them
+    await sleep(5000); // until reads of the pins have gone unanswered
     const keys = await page.evaluate(async () => {
         const input = document.getElementById("search");
         const times = [];

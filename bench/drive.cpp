@@ -1,10 +1,11 @@
-// Drives the daemon and the stand-ins and measures them from outside; prints JSON.
+// Drives the daemon and the stand-ins and measures them from outside. Prints JSON. The arguments:
 //
-//   orvex-drive delay COUNT                 delays of COUNT events of each path, all subjects in
-//   turn orvex-drive rate                        events a second without loss orvex-drive growth
-//   with the number of senders and of items orvex-drive idle SECONDS                wake-ups of an
-//   idle daemon orvex-drive events PATH COUNT WORD...   only drives the daemon, started as WORD...
-//   DAEMON
+// - delay COUNT: the delays of COUNT events of each path, alone on a processor
+// - shared COUNT: the same among other programs
+// - rate: events per second without loss
+// - growth: delays by number of senders and of items
+// - idle SECONDS: wake-ups of an idle daemon
+// - events PATH COUNT WORD...: only drives a daemon that is started by the command WORD...
 #include <sched.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -34,7 +35,7 @@ std::unique_ptr<Rig> start_baseline(const char* name, Path path) {
     return std::make_unique<Rig>(Words{ORVEX_BASELINE, name, path_name(path)}, Rig::Kind::Baseline);
 }
 
-// This process and all it starts from now on run on the processors from first to last.
+// Binds this process, and all it starts from now on, to the processors from first to last.
 void pin(int first, int last) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -44,8 +45,8 @@ void pin(int first, int last) {
     sched_setaffinity(0, sizeof set, &set);
 }
 
-// The same, and nothing else runs there in between: what others do to the processor's caches would
-// be measured otherwise. Returns whether the system allows that.
+// Also raises the priority so that no other program runs there in between and fills the caches.
+// False if the system does not permit it.
 bool pin_alone(int cpu) {
     pin(cpu, cpu);
     const sched_param priority = {1};
@@ -69,15 +70,15 @@ json summary(std::vector<int64_t>& delays) {
 
 // ---- delay
 
-// A subject and what was measured of it on one path.
+// A subject and its measurements on one path.
 struct Subject {
     std::string name;
     std::unique_ptr<Rig> rig;
     std::vector<int64_t> delays;
 };
 
-// The subjects take turns event by event, each turn beginning with another one, so that all of them
-// see the same machine.
+// The subjects take turns event by event, each turn beginning with a different one, so that all run
+// under the same conditions.
 json path_delays(Path path, int count) {
     Subject subjects[3] = {{"daemon", start_daemon(), {}},
                            {"least", start_baseline("least", path), {}},
@@ -121,7 +122,7 @@ json delay(int count, bool shared) {
 
 // ---- rate
 
-// Sends for a fifth of a second at the rate. Whether every event was completed.
+// Sends at the rate for a fifth of a second. Returns whether every event was completed.
 bool sustains(Rig& rig, Path path, int rate) {
     const int count = rate / 5;
     const int64_t start = now_ns();
@@ -142,7 +143,7 @@ bool sustains(Rig& rig, Path path, int rate) {
     return kept_up && done == count;
 }
 
-// The highest rate that works, to a twentieth: doubled until it fails twice, then halved in.
+// The highest rate that works, to a twentieth: doubles it until it fails twice, then bisects.
 int sustained_rate(Rig& rig, Path path) {
     const auto works = [&](int rate) {
         return sustains(rig, path, rate) || sustains(rig, path, rate);
@@ -159,7 +160,7 @@ int sustained_rate(Rig& rig, Path path) {
     return low;
 }
 
-// Processor time of an event at this rate, the daemon's and that of the same calls, in turn.
+// The ratio of the daemon's processor time at this rate to that of the same calls, run in turn.
 json full_rate_cpu(Path path, int rate) {
     pin(last_processor(), last_processor());
     const auto daemon = start_daemon();
@@ -199,7 +200,8 @@ json rate() {
 
 // ---- growth
 
-// Writes from so many source ports, one each. The last ones count: the others are known by then.
+// Sends one write from each of that many ports. Measures only the last ones, when the other senders
+// are known.
 json sender_growth(int senders) {
     const auto rig = start_daemon();
     const int measured = 400;

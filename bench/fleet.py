@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""A fleet: daemons, each on a host of its own with its control server, on one bridge and one bus.
+"""Measures a fleet: daemons, each on a host of its own with a control server, on one bus.
 
-Prints what a write, a read and a report cost as the fleet grows and what a burst loses; then what
-31 remote servers that come and go, and a control server that does not read, do to one daemon.
-Writes the figures to a JSON file.
+Prints the cost of a write, a read and a report as the fleet grows, and the losses in a burst; then
+the effect on one daemon of 31 remote servers that reconnect and of a control server that does not
+read. Writes the figures to a JSON file.
 """
 
 import ctypes
@@ -21,15 +21,15 @@ import time
 
 DAEMON = os.path.abspath("build/bench/app/orvex")
 SIZES = [1, 10, 50, 200]
-EVENTS = 300  # of each path that are measured
-BURST = 1000  # writes, or at least so many reports, as fast as they can be sent
+EVENTS = 300  # measured events of each path
+BURST = 1000  # writes, or at least that many reports, sent as fast as possible
 GROUP, BUS_PORT, REPORT_PORT, LINE_PORT = "239.192.255.4", 2060, 2055, 93
 STUDIO = "10.77.255.254"
 READ, WRITE = 0x52454144, 0x57524E49
 OUTPUT_1 = 8  # circuit
 CLONE_NEWNET = 0x40000000
 LIMIT_S = 5
-SWEEP_S = 60  # the daemon connects to lost servers again within this time
+SWEEP_S = 60  # the daemon reconnects to lost servers within this time
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -44,7 +44,7 @@ def enter(namespace):
 
 
 def await_carrier(name):
-    """A cable carries nothing until the system has noticed both ends, which a busy one does late."""
+    """A link carries nothing until the system has seen both ends up, which may take a while."""
     command = f"until ip -o link show {name} | grep -q 'state UP'; do sleep 0.01; done"
     run("timeout", str(LIMIT_S), "sh", "-c", command)
 
@@ -55,7 +55,7 @@ class Device:
     def __init__(self, number, studio):
         self.address = 0x100 | number
         if libc.unshare(CLONE_NEWNET) != 0:
-            sys.exit("no network namespace can be had")
+            sys.exit("this system permits no network namespaces")
         namespace = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         run("ip", "link", "set", "lo", "up")
         run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", f"port{number}")
@@ -76,7 +76,7 @@ class Device:
         self.hear(b"CFG GPO\n")
         self.control.sendall(b"CFG GPO 1 SRCA=1:%d\n" % number)
         self.hear(b"ADD GPI 1\n")
-        self.snmp = open("/proc/thread-self/net/snmp")  # of this host, wherever it is read
+        self.snmp = open("/proc/thread-self/net/snmp")  # this host's, wherever it is read
         enter(studio)
         os.close(namespace)
         listener.close()
@@ -96,7 +96,7 @@ class Device:
         self.control.sendall(b"GPI 1 LHHHH\n" if self.level else b"GPI 1 HHHHH\n")
 
     def lost(self):
-        """Datagrams that its socket had no room for, so far."""
+        """Datagrams lost so far because the receive buffer was full."""
         self.snmp.seek(0)
         names, values = [line.split() for line in self.snmp if line.startswith("Udp:")]
         return int(values[names.index("RcvbufErrors")])
@@ -106,7 +106,7 @@ class Fleet:
     def __init__(self, size):
         self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         if libc.unshare(CLONE_NEWNET) != 0:
-            sys.exit("no network namespace can be had")
+            sys.exit("this system permits no network namespaces")
         studio = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         run("ip", "link", "set", "lo", "up")
         run("ip", "link", "add", "bridge", "type", "bridge", "mcast_snooping", "0")
@@ -125,12 +125,12 @@ class Fleet:
             self.await_port(device)
 
     def await_port(self, device):
-        """Until the bridge lets a write through to the device."""
+        """Waits until the bridge forwards a write to the device."""
         limit = time.monotonic() + LIMIT_S
         self.send(WRITE, device)
         while not select.select([device.control], [], [], 0.1)[0]:
             if time.monotonic() > limit:
-                sys.exit("a daemon does not hear the bus")
+                sys.exit("a daemon receives nothing from the bus")
             self.send(WRITE, device)
         time.sleep(0.01)
         device.control.recv(2000)
@@ -162,7 +162,7 @@ class Fleet:
         delay = time.perf_counter_ns() - start
         if path != "write":
             self.reports.recv(2000)
-        time.sleep(0.002 + 0.00005 * len(self.devices))  # all have had the datagram and sleep
+        time.sleep(0.002 + 0.00005 * len(self.devices))  # until all daemons sleep again
         return delay / 1000
 
     def measure(self, path):
@@ -190,7 +190,7 @@ class Fleet:
                 "lost_percent": 100 * lost / (BURST * len(self.devices))}
 
     def burst_of_reports(self):
-        """All devices at once, to a peer with the system's own buffer that reads as it can."""
+        """All devices report at once, to a peer with the system's default buffer."""
         each = max(1, BURST // len(self.devices))
         for _ in range(each):
             for device in self.devices:
@@ -206,7 +206,7 @@ class Fleet:
 
 
 class RemoteServer:
-    """Sits on the studio's host and says nothing; the daemon follows its input 1."""
+    """A silent server on the studio's host; the daemon follows its input 1."""
 
     def __init__(self, number, device):
         self.port = 10000 + number
@@ -228,7 +228,7 @@ class RemoteServer:
         return self.connection is not None
 
     def go(self):
-        """And come back, which the daemon finds out with its next sweep."""
+        """Closes the connection, but keeps listening: the daemon's next sweep reconnects."""
         self.connection.close()
         self.connection = None
 
@@ -238,7 +238,7 @@ class RemoteServer:
 
 
 def sweep_of_servers(fleet, servers):
-    """Delays of writes while all servers drop their connections and until all have new ones."""
+    """Delays of writes from when the servers close their connections until all have new ones."""
     delays = []
     for server in servers:
         server.go()
@@ -251,7 +251,7 @@ def sweep_of_servers(fleet, servers):
 
 
 def unread_lines(fleet):
-    """How many lines wait for a control server that does not read when the daemon stops."""
+    """How many lines wait for a control server that does not read before the daemon blocks."""
     device, sent = fleet.devices[0], 0
     while True:
         for _ in range(100):
@@ -297,7 +297,7 @@ def show_peers():
 
 
 def busy_ns():
-    """Processor time of the whole machine that was not idle, whoever used it."""
+    """Processor time used on the whole machine, by all programs."""
     with open("/proc/stat") as file:
         fields = [int(field) for field in file.readline().split()[1:9]]
     return (sum(fields) - fields[3] - fields[4]) * 10**9 // os.sysconf("SC_CLK_TCK")

@@ -1,7 +1,6 @@
-// Single operations, beside msgpack-c and protobuf where these do the same. The message is a reply
-// to a read: three items and its pins, of which a reply to one read for a channel has three. Every
-// encoder writes into a buffer that it has used before, and every decoder decodes into an object
-// that it has used before, as far as its interface allows.
+// Single operations, compared with msgpack-c and protobuf where these do the same. The message is a
+// reply to a read: three special items, and pins. Every encoder writes into a buffer, and every
+// decoder into an object, that it has used before, as far as its interface allows.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <msgpack.h>
@@ -29,7 +28,7 @@ const uint32_t OTHER_ITEMS = 3;
 const uint32_t MAX_ITEMS = 4000;
 char encoded[MAX_ITEMS * 16];
 
-// How many items the message of a benchmark has.
+// The number of items in a benchmark's message.
 void item_counts(benchmark::internal::Benchmark* benchmark) {
     benchmark->Arg(6)->Arg(256)->Arg(MAX_ITEMS);
 }
@@ -194,7 +193,7 @@ void lookup(benchmark::State& state, uint32_t step) {
 void lookup_in_order(benchmark::State& state) {
     lookup(state, 1);
 }
-// Backwards: each search walks around the whole message.
+// Backwards: each search goes around the whole message.
 void lookup_worst(benchmark::State& state) {
     lookup(state, static_cast<uint32_t>(state.range(0)) - 1);
 }
@@ -220,7 +219,7 @@ void duplicate_test(benchmark::State& state) {
 }
 BENCHMARK(duplicate_test)->Arg(1)->Arg(32)->Arg(1000)->Arg(50000);
 
-// ---- line framing: lines that come fifty at a time, with the system calls that they take
+// ---- line framing: lines that arrive fifty at a time, system calls included
 
 void line_framing(benchmark::State& state) {
     const int listener = listen_at("127.0.0.1", 0);

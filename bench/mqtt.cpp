@@ -1,5 +1,5 @@
-// The way from a contact at one site to the lamp at another, whatever carries it, beside that of
-// the same payload between two bare clients of the same broker: both in turn. Started by
+// Measures the delay from a contact at one site to the lamp at another, whatever programs carry it,
+// and in turn that of the same payload between two bare clients of the same broker. Started by
 // bench/mqtt.sh:
 //   orvex-mqtt-path NAME RUNS
 #include <fcntl.h>
@@ -23,7 +23,7 @@ namespace {
 
 const char* const TOPIC = "bench/bare";
 
-// Sockets belong to the host that they were made on.
+// Sockets belong to the host on which they were created.
 void GoTo(const std::string& host) {
     const int fd = open(("/run/netns/" + host).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {

@@ -1,4 +1,4 @@
-// What the measured ways between two sites have in common.
+// Shared by the programs that measure the path between two sites.
 #pragma once
 
 #include <mosquitto.h>
@@ -9,7 +9,7 @@
 
 const char* const BROKER = "10.78.0.1";  // the hub of tests/tools/mqtt/world.sh
 
-// As the bridge publishes it.
+// A payload as the bridge publishes it.
 const std::string PAYLOAD =
     R"({"level":"L","state":"told","since":1795591380.336593,"host":"10.77.2.1","pin":"1:2:in1"})";
 const size_t LEVEL_AT = PAYLOAD.find('L');

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Measures the bridge in the world of tests/tools/mqtt/world.sh: mqtt.sh BUILD CHANGES
-# The way from a contact to a far lamp, then so many changes at more than 5000 a second, and its memory.
+# The delay from a contact to a far lamp, then that many changes at more than 5000 per second, and the
+# bridge's memory.
 set -euo pipefail
 bin=$1 changes=$2
 printf 'listener 1883\nallow_anonymous true\nset_tcp_nodelay true\nmax_queued_messages 0\n' >/run/broker.conf
@@ -22,7 +23,7 @@ end() {
 bridges() {
     begin "$bin/tools/mqtt/orvex-mqtt" /run/studio.conf /run/tower.conf
     until grep -qs "is online" /run/studio.mqtt && grep -qs "is online" /run/tower.mqtt; do sleep 0.1; done
-    # The device would answer for its input, which no one presses here.
+    # Waits for the first reads of the input: the device's answer would interfere.
     sleep 1
 }
 for round in 1 2 3; do
@@ -37,8 +38,8 @@ done
 awk '{ name = substr($0, 1, 22); match($0, /median +[0-9]+/); sum[name] += substr($0, RSTART + 6, RLENGTH - 6); count[name]++ }
      END { for (name in sum) if (name ~ /^bare/) clients = sum[name] / count[name]; else if (name ~ /bare,/) bare = sum[name] / count[name]; else ours = sum[name] / count[name]
            printf "the bridges: %.2f times the bare ones, %.2f times two bare clients\n", ours / bare, ours / clients }' /run/ways
-# Of what no event was made: datagrams that found no room at the bridge's sockets, events that the
-# bridge gave up, and those that the broker did.
+# Where events were lost: datagrams at the bridge's full sockets, events dropped by the bridge, and
+# messages dropped by the broker.
 memory() { awk '/VmRSS/ { print $2 }' "/proc/${pids[0]}/status"; }
 ticks() { awk '{ print $14 + $15 }' "/proc/${pids[0]}/stat"; }
 bus_lost() {
@@ -48,7 +49,7 @@ bus_lost() {
     ip netns exec studio awk -v own=" $sockets" 'index(own, " " $10 " ") { n += $13 } END { print n + 0 }' /proc/net/udp
 }
 ip netns exec hub mosquitto_sub -t 'orvex/studio/event/3/#' >/run/events 2>&1 &
-# The broker tells its own figures every 10 s.
+# The broker publishes its own figures every 10 s.
 # shellcheck disable=SC2016 # no variable
 ip netns exec hub mosquitto_sub -t '$SYS/broker/publish/messages/dropped' >/run/dropped 2>&1 &
 sleep 0.5

@@ -1,5 +1,5 @@
-// The least that can carry a contact to a far lamp by a broker: what the bridge is measured
-// against. No states, no links, no outages. Started by bench/mqtt.sh, at each of the two sites:
+// The minimum that links a contact to a far lamp through a broker, to compare the bridge with: it
+// keeps no states and handles no links and outages. Started by bench/mqtt.sh at each site:
 //   orvex-mqtt-bare contact   publishes the payload for each report
 //   orvex-mqtt-bare lamp      writes to the bus for each payload
 #include <arpa/inet.h>

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Runs every measurement, compares it with its target, prints tables and writes JSON.
 
-Times depend on the machine and on what else it does; counts don't. With --counts it measures only
-those, and fails when one misses its target.
+Times depend on the machine and its load; counts don't. With --counts it measures only counts, and
+fails if one misses its target.
 """
 
 import datetime
@@ -29,11 +29,11 @@ TITLES = {
 }
 
 DELAY_EVENTS = 4000
-SHORT, LONG = 100, 300  # events of the two runs whose difference is counted
+SHORT, LONG = 100, 300  # events in the two runs whose difference is counted
 IDLE_SECONDS = 85
 
 MAX_RATIO = 1.05
-ITEMS = [6, 256, 4000]  # of the messages that are encoded and decoded
+ITEMS = [6, 256, 4000]  # in the encoded and decoded messages
 SYSCALLS = {"write": 4, "report": 6, "read": 5, "mirror": 5, "reliable": 4}
 ALLOCATIONS = {"write": 0, "report": 1, "read": 1, "mirror": 0, "reliable": 0}
 INSTRUCTIONS = {"write": 1400, "report": 2600, "read": 2600, "mirror": 1200, "reliable": 1300}
@@ -44,7 +44,7 @@ verdicts = []
 
 
 def check(name, value, limit, met=None):
-    """Notes whether a target is met: by default, at most the limit."""
+    """Records whether a target is met: by default, a value of at most the limit."""
     verdicts.append({"target": name, "value": value, "limit": limit,
                      "met": value <= limit if met is None else met})
     return value
@@ -57,11 +57,11 @@ def drive(*words):
     return json.loads(done.stdout)
 
 
-# ---- counts: what a longer run takes more than a shorter one, by event
+# ---- counts: the difference between a longer and a shorter run, per event
 
 
 def per_event(path, count):
-    """count(path, events) gives a dict of totals."""
+    """count(path, events) returns a dict of totals."""
     short, long = count(path, SHORT), count(path, LONG)
     return {key: (long[key] - short.get(key, 0)) / (LONG - SHORT)
             for key in long if long[key] != short.get(key, 0)}
@@ -151,7 +151,7 @@ def micro():
 
 
 def resident_32():
-    """An emulated program's memory is what its emulator has below 4 GiB."""
+    """The memory of an emulated program is its emulator's memory below 4 GiB."""
     with open(f"{BUILD_32}/CMakeCache.txt") as cache:
         native = "ORVEX_RUNS_FOREIGN:BOOL=TRUE" in cache.read()
     command = [DAEMON_32] if native else ["qemu-i386-static", DAEMON_32]

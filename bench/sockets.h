@@ -1,7 +1,7 @@
 // Sockets for measurements; a failure to open one ends the program.
 #pragma once
 
-// "a.b.c.d" and a port, where the socket listens, is bound or is connected to.
+// Sockets that listen on, are bound to or are connected to "a.b.c.d" and a port.
 int listen_at(const char* address, unsigned short port);
 int connect_to(const char* address, unsigned short port);
 int open_udp(const char* address, unsigned short port);  // port 0: any

@@ -5,7 +5,7 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-Wl,--dynamic-linker=${ORVEX_SYSROOT}/lib/${ORVEX_LOADER} \
 -Wl,--disable-new-dtags,-rpath=${ORVEX_SYSROOT}/lib")
 
-# Some kernels refuse programs of another width or kind: try one, and emulate if it does not run.
+# Not every kernel can run programs of this platform: tries one, and emulates if it fails.
 if(NOT DEFINED CACHE{ORVEX_RUNS_FOREIGN})
   set(probe ${CMAKE_BINARY_DIR}/foreign-probe)
   file(WRITE ${probe}.cpp "int main() { return 0; }\n")

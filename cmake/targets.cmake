@@ -1,4 +1,4 @@
-# What every target of the project is compiled with, and the three kinds of target there are:
+# Options of every target in the project, and the three kinds of target:
 #   orvex_library(NAME sources... LINKS libraries...)   a folder of the daemon
 #   orvex_program(NAME sources... LINKS libraries...)   a program
 #   orvex_test(NAME sources... LINKS libraries... [LABELS labels...])   tests (tests/CMakeLists.txt)
@@ -9,14 +9,14 @@ target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(orvex_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -fno-rtti)
 target_compile_definitions(orvex_options INTERFACE ORVEX_VERSION="${PROJECT_VERSION}")
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-  # A 32-bit time_t ends in January 2038.
+  # A 32-bit time_t overflows in January 2038.
   target_compile_definitions(orvex_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
 endif()
 if(ORVEX_WERROR)
   target_compile_options(orvex_options INTERFACE -Werror)
 endif()
 if(ORVEX_SANITIZE)
-  # For everything that is linked together, including GoogleTest. The vptr check would need RTTI.
+  # For everything linked together, including GoogleTest. The vptr check would need RTTI.
   add_compile_options(-fsanitize=${ORVEX_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ORVEX_SANITIZE})

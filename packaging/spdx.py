@@ -6,8 +6,8 @@ Usage: spdx.py write PACKAGE.deb COMMIT DATE BUILD_PACKAGE...   makes PACKAGE.sp
        spdx.py tools PACKAGE.deb         prints the packages that it was built with
 
 The document (SPDX 2.3, JSON) names every file of the package with its checksum, the commit of the
-source, the Debian packages that it was built with, and those that it needs. It says nothing that
-another build of the same commit with the same packages would not say.
+source, the Debian packages that it was built with, and those that it depends on. Another build of the
+same commit with the same packages gives the same document.
 """
 
 import hashlib
@@ -31,7 +31,7 @@ def sha256(data):
 
 
 def files_of(deb):
-    """The regular files of a package: path to contents."""
+    """The regular files of a package: a dict from path to content."""
     with tarfile.open(fileobj=io.BytesIO(run("dpkg-deb", "--fsys-tarfile", deb))) as tar:
         return {entry.name: tar.extractfile(entry).read() for entry in tar if entry.isfile()}
 
@@ -95,16 +95,16 @@ def document(deb, commit, date, tools):
 
 
 def check(deb, told):
-    """What differs between a package and its document."""
+    """The differences between a package and its document."""
     by_ref = {entry["SPDXID"]: entry for entry in told["packages"]}
     files = file_entries(deb)
     if by_ref["SPDXRef-Package"]["checksums"] != checksums(deb.read_bytes()):
-        yield f"{deb.name} is not the file that the document is about"
+        yield f"{deb.name} is not the file that the document describes"
     theirs = {file["fileName"]: file["checksums"] for file in told["files"]}
     ours = {file["fileName"]: file["checksums"] for file in files}
     for name in sorted(theirs.keys() | ours.keys()):
         if theirs.get(name) != ours.get(name):
-            yield f"{name} is not as the document tells"
+            yield f"{name} differs from the document"
 
 
 def main(what, deb, *rest):

@@ -10,7 +10,7 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-# The numbers of the protocol, for the daemon and for its peers.
+# The numbers of the protocol, shared by the daemon and its peers.
 FOR_ALL = {"app/protocol.h"}
 # Tests and benchmarks may include everything.
 FREE = ("tests", "fuzz", "bench")

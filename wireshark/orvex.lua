@@ -17,7 +17,7 @@ local PACKET_VERSION = 7
 local PAYLOAD_VERSION = 2
 local MESSAGE_LAYER = 3
 local DATAGRAM, MESSAGE, ACK, NACK = 0x00, 0x4D, 0x41, 0x4E
-local REPEAT_SECONDS = 10  -- REPEAT_MEMORY_MS of the receivers: so long they know a repeat
+local REPEAT_SECONDS = 10  -- receivers recognise repeats for that long, REPEAT_MEMORY_MS
 local NO_ECHO = "0000000000000000"
 
 local TYPE_NAMES = {

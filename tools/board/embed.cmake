@@ -1,4 +1,4 @@
-# Writes a source file that holds the files of a folder: cmake -DFOLDER=... -DOUT=... -P embed.cmake
+# Writes a source file that contains the files of a folder: cmake -DFOLDER=... -DOUT=... -P embed.cmake
 set(types .html "text/html; charset=utf-8" .css "text/css; charset=utf-8"
           .js "text/javascript; charset=utf-8" .svg "image/svg+xml")
 file(GLOB files RELATIVE ${FOLDER} ${FOLDER}/*)

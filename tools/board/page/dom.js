@@ -1,4 +1,4 @@
-// Makes elements. Texts become text nodes, whatever they hold.
+// Creates elements. Texts become text nodes, so markup in them has no effect.
 
 export function h(name, properties = {}, ...children) {
     const element = document.createElement(name);

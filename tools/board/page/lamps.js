@@ -3,18 +3,18 @@ import { h } from "./dom.js";
 import { now, on, store } from "./store.js";
 import { classOf, levelText, nameOf, rankOf, running, span, whoText } from "./text.js";
 
-const SLICE = 8; // ms of work between two frames: thousands of lamps must not keep the first waiting
+const SLICE = 8; // ms of work between two frames, so that thousands of lamps don't delay the first
 
 const lamps = new Map(); // pin -> its parts
 const groups = new Map(); // key -> its parts
 const sections = []; // the groups in order
-const list = h("div", { className: "groups" }); // stays when another view is shown
+const list = h("div", { className: "groups" }); // kept while another view is shown
 const visible = new Set(); // elements of groups
 const changed = new Set();
 let pending = []; // pins without a lamp yet, the next one last
 let adding = 0;
 let stale = true;
-let shown = 0; // lamps that fit the search
+let shown = 0; // lamps that match the search
 let view = null;
 let words = [];
 let left = { scroll: 0, pin: "" }; // when the view was left
@@ -90,7 +90,7 @@ function headingOf(key) {
     return h("h2", {}, title, title === text ? null : h("small", {}, text));
 }
 
-// Most come in order, so that the place is the end.
+// Most arrive in order, so it searches from the end.
 function insert(parent, all, parts) {
     let at = all.length;
     while (at > 0 && all[at - 1].rank > parts.rank) {
@@ -168,7 +168,7 @@ function build() {
 
 const fits = (parts) => words.every((word) => parts.text.includes(word));
 
-// Lamps of a group that is hidden as a whole are left as they are: that is most of them.
+// Leaves the lamps of a completely hidden group unchanged: most groups are.
 function filterGroup({ element, lamps: all }) {
     const fitting = all.map(fits);
     const count = fitting.filter(Boolean).length;
@@ -197,14 +197,14 @@ function showCount() {
     }
     view.count.textContent = words.length ? `${shown} of ${total} pins` : `${total} pins, ${low} low`;
     view.empty.hidden = shown > 0 || pending.length > 0;
-    view.empty.textContent = total ? "No pin is called so."
-        : "Nothing has been heard yet. Pins appear as devices report them, or when a file of names (--names) or a control server (-r) tells of them.";
+    view.empty.textContent = total ? "No pin matches the search."
+        : "Nothing has been heard yet. Pins appear as devices report them, or when a file of names (--names) or a control server (-r) lists them.";
 }
 
 function draw() {
     drawing = false;
     if (!view) {
-        return; // until it is shown again
+        return;
     }
     for (const pin of changed) {
         const parts = lamps.get(pin);
@@ -227,7 +227,7 @@ on("new", (pin) => {
     pending.push({ pin: pin.pin });
     addSoon();
 });
-// After the board or the bus was away: mostly the same pins.
+// After an outage of board or bus, most pins are the same.
 on("pins", () => {
     const isSame = (pin) => {
         const old = lamps.get(pin.pin)?.pin;
@@ -267,7 +267,7 @@ export function showLamps(main) {
         draw();
         addSoon();
     }
-    // Back to where one was.
+    // Restores the position and the focus.
     const { scroll, pin } = left;
     requestAnimationFrame(() => {
         scrollTo(0, scroll);

@@ -1,10 +1,10 @@
-// Devices, channels, and all that happened.
+// The views of devices, channels and history.
 import { h, row, table } from "./dom.js";
 import { eventRow } from "./pin.js";
 import { ask, now, on } from "./store.js";
 import { span, timeText } from "./text.js";
 
-// Shows what load() makes, again when something of the kind happens and now and then.
+// Shows what load() returns. Refreshes it periodically, and when one of the kinds of event happens.
 function keep(main, title, kinds, pace, load) {
     const body = h("div", {});
     let over = false;
@@ -44,7 +44,7 @@ export function showDevices(main) {
 export function showChannels(main) {
     return keep(main, "Channels of the control server", ["channel"], 5000, async () => {
         const { address, problem, channels } = await ask("/api/v1/channels");
-        return [h("p", { className: "note" }, problem ? `${address}: ${problem}. What is shown is old.` : `As ${address} tells them, read as the daemon reads them.`),
+        return [h("p", { className: "note" }, problem ? `${address}: ${problem}. The table is outdated.` : `As sent by ${address}, interpreted as by the daemon.`),
             table("Channels", ["Output", "Source", "What drives it", "Output pins", "Input pins"], channels.filter((one) => one.configured || one.output || one.input).map((one) =>
                 row("", String(one.channel), one.source ?? "", h("td", { className: "text" }, one.meaning ?? "not configured"), one.output, one.input)))];
     });

@@ -1,4 +1,4 @@
-// Chooses the view by the address, and tells how far what is shown can be relied on.
+// Chooses the view by the address, and shows whether the data can be relied on.
 import { h } from "./dom.js";
 import { showLamps } from "./lamps.js";
 import { showChannels, showDevices, showHistory } from "./lists.js";
@@ -35,17 +35,17 @@ function troubles() {
     const { board } = store;
     const found = [];
     if (store.state === "lost") {
-        found.push(`The board can't be reached${store.since ? `: what is shown is ${span(Date.now() - store.since)} old` : ""}. Trying again.`);
+        found.push(`The board can't be reached${store.since ? `: the data is ${span(Date.now() - store.since)} old` : ""}. Trying again.`);
     }
     if (board && !board.link.up) {
-        found.push(`The bus can't be heard (${board.link.problem}): nothing is known.`);
+        found.push(`The bus can't be heard (${board.link.problem}): no level is known.`);
     }
     if (board?.history.problem) {
         found.push(`The history is not written: ${board.history.problem}`);
     }
     const notice = board?.history.notice;
     if (notice && notice !== sessionStorage.getItem("read")) {
-        found.push(`A new history was begun: ${notice}`);
+        found.push(`A new history was started: ${notice}`);
     }
     if (board?.control?.problem) {
         found.push(`The control server ${board.control.address} is away: ${board.control.problem}`);

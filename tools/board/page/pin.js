@@ -1,4 +1,4 @@
-// One pin: how it is, what it was, and setting it.
+// The view of one pin: its state, its history, and setting it.
 import { h, row, table } from "./dom.js";
 import { askToSet } from "./set.js";
 import { ask, now, on, store } from "./store.js";
@@ -16,7 +16,7 @@ setInterval(() => current?.show(), 500);
 function stateText(pin) {
     const states = {
         told: "told by a device",
-        written: "written, and not told by a device since",
+        written: "written, and not confirmed by a device since",
         unknown: "not known",
     };
     return states[pin.state];
@@ -37,7 +37,7 @@ function facts(pin) {
         rows.push(["Last write", `${level}${duration ? ` for ${duration} ms` : ""} by ${by}, ${span(time - at)} ago` +
             (left ? `, ${(left / 1000).toFixed(1)} s left` : "")]);
         if (pin.denied) {
-            rows.push(["Note", "The device answers high. It does so for all outputs beyond channel 8, whatever they are: nobody knows whether the write was carried out."]);
+            rows.push(["Note", "The device answers high, as it does for all outputs beyond channel 8, whatever their level: whether the write was carried out is not known."]);
         }
     }
     return rows.flatMap(([term, text]) => [h("dt", {}, term), h("dd", {}, text)]);

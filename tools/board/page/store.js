@@ -1,11 +1,11 @@
-// What the board has told, kept up to date by its stream.
+// The data from the board, kept up to date by its stream.
 
-const SILENT_FOR = 12000; // ms; the board beats every 5 s
+const SILENT_FOR = 12000; // ms; the board sends a beat every 5 s
 const AGAIN_IN = 3000;
 
 export const store = {
     pins: new Map(), groups: [], board: null, allowSet: false,
-    offset: 0,          // of the board's clock to this one
+    offset: 0,          // the board's clock minus this one
     state: "connecting", // live, lost
     since: 0,           // when it was last live
     channels: new Map(), devices: new Map(),
@@ -16,7 +16,8 @@ let source = null;
 let heard = 0;
 let loading = false;
 
-// kind: "pin" or "new" (with it), "pins" (all are others), "status", "device", "channel". Returns what ends it.
+// kind: "pin" or "new" (with the pin), "pins" (all have changed), "status", "device", "channel". Returns a
+// function that unsubscribes.
 export function on(kind, listener) {
     const all = listeners.get(kind) ?? new Set();
     listeners.set(kind, all.add(listener));

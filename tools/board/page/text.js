@@ -1,4 +1,4 @@
-// How times, levels and pins read.
+// Times, levels and pins as text.
 
 const clock = new Intl.DateTimeFormat(undefined, {
     year: "numeric", month: "2-digit", day: "2-digit", hour: "2-digit", minute: "2-digit",
@@ -10,7 +10,7 @@ const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit" 
 
 export const timeText = (ms) => clock.format(ms);
 
-// For a line of an axis with one every `step` ms; midnight is told by its date.
+// The label of a line on an axis with one every `step` ms. Midnight is labelled with its date.
 export function axisText(ms, step) {
     const isMidnight = new Date(ms).getHours() === 0 && new Date(ms).getMinutes() === 0;
     return (step >= 86400e3 || (isMidnight && step >= 60e3) ? day : step < 60e3 ? second : minute).format(ms);
@@ -51,7 +51,7 @@ const KINDS = {
 };
 export const kindText = (kind) => KINDS[kind] ?? kind;
 
-// What a write still has to run, in ms; 0 when it has no limit or is over.
+// The remaining duration of a write in ms; 0 if it has no limit or is over.
 export function running(pin, now) {
     const write = pin.write;
     return write && write.duration ? Math.max(0, write.at + write.duration - now) : 0;
@@ -69,7 +69,7 @@ export function whoText(pin, now) {
         return `${write.level} ${(left / 1000).toFixed(1)} s more, ${write.by}`;
     }
     if (pin.state === "written") {
-        return `${write.level} asked by ${write.by}`;
+        return `${write.level} requested by ${write.by}`;
     }
     return write ? `written by ${write.by}` : "";
 }

@@ -1,4 +1,4 @@
-// The level of a pin over time: drawn, zoomed and moved.
+// The level of a pin over time, with zooming and scrolling.
 import { h } from "./dom.js";
 import { ask, now, on } from "./store.js";
 import { axisText, levelText, span, timeText } from "./text.js";
@@ -8,7 +8,7 @@ const MAX_SPAN = 400 * 86400e3;
 const SPANS = [["10 min", 600e3], ["1 h", 3600e3], ["8 h", 8 * 3600e3], ["1 d", 86400e3], ["1 w", 7 * 86400e3], ["4 w", 28 * 86400e3]];
 const STEPS = [1, 2, 5, 10, 20, 30, 60, 120, 300, 600, 1200, 1800, 3600, 7200, 14400, 21600, 43200, 86400, 172800, 604800, 1209600].map((s) => s * 1000);
 
-// Stretches of one level, oldest first. Behind a gap nothing is known until the next telling.
+// Periods of one level, oldest first. After a gap, the level is unknown until it is told again.
 export function stretches(answer, from, until) {
     const marks = [];
     for (const gap of answer.gaps) {
@@ -121,7 +121,7 @@ export function makeTimeline(pin) {
                 hatched.push([part.level === "gap" ? colour.dim : colour.lit, left, Math.max(4, wide)]);
             }
         }
-        // Over all that is beside them, so that short ones are seen.
+        // Drawn last and wide enough, so that short gaps are visible.
         for (const [shade, left, wide] of hatched) {
             hatch(context, left, wide, top, bottom - top, shade, colour.card);
         }
@@ -149,7 +149,7 @@ export function makeTimeline(pin) {
         view.at = time;
         const part = view.parts.find((one) => one.from <= time && time < one.until);
         const words = !part ? "" : part.level === "gap" ? part.text
-            : part.level === "more" ? "more changes than are drawn; zoom in"
+            : part.level === "more" ? "too many changes to draw; zoom in"
                 : levelText(part.level) + (part.host ? `, told by ${part.host}` : "") + (part.text ? ` (${part.text})` : "") + `, for ${span(part.until - part.from)}`;
         const reach = view.span / canvas.clientWidth * 6;
         const write = (view.answer?.events ?? []).find((one) => (one.kind === "written" || one.kind === "set") && Math.abs(one.time - time) < reach);
@@ -241,7 +241,7 @@ export function makeTimeline(pin) {
             h("div", { className: "tools" }, ...presets,
                 button("\u2212", "Zoom out", () => zoom(2)), button("+", "Zoom in", () => zoom(0.5)),
                 button("\u25c0", "Earlier", () => move(-view.span / 2)), button("\u25b6", "Later", () => move(view.span / 2)),
-                button("Now", "Now: follow what happens", () => { view.live = true; refresh(); })),
+                button("Now", "Now: follow live", () => { view.live = true; refresh(); })),
             canvas, output,
             h("p", { className: "note" }, "Filled: low. Line: high. Nothing: not known. Hatched: nothing was heard. Triangles: writes. Wheel and + \u2212 zoom, drag and shift with arrows move, arrows read values.")),
         close() { off(); scheme.removeEventListener("change", draw); clearInterval(timer); clearTimeout(asking); resized.disconnect(); },
