@@ -14,14 +14,14 @@
 namespace {
 
 const char* const DESCRIPTION =
-    "Lists, reads, sets and watches pins on the multicast bus, and finds what is wrong.\n";
+    "Lists, reads, sets and watches pins on the bus, and finds what is wrong.\n";
 
 const char* const NAMES =
-    "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal (0x10) or octal\n"
-    "(010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to c255. After an address of two\n"
-    "numbers the circuit needs no c: 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are one pin, but "
-    "258:8\n"
-    "is an address. A name from the file of names stands for its address or pin.\n";
+    "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal\n"
+    "(0x10) or octal (010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to\n"
+    "c255. After an address of two numbers the circuit needs no c: 258:out1,\n"
+    "1:2:out1, 0x102:c8 and 1:2:8 are one pin, but 258:8 is an address. A name from\n"
+    "the file of names stands for its address or pin.\n";
 
 std::string Footer() {
     std::string text = std::string(NAMES) + "\nExit status:\n";
@@ -117,7 +117,9 @@ Parser::Parser(Options& options) : m_options(options), m_app(DESCRIPTION, APP_NA
     m_app.footer(Footer());
     m_app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
     m_app.require_subcommand(1);
-    m_app.formatter(std::make_shared<ArgumentFormatter>());
+    const auto formatter = std::make_shared<ArgumentFormatter>();
+    formatter->column_width(28);
+    m_app.formatter(formatter);
     for (const OptionSpec& option : OPTIONS) {
         if (option.commands == nullptr) {
             AddOption(m_app, option);

@@ -16,39 +16,42 @@ const ArgumentSpec PINS = {"ADDRESS[:PIN]",   false,  true, Completion::Pin,
                            "Only these pins", AddPins};
 
 const char* const WATCH_DETAILS =
-    "With pins, reads them first, notes those without an answer, and shows only what concerns\n"
-    "them. With --changes, prints a line for each pin that changes: reports and answers of\n"
-    "devices, and writes with their sender, which are not confirmed until a device answers.\n"
-    "Without it, prints all messages. Devices send each message twice; the second one is shown\n"
-    "with --all.\n"
-    "FORMAT has %p pin, %n its name, %x its text, %g its group, %l level, %o level before, %d\n"
-    "duration, %k kind, %s state, %h host, %U seconds since 1970, %t time of day.";
+    "With pins, reads them first, notes those without an answer, and shows only what\n"
+    "concerns them. With --changes, prints a line for each pin that changes: reports\n"
+    "and answers of devices, and writes with their sender, which are not confirmed\n"
+    "until a device answers. Without it, prints all messages. Devices send each\n"
+    "message twice; the second one is shown with --all.\n"
+    "FORMAT has %p pin, %n its name, %x its text, %g its group, %l level, %o level\n"
+    "before, %d duration, %k kind, %s state, %h host, %U seconds since 1970, %t time\n"
+    "of day.";
 
 const char* const RECORD_DETAILS =
-    "The lines are those of watch --json; send plays them back. An existing file is overwritten\n"
-    "only with --force.";
+    "The lines are those of watch --json; send plays them back. An existing file is\n"
+    "overwritten only with --force.";
 
 const char* const SET_DETAILS =
-    "All pins are in one message. A DURATION in ms is rounded to 10 to 310 ms in steps of 10 or\n"
-    "250 to 7750 ms in steps of 250; the pin then returns to its earlier level. Devices do not\n"
-    "answer writes: with --check the pins are read back until each has its level, and the exit\n"
-    "status is 3 if one has not within the time of -W.";
+    "All pins are in one message. A DURATION in ms is rounded to 10 to 310 ms in\n"
+    "steps of 10 or 250 to 7750 ms in steps of 250; the pin then returns to its\n"
+    "earlier level. Devices do not answer writes: with --check the pins are read\n"
+    "back until each has its level, and the exit status is 3 if one has not within\n"
+    "the time of -W.";
 
 const char* const WAIT_DETAILS =
-    "Ends when all pins have their levels, which they may have from the start. Only levels that a\n"
-    "device has told count, not those that were only written. With --edge each pin must change to\n"
-    "its level during the wait. Without --for there is no limit.";
+    "Ends when all pins have their levels, which they may have from the start. Only\n"
+    "levels that a device has told count, not those that were only written. With\n"
+    "--edge each pin must change to its level during the wait. Without --for there\n"
+    "is no limit.";
 
 const char* const LIST_DETAILS =
-    "RANGE is an address, or two joined by '-'; the default is 0 to 255:255. Prints a line for\n"
-    "each address in use: the hosts that answer for it, its five inputs and its five outputs.\n"
-    "0-0xFFFFFF reads all addresses, which takes four minutes.";
+    "RANGE is an address, or two joined by '-'; the default is 0 to 255:255. Prints\n"
+    "a line for each address in use: the hosts that answer for it, its five inputs\n"
+    "and its five outputs. 0-0xFFFFFF reads all addresses, which takes four minutes.";
 
 const char* const SEND_DETAILS =
-    "Accepts what every command prints with --json. A message is sent to its \"port\", or without\n"
-    "one to that of -p, and with acknowledgement if its \"reliable\" is true; only \"id\" and\n"
-    "\"items\" are required. An object about one pin becomes a write, or with such a \"kind\" a\n"
-    "report:\n"
+    "Accepts what every command prints with --json. A message is sent to its \"port\",\n"
+    "or without one to that of -p, and with acknowledgement if its \"reliable\" is\n"
+    "true; only \"id\" and \"items\" are required. An object about one pin becomes a\n"
+    "write, or with such a \"kind\" a report:\n"
     "  {\"pin\":\"1:2:out1\",\"level\":\"L\",\"duration\":500}";
 
 }  // namespace
@@ -61,16 +64,15 @@ const std::vector<CommandSpec> COMMANDS = {
      RunList},
     {"get",
      "Read pins and print their levels",
-     "Prints a line for each pin: its name and L or H. Repeats reads until all are answered or "
-     "the\n"
-     "time of -W is over.",
+     "Prints a line for each pin: its name and L or H. Repeats reads until all are\n"
+     "answered or the time of -W is over.",
      {{"ADDRESS[:PIN]", true, true, Completion::Pin, "A pin, or all pins of an address", AddPins}},
      RunGet},
     {"set",
      "Set pins",
      SET_DETAILS,
      {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinLevel,
-       "LEVEL is L or H (low or high), or L,DURATION or H,DURATION", AddWrite}},
+       "LEVEL is L, H, low or high; L,500 lasts 500 ms", AddWrite}},
      RunSet},
     {"wait",
      "Wait until pins have levels",
@@ -92,56 +94,56 @@ const std::vector<CommandSpec> COMMANDS = {
      RunSend},
     {"channels",
      "Print the channels of the control server",
-     "For each output: its source as written, how the daemon reads it, and the states of output "
-     "and\n"
-     "input. Servers send inputs on request and outputs when they change; '-' means not sent.\n"
-     "A source that does not mean what it seems to mean is explained.",
+     "For each output: its source as written, how the daemon reads it, and the states\n"
+     "of output and input. Servers send inputs on request and outputs when they\n"
+     "change; '-' means not sent. A source that does not mean what it seems to mean\n"
+     "is explained.",
      {},
      RunChannels},
     {"doctor",
-     "Find out what is wrong with the daemon of this device",
-     "Examines process, port, interface, group, connections and queues, queries TQRD and the bus,\n"
-     "and prints a line for each finding: the problem, its cause and its remedy. The exit status\n"
-     "is 1 if something is wrong. Root sees everything; other users see what was left out.",
+     "Find what is wrong with the daemon of this device",
+     "Examines process, port, interface, group, connections and queues, queries TQRD\n"
+     "and the bus, and prints a line for each finding: the problem, its cause and its\n"
+     "remedy. The exit status is 1 if something is wrong. Root sees everything; other\n"
+     "users see what was left out.",
      {},
      RunDoctor},
     {"top",
      "Show every known pin on the full screen",
-     "With an ADDRESS, reads its pins first. Changes are highlighted for a moment and marked '*'.\n"
-     "Typing filters by text in name, pin or writer; Esc shows all, Tab changes the order, Space\n"
-     "pauses, F10 or Ctrl-C quits. With --json, listens for the time of --for (default: 2 s) and\n"
-     "then prints each pin.",
+     "With an ADDRESS, reads its pins first. Changes are highlighted for a moment and\n"
+     "marked '*'. Typing filters by text in name, pin or writer; Esc shows all, Tab\n"
+     "changes the order, Space pauses, F10 or Ctrl-C quits. With --json, listens for\n"
+     "the time of --for (default: 2 s) and then prints each pin.",
      {{"ADDRESS[:PIN]", false, true, Completion::Pin, "Read these first", AddPins}},
      RunTop},
 };
 
 const std::vector<OptionSpec> OPTIONS = {
     {"-i,--interface", "NAME|IP", Completion::Interface, nullptr,
-     "Interface of the bus (default: by the route to the group)",
+     "Interface of the bus (default: by the routes)",
      [](Options& options, const std::string& text) { options.bus.iface = text; }},
     {"-g,--group", "IP", Completion::None, nullptr, "Multicast group (default: 239.192.255.4)",
      SetGroup},
     {"-p,--ports", "SEND[:LISTEN]", Completion::None, nullptr,
-     "Ports to send to and to listen on (default: 2060:2055)", SetPorts},
+     "Ports to send to and listen on (default: 2060:2055)", SetPorts},
     {"-t,--to", "IP", Completion::None, nullptr, "Send to this host instead of the group", SetHost},
-    {"-W,--wait", "SECONDS", Completion::None, nullptr,
-     "How long to wait for answers and acknowledgements (default: 1)", SetWait},
+    {"-W,--wait", "SECONDS", Completion::None, nullptr, "How long to wait for answers (default: 1)",
+     SetWait},
     {"-n,--names", "FILE", Completion::File, nullptr,
-     "File of names (default: $ORVEX_NAMES, else /etc/orvex/names)",
+     "Names (default: $ORVEX_NAMES, or /etc/orvex/names)",
      [](Options& options, const std::string& text) { options.names_file = text; }},
     {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object per line",
      Switch<&Options::json>},
     {"-q,--quiet", nullptr, Completion::None, nullptr, "Print no notes",
      [](Options& options, const std::string&) { options.console.quiet = true; }},
     {"-v,--verbose", nullptr, Completion::None, nullptr,
-     "Print what goes on; show sent messages, and all items",
+     "Print what goes on, sent messages, and all items",
      [](Options& options, const std::string&) { options.console.verbose = true; }},
     {"-r,--reliable", nullptr, Completion::None, "set send",
      "Ask for acknowledgement (by one host of a group)", Switch<&Options::reliable>},
     {"-r,--server", "IP[:PORT]", Completion::None, "channels doctor",
-     "Address of the control server (default: 127.0.0.1:93)", SetServer},
-    {"--plugin", nullptr, Completion::None, "doctor",
-     "One line with performance data, and the exit statuses of a monitoring plugin",
+     "The control server (default: 127.0.0.1:93)", SetServer},
+    {"--plugin", nullptr, Completion::None, "doctor", "Report as a monitoring plugin: in one line",
      Switch<&Options::plugin>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Explain how the daemon reads this field, or line",
@@ -160,7 +162,7 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-a,--all", nullptr, Completion::None, "watch record", "Show repetitions too",
      Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
-     "End after N messages; with pins, after N of their changes", SetCount},
+     "End after N messages, or N changes of the pins", SetCount},
     {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels top",
      "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
@@ -173,7 +175,7 @@ const std::vector<OptionSpec> OPTIONS = {
 
 const std::vector<StatusSpec> STATUSES = {
     {STATUS_DONE, "done"},
-    {STATUS_FAILED, "not sent or refused; no access to the bus or to a file"},
+    {STATUS_FAILED, "not sent or refused; no access to the bus or to a file; doctor: trouble"},
     {STATUS_USAGE, "wrong usage"},
     {STATUS_NO_ANSWER, "no answer, no acknowledgement, or not the levels in time"},
 };
