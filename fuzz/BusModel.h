@@ -129,8 +129,8 @@ private:
             return true;  // an empty message
         }
         // Sizes of numbers, and of the elements after a count, by type.
-        const std::map<uint8_t, size_t> numbers = {{1, 4}, {7, 1}, {8, 2}, {9, 8}};
-        const std::map<uint8_t, size_t> elements = {{2, 1}, {3, 1}, {4, 2}, {5, 4}, {6, 1}};
+        static const std::map<uint8_t, size_t> numbers = {{1, 4}, {7, 1}, {8, 2}, {9, 8}};
+        static const std::map<uint8_t, size_t> elements = {{2, 1}, {3, 1}, {4, 2}, {5, 4}, {6, 1}};
         BusReader reader(payload);
         id = static_cast<uint32_t>(reader.Number(4));
         for (uint64_t left = reader.Number(2); left > 0 && reader.IsGood(); --left) {

@@ -189,8 +189,10 @@ void Game::CheckService() {
     Drain();
     m_Router.UseLoopback();
     std::string lines;
-    for (int n = 1; n <= CHANNEL_COUNT; ++n) {
-        lines += "CFG GPO " + std::to_string(n) + " SRCA=none\n";
+    for (int i = 0; i < CHANNEL_COUNT; ++i) {
+        if (channels[i].proto != KIND_NONE) {
+            lines += "CFG GPO " + std::to_string(i + 1) + " SRCA=none\n";
+        }
     }
     lines += "CFG GPO 1 SRCA=1:2\nCFG GPO 2 SRCA=127.0.0.1:94/3\n";
     m_Router.tqrd.Send(lines);

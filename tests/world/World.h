@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <queue>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -112,7 +114,7 @@ struct Stream {
     Listener* server = nullptr;
     std::string told{};        // to the server, and not yet taken there
     std::string arrived{};     // and not yet read
-    std::deque<Line> lines{};  // what the server has written and the daemon not yet taken
+    std::list<Line> lines{};  // what the server has written and the daemon not yet taken
     int end = -1;              // behind what arrived: 0 the end, an error, -1 neither
     Micros last = 0;           // when the last of what was written arrives
     bool is_closed = false;    // by the daemon
@@ -139,7 +141,7 @@ struct Socket {
     class Writer* writer = nullptr;  // whose it is, null for the daemon's
     uint16_t port = 0;
     std::shared_ptr<Stream> stream{};
-    std::deque<Datagram> datagrams{};
+    std::list<Datagram> datagrams{};
 };
 
 // Something that may happen: how often of all, its name if it is an event of its own, and what.
@@ -169,7 +171,11 @@ public:
     void OneOf(std::initializer_list<Deed> deeds);
 
     // ---- What is counted, and what is said when the daemon does what it must not.
-    void Count(const std::string& what, long by = 1) { counts[what] += by; }
+    void Count(std::string_view what, long by = 1) {
+        if (!is_calm) {
+            counts[std::string(what)] += by;
+        }
+    }
     void Event(const std::string& what);
     void Fault(const std::string& what);
     // Whether this call fails, one in so many, with one of these errors (in errno).

@@ -46,6 +46,12 @@ std::string bytes_of(const void* data, size_t size) {
     return {static_cast<const char*>(data), size};
 }
 
+// What the daemon asks, for the log; nothing where there is none.
+template <class... T>
+std::string asks(const T&... parts) {
+    return world().is_calm ? std::string() : words(parts...);
+}
+
 // The end of a call: its result, and the error of errno.
 int done(Call call) {
     const int err = errno;
@@ -93,13 +99,8 @@ std::string readable_of(const std::string& watched) {
 
 // What a call that reads gives.
 int receive(Call call, bool fails, void* buffer) {
-    if (fails) {
-        call.result = -1;
-        call.got.clear();
-    } else {
-        call.result = static_cast<long>(call.got.size());
-        memcpy(buffer, call.got.data(), call.got.size());
-    }
+    call.result = fails ? -1 : static_cast<long>(call.got.size());
+    memcpy(buffer, call.got.data(), call.got.size());
     return done(std::move(call));
 }
 
@@ -132,7 +133,7 @@ extern "C" int gettimeofday(timeval* time, void* /*zone*/) noexcept {
 
 extern "C" int usleep(useconds_t time) {
     world().Wait(static_cast<Micros>(time));
-    return done({words("usleep", time)});
+    return done({asks("usleep", time)});
 }
 
 // ---- start-up
@@ -147,7 +148,7 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
         return fdopen(open(path, flags, 0666), mode);
     }
     const bool fails = world().Fails("fopen", 20, {EACCES, ENOSPC, EMFILE});
-    done({words("fopen", path, mode), fails ? -1 : 0});
+    done({asks("fopen", path, mode), fails ? -1 : 0});
     return fails ? nullptr : fmemopen(nullptr, 8192, "w");
 }
 
@@ -159,7 +160,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     const Endpoint at = {world().device_ip, 0};
     store(at, &interface->ifr_addr);
     errno = EADDRNOTAVAIL;
-    return done({words("ioctl", fd, interface->ifr_name),
+    return done({asks("ioctl", fd, interface->ifr_name),
                  request != SIOCGIFADDR || at.ip == 0 ? -1 : 0, "", at});
 }
 
@@ -176,7 +177,7 @@ extern "C" int bind(int fd, const sockaddr* address, socklen_t /*size*/) noexcep
     const Endpoint at = endpoint(address);
     const bool fails = world().Fails("bind", 50, {EADDRINUSE, EADDRNOTAVAIL});
     socket_of(fd).port = fails ? 0 : at.port;
-    return done({words("bind", fd, at.Text()), fails ? -1 : 0});
+    return done({asks("bind", fd, at.Text()), fails ? -1 : 0});
 }
 
 extern "C" int setsockopt(int fd, int level, int option, const void* value,
@@ -202,7 +203,7 @@ extern "C" int setsockopt(int fd, int level, int option, const void* value,
     } else if (!w.Fails("setsockopt", 500, {ENOMEM, ENOPROTOOPT})) {
         errno = 0;
     }
-    return done({words("setsockopt", fd, OPTIONS.at({level, option}), data), errno == 0 ? 0 : -1});
+    return done({asks("setsockopt", fd, OPTIONS.at({level, option}), data), errno == 0 ? 0 : -1});
 }
 
 extern "C" int getsockopt(int /*fd*/, int /*level*/, int /*option*/, void* value,
@@ -226,11 +227,11 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t /*size*/) {
         socket_of(fd).stream = stream;
         stream->server->Accept(stream);
     }
-    return done({words("connect", fd, to.Text()), stream != nullptr ? 0 : -1, "", to, stream});
+    return done({asks("connect", fd, to.Text()), stream != nullptr ? 0 : -1, "", to, stream});
 }
 
 extern "C" int shutdown(int fd, int /*how*/) noexcept {
-    return done({words("shutdown", fd)});
+    return done({asks("shutdown", fd)});
 }
 
 extern "C" int close(int fd) {
@@ -243,7 +244,7 @@ extern "C" int close(int fd) {
     }
     world().is_member = world().is_member && socket.port != REQUEST_PORT;
     world().sockets.erase(fd);
-    return done({words("close", fd)});
+    return done({asks("close", fd)});
 }
 
 // ---- reading and writing
@@ -274,7 +275,7 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int /*flags*/) {
             }
         });
     }
-    return done({words("send", fd) + bytes, result});
+    return done({asks("send", fd) + bytes, result});
 }
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t room, int /*flags*/) {
@@ -289,9 +290,12 @@ extern "C" ssize_t recv(int fd, void* buffer, size_t room, int /*flags*/) {
         fails = true;
         errno = stream.end;
     }
-    const std::string got = stream.arrived.substr(0, size);
-    stream.arrived.erase(0, fails ? 0 : size);
-    return receive({words("recv", fd, room), 0, got}, fails, buffer);
+    Call call = {asks("recv", fd, room)};
+    if (!fails) {
+        call.got = stream.arrived.substr(0, size);
+        stream.arrived.erase(0, size);
+    }
+    return receive(std::move(call), fails, buffer);
 }
 
 extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
@@ -318,20 +322,21 @@ extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
     } else if (to.ip != GROUP || w.is_calm) {
         w.Send({w.device_ip, socket.port}, to, bytes);
     }
-    return done({words("sendto", fd, to.Text()) + bytes, result});
+    return done({asks("sendto", fd, to.Text()) + bytes, result});
 }
 
 extern "C" ssize_t recvfrom(int fd, void* buffer, size_t room, int /*flags*/, sockaddr* from,
                             socklen_t* /*from_size*/) {
-    std::deque<Datagram>& waiting = socket_of(fd).datagrams;
-    const Datagram datagram = waiting.front();
+    std::list<Datagram>& waiting = socket_of(fd).datagrams;
     const bool fails = world().Fails("recvfrom", 20000, {EINTR, ENOMEM, ECONNREFUSED});
+    Call call = {asks("recvfrom", fd, room), 0, "", waiting.front().from};
     if (!fails) {
+        call.got = std::move(waiting.front().bytes);
+        call.got.resize(std::min(room, call.got.size()));
+        store(call.from, from);
         waiting.pop_front();
-        store(datagram.from, from);
     }
-    return receive({words("recvfrom", fd, room), 0, datagram.bytes.substr(0, room), datagram.from},
-                   fails, buffer);
+    return receive(std::move(call), fails, buffer);
 }
 
 extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set* /*exceptional*/,
@@ -348,7 +353,7 @@ extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set*
         return w.running->Wait(watched[0], time) ? 1 : 0;
     }
     const bool is_wait = time != 0;
-    Call call = {is_wait ? words("select", time) + watched : "poll " + watched};
+    Call call = {is_wait ? asks("select", time) + watched : "poll " + watched};
     if (is_wait) {
         w.Log(call);
         wait(watched, time);
