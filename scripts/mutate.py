@@ -1,16 +1,18 @@
 """Plants faults and tells which tests see them: see scripts/mutate."""
 import argparse
 import collections
+import concurrent.futures
+import contextlib
 import os
 import random
 import re
 import shutil
 import subprocess
 import sys
+import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-COPY = os.path.join(ROOT, "build/mutate")
 FOLDERS = ("app", "msg", "net", "rudp", "tqr", "gpiocli")
 UNSEEN_BY_DESIGN = re.compile(r"^\s*(//|#|\}|$)|printf|static_assert")
 
@@ -26,17 +28,25 @@ STATEMENT = re.compile(r"^\s+(?!return|break|case|const|static|delete|using|\w+ 
 CALL = re.compile(r"(\w+)\(([\w.*&:]+), ([\w.*&:]+)\)")
 NUMBER = re.compile(r"(?<![\w.])([1-9]\d*)(?![\w.])")
 
-TESTS = [
-    ("world", ["-R", "^world"]),
-    ("replay", ["-R", "^replay"]),
-    ("unit", ["-LE", "e2e|slow|wireshark", "-E", "^(world|replay|completion|manuals|unit$)"]),
+# The steps until somebody sees the fault: of the first all are asked, of the others the next only
+# where nobody saw it. A step is a preset and selections of its tests.
+STEPS = [
+    ("debug", [("world", ["-R", "^world"]),
+               ("replay", ["-R", "^replay"]),
+               ("unit", ["-LE", "e2e|slow|wireshark",
+                         "-E", "^(world|replay|completion|manuals|install|.*unit$)"])]),
+    ("sanitize", [("sanitizers", ["-LE", "e2e|slow|wireshark",
+                                  "-E", "^(completion|manuals|install|.*unit$)"])]),
+    ("debug", [("end to end", ["-L", "e2e|slow", "-LE", "wireshark"])]),
 ]
-END_TO_END = ["-L", "e2e", "-LE", "wireshark"]
+# A network and processes of its own, so that two copies don't meet and nothing outlives a test.
+ALONE = ["unshare", "-n", "-p", "-f", "--mount-proc", "--kill-child"]
+ALONE += [] if os.geteuid() == 0 else ["-U", "-r"]
 
 
 def faults_of(path):
     """All one-line faults of a file, as (line number, new line, what)."""
-    with open(os.path.join(COPY, path), encoding="utf-8") as file:
+    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
         lines = file.read().split("\n")
     for number, line in enumerate(lines):
         if UNSEEN_BY_DESIGN.search(line):
@@ -58,81 +68,121 @@ def faults_of(path):
             yield number, "    ;", f"dropped: {line.strip()}"
 
 
-def run(command, limit):
-    """Whether a command in the copy ends with 0 in time."""
-    try:
-        return subprocess.run(command, cwd=COPY, stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL, timeout=limit, check=False).returncode == 0
-    except subprocess.TimeoutExpired:
-        return False
+class Copy:
+    """A copy of the tree in which one fault after the other is planted."""
+
+    end_to_end = threading.Lock()  # these measure times
+
+    def __init__(self, number):
+        self.folder = os.path.join(ROOT, "build/mutate", str(number))
+        files = subprocess.run(["git", "ls-files", "-co", "--exclude-standard"], cwd=ROOT, check=True,
+                               stdout=subprocess.PIPE, text=True).stdout.split("\n")
+        for name in filter(None, files):
+            source, target = os.path.join(ROOT, name), os.path.join(self.folder, name)
+            if os.path.isfile(source):
+                os.makedirs(os.path.dirname(target), exist_ok=True)
+                shutil.copy2(source, target)
+        for preset, selections in STEPS:
+            if not self.run(["cmake", "--preset", preset], 600) or not self.builds(preset):
+                sys.exit(f"mutate: the copy in {self.folder} does not build")
+            for test, selection in selections:
+                if not self.passes(preset, test, selection):
+                    sys.exit(f"mutate: without a fault, these tests fail in {self.folder}: {test}")
+
+    def run(self, command, limit):
+        """Whether a command in the copy ends with 0 in time."""
+        with subprocess.Popen(command, cwd=self.folder, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL,
+                              env={**os.environ, "TEST_TMPDIR": self.folder}) as process:
+            try:
+                return process.wait(limit) == 0
+            except subprocess.TimeoutExpired:
+                process.kill()
+                return False
+
+    def builds(self, preset):
+        return self.run(["cmake", "--build", "--preset", preset, "-j1"], 3600)
+
+    def passes(self, preset, test, selection):
+        with Copy.end_to_end if test == "end to end" else contextlib.nullcontext():
+            return self.run(ALONE + ["sh", "-c", 'ip link set lo up && exec ctest "$@"', "ctest",
+                                     "--preset", preset, "--timeout", "60", "--stop-on-failure"]
+                            + selection, 600)
+
+    def who_sees(self, path, number, new):
+        """The tests that see the fault; None when it is none to a compiler."""
+        name = os.path.join(self.folder, path)
+        with open(name, encoding="utf-8") as file:
+            text = file.read()
+        lines = text.split("\n")
+        lines[number] = new
+        try:
+            with open(name, "w", encoding="utf-8") as file:
+                file.write("\n".join(lines))
+            for preset, selections in STEPS:
+                if not self.builds(preset):
+                    return None
+                seen = [test for test, selection in selections
+                        if not self.passes(preset, test, selection)]
+                if seen:
+                    return seen
+            return []
+        finally:
+            with open(name, "w", encoding="utf-8") as file:
+                file.write(text)
 
 
-def passes(selection):
-    return run(["ctest", "--preset", "debug", "-j", "2", "--timeout", "60", "--stop-on-failure"]
-               + selection, 300)
+class Sample:
+    """Takes faults until enough were planted that compile, several copies at a time."""
 
+    def __init__(self, faults, wanted):
+        self.faults = iter(faults)
+        self.wanted = wanted
+        self.taken = 0
+        self.lock = threading.Lock()
+        self.counts = collections.Counter()
+        self.unseen = []
 
-def make_copy():
-    files = subprocess.run(["git", "ls-files", "-co", "--exclude-standard"], cwd=ROOT, check=True,
-                           stdout=subprocess.PIPE, text=True).stdout.split("\n")
-    for name in filter(None, files):
-        source, target = os.path.join(ROOT, name), os.path.join(COPY, name)
-        if os.path.isfile(source):
-            os.makedirs(os.path.dirname(target), exist_ok=True)
-            shutil.copy2(source, target)
-    if not (run(["cmake", "--preset", "debug"], 600)
-            and run(["cmake", "--build", "--preset", "debug"], 3600)):
-        sys.exit("mutate: the copy in build/mutate does not build")
+    def next(self):
+        with self.lock:
+            fault = next(self.faults, None) if self.taken < self.wanted else None
+            self.taken += 1 if fault else 0
+            return fault
 
-
-def who_sees(path, number, new):
-    """The tests that see the fault; None when it is none to a compiler."""
-    name = os.path.join(COPY, path)
-    with open(name, encoding="utf-8") as file:
-        text = file.read()
-    lines = text.split("\n")
-    lines[number] = new
-    try:
-        with open(name, "w", encoding="utf-8") as file:
-            file.write("\n".join(lines))
-        if not run(["cmake", "--build", "--preset", "debug"], 1200):
-            return None
-        seen = [test for test, selection in TESTS if not passes(selection)]
-        if not seen and not passes(END_TO_END):
-            seen = ["end to end"]
-        return seen
-    finally:
-        with open(name, "w", encoding="utf-8") as file:
-            file.write(text)
+    def work(self, number):
+        copy = Copy(number)
+        while fault := self.next():
+            path, line, new, what = fault
+            seen = copy.who_sees(path, line, new)
+            with self.lock:
+                if seen is None:
+                    self.taken -= 1
+                    continue
+                self.counts.update(seen or ["none"])
+                self.counts["in all"] += 1
+                place = f"{path}:{line + 1}: {what}"
+                print(f"{self.counts['in all']:4} {', '.join(seen) or 'NONE':24} {place}", flush=True)
+                if not seen:
+                    self.unseen.append(place)
 
 
 def main():
     parser = argparse.ArgumentParser(prog="mutate", add_help=False)
     parser.add_argument("--sample", type=int, default=20)
     parser.add_argument("--seed", type=int, default=time.time_ns() // 1000000 % 1000000000)
+    parser.add_argument("--jobs", type=int, default=os.cpu_count())
     options = parser.parse_args()
     print(f"== mutate: {options.sample} faults, seed {options.seed}", flush=True)
-    make_copy()
     files = subprocess.run(["git", "ls-files"] + [f"{folder}/*.cpp" for folder in FOLDERS], cwd=ROOT,
                            check=True, stdout=subprocess.PIPE, text=True).stdout.split()
     faults = [(path,) + fault for path in files for fault in faults_of(path)]
     random.Random(options.seed).shuffle(faults)
-    counts, unseen, planted = collections.Counter(), [], 0
-    for path, number, new, what in faults:
-        if planted == options.sample:
-            break
-        seen = who_sees(path, number, new)
-        if seen is None:
-            continue
-        planted += 1
-        counts.update(seen or ["none"])
-        place = f"{path}:{number + 1}: {what}"
-        print(f"{', '.join(seen) or 'NONE':24} {place}", flush=True)
-        if not seen:
-            unseen.append(place)
-    print(f"== of {planted} planted, seen by: "
-          + ", ".join(f"{test} {count}" for test, count in sorted(counts.items())))
-    for place in unseen:
+    sample = Sample(faults, options.sample)
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+        list(pool.map(sample.work, range(options.jobs)))
+    print("== seen by: "
+          + ", ".join(f"{test} {count}" for test, count in sorted(sample.counts.items())))
+    for place in sample.unseen:
         print(f"   not seen: {place}")
 
 
