@@ -1,33 +1,17 @@
 #include "bench/sockets.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstdlib>
 
+#include "tests/support/sockets.h"
+
 namespace {
 
-sockaddr_in address_of(const char* address, unsigned short port) {
-    sockaddr_in result = {};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = inet_addr(address);
-    result.sin_port = htons(port);
-    return result;
-}
-
-void enable(int sock, int level, int option) {
-    const int on = 1;
-    require(setsockopt(sock, level, option, &on, sizeof on) == 0, "setsockopt");
-}
-
 int open_bound(int type, const char* address, unsigned short port) {
-    const int sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    const sockaddr_in local = address_of(address, port);
-    enable(sock, SOL_SOCKET, SO_REUSEADDR);
-    require(bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0, "bind");
+    const int sock = bound_socket(type, address, port, SO_REUSEADDR, 1);
+    require(sock != -1, "no socket");
     return sock;
 }
 
@@ -48,9 +32,9 @@ int listen_at(const char* address, unsigned short port) {
 
 int connect_to(const char* address, unsigned short port) {
     const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in peer = address_of(address, port);
-    enable(sock, IPPROTO_TCP, TCP_NODELAY);
-    require(connect(sock, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0, "connect");
+    const int on = 1;
+    require(setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0, "setsockopt");
+    require(connect(sock, Place(address, port), Place::SIZE) == 0, "connect");
     return sock;
 }
 

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -23,14 +24,16 @@ private:
     sockaddr_in m_Address = {};
 };
 
-// A bound socket, with options of the level SOL_SOCKET such as SO_REUSEADDR. Prints the reason if
-// it can't be bound.
+// With one option of the level SOL_SOCKET, such as SO_REUSEADDR. Returns -1, and prints why, when it
+// can't be bound.
 inline int bound_socket(int type, const char* ip, unsigned short port, int option = SO_BROADCAST,
                         int value = 0) {
     const int sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     setsockopt(sock, SOL_SOCKET, option, &value, sizeof value);
     if (bind(sock, Place(ip, port), Place::SIZE) != 0) {
         perror("bind");
+        close(sock);
+        return -1;
     }
     return sock;
 }
