@@ -33,7 +33,7 @@ struct BusItem {
     }
 };
 
-// Numbers, most significant byte first; not good any more after a read past the end.
+// Reads numbers, most significant byte first. IsGood() turns false with a read past the end.
 class BusReader {
 public:
     explicit BusReader(const std::string& bytes) : m_Bytes(bytes) {}
@@ -55,7 +55,7 @@ private:
     size_t m_Pos = 0;
 };
 
-// One datagram and its effects, without repetitions.
+// One datagram and its effects, unless it is a repetition.
 struct BusPacket {
     explicit BusPacket(const std::string& datagram) {
         BusReader header(datagram);
@@ -79,7 +79,7 @@ struct BusPacket {
         }
     }
 
-    // The lines for TQRD when channel numbers[address] has that address and no other has any.
+    // The lines for TQRD. numbers: the channel of each address; other channels have none.
     std::string Lines(const std::map<uint32_t, int>& numbers) const {
         std::string lines;
         for (const BusItem& item : items) {
@@ -105,7 +105,7 @@ struct BusPacket {
     bool IsRead() const { return id == 0x52454144; }
     bool IsWrite() const { return id == 0x57524E49 || id == 0x5752494E; }
 
-    // Which of several items with one tag is found depends on the lookups before.
+    // Which of several items with the same tag is found depends on earlier lookups.
     bool HasTagTwice() const {
         std::set<uint32_t> tags;
         for (const BusItem& item : items) {

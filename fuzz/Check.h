@@ -1,4 +1,4 @@
-// What a fuzz target requires besides not crashing.
+// The conditions that a fuzz target checks.
 #pragma once
 
 #include <unistd.h>

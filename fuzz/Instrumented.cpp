@@ -1,6 +1,6 @@
-// For the memory sanitizer, which takes what Debian's C++ library writes for not written: the
-// library's only functions that are not in its headers and that the fuzz targets use, or what they
-// test.
+// For the memory sanitizer. Debian's C++ library is not instrumented, so whatever it writes counts
+// as uninitialized. These are the only functions used here that are in the library and not in its
+// headers.
 #include <charconv>
 #include <cstdio>
 #include <string>
@@ -31,7 +31,7 @@ string to_string(unsigned long number) {
     return Print("%lu", number);
 }
 
-// What std::to_chars ends in. They return the end of what they wrote.
+// What std::to_chars calls. They return the end of the text.
 namespace __itoa {
 char* __u32toa(uint32_t number, char* text) noexcept {
     return __u64toa(number, text);

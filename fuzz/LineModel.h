@@ -1,4 +1,4 @@
-// What a line client must make of a stream, however it is split into reads.
+// The lines that a client must find in a stream, however the reads split it.
 #pragma once
 
 #include <string>

@@ -21,7 +21,7 @@ void reset(const std::shared_ptr<Stream>& stream) {
 
 }  // namespace
 
-// It lives as long as the sockets of objects that are destroyed last.
+// Never deleted: static objects still close their sockets at exit.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     World* const world = new World(0, std::numeric_limits<Micros>::max());
     world->is_calm = true;

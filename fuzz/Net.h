@@ -25,7 +25,7 @@ public:
     void AcceptAll();         // takes waiting connections
     size_t Count() const { return m_Streams.size(); }
     void Send(const std::string& bytes);  // to every connection
-    std::string Take(size_t wanted = 0);  // what has come, that many bytes at least
+    std::string Take(size_t wanted = 0);  // what has arrived, at least that many bytes
     void Reset();                         // resets all connections, including waiting ones
 
     void Accept(const std::shared_ptr<Stream>& stream) override { m_Waiting.push_back(stream); }
@@ -45,7 +45,7 @@ public:
     UdpPeer& operator=(const UdpPeer&) = delete;
 
     void Send(const std::string& datagram, uint16_t port);
-    std::vector<std::string> Take(size_t wanted = 0);  // what has come, that many at least
+    std::vector<std::string> Take(size_t wanted = 0);  // what has arrived, at least that many
 
 private:
     uint16_t m_Port;

@@ -13,10 +13,10 @@ class Router {
 public:
     static const uint16_t BUS_PORT = 2060;
 
-    // The only one, because the router has one set of endpoints; opens those of the bus.
+    // The only instance, since the router has one set of endpoints. Opens those of the bus.
     static Router& Get();
 
-    // To the state after start-up, with nothing configured; connected: to TQRD.
+    // Back to the state after start-up, with nothing configured. connected: whether to TQRD.
     void Restart(bool connected);
     // Restores the sending of multicasts after "SET" lines.
     void UseLoopback();
@@ -25,7 +25,7 @@ public:
 
     // The number of the channel for each address on the bus. False if channels share one.
     static bool BusChannels(std::map<uint32_t, int>& numbers);
-    // Takes from the group what must be there: reports, each sent twice. Returns the payloads.
+    // Takes reports from the group, checks that each was sent twice, and returns their payloads.
     std::vector<std::string> TakeReports(size_t wanted);
 
     TcpPeer tqrd{40093};

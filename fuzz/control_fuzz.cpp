@@ -33,7 +33,7 @@ std::string state_of(const char* text) {
     return state;
 }
 
-// The items of a report: pins up to the first character that is none.
+// The items of a report: the pins up to the first character that is no level.
 std::string items_of(const char* state, uint32_t ach, int& count) {
     std::string items;
     for (int i = 0; i < PIN_COUNT && state[i] != '\0' && strchr("LHlh", state[i]); ++i) {
@@ -151,7 +151,7 @@ void handle(Router& router, const std::string& line) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Router& router = Router::Get();
-    // Not a stream: the memory sanitizer can't see what the C++ library does inside of one.
+    // Not a stream: the memory sanitizer can't see what the C++ library does inside it.
     const std::string input(reinterpret_cast<const char*>(data), size);
     std::string line = input.substr(0, input.find('\n'));
     router.Restart(line.find('-') == std::string::npos);

@@ -1,4 +1,4 @@
-// The decoder of messages, and what is done with what it made: encoding, copying, dumping.
+// Decodes a message, then encodes, copies and dumps the result.
 #include <cstring>
 #include <memory>
 #include <set>
@@ -10,14 +10,14 @@
 
 namespace {
 
-// From and to blocks of exactly the size, so that every step past an end is seen.
+// From and to blocks of the exact size, so that the sanitizer sees each access past an end.
 unsigned short decode(CMsg2& msg, const char* data, size_t size) {
     const std::unique_ptr<char[]> block(new char[size]);
     memcpy(block.get(), data, size);
     return msg.SetData(block.get(), size);
 }
 
-// Without the bytes, when there are too many of them.
+// Empty when it would be too large.
 std::string encode(const CMsg2& msg) {
     const unsigned long size = msg.GetTrueDataSize();
     CHECK(msg.GetDataSize() == (size & 0xFFFF));
@@ -36,14 +36,15 @@ std::string dump(const CMsg2& msg, int flags) {
 void check_encoding(const CMsg2& msg) {
     const std::string bytes = encode(msg);
     if (bytes.empty()) {
-        return;  // nested messages that were none grew to six bytes each
+        return;  // each invalid nested message became one of six bytes
     }
     CMsg2 again(0, 0);
     CHECK(decode(again, bytes.data(), bytes.size()) == bytes.size());
     CHECK(encode(again) == bytes);
 }
 
-// Whether setters can make the message: each tag once, no unknown type, texts without zeros.
+// Whether the setters could build the message: each tag once, no unknown type, no NUL inside a
+// text.
 bool is_plain(const CMsg2& msg) {
     std::set<uint32_t> tags;
     bool plain = true;

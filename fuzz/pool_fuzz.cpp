@@ -21,7 +21,7 @@ const size_t LINE_SIZE = 2000;
 
 using Event = std::pair<unsigned long, std::string>;
 
-// The pool and what it must be.
+// The pool, compared with a simple model of it.
 class Pool {
 public:
     // cppcheck-suppress uninitMemberVar; each element is set
@@ -176,7 +176,7 @@ int Pool::FirstEntryOf(int server) const {
     return -1;
 }
 
-// The entries that the line concerns and the state that it tells.
+// The entries that a line is for, and the state that it reports.
 bool Pool::Parse(const std::string& line, int server, Event& event) const {
     if (line.compare(0, 4, "GPI ") != 0) {
         return false;

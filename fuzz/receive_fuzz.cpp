@@ -1,5 +1,5 @@
-// The receiving end of the bus over a real socket. Each part of the input is a datagram behind one
-// byte that chooses its sender.
+// The receiving end of the bus. Each part of the input is a byte that chooses the sender, followed
+// by a datagram.
 #include <array>
 #include <map>
 

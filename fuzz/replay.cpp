@@ -1,5 +1,5 @@
-// In place of the fuzzer, in the ordinary tests: gives the target each input that is kept, cut
-// before each of its bytes and with each of its bits changed.
+// Runs a target without the fuzzer, as an ordinary test: on each kept input, on all its
+// truncations, and with each of its bits flipped.
 //   replay_TARGET FOLDER
 #include <algorithm>
 #include <cstdint>
@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
         files.push_back(file.path());
     }
     std::sort(files.begin(), files.end());
-    // What the daemon prints is of no interest.
+    // The daemon's output is not wanted here.
     if (freopen("/dev/null", "w", stdout) == nullptr ||
         freopen("/dev/null", "w", stderr) == nullptr) {
         return 1;

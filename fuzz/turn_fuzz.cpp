@@ -87,8 +87,8 @@ bool Game::IsControlOrRemoteWaiting() const {
     return waiting;
 }
 
-// One at a time, so that it is known which one a turn reads. A turn never waits: where nothing else
-// is to be read, an empty datagram is.
+// One at a time, so that it is known which one a turn reads. A turn never blocks: where nothing
+// else can be read, there is an empty datagram.
 void Game::SendNext() {
     if (m_Queue.empty()) {
         m_Queue.push_back({m_Bus[0].get(), ""});
@@ -126,7 +126,7 @@ void Game::Turn() {
     m_Router.TakeReports(0);
 }
 
-// Whether the packet is surely no repetition of the last one: that one may be forgotten by now.
+// Whether the packet is certainly new. (The daemon may have forgotten the last one by now.)
 bool Game::CheckAnswer(const Datagram& datagram, const BusPacket& packet) {
     std::vector<std::string> answers;
     if (!packet.answer.empty()) {
@@ -142,7 +142,7 @@ bool Game::CheckAnswer(const Datagram& datagram, const BusPacket& packet) {
     return is_new;
 }
 
-// With nothing but one packet to handle, all that comes out is known.
+// When a packet is all that the turn handles, its effects are known exactly.
 void Game::CheckEffects(const BusPacket& packet) {
     std::map<uint32_t, int> numbers;
     if (!Router::BusChannels(numbers) || packet.HasTagTwice()) {
@@ -182,7 +182,7 @@ void Game::Drain() {
     m_Told.clear();
 }
 
-// Whatever was before, the router is of service to peers that come anew.
+// Whatever happened before, the router serves new peers.
 void Game::CheckService() {
     m_Router.tqrd.Reset();
     m_Router.ResetRemotes();
@@ -216,7 +216,7 @@ void Game::CheckService() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 4096) {
-        return -1;  // what it makes the router say might not fit a socket
+        return -1;  // longer inputs find nothing new, and slow the fuzzer down
     }
     Game game;
     for (const std::string& step : split_script(data, size)) {

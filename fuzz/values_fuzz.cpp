@@ -10,8 +10,8 @@
 
 namespace {
 
-// The line with every character that is quoted or escaped, and every quote, replaced by 'x': what
-// is left of its separators separates.
+// The line with every quote, and every quoted or escaped character, replaced by 'x': the separators
+// that remain are those that count.
 std::string bare(const std::string& line) {
     std::string result;
     bool quoted = false;

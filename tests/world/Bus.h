@@ -1,4 +1,4 @@
-// What peers put on the bus.
+// Senders of datagrams on the bus.
 #pragma once
 
 #include <set>
@@ -11,7 +11,7 @@ public:
     Bus(World& world, Tqrd& tqrd) : m_World(world), m_Random(world.random), m_Tqrd(tqrd) {}
 
     void Act() {
-        // Those that a receiver with 17 lists keeps in one of them.
+        // A receiver that hashes into 17 lists keeps these in one of them.
         const uint32_t host = 0x0A000014 + 17 * m_Random.Below(3);
         const Endpoint at = {host, static_cast<uint16_t>(1024 + 17 * m_Random.Below(3))};
         const Endpoint to = {m_Random.OneIn(4) ? m_World.device_ip : GROUP, REQUEST_PORT};
@@ -29,7 +29,7 @@ public:
         }
     }
 
-    // More senders at once than are remembered without more memory.
+    // More senders at once than the daemon remembers without allocating.
     void Crowd() {
         const uint32_t count = 20 + m_Random.Below(60);
         for (uint32_t i = 0; i < count; ++i) {
@@ -39,7 +39,7 @@ public:
         }
     }
 
-    // A message as its bytes, with no tag twice.
+    // The bytes of a message in which each tag occurs once.
     std::string Message() {
         const uint32_t id =
             m_Random.Of({0x57524E49U, 0x5752494EU, 0x52454144U, 0x52454144U, 0x494E4449U});
@@ -69,7 +69,7 @@ private:
         std::string last{};
     };
 
-    // Nearly always a byte, as pins are.
+    // Nearly always a byte, as for pins.
     std::string Item(uint32_t tag) {
         const std::string head = big_endian(tag, 4);
         const uint32_t type = m_Random.OneIn(8) ? m_Random.Below(12) : 7;
@@ -116,7 +116,7 @@ private:
             } else {
                 packet[at] = static_cast<char>(packet[at] ^ 1 << m_Random.Below(8));
             }
-            // Which of two items with one tag is found is another matter.
+            // Which of two items with the same tag the daemon finds is not modelled.
             packet = BusPacket(packet).HasTagTwice() ? whole : packet;
         }
         return packet;

@@ -1,4 +1,4 @@
-// The calls of the daemon one after the other, and what they must be.
+// Compares the daemon's calls, one after the other, with those that are due.
 #pragma once
 
 #include <algorithm>
@@ -67,7 +67,8 @@ protected:
         }
     }
 
-    // The next line, after one look for more. A line behind which the connection has ended is lost.
+    // Takes the next line, after one check for more bytes. Lines still unhandled when the
+    // connection ends are lost.
     bool Take(Connection& connection, Line& line) {
         if (connection.fd == -1) {
             return false;
@@ -104,5 +105,5 @@ protected:
 
     World& m_World;
     size_t m_Next = 0;   // in the log
-    Micros m_Clock = 0;  // when the last call ended
+    Micros m_Clock = 0;  // when the last call returned
 };

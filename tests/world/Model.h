@@ -1,6 +1,5 @@
-// What the daemon owes its peers: a router of its own, written from the protocol. It is told what
-// the daemon read, and says which calls must follow, in which order; the daemon made them, or
-// differs.
+// What the daemon owes its peers: a second router, written from the protocol. From what the daemon
+// has read it derives which calls must follow, and in which order. Any other call is a difference.
 //
 // It follows the daemon from one wait to the next, in the log of its calls.
 #pragma once
@@ -14,14 +13,14 @@
 
 class Model : private Ledger {
 public:
-    // As the daemon begins.
+    // The state of a daemon that has just started.
     Model(World& world, bool is_debug)
         : Ledger(world),
           m_IsDebug(is_debug),
           m_Tid(static_cast<uint32_t>(world.Clock() / SECOND)) {}
 
-    // What has happened since the start, or the last wait, up to this one; false when the daemon
-    // must end instead.
+    // Checks the calls since the start, or since the last wait, up to this one. False when the
+    // daemon must end instead of waiting.
     bool Advance() {
         m_Next = 0;
         const bool goes_on = std::exchange(m_IsStarted, true) ? Turn() : Start();
@@ -31,7 +30,7 @@ public:
         return goes_on;
     }
 
-    // The daemon is gone, and has closed what it had, in the reverse order of construction.
+    // The daemon has ended, and closed its sockets in the reverse order of construction.
     void End() {
         for (const int fd : {m_Client, m_Server}) {
             if (fd >= 0) {
@@ -57,7 +56,7 @@ private:
     static std::string PinItem(uint32_t tag, bool is_low) {
         return big_endian(tag, 4) + '\7' + (is_low ? '\1' : '\0');
     }
-    // By the milliseconds on the clock, seconds and what is left of them apart.
+    // In milliseconds, with seconds and fractions rounded separately, as the daemon does.
     bool IsSweep() const {
         const Micros seconds = m_Clock / SECOND - m_Swept / SECOND;
         return seconds * 1000 + (m_Clock % SECOND - m_Swept % SECOND) / MS > 27000;
@@ -139,8 +138,8 @@ private:
         return true;
     }
 
-    // Up to the wait. The sweep brings back remote connections, each once for all channels that
-    // follow the server; after a failure the next of them tries.
+    // Up to the wait. The sweep reconnects remote servers, each once for all channels that follow
+    // it; after a failure, the next of these channels tries again.
     void BeginTurn() {
         while (m_Control.fd == -1) {
             Expect("usleep", 3400000);
@@ -182,7 +181,7 @@ private:
         }
     }
 
-    // To the input of this channel, or with 0 to those of all that follow the server.
+    // To the input of this channel, or with 0 to the inputs of all channels that follow the server.
     void Subscribe(const Endpoint& server, int number) {
         for (const Channel& channel : m_Channels) {
             if (channel.Follows(server) && (number == 0 || &channel == &m_Channels[number])) {
@@ -340,7 +339,7 @@ private:
         }
     }
 
-    // Pins up to the first character that is none.
+    // The pins up to the first character that is no level.
     void ReportInput(const Channel& channel) {
         std::string pins;
         for (uint32_t i = 0; i < 5 && std::string("HLhl").find(channel.input[i]) < 4; ++i) {
@@ -361,7 +360,7 @@ private:
         for (const BusItem& item : packet.items) {
             request = item.tag == 0xFFFFFFFF && item.type == 1 ? item.number : request;
             data = item.tag == 0xFFFFFFFC && item.type == 9 ? item.number : data;
-            for (int number = CHANNELS; number >= 1; --number) {  // of several the last one answers
+            for (int number = CHANNELS; number >= 1; --number) {  // of several, the last answers
                 const Channel& channel = m_Channels[number];
                 if (channel.source.kind == Source::BUS && channel.source.address == item.tag >> 8 &&
                     item.Pin() < 10) {
@@ -388,7 +387,7 @@ private:
         }
     }
 
-    // When memory is short while a message is handled, what it would bring about may be lost.
+    // When an allocation fails while a message is handled, its effects may be lost.
     bool IsShortOfMemory() {
         if (!IsNext("no memory")) {
             return false;

@@ -1,4 +1,4 @@
-// The peers of the daemon in its world, and what they do by themselves.
+// The servers of control lines, and what they do on their own.
 #pragma once
 
 #include <algorithm>
@@ -34,7 +34,7 @@ public:
 protected:
     virtual void Told(const std::string& line) = 0;
 
-    // A stream arrives in pieces of any size, in order.
+    // The bytes arrive in order, in pieces of any size.
     void Write(Line line) {
         const std::shared_ptr<Stream> stream = m_Stream;
         if (stream == nullptr || stream->is_closed) {
@@ -65,7 +65,7 @@ protected:
         Write({kind, word + Spell(static_cast<uint32_t>(number)) + " " + state, number, {}, state});
     }
 
-    void WriteNonsense() {
+    void WriteMalformed() {
         Line line;
         line.text = m_Random.Of({"",
                                  "GPI",
@@ -92,14 +92,14 @@ protected:
                                  "CFG GPO 3 A=\"SRCA=1:2\"",
                                  "SETNIC_IPADDR=9.9.9.9"});
         if (m_Random.OneIn(200)) {
-            line.text = std::string(1900 + m_Random.Below(200), 'a');  // up to the limit, or beyond
+            line.text = std::string(1900 + m_Random.Below(200), 'a');  // around the limit of 2,000
         } else if (m_Random.OneIn(400)) {
             line.text = std::string("GPI\0 1 L", 8);
         }
         Write(line);
     }
 
-    // Without a word: keep-alive finds that out after two hours.
+    // Without an end of the connection: keep-alive detects that after two hours.
     void Vanish() {
         const std::shared_ptr<Stream> stream = Leave();
         m_World.After(7875 * SECOND, [stream] {
@@ -109,8 +109,8 @@ protected:
         });
     }
 
-    // Ends the connection, behind what was written or at once with an error, and answers otherwise
-    // for a time.
+    // Ends the connection, after what was written or at once with an error, and answers attempts to
+    // connect differently for a time.
     void GoDown() {
         const int error = m_Random.Of({0, 0, ECONNRESET});
         const std::shared_ptr<Stream> stream = Leave();
@@ -167,7 +167,7 @@ public:
     void Act() {
         m_World.OneOf({{1, "remote server down", [this] { GoDown(); }},
                        {1, "remote server vanishes", [this] { Vanish(); }},
-                       {4, "remote nonsense", [this] { WriteNonsense(); }},
+                       {4, "malformed remote line", [this] { WriteMalformed(); }},
                        {194, "remote input", [this] {
                             const int input = m_Random.Of({1, 2, 3, 4, 256});
                             WriteState(Line::GPI, input, AnyState());
@@ -195,7 +195,7 @@ public:
         const int number = 1 + static_cast<int>(m_Random.Below(CHANNELS));
         Channel& channel = m_Channels[number];
         m_World.OneOf({{3, "control server restarts", [this] { Restart(); }},
-                       {7, "interface told", [this] { TellInterface(); }},
+                       {7, "interface reported", [this] { TellInterface(); }},
                        {50, "channel configured",
                         [&] {
                             channel.source = AnySource();
@@ -203,15 +203,15 @@ public:
                                 Write(Configuration(number));
                             }
                         }},
-                       {40, "control nonsense", [this] { WriteNonsense(); }},
-                       {300, "output told", [&] { WriteState(Line::GPO, number, AnyState()); }},
+                       {40, "malformed control line", [this] { WriteMalformed(); }},
+                       {300, "output reported", [&] { WriteState(Line::GPO, number, AnyState()); }},
                        {600, "input", [&] {
                             channel.input = AnyState();
                             WriteState(Line::GPI, number, channel.input);
                         }}});
     }
 
-    // An address on the bus that may be known.
+    // An address on the bus, most often one that a channel has.
     uint32_t AnyAddress() {
         for (int i = 0; i < 8; ++i) {
             const Source& source =

@@ -46,7 +46,7 @@ uint32_t Random::Below(uint32_t limit) {
 }
 
 World::World(uint64_t seed, Micros length) : random(seed), m_Length(length), m_Seed(seed) {
-    // Today, or shortly before the seconds pass 2^31 or 2^32.
+    // The present, or shortly before the clock passes 2^31 or 2^32 seconds.
     clock_offset = random.Of({20782, 20782, 20782, 24854, 49709}) * DAY;
     clock_offset += random.Time(SECOND);
     device_ip = random.OneIn(10) ? 0 : 0x0A000001;
@@ -163,7 +163,7 @@ void World::Differ(const std::string& expected, const std::string& found) {
     _exit(1);
 }
 
-// The lowest number that is free, as the system gives it; away from those that the process has.
+// The lowest free number, as the system would give it, above those that the process really has.
 int World::Open(bool is_stream) {
     int fd = 64;
     while (sockets.count(fd) != 0) {
@@ -184,7 +184,7 @@ bool World::IsReadable(int fd) const {
            (stream != nullptr && (!stream->arrived.empty() || stream->end >= 0));
 }
 
-// A road that loses, repeats, delays and reorders.
+// Loses, repeats, delays and reorders datagrams.
 void World::Send(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
     if (is_calm) {
         Arrive(from, to, bytes);

@@ -1,6 +1,6 @@
-// A world for one daemon: time, a network and what goes wrong there, all from one seed. The
-// daemon's own objects live in it; the system calls that they make are the world's (calls.cpp), and
-// waiting costs nothing. The same seed makes the same world on every platform.
+// A simulated world for one daemon: time, a network and its faults, all derived from one seed. The
+// daemon's own objects run in it; their system calls are replaced (calls.cpp), and waiting takes no
+// real time. The same seed gives the same run on every platform.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ const int CHANNELS = 32;
 std::string quad(uint32_t ip);
 std::string big_endian(uint64_t number, int size);
 
-// Texts and numbers with a blank behind each.
+// The texts and numbers, each followed by a blank.
 template <class... T>
 std::string words(const T&... parts) {
     std::string text;
@@ -45,8 +45,7 @@ std::string words(const T&... parts) {
     return text;
 }
 
-// Numbers that follow from a seed. Take one at a time: the order in which a compiler evaluates the
-// operands of one expression is its own.
+// Pseudo-random numbers. Draw at most one per expression: the order of evaluation is unspecified.
 class Random {
 public:
     explicit Random(uint64_t seed) : m_State(seed) {}
@@ -71,12 +70,12 @@ struct Endpoint {
     std::string Text() const { return quad(ip) + ":" + std::to_string(port); }
 };
 
-// Where an output is driven from, in the words of the protocol.
+// What drives an output.
 struct Source {
     enum Kind { NONE, REMOTE, BUS };
     Kind kind = NONE;
     uint32_t address = 0;  // BUS
-    Endpoint server{};     // REMOTE; of NONE the address 255.255.255.255 when it could not be read
+    Endpoint server{};     // REMOTE; with NONE, 255.255.255.255 for an address that can't be parsed
     int gpi = 0;           // REMOTE, from 1
 
     bool operator==(const Source& o) const {
@@ -84,51 +83,51 @@ struct Source {
     }
 };
 
-// A control line and what it means, as whoever wrote it knows.
+// A control line, and its meaning as its writer intends it.
 struct Line {
     enum Kind { OTHER, CFG, GPI, GPO, SET };
     Kind kind = OTHER;
     std::string text{};
     int number = 0;        // CFG, GPI, GPO
     Source source{};       // CFG
-    std::string state{};   // GPI, GPO: what follows the number
+    std::string state{};   // GPI, GPO: the rest of the line
     uint32_t address = 0;  // SET
 };
 
 struct Stream;
 
-// Who can be connected to.
+// A server that accepts connections.
 class Listener {
 public:
     enum Answer { ACCEPTS, LATE, REFUSES, SILENT, UNREACHABLE };
-    Answer answer = ACCEPTS;  // what becomes of an attempt to connect
+    Answer answer = ACCEPTS;  // the result of an attempt to connect
 
     virtual ~Listener() = default;
     virtual void Accept(const std::shared_ptr<Stream>& stream) = 0;
-    // Told after bytes have come.
+    // Called when bytes have arrived.
     virtual void Hear(Stream& /*stream*/) {}
 };
 
-// A connection as the daemon's end sees it.
+// A connection, seen from the daemon's end.
 struct Stream {
     Listener* server = nullptr;
-    std::string told{};        // to the server, and not yet taken there
-    std::string arrived{};     // and not yet read
-    std::list<Line> lines{};  // what the server has written and the daemon not yet taken
-    int end = -1;              // behind what arrived: 0 the end, an error, -1 neither
-    Micros last = 0;           // when the last of what was written arrives
-    bool is_closed = false;    // by the daemon
-    bool is_left = false;      // by the server
+    std::string told{};       // sent to the server, not yet processed there
+    std::string arrived{};    // not yet read by the daemon
+    std::list<Line> lines{};  // written by the server, not yet handled by the daemon
+    int end = -1;             // after what arrived: 0 for the end, an error, -1 for neither
+    Micros last = 0;          // when the last written byte arrives
+    bool is_closed = false;   // by the daemon
+    bool is_left = false;     // by the server
 };
 
-// One system call of the daemon: what it asked for and what it got.
+// One system call of the daemon: its arguments and its result.
 struct Call {
-    std::string asks{};  // its name, "poll" for a select that does not wait, and what matters of it
+    std::string asks{};  // its name ("poll" for a select() that does not wait) and its arguments
     long result = 0;
-    std::string got{};  // what was received, the sockets that are readable
+    std::string got{};  // the bytes received, or the readable sockets
     Endpoint from{};
     std::shared_ptr<Stream> stream{};  // of connect
-    Micros clock = 0;                  // the time of day when it ended
+    Micros clock = 0;                  // the time of day when it returned
 };
 
 struct Datagram {
@@ -138,13 +137,13 @@ struct Datagram {
 
 struct Socket {
     bool is_stream = false;
-    class Writer* writer = nullptr;  // whose it is, null for the daemon's
+    class Writer* writer = nullptr;  // its owner, null for the daemon
     uint16_t port = 0;
     std::shared_ptr<Stream> stream{};
     std::list<Datagram> datagrams{};
 };
 
-// Something that may happen: how often of all, its name if it is an event of its own, and what.
+// Something that may happen: its relative frequency, its name if it counts as an event, its effect.
 struct Deed {
     uint32_t weight;
     const char* event;
@@ -157,20 +156,20 @@ public:
     ~World();
     World(const World&) = delete;
     World& operator=(const World&) = delete;
-    static World& Get();   // the one in which we are
-    static bool Exists();  // not before main
+    static World& Get();   // the only one
+    static bool Exists();  // false before main()
 
     // ---- Time.
     Micros Now() const { return m_Now; }
-    Micros Clock() const { return m_Now + clock_offset; }  // as the device's clock shows it
+    Micros Clock() const { return m_Now + clock_offset; }  // the device's time of day
     void After(Micros delay, std::function<void()> happens);
-    // Lets time pass until the condition holds or the time is over. Whether it holds.
+    // Lets time pass until the condition holds, or at most that long. Returns whether it holds.
     bool Wait(
         Micros time, const std::function<bool()>& condition = [] { return false; });
     bool IsOver() const { return m_Now >= m_Length; }
     void OneOf(std::initializer_list<Deed> deeds);
 
-    // ---- What is counted, and what is said when the daemon does what it must not.
+    // ---- Counts, the log, and the report of a difference.
     void Count(std::string_view what, long by = 1) {
         if (!is_calm) {
             counts[std::string(what)] += by;
@@ -178,7 +177,7 @@ public:
     }
     void Event(const std::string& what);
     void Fault(const std::string& what);
-    // Whether this call fails, one in so many, with one of these errors (in errno).
+    // Whether this call fails; if so, with one of these errors in errno.
     bool Fails(const char* call, uint32_t one_in, std::initializer_list<int> errors);
     void Log(Call call);
     [[noreturn]] void Differ(const std::string& expected, const std::string& found);
@@ -188,24 +187,24 @@ public:
     bool IsReadable(int fd) const;
     void Send(const Endpoint& from, const Endpoint& to, const std::string& bytes);
 
-    bool is_calm = false;  // nothing fails and nothing takes time by itself
+    bool is_calm = false;  // no faults, no delays, no log
     Random random;
     Micros clock_offset;
     uint32_t device_ip;               // 0: the interface has none
-    bool is_member = false;           // of the group
-    Micros cut_until = 0;             // until then nothing passes
+    bool is_member = false;           // of the multicast group
+    Micros cut_until = 0;             // the cable is cut until then
     long memory_left = -1;            // allocations until one fails, -1 for no limit
-    class Writer* running = nullptr;  // who makes calls now, null for the daemon
+    class Writer* running = nullptr;  // the one that is running, null for the daemon
     std::map<int, Socket> sockets;
     std::map<Endpoint, Listener*> servers;
-    std::map<uint16_t, std::vector<std::string>*> taps;  // where else datagrams arrive, by port
-    std::vector<Call> log;                               // of the daemon, since the last check
+    std::map<uint16_t, std::vector<std::string>*> taps;  // other receivers of datagrams, by port
+    std::vector<Call> log;                               // the daemon's calls since the last check
     std::map<std::string, long> counts;
     uint64_t hash = 14695981039346656037ULL;
     long events = 0;
     long faults = 0;
     std::function<void()> progress = [] {};
-    std::function<void()> waits = [] {};  // when the daemon is about to wait for its peers
+    std::function<void()> waits = [] {};  // called when the daemon is about to wait
     FILE* report = stderr;
 
 private:

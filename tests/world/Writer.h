@@ -1,5 +1,5 @@
-// A peer on the bus that wants its messages acknowledged: the project's own client, on a stack of
-// its own, so that it can wait while the daemon does.
+// A peer on the bus that sends reliable messages: the project's own client, on a stack of its own,
+// so that it can block while the daemon runs.
 #pragma once
 
 #include <ucontext.h>
@@ -14,7 +14,7 @@
 
 class Writer {
 public:
-    // The client is made while the writer runs, since it asks for the time.
+    // The client is constructed while the writer is the one running, since it asks for the time.
     Writer(World& world, uint32_t ip) : address(ip), m_World(world), m_Stack(524288) {
         m_World.running = this;
         // cppcheck-suppress useInitializationList
@@ -38,7 +38,7 @@ public:
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
-    // Sends the message, bytes of the payload, unless it is busy with another.
+    // Sends the message, given as the bytes of its payload, unless another is under way.
     void Give(const std::string& message, const Endpoint& to) {
         if (m_Message.empty()) {
             m_World.Event("reliable message");
@@ -48,7 +48,7 @@ public:
         }
     }
 
-    // ---- For its calls.
+    // ---- For its system calls.
     const uint32_t address;
     int Socket() const { return m_Client->GetSocket(); }
 
@@ -119,8 +119,8 @@ private:
         m_Message.clear();
     }
 
-    // Attempts go out after 62, 124 and 248 ms, to the millisecond, until an answer comes or 566 ms
-    // after the last.
+    // Attempts are 62, 124 and 248 ms apart, to the millisecond, until an answer arrives or until
+    // 566 ms after the last.
     void Check(bool is_sent) const {
         const Micros TIMES[] = {62 * MS, 124 * MS, 248 * MS, 566 * MS};
         m_World.Count("owed: reliable messages");
@@ -144,17 +144,17 @@ private:
         }
     }
 
-    static inline Writer* s_Starting = nullptr;  // whose stack is entered for the first time
+    static inline Writer* s_Starting = nullptr;  // for Run(), which takes no argument
     World& m_World;
     std::unique_ptr<CRUdpLayer3Client> m_Client;
     std::vector<char> m_Stack;
     ucontext_t m_Here;
     ucontext_t m_There;
-    std::string m_Message;  // in hand
+    std::string m_Message;  // being sent
     Endpoint m_To;
     uint64_t m_Waits = 0;
-    std::vector<Micros> m_Attempts;  // when it was sent
-    std::string m_Packet;            // as it left last
-    Micros m_Answered = -1;          // when an answer came that counts
+    std::vector<Micros> m_Attempts;  // the time of each
+    std::string m_Packet;            // as last sent
+    Micros m_Answered = -1;          // when the first valid answer arrived
     bool m_IsRefused = false;
 };

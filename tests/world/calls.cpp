@@ -1,5 +1,5 @@
-// The system calls of the daemon, and of those peers that are made of its client: in place of the C
-// library's, for whatever is linked with the world.
+// The system calls of the daemon, and of the peers that use its client. They replace the C
+// library's in every program that is linked with the world.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -46,13 +46,13 @@ std::string bytes_of(const void* data, size_t size) {
     return {static_cast<const char*>(data), size};
 }
 
-// What the daemon asks, for the log; nothing where there is none.
+// The arguments of a call, for the log; empty where there is no log.
 template <class... T>
 std::string asks(const T&... parts) {
     return world().is_calm ? std::string() : words(parts...);
 }
 
-// The end of a call: its result, and the error of errno.
+// Logs the call and returns its result; keeps errno.
 int done(Call call) {
     const int err = errno;
     const int result = static_cast<int>(call.result);
@@ -63,7 +63,7 @@ int done(Call call) {
     return result;
 }
 
-// Lets an attempt to connect take its time. What becomes of it: 0 or an error.
+// Lets an attempt to connect take its time. Returns 0 or an error.
 int attempt(const Listener* server) {
     struct Outcome {
         const char* fault;
@@ -97,18 +97,18 @@ std::string readable_of(const std::string& watched) {
     return ready;
 }
 
-// What a call that reads gives.
+// The result of a call that reads.
 int receive(Call call, bool fails, void* buffer) {
     call.result = fails ? -1 : static_cast<long>(call.got.size());
     memcpy(buffer, call.got.data(), call.got.size());
     return done(std::move(call));
 }
 
-// A wait of the daemon, until one of these is readable.
+// The daemon waits until one of these is readable.
 void wait(const std::string& watched, Micros limit) {
     World& w = world();
     w.waits();
-    // It may be late: then more than one is readable.
+    // It may wake late: then more than one can be readable.
     if (w.Wait(limit, [&] { return !readable_of(watched).empty() || w.IsOver(); }) && !w.is_calm &&
         w.random.OneIn(3)) {
         w.Wait(w.random.Time(30 * MS));
@@ -117,7 +117,7 @@ void wait(const std::string& watched, Micros limit) {
 
 }  // namespace
 
-// The system's names of the parameters are not for us.
+// The C library names its parameters with reserved names.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 // ---- time
@@ -216,7 +216,7 @@ extern "C" int getsockopt(int /*fd*/, int /*level*/, int /*option*/, void* value
 extern "C" int connect(int fd, const sockaddr* address, socklen_t /*size*/) {
     World& w = world();
     const Endpoint to = endpoint(address);
-    // One at the loopback address serves all of these.
+    // A server at the loopback address serves all of 127.0.0.0/8, and 0.0.0.0.
     const bool is_ours = to.ip >> 24 == LOOPBACK >> 24 || to.ip == 0;
     const auto server = w.servers.find({is_ours ? LOOPBACK : to.ip, to.port});
     errno = attempt(server == w.servers.end() ? nullptr : server->second);

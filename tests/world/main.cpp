@@ -1,4 +1,4 @@
-// Days in the life of the daemon: scripts/simulate runs it.
+// Simulates days of the daemon's life. scripts/simulate runs it.
 //   world DAYS SEED
 #include <unistd.h>
 
@@ -28,7 +28,7 @@ void destroy_endpoints() {
     local.~CTQRClient();
 }
 
-// One process, from its start to its end.
+// One process of the daemon, from start to end.
 void live(World& world) {
     char program[] = "/usr/sbin/orvex";
     char option[] = "-debug";
@@ -67,7 +67,7 @@ void live(World& world) {
     }
 }
 
-// What happens by itself: every two seconds on average, in rushes and with pauses.
+// What happens around the daemon: an event every two seconds on average, in bursts and with pauses.
 class Nature {
 public:
     explicit Nature(World& world) : m_World(world) { Next(); }
@@ -146,7 +146,7 @@ int main(int argc, char** argv) {
                 static_cast<Micros>(strtod(argv[1], nullptr) * static_cast<double>(DAY)));
     FILE* const out = fdopen(dup(STDOUT_FILENO), "w");
     world.report = out;
-    // What the daemon says is for others to look at.
+    // The daemon's own output is not wanted here.
     if (freopen("/dev/null", "w", stdout) == nullptr ||
         freopen("/dev/null", "w", stderr) == nullptr) {
         return 2;

@@ -1,5 +1,5 @@
-// Memory for the daemon, as long as the world has some. Not for the fuzz targets, whose sanitizers
-// have their own.
+// Allocations of the daemon, which can fail. Not linked with the fuzz targets: the sanitizers
+// replace the same functions.
 #include <new>
 
 #include "tests/world/World.h"
