@@ -24,8 +24,8 @@ private:
     sockaddr_in m_Address = {};
 };
 
-// With one option of the level SOL_SOCKET, such as SO_REUSEADDR. Returns -1, and prints why, when it
-// can't be bound.
+// A bound socket, with an option of the level SOL_SOCKET such as SO_REUSEADDR. -1, with the reason
+// printed, when it can't be bound.
 inline int bound_socket(int type, const char* ip, unsigned short port, int option = SO_BROADCAST,
                         int value = 0) {
     const int sock = socket(AF_INET, type | SOCK_CLOEXEC, 0);
