@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Checks that every folder includes only from the folders that its libraries stand on.
+"""Checks that every folder includes only from the folders that its libraries depend on.
 
-The CMakeLists.txt of each folder defines what it stands on.
+The CMakeLists.txt of each folder defines what it depends on.
 """
 
 import pathlib
@@ -55,7 +55,7 @@ def main():
         for line in (ROOT / name).read_text(encoding="utf-8").splitlines():
             found = re.match(r'#include "(.*)/([^/]*)"', line)
             if found and found[1] not in allowed and "/".join(found.groups()) not in FOR_ALL:
-                print(f"{name}: {folder} does not stand on {found[1]}: {line}")
+                print(f"{name}: {folder} does not depend on {found[1]}: {line}")
                 wrong += 1
     return 1 if wrong else 0
 
