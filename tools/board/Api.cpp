@@ -115,7 +115,7 @@ HttpResponse Api::Pins(const HttpRequest&) const {
     OrderedJson head;
     head["stream"] = m_stream.IdBefore(m_stream.Next());
     head["now"] = NowMs();
-    head["board"] = BoardJson(m_board, m_history);
+    head["board"] = m_board.StatusJson();
     head["allow_set"] = m_access.AllowsSet();
     head["groups"] = OrderedJson::array();
     for (const Names::Entry& entry : m_board.GetNames().All()) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tools/board/Json.h"
 #include "tools/bus/PinName.h"
 #include "tools/bus/Question.h"
 
@@ -210,7 +209,7 @@ std::string Board::TellerOf(uint32_t tag, const PinState& state) const {
 const std::string& Board::TextOf(uint32_t tag, const PinState& state) const {
     std::string& text = m_texts[tag];
     if (text.empty()) {
-        text = Dump(PinJson(*this, tag, state));
+        text = Dump(PinJson(tag, state, NotesOf(tag), TellerOf(tag, state), GetNames()));
     }
     return text;
 }
@@ -240,8 +239,21 @@ void Board::Note(EventKind kind, int64_t now, const std::string& text) {
     m_history.Add(std::move(event));
 }
 
+OrderedJson Board::StatusJson() const {
+    OrderedJson json;
+    json["version"] = ORVEX_VERSION;
+    json["link"] = {{"up", m_link_problem.empty()}, {"problem", m_link_problem}};
+    json["history"] = {{"kept", m_history.IsInMemory() ? "memory" : "file"},
+                       {"problem", m_history.Problem()},
+                       {"notice", m_history.Notice()}};
+    json["control"] =
+        HasControl() ? OrderedJson({{"address", ControlAddress()}, {"problem", ControlProblem()}})
+                     : OrderedJson();
+    return json;
+}
+
 void Board::TellStatus() {
-    m_stream.Append("board", Dump(BoardJson(*this, m_history)));
+    m_stream.Append("board", Dump(StatusJson()));
 }
 
 std::vector<std::string> Board::AddressesOf(const std::string& device) const {

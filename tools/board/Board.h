@@ -13,6 +13,7 @@
 #include "net/SvcAddress.h"
 #include "tools/board/EventStream.h"
 #include "tools/board/History.h"
+#include "tools/board/Json.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinStates.h"
@@ -25,21 +26,6 @@ struct BoardSettings {
     uint32_t group = DEFAULT_GROUP;  // host byte order
     std::optional<CSvcAddress> control;
     Names names;
-};
-
-// What viewers are sent about a pin besides its state.
-struct PinNotes {
-    uint64_t changes = 0;
-    std::optional<Level> written;  // by the last write
-    bool lost = false;             // its device no longer answers: unknown
-    bool by_control = false;       // the control server tells it
-};
-
-struct Device {
-    int64_t first = 0;
-    int64_t heard = 0;
-    bool missing = false;
-    uint64_t messages = 0;
 };
 
 // Listens to the bus, reads what is not reported, follows the control server, and passes changes to
@@ -71,6 +57,7 @@ public:
 
     // Sends viewers the state of the board itself.
     void TellStatus();
+    OrderedJson StatusJson() const;
 
     const PinStates& Pins() const { return *m_states; }
     PinNotes NotesOf(uint32_t tag) const;

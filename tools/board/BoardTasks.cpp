@@ -2,7 +2,6 @@
 #include <algorithm>
 
 #include "tools/board/Board.h"
-#include "tools/board/Json.h"
 #include "tools/bus/PinName.h"
 #include "tools/bus/Question.h"
 

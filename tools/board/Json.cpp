@@ -2,9 +2,12 @@
 
 #include <cmath>
 
-#include "tools/board/Board.h"
 #include "tools/bus/Escape.h"
+#include "tools/bus/Interface.h"
+#include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
+#include "tools/bus/PinStates.h"
+#include "tools/tqrd/ChannelTable.h"
 
 namespace {
 
@@ -38,17 +41,17 @@ std::string Dump(const OrderedJson& json) {
     return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
 }
 
-OrderedJson PinJson(const Board& board, uint32_t tag, const PinState& state) {
-    const PinNotes notes = board.NotesOf(tag);
+OrderedJson PinJson(uint32_t tag, const PinState& state, const PinNotes& notes,
+                    const std::string& by, const Names& names) {
     const bool known = state.level && !notes.lost;
     OrderedJson json;
     json["pin"] = PinText(tag);
-    AddNames(json, tag, board.GetNames());
+    AddNames(json, tag, names);
     json["level"] = known ? OrderedJson(LevelLetter(*state.level)) : OrderedJson();
     json["state"] = known ? StatusText(state.status) : "unknown";
     json["since"] = state.since ? OrderedJson(Milliseconds(*state.since)) : OrderedJson();
     if (state.told) {
-        json["by"] = board.TellerOf(tag, state);
+        json["by"] = by;
         json["heard"] = Milliseconds(*state.told);
     }
     if (state.denied) {
@@ -81,19 +84,6 @@ OrderedJson ChannelJson(int number, const ChannelInfo& channel) {
     }
     json["output"] = EscapeBytes(channel.output);
     json["input"] = EscapeBytes(channel.input);
-    return json;
-}
-
-OrderedJson BoardJson(const Board& board, const History& history) {
-    OrderedJson json;
-    json["version"] = ORVEX_VERSION;
-    json["link"] = {{"up", board.LinkProblem().empty()}, {"problem", board.LinkProblem()}};
-    json["history"] = {{"kept", history.IsInMemory() ? "memory" : "file"},
-                       {"problem", history.Problem()},
-                       {"notice", history.Notice()}};
-    json["control"] = board.HasControl() ? OrderedJson({{"address", board.ControlAddress()},
-                                                        {"problem", board.ControlProblem()}})
-                                         : OrderedJson();
     return json;
 }
 
