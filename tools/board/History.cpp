@@ -6,9 +6,14 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <set>
+#include <system_error>
 
 namespace {
+
+namespace fs = std::filesystem;
 
 const int APPLICATION_ID = 0x6F727662;  // "orvb", in the header of the file
 const int64_t RETRY_AFTER = 2000;       // ms
@@ -370,10 +375,31 @@ void History::PutAside(int64_t now) {
         remove(log.c_str());
     }
     remove((m_settings.file + "-shm").c_str());
+    RemoveOldDamaged();
     const std::string told = m_problem + "; the damaged file is now " + aside;
     if (OpenFile()) {
         m_retry = 0;
         m_notice = told;
+    }
+}
+
+// Damage that comes again and again must not fill the disk.
+void History::RemoveOldDamaged() const {
+    const fs::path file = fs::absolute(m_settings.file);
+    const std::string begin = file.filename().string() + ".damaged-";
+    std::set<fs::path> found;  // in the order of their times
+    std::error_code error;
+    fs::directory_iterator entry(file.parent_path(), error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.compare(0, begin.size(), begin) == 0 &&
+            name.find_first_not_of("0123456789", begin.size()) == std::string::npos) {
+            found.insert(entry->path());
+        }
+    }
+    for (; found.size() > KEPT_ASIDE; found.erase(found.begin())) {
+        fs::remove(*found.begin(), error);
+        fs::remove(found.begin()->string() + "-wal", error);
     }
 }
 

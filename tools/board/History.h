@@ -54,13 +54,15 @@ struct HistorySettings {
 // SQLite in write-ahead mode: if the program is killed, everything stored remains. Events are
 // collected and stored in one transaction, within STORE_AFTER of the first. Problem() reports
 // trouble with the file, which affects only the history: events wait, up to a bound, while the disk
-// is full; a damaged history is set aside for a new one; a missing one is created again; a file
-// that is something else is left alone and checked again. Times are milliseconds since 1970.
+// is full; a damaged history is set aside for a new one, and the newest KEPT_ASIDE of them
+// remain; a missing one is created again; a file that is something else is left alone and checked
+// again. Times are milliseconds since 1970.
 class History {
 public:
     static constexpr int STORE_AFTER = 40;  // ms
     static constexpr size_t MAX_WAITING = 50000;
     static constexpr size_t MAX_AT_ONCE = 5000;  // events in one Store(), which bounds its time
+    static constexpr size_t KEPT_ASIDE = 3;
     static constexpr unsigned MAX_ROWS = 10000;  // in one answer
 
     explicit History(HistorySettings settings);
@@ -142,6 +144,7 @@ private:
     void Recover(int64_t now);
     bool IsOurs() const;
     void PutAside(int64_t now);
+    void RemoveOldDamaged() const;
     void Close();
 
     HistorySettings m_settings;

@@ -117,6 +117,10 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
         fs::remove_all(folder);
         fs::create_directory(folder);
         Fill(600);
+        for (char i = '1'; i <= '5'; ++i) {
+            std::ofstream(File(".damaged-100000000") + i) << "earlier";
+            std::ofstream(File(".damaged-100000000") + i + "-wal") << "its log";
+        }
         History history(settings);
         if (row.running) {
             history.Open(START + 5000);
@@ -130,6 +134,12 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
         EXPECT_NE((history.Problem() + history.Notice()).find(row.told), std::string::npos)
             << history.Problem() << history.Notice();
         EXPECT_EQ(history.Problem().empty(), row.outcome != ALONE);
+        const bool is_aside = history.Notice().find(".damaged-") != std::string::npos;
+        for (char i = '1'; i <= '5'; ++i) {
+            const fs::path earlier = File(".damaged-100000000") + i;
+            EXPECT_EQ(fs::exists(earlier), !is_aside || i >= '4') << earlier;
+            EXPECT_EQ(fs::exists(earlier.string() + "-wal"), !is_aside || i >= '4');
+        }
         const size_t count = CountOf(history, now);
         EXPECT_TRUE(row.outcome == KEPT   ? count == 604
                     : row.outcome == ANEW ? count == 3 || count == 4
