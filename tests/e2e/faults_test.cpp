@@ -63,6 +63,15 @@ protected:
         EXPECT_TRUE(Await([] { return !IsArmed(); })) << "no such call was made";
         unlink(FAULT_FILE);
     }
+
+    // A fault while a turn handles the stimulus, and what must be on standard error and output.
+    struct TurnFault {
+        const char* fault;
+        std::function<void()> stimulus;
+        std::string err;
+        std::string out;
+    };
+    std::vector<TurnFault> TurnFaults();
 };
 
 TEST_F(Faults, AtTheStart) {
@@ -125,16 +134,7 @@ TEST_F(Faults, OfTheFirstRequest) {
     EXPECT_TRUE(Works());
 }
 
-TEST_F(Faults, InATurn) {
-    StartPeers();
-    {
-        const Host::Scope on(studio);
-        remote.server.Listen(STUDIO_ADDRESS, 94);
-    }
-    device.Run("ip addr add 10.77.0.3/24 dev eth0");
-    StartFaulty();
-    AwaitRunning();
-    const long descriptors = Descriptors();
+std::vector<Faults::TurnFault> Faults::TurnFaults() {
     const auto control = [this](const char* line) { return [=] { tqrd.server.SendRaw(line); }; };
     const auto follow = [this] { tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:94/9"); };
     const auto mirrored = [this] { remote.server.SendRaw("GPI 1 LLLLL\n"); };
@@ -142,12 +142,7 @@ TEST_F(Faults, InATurn) {
     const std::string unread = "orvex server RUDP:WaitForMsg failed with error: ";
     const std::string unsent = "orvex RUDP:SendMsg failed with error: 1001\n";
     const std::string not_followed = "CGPIOClient Failed to connect to 10.77.0.2:94/8\n";
-    const struct {
-        const char* fault;
-        std::function<void()> stimulus;
-        std::string err;
-        std::string out;
-    } table[] = {
+    return {
         {"select 1 4", control("GPI 3 LLHHH\n"), "", "parse_GPI 3 LLHHH\n"},  // read a turn later
         {"recv 1 104", control("GPI 3 LLLLL\n"),
          "tqrcli: recv() failed err=104\nConnection to TQRD lost\nConnection to TQRD reopened\n",
@@ -174,7 +169,19 @@ TEST_F(Faults, InATurn) {
         {"send 2 32", follow, "", ""},  // the subscription
         {"fopen 1 28", follow, "CGPIOClient::print_cons can't create /var/log/gpiocli.txt\n", ""},
     };
-    for (const auto& row : table) {
+}
+
+TEST_F(Faults, InATurn) {
+    StartPeers();
+    {
+        const Host::Scope on(studio);
+        remote.server.Listen(STUDIO_ADDRESS, 94);
+    }
+    device.Run("ip addr add 10.77.0.3/24 dev eth0");
+    StartFaulty();
+    AwaitRunning();
+    const long descriptors = Descriptors();
+    for (const TurnFault& row : TurnFaults()) {
         SCOPED_TRACE(std::string(row.fault) + ' ' + row.err + row.out);
         ASSERT_FALSE(HasFailure());
         Settle();
@@ -194,7 +201,7 @@ TEST_F(Faults, InATurn) {
     EXPECT_TRUE(Works());
     Settle();
     Arm("select 3 9");
-    mirrored();
+    remote.server.SendRaw("GPI 1 LLLLL\n");
     EXPECT_TRUE(AwaitOut("orvex: select() failed err=9\n"));
     EXPECT_TRUE(Await([&] { return !daemon->IsRunning(); }));
     EXPECT_EQ(daemon->Status(), 2);

@@ -3,7 +3,7 @@ import { h, row, table } from "./dom.js";
 import { askToSet } from "./set.js";
 import { ask, now, on, store } from "./store.js";
 import { classOf, kindText, levelText, nameOf, running, span, timeText } from "./text.js";
-import { makeTimeline } from "./timeline.js";
+import { Timeline } from "./timeline.js";
 
 let current = null;
 
@@ -58,7 +58,7 @@ export function showPin(main, name) {
     const heading = h("h1", {}, name);
     const buttons = h("div", { className: "tools" });
     const past = h("section", { className: "panel" });
-    const timeline = makeTimeline(name);
+    const timeline = new Timeline(name);
     const setting = (level, duration, text) => h("button", { type: "button", on: { click: () => askToSet(pinNow(), level, duration) } }, text);
     let shown = "";
     function show() {
