@@ -1,5 +1,5 @@
 // The numbers of the protocol, for the daemon and for the programs beside it. docs/protocol.md
-// explains them. The tests have copies of their own.
+// explains them. The tests have copies of their own, so that an accidental change fails one.
 #pragma once
 
 #include <cstdint>

@@ -19,6 +19,25 @@ PRINTED = re.compile(r"printf\((?:stderr,)?\s*((?:" + LITERAL + r"\s*)+)(,\s*APP
 TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|BusError|NamesError|Fail|Note|Detail|Error|PrintProblem|Tell"
                   r"|Disconnect|NumberError)\(|fprintf\(stderr|(?:return|reason =|_ERROR =) \"")
 
+# Limits and times: where the code defines them, and what documents say about them.
+LIMITS = [
+    ("rudp/RUdpLayer1Base.h", "REPEAT_MEMORY_MS", lambda ms: ms / 1000,
+     {"docs/protocol.md": "remembered for at least {} seconds", "SECURITY.md": "remembered for {} seconds",
+      "docs/man/orvex-protocol.7": "remembered for {} seconds", "wireshark/orvex.lua": "REPEAT_SECONDS = {} "}),
+    ("app/mainloop.cpp", "RECONNECT_PAUSE_US", lambda us: us / 1e6,
+     {"docs/protocol.md": "waits {} seconds before each new connection", "docs/man/orvex.8": "tries every {} seconds"}),
+    ("app/mainloop.cpp", "SWEEP_PERIOD_MS", lambda ms: ms / 1000,
+     {"docs/protocol.md": "connects again {} to", "docs/man/orvex.8": "are at least {} seconds apart"}),
+    ("app/mainloop.cpp", "SWEEP_PERIOD_MS", lambda ms: ms / 500,
+     {"docs/protocol.md": "to {} seconds after it lost", "docs/man/orvex.8": "comes after 27 to {} seconds",
+      "tools/doctor/ServerChecks.cpp": "wait {} seconds: the daemon retries"}),
+    ("tqr/tqrcli.h", "LINE_SIZE", lambda size: size - 1,
+     {"docs/protocol.md": "more than {} characters ends", "docs/man/orvex-protocol.7": "at most {} characters long",
+      "docs/wireshark.md": "more than {} characters", "wireshark/orvex_line.lua": "MAX_LINE = {} "}),
+    ("app/protocol.h", "HIGHEST_FOLLOWED", lambda channel: channel,
+     {"docs/protocol.md": "used for channels 1 to {} |", "docs/man/orvex.8": "Outputs of channels 1 to {} can be read"}),
+]
+
 
 def text_of(path):
     """A manual as displayed, with each run of blanks as one."""
@@ -81,6 +100,13 @@ class ManualsTest(unittest.TestCase):
             parts = {part for part in parts if re.search("[a-z]{2}", part) and "%" not in part}
             self.assertGreater(len(parts), 20)
             self.assertEqual(sorted(part for part in parts if part not in manual), [], name)
+
+    def test_limits(self):
+        for source, name, unit, documents in LIMITS:
+            value = re.search(rf"\b{name} = (\d+);", (ROOT / source).read_text("utf-8"))[1]
+            for document, sentence in documents.items():
+                text = " ".join((ROOT / document).read_text("utf-8").replace(",", "").split())
+                self.assertIn(sentence.format(f"{unit(int(value)):g}"), text, f"{name}: {document}")
 
     def test_verbs(self):
         shown = subprocess.run([CTL, "--completion", "bash"], check=True, capture_output=True,
