@@ -91,7 +91,7 @@ unsigned char read_pin(const Channel& channel, int pin) {
     return tolower(static_cast<unsigned char>(state)) == 'l' ? 1 : 0;
 }
 
-// Without memory there is no reply: an incomplete one would be taken for the whole.
+// If memory is short there is no reply: an incomplete one would be taken for a complete one.
 void answer_read(CMessage& request, unsigned long request_id) {
     CMessage reply(MSG_SIZE, MSG_GROW_BY);
     reply.SetId(ID_REPORT);

@@ -20,9 +20,9 @@ int set_tcp_option(int sock, int option, int value) {
     return setsockopt(sock, IPPROTO_TCP, option, &value, sizeof value);
 }
 
-// A peer that does not read still answers window probes and retransmissions: it owes an answer only
-// if the last segment sent has had none.
-bool owes_answer(const tcp_info& info) {
+// A peer that does not read still answers window probes and retransmissions, so it is waited for
+// only if the last segment sent has not been answered.
+bool is_unanswered(const tcp_info& info) {
     return info.tcpi_probes > 0 ||
            (info.tcpi_unacked > 0 && info.tcpi_last_data_sent < info.tcpi_last_ack_recv);
 }
@@ -57,7 +57,7 @@ bool CPeerWatch::HasVanished(int sock, unsigned int peer_ms) {
     tcp_info info = {};
     socklen_t size = sizeof info;
     const bool owes =
-        getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && owes_answer(info);
+        getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && is_unanswered(info);
     const long long now = monotonic_ms();
     if (!owes || info.tcpi_last_ack_recv < now - m_answered) {
         m_answered = now;

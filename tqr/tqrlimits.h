@@ -18,16 +18,16 @@ int set_keep_alive(int sock, unsigned int peer_ms);
 // How often to call CPeerWatch::HasVanished, in milliseconds.
 unsigned int peer_watch_period(unsigned int peer_ms);
 
-// Notices that the peer of one connection has vanished while data was in flight: keep-alive sends
-// no probes then. TCP_USER_TIMEOUT would also end the connection to a peer that answers but does
+// Detects that the peer of one connection has vanished while data was in flight, when keep-alive
+// sends no probes. TCP_USER_TIMEOUT would also end the connection to a peer that answers but does
 // not read.
 class CPeerWatch {
 public:
-    // Examines the socket. True if the peer owes an answer and has given none for half of the
+    // Examines the socket. True if the peer has left data or probes unanswered for half of the
     // limit. Call it once per period; more often is harmless. Together with the time until
-    // keep-alive sends its first probe, that notices a vanished peer within the limit.
+    // keep-alive sends its first probe, that detects a vanished peer within the limit.
     bool HasVanished(int sock, unsigned int peer_ms);
 
 private:
-    long long m_answered = 0;  // when the peer last owed no answer, in monotonic milliseconds
+    long long m_answered = 0;  // when nothing was last unanswered, in monotonic milliseconds
 };

@@ -1,8 +1,8 @@
-// The end of a program whose failures are thrown.
+// Runs a program that throws its failures.
 #pragma once
 
 #include <functional>
 
-// Runs the program and returns its exit status. What it throws ends it: standard error tells, after
-// the name of the program, and the exit status is 1.
+// Runs the program and returns its exit status. An exception ends it with status 1 and a message on
+// standard error, after the name of the program.
 int RunMain(const char* name, const std::function<int()>& program);

@@ -16,7 +16,7 @@ const size_t MAX_WRONG = 10;
 const int64_t WRONG_FOR = 60000;  // ms
 const size_t MIN_TOKEN = 16;
 
-// Takes equally long for all tokens of a length, however many characters are right.
+// Takes equally long for all tokens of one length, however many characters are right.
 bool IsSame(const std::string& a, const std::string& b) {
     unsigned char difference = a.size() == b.size() ? 0 : 1;
     for (size_t i = 0; i < a.size() && i < b.size(); ++i) {

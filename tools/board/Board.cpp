@@ -28,7 +28,7 @@ Board::Board(BoardSettings settings, History& history, EventStream& stream)
     WantNamed();
 }
 
-// Everything with a name is shown and read, whether it was heard or not.
+// Pins and addresses with a name are shown and read even if nothing was heard of them.
 void Board::WantNamed() {
     for (const Names::Entry& entry : m_settings.names.All()) {
         for (const uint32_t tag : entry.pins.Tags()) {
@@ -162,7 +162,7 @@ bool Board::HearDevice(const std::string& host, int64_t now) {
     return true;
 }
 
-// Nobody answers for the address any more, or someone does again.
+// The address is no longer answered, or is answered again.
 void Board::SetLost(uint32_t address, bool lost) {
     for (const uint32_t tag : PinRef{address, std::nullopt}.Tags()) {
         SetPinLost(tag, lost);
@@ -205,7 +205,7 @@ std::string Board::TellerOf(uint32_t tag, const PinState& state) const {
                                    : "";
 }
 
-// Every page that is opened gets thousands of pins at once.
+// Cached, because every page that is opened gets thousands of pins at once.
 const std::string& Board::TextOf(uint32_t tag, const PinState& state) const {
     std::string& text = m_texts[tag];
     if (text.empty()) {

@@ -1,4 +1,4 @@
-// What the board knows, and how it learns it.
+// The states that the board shows, and how it gets them.
 #pragma once
 
 #include <chrono>

@@ -36,7 +36,7 @@ void Board::Tick() {
 
 // ---- questions ----
 
-// Reads the address from then on, unless it is read anyway.
+// Reads the address from then on, unless it is already read.
 void Board::Watch(uint32_t address, int64_t due) {
     if (m_addresses.count(address) == 0 && m_addresses.size() < MAX_ADDRESSES) {
         Reschedule(address, m_addresses[address], due);
@@ -156,7 +156,7 @@ void Board::FindLink(int64_t now) {
     TellStatus();
 }
 
-// Everything is unknown now. Viewers see it from the state of the board.
+// All levels are unknown now. Viewers conclude that from the state of the board.
 void Board::LoseLink(int64_t now, const std::string& why) {
     const bool news = m_link_problem != why;
     m_link_problem = why;
@@ -208,7 +208,7 @@ void Board::KeepControl(int64_t now) {
             m_control_asked = false;
             m_table = ChannelTable();
             for (auto& [tag, notes] : m_notes) {
-                notes.by_control = false;  // from here on the answers of devices count
+                notes.by_control = false;  // from now on the answers of devices count
             }
             TellStatus();
         }
@@ -245,7 +245,7 @@ void Board::TakeLine(const std::string& line, int64_t now) {
     m_stream.Append("channel", Dump(ChannelJson(subject.number, m_table.Channel(subject.number))));
 }
 
-// The control server knows its pins best, and first.
+// The control server's states are the most reliable, and come first.
 void Board::TakeChannelState(int number, bool output) {
     const ChannelInfo& channel = m_table.Channel(number);
     const std::string& state = output ? channel.output : channel.input;

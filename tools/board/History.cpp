@@ -301,7 +301,7 @@ int64_t History::Bytes() {
     return pages * Number("PRAGMA page_size");
 }
 
-// The oldest are those with the lowest identifiers.
+// The oldest events have the lowest identifiers.
 bool History::Drop(int64_t now) {
     const bool too_much = Bytes() > m_settings.keep_bytes;
     const int64_t limit = too_much ? now : now - m_settings.keep_ms;
@@ -350,7 +350,7 @@ void History::Recover(int64_t now) {
     }
 }
 
-// Whether the file, damaged or not, has our mark.
+// Whether the file, damaged or not, has our application ID.
 bool History::IsOurs() const {
     char header[72] = {};
     std::ifstream file(m_settings.file, std::ios::binary);

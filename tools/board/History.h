@@ -161,8 +161,8 @@ private:
     int64_t m_start = 0;  // since when events are kept; 0: the file knows it
     int64_t m_retry = 0;
     int m_code = 0;
-    bool m_opened = false;   // whatever the file looks like now, it was a history
-    bool m_foreign = false;  // the file is none of ours
+    bool m_opened = false;   // the file was a history once, whatever it looks like now
+    bool m_foreign = false;  // the file belongs to another program
     std::string m_problem;
     std::string m_notice;
 };

@@ -19,7 +19,7 @@ struct PinNotes {
     uint64_t changes = 0;
     std::optional<Level> written;  // by the last write
     bool lost = false;             // its device no longer answers: unknown
-    bool by_control = false;       // the control server tells it
+    bool by_control = false;       // the control server sends its state
 };
 
 struct Device {

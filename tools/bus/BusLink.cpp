@@ -93,7 +93,7 @@ void BusLink::Listen(Hear what) {
         // Bound to the group: datagrams to this host's own address are for a daemon on it.
         OpenServer(m_requests, m_settings.send_port, HostText(m_settings.group).c_str());
     }
-    // If the routes choose the loopback interface, the system reports no changes of it.
+    // If the routes lead to the loopback interface, the system reports no changes of it.
     m_look = m_interface.index != 0 ? After(LOOK_EVERY) : TimePoint::max();
     m_up = m_interface.IsUsable();
 }

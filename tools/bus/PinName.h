@@ -1,7 +1,7 @@
 // Pins and addresses as people write them.
 //
-//   ADDRESS   a number, or two: a:b is a * 256 + b, b up to 255. Decimal, hexadecimal (0x10) or
-//   octal (010) PIN       in1 to in5, out1 to out5, or a circuit by its number: c0 to c255
+// An ADDRESS is a number, or two: a:b is a * 256 + b, b up to 255. Numbers are decimal, hexadecimal
+// (0x10) or octal (010). A PIN is in1 to in5, out1 to out5, or a circuit by its number: c0 to c255.
 //
 // ADDRESS:PIN is a pin. After an address of two numbers the "c" of a circuit may be omitted:
 // 258:out1, 1:2:out1, 0x102:c8 and 1:2:8 are all one pin, but 258:8 is an address without a pin.

@@ -77,7 +77,7 @@ struct PinChange {
 // the pins that Tend() lists, for instance with AskForPins(). For one thread.
 //
 // Memory is bounded: of pins that were not wanted, only the first ones are stored, up to the limit.
-// Statements about others are skipped and counted.
+// Messages about others are ignored and counted.
 class PinStates {
 public:
     static constexpr size_t DEFAULT_LIMIT = 20000;
@@ -91,8 +91,8 @@ public:
     // Processes a message. Repeats are harmless.
     std::vector<PinChange> Take(const Traffic& traffic, TimePoint now);
 
-    // What happened by the passage of time. Adds the tags of the pins to read now to ask, only as
-    // many at a time as a receive buffer has room for the answers.
+    // Handles what is due. Adds the tags of the pins to read now to ask, at most as many at a time
+    // as a receive buffer has room for the answers.
     std::vector<PinChange> Tend(TimePoint now, std::vector<uint32_t>& ask);
 
     // When to call Tend() next; TimePoint::max() if nothing is due.
@@ -109,7 +109,7 @@ public:
 
     size_t Count() const { return m_pins.size(); }
 
-    // The number of statements about pins that were skipped because of the limit.
+    // The number of messages about pins that were ignored because of the limit.
     uint64_t PassedOver() const { return m_passed_over; }
 
 private:

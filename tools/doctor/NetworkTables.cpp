@@ -38,7 +38,7 @@ std::vector<SocketRow> ReadSockets(const std::string& protocol) {
     std::vector<SocketRow> rows;
     std::ifstream table("/proc/net/" + protocol);
     std::string line;
-    std::getline(table, line);  // the heading
+    std::getline(table, line);  // the column headings
     while (std::getline(table, line)) {
         SocketRow row;
         if (ReadRow(line, row)) {

@@ -17,8 +17,8 @@ const double SIGN_TIME = 10;  // a connection without a returned heartbeat for t
 const double COMPLAIN_EVERY = 5;
 const size_t MOST_UNACKNOWLEDGED = 20;
 const double REST_PAUSE = 0.001;  // seconds
-// In one turn of the loop: a state and an event for each message that PinBook takes in one, so that
-// a burst from the bus does not fill the queue.
+// In one turn of the loop. Enough for a state and an event for each message that PinBook takes in a
+// turn, so that a burst from the bus does not fill the queue.
 const int MOST_PUBLISHED = 1000;
 
 }  // namespace
@@ -158,7 +158,7 @@ void Bridge::BeginAsking() {
     m_pins.AskAll();
 }
 
-// Also checks whether the last ones have come back.
+// Publishes a heartbeat, and checks that the last ones have come back.
 void Bridge::SendSign() {
     m_next_sign = After(SIGN_EVERY);
     if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
@@ -300,8 +300,8 @@ bool Bridge::PublishUrgent() {
     return false;
 }
 
-// What no link waits for. With it at once, the broker and the far bridge would have to share the
-// processor with this one just when they carry a change on.
+// Publishes what no link waits for, after a short rest: at once, it would compete for the processor
+// with the broker and the far bridge just when these handle a change.
 bool Bridge::PublishRest() {
     if (!IsPublishing()) {
         return false;

@@ -74,11 +74,11 @@ private:
     TimePoint m_next_complaint{};
     bool m_has_more = false;
     std::set<uint32_t> m_unannounced;                  // pins to announce to hubs
-    std::set<uint32_t> m_levels;                       // pins whose topic of the level is due
-    TimePoint m_rest = TimePoint::max();               // when what is no state is due; max: at once
+    std::set<uint32_t> m_levels;                       // pins whose level topic is due
+    TimePoint m_rest = TimePoint::max();               // when to call PublishRest(); max: at once
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number
 
-    const std::string m_nonce;  // identifies this bridge among all there have been
+    const std::string m_nonce;  // identifies this run of the bridge
     bool m_was_connected = false;
     bool m_has_claimed = false;  // the site, on this connection
     bool m_is_taken_over = false;

@@ -7,14 +7,14 @@
 
 namespace {
 
-// Hubs read the level from the object, where null means unknown. The topic with the level alone is
-// empty then, which they ignore.
+// Hubs read the level from the object, where null means unknown. They would ignore the empty topic
+// of the level alone.
 const char* const IS_KNOWN = "{{ 'offline' if value_json.level is none else 'online' }}";
 
 }  // namespace
 
 std::string DiscoveryTopic(const MqttConfig& config, uint32_t tag) {
-    // They allow no other characters.
+    // Hubs allow no other characters.
     std::string id = config.prefix + "_" + config.site + "_" + PinText(tag);
     for (char& c : id) {
         c = std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' ? c : '_';

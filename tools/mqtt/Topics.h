@@ -22,13 +22,13 @@ public:
     std::string Sets() const { return m_base + "/set/#"; }
     std::string Device(const std::string& host) const { return m_base + "/device/" + host; }
 
-    // A pin as it is written elsewhere, its parts apart: 1:2:in1 is pin/1/2/in1.
+    // The parts of a pin are separate levels: 1:2:in1 is pin/1/2/in1.
     std::string Pin(const std::string& pin) const { return m_base + "/pin/" + Parts(pin); }
     std::string Level(const std::string& pin) const { return Pin(pin) + "/level"; }
     std::string Event(const std::string& pin) const { return m_base + "/event/" + Parts(pin); }
     std::string Set(const std::string& pin) const { return m_base + "/set/" + Parts(pin); }
 
-    // The pin of a topic of Sets(); empty for another topic.
+    // The pin in a topic that Sets() matches; empty for another topic.
     std::string PinOfSet(const std::string& topic) const;
 
 private:

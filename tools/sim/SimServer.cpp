@@ -269,7 +269,7 @@ void SimServer::SendBytes(Connection& client, const std::string& bytes) {
     }
 }
 
-// Passes as much of the output to the system as it takes without waiting.
+// Passes as much of the output to the system as it accepts without waiting.
 void SimServer::Flush(Connection& client) {
     while (client.socket.IsOpen() && !client.output.empty()) {
         const ssize_t sent =

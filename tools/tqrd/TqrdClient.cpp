@@ -99,7 +99,7 @@ void TqrdClient::FinishConnecting() {
     }
 }
 
-// Passes as much to the system as it takes without waiting.
+// Passes as much to the system as it accepts without waiting.
 void TqrdClient::Flush() {
     while (!m_output.empty()) {
         const ssize_t sent =
