@@ -81,18 +81,20 @@ protected:
     const fs::path folder = fs::temp_directory_path() / ("history-" + std::to_string(getpid()));
     const bool made = fs::create_directory(folder);
     HistorySettings settings;
-};
 
-// Whatever is wrong with the file, the program continues, reports it, and stores new events.
-TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
     enum Outcome { KEPT, ANEW, ALONE };
-    const struct {
+    struct Damage {
         const char* what;
         bool running;  // the file is damaged while it is open
         Outcome outcome;
         const char* told;  // part of the message
         std::function<void(uintmax_t size)> harm;
-    } rows[] = {
+    };
+    std::vector<Damage> Damages();
+};
+
+std::vector<HistoryTest::Damage> HistoryTest::Damages() {
+    return {
         {"nothing", false, KEPT, "", [](uintmax_t) {}},
         {"log", false, KEPT, "", [&](uintmax_t) { std::ofstream(File("-wal")) << "no log"; }},
         {"begin", true, KEPT, "", [&](uintmax_t) { Overwrite(0, 100); }},
@@ -112,7 +114,11 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
              fs::copy_file(Foreign(), File(), fs::copy_options::overwrite_existing);
          }},
     };
-    for (const auto& row : rows) {
+}
+
+// Whatever is wrong with the file, the program continues, reports it, and stores new events.
+TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
+    for (const Damage& row : Damages()) {
         SCOPED_TRACE(std::string(row.what) + (row.running ? ", running" : ""));
         fs::remove_all(folder);
         fs::create_directory(folder);
