@@ -56,10 +56,10 @@ unsigned int peer_watch_period(unsigned int peer_ms) {
 bool CPeerWatch::HasVanished(int sock, unsigned int peer_ms) {
     tcp_info info = {};
     socklen_t size = sizeof info;
-    const bool owes =
+    const bool unanswered =
         getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && is_unanswered(info);
     const long long now = monotonic_ms();
-    if (!owes || info.tcpi_last_ack_recv < now - m_answered) {
+    if (!unanswered || info.tcpi_last_ack_recv < now - m_answered) {
         m_answered = now;
     }
     return now - m_answered >= peer_ms / 2;

@@ -65,7 +65,7 @@ TEST_F(ChannelTable, IgnoresOtherConfigurationLines) {
 }
 
 // Every change of kind: what TQRD is sent, and whether a remote connection is opened and kept.
-TEST_F(ChannelTable, TellsEveryChange) {
+TEST_F(ChannelTable, CarriesOutEveryChange) {
     const std::string sources[][2] = {{"none", "x.y"}, {Remote(1), Remote(258)}, {"1:2", "1:3"}};
     const char* const ends[] = {"", "", "DEL GPI 5\n"};
     const char* const begins[] = {"", "", "ADD GPI 5\n"};
@@ -113,7 +113,7 @@ TEST_F(ChannelTable, FollowsOutputsOfBusChannels1To8) {
 
 // The identifier of a request is looked up first, which decides which value of a repeated tag is
 // written.
-TEST_F(ChannelTable, WritesTheValueBehindTheIdentifier) {
+TEST_F(ChannelTable, WritesTheValueAfterTheIdentifier) {
     channels[0].proto = KIND_BUS;
     channels[0].ach = 0x102;
     CMessage request(MSG_SIZE, MSG_GROW_BY);
@@ -146,7 +146,7 @@ TEST(Settings, FollowTheInterfaceAddress) {
     EXPECT_EQ(url2ip(nullptr), 0U);
 }
 
-TEST(CommandLine, SetsWhatItsWordsSay) {
+TEST(CommandLine, AppliesItsWords) {
     const struct {
         std::vector<const char*> words;
         const char* ip;

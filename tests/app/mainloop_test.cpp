@@ -49,7 +49,7 @@ TEST_F(MainLoop, ForwardsAllLinesOfASharedConnectionInOrder) {
         << "the newline of the first is cut off";
 }
 
-TEST_F(MainLoop, SweepsWhatWasOpenedWithoutMemory) {
+TEST_F(MainLoop, ReconnectsEntriesOpenedWithoutMemory) {
     testing::internal::CaptureStderr();
     memory_is_short = true;
     Follow(4, 1);

@@ -152,7 +152,7 @@ TEST_F(OnTheBus, InputsAreReported) {
 }
 
 // The error codes are the transport's; its tests cover all of them.
-TEST_F(OnTheBus, PacketsWithoutAMessageAreNoted) {
+TEST_F(OnTheBus, PacketsWithoutAMessageAreReported) {
     StartAll();
     const std::string payload = Hex(WRITE + "0001 00003008 07 40");
     const struct {
@@ -202,7 +202,7 @@ TEST_F(OnTheBus, FollowsItsInterface) {
     EXPECT_TRUE(HeardBehind().empty()) << "the earlier membership stays";
 }
 
-TEST_F(OnTheBus, JoinsTheGroupItIsTold) {
+TEST_F(OnTheBus, JoinsTheConfiguredGroup) {
     StartAll({"-debug", "-gpioip", "239.1.1.1"}, "239.1.1.1");
     EXPECT_TRUE(
         AwaitOut("orvex server at port 2060 opened on IF_ANY\n"

@@ -63,7 +63,7 @@ TEST_F(Ctl, SetsPins) {
     EXPECT_EQ(tqrd.heard.size(), 1U);
 }
 
-TEST_F(Ctl, TellsRefusedFromUnanswered) {
+TEST_F(Ctl, DistinguishesRefusedFromUnanswered) {
     CInetSocket peer;
     OpenRaw(peer, 2060);
     const Words arguments = {"set", "-r", "-W", "5", "-t", DEVICE_ADDRESS, "1:2:out1=L"};
@@ -81,7 +81,7 @@ TEST_F(Ctl, TellsRefusedFromUnanswered) {
               "orvexctl: no acknowledgement within 0.1 s\n");
 }
 
-TEST_F(Ctl, WatchesUntilItIsToldToEnd) {
+TEST_F(Ctl, WatchesAsLongAsRequested) {
     StartAll();
     const auto all = StartListener(studio, {"watch", "--all"});
     const auto one = StartListener(studio, {"watch", "1:2:in1"});
@@ -147,7 +147,7 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     ExpectRun({"send", "/run/made"}, 1, "", "orvexctl: /run/made:2: no \"items\"\n");
 }
 
-TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
+TEST_F(Ctl, ContinuesDespiteHostilePackets) {
     StartAll();
     const auto json = StartListener(studio, {"watch", "--json"});
     const auto text = StartListener(studio, {"watch"});
@@ -186,7 +186,7 @@ TEST_F(Ctl, GoesOnWithHostilePacketsOnTheBus) {
     EXPECT_NE(text->Out().find(R"(string "\u001b[2J\\xFF")"), std::string::npos) << text->Out();
 }
 
-TEST_F(Ctl, TellsItsUsage) {
+TEST_F(Ctl, PrintsItsUsage) {
     for (const Words& arguments :
          {Words{}, Words{"frob"}, Words{"get"}, Words{"get", "x"}, Words{"get", "1", "-W", "0"},
           Words{"get", "1", "-g", "10.0.0.1"}, Words{"get", "1", "-p", "0"},

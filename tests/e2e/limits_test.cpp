@@ -21,7 +21,7 @@ protected:
     }
 };
 
-TEST_F(Limits, AServerThatSwallowsStopsTheOthersForTwoSeconds) {
+TEST_F(Limits, AServerThatDoesNotAnswerBlocksForTwoSeconds) {
     StartPeers();
     device.Run("ip neigh add 10.77.0.9 lladdr 02:00:00:00:00:09 dev eth0");  // no such host
     StartDaemon({"-debug"}, {"ORVEX_CONNECT_TIMEOUT=1.999", "ORVEX_PEER_TIMEOUT=2s"});
@@ -35,7 +35,7 @@ TEST_F(Limits, AServerThatSwallowsStopsTheOthersForTwoSeconds) {
 }
 
 // No data is in flight to the remote server, so keep-alive detects it.
-TEST_F(Limits, ACutCableIsNoticedWhileNothingIsSent) {
+TEST_F(Limits, ACutCableIsDetectedWhileNothingIsSent) {
     StartPeers();
     StartDaemon({"-debug"}, {"ORVEX_PEER_TIMEOUT=6"});
     AwaitRunning();
@@ -45,7 +45,7 @@ TEST_F(Limits, ACutCableIsNoticedWhileNothingIsSent) {
 }
 
 // A line is in flight, so keep-alive sends no probes.
-TEST_F(Limits, ACutCableIsNoticedWhileALineIsUnderWay) {
+TEST_F(Limits, ACutCableIsDetectedWhileALineIsInFlight) {
     if (std::string(ORVEX_EMULATOR).find("qemu") != std::string::npos) {
         GTEST_SKIP() << "qemu does not know TCP_INFO";
     }
@@ -67,7 +67,7 @@ TEST_F(Limits, ACutCableIsNoticedWhileALineIsUnderWay) {
 }
 
 // The control server reads nothing for twice the limit: its window is closed, and lines wait.
-TEST_F(Limits, ASlowReaderIsNotCut) {
+TEST_F(Limits, ASlowReaderIsNotDisconnected) {
     const int LINES = 400;
     int listener = -1;
     {

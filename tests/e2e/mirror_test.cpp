@@ -76,7 +76,7 @@ TEST_F(Mirror, FollowsARemoteInput) {
     EXPECT_TRUE(Await([&] { return remote.server.ClientCount() == 0; }));
 }
 
-TEST_F(Site, TellsItsUsage) {
+TEST_F(Site, PrintsItsUsage) {
     StartDaemon({"-r", "1.2.3.4:99", "-help", "-r", "5"});
     ASSERT_TRUE(Await([&] { return !daemon->IsRunning(); }));
     EXPECT_EQ(daemon->Status(), 0);

@@ -30,7 +30,7 @@ protected:
     }
 };
 
-TEST_F(Verbs, SetsAndKnowsThatItIsSo) {
+TEST_F(Verbs, SetsAndChecks) {
     StartAll();
     ExpectRun({"set", "--check", "studio1.onair=L"}, 0, "1:2:out3  L  studio1.onair\n", "");
     EXPECT_EQ(tqrd.Count("GPO 1 xxLxx"), 1);
@@ -111,7 +111,7 @@ TEST_F(Verbs, WatchesChanges) {
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xxLxx DURATION:500"));
 }
 
-TEST_F(Verbs, GoesOnWhenTheInterfaceIsBack) {
+TEST_F(Verbs, ContinuesWhenTheInterfaceIsBack) {
     StartAll();
     const auto watch = StartListener(studio, {"watch", "-C", "-j", "--heartbeat", "0.3"});
     studio.Run("ip link set eth0 down");
@@ -124,7 +124,7 @@ TEST_F(Verbs, GoesOnWhenTheInterfaceIsBack) {
     ASSERT_TRUE(AwaitText(*watch, R"("event":"heartbeat")"));
 }
 
-TEST_F(Verbs, ListsWhatIsThere) {
+TEST_F(Verbs, ListsAddressesInUse) {
     StartAll();
     tqrd.server.Apply("CFG GPO 2 SRCA=300");
     ASSERT_TRUE(AwaitOut("GPO 2 proto=2 ach=12C"));
@@ -140,7 +140,7 @@ TEST_F(Verbs, ListsWhatIsThere) {
     ExpectRun({"list", "-W", "0.2", "3-7"}, 3, "", "orvexctl: no device answered\n");
 }
 
-TEST_F(Verbs, RefusesWithWhatWouldBeRight) {
+TEST_F(Verbs, RefusesWithAHint) {
     StartAll();
     std::ofstream("/run/bad") << "# names\n1:2 studio1\n1:2 other\n";
     const std::ofstream there("/run/there");
@@ -176,7 +176,7 @@ TEST_F(Verbs, RefusesWithWhatWouldBeRight) {
     ExpectRun({"-n", "/dev/null", "get", "1:2:out3"}, 0, "1:2:out3  H\n", "");
 }
 
-TEST_F(Verbs, PlaysFasterAndAgain) {
+TEST_F(Verbs, PlaysBackFasterAndRepeatedly) {
     StartAll();
     std::ofstream("/run/two") << R"({"time":100,"pin":"door","level":"L","kind":"report"})"
                               << "\n"

@@ -62,7 +62,7 @@ TEST_F(GpioClient, HasNoEntriesOutOfRange) {
 }
 
 // The server 0.0.0.0 is this host. Empty entries hold the address 0 too, and follow nothing.
-TEST_F(GpioClient, AnEmptyEntryIsNoEntryOfTheServer0) {
+TEST_F(GpioClient, AnEmptyEntryDoesNotFollowServer0) {
     ASSERT_EQ(client.open(0, 0, server.Port(), 0), 0);
     client.close(0);
     ASSERT_EQ(client.open(1, 0, server.Port(), 0), 0);

@@ -189,7 +189,7 @@ TEST(Container, MergesAndCopies) {
     EXPECT_EQ(dump(a), "[A 00000008=06]");  // an item without a value is not copied
 }
 
-TEST(Container, TakesPointersIntoItself) {
+TEST(Container, AcceptsPointersIntoItself) {
     const unsigned long dwords[] = {1, 2};
     CMsg2 msg(16, 16), sub(16, 16);
     sub.SetId(0x53000000);
@@ -235,7 +235,7 @@ TEST(Container, NamesTags) {
     EXPECT_FALSE(msg.GetItemName(1, name) || msg.GetItemTag(1, tag));
 }
 
-TEST(Message, CopiesAllButTheWayItIsSent) {
+TEST(Message, CopiesAllButItsDelivery) {
     CMessage from(16, 16), to(16, 16);
     from.SetRoutingInfo1(MINUS_ONE, 2055, 7, MINUS_ONE);
     from.SetRel(false);

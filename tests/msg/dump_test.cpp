@@ -61,7 +61,7 @@ TEST(Dump, StaysInItsBuffer) {
     EXPECT_EQ(dump(text), "[ 00000001='" + std::string(length, 'x') + "']");
 }
 
-TEST(Dump, TakesTheTypeOfAMessage) {
+TEST(Dump, UsesTheTypeOfAMessage) {
     char buf[MSG_TEXT_SIZE];
     CMessage msg(16, 16);
     msg.SetMsgType('M');

@@ -104,7 +104,7 @@ const struct {
     {"49440000 0001 00000009 06 0007 58000000 0000", false, "[ID ]", "49440000 0000"},
 };
 
-TEST(Wire, DecodesWhatNobodyEncodes) {
+TEST(Wire, DecodesWhatIsNeverEncoded) {
     for (const auto& v : RECEIVED) {
         SCOPED_TRACE(v.data);
         CMsg2 msg(0, 16);
@@ -114,7 +114,7 @@ TEST(Wire, DecodesWhatNobodyEncodes) {
     }
 }
 
-TEST(Wire, DecodingMakesRoomForTheItemsAlone) {
+TEST(Wire, DecodingMakesRoomForTheItemsOnly) {
     const std::string three = Hex("00000000 0003 00000001 07 01 00000002 07 01 00000003 07 01");
     CMsg2 msg(2, 0);
     EXPECT_EQ(decode(msg, three), three.size());

@@ -97,10 +97,10 @@ TEST(InetSocket, Datagrams) {
     EXPECT_EQ(one, -1) << "not a local address: closed";
 }
 
-TEST(InetSocket, DescriptorThatFitsNoSet) {
+TEST(InetSocket, RefusesDescriptorsBeyondAnFdSet) {
     const rlimit limit = {FD_SETSIZE + 16, FD_SETSIZE + 16};
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        GTEST_SKIP() << "so many descriptors are not allowed here";
+        GTEST_SKIP() << "this system permits fewer descriptors";
     }
     while (dup(0) < FD_SETSIZE - 1) {
     }

@@ -85,7 +85,7 @@ Bytes ack(char type, const Bytes& of) {
     return Bytes{'\0', type, '\0', '\7'} + of;
 }
 
-TEST(Transport, WhatAnswersAMessage) {
+TEST(Transport, AcceptedAnswers) {
     const long unicast = 0x7F000001;
     const long group = static_cast<long>(0xEF010203);
     Peer peer;
@@ -128,7 +128,7 @@ TEST(Transport, WhatAnswersAMessage) {
 }
 
 // Fields that are not set are zeros.
-TEST(Transport, WhatIsSent) {
+TEST(Transport, SentPackets) {
     Peer peer;
     CRUdpLayer3Client client(0, 0);
     ASSERT_TRUE(client.Open(nullptr, nullptr));

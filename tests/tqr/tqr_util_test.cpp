@@ -177,7 +177,7 @@ TEST(TqrUtil, MergesChangedFields) {
 }
 
 // Whatever the size of the buffer, it contains a prefix of the whole text.
-TEST(Line, IsCutToItsBuffer) {
+TEST(Line, IsTruncatedToItsBuffer) {
     char room[40], line[16], tight[1];
     write_line(room, "GPO ", INT_MIN, " ", "LHHHH", " ", 0, "\n");
     EXPECT_STREQ(room, "GPO -2147483648 LHHHH 0\n");

@@ -33,7 +33,7 @@ protected:
 
 // However the stream is split, the lines are the same, but for an empty line where a piece begins
 // with the rest of a line end.
-TEST_F(TqrClient, CutsTheStreamIntoLines) {
+TEST_F(TqrClient, SplitsTheStreamIntoLines) {
     const std::string stream = "GPI 1 LHHHH\r\nGPI 2 HHHHH\n\nx\n";
     for (size_t cut = 0; cut < stream.size(); ++cut) {
         SCOPED_TRACE(cut);
@@ -49,7 +49,7 @@ TEST_F(TqrClient, CutsTheStreamIntoLines) {
     }
 }
 
-TEST_F(TqrClient, TakesALineOfTheFullLengthAndNoLonger) {
+TEST_F(TqrClient, AcceptsLinesUpToTheFullLength) {
     const std::string longest(SIZE - 1, 'a');
     server.Send(longest + "\n");
     EXPECT_EQ(Next(), longest);
@@ -75,7 +75,7 @@ TEST_F(TqrClient, LosesTheConnectionWithItsLines) {
     client.close();
 }
 
-TEST_F(TqrClient, OpensAnewWithAnEmptyBuffer) {
+TEST_F(TqrClient, ReopensWithAnEmptyBuffer) {
     server.Send("half");
     EXPECT_EQ(Next(), "(none)");
     LoopbackServer second;
@@ -88,7 +88,7 @@ TEST_F(TqrClient, OpensAnewWithAnEmptyBuffer) {
     EXPECT_EQ(second.Receive(12), "SET\nCFG GPO\n");
 }
 
-TEST(TqrClientOpen, TellsWhatFailed) {
+TEST(TqrClientOpen, ReportsWhatFailed) {
     CTQRClient client;
     testing::internal::CaptureStderr();
     EXPECT_EQ(client.open("localhost", 93, SIZE), -1);

@@ -198,7 +198,7 @@ class BusTest(unittest.TestCase):
                          [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
         self.assertFalse(any(malformed for _, malformed in got))
 
-    def test_any_bytes_are_taken(self):
+    def test_any_bytes_are_dissected(self):
         capture = Capture()
         numbers = random.Random(1)
         for data in EXAMPLES + [nest(2)]:
@@ -211,9 +211,9 @@ class BusTest(unittest.TestCase):
         # An item of each type that announces more elements than any packet holds.
         for code in range(256):
             capture.udp(packet(items("READ", f"00010208 {code:02X} FFFF")))
-        self.check_taken(capture, "orvex")
+        self.check_dissected(capture, "orvex")
 
-    def check_taken(self, capture, protocol):
+    def check_dissected(self, capture, protocol):
         expected = f"{protocol} and (_ws.expert.group == Malformed or not _ws.malformed)"
         taken = read(capture, "frame.number", options=["-2", "-Y", expected])
         self.assertEqual(len(taken), len(capture.frames))
@@ -314,7 +314,7 @@ class LineTest(unittest.TestCase):
                          [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
         self.assertFalse(any(malformed for _, malformed in got))
 
-    def test_any_bytes_are_taken(self):
+    def test_any_bytes_are_dissected(self):
         capture = Capture()
         for text, _ in LINES:
             if len(text) < 100:
@@ -322,7 +322,7 @@ class LineTest(unittest.TestCase):
                     capture.tcp(changed.replace(b"\n", b"n").replace(b"\r", b"r") + b"\n")
                 for length in range(1, len(text)):
                     capture.tcp(text[:length].encode() + b"\n")
-        BusTest.check_taken(self, capture, "orvex_line")
+        BusTest.check_dissected(self, capture, "orvex_line")
 
     def test_port_can_be_chosen(self):
         capture = Capture()

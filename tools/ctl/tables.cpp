@@ -167,7 +167,7 @@ const std::vector<OptionSpec> OPTIONS = {
      "End after that time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
     {"--fast", nullptr, Completion::None, "send", "Send without pauses", Switch<&Options::fast>},
-    {"--speed", "FACTOR", Completion::None, "send", "Send so many times as fast (default: 1)",
+    {"--speed", "FACTOR", Completion::None, "send", "Send that many times as fast (default: 1)",
      SetSpeed},
     {"--loop", nullptr, Completion::None, "send", "Start over at the end of the file",
      Switch<&Options::loop>},

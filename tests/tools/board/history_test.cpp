@@ -117,7 +117,7 @@ std::vector<HistoryTest::Damage> HistoryTest::Damages() {
 }
 
 // Whatever is wrong with the file, the program continues, reports it, and stores new events.
-TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
+TEST_F(HistoryTest, SurvivesDamagedFiles) {
     for (const Damage& row : Damages()) {
         SCOPED_TRACE(std::string(row.what) + (row.running ? ", running" : ""));
         fs::remove_all(folder);
@@ -162,7 +162,7 @@ TEST_F(HistoryTest, DamageCostsNoMoreThanHistory) {
 
 // Events dropped while the file could not be written leave a gap. So does the time before the
 // start, however late the file could be opened.
-TEST_F(HistoryTest, SilenceIsNotTakenForPeace) {
+TEST_F(HistoryTest, RecordsGaps) {
     Fill(10);
     fs::rename(File(), File(".away"));
     fs::create_directory(File());

@@ -133,7 +133,7 @@ class BoardTest(unittest.TestCase):
     def setUp(self):
         until(lambda: get("/api/v1/pins")["board"]["link"]["up"])
 
-    def test_what_changes_is_told_kept_and_counted(self):
+    def test_changes_are_sent_stored_and_counted(self):
         until(lambda: pin("1:2:in1")["state"] == "told")
         events = Viewer().events()
         control("GPI 2 LLHHH")
@@ -210,7 +210,7 @@ class BoardTest(unittest.TestCase):
         self.assertLess(length, 8192)
         connection.close()
 
-    def test_nothing_sent_stops_it(self):
+    def test_no_request_stops_it(self):
         for request in (b"\0" * 100, b"GET /%zz HTTP/1.1\r\nHost: x\r\n\r\n", b"GET / HTTP/1.1\r\n\r\n",
                         b"GET / HTTP/1.1\r\nX: " + b"y" * 20000 + b"\r\n\r\n",
                         b"GET /../../etc/passwd HTTP/1.1\r\nHost: localhost\r\n\r\n",
@@ -233,7 +233,7 @@ class BoardTest(unittest.TestCase):
             client.close()
         self.assertTrue(get("/healthz")["healthy"])
 
-    def test_a_viewer_that_does_not_read_costs_little(self):
+    def test_viewers_that_do_not_read_are_disconnected(self):
         slow = []
         for _ in range(2):
             slow.append(socket.socket())
@@ -275,7 +275,7 @@ class BoardTest(unittest.TestCase):
         self.assertIn("the board was not running", [gap["reason"] for gap in answer["gaps"]])
         control("GPI 2 LHHHH")
 
-    def test_a_full_disk_costs_nothing_but_history(self):
+    def test_a_full_disk_affects_only_history(self):
         def history():
             return get("/api/v1/pins")["board"]["history"]
 
@@ -305,7 +305,7 @@ class BoardTest(unittest.TestCase):
         restart("/run/h.db")
         fill.close()
 
-    def test_a_damaged_history_is_put_aside(self):
+    def test_a_damaged_history_is_renamed(self):
         os.kill(board_pid(), signal.SIGTERM)
         until(is_gone)
         with open("/run/h.db", "r+b") as file:
@@ -316,7 +316,7 @@ class BoardTest(unittest.TestCase):
         control("GPI 2 LHHHL")
         until(lambda: any(one.get("pin") == "1:2:in5" for one in get("/api/v1/history")["events"]))
 
-    def test_the_bus_that_is_gone_is_told(self):
+    def test_a_lost_bus_is_reported(self):
         subprocess.run("ip link set eth0 down", shell=True, check=True)
         until(lambda: ask("/healthz")[0] == 503)
         self.assertEqual(pin("1:2:in1")["state"] if get("/api/v1/channels")["problem"] else "unknown", "unknown")

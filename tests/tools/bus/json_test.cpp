@@ -99,7 +99,7 @@ TEST(MessageJson, NamesPinsOfKnownMessages) {
     }
 }
 
-TEST(MessageJson, RefusesWhatIsNoMessage) {
+TEST(MessageJson, RefusesOtherTexts) {
     const std::string item = R"({"tag":1,"type":"byte","value":1})";
     std::string deep = R"({"id":"ABCD","items":[]})";
     for (int i = 0; i < 33; ++i) {

@@ -57,7 +57,7 @@ private:
     const TimePoint m_start = Now();
 };
 
-TEST_F(PinStatesTest, TakesWhatDevicesTell) {
+TEST_F(PinStatesTest, AcceptsWhatDevicesTell) {
     const std::vector<PinChange> first = Say(0, "reply", INPUT, 0);
     ASSERT_EQ(first.size(), 1U) << "no pin of the reply's other items";
     EXPECT_FALSE(first[0].before);
@@ -74,7 +74,7 @@ TEST_F(PinStatesTest, TakesWhatDevicesTell) {
     EXPECT_EQ(states.NextTime(), TimePoint::max());
 }
 
-TEST_F(PinStatesTest, HoldsAWriteForUnconfirmed) {
+TEST_F(PinStatesTest, KeepsAWriteUnconfirmed) {
     Say(0, "reply", OUTPUT, 1);  // the device follows this pin
     Say(1, "reply", OUTPUT, 0);
     EXPECT_EQ(Say(10, "write", OUTPUT, 0x40, STUDIO)[0].host, STUDIO);
@@ -92,7 +92,7 @@ TEST_F(PinStatesTest, HoldsAWriteForUnconfirmed) {
     Expect(PinStatus::Told, Level::Low);
 }
 
-TEST_F(PinStatesTest, TakesHighForNoProof) {
+TEST_F(PinStatesTest, TreatsHighAsNoProof) {
     Say(0, "reply", OUTPUT, 0);
     Say(10, "write", OUTPUT, 0x40);
     EXPECT_EQ(Asked(20, 2000), 3);
@@ -103,7 +103,7 @@ TEST_F(PinStatesTest, TakesHighForNoProof) {
     Expect(PinStatus::Told, Level::High);  // a report always counts
 }
 
-TEST_F(PinStatesTest, KnowsWhenTheTimeOfAWriteIsOver) {
+TEST_F(PinStatesTest, ForgetsAWriteAfterItsDuration) {
     Say(0, "reply", OUTPUT, 0);
     Say(10, "write", OUTPUT, 0x42);  // low for 500 ms
     EXPECT_EQ(states.Find(OUTPUT)->until, At(510));
@@ -124,7 +124,7 @@ TEST_F(PinStatesTest, KnowsWhenTheTimeOfAWriteIsOver) {
     EXPECT_EQ(states.NextTime(), TimePoint::max());
 }
 
-TEST_F(PinStatesTest, RemembersSoManyPinsAndThoseThatAreWanted) {
+TEST_F(PinStatesTest, BoundsPinsButKeepsWantedOnes) {
     states.Want(OUTPUT);
     for (uint32_t tag = 0; tag < 10; ++tag) {
         Say(0, "write", tag << 8 | 8, 0x40);

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(SetsTest, CarriesOutNothingThatItCanNotAnswer) {
+TEST(SetsTest, CarriesOutNothingThatItCantAnswer) {
     MqttConfig config;
     config.site = "studio";
     config.bus.iface = "lo";

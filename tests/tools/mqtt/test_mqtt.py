@@ -203,7 +203,7 @@ class MqttTest(unittest.TestCase):
             self.assertEqual(level_of("7:4:out3"), before)
         self.assertGreater((RUN / "tower.log").read_text("utf-8").count("GPO 1"), 4 * rounds)
 
-    def test_losses_put_the_lamp_out(self):
+    def test_losses_switch_the_lamp_off(self):
         self.lit()
         for what, lose, restore in [
                 ("source bridge", lambda: kill(self.processes["studio"]), lambda: self.bridge("studio")),

@@ -36,7 +36,7 @@ protected:
     const uint16_t port = server.Listen("127.0.0.1", 0);
 };
 
-TEST_F(SimServerTest, ReportsToWhomItConcerns) {
+TEST_F(SimServerTest, ReportsToSubscribersOnly) {
     TestClient subscriber(port);
     TestClient stranger(server.Listen("127.0.0.1", 0));
     subscriber.Send("SET\nCFG GPO\nADD G");
@@ -100,7 +100,7 @@ TEST_F(SimServerTest, BoundsWhatAClientLeavesUnread) {
     EXPECT_EQ(seen[Kind::Problem], 1);
 }
 
-TEST_F(SimServerTest, GoesAndComesBack) {
+TEST_F(SimServerTest, ClosesAndListensAgain) {
     EXPECT_THROW(other.Listen("127.0.0.1", port), std::system_error);
     EXPECT_THROW(other.Listen("localhost", 0), std::system_error);
     TestClient first(port);
@@ -134,7 +134,7 @@ TEST_F(SimServerTest, ObserverMayEndTheConnection) {
     EXPECT_EQ(fickle.Device().OutputLine(2), "GPO 2 HHHHH");
 }
 
-TEST_F(SimServerTest, ServesManyAndTurnsTheRestAway) {
+TEST_F(SimServerTest, ServesManyAndRefusesTheRest) {
     std::list<TestClient> clients;
     while (clients.size() < SimServer::MAX_CLIENTS) {
         ExpectAlive(clients.emplace_back(port));

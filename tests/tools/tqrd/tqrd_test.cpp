@@ -16,7 +16,7 @@ using std::chrono::milliseconds;
 
 const unsigned long LOOPBACK = 0x7F000001;
 
-TEST(TqrdClient, SpeaksWithAServer) {
+TEST(TqrdClient, TalksToAServer) {
     SimServer server;
     for (const char* line : {"SET NIC_IPADDR=10.0.0.1", "CFG GPO 3 SRCA=\"tqs://1:2\", N=x",
                              "CFG GPO 9 SRCA=10.0.0.9:94/2", "CFG GPO 10 N=1", "GPI 3 LH"}) {
@@ -73,7 +73,7 @@ TEST(TqrdClient, EndsInTime) {
     EXPECT_EQ(client.Error(), ECONNREFUSED);
 }
 
-TEST(SourceNotes, ExplainWhatIsNotMeant) {
+TEST(SourceNotes, ExplainSurprises) {
     const struct {
         const char* text;
         const char* meaning;
