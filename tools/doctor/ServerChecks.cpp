@@ -111,8 +111,8 @@ void ExamineControl(const Facts& facts, Findings& findings) {
     const bool is_seen = facts.Daemon() != nullptr && facts.Daemon()->shows_sockets;
     const TableAnswer& answer = facts.answer;
     const char* const mend =
-        "start TQRD, or correct -r in /etc/default/orvex; orvex(8), \"TQRD can "
-        "not be reached\"";
+        "start TQRD, or correct -r in /etc/default/orvex; orvex(8), \"TQRD cannot "
+        "be reached\"";
     if (IsHanging(socket)) {
         findings.push_back(Hanging("TQRD", place));
     } else if (!answer.has_answered && answer.error != 0) {
