@@ -111,6 +111,7 @@ class CompletionTest(unittest.TestCase):
         for words, offered in [
                 (("get", "st"), ["studio1", "studio1.onair"]), (("get", "studio1:o"), PINS[5:]),
                 (("get", "1:2", "1:2:in"), [pin.replace("studio1", "1:2") for pin in PINS[:5]]),
+                (("list", "stu"), ["studio1"]),
                 (("set", "studio1"), ["studio1.onair=", "studio1:"]),
                 (("wait", "studio1.onair="), [f"studio1.onair={x}" for x in "H L high low".split()]),
                 (("record", "x", "studio1."), ["studio1.onair"])]:

@@ -35,7 +35,7 @@ const char* const BASH_BODY = R"BASH(
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         ;;
     interface) mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net)" -- "$cur") ;;
-    pin | level)
+    address | pin | level)
         whole=$cur
         [[ -z ${COMP_LINE-} ]] || whole=${COMP_LINE:0:COMP_POINT}
         whole=${whole##*[[:space:]]}
@@ -51,7 +51,7 @@ const char* const BASH_BODY = R"BASH(
 // The same for zsh, which accepts pins as they are.
 const char* const ZSH_PINS = R"ZSH(_orvex_pins() {
     local -a offered=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
-    [[ $1 == pin ]] && compadd -a offered || compadd -S '' -a offered
+    [[ $1 == level ]] && compadd -S '' -a offered || compadd -a offered
 }
 )ZSH";
 
@@ -97,6 +97,8 @@ std::string Kind(const CompletionKinds& kinds, const CLI::Option& option) {
             return "file";
         case Completion::Interface:
             return "interface";
+        case Completion::Address:
+            return "address";
         case Completion::Pin:
             return "pin";
         case Completion::PinLevel:
@@ -200,6 +202,7 @@ std::string ZshValue(const CompletionKinds& kinds, const CLI::Option& option) {
     const std::string kind = Kind(kinds, option);
     const char* const action = kind == "file"        ? "_files"
                                : kind == "interface" ? "_net_interfaces"
+                               : kind == "address"   ? " _orvex_pins address"
                                : kind == "pin"       ? " _orvex_pins pin"
                                : kind == "level"     ? " _orvex_pins level"
                                                      : " ";

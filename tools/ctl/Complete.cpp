@@ -33,8 +33,11 @@ void AddPinsOf(Words& words, const std::string& prefix, const std::string& end,
 
 }  // namespace
 
-std::vector<std::string> CompletePins(const std::string& prefix, bool levels, const Names& names) {
+std::vector<std::string> CompletePins(const std::string& prefix, const std::string& kind,
+                                      const Names& names) {
     Words words;
+    const bool levels = kind == "level";
+    const bool addresses = kind == "address";
     const size_t equals = prefix.find('=');
     if (levels && equals != std::string::npos) {
         for (const char* level : {"L", "H", "low", "high"}) {
@@ -44,9 +47,11 @@ std::vector<std::string> CompletePins(const std::string& prefix, bool levels, co
     }
     for (const Names::Entry& entry : names.All()) {
         const char* const end = !levels ? "" : entry.pins.circuit ? "=" : ":";
-        AddIfBegun(words, prefix, entry.name + end);
+        if (!addresses || !entry.pins.circuit) {
+            AddIfBegun(words, prefix, entry.name + end);
+        }
     }
-    if (prefix.find(':') != std::string::npos) {
+    if (!addresses && prefix.find(':') != std::string::npos) {
         AddPinsOf(words, prefix, levels ? "=" : "", names);
     }
     return words;

@@ -6,6 +6,7 @@
 
 #include "tools/bus/Names.h"
 
-// Words that begin with prefix and are pins or addresses, with '=' and levels if wanted: names, and
-// the pins of an address that prefix contains completely.
-std::vector<std::string> CompletePins(const std::string& prefix, bool levels, const Names& names);
+// Words that begin with prefix: names, and the pins of an address that prefix contains completely.
+// kind is "pin", "level", which adds '=' and levels, or "address".
+std::vector<std::string> CompletePins(const std::string& prefix, const std::string& kind,
+                                      const Names& names);

@@ -220,14 +220,13 @@ const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
     return &*command;
 }
 
-// For the shells: orvexctl --complete pin WORD
+// For the shells: orvexctl --complete KIND WORD
 bool Complete(int argc, char** argv) {
     if (argc != 4 || std::string(argv[1]) != "--complete") {
         return false;
     }
     try {
-        const bool levels = std::string(argv[2]) == "level";
-        for (const std::string& word : CompletePins(argv[3], levels, Names::Load({}))) {
+        for (const std::string& word : CompletePins(argv[3], argv[2], Names::Load({}))) {
             puts(word.c_str());
         }
     } catch (const NamesError&) {

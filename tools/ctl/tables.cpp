@@ -60,7 +60,7 @@ const std::vector<CommandSpec> COMMANDS = {
     {"list",
      "List the addresses in use",
      LIST_DETAILS,
-     {{"RANGE", false, false, Completion::Pin, "Addresses to read", SetRange}},
+     {{"RANGE", false, false, Completion::Address, "Addresses to read", SetRange}},
      RunList},
     {"get",
      "Read pins and print their levels",
