@@ -106,7 +106,9 @@ class ManualsTest(unittest.TestCase):
             value = re.search(rf"\b{name} = (\d+);", (ROOT / source).read_text("utf-8"))[1]
             for document, sentence in documents.items():
                 text = " ".join((ROOT / document).read_text("utf-8").replace(",", "").split())
-                self.assertIn(sentence.format(f"{unit(int(value)):g}"), text, f"{name}: {document}")
+                expected = sentence.format(f"{unit(int(value)):g}")
+                with self.subTest(limit=name, document=document):
+                    self.assertTrue(expected in text, f"not found: {expected}")
 
     def test_verbs(self):
         shown = subprocess.run([CTL, "--completion", "bash"], check=True, capture_output=True,

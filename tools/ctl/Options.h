@@ -74,7 +74,7 @@ struct ArgumentSpec {
 struct CommandSpec {
     const char* name;
     const char* summary;
-    const char* details;
+    const char* details;  // the rest of --help; never null
     std::vector<ArgumentSpec> arguments;
     int (*run)(const Options& options);  // returns the exit status; may throw a Failure
 };
