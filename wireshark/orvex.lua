@@ -51,7 +51,7 @@ local f = {
 local problem = common.problems("orvex.expert.")
 
 local e = {
-    cut = problem("cut", "UNDECODED", "NOTE", "The capture holds only the packet's beginning"),
+    cut = problem("cut", "UNDECODED", "NOTE", "The capture contains only the beginning of the packet"),
     short = problem("short", "MALFORMED", "ERROR", "Too short for a packet: ignored"),
     long_answer = problem("long_answer", "PROTOCOL", "WARN", "Answer of more than 8 bytes"),
     type = problem("type", "PROTOCOL", "WARN", "Neither datagram nor message"),
@@ -308,4 +308,4 @@ function orvex.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
-common.serve_ports(orvex, "udp", "2055,2060", "Ports at which the bus is listened to")
+common.serve_ports(orvex, "udp", "2055,2060", "Ports of the bus")

@@ -53,11 +53,11 @@ local e = {
     unknown = problem("unknown", "PROTOCOL", "WARN", "Unknown line: ignored"),
     overlong = problem("overlong", "MALFORMED", "ERROR",
                        "More than 1999 characters: ends the connection"),
-    nul = problem("nul", "MALFORMED", "ERROR", "NUL: nothing behind it is read"),
+    nul = problem("nul", "MALFORMED", "ERROR", "NUL: nothing after it is read"),
     unfinished = problem("unfinished", "UNDECODED", "NOTE",
                          "The line's end is not in this segment"),
     number = problem("number", "PROTOCOL", "WARN", "Number out of range: ignored"),
-    state = problem("state", "PROTOCOL", "WARN", "No state of up to five pins"),
+    state = problem("state", "PROTOCOL", "WARN", "Not a state of up to five pins"),
     source = problem("source", "PROTOCOL", "WARN", "Unreadable address: counts as none"),
 }
 

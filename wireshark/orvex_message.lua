@@ -60,11 +60,11 @@ local f = {
 local problem = common.problems("orvex.expert.")
 
 local e = {
-    truncated = problem("truncated", "MALFORMED", "ERROR", "Message passes its end: dropped"),
-    trailing = problem("trailing", "MALFORMED", "ERROR", "Bytes behind the message: dropped"),
-    nested = problem("nested", "MALFORMED", "WARN", "No message: counts as an empty one"),
+    truncated = problem("truncated", "MALFORMED", "ERROR", "Message extends past the packet: dropped"),
+    trailing = problem("trailing", "MALFORMED", "ERROR", "Bytes after the message: dropped"),
+    nested = problem("nested", "MALFORMED", "WARN", "Undecodable: counts as empty"),
     depth = problem("depth", "UNDECODED", "WARN", "Nested too deeply to be shown"),
-    cut = problem("cut", "UNDECODED", "NOTE", "The capture holds only the packet's beginning"),
+    cut = problem("cut", "UNDECODED", "NOTE", "The capture contains only the beginning of the packet"),
     unknown_message = problem("unknown_message", "PROTOCOL", "NOTE", "Unknown message: ignored"),
     unknown_type = problem("unknown_type", "PROTOCOL", "NOTE", "Unknown type: no value"),
     unknown_tag = problem("unknown_tag", "PROTOCOL", "NOTE", "Neither pin nor special item"),
