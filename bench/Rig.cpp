@@ -151,7 +151,7 @@ void Rig::AwaitText(int sock, const std::string& text) {
     std::string heard;
     while (heard.find(text) == std::string::npos) {
         char buf[2000];
-        require(readable(sock, START_LIMIT_MS), "the subject did not say what it should");
+        require(readable(sock, START_LIMIT_MS), "the subject did not send the expected line");
         const ssize_t got = recv(sock, buf, sizeof buf, 0);
         require(got > 0, "the subject ended");
         heard.append(buf, static_cast<size_t>(got));

@@ -46,7 +46,7 @@ TEST_F(MainLoop, ForwardsAllLinesOfASharedConnectionInOrder) {
     Turn();
     EXPECT_EQ(Told(), "GPO 4 H\nGPO 8 H\nGPO 32 " + std::string(1992, 'L') + "GPO 32 " +
                           std::string(1991, 'H') + "\n")
-        << "the newline of the first is cut off";
+        << "the first is truncated before its newline";
 }
 
 TEST_F(MainLoop, ReconnectsEntriesOpenedWithoutMemory) {
@@ -61,7 +61,7 @@ TEST_F(MainLoop, ReconnectsEntriesOpenedWithoutMemory) {
     Clock::Advance(28, 0);
     Turn();
     EXPECT_EQ(remote.Receive(20), "ADD GPI 1\nADD GPI 2\n");
-    EXPECT_FALSE(remote.HasConnection()) << "they join it";
+    EXPECT_FALSE(remote.HasConnection()) << "they share the connection";
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "CGPIOClient Failed to connect to " + Remote(0) +
                   "\nCGPIOClient Failed to connect to " + Remote(1) + "\n");

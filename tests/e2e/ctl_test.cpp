@@ -37,7 +37,7 @@ TEST_F(Ctl, GetsPins) {
     const std::string reply =
         Hex("03000207 00000001 0000000000000000 494E4449 0002 FFFFFFFE 01 00000001 00000708 07 01");
     peer.Write(&group, reply.data(), static_cast<int>(reply.size()));
-    EXPECT_EQ(Finish(*get), 3) << "what another had asked for";
+    EXPECT_EQ(Finish(*get), 3) << "a reply to another host";
 }
 
 TEST_F(Ctl, SetsPins) {

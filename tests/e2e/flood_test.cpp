@@ -110,7 +110,7 @@ TEST_F(Flood, OfLines) {
 TEST_F(Flood, OfNothing) {
     const long waits = WakeUps();
     ExpectQuiet(28000, 2);
-    EXPECT_GE(WakeUps() - waits, 1) << "it looks for remote servers to bring back";
+    EXPECT_GE(WakeUps() - waits, 1) << "for the sweep of remote servers";
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ protected:
     void AwaitMirrored() {
         ASSERT_TRUE(AwaitHeard(tqrd, "GPO 8 LHHHH"));
         ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 3", 2));
-        ASSERT_TRUE(Follows("LHHHL")) << "behind the answers to all subscriptions";
+        ASSERT_TRUE(Follows("LHHHL")) << "after the answers to all subscriptions";
     }
 
     // Changes the input and waits until the output follows.

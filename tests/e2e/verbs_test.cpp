@@ -66,7 +66,7 @@ TEST_F(Verbs, WaitsForLevels) {
     ExpectRun({"set", "high=L", "studio1.onair=L,250"}, 0, "sent\n", "");
     EXPECT_EQ(Finish(*all), 0);
     EXPECT_EQ(Lines(all->Out())[1]["name"], "studio1.onair");
-    EXPECT_EQ(Finish(*pulse), 0) << "the time of the write is over";
+    EXPECT_EQ(Finish(*pulse), 0) << "after the duration of the write";
     EXPECT_TRUE(edge->IsRunning());
     tqrd.server.Apply("GPI 1 HLHHL");
     EXPECT_EQ(Finish(*edge), 0);

@@ -108,7 +108,7 @@ TEST(InetSocket, RefusesDescriptorsBeyondAnFdSet) {
     EXPECT_EQ(sock.Open(false), -1);
     EXPECT_EQ(errno, EMFILE);
     EXPECT_EQ(sock, -1);
-    EXPECT_EQ(dup(0), FD_SETSIZE) << "it is not kept";
+    EXPECT_EQ(dup(0), FD_SETSIZE) << "the descriptor was closed";
     for (int fd = 3; fd <= FD_SETSIZE; ++fd) {
         close(fd);
     }

@@ -46,7 +46,7 @@ TEST(Packet, Layout) {
     copy.SetRoutingInfo2(0, 0, 0);
     copy.SetRoutingInfo(packet);
     EXPECT_EQ(bytes_of(copy), bytes_of(packet));
-    EXPECT_EQ(copy.GetHost(), 9u) << "goes with the routing, not with the bytes";
+    EXPECT_EQ(copy.GetHost(), 9u) << "copied with the routing information only";
     packet.SetDataCount(2);
     packet.SetMsgType(0);
     EXPECT_FALSE(copy.Copy(packet)) << "one byte too many";

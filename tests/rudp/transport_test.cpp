@@ -113,7 +113,7 @@ TEST(Transport, AcceptedAnswers) {
     CRUdpLayer3Client client(0, 0);
     CMessage msg(16, 16);
     ASSERT_TRUE(client.Open(nullptr, nullptr));
-    ASSERT_TRUE(client.SendMsg(peer.Service(), &msg, 0)) << "to have a port";
+    ASSERT_TRUE(client.SendMsg(peer.Service(), &msg, 0)) << "binds to a port";
     for (const auto& row : table) {
         SCOPED_TRACE(testing::Message() << "row " << &row - table);
         CInetAddress to;
@@ -212,7 +212,8 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(client, client1.SendMsg(to, &packet, 'R', 1)), 9002u);
     EXPECT_EQ(error(client, client1.WaitForMsg(received, 0)), 9006u);
     EXPECT_EQ(error(client, client1.SendMsg(broadcast, &packet, 0, 1)), 1001u);
-    EXPECT_EQ(error(client, client.SendMsg(peer.Service(), &msg, 'A')), 1001u) << "left alone";
+    EXPECT_EQ(error(client, client.SendMsg(peer.Service(), &msg, 'A')), 1001u)
+        << "the earlier code";
     EXPECT_EQ(error(client, client1.SendMsg(broadcast, &packet, 'M', 1)), 9010u);
 
     msg.SetByteArray(1, 40000, nullptr);

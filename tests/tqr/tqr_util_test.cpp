@@ -64,7 +64,7 @@ TEST(TqrUtil, CopiesAndMeasuresValues) {
         memset(copy, '#', sizeof copy);
         tqr_copyval(copy, row.value, row.size);
         EXPECT_STREQ(copy, row.copy);
-        EXPECT_EQ(copy[row.size], '#') << "nothing behind the size";
+        EXPECT_EQ(copy[row.size], '#') << "nothing past the size";
         EXPECT_EQ(tqr_vallen(row.value), row.len);
         char* dup = tqr_valdup(row.value);
         EXPECT_EQ(dup == nullptr ? 0 : strlen(dup), static_cast<size_t>(row.len));

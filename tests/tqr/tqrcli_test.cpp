@@ -57,7 +57,7 @@ TEST_F(TqrClient, AcceptsLinesUpToTheFullLength) {
     server.Send(std::string("ab\0cd\nef\n", 9));  // a NUL hides what follows
     server.Send(std::string(SIZE - 9, '\n'));
     EXPECT_EQ(Next(), "(none)");
-    EXPECT_NE(client.get_fd(), -1) << "a full buffer alone ends nothing";
+    EXPECT_NE(client.get_fd(), -1) << "a full buffer alone does not close it";
     server.Send("\n");
     EXPECT_EQ(Next(), "(none)");
     EXPECT_EQ(client.get_fd(), -1);
