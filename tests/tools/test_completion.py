@@ -108,6 +108,8 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual(self.bash("orvexctl", "--wait", "2", "-q", "re"), ["record"])
         self.assertEqual(self.bash("orvexctl", "get", "-W", "send", "--fa"), [])
         (self.folder / "names").write_text("1:2 studio1\n1:2:out3 studio1.onair\n", "utf-8")
+        (self.folder / "others").write_text("1:2 elsewhere\n", "utf-8")
+        self.assertEqual(self.bash("orvexctl", "get", "-n", f"{self.folder}/others", "e"), ["elsewhere"])
         for words, offered in [
                 (("get", "st"), ["studio1", "studio1.onair"]), (("get", "studio1:o"), PINS[5:]),
                 (("get", "1:2", "1:2:in"), [pin.replace("studio1", "1:2") for pin in PINS[:5]]),
@@ -126,9 +128,11 @@ class CompletionTest(unittest.TestCase):
         for (words, options, _), offered in zip(expected, got):
             self.assertEqual(offered, options, words)
         (self.folder / "names").write_text("1:2:out3 lamp\n1:2 studio1\n", "utf-8")
-        commands, interfaces, nothing, pins, levels = self.zsh(
+        (self.folder / "others").write_text("1:2 studio2\n", "utf-8")
+        commands, interfaces, nothing, pins, levels, others = self.zsh(
             "orvexctl ", "orvexctl get -i ", "orvexctl -W ", "orvexctl get studio1:i",
-            "orvexctl set lamp=")
+            "orvexctl set lamp=", f"orvexctl -n {self.folder}/others get studio")
+        self.assertEqual(others, ["studio2"])
         self.assertEqual(pins, PINS[:5])
         self.assertEqual(levels, ["lamp=H", "lamp=L", "lamp=high", "lamp=low"])
         self.assertEqual(commands, expected[0][2])

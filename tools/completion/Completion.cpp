@@ -13,11 +13,12 @@ const char* const HIDDEN_OPTION = "--completion";
 // Bash splits words at colons and equals signs: pins are completed as a whole, and the part already
 // typed is removed again.
 const char* const BASH_BODY = R"BASH(
-    local cur=${COMP_WORDS[COMP_CWORD]} command= kind= word i whole table=arguments
+    local cur=${COMP_WORDS[COMP_CWORD]} command= kind= word i whole table=arguments names=
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         kind=${values["$command $word"]}
         if [[ -n $kind ]]; then
+            [[ $kind == names ]] && names=${COMP_WORDS[i + 1]}
             ((++i < COMP_CWORD)) && kind=
         elif [[ -z $command && $word != -* && -n ${words["$word "]} ]]; then
             command=$word
@@ -30,7 +31,7 @@ const char* const BASH_BODY = R"BASH(
     fi
     COMPREPLY=()
     case $kind in
-    file)
+    file | names)
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         ;;
@@ -39,7 +40,7 @@ const char* const BASH_BODY = R"BASH(
         whole=$cur
         [[ -z ${COMP_LINE-} ]] || whole=${COMP_LINE:0:COMP_POINT}
         whole=${whole##*[[:space:]]}
-        mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" --complete "$kind" "$whole" 2>/dev/null)
+        mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" --complete "$kind" "$whole" "$names" 2>/dev/null)
         [[ ${COMPREPLY[*]} != *[=:] ]] || compopt -o nospace
         [[ $whole == "$cur" ]] || COMPREPLY=("${COMPREPLY[@]#"${whole%"${whole##*[:=]}"}"}")
         ;;
@@ -50,7 +51,8 @@ const char* const BASH_BODY = R"BASH(
 
 // The same for zsh, which accepts pins as they are.
 const char* const ZSH_PINS = R"ZSH(_orvex_pins() {
-    local -a offered=(${(f)"$(${(Q)program} --complete $1 $PREFIX 2>/dev/null)"})
+    local names=${(Q)all[${all[(i)(-n|--names)]}+1]}
+    local -a offered=(${(f)"$(${(Q)program} --complete $1 $PREFIX "$names" 2>/dev/null)"})
     [[ $1 == level ]] && compadd -S '' -a offered || compadd -a offered
 }
 )ZSH";
@@ -95,6 +97,8 @@ std::string Kind(const CompletionKinds& kinds, const CLI::Option& option) {
     switch (kind == kinds.end() ? Completion::None : kind->second) {
         case Completion::File:
             return "file";
+        case Completion::Names:
+            return "names";
         case Completion::Interface:
             return "interface";
         case Completion::Address:
@@ -201,6 +205,7 @@ std::string ZshText(const std::string& text) {
 std::string ZshValue(const CompletionKinds& kinds, const CLI::Option& option) {
     const std::string kind = Kind(kinds, option);
     const char* const action = kind == "file"        ? "_files"
+                               : kind == "names"     ? "_files"
                                : kind == "interface" ? "_net_interfaces"
                                : kind == "address"   ? " _orvex_pins address"
                                : kind == "pin"       ? " _orvex_pins pin"
@@ -254,7 +259,8 @@ std::string ZshCommands(const CompletionKinds& kinds, const CLI::App& app) {
 
 std::string Zsh(const CLI::App& app, const CompletionKinds& kinds) {
     return "#compdef " + app.get_name() + "\n" + ZSH_PINS +
-           "local program=$words[1] curcontext=\"$curcontext\" state line\n_arguments -C -s" +
+           "local program=$words[1] all=($words) curcontext=\"$curcontext\" state line\n_arguments "
+           "-C -s" +
            ZshArguments(kinds, app) + ZshCommands(kinds, app);
 }
 

@@ -220,13 +220,14 @@ const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
     return &*command;
 }
 
-// For the shells: orvexctl --complete KIND WORD
+// For the shells: orvexctl --complete KIND WORD [NAMES]
 bool Complete(int argc, char** argv) {
-    if (argc != 4 || std::string(argv[1]) != "--complete") {
+    if (argc < 4 || argc > 5 || std::string(argv[1]) != "--complete") {
         return false;
     }
     try {
-        for (const std::string& word : CompletePins(argv[3], argv[2], Names::Load({}))) {
+        for (const std::string& word :
+             CompletePins(argv[3], argv[2], Names::Load(argc == 5 ? argv[4] : ""))) {
             puts(word.c_str());
         }
     } catch (const NamesError&) {

@@ -129,7 +129,7 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-t,--to", "IP", Completion::None, nullptr, "Send to this host instead of the group", SetHost},
     {"-W,--wait", "SECONDS", Completion::None, nullptr, "How long to wait for answers (default: 1)",
      SetWait},
-    {"-n,--names", "FILE", Completion::File, nullptr,
+    {"-n,--names", "FILE", Completion::Names, nullptr,
      "Names (default: $ORVEX_NAMES, or /etc/orvex/names)",
      [](Options& options, const std::string& text) { options.names_file = text; }},
     {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object per line",
