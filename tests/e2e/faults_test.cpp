@@ -21,6 +21,14 @@ const std::string NO_CONTROL =
     "Connection to TQRD lost\n"
     "Connection to TQRD reopened\n";
 
+// A fault while a turn handles the stimulus, and what must be on standard error and output.
+struct TurnFault {
+    const char* fault;
+    std::function<void()> stimulus;
+    std::string err;
+    std::string out;
+};
+
 class Faults : public Wired {
 protected:
     static bool IsArmed() { return access(FAULT_FILE, F_OK) == 0; }
@@ -64,13 +72,6 @@ protected:
         unlink(FAULT_FILE);
     }
 
-    // A fault while a turn handles the stimulus, and what must be on standard error and output.
-    struct TurnFault {
-        const char* fault;
-        std::function<void()> stimulus;
-        std::string err;
-        std::string out;
-    };
     std::vector<TurnFault> TurnFaults();
 };
 
@@ -134,7 +135,7 @@ TEST_F(Faults, OfTheFirstRequest) {
     EXPECT_TRUE(Works());
 }
 
-std::vector<Faults::TurnFault> Faults::TurnFaults() {
+std::vector<TurnFault> Faults::TurnFaults() {
     const auto control = [this](const char* line) { return [=] { tqrd.server.SendRaw(line); }; };
     const auto follow = [this] { tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:94/9"); };
     const auto mirrored = [this] { remote.server.SendRaw("GPI 1 LLLLL\n"); };

@@ -16,6 +16,15 @@ const int64_t START = 1'800'000'000'000;
 const uint32_t PIN = 0x1020D;
 const int64_t AGAIN = 2001;  // ms after which a faulty file is tried again
 
+enum Outcome { KEPT, ANEW, ALONE };
+struct Damage {
+    const char* what;
+    bool running;  // the file is damaged while it is open
+    Outcome outcome;
+    const char* told;  // part of the message
+    std::function<void(uintmax_t size)> harm;
+};
+
 class HistoryTest : public testing::Test {
 protected:
     HistoryTest() { settings.file = (folder / "h.db").string(); }
@@ -82,18 +91,10 @@ protected:
     const bool made = fs::create_directory(folder);
     HistorySettings settings;
 
-    enum Outcome { KEPT, ANEW, ALONE };
-    struct Damage {
-        const char* what;
-        bool running;  // the file is damaged while it is open
-        Outcome outcome;
-        const char* told;  // part of the message
-        std::function<void(uintmax_t size)> harm;
-    };
     std::vector<Damage> Damages();
 };
 
-std::vector<HistoryTest::Damage> HistoryTest::Damages() {
+std::vector<Damage> HistoryTest::Damages() {
     return {
         {"nothing", false, KEPT, "", [](uintmax_t) {}},
         {"log", false, KEPT, "", [&](uintmax_t) { std::ofstream(File("-wal")) << "no log"; }},
