@@ -3,7 +3,7 @@
 // each figure: its name, the measured value, the target, and whether it was met.
 import { execFileSync, spawn } from "node:child_process";
 import dgram from "node:dgram";
-import { mkdtempSync, readFileSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
 import http from "node:http";
 import { createRequire } from "node:module";
 import { setTimeout as sleep } from "node:timers/promises";
@@ -46,8 +46,9 @@ const figure = async (name) => Number((await ask("/metrics")).match(new RegExp(`
 const cpu = () => readFileSync(`/proc/${pid()}/stat`, "ascii").split(") ")[1].split(" ").slice(11, 13).reduce((a, b) => a + Number(b), 0) / 100;
 const resident = () => Number(readFileSync(`/proc/${pid()}/status`, "ascii").match(/VmRSS:\s*(\d+)/)[1]) / 1024;
 
+const profile = mkdtempSync("/tmp/board-bench-");
 const browser = await puppeteer.launch({
-    executablePath: "/usr/bin/chromium", userDataDir: mkdtempSync("/tmp/board-bench-"),
+    executablePath: "/usr/bin/chromium", userDataDir: profile,
     args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
         "--disable-component-update", "--disable-sync"],
 });
@@ -203,4 +204,5 @@ await measureTraffic();
 await measureKill();
 await measurePins();
 await browser.close();
+rmSync(profile, { recursive: true, force: true });
 process.exit(missed ? 1 : 0);

@@ -2,7 +2,7 @@
 // Run by world.sh. PICTURES is a folder for screenshots.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
-import { mkdtempSync, readFileSync, writeFileSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { setTimeout as sleep } from "node:timers/promises";
 
@@ -24,8 +24,9 @@ async function until(what, condition) {
     assert.fail(`not within 10 s: ${what}`);
 }
 
+const profile = mkdtempSync("/tmp/board-page-");
 const browser = await puppeteer.launch({
-    executablePath: "/usr/bin/chromium", userDataDir: mkdtempSync("/tmp/board-page-"),
+    executablePath: "/usr/bin/chromium", userDataDir: profile,
     args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
         "--disable-component-update", "--disable-sync"],
 });
@@ -190,5 +191,6 @@ try {
     }
 } finally {
     await browser.close();
+    rmSync(profile, { recursive: true, force: true });
 }
 process.exit(failed ? 1 : 0);

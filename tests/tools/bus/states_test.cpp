@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 
 #include "tools/bus/Names.h"
@@ -141,6 +142,7 @@ TEST(Names, AreLookedUpBothWays) {
                         << "1:2:8 k\xC3\xBC"
                         << "che.licht \"\"\n";
     const Names names = Names::Read(file);
+    remove(file.c_str());
     ASSERT_EQ(names.All().size(), 3U);
     EXPECT_EQ(names.OfAddress(258)->text, "Studio \"1\" \\");
     EXPECT_EQ(names.NameOf(0x10206), "studio1.on-air");
@@ -185,6 +187,7 @@ TEST(Names, RefuseWithFileAndLine) {
             EXPECT_EQ(error.what(), file + ":2: " + c.reason);
         }
     }
+    remove(file.c_str());
 }
 
 }  // namespace
