@@ -82,18 +82,19 @@ class Copy:
             if os.path.isfile(source):
                 os.makedirs(os.path.dirname(target), exist_ok=True)
                 shutil.copy2(source, target)
+        os.makedirs(os.path.join(self.folder, "build"), exist_ok=True)
         for preset, selections in STEPS:
             if not self.run(["cmake", "--preset", preset], 600) or not self.builds(preset):
-                sys.exit(f"mutate: the copy in {self.folder} does not build")
+                sys.exit(f"mutate: the copy does not build: see {self.folder}/build/log")
             for test, selection in selections:
                 if not self.passes(preset, test, selection):
-                    sys.exit(f"mutate: without a fault, these tests fail in {self.folder}: {test}")
+                    sys.exit(f"mutate: {test} fails without a fault: see {self.folder}/build/log")
 
     def run(self, command, limit):
         """Whether a command in the copy ends with 0 in time."""
-        with subprocess.Popen(command, cwd=self.folder, stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL,
-                              env={**os.environ, "TEST_TMPDIR": self.folder}) as process:
+        with open(os.path.join(self.folder, "build/log"), "w", encoding="utf-8") as log, \
+                subprocess.Popen(command, cwd=self.folder, stdout=log, stderr=log,
+                                 env={**os.environ, "TMPDIR": self.folder}) as process:
             try:
                 return process.wait(limit) == 0
             except subprocess.TimeoutExpired:
