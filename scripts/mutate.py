@@ -37,8 +37,10 @@ STEPS = [
                          "-E", "^(world|replay|completion|manuals|install|.*unit$)"])]),
     ("sanitize", [("sanitizers", ["-LE", "e2e|slow|wireshark",
                                   "-E", "^(completion|manuals|install|.*unit$)"])]),
-    ("debug", [("end to end", ["-L", "e2e|slow", "-LE", "wireshark"])]),
+    ("debug", [("end to end", ["-j2", "-L", "e2e|slow", "-LE", "wireshark"])]),
 ]
+# A fault costs a compilation and many links.
+LINK = "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -Wl,--strip-debug"
 # A network and processes of its own, so that two copies don't meet and nothing outlives a test.
 ALONE = ["unshare", "-n", "-p", "-f", "--mount-proc", "--kill-child"]
 ALONE += [] if os.geteuid() == 0 else ["-U", "-r"]
@@ -84,7 +86,7 @@ class Copy:
                 shutil.copy2(source, target)
         os.makedirs(os.path.join(self.folder, "build"), exist_ok=True)
         for preset, selections in STEPS:
-            if not self.run(["cmake", "--preset", preset], 600) or not self.builds(preset):
+            if not self.run(["cmake", "--preset", preset, LINK], 600) or not self.builds(preset):
                 sys.exit(f"mutate: the copy does not build: see {self.folder}/build/log")
             for test, selection in selections:
                 if not self.passes(preset, test, selection):
