@@ -126,9 +126,7 @@ void Board::KeepLink(int64_t now) {
             BusSettings settings;
             settings.iface = m_settings.iface;
             settings.group = m_settings.group;
-            settings.trace = [this](const std::string& text) {
-                m_counts.malformed += text.compare(0, 7, "ignored") == 0 ? 1 : 0;
-            };
+            settings.ignored = [this] { ++m_counts.malformed; };
             m_link = std::make_unique<BusLink>(settings);
             m_link->Listen(BusLink::Hear::ReportsAndRequests);
             FindLink(now);

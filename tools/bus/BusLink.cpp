@@ -177,6 +177,9 @@ bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffi
         }
         if (code != CRUdpLayer3Server::TIMED_OUT) {
             Trace("ignored a packet without a message (error " + std::to_string(code) + ")");
+            if (m_settings.ignored) {
+                m_settings.ignored();
+            }
         }
         return false;
     }

@@ -36,6 +36,9 @@ struct BusSettings {
 
     // Receives progress messages, for fault finding. May be empty.
     std::function<void(const std::string&)> trace;
+
+    // Is called for each received packet that contains no message. May be empty.
+    std::function<void()> ignored;
 };
 
 // Failures are thrown as BusError. For one thread.
