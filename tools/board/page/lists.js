@@ -76,7 +76,7 @@ export function showHistory(main) {
     }
     main.replaceChildren(h("h1", {}, "What happened"),
         h("div", { className: "tools" }, h("button", { type: "button", on: { click: anew } }, "Refresh"), h("label", {}, "Up to ", until),
-            h("a", { href: "/api/v1/history?limit=10000&format=csv", download: "" }, "As a table (CSV)")), body, more);
+            h("a", { href: "/api/v1/history?limit=10000&format=csv", download: "" }, "Download as CSV")), body, more);
     older();
     return () => {};
 }

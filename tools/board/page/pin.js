@@ -81,7 +81,7 @@ export function showPin(main, name) {
             past.replaceChildren(h("h2", {}, "What happened"),
                 answer.events.length ? table("What happened to the pin", ["Time", "Level", "What", "Who", "Notes"], answer.events.map((event) => eventRow(event, false)))
                     : h("p", { className: "empty" }, "Nothing yet."),
-                h("p", {}, h("a", { href: `/api/v1/history?pin=${encodeURIComponent(name)}&limit=10000&format=csv`, download: "" }, "As a table (CSV)")));
+                h("p", {}, h("a", { href: `/api/v1/history?pin=${encodeURIComponent(name)}&limit=10000&format=csv`, download: "" }, "Download as CSV")));
         } catch (error) {
             past.replaceChildren(h("p", { className: "empty" }, `The history can't be read: ${error.message}`));
         }

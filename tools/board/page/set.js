@@ -1,4 +1,4 @@
-// Asks before a pin is set, and sends what was confirmed. The lamp is left to the device.
+// The dialog that confirms and sends a set. The lamp changes when the device confirms it.
 import { h } from "./dom.js";
 import { nameOf } from "./text.js";
 
@@ -36,7 +36,7 @@ export function askToSet(pin, level, duration) {
                     const sent = await send(pin.pin, form.elements.level.value, Number(time.value), token.value, who.value);
                     sessionStorage.setItem("token", token.value);
                     localStorage.setItem("who", who.value);
-                    answer.textContent = `Sent${sent.duration ? ` for ${sent.duration} ms` : ""}. The lamp follows what the device tells.`;
+                    answer.textContent = `Sent${sent.duration ? ` for ${sent.duration} ms` : ""}. The lamp changes when the device confirms it.`;
                     setTimeout(() => dialog.close(), 1200);
                 } catch (error) {
                     answer.textContent = `Not sent: ${error.message}`;
@@ -47,7 +47,7 @@ export function askToSet(pin, level, duration) {
     },
     h("h2", { id: "set-title" }, `Set ${nameOf(pin)}?`, nameOf(pin) === pin.pin ? null : h("small", {}, pin.pin)),
     h("fieldset", {}, h("legend", {}, "Level"), choice("L", "low (L)"), choice("H", "high (H)")),
-    h("label", {}, "For how many ms", time), h("label", {}, "Token", token), h("label", {}, "Who are you? (kept in the history)", who),
+    h("label", {}, "Duration in ms", time), h("label", {}, "Token", token), h("label", {}, "Your name (stored in the history)", who),
     answer,
     h("div", { className: "buttons" }, h("button", { type: "button", on: { click: () => dialog.close() } }, "Cancel"), submit));
     dialog.replaceChildren(form);
