@@ -107,10 +107,11 @@ class Copy:
         return self.run(["cmake", "--build", "--preset", preset, "-j1"], 3600)
 
     def passes(self, preset, test, selection):
-        with Copy.end_to_end if test == "end to end" else contextlib.nullcontext():
+        is_slow = test == "end to end"
+        with Copy.end_to_end if is_slow else contextlib.nullcontext():
             return self.run(ALONE + ["sh", "-c", 'ip link set lo up && exec ctest "$@"', "ctest",
-                                     "--preset", preset, "--timeout", "60", "--stop-on-failure"]
-                            + selection, 600)
+                                     "--preset", preset, "--stop-on-failure"] + selection,
+                            900 if is_slow else 120)
 
     def who_sees(self, path, number, new):
         """The tests that see the fault; None when it is none to a compiler."""

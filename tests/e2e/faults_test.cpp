@@ -120,21 +120,6 @@ TEST_F(Faults, AtTheStart) {
     }
 }
 
-// The request for the configuration is lost: no message, and nothing to serve until the next
-// connection.
-TEST_F(Faults, OfTheFirstRequest) {
-    StartPeers();
-    Arm("send 1 32");
-    StartFaulty();
-    AwaitFault();
-    Linger(100);
-    EXPECT_EQ(tqrd.heard, Lines());
-    EXPECT_EQ(daemon->Err(), "");
-    tqrd.server.DropAll();
-    AwaitRunning();
-    EXPECT_TRUE(Works());
-}
-
 std::vector<TurnFault> Faults::TurnFaults() {
     const auto control = [this](const char* line) { return [=] { tqrd.server.SendRaw(line); }; };
     const auto follow = [this] { tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2:94/9"); };

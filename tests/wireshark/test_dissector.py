@@ -3,8 +3,6 @@
 import pathlib
 import random
 import re
-import shutil
-import subprocess
 import unittest
 
 from capture import ICMP, PLUGINS, Capture, read, tshark
@@ -304,16 +302,6 @@ class LineTest(unittest.TestCase):
         unfinished = read(capture, "orvex_line.expert.unfinished", options=options)
         self.assertEqual(unfinished, [(["1"],), (["1"],)])
 
-    def test_reads_the_captures_of_the_protocol(self):
-        document = (PLUGINS.parent / "docs/protocol.md").read_text("utf-8")
-        captures = re.findall(r"<!-- capture \w+ -->\n\n((?:\|.*\n)+)", document)
-        got = frames(["orvex.message", "_ws.malformed"], *(
-            bytes.fromhex("".join(re.findall(r"^\| \d+ \| ([^|]+)", rows, re.MULTILINE)))
-            for rows in captures))
-        self.assertEqual([names for names, _ in got],
-                         [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
-        self.assertFalse(any(malformed for _, malformed in got))
-
     def test_any_bytes_are_dissected(self):
         capture = Capture()
         for text, _ in LINES:
@@ -330,14 +318,6 @@ class LineTest(unittest.TestCase):
         for options, expected in [([], []), (["-o", "orvex_line.ports:9393"], ["SET"]),
                                   (["-d", "tcp.port==9393,orvex_line"], ["SET"])]:
             self.assertEqual(read(capture, "orvex_line.text", options=options), [(expected,)])
-
-
-class SourceTest(unittest.TestCase):
-    @unittest.skipUnless(shutil.which("luacheck"), "no luacheck")
-    def test_check(self):
-        done = subprocess.run(["luacheck", "-q", *sorted(PLUGINS.glob("*.lua"))], check=False,
-                              cwd=PLUGINS.parent, capture_output=True, encoding="utf-8")
-        self.assertEqual(done.returncode, 0, done.stdout)
 
 
 class DocumentationTest(unittest.TestCase):

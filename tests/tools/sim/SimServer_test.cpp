@@ -121,19 +121,6 @@ TEST_F(SimServerTest, ClosesAndListensAgain) {
     EXPECT_TRUE(elsewhere.Read());
 }
 
-TEST_F(SimServerTest, ObserverMayEndTheConnection) {
-    SimServer fickle([&fickle](const SimServer::Event& event) {
-        if (event.kind == Kind::Received) {
-            fickle.Close();
-        }
-    });
-    TestClient client(fickle.Listen("127.0.0.1", 0));
-    client.Send("GPO 1 L\nGPO 2 L\n");
-    EXPECT_TRUE(Await([&] { return !client.Read(); }, [&] { fickle.Step(5); }));
-    EXPECT_EQ(client.received, "");
-    EXPECT_EQ(fickle.Device().OutputLine(2), "GPO 2 HHHHH");
-}
-
 TEST_F(SimServerTest, ServesManyAndRefusesTheRest) {
     std::list<TestClient> clients;
     while (clients.size() < SimServer::MAX_CLIENTS) {
