@@ -105,10 +105,10 @@ TEST_F(OnTheBus, ReadsAreAnsweredToTheGroup) {
     StartAll();
     tqrd.server.Apply("GPO 2 LHHHH");
     ASSERT_TRUE(AwaitOut("parse_GPO 2 LHHHH\n"));
-    // Pins of both kinds, mixed with unknown circuits and an unknown address.
-    peer->Send(peer->Packet('\0', Hex(READ + "0007 0000300D 07 00 FFFFFFFF 01 12345678"
+    // Pins of both kinds, one of them twice, mixed with unknown circuits and an unknown address.
+    peer->Send(peer->Packet('\0', Hex(READ + "0008 0000300D 07 00 FFFFFFFF 01 12345678"
                                              "0000300C 07 00 00003063 07 00 00003000 07 00"
-                                             "00009908 07 00 00003008 01 00000000")),
+                                             "00009908 07 00 00003008 01 00000000 0000300C 07 00")),
                DEVICE_ADDRESS);
     ASSERT_TRUE(AwaitReports(2));
     EXPECT_EQ(LastPayload(), Hex("494E4449 0006 FFFFFFFE 01 12345678 0000300D 07 00"

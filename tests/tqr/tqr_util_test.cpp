@@ -161,7 +161,7 @@ TEST(TqrUtil, MergesChangedFields) {
         {"X=1", "HWID:7", nullptr, "X=1 HWID:7"},
         {"A=1 A=2", "A=33", nullptr, "A=33 A=33"},
         {"A=1", R"(N="x y\" z" A=2)", nullptr, R"(A=2 N="x y\" z")"},
-        {"A=1,=5", "", nullptr, "A=1"},
+        {"A=1,=5", "=6", nullptr, "A=1"},
         {nullptr, "A=1 B=2", nullptr, "A=1 B=2"},
         {nullptr, nullptr, nullptr, ""},
     };
