@@ -3,6 +3,7 @@ import argparse
 import collections
 import concurrent.futures
 import contextlib
+import filecmp
 import os
 import random
 import re
@@ -81,9 +82,12 @@ class Copy:
                                stdout=subprocess.PIPE, text=True).stdout.split("\n")
         for name in filter(None, files):
             source, target = os.path.join(ROOT, name), os.path.join(self.folder, name)
-            if os.path.isfile(source):
+            if not os.path.isfile(source):
+                continue
+            # A fault that was left behind is built anew; what is unchanged is not.
+            if not os.path.isfile(target) or not filecmp.cmp(source, target, shallow=False):
                 os.makedirs(os.path.dirname(target), exist_ok=True)
-                shutil.copy2(source, target)
+                shutil.copy(source, target)
         os.makedirs(os.path.join(self.folder, "build"), exist_ok=True)
         for preset, selections in STEPS:
             if not self.run(["cmake", "--preset", preset, LINK], 600) or not self.builds(preset):
