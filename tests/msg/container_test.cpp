@@ -47,6 +47,7 @@ TEST(Container, ReadsNothingButItsOwnType) {
     for (const auto& row : TYPES) {
         ASSERT_TRUE(row.set(msg)) << row.getters;
         EXPECT_EQ(msg.GetItemType(1), row.type);
+        EXPECT_EQ(msg.GetItem(msg.GetItemCount()), nullptr);
         EXPECT_EQ(msg.GetArrayCount(1), row.count);
         EXPECT_EQ(msg.GetNumber(1), row.number);
         std::string getters;

@@ -56,11 +56,12 @@ TEST(SvcAddress, ComparesHostAndPortEachOnItsOwn) {
         EXPECT_TRUE(a > b);
         EXPECT_FALSE(a == b);
     }
-    const CSvcAddress same = one;
+    CSvcAddress same(3, 2);
+    same.SetHost(0xFFFFFFFFUL + 2);
     EXPECT_TRUE(one == same);
     EXPECT_FALSE(one < same);
     EXPECT_FALSE(one > same);
-    EXPECT_TRUE(one == CSvcAddress(0xFFFFFFFFUL + 2, 2)) << "where a long has 64 bits, too";
+    EXPECT_TRUE(same == CSvcAddress(0xFFFFFFFFUL + 2, 2)) << "where a long has 64 bits, too";
 }
 
 TEST(InetSocket, Datagrams) {

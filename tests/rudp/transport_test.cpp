@@ -206,6 +206,7 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, 0)), 9006u);
     EXPECT_EQ(error(client, client.SendMsg(peer.Service(), &msg, 0)), 9004u);
     ASSERT_TRUE(client.Open(nullptr, nullptr) && open_server(server));
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, 0)), 1001u);
     EXPECT_EQ(error(client, client.SendMsg(peer.Service(), nullptr, 0)), 9000u);
     EXPECT_EQ(error(server, server1.SendMsg(to, &packet, 'M', 3)), 9001u);
     EXPECT_EQ(error(client, client1.SendMsg(to, &packet, 0, 0)), 9002u);
