@@ -207,6 +207,12 @@ TEST(Transport, Errors) {
     EXPECT_EQ(error(client, client.SendMsg(peer.Service(), &msg, 0)), 9004u);
     ASSERT_TRUE(client.Open(nullptr, nullptr) && open_server(server));
     EXPECT_EQ(error(server, server.WaitForMsg(&msg, 0)), 1001u);
+    Peer sender;
+    for (const char layer : {'\2', '\3'}) {
+        sender.Send(address_of(server.GetSocket()),
+                    Bytes{layer, '\0', '\2', '\7'} + tid + Bytes(8, '\0') + indi);
+    }
+    EXPECT_EQ(error(server, server.WaitForMsg(&msg, PATIENCE)), 0u) << "after one that is refused";
     EXPECT_EQ(error(client, client.SendMsg(peer.Service(), nullptr, 0)), 9000u);
     EXPECT_EQ(error(server, server1.SendMsg(to, &packet, 'M', 3)), 9001u);
     EXPECT_EQ(error(client, client1.SendMsg(to, &packet, 0, 0)), 9002u);
