@@ -39,8 +39,8 @@ class Device:
             self.socket.sendto(head + items, ("239.192.255.4", 2055))
 
     def change_for(self, seconds):
-        end = due = time.monotonic()
-        end += seconds
+        due = time.monotonic()
+        end = due + seconds
         while due < end:
             for _ in range(RATE // 100):
                 pin = PINS[self.sent * 7 % len(PINS)]
@@ -51,8 +51,7 @@ class Device:
             time.sleep(max(0, due - time.monotonic()))
 
 
-def main():
-    folder = tempfile.mkdtemp()
+def measure(folder):
     names = f"{folder}/names"
     with open(names, "w", encoding="ascii") as file:
         file.writelines(f"{address >> 8}:{address & 255} device{address}\n" for address in ADDRESSES)
@@ -84,7 +83,12 @@ def main():
         worst = max(worst, share)
         tmux("send-keys", "Tab")
     tmux("kill-server")
-    sys.exit(worst >= LIMIT)
+    return worst
+
+
+def main():
+    with tempfile.TemporaryDirectory() as folder:
+        sys.exit(measure(folder) >= LIMIT)
 
 
 if __name__ == "__main__":

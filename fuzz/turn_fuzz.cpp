@@ -216,7 +216,7 @@ void Game::CheckService() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 4096) {
-        return -1;  // longer inputs find nothing new, and slow the fuzzer down
+        return -1;  // bounds the time that an input takes
     }
     Game game;
     for (const std::string& step : split_script(data, size)) {

@@ -29,8 +29,8 @@ STATEMENT = re.compile(r"^\s+(?!return|break|case|const|static|delete|using|\w+ 
 CALL = re.compile(r"(\w+)\(([\w.*&:]+), ([\w.*&:]+)\)")
 NUMBER = re.compile(r"(?<![\w.])([1-9]\d*)(?![\w.])")
 
-# The steps until somebody sees the fault: of the first all are asked, of the others the next only
-# where nobody saw it. A step is a preset and selections of its tests.
+# Each step is a preset and selections of its tests. A fault that no test of a step sees goes to the
+# next step.
 STEPS = [
     ("debug", [("world", ["-R", "^world"]),
                ("replay", ["-R", "^replay"]),
@@ -40,9 +40,10 @@ STEPS = [
                                   "-E", "^(completion|manuals|install|.*unit$)"])]),
     ("debug", [("end to end", ["-j2", "-L", "e2e|slow", "-LE", "wireshark"])]),
 ]
-# A fault costs a compilation and many links.
+# A fault takes one compilation and many links, so these must be quick.
 LINK = "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -Wl,--strip-debug"
-# A network and processes of its own, so that two copies don't meet and nothing outlives a test.
+# Each run has its own network and processes, so that copies don't disturb each other and nothing
+# remains after a timeout.
 ALONE = ["unshare", "-n", "-p", "-f", "--mount-proc", "--kill-child"]
 ALONE += [] if os.geteuid() == 0 else ["-U", "-r"]
 
@@ -74,7 +75,7 @@ def faults_of(path):
 class Copy:
     """A copy of the tree in which one fault after the other is planted."""
 
-    end_to_end = threading.Lock()  # these measure times
+    end_to_end = threading.Lock()  # held by those tests, which measure times
 
     def __init__(self, number):
         self.folder = os.path.join(ROOT, "build/mutate", str(number))
@@ -84,7 +85,8 @@ class Copy:
             source, target = os.path.join(ROOT, name), os.path.join(self.folder, name)
             if not os.path.isfile(source):
                 continue
-            # A fault that was left behind is built anew; what is unchanged is not.
+            # An interrupted run leaves a fault behind: copying gives the file a new time, and it is
+            # compiled again. Unchanged files are not.
             if not os.path.isfile(target) or not filecmp.cmp(source, target, shallow=False):
                 os.makedirs(os.path.dirname(target), exist_ok=True)
                 shutil.copy(source, target)
@@ -118,7 +120,7 @@ class Copy:
                             900 if is_slow else 120)
 
     def who_sees(self, path, number, new):
-        """The tests that see the fault; None when it is none to a compiler."""
+        """The tests that see the fault; None if it does not compile."""
         name = os.path.join(self.folder, path)
         with open(name, encoding="utf-8") as file:
             text = file.read()
@@ -141,7 +143,7 @@ class Copy:
 
 
 class Sample:
-    """Takes faults until enough were planted that compile, several copies at a time."""
+    """Plants faults in several copies at a time, until as many as wanted have compiled."""
 
     def __init__(self, faults, wanted):
         self.faults = iter(faults)
@@ -157,8 +159,7 @@ class Sample:
             self.taken += 1 if fault else 0
             return fault
 
-    def work(self, number):
-        copy = Copy(number)
+    def work(self, copy):
         while fault := self.next():
             path, line, new, what = fault
             seen = copy.who_sees(path, line, new)
@@ -187,8 +188,9 @@ def main():
     random.Random(options.seed).shuffle(faults)
     sample = Sample(faults, options.sample)
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        list(pool.map(sample.work, range(options.jobs)))
-    print("== seen by: "
+        copies = list(pool.map(Copy, range(options.jobs)))
+        list(pool.map(sample.work, copies))
+    print(f"== of {sample.counts.pop('in all', 0)} planted, seen by: "
           + ", ".join(f"{test} {count}" for test, count in sorted(sample.counts.items())))
     for place in sample.unseen:
         print(f"   not seen: {place}")

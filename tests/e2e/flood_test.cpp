@@ -28,6 +28,7 @@ protected:
     void Begin() {
         EXPECT_TRUE(Works());
         m_resident = ResidentKiB();
+        EXPECT_GT(m_resident, 0);
         m_cpu = CpuMs();
         m_descriptors = Descriptors();
     }
@@ -118,24 +119,8 @@ TEST_F(Flood, OfNothing) {
     EXPECT_GE(WakeUps() - waits, 1) << "for the sweep of remote servers";
 }
 
-// Half a million events of all kinds, while peers connect and disconnect. Every result is counted;
-// at the end, the daemon uses no more than after the first tenth. scripts/soak runs it with any
-// number of events.
 const int PER_ROUND = 25;  // events of each of the four kinds: as many as fit the socket buffers
 const int ROUND_EVENTS = 4 * PER_ROUND;
-
-// The requested number of events; 0 for the default.
-long events_wanted() {
-    const char* const text = getenv("ORVEX_SOAK_EVENTS");
-    return text == nullptr ? 0 : atol(text);
-}
-
-void show_progress(long done, long all) {
-    const int width = 50;
-    const std::string bar(static_cast<size_t>(done * width / all), '#');
-    fprintf(stderr, "\r[%-*s] %3ld %%, %ld events%s", width, bar.c_str(), done * 100 / all,
-            done * ROUND_EVENTS, done == all ? "\n" : "");
-}
 
 class Soak : public Flood {
 protected:
@@ -212,8 +197,12 @@ protected:
     std::minstd_rand m_random;  // default seed: the same numbers in every run
 };
 
+// Half a million events of all kinds, while peers connect and disconnect. Every result is counted;
+// at the end, the daemon uses no more than after the first tenth. scripts/soak runs it with any
+// number of events.
 TEST_F(Soak, HalfAMillionEvents) {
-    const long wanted = events_wanted();
+    const char* const text = getenv("ORVEX_SOAK_EVENTS");
+    const long wanted = text != nullptr ? atol(text) : 0;
     const long rounds = wanted > 0 ? std::max(10L, wanted / ROUND_EVENTS) : 5000;
     DropReceived();
     for (long round = 0; round < rounds && !HasFailure(); ++round) {
@@ -227,7 +216,7 @@ TEST_F(Soak, HalfAMillionEvents) {
             Disturb();
         }
         if (wanted > 0 && (round % 50 == 49 || round + 1 == rounds)) {
-            show_progress(round + 1, rounds);
+            fprintf(stderr, "\r%3ld %% ", (round + 1) * 100 / rounds);
         }
     }
     const long events = rounds * ROUND_EVENTS;

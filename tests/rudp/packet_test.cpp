@@ -1,10 +1,14 @@
-// Packets and the memory for repeats, with a clock that the tests set.
+// Packets, their transaction IDs and the memory for repeats, with a clock that the tests set.
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
 #include <vector>
 
+#include "net/InetAddress.h"
+#include "net/InetSocket.h"
+#include "net/SvcAddress.h"
+#include "rudp/RUdpLayer2Client.h"
 #include "rudp/RUdpMsg.h"
 #include "rudp/RUdpTIDMap.h"
 #include "tests/support/Clock.h"
@@ -55,6 +59,23 @@ TEST(Packet, Capacity) {
     EXPECT_EQ(RUdpMsg(memory, 16).GetDataSize(), 0u);
     EXPECT_EQ(RUdpMsg(memory, 17).GetDataSize(), 1u);
     EXPECT_EQ(RUdpMsg(0xFFFFFFF0ul).GetPacketPtr(), nullptr) << "with its header beyond 32 bits";
+}
+
+// They start after the time of day, here 2^32 - 2, and skip 0.
+TEST(Packet, TransactionIDs) {
+    Clock::Advance(-1002, 0);
+    CInetSocket sock;
+    CInetAddress to;
+    socklen_t size = sizeof(sockaddr_in);
+    ASSERT_EQ(sock.Open(false) | sock.Bind(0, "127.0.0.1"), 0);
+    ASSERT_EQ(getsockname(sock, to.GetAddress(), &size), 0);
+    CRUdpLayer2Client client(0, 0);
+    ASSERT_TRUE(client.Open(nullptr, nullptr));
+    for (const unsigned long tid : {0xFFFFFFFFul, 1ul, 2ul}) {
+        RUdpMsg packet(0);
+        EXPECT_TRUE(client.SendMsg({to.GetIP(), to.GetPort()}, &packet, 0, 2));
+        EXPECT_EQ(packet.GetMsgTID(), tid);
+    }
 }
 
 // Random traffic of 80 peers or 8 with mostly short intervals, some of just over 2^32 microseconds,

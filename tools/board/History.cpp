@@ -385,10 +385,10 @@ void History::PutAside(int64_t now) {
 
 // Damage that comes again and again must not fill the disk.
 void History::RemoveOldDamaged() const {
-    const fs::path file = fs::absolute(m_settings.file);
+    std::error_code error;
+    const fs::path file = fs::absolute(m_settings.file, error);
     const std::string begin = file.filename().string() + ".damaged-";
     std::set<fs::path> found;  // in the order of their times
-    std::error_code error;
     fs::directory_iterator entry(file.parent_path(), error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const std::string name = entry->path().filename().string();

@@ -109,20 +109,14 @@ TEST(MessageJson, RefusesOtherTexts) {
     const std::string lines[] = {
         "",
         R"({"id":"ABCD"})",
-        R"({"id":"ABC","items":[]})",
         R"({"id":4294967296,"items":[]})",
         R"({"id":"0x1234567g","items":[]})",
         R"({"id":"ABCD","items":[],"time":"now"})",
-        R"({"id":"ABCD","items":[],"port":65536})",
-        R"({"id":"ABCD","items":[],"reliable":1})",
         R"({"id":"ABCD","items":[{"type":"byte","value":1}]})",
         R"({"id":"ABCD","items":[{"pin":"258:8","type":"byte","value":1}]})",
         R"({"id":"ABCD","items":[{"tag":1,"type":"bit","value":1}]})",
-        R"({"id":"ABCD","items":[{"tag":1,"type":"byte"}]})",
         R"({"id":"ABCD","items":[{"tag":1,"type":"byte","value":256}]})",
         R"({"id":"ABCD","items":[{"tag":1,"type":"word","value":1.5}]})",
-        R"({"id":"ABCD","items":[{"tag":1,"type":"string","value":")" + std::string(65535, 'x') +
-            "\"}]}",
         R"({"id":"ABCD","items":[{"tag":1,"type":"string","value":")" + std::string(65524, 'x') +
             "\"}]}",
         deep};
