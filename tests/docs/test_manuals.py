@@ -91,7 +91,7 @@ class ManualsTest(unittest.TestCase):
         self.assertEqual(missing, [])
 
     def test_tool_messages(self):
-        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",), "orvex-board": ("tools/board",),
+        for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim", "tools/server"), "orvex-board": ("tools/board",),
                               "orvex-mqtt": ("tools/mqtt",)}.items():
             manual = " ".join(map(text_of, (ROOT / "docs/man").glob(f"{name}.*")))
             parts = {" ".join(joined(f'"{literal}"').split())

@@ -18,10 +18,10 @@ std::vector<std::string> DaemonCommand() {
 }  // namespace
 
 Peer::Peer()
-    : server([this](const SimServer::Event& event) {
-          if (event.kind == SimServer::EventKind::Received) {
+    : server([this](const ControlServer::Event& event) {
+          if (event.kind == ControlServer::EventKind::Received) {
               heard.push_back(event.text);
-          } else if (event.kind == SimServer::EventKind::Connected) {
+          } else if (event.kind == ControlServer::EventKind::Connected) {
               ++connections;
           }
       }) {}
@@ -74,7 +74,7 @@ bool Site::Await(const std::function<bool()>& condition, int limit_ms) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        SimServer::StepAll({&tqrd.server, &remote.server}, 5);
+        ControlServer::StepAll({&tqrd.server, &remote.server}, 5);
         if (daemon != nullptr) {
             daemon->Pump();
         }

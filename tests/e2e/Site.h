@@ -10,13 +10,13 @@
 
 #include "tests/support/Host.h"
 #include "tests/support/Process.h"
-#include "tools/sim/SimServer.h"
+#include "tools/server/ControlServer.h"
 
 // A stand-in server and the lines it has received.
 struct Peer {
     Peer();
 
-    SimServer server;
+    ControlServer server;
     std::vector<std::string> heard;
     int connections = 0;
 

@@ -17,7 +17,7 @@
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
-#include "tools/sim/SimServer.h"
+#include "tools/server/ControlServer.h"
 
 namespace {
 
@@ -104,16 +104,16 @@ void PrintProblem(const std::string& origin, const std::string& text) {
     fprintf(stderr, "%s: %s: %s\n", APP_NAME, origin.c_str(), text.c_str());
 }
 
-void PrintEvent(const SimServer::Event& event) {
+void PrintEvent(const ControlServer::Event& event) {
     switch (event.kind) {
-        case SimServer::EventKind::Received:
+        case ControlServer::EventKind::Received:
             return Print(event.peer + " < " + event.text);
-        case SimServer::EventKind::Sent:
+        case ControlServer::EventKind::Sent:
             return Print(event.peer + " > " + event.text);
-        case SimServer::EventKind::Connected:
-        case SimServer::EventKind::Disconnected:
+        case ControlServer::EventKind::Connected:
+        case ControlServer::EventKind::Disconnected:
             return Print(event.peer + " " + event.text);
-        case SimServer::EventKind::Problem:
+        case ControlServer::EventKind::Problem:
             return PrintProblem(event.peer, event.text);
     }
 }
@@ -127,14 +127,14 @@ std::string Content(const std::string& line) {
     return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
 }
 
-void Apply(SimServer& server, const std::string& origin, const std::string& line) {
+void Apply(ControlServer& server, const std::string& origin, const std::string& line) {
     const std::string error = server.Apply(line);
     if (!error.empty()) {
         PrintProblem(origin, error);
     }
 }
 
-bool LoadFile(SimServer& server, const std::string& name) {
+bool LoadFile(ControlServer& server, const std::string& name) {
     errno = 0;
     std::ifstream file(name);
     std::string line;
@@ -151,7 +151,7 @@ bool LoadFile(SimServer& server, const std::string& name) {
     return false;
 }
 
-bool Listen(SimServer& server, const std::vector<std::string>& addresses) {
+bool Listen(ControlServer& server, const std::vector<std::string>& addresses) {
     for (const std::string& text : addresses) {
         const Address address = ParseAddress(text).value();
         try {
@@ -172,7 +172,7 @@ bool Listen(SimServer& server, const std::vector<std::string>& addresses) {
 // The operator at standard input.
 class Console {
 public:
-    explicit Console(SimServer& server) : m_server(server) {}
+    explicit Console(ControlServer& server) : m_server(server) {}
 
     bool HasQuit() const { return m_quit; }
 
@@ -222,13 +222,13 @@ private:
         }
     }
 
-    SimServer& m_server;
+    ControlServer& m_server;
     LineBuffer m_input;
     bool m_open = true;
     bool m_quit = false;
 };
 
-void Run(SimServer& server, const Signals& signals) {
+void Run(ControlServer& server, const Signals& signals) {
     Console console(server);
     // cppcheck-suppress variableScope; its memory is used again
     std::vector<pollfd> fds;
@@ -256,7 +256,7 @@ int Main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGTTIN, SIG_IGN);
     const Signals signals;
-    SimServer server(PrintEvent);
+    ControlServer server(PrintEvent);
     if ((!options.file.empty() && !LoadFile(server, options.file)) ||
         !Listen(server, options.listen)) {
         return STATUS_FAILED;

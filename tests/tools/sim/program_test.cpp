@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "tests/support/Process.h"
-#include "tests/tools/sim/TestClient.h"
+#include "tests/tools/server/TestClient.h"
 
 namespace {
 

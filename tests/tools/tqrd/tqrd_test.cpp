@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "tests/support/loopback.h"
-#include "tools/sim/SimServer.h"
+#include "tools/server/ControlServer.h"
 #include "tools/tqrd/ChannelTable.h"
 #include "tools/tqrd/SourceNotes.h"
 #include "tools/tqrd/TqrdClient.h"
@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 const unsigned long LOOPBACK = 0x7F000001;
 
 TEST(TqrdClient, TalksToAServer) {
-    SimServer server;
+    ControlServer server;
     for (const char* line : {"SET NIC_IPADDR=10.0.0.1", "CFG GPO 3 SRCA=\"tqs://1:2\", N=x",
                              "CFG GPO 9 SRCA=10.0.0.9:94/2", "CFG GPO 10 N=1", "GPI 3 LH"}) {
         ASSERT_EQ(server.Apply(line), "");

@@ -1,4 +1,4 @@
-#include "tools/sim/SimServer.h"
+#include "tools/server/ControlServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -35,9 +35,9 @@ void Check(bool ok, const std::string& what) {
 
 }  // namespace
 
-SimServer::SimServer(Observer observer) : m_observer(std::move(observer)) {}
+ControlServer::ControlServer(Observer observer) : m_observer(std::move(observer)) {}
 
-uint16_t SimServer::Listen(const std::string& ip, uint16_t port) {
+uint16_t ControlServer::Listen(const std::string& ip, uint16_t port) {
     const std::string wanted = ip + ":" + std::to_string(port);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -60,7 +60,7 @@ uint16_t SimServer::Listen(const std::string& ip, uint16_t port) {
     return m_port;
 }
 
-std::string SimServer::Apply(const std::string& line) {
+std::string ControlServer::Apply(const std::string& line) {
     const LineEffect effect = m_device.Apply(line, Clock::now());
     Broadcast(effect.broadcast);
     if (effect.changed_input != 0) {
@@ -69,7 +69,7 @@ std::string SimServer::Apply(const std::string& line) {
     return effect.error;
 }
 
-void SimServer::SendRaw(const std::string& bytes) {
+void ControlServer::SendRaw(const std::string& bytes) {
     for (Connection& client : m_clients) {
         if (client.socket.IsOpen()) {
             Tell(EventKind::Sent, client.peer, bytes);
@@ -78,25 +78,25 @@ void SimServer::SendRaw(const std::string& bytes) {
     }
 }
 
-void SimServer::DropAll() {
+void ControlServer::DropAll() {
     for (Connection& client : m_clients) {
         Disconnect(client, "dropped");
     }
 }
 
-void SimServer::Close() {
+void ControlServer::Close() {
     for (Listener& listener : m_listeners) {
         listener.socket.Close();
     }
     DropAll();
 }
 
-size_t SimServer::ClientCount() const {
+size_t ControlServer::ClientCount() const {
     const auto is_open = [](const Connection& client) { return client.socket.IsOpen(); };
     return static_cast<size_t>(std::count_if(m_clients.begin(), m_clients.end(), is_open));
 }
 
-std::vector<std::string> SimServer::DescribeClients() const {
+std::vector<std::string> ControlServer::DescribeClients() const {
     std::vector<std::string> lines;
     for (const Connection& client : m_clients) {
         if (!client.socket.IsOpen()) {
@@ -113,19 +113,19 @@ std::vector<std::string> SimServer::DescribeClients() const {
     return lines;
 }
 
-void SimServer::StepAll(const std::vector<SimServer*>& servers, int timeout) {
+void ControlServer::StepAll(const std::vector<ControlServer*>& servers, int timeout) {
     std::vector<pollfd> fds;
-    for (const SimServer* server : servers) {
+    for (const ControlServer* server : servers) {
         server->AddDescriptors(fds);
         timeout = server->Timeout(timeout);
     }
     poll(fds.data(), fds.size(), timeout);
-    for (SimServer* server : servers) {
+    for (ControlServer* server : servers) {
         server->Serve(fds);
     }
 }
 
-void SimServer::AddDescriptors(std::vector<pollfd>& fds) const {
+void ControlServer::AddDescriptors(std::vector<pollfd>& fds) const {
     for (const Listener& listener : m_listeners) {
         if (listener.socket.IsOpen() && m_accept_after <= Clock::now()) {
             fds.push_back({listener.socket.Get(), POLLIN, 0});
@@ -139,7 +139,7 @@ void SimServer::AddDescriptors(std::vector<pollfd>& fds) const {
     }
 }
 
-int SimServer::Timeout(int limit) const {
+int ControlServer::Timeout(int limit) const {
     const Clock::time_point now = Clock::now();
     Clock::time_point next = m_device.NextExpiry().value_or(Clock::time_point::max());
     if (m_accept_after > now) {
@@ -153,7 +153,7 @@ int SimServer::Timeout(int limit) const {
     return limit < 0 ? milliseconds : std::min(limit, milliseconds);
 }
 
-void SimServer::Serve(const std::vector<pollfd>& fds) {
+void ControlServer::Serve(const std::vector<pollfd>& fds) {
     for (const pollfd& ready : fds) {
         if (ready.revents == 0) {
             continue;
@@ -178,7 +178,7 @@ void SimServer::Serve(const std::vector<pollfd>& fds) {
     m_clients.remove_if(is_closed);
 }
 
-void SimServer::Accept(Listener& listener) {
+void ControlServer::Accept(Listener& listener) {
     while (listener.socket.IsOpen()) {
         sockaddr_in address = {};
         socklen_t size = sizeof address;
@@ -197,8 +197,8 @@ void SimServer::Accept(Listener& listener) {
     }
 }
 
-void SimServer::AddConnection(Descriptor socket, const std::string& peer,
-                              const std::string& address) {
+void ControlServer::AddConnection(Descriptor socket, const std::string& peer,
+                                  const std::string& address) {
     if (ClientCount() >= MAX_CLIENTS) {
         Tell(EventKind::Problem, peer, "refused: too many clients");
         return;
@@ -212,7 +212,7 @@ void SimServer::AddConnection(Descriptor socket, const std::string& peer,
     Tell(EventKind::Connected, peer, "connected to " + address);
 }
 
-void SimServer::Receive(Connection& client) {
+void ControlServer::Receive(Connection& client) {
     if (!client.socket.IsOpen()) {
         return;
     }
@@ -237,7 +237,7 @@ void SimServer::Receive(Connection& client) {
     }
 }
 
-void SimServer::HandleLine(Connection& client, const std::string& line) {
+void ControlServer::HandleLine(Connection& client, const std::string& line) {
     Tell(EventKind::Received, client.peer, line);
     const LineEffect effect = m_device.Request(line, Clock::now());
     if (!effect.error.empty()) {
@@ -253,14 +253,14 @@ void SimServer::HandleLine(Connection& client, const std::string& line) {
     Broadcast(effect.broadcast);
 }
 
-void SimServer::SendLine(Connection& client, const std::string& line) {
+void ControlServer::SendLine(Connection& client, const std::string& line) {
     if (client.socket.IsOpen()) {
         Tell(EventKind::Sent, client.peer, line);
         SendBytes(client, line + "\n");
     }
 }
 
-void SimServer::SendBytes(Connection& client, const std::string& bytes) {
+void ControlServer::SendBytes(Connection& client, const std::string& bytes) {
     client.output += bytes;
     Flush(client);
     if (client.socket.IsOpen() && client.output.size() > MAX_OUTPUT) {
@@ -270,7 +270,7 @@ void SimServer::SendBytes(Connection& client, const std::string& bytes) {
 }
 
 // Passes as much of the output to the system as it accepts without waiting.
-void SimServer::Flush(Connection& client) {
+void ControlServer::Flush(Connection& client) {
     while (client.socket.IsOpen() && !client.output.empty()) {
         const ssize_t sent =
             send(client.socket.Get(), client.output.data(), client.output.size(), MSG_NOSIGNAL);
@@ -284,7 +284,7 @@ void SimServer::Flush(Connection& client) {
     }
 }
 
-void SimServer::Broadcast(const std::vector<std::string>& lines) {
+void ControlServer::Broadcast(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         for (Connection& client : m_clients) {
             SendLine(client, line);
@@ -292,7 +292,7 @@ void SimServer::Broadcast(const std::vector<std::string>& lines) {
     }
 }
 
-void SimServer::ReportInput(int number) {
+void ControlServer::ReportInput(int number) {
     const std::string line = m_device.InputLine(number);
     for (Connection& client : m_clients) {
         if (client.subscriptions[static_cast<size_t>(number)]) {
@@ -301,14 +301,14 @@ void SimServer::ReportInput(int number) {
     }
 }
 
-void SimServer::Disconnect(Connection& client, const std::string& reason) {
+void ControlServer::Disconnect(Connection& client, const std::string& reason) {
     if (client.socket.IsOpen()) {
         client.socket.Close();
         Tell(EventKind::Disconnected, client.peer, reason);
     }
 }
 
-void SimServer::Tell(EventKind kind, const std::string& peer, const std::string& text) const {
+void ControlServer::Tell(EventKind kind, const std::string& peer, const std::string& text) const {
     if (m_observer) {
         m_observer({kind, peer, text});
     }

@@ -1,4 +1,4 @@
-#include "tools/sim/DeviceState.h"
+#include "tools/server/DeviceState.h"
 
 #include <algorithm>
 #include <climits>

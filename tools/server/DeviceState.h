@@ -1,4 +1,4 @@
-// The device that the stand-in server plays: its pins, its configuration, and the effects of
+// The device that a control server shows: its pins, its configuration, and the effects of
 // control lines.
 #pragma once
 

@@ -1,4 +1,4 @@
-#include "tools/sim/SimServer.h"
+#include "tools/server/ControlServer.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,16 +6,16 @@
 
 #include <system_error>
 
-#include "tests/tools/sim/TestClient.h"
+#include "tests/tools/server/TestClient.h"
 
 namespace {
 
-using Kind = SimServer::EventKind;
+using Kind = ControlServer::EventKind;
 
-class SimServerTest : public ::testing::Test {
+class ControlServerTest : public ::testing::Test {
 protected:
     bool StepUntil(const std::function<bool()>& condition) {
-        return Await(condition, [this] { SimServer::StepAll({&server, &other}, 5); });
+        return Await(condition, [this] { ControlServer::StepAll({&server, &other}, 5); });
     }
 
     void ExpectReceived(TestClient& client, const std::string& text) {
@@ -31,12 +31,12 @@ protected:
     }
 
     std::map<Kind, int> seen;
-    SimServer server{[this](const SimServer::Event& event) { ++seen[event.kind]; }};
-    SimServer other;
+    ControlServer server{[this](const ControlServer::Event& event) { ++seen[event.kind]; }};
+    ControlServer other;
     const uint16_t port = server.Listen("127.0.0.1", 0);
 };
 
-TEST_F(SimServerTest, ReportsToSubscribersOnly) {
+TEST_F(ControlServerTest, ReportsToSubscribersOnly) {
     TestClient subscriber(port);
     TestClient stranger(server.Listen("127.0.0.1", 0));
     subscriber.Send("SET\nCFG GPO\nADD G");
@@ -56,7 +56,7 @@ TEST_F(SimServerTest, ReportsToSubscribersOnly) {
     EXPECT_EQ(seen[Kind::Problem], 0);
 }
 
-TEST_F(SimServerTest, SurvivesAnyBytes) {
+TEST_F(ControlServerTest, SurvivesAnyBytes) {
     TestClient hostile(port);
     std::string bytes;
     for (int i = 0; i < 3000; ++i) {
@@ -76,7 +76,7 @@ TEST_F(SimServerTest, SurvivesAnyBytes) {
     ExpectAlive(hostile);
 }
 
-TEST_F(SimServerTest, BoundsWhatAClientLeavesUnread) {
+TEST_F(ControlServerTest, BoundsWhatAClientLeavesUnread) {
     TestClient idle(port);
     ExpectAlive(idle);
     const std::string chunk(100000, 'x');
@@ -90,7 +90,7 @@ TEST_F(SimServerTest, BoundsWhatAClientLeavesUnread) {
     EXPECT_EQ(seen[Kind::Problem], 1);
 }
 
-TEST_F(SimServerTest, ClosesAndListensAgain) {
+TEST_F(ControlServerTest, ClosesAndListensAgain) {
     EXPECT_THROW(other.Listen("127.0.0.1", port), std::system_error);
     EXPECT_THROW(other.Listen("localhost", 0), std::system_error);
     TestClient first(port);
@@ -111,9 +111,9 @@ TEST_F(SimServerTest, ClosesAndListensAgain) {
     EXPECT_TRUE(elsewhere.Read());
 }
 
-TEST_F(SimServerTest, ServesManyAndRefusesTheRest) {
+TEST_F(ControlServerTest, ServesManyAndRefusesTheRest) {
     std::list<TestClient> clients;
-    while (clients.size() < SimServer::MAX_CLIENTS) {
+    while (clients.size() < ControlServer::MAX_CLIENTS) {
         ExpectAlive(clients.emplace_back(port));
     }
     TestClient surplus(port);
@@ -124,7 +124,7 @@ TEST_F(SimServerTest, ServesManyAndRefusesTheRest) {
     }
 }
 
-TEST_F(SimServerTest, WaitsForDescriptors) {
+TEST_F(ControlServerTest, WaitsForDescriptors) {
     TestClient client(port);
     rlimit limits = {};
     getrlimit(RLIMIT_NOFILE, &limits);

@@ -1,4 +1,4 @@
-// A stand-in control server: a DeviceState behind TCP connections that exchange control lines.
+// A control server: a DeviceState behind TCP connections that exchange control lines.
 #pragma once
 
 #include <poll.h>
@@ -11,9 +11,9 @@
 
 #include "tools/base/Descriptor.h"
 #include "tools/base/LineBuffer.h"
-#include "tools/sim/DeviceState.h"
+#include "tools/server/DeviceState.h"
 
-// Plays a device with one state to any number of clients on any number of addresses. For one
+// Serves a device with one state to any number of clients on any number of addresses. For one
 // thread: it works only inside its calls and blocks only in Step(), so several servers, and other
 // descriptors, fit into one poll loop:
 //
@@ -24,7 +24,7 @@
 //
 // Clients can neither harm nor delay it: a client whose line is too long, or that does not read its
 // output, is dropped.
-class SimServer {
+class ControlServer {
 public:
     static constexpr size_t MAX_CLIENTS = 500;
     static constexpr size_t MAX_OUTPUT = 262144;  // bytes that a client may leave unread
@@ -41,7 +41,7 @@ public:
     // StepAll() and Serve().
     using Observer = std::function<void(const Event&)>;
 
-    explicit SimServer(Observer observer = nullptr);
+    explicit ControlServer(Observer observer = nullptr);
 
     // Also listens on this IPv4 address (a dotted quad) and port, and returns the port: 0 chooses a
     // free one. Throws std::system_error on failure.
@@ -74,7 +74,7 @@ public:
     void Step(int timeout) { StepAll({this}, timeout); }
 
     // The same for several servers at once.
-    static void StepAll(const std::vector<SimServer*>& servers, int timeout);
+    static void StepAll(const std::vector<ControlServer*>& servers, int timeout);
 
     // The three parts of a turn, for loops that wait for other descriptors too. Serve() ignores
     // descriptors that are not the server's own.
