@@ -46,15 +46,16 @@ protected:
         Expect("close", fd);
     }
 
-    void Connect(Connection& connection, const Endpoint& to) {
+    // Whether it was tried: not without memory for its lines.
+    bool Connect(Connection& connection, const Endpoint& to) {
         connection = {};
-        if (IsNext("no memory")) {
-            Expect("no memory");
-            return;
+        if (IsNext("no buffer")) {
+            Expect("no buffer");
+            return false;
         }
         const int fd = Opened("stream");
         if (fd < 0) {
-            return;
+            return true;
         }
         Expect("setsockopt", fd, "TCP_NODELAY", 1);
         Expect("setsockopt", fd, "SO_KEEPALIVE", 1);
@@ -65,6 +66,7 @@ protected:
         } else {
             Close(fd);
         }
+        return true;
     }
 
     // Takes the next line, after one check for more bytes. Lines still unhandled when the

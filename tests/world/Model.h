@@ -173,10 +173,14 @@ private:
     }
 
     // ---- Connections and control lines.
+    // Only an attempt that fails leaves the table as it was, so memory that is short does not.
     void Reach(const Endpoint& server, int number) {
-        Connect(m_Remotes[server], server);
-        if (m_Remotes[server].fd != -1) {
+        Connection& remote = m_Remotes[server];
+        const bool has_failed = Connect(remote, server) && remote.fd == -1;
+        if (remote.fd != -1) {
             Subscribe(server, number);
+        }
+        if (!has_failed) {
             Table();
         }
     }
