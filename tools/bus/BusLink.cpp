@@ -186,6 +186,7 @@ bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffi
     traffic.time = TimeOfDay();
     traffic.host = HostText(static_cast<uint32_t>(traffic.message.GetHost()));
     traffic.port = port;
+    traffic.tid = static_cast<uint32_t>(server.GetMsgBuffer()->GetMsgTID());
     return true;
 }
 

@@ -25,6 +25,7 @@ struct Traffic {
     double time = 0;    // seconds since 1970
     std::string host;   // address of the sender; empty: this program
     uint16_t port = 0;  // the port it was sent to; 0: not known
+    uint32_t tid = 0;   // the transaction ID of its packet; 0: none
     CMessage message{16, 16};
 };
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
 
 #include "tools/bus/Names.h"
@@ -99,24 +100,63 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
     }
 }
 
-TEST(RepeatFilter, PairsMessages) {
-    const TimePoint start = Now();
-    RepeatFilter filter;
-    const auto is_repeat = [&](const char* host, uint8_t value, int ms) {
+// A host that sends each message as two packets, of which some get lost.
+class Twice {
+public:
+    // The levels that are left after the filter. lost: whether a packet gets lost.
+    std::string Toggle(int count, int every_ms, const std::function<bool(int packet)>& lost) {
+        std::string left;
+        for (int packet = 0; packet < 2 * count; ++packet) {
+            const bool low = packet / 2 % 2 == 0;
+            if (!lost(packet) && !IsRepeat(m_tid + packet, low ? 1 : 0, packet / 2 * every_ms)) {
+                left += low ? 'L' : 'H';
+            }
+        }
+        return left;
+    }
+
+    bool IsRepeat(long tid, uint8_t value, int ms, uint32_t host = 1) {
         Traffic traffic;
-        traffic.host = host;
+        traffic.tid = static_cast<uint32_t>(tid);
+        traffic.message.SetRoutingInfo1(host, 0, 0, 0);
         traffic.message.SetByte(0x1020D, value);
-        return filter.IsRepeat(traffic, start + std::chrono::milliseconds(ms));
-    };
-    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 0));
-    EXPECT_FALSE(is_repeat("10.0.0.2", 1, 0)) << "another host";
-    EXPECT_FALSE(is_repeat("10.0.0.1", 0, 1)) << "another value";
-    EXPECT_TRUE(is_repeat("10.0.0.1", 1, 1));
-    EXPECT_TRUE(is_repeat("10.0.0.1", 0, 2));
-    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 3)) << "it happened again";
-    EXPECT_TRUE(is_repeat("10.0.0.1", 1, 253));
-    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 254));
-    EXPECT_FALSE(is_repeat("10.0.0.1", 1, 505)) << "too late for a second copy";
+        return m_filter.IsRepeat(traffic, m_start + std::chrono::milliseconds(ms));
+    }
+
+private:
+    const TimePoint m_start = Now();
+    const long m_tid = 7;
+    RepeatFilter m_filter;
+};
+
+TEST(RepeatFilter, KeepsEveryChangeWhateverIsLost) {
+    for (int lost = 0; lost < 64; ++lost) {
+        std::string truth;
+        for (int i = 0; i < 3; ++i) {
+            truth += (lost >> (2 * i) & 3) == 3 ? "" : i == 1 ? "H" : "L";
+        }
+        const auto is_lost = [lost](int packet) { return (lost >> packet & 1) != 0; };
+        EXPECT_EQ(Twice().Toggle(3, 80, is_lost), truth) << "lost packets: " << lost;
+    }
+    for (int lost = 0; lost < 15; ++lost) {  // of four packets, again and again
+        const auto is_lost = [lost](int packet) { return (lost >> packet % 4 & 1) != 0; };
+        const size_t left = (lost & 3) == 3 || lost >> 2 == 3 ? 50 : 100;
+        EXPECT_EQ(Twice().Toggle(100, 10, is_lost).size(), left) << "lost packets: " << lost;
+    }
+}
+
+TEST(RepeatFilter, PairsPackets) {
+    Twice host;
+    EXPECT_FALSE(host.IsRepeat(1, 1, 0));
+    EXPECT_FALSE(host.IsRepeat(2, 1, 0, 2)) << "another host";
+    EXPECT_FALSE(host.IsRepeat(2, 0, 0)) << "another value";
+    EXPECT_TRUE(host.IsRepeat(2, 1, 1));
+    EXPECT_FALSE(host.IsRepeat(3, 1, 2)) << "a message has one copy";
+    EXPECT_FALSE(host.IsRepeat(4, 1, 103)) << "too late for a copy";
+    EXPECT_FALSE(host.IsRepeat(0xFFFFFFFF, 1, 200));
+    EXPECT_TRUE(host.IsRepeat(1, 1, 200)) << "after the last transaction ID";
+    EXPECT_FALSE(host.IsRepeat(0, 1, 201));
+    EXPECT_FALSE(host.IsRepeat(0, 1, 201)) << "of this program";
 }
 
 }  // namespace
