@@ -4,7 +4,6 @@
 //   environment.cpp  the settings from environment variables
 //   mainloop.cpp     the select() loop
 //   channels.cpp     the channel table and the control lines that change it
-//   source.cpp       what a CFG line says about a channel
 //   state.cpp        pin states between the bus, the channel table and TQRD
 #pragma once
 
@@ -14,18 +13,19 @@
 #include <cstdint>
 #include <string>
 
-#include "app/protocol.h"
-#include "app/source.h"
 #include "gpiocli/gpiocli.h"
 #include "msg/Message.h"
 #include "net/SvcAddress.h"
+#include "protocol/numbers.h"
+#include "protocol/source.h"
 #include "rudp/RUdpLayer3Client.h"
 #include "rudp/RUdpLayer3Server.h"
 #include "tqr/tqrcli.h"
+#include "tqr/trace.h"
 
 const char* const APP_NAME = "orvex";
 
-// ---- Settings. The debug flag dbg is declared in tqr/trace.h.
+// ---- Settings. The debug flag is dbg, in tqr/trace.h.
 
 extern std::string tqr_ip;       // address of TQRD, a dotted quad
 extern unsigned short tqr_port;  // its TCP port

@@ -57,7 +57,8 @@ void for_each_pin(const CMessage& request, Visitor visit) {
 void write_pin(int channel_number, int pin, unsigned char value) {
     char state[] = "xxxxx";
     state[pin] = (value & LEVEL_LOW) != 0 ? 'L' : 'H';
-    const int duration = (value & COUNT_MASK) * ((value & STEP_10_MS) != 0 ? 10 : 250);
+    const unsigned int step = (value & STEP_10_MS) != 0 ? FINE_STEP_MS : COARSE_STEP_MS;
+    const int duration = static_cast<int>((value & COUNT_MASK) * step);
     char line[40];
     if (duration == 0) {
         write_line(line, "GPO ", channel_number, " ", state, "\n");

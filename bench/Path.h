@@ -4,7 +4,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 
 enum class Path {
     Write,    // a write from the bus to the line at the control server

@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <string>
 
-#include "app/protocol.h"
 #include "bench/sockets.h"
 #include "message.pb.h"
 #include "msg/Msg2.h"
+#include "protocol/numbers.h"
 #include "rudp/RUdpLayer1Base.h"
 #include "rudp/RUdpTIDMap.h"
 #include "tqr/tqr_util.h"

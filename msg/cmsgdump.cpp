@@ -5,11 +5,9 @@
 #include <cstdio>
 
 #include "msg/Message.h"
+#include "protocol/numbers.h"
 
 namespace {
-
-const uint32_t TAG_REQUEST_ID = 0xFFFFFFFF;
-const uint32_t TAG_REFERENCE_ID = 0xFFFFFFFE;
 
 // A text that grows within a fixed buffer. What does not fit is truncated.
 class Text {
@@ -64,7 +62,7 @@ void add_label(Text& text, uint32_t tag, int flags) {
     }
     if ((flags & MSG_LABEL_NAME) != 0) {
         char name[5];
-        text.Add("%s", tag == TAG_REFERENCE_ID ? "refi"
+        text.Add("%s", tag == TAG_REFERS_TO    ? "refi"
                        : tag == TAG_REQUEST_ID ? "*id*"
                                                : CMsg2::GetName(tag, name));
     }

@@ -14,7 +14,7 @@ import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-FOLDERS = ("app", "msg", "net", "rudp", "tqr", "gpiocli")
+FOLDERS = ("app", "msg", "net", "rudp", "tqr", "gpiocli", "protocol")
 UNSEEN_BY_DESIGN = re.compile(r"^\s*(//|#|\}|$)|printf|static_assert")
 
 # Replacements; each place where one fits is a fault.

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "tests/app/InProcess.h"
-#include "tqr/trace.h"
 
 namespace {
 

@@ -34,7 +34,7 @@ LIMITS = [
     ("tqr/tqrcli.h", "LINE_SIZE", lambda size: size - 1,
      {"docs/protocol.md": "more than {} characters ends", "docs/man/orvex-protocol.7": "at most {} characters long",
       "docs/wireshark.md": "more than {} characters", "wireshark/orvex_line.lua": "MAX_LINE = {} "}),
-    ("app/protocol.h", "HIGHEST_FOLLOWED", lambda channel: channel,
+    ("protocol/numbers.h", "HIGHEST_FOLLOWED", lambda channel: channel,
      {"docs/protocol.md": "used for channels 1 to {} |", "docs/man/orvex.8": "Outputs of channels 1 to {} can be read"}),
 ]
 
@@ -83,7 +83,7 @@ class ManualsTest(unittest.TestCase):
 
     def test_daemon_messages(self):
         manual = text_of(ROOT / "docs/man/orvex.8")
-        found = [message for folder in ("app", "net", "rudp", "msg", "tqr", "gpiocli")
+        found = [message for folder in ("app", "net", "rudp", "msg", "tqr", "gpiocli", "protocol")
                  for message in messages(folder)]
         self.assertGreater(len(found), 30)
         missing = [message for message in found

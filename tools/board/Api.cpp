@@ -3,6 +3,7 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "protocol/numbers.h"
 #include "tools/board/Assets.h"
 #include "tools/board/Json.h"
 #include "tools/bus/Escape.h"
@@ -232,9 +233,9 @@ HttpResponse Api::Set(const HttpRequest& request) {
     const std::string level = text("level");
     const bool timed = body.is_object() && body.contains("duration");
     if ((level != "L" && level != "H") || (timed && !body["duration"].is_number_unsigned()) ||
-        (timed && body["duration"].get<uint64_t>() > 7750)) {
-        return Fail(400,
-                    "a pin, a level L or H, and no duration or one of 0 to 7750 ms are needed");
+        (timed && body["duration"].get<uint64_t>() > LONGEST_PULSE_MS)) {
+        return Fail(400, "a pin, a level L or H, and no duration or one of 0 to " +
+                             std::to_string(LONGEST_PULSE_MS) + " ms are needed");
     }
     uint32_t tag = 0;
     try {

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "protocol/numbers.h"
 #include "tools/completion/Completion.h"
 
 namespace {
@@ -99,7 +100,7 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         app.add_option("--names", options.names, "Names of pins and addresses")->type_name("FILE");
     app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
         ->type_name("IP[:PORT]")
-        ->check(Check([](const std::string& text) { ParseHostPort(text, uint16_t(93)); }));
+        ->check(Check([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));
     app.add_option("--keep", options.keep, "Keep events for this time")
         ->type_name("TIME")
         ->check(Check(ParseAge))

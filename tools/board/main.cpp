@@ -12,6 +12,7 @@
 #include <exception>
 #include <memory>
 
+#include "protocol/numbers.h"
 #include "tools/board/Access.h"
 #include "tools/board/Api.h"
 #include "tools/board/Board.h"
@@ -131,7 +132,7 @@ BoardSettings Program::BoardSettingsOf(const Options& options) {
         settings.group = ntohl(group.s_addr);
     }
     if (!options.control.empty()) {
-        const HostPort server = ParseHostPort(options.control, uint16_t(93));
+        const HostPort server = ParseHostPort(options.control, LINE_PORT);
         in_addr address = {};
         inet_pton(AF_INET, server.host.c_str(), &address);
         settings.control = CSvcAddress(ntohl(address.s_addr), server.port);

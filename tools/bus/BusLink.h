@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 #include "rudp/RUdpLayer3Client.h"
 #include "rudp/RUdpLayer3Server.h"
 #include "tools/base/Time.h"

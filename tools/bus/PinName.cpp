@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 
 const char* const PIN_NAMES = "in1 to in5, out1 to out5, c0 to c255";
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 #include "tools/bus/Names.h"
 
 namespace {
@@ -49,10 +49,10 @@ WriteValue::WriteValue(Level level, unsigned long duration_ms)
     if (duration_ms == 0) {
         return;
     }
-    const uint8_t fine = Steps(duration_ms, 10);
-    const uint8_t coarse = Steps(duration_ms, 250);
+    const uint8_t fine = Steps(duration_ms, FINE_STEP_MS);
+    const uint8_t coarse = Steps(duration_ms, COARSE_STEP_MS);
     const bool use_fine =
-        Distance(fine * 10UL, duration_ms) < Distance(coarse * 250UL, duration_ms);
+        Distance(fine * FINE_STEP_MS, duration_ms) < Distance(coarse * COARSE_STEP_MS, duration_ms);
     m_byte = static_cast<uint8_t>(m_byte | (use_fine ? STEP_10_MS | fine : coarse));
 }
 
@@ -61,7 +61,7 @@ Level WriteValue::GetLevel() const {
 }
 
 unsigned int WriteValue::Duration() const {
-    return (m_byte & COUNT_MASK) * ((m_byte & STEP_10_MS) != 0 ? 10U : 250U);
+    return (m_byte & COUNT_MASK) * ((m_byte & STEP_10_MS) != 0 ? FINE_STEP_MS : COARSE_STEP_MS);
 }
 
 PinWrite ParsePinWrite(const std::string& text, const Names& names) {

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "app/protocol.h"
 #include "msg/Message.h"
+#include "protocol/numbers.h"
 #include "tools/bus/PinWrite.h"
 
 enum class Kind { Report, Reply, Write, Read, Other };

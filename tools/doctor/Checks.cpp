@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 #include "tools/doctor/Carried.h"
 
 namespace {

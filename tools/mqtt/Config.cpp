@@ -8,11 +8,10 @@
 #include <set>
 #include <sstream>
 
+#include "protocol/numbers.h"
 #include "tools/mqtt/Graph.h"
 
 namespace {
-
-const unsigned int LONGEST_PULSE = 7750;  // ms; the longest in a write
 
 using Words = std::vector<std::string>;
 
@@ -247,7 +246,7 @@ void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) 
     if (option == "invert") {
         link.invert = true;
     } else if (option == "pulse") {
-        link.pulse_ms = static_cast<unsigned int>(ParseNumber(value(), 10, LONGEST_PULSE));
+        link.pulse_ms = static_cast<unsigned int>(ParseNumber(value(), 10, LONGEST_PULSE_MS));
     } else if (option == "on-loss") {
         const std::string& level = value();
         link.on_loss = level == "keep" ? std::nullopt : std::optional<Level>(ParseLevel(level));

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "protocol/numbers.h"
 #include "tools/base/ErrorText.h"
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
@@ -22,7 +23,6 @@
 namespace {
 
 const char* const APP_NAME = "orvex-sim";
-const char* const DEFAULT_ADDRESS = "127.0.0.1:93";
 
 const int STATUS_FAILED = 1;
 const int STATUS_USAGE = 2;
@@ -49,7 +49,7 @@ struct Address {
 };
 
 struct Options {
-    std::vector<std::string> listen = {DEFAULT_ADDRESS};
+    std::vector<std::string> listen = {"127.0.0.1:" + std::to_string(LINE_PORT)};
     std::string file;
 };
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/source.h"
+#include "protocol/source.h"
 
 // A channel according to its lines. Texts are as the server wrote them.
 struct ChannelInfo {

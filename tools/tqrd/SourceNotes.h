@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/source.h"
+#include "protocol/source.h"
 
 // How the daemon reads a source, and what in it does not mean what it seems to mean.
 struct SourceReading {

@@ -33,6 +33,9 @@ constexpr uint8_t FIRST_OUTPUT_CIRCUIT = 8;
 constexpr uint8_t LEVEL_LOW = 0x40;
 constexpr uint8_t STEP_10_MS = 0x80;
 constexpr uint8_t COUNT_MASK = 0x1F;
+constexpr unsigned int FINE_STEP_MS = 10;
+constexpr unsigned int COARSE_STEP_MS = 250;
+constexpr unsigned int LONGEST_PULSE_MS = COUNT_MASK * COARSE_STEP_MS;
 
 // ---- The control lines
 

@@ -1,4 +1,4 @@
-#include "app/source.h"
+#include "protocol/source.h"
 
 #include <arpa/inet.h>
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "app/protocol.h"
+#include "protocol/numbers.h"
 
 // Where a channel's output is driven from.
 enum ChannelKind : uint32_t {
