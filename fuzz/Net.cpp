@@ -92,11 +92,13 @@ void TcpPeer::Reset() {
 }
 
 UdpPeer::UdpPeer(uint16_t port) : m_Port(port != 0 ? port : any_port()) {
-    World::Get().taps[m_Port] = &m_Arrived;
+    World::Get().receivers[{0, m_Port}] = [this](const Endpoint&, const std::string& bytes) {
+        m_Arrived.push_back(bytes);
+    };
 }
 
 UdpPeer::~UdpPeer() {
-    World::Get().taps.erase(m_Port);
+    World::Get().receivers.erase({0, m_Port});
 }
 
 void UdpPeer::Send(const std::string& datagram, uint16_t port) {

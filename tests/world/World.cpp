@@ -5,16 +5,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tests/world/Writer.h"
-
 namespace {
 
 World* the_world = nullptr;
 
-std::string readable(const Call& call) {
+std::string readable(const std::string& bytes) {
     std::string text;
-    for (const char c : call.asks.substr(0, 160) + "gave " + std::to_string(call.result) + " " +
-                            call.got.substr(0, 160)) {
+    for (const char c : bytes.substr(0, 160)) {
         char hex[8];
         snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
         text += c >= ' ' && c <= '~' ? std::string(1, c) : c == '\n' ? "\\n" : hex;
@@ -147,15 +144,16 @@ void World::Log(Call call) {
 
 void World::Differ(const std::string& expected, const std::string& found) {
     fprintf(report, "\nDIFFERENCE at event %ld, %lld s\n  owed:  %s\n  found: %s\n", events,
-            static_cast<long long>(m_Now / SECOND), readable({expected}).c_str(),
-            readable({found}).c_str());
+            static_cast<long long>(m_Now / SECOND), readable(expected).c_str(),
+            readable(found).c_str());
     fputs("The last events:\n", report);
     for (const std::string& event : m_Recent) {
         fprintf(report, "  %s\n", event.c_str());
     }
     fputs("The last calls of the daemon:\n", report);
     for (size_t i = log.size() > 16 ? log.size() - 16 : 0; i < log.size(); ++i) {
-        fprintf(report, "  %s\n", readable(log[i]).c_str());
+        fprintf(report, "  %s gave %ld %s\n", readable(log[i].asks).c_str(), log[i].result,
+                readable(log[i].got).c_str());
     }
     fprintf(report, "To repeat: scripts/simulate --seed %llu --days %lld\n",
             static_cast<unsigned long long>(m_Seed), static_cast<long long>(m_Now / DAY) + 1);
@@ -210,16 +208,15 @@ void World::Send(const Endpoint& from, const Endpoint& to, const std::string& by
 
 void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& bytes) {
     const size_t QUEUE = 256;
-    const auto tap = taps.find(to.port);
-    if (tap != taps.end()) {
-        tap->second->push_back(bytes);
-        return;
+    for (const auto& [at, receive] : receivers) {
+        if (at.port == to.port && (at.ip == 0 || at.ip == to.ip || to.ip == GROUP)) {
+            receive(from, bytes);
+        }
     }
     for (auto& [fd, socket] : sockets) {
-        Writer* const writer = socket.writer;
-        const bool is_there = writer == nullptr
-                                  ? to.ip == device_ip || (to.ip == GROUP && is_member)
-                                  : to.ip == writer->address && fd == writer->Socket();
+        Peer* const owner = socket.owner;
+        const bool is_there = owner == nullptr ? to.ip == device_ip || (to.ip == GROUP && is_member)
+                                               : to.ip == owner->address;
         if (socket.is_stream || socket.port != to.port || !is_there) {
             continue;
         }
@@ -228,8 +225,8 @@ void World::Arrive(const Endpoint& from, const Endpoint& to, const std::string& 
             return;
         }
         socket.datagrams.push_back({from, bytes});
-        if (writer != nullptr) {
-            writer->Arrived(from, bytes);
+        if (owner != nullptr) {
+            owner->Arrived(from, bytes);
         }
         return;
     }

@@ -135,9 +135,22 @@ struct Datagram {
     std::string bytes;
 };
 
+// A program on the bus that runs beside the daemon, with system calls of its own.
+class Peer {
+public:
+    explicit Peer(uint32_t ip) : address(ip) {}
+    virtual ~Peer() = default;
+    virtual void Sends(const std::string& bytes) = 0;
+    virtual void Arrived(const Endpoint& from, const std::string& bytes) = 0;  // in its socket
+    // Runs others until the socket is readable, at most that long. Returns whether it is.
+    virtual bool Wait(int fd, Micros limit) = 0;
+
+    const uint32_t address;
+};
+
 struct Socket {
     bool is_stream = false;
-    class Writer* writer = nullptr;  // its owner, null for the daemon
+    Peer* owner = nullptr;  // null for the daemon
     uint16_t port = 0;
     std::shared_ptr<Stream> stream{};
     std::list<Datagram> datagrams{};
@@ -190,15 +203,17 @@ public:
     bool is_calm = false;  // no faults, no delays, no log
     Random random;
     Micros clock_offset;
-    uint32_t device_ip;               // 0: the interface has none
-    bool is_member = false;           // of the multicast group
-    Micros cut_until = 0;             // the cable is cut until then
-    long memory_left = -1;            // allocations until one fails, -1 for no limit
-    class Writer* running = nullptr;  // the one that is running, null for the daemon
+    uint32_t device_ip;       // 0: the interface has none
+    bool is_member = false;   // of the multicast group
+    Micros cut_until = 0;     // the cable is cut until then
+    long memory_left = -1;    // allocations until one fails, -1 for no limit
+    Peer* running = nullptr;  // the one that is running, null for the daemon
     std::map<int, Socket> sockets;
     std::map<Endpoint, Listener*> servers;
-    std::map<uint16_t, std::vector<std::string>*> taps;  // other receivers of datagrams, by port
-    std::vector<Call> log;                               // the daemon's calls since the last check
+    // Receivers of datagrams without a socket, by address (0: any) and port; all are in the group.
+    std::map<Endpoint, std::function<void(const Endpoint& from, const std::string& bytes)>>
+        receivers;
+    std::vector<Call> log;  // the daemon's calls since the last check
     std::map<std::string, long> counts;
     uint64_t hash = 14695981039346656037ULL;
     long events = 0;

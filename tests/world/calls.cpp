@@ -16,7 +16,6 @@
 #include <cstring>
 
 #include "tests/world/World.h"
-#include "tests/world/Writer.h"
 
 namespace {
 
@@ -307,7 +306,7 @@ extern "C" ssize_t sendto(int fd, const void* data, size_t size, int /*flags*/,
     socket.port = socket.port != 0 ? socket.port : static_cast<uint16_t>(32768 + fd);
     long result = static_cast<long>(size);
     if (w.running != nullptr) {
-        w.running->Attempted(bytes);
+        w.running->Sends(bytes);
         w.Send({w.running->address, socket.port}, to, bytes);
         return result;
     }

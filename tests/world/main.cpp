@@ -9,6 +9,7 @@
 #include "app/orvex.h"
 #include "tests/world/Bus.h"
 #include "tests/world/Model.h"
+#include "tests/world/Peers.h"
 #include "tests/world/Writer.h"
 #include "tqr/trace.h"
 
@@ -98,10 +99,11 @@ private:
                        {250, nullptr, [&] { m_Remotes[random.Below(4)].Act(); }},
                        {150, nullptr,
                         [&] {
-                            const bool is_group = random.OneIn(2);
+                            const uint32_t to = random.Of({GROUP, GROUP, GROUP, m_World.device_ip,
+                                                           m_World.device_ip, m_World.device_ip,
+                                                           OTHER_DEVICE, OTHER_DEVICE});
                             Writer& writer = m_Writers[random.Below(3)];
-                            writer.Give(m_Bus.Message(),
-                                        {is_group ? GROUP : m_World.device_ip, REQUEST_PORT});
+                            writer.Give(m_Bus.Message(), {to, REQUEST_PORT});
                         }},
                        {250, nullptr, [this] { m_Bus.Act(); }}});
     }
@@ -129,6 +131,7 @@ private:
     World& m_World;
     Tqrd m_Tqrd{m_World};
     Bus m_Bus{m_World, m_Tqrd};
+    OtherDevice m_OtherDevice{m_World};
     RemoteServer m_Remotes[4] = {
         {m_World, REMOTES[0]}, {m_World, REMOTES[1]}, {m_World, REMOTES[2]}, {m_World, REMOTES[3]}};
     Writer m_Writers[3] = {{m_World, 0x0A00001E}, {m_World, 0x0A00001F}, {m_World, 0x0A000020}};
