@@ -15,6 +15,9 @@ namespace {
 const double SIGN_EVERY = 0.5;  // seconds
 const double SIGN_TIME = 10;  // a connection without a returned heartbeat for that long is given up
 const double COMPLAIN_EVERY = 5;
+const double DEFEND_EVERY = 3;  // seconds, enough to hear from a bridge that has claimed the site
+const size_t MOST_LEFTOVERS = 50000;
+const size_t LONGEST_TOPIC = 300;
 const size_t MOST_UNACKNOWLEDGED = 20;
 const double REST_PAUSE = 0.001;  // seconds
 // In one turn of the loop. Enough for a state and an event for each message that PinBook takes in a
@@ -31,7 +34,7 @@ Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)>
       m_broker(config, m_tell),
       m_sets(config, m_pins, m_tell),
       m_links(config),
-      m_nonce(std::to_string(NewRequestId())) {
+      m_number(NewRequestId()) {
     m_pins.on_reply = [this](const Traffic& traffic) { m_sets.TakeReply(traffic); };
 }
 
@@ -44,7 +47,7 @@ Bridge::End Bridge::Run(const Signals& signals) {
             return End::Stopped;
         }
         Step();
-        if (m_is_taken_over || m_broker.IsTakenOver()) {
+        if (m_is_taken_over) {
             m_broker.Leave();
             return End::TakenOver;
         }
@@ -113,6 +116,8 @@ void Bridge::FollowConnection() {
         m_links.Forget();
         m_signs.clear();
         m_own_sign = {};
+        m_rival.clear();
+        m_leftovers.clear();
         // Publishes again what may not have arrived.
         for (auto& answer : m_unacknowledged) {
             m_sets.Answers().push_front(std::move(answer.second));
@@ -121,26 +126,33 @@ void Bridge::FollowConnection() {
         if (connection != 0) {
             m_connected_at = Now();
             m_next_sign = Now();
+            m_phase = Phase::Connected;
             PublishStatus(OFFLINE);
-            // The latest bridge of a site wins. Brokers disconnect the other one, but not all of
-            // them say why, and it comes back.
-            m_has_claimed = !std::exchange(m_was_connected, true);
-            if (m_has_claimed) {
-                m_broker.Publish({m_topics.Bridge(), m_nonce, true, true, {}});
+            m_seen_status = m_status;
+            // The latest bridge of a site wins.
+            m_has_claimed = false;
+            if (!std::exchange(m_was_connected, true)) {
+                Claim();
             }
-            m_broker.Subscribe(m_topics.Bridge());
-            m_broker.Subscribe(m_topics.Alive());
-            m_broker.Subscribe(m_topics.Sets());
-            for (const std::string& topic : m_links.Subscriptions()) {
-                m_broker.Subscribe(topic);
-            }
+            Subscribe();
             Announce();
-            BeginAsking();
         }
     }
     if (m_connection != 0 && Now() >= m_next_sign) {
         SendSign();
     }
+}
+
+void Bridge::Subscribe() {
+    m_broker.Subscribe(m_topics.Bridge());
+    m_broker.Subscribe(m_topics.Alive());
+    m_broker.Subscribe(m_topics.Status());
+    m_broker.Subscribe(m_topics.Sets(), Broker::RETAINED_AS_PUBLISHED);
+    for (const std::string& topic : m_links.Subscriptions()) {
+        m_broker.Subscribe(topic);
+    }
+    m_broker.Subscribe(m_topics.Pins(), Broker::NO_LOCAL);
+    m_broker.Subscribe(m_topics.Devices(), Broker::NO_LOCAL);
 }
 
 // Only pins in the files: hubs make an entity of each.
@@ -155,7 +167,15 @@ void Bridge::Announce() {
 
 void Bridge::BeginAsking() {
     m_phase = Phase::Asking;
-    m_pins.AskAll();
+    std::set<uint32_t> published;
+    for (const std::string& topic : m_leftovers) {
+        try {
+            published.insert(ParsePin(m_topics.PinOfState(topic)));
+        } catch (const std::invalid_argument&) {
+            // The topic of a level, a name or a device.
+        }
+    }
+    m_pins.AskAll(published);
 }
 
 // Publishes a heartbeat, and checks that the last ones have come back.
@@ -166,33 +186,48 @@ void Bridge::SendSign() {
     }
     ++m_sign_count;
     m_signs.emplace_back(m_sign_count, Now());
-    m_broker.Publish(
-        {m_topics.Alive(), m_nonce + " " + std::to_string(m_sign_count), false, true, {}});
+    m_broker.Publish({m_topics.Alive(), SignText({m_number, m_sign_count}), false, true, {}});
 }
 
-void Bridge::TakeOwnSign(const std::string& payload) {
-    while (!m_signs.empty()) {
-        const auto [count, sent] = m_signs.front();
-        if (payload == m_nonce + " " + std::to_string(count)) {
-            m_own_sign = sent;
-            m_signs.pop_front();
-            return;
-        }
-        const auto later = std::find_if(m_signs.begin(), m_signs.end(), [&](const auto& sign) {
-            return payload == m_nonce + " " + std::to_string(sign.first);
-        });
-        if (later == m_signs.end()) {
-            return;
-        }
-        m_signs.erase(m_signs.begin(), later);
+void Bridge::TakeSign(const std::string& payload) {
+    const std::optional<Sign> sign = ParseSign(payload);
+    if (sign && sign->bridge == m_number) {
+        TakeOwnSign(sign->count);
+    } else if (sign && std::to_string(sign->bridge) == m_rival) {
+        m_is_taken_over = true;
     }
 }
 
+// The first one proves that what the broker had retained has arrived.
+void Bridge::TakeOwnSign(unsigned long count) {
+    const auto sign = std::find_if(m_signs.begin(), m_signs.end(),
+                                   [count](const auto& sent) { return sent.first == count; });
+    if (sign == m_signs.end()) {
+        return;
+    }
+    m_own_sign = sign->second;
+    m_signs.erase(m_signs.begin(), sign + 1);
+    m_broker.Proved();
+    if (m_phase == Phase::Connected) {
+        BeginAsking();
+    }
+}
+
+void Bridge::Claim() {
+    m_broker.Publish({m_topics.Bridge(), std::to_string(m_number), true, true, {}});
+}
+
+// A claim alone proves nothing: a broker may remember an old one. Whoever made it must be alive.
 void Bridge::TakeClaim(const std::string& payload) {
-    if (payload == m_nonce) {
-        m_has_claimed = true;
-    } else if (!payload.empty()) {
-        m_is_taken_over = true;
+    m_has_claimed = payload == std::to_string(m_number);
+    m_rival = m_has_claimed ? std::string() : payload;
+}
+
+// Removed later, unless it is published again.
+void Bridge::TakeLeftover(const Broker::Message& message) {
+    if (message.retained && !message.payload.empty() && message.topic.size() <= LONGEST_TOPIC &&
+        m_leftovers.size() < MOST_LEFTOVERS) {
+        m_leftovers.insert(message.topic);
     }
 }
 
@@ -212,20 +247,27 @@ void Bridge::TakeMessages() {
     }
     m_broker.Acknowledged().clear();
     for (const Broker::Message& message : m_broker.Inbox()) {
-        if (message.topic == m_topics.Alive() && !message.retained) {
-            TakeOwnSign(message.payload);
-        }
-        if (message.topic == m_topics.Bridge()) {
-            TakeClaim(message.payload);
-        } else if (!m_topics.PinOfSet(message.topic).empty()) {
-            const std::chrono::duration<double> age = Now() - m_own_sign;
-            m_sets.Take(message, age.count(), Hindrance());
-        } else {
-            m_links.Take(message, m_own_sign);
-            CarryOutLinks();
-        }
+        TakeMessage(message);
     }
     m_broker.Inbox().clear();
+}
+
+void Bridge::TakeMessage(const Broker::Message& message) {
+    if (!m_topics.PinOfSet(message.topic).empty()) {
+        const std::chrono::duration<double> age = Now() - m_own_sign;
+        return m_sets.Take(message, age.count(), Hindrance());
+    }
+    if (message.topic == m_topics.Bridge()) {
+        TakeClaim(message.payload);
+    } else if (message.topic == m_topics.Alive() && !message.retained) {
+        TakeSign(message.payload);
+    } else if (message.topic == m_topics.Status()) {
+        m_seen_status = message.payload;
+    } else if (m_topics.IsOfState(message.topic)) {
+        TakeLeftover(message);
+    }
+    m_links.Take(message, m_own_sign);
+    CarryOutLinks();
 }
 
 void Bridge::CarryOutLinks() {
@@ -259,28 +301,54 @@ void Bridge::FollowPhase() {
         if (m_bus_up) {
             m_links.WriteAgain();
         }
-        if (m_connection != 0) {
+        if (m_own_sign != TimePoint()) {
             PublishStatus(OFFLINE);
             BeginAsking();
         }
     }
-    if (m_phase == Phase::Asking && m_bus_up && !m_pins.IsAsking() && m_own_sign != TimePoint()) {
+    if (m_phase == Phase::Asking && m_bus_up && !m_pins.IsAsking()) {
         m_phase = Phase::Publishing;
         m_pins.TellAll();
     }
-    if (m_phase == Phase::Publishing && m_pins.Changed().empty() && m_levels.empty()) {
-        m_phase = Phase::Online;
-        PublishStatus(ONLINE);
-        if (!m_has_claimed) {  // the broker has forgotten it
-            m_broker.Publish({m_topics.Bridge(), m_nonce, true, true, {}});
-        }
-        m_tell("site " + m_config.site + " is online");
+    if (m_phase == Phase::Publishing && IsAllPublished()) {
+        GoOnline();
+    }
+    if (m_own_sign != TimePoint()) {
+        DefendOwnTopics();
     }
     if (m_pins.Dropped() != m_dropped && Now() >= m_next_complaint) {
         m_next_complaint = After(COMPLAIN_EVERY);
         m_tell("the broker is too slow: " + std::to_string(m_pins.Dropped() - m_dropped) +
                " events were dropped");
         m_dropped = m_pins.Dropped();
+    }
+}
+
+bool Bridge::IsAllPublished() {
+    return m_pins.Changed().empty() && m_levels.empty() && m_pins.ChangedDevices().empty() &&
+           m_leftovers.empty();
+}
+
+void Bridge::GoOnline() {
+    m_phase = Phase::Online;
+    PublishStatus(ONLINE);
+    m_broker.Unsubscribe(m_topics.Pins());
+    m_broker.Unsubscribe(m_topics.Devices());
+    m_tell("site " + m_config.site + " is online");
+}
+
+// The broker may have restored old messages, or published the will of a connection that it had
+// not seen end.
+void Bridge::DefendOwnTopics() {
+    if (Now() < m_next_defence) {
+        return;
+    }
+    m_next_defence = After(DEFEND_EVERY);
+    if (m_seen_status != m_status) {
+        PublishStatus(m_status.c_str());
+    }
+    if (!m_has_claimed) {
+        Claim();
     }
 }
 
@@ -319,6 +387,11 @@ bool Bridge::PublishRest() {
         PublishDevice(host);
         return true;
     }
+    if (!m_leftovers.empty()) {
+        const std::string topic = *m_leftovers.begin();
+        Publish(topic, {}, true);
+        return true;
+    }
     if (!m_unannounced.empty()) {
         const uint32_t tag = *m_unannounced.begin();
         m_unannounced.erase(m_unannounced.begin());
@@ -339,6 +412,7 @@ void Bridge::PublishPin(uint32_t tag) {
     if (view.level && view.status == PinStatus::Told) {
         m_links.Told(tag, *view.level);
     }
+    view.bridge = m_number;
     view.via = m_links.ViaOf(tag, view.level);
     const std::string text = StateText(view, tag, m_config.names);
     for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
@@ -384,10 +458,13 @@ void Bridge::PublishAnswer() {
 }
 
 void Bridge::Publish(const std::string& topic, const std::string& payload, bool retain) {
+    m_leftovers.erase(topic);
     m_broker.Publish({topic, payload, retain, false, {}});
 }
 
 void Bridge::PublishStatus(const char* status) {
+    m_status = status;
+    m_next_defence = After(DEFEND_EVERY);
     m_broker.Publish({m_topics.Status(), status, true, true, {}});
 }
 

@@ -16,6 +16,9 @@
 // After each outage of broker or bus it reads all pins, publishes their states, and then sets the
 // site online. Until then it publishes nothing about pins and refuses sets.
 //
+// Before it is online it also removes what an earlier bridge of this site has left at the broker
+// about pins and devices that do not answer any more.
+//
 // A heartbeat is published twice a second, and received by this bridge too. Messages keep their
 // order, so what arrives after a heartbeat is not older than that heartbeat: this bounds the age of
 // a set, whatever other clocks say.
@@ -30,18 +33,26 @@ public:
     End Run(const Signals& signals);
 
 private:
-    enum class Phase { Away, Asking, Publishing, Online };
+    enum class Phase { Away, Connected, Asking, Publishing, Online };
 
     void Wait(const Signals& signals, bool& stopped);
     void Step();
     void FollowConnection();
+    void Subscribe();
     void Announce();
     void BeginAsking();
     void TakeMessages();
-    void TakeOwnSign(const std::string& payload);
+    void TakeMessage(const Broker::Message& message);
+    void TakeSign(const std::string& payload);
+    void TakeOwnSign(unsigned long count);
     void SendSign();
     void TakeClaim(const std::string& payload);
+    void Claim();
+    void TakeLeftover(const Broker::Message& message);
     void FollowPhase();
+    bool IsAllPublished();
+    void GoOnline();
+    void DefendOwnTopics();
     void CarryOutLinks();
     void Write(const Links::Write& write);
     bool IsPublishing() const { return m_phase == Phase::Publishing || m_phase == Phase::Online; }
@@ -78,9 +89,15 @@ private:
     TimePoint m_rest = TimePoint::max();               // when to call PublishRest(); max: at once
     std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number
 
-    const std::string m_nonce;  // identifies this run of the bridge
+    std::set<std::string> m_leftovers;  // retained topics that it has not published
+
+    const uint32_t m_number;  // identifies this run of the bridge
     bool m_was_connected = false;
     bool m_has_claimed = false;  // the site, on this connection
+    std::string m_rival;         // who else has claimed it; empty: nobody
+    std::string m_status;        // as last published
+    std::string m_seen_status;   // as last received
+    TimePoint m_next_defence{};
     bool m_is_taken_over = false;
     unsigned long m_sign_count = 0;
     std::deque<std::pair<unsigned long, TimePoint>> m_signs;  // those that have not come back

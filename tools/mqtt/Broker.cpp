@@ -9,11 +9,11 @@
 #include <cstring>
 
 #include "tools/base/ErrorText.h"
+#include "tools/bus/Question.h"
 #include "tools/mqtt/Topics.h"
 
 namespace {
 
-const double FIRST_PAUSE = 0.1;   // seconds
 const double PAUSE_GROWTH = 1.2;  // makes a pause a fifth of the outage before it
 const double LONGEST_PAUSE = 10;
 const double TEND_EVERY = 1;
@@ -35,9 +35,6 @@ struct Broker::Callbacks {
 
     static void Disconnected(mosquitto*, void* object, int reason, const mosquitto_property*) {
         auto& self = *static_cast<Broker*>(object);
-        if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
-            self.m_is_taken_over = true;
-        }
         if (reason >= REFUSED) {
             self.m_refusal = reason;
         }
@@ -105,6 +102,7 @@ struct Broker::Callbacks {
 Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)> tell)
     : m_config(config),
       m_tell(std::move(tell)),
+      m_name(config.prefix + "-" + config.site + "-" + std::to_string(NewRequestId())),
       m_pause(FIRST_PAUSE),
       m_next(Now()),
       m_random(std::random_device()()) {
@@ -200,8 +198,7 @@ void Broker::Prepare() {
 }
 
 void Broker::Connect() {
-    const std::string name = m_config.prefix + "-" + m_config.site;
-    m_client = mosquitto_new(name.c_str(), true, this);
+    m_client = mosquitto_new(m_name.c_str(), true, this);
     if (m_client == nullptr) {
         return Drop(ErrorText(errno));
     }
@@ -256,7 +253,6 @@ void Broker::Serve(bool readable, bool writable) {
         m_next = After(TEND_EVERY);
     }
     if (m_is_connected && !was_connected) {
-        m_pause = FIRST_PAUSE;
         Tell("connected to the broker");
     }
 }
@@ -276,8 +272,12 @@ int Broker::Publish(const Outgoing& message) {
     return error == MOSQ_ERR_SUCCESS ? number : 0;
 }
 
-void Broker::Subscribe(const std::string& topic) {
+void Broker::Subscribe(const std::string& topic, int options) {
     int number = 0;
-    mosquitto_subscribe_v5(m_client, &number, topic.c_str(), 1, 0, nullptr);
+    mosquitto_subscribe_v5(m_client, &number, topic.c_str(), 1, options, nullptr);
     m_subscriptions.emplace_back(number, topic);
+}
+
+void Broker::Unsubscribe(const std::string& topic) {
+    mosquitto_unsubscribe(m_client, nullptr, topic.c_str());
 }

@@ -54,16 +54,22 @@ public:
     // 0 without a connection, else a different number for each.
     unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
 
-    // Another client has connected under this site's name.
-    bool IsTakenOver() const { return m_is_taken_over; }
-
     // Whether the system accepts more at the moment: otherwise published messages pile up.
     bool CanSend() const;
 
     // The number of the acknowledgement; 0 if it could not be sent.
     int Publish(const Outgoing& message);
 
-    void Subscribe(const std::string& topic);
+    // Options of subscriptions. Without the first one, only messages that the broker had retained
+    // before are marked as retained, not those that it retains from now on.
+    static constexpr int RETAINED_AS_PUBLISHED = 0x08;
+    static constexpr int NO_LOCAL = 0x04;  // not what this bridge publishes
+
+    void Subscribe(const std::string& topic, int options = 0);
+    void Unsubscribe(const std::string& topic);
+
+    // A message has come back: from now on the broker is tried again without delay.
+    void Proved() { m_pause = FIRST_PAUSE; }
 
     // Ends this connection for that reason; the next one is made after a pause.
     void Drop(const std::string& reason);
@@ -75,6 +81,8 @@ public:
     std::deque<int>& Acknowledged() { return m_acknowledged; }
 
 private:
+    static constexpr double FIRST_PAUSE = 0.1;  // seconds, before the second attempt
+
     struct Callbacks;
 
     void Connect();
@@ -85,10 +93,10 @@ private:
 
     const MqttConfig& m_config;
     const std::function<void(const std::string&)> m_tell;
+    const std::string m_name;  // of the client, which nobody else has
     mosquitto* m_client = nullptr;
     unsigned int m_connection = 0;
     bool m_is_connected = false;
-    bool m_is_taken_over = false;
     int m_refusal = 0;         // the broker's reason
     std::string m_last_error;  // as logged by the library
     std::string m_last_told;

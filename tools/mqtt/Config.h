@@ -71,3 +71,4 @@ struct MqttConfig {
 
 const double SHORTEST_LOSS = 2;  // seconds; a heartbeat comes every half second
 const double LONGEST_LOSS = 3600;
+const unsigned int LONGEST_PULSE = 7750;  // ms; the longest in a write

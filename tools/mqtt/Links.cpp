@@ -43,12 +43,7 @@ std::set<std::string> Links::Subscriptions() const {
 
 void Links::Take(const Broker::Message& message, TimePoint own_sign) {
     for (auto& [name, site] : m_sites) {
-        const Topics topics(m_prefix, name);
-        if (message.topic == topics.Status()) {
-            site.online = message.payload == ONLINE;
-        } else if (message.topic == topics.Alive() && !message.retained) {
-            site.sign = Now();
-        }
+        TakeSite(site, Topics(m_prefix, name), message);
     }
     for (Link& link : m_links) {
         if (link.topic == message.topic) {
@@ -57,10 +52,25 @@ void Links::Take(const Broker::Message& message, TimePoint own_sign) {
     }
 }
 
+void Links::TakeSite(Site& site, const Topics& topics, const Broker::Message& message) {
+    if (message.topic == topics.Status()) {
+        site.online = message.payload == ONLINE;
+        site.was_seen = true;
+    } else if (message.topic == topics.Alive() && !message.retained) {
+        if (const auto sign = ParseSign(message.payload)) {
+            site.bridge = sign->bridge;
+            site.sign = Now();
+        }
+    }
+}
+
 void Links::TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign) {
     const std::optional<PinView> view = ParseState(message.payload);
-    const std::optional<Level> before = link.source;
+    const Site& site = m_sites[link.config.from.site];
+    const std::optional<Level> before =
+        view && view->bridge == link.bridge ? link.source : std::nullopt;
     link.source = view ? view->level : std::nullopt;
+    link.bridge = view ? view->bridge : 0;
     link.via = view ? view->via : std::vector<std::string>();
     const std::string end = link.config.to.Text();
     const bool loops = std::count(link.via.begin(), link.via.end(), end) > 0;
@@ -71,7 +81,7 @@ void Links::TakeSource(Link& link, const Broker::Message& message, TimePoint own
     link.loops = loops;
     link.via.push_back(link.config.from.Text());
     const TimePoint limit = After(-FRESH);
-    if (!message.retained && own_sign > limit && m_sites[link.config.from.site].sign > limit &&
+    if (!message.retained && own_sign > limit && site.sign > limit && site.bridge == link.bridge &&
         before && link.source && before != link.source && !loops) {
         link.edge = Inverted(*link.source, link.config.invert) == Level::Low;
     }
@@ -88,7 +98,7 @@ std::vector<Links::Write> Links::Tend(TimePoint own_sign) {
 void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes) {
     const Site& site = m_sites[link.config.from.site];
     const TimePoint sign = std::min(own_sign, site.sign);
-    const bool is_known = site.online && link.source;
+    const bool is_known = site.online && link.source && link.bridge == site.bridge;
     if (is_known) {
         link.good = std::max(link.good, sign);
     }
@@ -109,7 +119,8 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
         if (!link.lost) {
             link.lost = true;
             m_notes.push_back("link in line " + std::to_string(link.config.line) +
-                              " is lost: " + link.config.from.Text());
+                              " is lost: " + link.config.from.Text() +
+                              (site.was_seen ? "" : ", nobody of that name was ever online"));
         }
         if (link.config.on_loss && link.config.pulse_ms == 0) {
             Apply(link, *link.config.on_loss, "loss", writes);
@@ -133,7 +144,9 @@ void Links::Forget() {
         link.edge = false;
     }
     for (auto& site : m_sites) {
+        const bool was_seen = site.second.was_seen;
         site.second = Site();
+        site.second.was_seen = was_seen;
     }
 }
 

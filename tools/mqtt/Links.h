@@ -17,7 +17,8 @@
 //
 // A link is lost when nobody has vouched for its source for that long: when this bridge's own
 // heartbeats do not come back, those of the source's bridge are missing, or that bridge publishes
-// that it is offline or that the pin is not known.
+// that it is offline or that the pin is not known. What an earlier bridge of that site has
+// published counts for nothing.
 class Links {
 public:
     struct Write {
@@ -62,6 +63,7 @@ private:
         LinkConfig config;
         std::string topic;
         std::optional<Level> source;  // none: not known
+        uint32_t bridge = 0;          // the number of who published it
         std::vector<std::string> via;
         bool loops = false;
         bool edge = false;  // a pulse is due
@@ -73,9 +75,12 @@ private:
     };
     struct Site {
         bool online = false;
+        bool was_seen = false;  // has ever published a status
+        uint32_t bridge = 0;    // the number of who is alive
         TimePoint sign{};
     };
 
+    void TakeSite(Site& site, const Topics& topics, const Broker::Message& message);
     void TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign);
     void TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes);
     void Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes);

@@ -125,13 +125,18 @@ void PinBook::Tend() {
     AskForPins(m_link, ask, m_id);
 }
 
-void PinBook::AskAll() {
+void PinBook::AskAll(const std::set<uint32_t>& others) {
     std::vector<PinRef> pins;
     m_states.ForEach([&](uint32_t tag, const PinState&) {
         if (m_silent.count(tag) == 0) {
             pins.push_back({tag >> 8, static_cast<uint8_t>(tag & 0xFF)});
         }
     });
+    for (const uint32_t tag : others) {
+        if (m_states.Find(tag) == nullptr) {
+            pins.push_back({tag >> 8, static_cast<uint8_t>(tag & 0xFF)});
+        }
+    }
     for (const uint32_t tag : m_silent) {
         m_states.AskAt(tag, Now());
     }

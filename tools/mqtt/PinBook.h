@@ -37,9 +37,9 @@ public:
     TimePoint NextTime() const;
     void Serve();
 
-    // Reads all pins that are known or wanted, for at most a second. Those that do not answer are
-    // unknown afterwards. It does not wait for those that were silent before.
-    void AskAll();
+    // Reads all pins that are known or wanted, and others, for at most a second. Those that do not
+    // answer are unknown afterwards. It does not wait for those that were silent before.
+    void AskAll(const std::set<uint32_t>& others);
     bool IsAsking() const { return m_question.has_value(); }
 
     bool IsUp() const { return m_up; }

@@ -18,11 +18,21 @@ const double ANSWER_TIME = 1;
 Sets::Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell)
     : m_config(config), m_topics(config), m_pins(pins), m_tell(std::move(tell)) {}
 
+// Who may only ask for answers must not publish as a bridge, as a hub's device or as the broker.
+bool Sets::IsReserved(const std::string& topic) const {
+    const std::string first = topic.substr(0, topic.find('/'));
+    return topic[0] == '$' || first == m_config.prefix ||
+           (!m_config.discovery.empty() && first == m_config.discovery);
+}
+
 // Returns the tag of the pin. Throws std::invalid_argument with the reason to refuse.
 uint32_t Sets::Check(const Broker::Message& message, const std::string& pin, double age,
                      const std::string& hindrance) const {
     if (message.retained) {
         throw std::invalid_argument("it is retained, and may be old");
+    }
+    if (IsReserved(message.response_topic)) {
+        throw std::invalid_argument("no answer may go to its response topic");
     }
     if (!hindrance.empty()) {
         throw std::invalid_argument(hindrance);
@@ -109,7 +119,7 @@ TimePoint Sets::NextTime() const {
 
 void Sets::Answer(const Broker::Message& message, const std::string& result, const std::string& pin,
                   const std::string& reason) {
-    if (!message.response_topic.empty()) {
+    if (!message.response_topic.empty() && !IsReserved(message.response_topic)) {
         m_answers.push_back({message.response_topic, AnswerText(result, pin, reason), false, true,
                              message.correlation});
     }

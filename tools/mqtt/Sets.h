@@ -31,6 +31,7 @@ public:
     std::deque<Broker::Outgoing>& Answers() { return m_answers; }
 
 private:
+    bool IsReserved(const std::string& topic) const;
     struct Pending {
         Broker::Message message;
         std::string pin;

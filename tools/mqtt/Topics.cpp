@@ -1,6 +1,7 @@
 #include "tools/mqtt/Topics.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstdio>
 #include <stdexcept>
 
@@ -21,6 +22,14 @@ Json Parse(const std::string& text) {
     return Json::parse(text, nullptr, false);
 }
 
+// The text without the white space around it.
+std::string Trimmed(const std::string& text) {
+    const char* const blanks = " \t\r\n";
+    const size_t begin = text.find_first_not_of(blanks);
+    return begin == text.npos ? std::string()
+                              : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
 }  // namespace
 
 std::string Topics::Parts(std::string pin) {
@@ -28,8 +37,7 @@ std::string Topics::Parts(std::string pin) {
     return pin;
 }
 
-std::string Topics::PinOfSet(const std::string& topic) const {
-    const std::string begin = Set("");
+std::string Topics::PinAfter(const std::string& begin, const std::string& topic) {
     if (topic.compare(0, begin.size(), begin) != 0) {
         return {};
     }
@@ -43,11 +51,13 @@ std::string Topics::PinOfSet(const std::string& topic) const {
 std::string StateText(const PinView& view, uint32_t tag, const Names& names) {
     const std::string level = view.level ? "\"" + LevelText(view.level) + "\"" : "null";
     const std::string host = view.host.empty() ? "null" : "\"" + view.host + "\"";
-    char since[32];
-    snprintf(since, sizeof since, "%.6f", view.since);
+    char since[32] = "null";
+    if (view.since != 0) {
+        snprintf(since, sizeof since, "%.6f", view.since);
+    }
     std::string text = "{\"level\":" + level + ",\"state\":\"" + StatusText(view.status) +
                        "\",\"since\":" + since + ",\"host\":" + host + ",\"pin\":\"" +
-                       PinText(tag) + "\"}";
+                       PinText(tag) + "\",\"bridge\":" + std::to_string(view.bridge) + "}";
     Json more;
     PutNames(more, tag, names);
     if (!view.via.empty()) {
@@ -73,6 +83,9 @@ std::optional<PinView> ParseState(const std::string& text) {
     if (level == "L" || level == "H") {
         view.level = level == "L" ? Level::Low : Level::High;
     }
+    if (json.contains("bridge") && json["bridge"].is_number_unsigned()) {
+        view.bridge = json["bridge"].get<uint32_t>();
+    }
     if (json.contains("via") && json["via"].is_array()) {
         for (const Json& pin : json["via"]) {
             if (!pin.is_string() || view.via.size() == MOST_LINKS) {
@@ -84,13 +97,26 @@ std::optional<PinView> ParseState(const std::string& text) {
     return view;
 }
 
+std::string SignText(const Sign& sign) {
+    return std::to_string(sign.bridge) + " " + std::to_string(sign.count);
+}
+
+std::optional<Sign> ParseSign(const std::string& text) {
+    Sign sign{};
+    if (sscanf(text.c_str(), "%" SCNu32 " %lu", &sign.bridge, &sign.count) != 2 ||
+        SignText(sign) != text) {
+        return std::nullopt;
+    }
+    return sign;
+}
+
 SetRequest ParseSet(const std::string& payload) {
     if (payload.size() > LONGEST_SET) {
         throw std::invalid_argument("too long");
     }
-    std::string text = payload;
-    if (!payload.empty() && payload[0] == '{') {
-        const Json json = Parse(payload);
+    std::string text = Trimmed(payload);
+    if (!text.empty() && text[0] == '{') {
+        const Json json = Parse(text);
         if (!json.is_object() || !json.contains("level") || !json["level"].is_string()) {
             throw std::invalid_argument("not an object with a level");
         }
@@ -104,6 +130,9 @@ SetRequest ParseSet(const std::string& payload) {
     }
     // As orvexctl reads it. The pin does not matter.
     const PinWrite write = ParsePinWrite("0:0:0=" + text, Names());
+    if (write.duration_ms > LONGEST_PULSE) {
+        throw std::invalid_argument("longer than " + std::to_string(LONGEST_PULSE) + " ms");
+    }
     return {write.value.GetLevel(), write.duration_ms};
 }
 

@@ -11,6 +11,7 @@ import os
 import pathlib
 import random
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -133,18 +134,26 @@ class MqttTest(unittest.TestCase):
     def test_sets(self):
         (RUN / "names").write_text("1:2:out2 red\n", "ascii")
         self.broker()
-        self.bridge("studio", replace=[("/dev/null", "/run/names")])
+        self.bridge("studio", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
         self.says("is online")
         for pin, payload, result in [
                 ("1/2/out2", "L", "done"), ("red", '{"level":"H"}', "done"), ("red", "L,300", "done"),
                 ("9/9/out1", "L", "sent"), ("1/2/in1", "L", "refused"), ("1/2/out2", "M", "refused"),
                 ("1/2/out2", '{"level":1}', "refused"), ("1/2", "L", "refused"),
-                ("1/2/out2", "L,-1", "refused")]:
+                ("1/2/out2", "L,-1", "refused"), ("1/2/out2", "L,7751", "refused"), ("red", " L\r\n", "done"),
+                ("red", ' {"level":"H"}\n', "done")]:
             self.assertEqual(ask(f"studio/set/{pin}", payload).get("result"), result, (pin, payload))
         self.lamp("H", 2, "1:2:out2", "studio")
-        # A retained set is refused when the bridge connects.
-        kill(self.processes["studio"])
+        # Who may set a pin may not speak for the bridge.
+        for topic in "orvex/studio/status", "orvex/studio/bridge", "orvex", "homeassistant/x", "$SYS/x":
+            run("hub", "mosquitto_pub", "-V", "5", "-t", "orvex/studio/set/red", "-m", "L", "-D", "publish",
+                "response-topic", topic)
+        self.until(lambda: (RUN / "studio.mqtt").read_text("utf-8").count("its response topic") == 5, 2, "5")
+        # A retained set is refused, and again when the bridge connects.
         run("hub", "mosquitto_pub", "-t", "orvex/studio/set/red", "-r", "-m", "L")
+        self.says("it is retained")
+        self.assertEqual(level_of("1:2:out2", "studio"), "H")
+        kill(self.processes["studio"])
         self.bridge("studio", replace=[("/dev/null", "/run/names")])
         self.says("it is retained")
         self.says("is online")
@@ -312,6 +321,55 @@ class MqttTest(unittest.TestCase):
         self.bridge("studio", key="second")
         self.says("is online", key="second")
         self.assertEqual(self.processes["studio"].wait(5), 3)
+
+    def test_what_an_earlier_bridge_left(self):
+        self.broker()
+        own = [(LINK, "")]  # nothing in the studio's file names the pin
+        self.bridge("studio", replace=own)
+        self.bridge("tower", "link studio:9:9:in1 -> tower:7:4:out2")
+        self.says("is online")
+        contact("L")
+        self.lamp("L", 5)
+        kill(self.processes["studio"])
+        contact("H")
+        left = ["pin/9/9/in1", "pin/9/9/in1/level", "pin/old.name", "device/9.9.9.9"]
+        for topic in left:
+            run("hub", "mosquitto_pub", "-t", f"orvex/studio/{topic}", "-r", "-m", '{"level":"L"}')
+        self.bridge("studio", replace=own)
+        self.says("is online")
+        self.lamp("H", 1)
+        self.assertEqual([retained(f"orvex/studio/{topic}") for topic in left], [""] * 4)
+        self.assertEqual(json.loads(retained("orvex/studio/pin/1/2/in1"))["level"], "H")
+        # Nobody has cleared this one, but no living bridge has told it.
+        run("hub", "mosquitto_pub", "-t", "orvex/studio/pin/9/9/in1", "-r", "-m", '{"level":"L","bridge":1}')
+        time.sleep(1)
+        self.assertEqual(level_of("7:4:out2"), "H")
+
+    def test_old_database(self):
+        keep = PLAIN + "user root\npersistence true\npersistence_location /run/\n"
+        self.broker(keep)
+        self.bridge("studio")
+        self.says("is online")
+        kill(self.processes["broker"], signal.SIGTERM)  # it saves its database
+        kill(self.processes["studio"])
+        shutil.copy(RUN / "mosquitto.db", RUN / "old.db")
+        self.broker(keep)
+        self.bridge("studio")
+        self.bridge("tower")
+        contact("L")
+        self.lamp("L", 8)
+        kill(self.processes["broker"])
+        shutil.copy(RUN / "old.db", RUN / "mosquitto.db")
+        self.lamp("H", 8)
+        self.broker(keep)
+        self.lamp("L", 8)
+        self.until(lambda: json.loads(retained("orvex/studio/pin/1/2/in1"))["bridge"] ==
+                   int(retained("orvex/studio/bridge")), 5, "its number")
+        (RUN / "mosquitto.db").unlink()
+        # A will that comes late is not the last word.
+        run("hub", "mosquitto_pub", "-t", "orvex/studio/status", "-r", "-m", "offline")
+        self.until(lambda: retained("orvex/studio/status") == "online", 5, "not online")
+        self.assertIsNone(self.processes["studio"].poll())
 
     def test_access_list(self):
         (RUN / "acl").write_text("topic read #\ntopic write orvex/tower/#\n", "ascii")
