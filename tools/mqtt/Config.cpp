@@ -79,22 +79,10 @@ private:
 };
 
 MqttConfig Reader::Run() {
-    std::ifstream in(m_file);
-    if (!in) {
-        throw ConfigError(m_file + ": can't be read");
-    }
-    std::string line;
-    while (std::getline(in, line)) {
-        ++m_line;
-        std::istringstream text(line);
-        Words words;
-        for (std::string word; text >> word && word[0] != '#';) {
-            words.push_back(word);
-        }
+    for (const ConfigLine& line : ReadConfigLines(m_file)) {
+        m_line = line.number;
         try {
-            if (!words.empty()) {
-                TakeLine(words);
-            }
+            TakeLine(line.words);
         } catch (const std::invalid_argument& error) {
             Fail(m_line, error.what());
         }

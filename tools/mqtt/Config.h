@@ -10,17 +10,12 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tools/base/ConfigFile.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
-
-// A file that can't be read or has errors: "/etc/orvex/mqtt.conf:3: ..."
-struct ConfigError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // A pin at a site. A name is known only to its own site: others have no number for it.
 struct SitePin {

@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
+#include "protocol/source.h"
 #include "tools/base/ErrorText.h"
 
 namespace {
@@ -16,6 +18,8 @@ namespace {
 const int BACKLOG = 64;
 const size_t READ_SIZE = 4096;
 const std::chrono::seconds ACCEPT_PAUSE(1);
+const size_t RESERVED_CLIENTS = 100;
+const int KEEPALIVE_S = 20;  // closes connections to hosts that have vanished, after a few of these
 
 std::string AddressText(const sockaddr_in& address) {
     char ip[INET_ADDRSTRLEN] = "";
@@ -35,9 +39,10 @@ void Check(bool ok, const std::string& what) {
 
 }  // namespace
 
-ControlServer::ControlServer(Observer observer) : m_observer(std::move(observer)) {}
+ControlServer::ControlServer(Observer observer, Driver driver)
+    : m_observer(std::move(observer)), m_driver(std::move(driver)) {}
 
-uint16_t ControlServer::Listen(const std::string& ip, uint16_t port) {
+uint16_t ControlServer::Listen(const std::string& ip, uint16_t port, const ListenAccess& access) {
     const std::string wanted = ip + ":" + std::to_string(port);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -56,17 +61,40 @@ uint16_t ControlServer::Listen(const std::string& ip, uint16_t port) {
     Check(getsockname(sock.Get(), raw, &size) == 0, wanted);
 
     m_port = ntohs(address.sin_port);
-    m_listeners.push_back({std::move(sock), AddressText(address)});
+    m_listeners.push_back({std::move(sock), AddressText(address), access});
     return m_port;
+}
+
+void ControlServer::EndListening(const std::string& ip, uint16_t port) {
+    const std::string address = ip + ":" + std::to_string(port);
+    for (Listener& listener : m_listeners) {
+        if (listener.address == address) {
+            listener.socket.Close();
+        }
+    }
+    for (Connection& client : m_clients) {
+        if (client.address == address) {
+            Disconnect(client, "dropped");
+        }
+    }
 }
 
 std::string ControlServer::Apply(const std::string& line) {
     const LineEffect effect = m_device.Apply(line, Clock::now());
     Broadcast(effect.broadcast);
+    if (effect.changed_output != 0) {
+        ShowOutput(effect.changed_output);
+    }
     if (effect.changed_input != 0) {
         ReportInput(effect.changed_input);
     }
     return effect.error;
+}
+
+void ControlServer::SetPresent(int number, std::bitset<DeviceState::PINS> pins) {
+    if (m_device.SetPresent(number, pins)) {
+        ShowOutput(number);
+    }
 }
 
 void ControlServer::SendRaw(const std::string& bytes) {
@@ -172,7 +200,9 @@ void ControlServer::Serve(const std::vector<pollfd>& fds) {
             Receive(*client);
         }
     }
-    Broadcast(m_device.Expire(Clock::now()));
+    for (const int number : m_device.Expire(Clock::now())) {
+        ShowOutput(number);
+    }
     const auto is_closed = [](const auto& entry) { return !entry.socket.IsOpen(); };
     m_listeners.remove_if(is_closed);
     m_clients.remove_if(is_closed);
@@ -185,7 +215,12 @@ void ControlServer::Accept(Listener& listener) {
         Descriptor sock(accept4(listener.socket.Get(), reinterpret_cast<sockaddr*>(&address), &size,
                                 SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (sock.IsOpen()) {
-            AddConnection(std::move(sock), AddressText(address), listener.address);
+            const std::string refusal = RefusalOf(listener, address);
+            if (refusal.empty()) {
+                AddConnection(std::move(sock), AddressText(address), listener);
+            } else {
+                Tell(EventKind::Problem, AddressText(address), refusal);
+            }
             continue;
         }
         const int error = errno;
@@ -197,19 +232,33 @@ void ControlServer::Accept(Listener& listener) {
     }
 }
 
-void ControlServer::AddConnection(Descriptor socket, const std::string& peer,
-                                  const std::string& address) {
-    if (ClientCount() >= MAX_CLIENTS) {
-        Tell(EventKind::Problem, peer, "refused: too many clients");
-        return;
+// Why the peer may not connect. Clients with fewer rights leave some places to the others.
+std::string ControlServer::RefusalOf(const Listener& listener, const sockaddr_in& peer) const {
+    const ListenAccess& access = listener.access;
+    const auto has_peer = [&peer](const Network& network) {
+        return network.Contains(ntohl(peer.sin_addr.s_addr));
+    };
+    if (!access.from.empty() && std::none_of(access.from.begin(), access.from.end(), has_peer)) {
+        return "refused: " + listener.address + " is not for this address";
     }
+    const size_t most = access.inputs_only ? MAX_CLIENTS - RESERVED_CLIENTS : MAX_CLIENTS;
+    return ClientCount() < most ? "" : "refused: too many clients";
+}
+
+void ControlServer::AddConnection(Descriptor socket, const std::string& peer,
+                                  const Listener& listener) {
     const int on = 1;
     setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(socket.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(socket.Get(), IPPROTO_TCP, TCP_KEEPIDLE, &KEEPALIVE_S, sizeof KEEPALIVE_S);
+    setsockopt(socket.Get(), IPPROTO_TCP, TCP_KEEPINTVL, &KEEPALIVE_S, sizeof KEEPALIVE_S);
     Connection client;
     client.socket = std::move(socket);
     client.peer = peer;
+    client.address = listener.address;
+    client.inputs_only = listener.access.inputs_only;
     m_clients.push_back(std::move(client));
-    Tell(EventKind::Connected, peer, "connected to " + address);
+    Tell(EventKind::Connected, peer, "connected to " + listener.address);
 }
 
 void ControlServer::Receive(Connection& client) {
@@ -239,6 +288,10 @@ void ControlServer::Receive(Connection& client) {
 
 void ControlServer::HandleLine(Connection& client, const std::string& line) {
     Tell(EventKind::Received, client.peer, line);
+    if (client.inputs_only && line.compare(0, 4, "ADD ") != 0 && line.compare(0, 4, "DEL ") != 0) {
+        Tell(EventKind::Problem, client.peer, "not permitted at this address: " + Printable(line));
+        return;
+    }
     const LineEffect effect = m_device.Request(line, Clock::now());
     if (!effect.error.empty()) {
         Tell(EventKind::Problem, client.peer, effect.error);
@@ -250,7 +303,24 @@ void ControlServer::HandleLine(Connection& client, const std::string& line) {
     for (const std::string& answer : effect.answers) {
         SendLine(client, answer);
     }
-    Broadcast(effect.broadcast);
+    if (effect.asked_configuration && m_driver) {
+        SendStates(client);
+    }
+    if (effect.changed_output != 0) {
+        ShowOutput(effect.changed_output);
+    }
+}
+
+void ControlServer::SendStates(Connection& client) {
+    for (const auto& [number, line] : m_device.Configuration()) {
+        int ignored = 0;
+        const char* const source = find_source(line.c_str() + strlen("CFG "), ignored);
+        SendLine(client, m_device.OutputLine(number));
+        if (source != nullptr && parse_source(source).proto == KIND_BUS) {
+            client.subscriptions[static_cast<size_t>(number)] = true;
+            SendLine(client, m_device.InputLine(number));
+        }
+    }
 }
 
 void ControlServer::SendLine(Connection& client, const std::string& line) {
@@ -287,9 +357,18 @@ void ControlServer::Flush(Connection& client) {
 void ControlServer::Broadcast(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         for (Connection& client : m_clients) {
-            SendLine(client, line);
+            if (!client.inputs_only) {
+                SendLine(client, line);
+            }
         }
     }
+}
+
+void ControlServer::ShowOutput(int number) {
+    if (m_driver) {
+        m_driver(number);
+    }
+    Broadcast({m_device.OutputLine(number)});
 }
 
 void ControlServer::ReportInput(int number) {

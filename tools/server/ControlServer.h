@@ -1,8 +1,10 @@
 // A control server: a DeviceState behind TCP connections that exchange control lines.
 #pragma once
 
+#include <netinet/in.h>
 #include <poll.h>
 
+#include <bitset>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -11,6 +13,7 @@
 
 #include "tools/base/Descriptor.h"
 #include "tools/base/LineBuffer.h"
+#include "tools/server/Address.h"
 #include "tools/server/DeviceState.h"
 
 // Serves a device with one state to any number of clients on any number of addresses. For one
@@ -41,11 +44,21 @@ public:
     // StepAll() and Serve().
     using Observer = std::function<void(const Event&)>;
 
-    explicit ControlServer(Observer observer = nullptr);
+    // Is called with the number of an output after its pins have changed, before the clients are
+    // told. The same rules as for an observer.
+    using Driver = std::function<void(int number)>;
+
+    // A server with a driver has real pins. It follows the configuration line of each output with
+    // the state, and subscribes the client to the input if the source is on the bus: a daemon that
+    // has lost its connection asks for the configuration, but does not subscribe again.
+    explicit ControlServer(Observer observer = nullptr, Driver driver = nullptr);
 
     // Also listens on this IPv4 address (a dotted quad) and port, and returns the port: 0 chooses a
     // free one. Throws std::system_error on failure.
-    uint16_t Listen(const std::string& ip, uint16_t port);
+    uint16_t Listen(const std::string& ip, uint16_t port, const ListenAccess& access = {});
+
+    // Stops listening there and closes the connections that were made there.
+    void EndListening(const std::string& ip, uint16_t port);
 
     // The port that the last Listen() returned. Close() does not change it, so that Listen(ip,
     // Port()) restores the server.
@@ -54,6 +67,12 @@ public:
     // Carries out a line of the operator (see DeviceState::Apply) and sends the changes to the
     // clients. Returns why the line was refused, or an empty text.
     std::string Apply(const std::string& line);
+
+    // The pins of an output that exist, see DeviceState::SetPresent.
+    void SetPresent(int number, std::bitset<DeviceState::PINS> pins);
+
+    // Does not tell the clients, as there is no line for it.
+    void Forget(const std::string& setting) { m_device.Forget(setting); }
 
     // Sends bytes unchanged to every client.
     void SendRaw(const std::string& bytes);
@@ -86,10 +105,13 @@ private:
     struct Listener {
         Descriptor socket;
         std::string address;
+        ListenAccess access;
     };
     struct Connection {
         Descriptor socket;
         std::string peer;
+        std::string address;  // of the listener
+        bool inputs_only = false;
         LineBuffer input;
         std::string output;  // accepted for sending, not yet passed to the system
         DeviceState::InputSet subscriptions;
@@ -97,18 +119,22 @@ private:
     using Clock = DeviceState::Clock;
 
     void Accept(Listener& listener);
-    void AddConnection(Descriptor socket, const std::string& peer, const std::string& address);
+    std::string RefusalOf(const Listener& listener, const sockaddr_in& peer) const;
+    void AddConnection(Descriptor socket, const std::string& peer, const Listener& listener);
     void Receive(Connection& client);
     void HandleLine(Connection& client, const std::string& line);
     void SendLine(Connection& client, const std::string& line);
     void SendBytes(Connection& client, const std::string& bytes);
     void Flush(Connection& client);
+    void SendStates(Connection& client);
     void Broadcast(const std::vector<std::string>& lines);
+    void ShowOutput(int number);
     void ReportInput(int number);
     void Disconnect(Connection& client, const std::string& reason);
     void Tell(EventKind kind, const std::string& peer, const std::string& text) const;
 
     Observer m_observer;
+    Driver m_driver;
     DeviceState m_device;
     uint16_t m_port = 0;
     Clock::time_point m_accept_after;  // a pause, if the system had no descriptor left

@@ -81,7 +81,8 @@ std::string Refusal(const std::string& line, const std::string& reason) {
 }  // namespace
 
 DeviceState::DeviceState()
-    : m_inputs(INPUTS + 1, ALL_HIGH), m_outputs(OUTPUTS + 1, Output{ALL_HIGH, {}}) {}
+    : m_inputs(INPUTS + 1, ALL_HIGH),
+      m_outputs(OUTPUTS + 1, Output{ALL_HIGH, {}, ~std::bitset<PINS>()}) {}
 
 LineEffect DeviceState::Apply(const std::string& line, Clock::time_point now) {
     LineEffect effect;
@@ -164,13 +165,11 @@ std::string DeviceState::SetOutput(LineWords& words, Clock::time_point now, Line
     Output& output = m_outputs[static_cast<size_t>(number)];
     const std::string before = output.pins;
     for (size_t pin = 0; pin < state.size(); ++pin) {
-        if (state[pin] != 'x') {
+        if (state[pin] != 'x' && output.present[pin]) {
             SetPin(output, pin, state[pin], duration, now);
         }
     }
-    if (output.pins != before) {
-        effect.broadcast.push_back(OutputLine(number));
-    }
+    effect.changed_output = output.pins != before ? number : 0;
     return {};
 }
 
@@ -231,6 +230,7 @@ std::string DeviceState::AnswerConfiguration(LineWords& words, LineEffect& effec
     if (words.Next() != "GPO" || !words.AtEnd()) {
         return "only CFG GPO can be asked for";
     }
+    effect.asked_configuration = true;
     for (const auto& entry : m_configuration) {
         effect.answers.push_back(entry.second);
     }
@@ -257,8 +257,8 @@ std::string DeviceState::Subscribe(LineWords& words, bool on, LineEffect& effect
     return {};
 }
 
-std::vector<std::string> DeviceState::Expire(Clock::time_point now) {
-    std::vector<std::string> lines;
+std::vector<int> DeviceState::Expire(Clock::time_point now) {
+    std::vector<int> changed;
     for (int number = 1; number <= OUTPUTS; ++number) {
         Output& output = m_outputs[static_cast<size_t>(number)];
         const std::string before = output.pins;
@@ -270,10 +270,10 @@ std::vector<std::string> DeviceState::Expire(Clock::time_point now) {
             }
         }
         if (output.pins != before) {
-            lines.push_back(OutputLine(number));
+            changed.push_back(number);
         }
     }
-    return lines;
+    return changed;
 }
 
 std::optional<DeviceState::Clock::time_point> DeviceState::NextExpiry() const {
@@ -293,7 +293,28 @@ std::string DeviceState::InputLine(int number) const {
 }
 
 std::string DeviceState::OutputLine(int number) const {
-    return "GPO " + std::to_string(number) + " " + m_outputs.at(static_cast<size_t>(number)).pins;
+    return "GPO " + std::to_string(number) + " " + OutputPins(number);
+}
+
+const std::string& DeviceState::OutputPins(int number) const {
+    return m_outputs.at(static_cast<size_t>(number)).pins;
+}
+
+bool DeviceState::SetPresent(int number, std::bitset<PINS> pins) {
+    Output& output = m_outputs.at(static_cast<size_t>(number));
+    const std::string before = output.pins;
+    output.present = pins;
+    for (size_t pin = 0; pin < PINS; ++pin) {
+        if (!pins[pin]) {
+            output.pins[pin] = 'H';
+            output.pulses[pin].reset();
+        }
+    }
+    return output.pins != before;
+}
+
+void DeviceState::Forget(const std::string& setting) {
+    m_settings.erase(std::remove(m_settings.begin(), m_settings.end(), setting), m_settings.end());
 }
 
 std::vector<std::string> DeviceState::Lines() const {

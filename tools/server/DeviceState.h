@@ -18,6 +18,8 @@ struct LineEffect {
     std::vector<std::string> answers;    // for the client that sent the line
     std::vector<std::string> broadcast;  // for every client
     int changed_input = 0;               // its InputLine() is for the clients that subscribed to it
+    int changed_output = 0;              // its OutputLine() is for every client
+    bool asked_configuration = false;    // the answers are the configuration
     int subscribe = 0;                   // the input that the client subscribes to
     int unsubscribe = 0;                 // the input that the client unsubscribes from
 };
@@ -60,16 +62,26 @@ public:
     // line for the pin replaces that: without a duration the pin stays as that line says; with one
     // it returns, after the new time, to its state before the first.
     //
-    // Ends the durations that are over. Returns the lines, for every client, of the outputs that
-    // changed.
-    std::vector<std::string> Expire(Clock::time_point now);
+    // Ends the durations that are over. Returns the outputs that changed.
+    std::vector<int> Expire(Clock::time_point now);
 
     // When the next duration ends, if any is running.
     std::optional<Clock::time_point> NextExpiry() const;
 
-    // The current "GPI n state" and "GPO n state".
+    // The pins of an output that exist; without this call, all do. Those that don't are high,
+    // whatever is sent for them. Returns whether the state changed.
+    bool SetPresent(int number, std::bitset<PINS> pins);
+
+    // Removes a setting, as a SET line.
+    void Forget(const std::string& setting);
+
+    // The current "GPI n state" and "GPO n state", and the pins alone.
     std::string InputLine(int number) const;
     std::string OutputLine(int number) const;
+    const std::string& OutputPins(int number) const;
+
+    // The configuration line of each output that has one.
+    const std::map<int, std::string>& Configuration() const { return m_configuration; }
 
     // The operator's lines that lead to the present state: settings, configuration, and the inputs
     // and outputs whose pins are not all 'H'.
@@ -83,6 +95,7 @@ private:
     struct Output {
         std::string pins;
         std::array<std::optional<Pulse>, PINS> pulses;
+        std::bitset<PINS> present;
     };
 
     std::string SetInput(LineWords& words, LineEffect& effect);

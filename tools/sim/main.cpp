@@ -1,5 +1,4 @@
 // orvex-sim: the stand-in control server as a program.
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -18,6 +17,7 @@
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
+#include "tools/server/Address.h"
 #include "tools/server/ControlServer.h"
 
 namespace {
@@ -43,30 +43,10 @@ const char* const COMMANDS =
     "Exit status: 0 after quit, SIGINT or SIGTERM; 1 if it can't listen or can't read FILE;\n"
     "2 for a usage error.\n";
 
-struct Address {
-    std::string ip;
-    uint16_t port = 0;
-};
-
 struct Options {
     std::vector<std::string> listen = {"127.0.0.1:" + std::to_string(LINE_PORT)};
     std::string file;
 };
-
-std::optional<Address> ParseAddress(const std::string& text) {
-    const size_t colon = text.find(':');
-    in_addr address = {};
-    if (colon == std::string::npos ||
-        inet_pton(AF_INET, text.substr(0, colon).c_str(), &address) != 1) {
-        return std::nullopt;
-    }
-    const std::string port = text.substr(colon + 1);
-    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != port.npos ||
-        std::stoi(port) > UINT16_MAX) {
-        return std::nullopt;
-    }
-    return Address{text.substr(0, colon), static_cast<uint16_t>(std::stoi(port))};
-}
 
 // Reads the command line. Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
@@ -77,7 +57,7 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         ->type_name("IP:PORT")
         ->allow_extra_args(false)
         ->check([](const std::string& text) {
-            return ParseAddress(text) ? std::string() : "not an IP:PORT: " + text;
+            return ParseEndpoint(text) ? std::string() : "not an IP:PORT: " + text;
         })
         ->capture_default_str();
     const CLI::Option* const file =
@@ -153,7 +133,7 @@ bool LoadFile(ControlServer& server, const std::string& name) {
 
 bool Listen(ControlServer& server, const std::vector<std::string>& addresses) {
     for (const std::string& text : addresses) {
-        const Address address = ParseAddress(text).value();
+        const Endpoint address = ParseEndpoint(text).value();
         try {
             const uint16_t port = server.Listen(address.ip, address.port);
             Print("listening on " + address.ip + ":" + std::to_string(port));

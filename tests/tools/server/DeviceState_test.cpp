@@ -15,7 +15,7 @@ struct Step {
     std::string effect;
 };
 
-std::string Render(const LineEffect& effect) {
+std::string Render(const LineEffect& effect, const DeviceState& device) {
     std::string text = effect.error.empty() ? "" : "refused;";
     for (const std::string& line : effect.answers) {
         text += "answer " + line + ";";
@@ -23,6 +23,7 @@ std::string Render(const LineEffect& effect) {
     for (const std::string& line : effect.broadcast) {
         text += "all " + line + ";";
     }
+    text += effect.changed_output ? "all " + device.OutputLine(effect.changed_output) + ";" : "";
     text += effect.changed_input ? "input " + std::to_string(effect.changed_input) + ";" : "";
     text += effect.subscribe ? "+" + std::to_string(effect.subscribe) + ";" : "";
     text += effect.unsubscribe ? "-" + std::to_string(effect.unsubscribe) + ";" : "";
@@ -36,12 +37,14 @@ void Play(const std::vector<Step>& steps) {
         LineEffect effect;
         if (step.actor == WAIT) {
             now += std::chrono::milliseconds(std::stoi(step.action));
-            effect.broadcast = device.Expire(now);
+            for (const int number : device.Expire(now)) {
+                effect.broadcast.push_back(device.OutputLine(number));
+            }
         } else {
             effect = step.actor == CLIENT ? device.Request(step.action, now)
                                           : device.Apply(step.action, now);
         }
-        EXPECT_EQ(Render(effect), step.effect) << step.action;
+        EXPECT_EQ(Render(effect, device), step.effect) << step.action;
     }
 }
 

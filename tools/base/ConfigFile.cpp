@@ -1,0 +1,66 @@
+#include "tools/base/ConfigFile.h"
+
+#include <algorithm>
+#include <fstream>
+#include <utility>
+
+namespace {
+
+const char* const BLANKS = " \t\r\v\f";
+
+ConfigLine SplitLine(const std::string& text, int number) {
+    ConfigLine line;
+    line.number = number;
+    size_t begin = text.find_first_not_of(BLANKS);
+    const size_t first = begin;
+    while (begin != text.npos && text[begin] != '#') {
+        const size_t end = std::min(text.find_first_of(BLANKS, begin), text.size());
+        line.words.push_back(text.substr(begin, end - begin));
+        line.text = text.substr(first, end - first);
+        begin = text.find_first_not_of(BLANKS, end);
+    }
+    return line;
+}
+
+}  // namespace
+
+std::vector<ConfigLine> ReadConfigLines(const std::string& file) {
+    std::ifstream in(file);
+    std::vector<ConfigLine> lines;
+    std::string text;
+    for (int number = 1; std::getline(in, text); ++number) {
+        ConfigLine line = SplitLine(text, number);
+        if (!line.words.empty()) {
+            lines.push_back(std::move(line));
+        }
+    }
+    if (!in.eof()) {
+        throw ConfigError(file + ": can't be read");
+    }
+    return lines;
+}
+
+void ConfigErrors::Add(int line, const std::string& reason) {
+    m_errors.emplace_back(line, reason);
+}
+
+void ConfigErrors::Try(int line, const std::function<void()>& step) {
+    try {
+        step();
+    } catch (const std::invalid_argument& error) {
+        Add(line, error.what());
+    }
+}
+
+void ConfigErrors::ThrowIfAny() const {
+    std::vector<std::pair<int, std::string>> errors = m_errors;
+    std::stable_sort(errors.begin(), errors.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::string text;
+    for (const auto& [line, reason] : errors) {
+        text += (text.empty() ? "" : "\n") + m_file + ":" + std::to_string(line) + ": " + reason;
+    }
+    if (!text.empty()) {
+        throw ConfigError(text);
+    }
+}

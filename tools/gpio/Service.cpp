@@ -1,0 +1,161 @@
+#include "tools/gpio/Service.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <system_error>
+
+#include "tools/base/LineBuffer.h"
+
+namespace {
+
+const size_t MAX_TOLD = 1000;  // characters of problems in a line
+
+void Log(const std::string& text) {
+    printf("%s\n", Printable(text).c_str());
+}
+
+void LogEvent(const ControlServer::Event& event) {
+    const bool is_line = event.kind == ControlServer::EventKind::Received ||
+                         event.kind == ControlServer::EventKind::Sent;
+    if (!is_line) {
+        Log(event.peer + " " + event.text);
+    }
+}
+
+// The beginning of a line "CFG GPO 2 ...", which says which output it is about.
+std::string SubjectOf(const std::string& line) {
+    return line.substr(0, line.find(' ', line.find_first_of("123456789")));
+}
+
+}  // namespace
+
+Service::Service(const GpioConfig& config)
+    : m_server(LogEvent, [this](int number) { m_hardware.Drive(number); }),
+      m_hardware(m_server, Log) {
+    ApplyLines(config);
+    m_hardware.Configure(config);
+    if (!Listen(config.listen)) {
+        throw std::runtime_error("can't listen on all addresses");
+    }
+    m_config = config;
+    TellProblems();
+}
+
+void Service::Run(Signals& signals) {
+    // cppcheck-suppress variableScope; its memory is used again
+    std::vector<pollfd> fds;
+    for (;;) {
+        fds = {{signals.Get(), POLLIN, 0}};
+        m_hardware.AddDescriptors(fds);
+        m_server.AddDescriptors(fds);
+        poll(fds.data(), fds.size(), m_server.Timeout(m_hardware.Timeout()));
+        while (const std::optional<int> signal = signals.Take()) {
+            if (*signal != SIGHUP) {
+                return m_hardware.Release();
+            }
+            Reload();
+        }
+        // Edges first: what they change is part of the answers.
+        if (m_hardware.Serve(fds)) {
+            TellProblems();
+        }
+        m_server.Serve(fds);
+    }
+}
+
+// Listens on all of these addresses, and on no other. If one can't be had, nothing changes.
+bool Service::Listen(const std::vector<ListenConfig>& wanted) {
+    const auto has = [](const std::vector<ListenConfig>& all, const ListenConfig& one) {
+        return std::any_of(all.begin(), all.end(), [&one](const ListenConfig& other) {
+            return other.endpoint == one.endpoint && other.access == one.access;
+        });
+    };
+    const auto close = [this](const ListenConfig& one) {
+        m_server.EndListening(one.endpoint.ip, one.endpoint.port);
+    };
+    const auto open = [this](const ListenConfig& one) {
+        m_server.Listen(one.endpoint.ip, one.endpoint.port, one.access);
+    };
+    std::vector<ListenConfig> opened;
+    std::vector<ListenConfig> closed;
+    try {
+        for (const ListenConfig& one : m_config.listen) {
+            if (!has(wanted, one)) {
+                close(one);
+                closed.push_back(one);
+            }
+        }
+        for (const ListenConfig& one : wanted) {
+            if (!has(m_config.listen, one)) {
+                open(one);
+                opened.push_back(one);
+            }
+        }
+    } catch (const std::system_error& error) {
+        Log(std::string("can't listen: ") + error.what());
+        std::for_each(opened.begin(), opened.end(), close);
+        std::for_each(closed.begin(), closed.end(), open);
+        return false;
+    }
+    for (const ListenConfig& one : opened) {
+        Log("listening on " + one.endpoint.ip + ":" + std::to_string(one.endpoint.port));
+    }
+    return true;
+}
+
+// A daemon keeps what it has been told: an output without a configuration line gets one that ends
+// it.
+void Service::ApplyLines(const GpioConfig& config) {
+    for (const std::string& old : m_config.lines) {
+        const auto is_same = [&old](const std::string& line) {
+            return SubjectOf(line) == SubjectOf(old);
+        };
+        const bool stays = std::any_of(config.lines.begin(), config.lines.end(), is_same);
+        if (old[0] == 'S') {
+            m_server.Forget(old);
+        } else if (!stays) {
+            m_server.Apply(SubjectOf(old) + " SRCA=none");
+        }
+    }
+    for (const std::string& line : config.lines) {
+        m_server.Apply(line);
+    }
+}
+
+void Service::Reload() {
+    try {
+        const GpioConfig config = GpioConfig::Read(m_config.file);
+        RefuseContradictions(config, FindChips());
+        if (!Listen(config.listen)) {
+            return Log(config.file + " is not used: the configuration stays as it was");
+        }
+        ApplyLines(config);
+        m_hardware.Configure(config);
+        m_config = config;
+        Log(config.file + " is used");
+        TellProblems();
+    } catch (const ConfigError& error) {
+        Log(error.what());
+        Log(m_config.file + " is not used: the configuration stays as it was");
+    }
+}
+
+// Clients of the control server learn what does not work as a setting.
+void Service::TellProblems() {
+    std::string text;
+    for (const std::string& problem : m_hardware.Problems()) {
+        text += (text.empty() ? "" : "; ") + problem;
+    }
+    text.resize(std::min(text.size(), MAX_TOLD));
+    std::replace(text.begin(), text.end(), '"', '\'');
+    std::replace(text.begin(), text.end(), '\\', '/');
+    if (text == m_told) {
+        return;
+    }
+    m_told = text;
+    m_server.Apply("SET GPIO_PROBLEMS=" + (text.empty() ? "none" : "\"" + text + "\""));
+    if (text.empty()) {
+        Log("all pins have their lines");
+    }
+}

@@ -1,0 +1,43 @@
+// Addresses as options and settings give them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// An IPv4 address, as a dotted quad, and a TCP port.
+struct Endpoint {
+    std::string ip;
+    uint16_t port = 0;
+
+    bool operator==(const Endpoint& other) const { return ip == other.ip && port == other.port; }
+};
+
+// Parses "IP:PORT". None if it is not that.
+std::optional<Endpoint> ParseEndpoint(const std::string& text);
+
+// The hosts whose addresses begin with the same bits.
+struct Network {
+    uint32_t address = 0;  // host byte order, as the mask
+    uint32_t mask = 0;
+
+    bool Contains(uint32_t host) const { return (host & mask) == address; }
+    bool operator==(const Network& other) const {
+        return address == other.address && mask == other.mask;
+    }
+};
+
+// Parses "10.77.0.0/24", or the address of one host. None if it is neither, or if the address has
+// bits that do not belong to the network.
+std::optional<Network> ParseNetwork(const std::string& text);
+
+// Who may do what at an address that a server listens on.
+struct ListenAccess {
+    std::vector<Network> from;  // empty: everybody may connect
+    bool inputs_only = false;   // clients subscribe to inputs, and do and learn nothing else
+
+    bool operator==(const ListenAccess& other) const {
+        return from == other.from && inputs_only == other.inputs_only;
+    }
+};
