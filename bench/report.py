@@ -8,8 +8,10 @@ fails if one misses its target.
 import datetime
 import json
 import os
+import pathlib
 import platform
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -19,6 +21,9 @@ BUILD_32 = "build/bench-i386"
 DRIVE = f"{BUILD}/bench/orvex-drive"
 DAEMON = os.path.abspath(f"{BUILD}/app/orvex")
 DAEMON_32 = os.path.abspath(f"{BUILD_32}/app/orvex")
+PROFILES = pathlib.Path(BUILD, "profiles")  # of this run
+# Of the last run that met all targets, in whichever checkout.
+MET = pathlib.Path(os.environ.get("XDG_CACHE_HOME", pathlib.Path.home() / ".cache"), "orvex/profiles")
 PATHS = ["write", "report", "read", "mirror", "reliable"]
 TITLES = {
     "write": "write from the bus to line",
@@ -69,29 +74,69 @@ def per_event(path, count):
 
 
 def callgrind(path, events):
+    PROFILES.mkdir(exist_ok=True)
     with tempfile.TemporaryDirectory() as folder:
         run = drive("events", path, events, "valgrind", "--tool=callgrind",
                     f"--callgrind-out-file={folder}/%p", DAEMON)
-        with open(f"{folder}/{run['pid']}") as profile:
-            return read_profile(profile)
+        profile = shutil.move(f"{folder}/{run['pid']}", PROFILES / f"{path}.{events}")
+    return read_profile(profile)[0]
 
 
-def read_profile(profile):
-    """Instructions, and calls of the C library's allocation functions."""
+def read_profile(path):
+    """Instructions and calls of the C library's allocation functions; instructions by function."""
     totals = {"instructions": 0, "allocations": 0}
-    names = {}
-    callee = None
-    for line in profile:
-        function = re.match(r"c?fn=\((\d+)\)(?: (.*))?", line)
-        if function:
-            if function[2]:
-                names[function[1]] = function[2].rstrip()
-            callee = function[1] if line.startswith("cfn") else callee
-        elif line.startswith("calls=") and names.get(callee) in ("malloc", "calloc", "realloc"):
-            totals["allocations"] += int(line[6:].split()[0])
-        elif line.startswith("totals:"):
-            totals["instructions"] = int(line.split()[1])
-    return totals
+    names, own = {}, {}
+    caller = callee = None
+    inclusive = False  # the next line is the cost of a call, which the callee's own lines contain
+    with open(path) as profile:
+        for line in profile:
+            function = re.match(r"(c?)fn=\((\d+)\)(?: (.*))?", line)
+            if function:
+                names.setdefault(function[2], (function[3] or "").rstrip())
+                if function[1]:
+                    callee = names[function[2]]
+                else:
+                    caller = names[function[2]]
+            elif line.startswith("calls="):
+                inclusive = True
+                if callee in ("malloc", "calloc", "realloc"):
+                    totals["allocations"] += int(line[6:].split()[0])
+            elif line.startswith("totals:"):
+                totals["instructions"] = int(line.split()[1])
+            elif re.match(r"[+*-]?\d* ?\d+$", line.rstrip()) and caller is not None:
+                if not inclusive:
+                    own[caller] = own.get(caller, 0) + int(line.split()[-1])
+                inclusive = False
+    return totals, own
+
+
+def by_function(folder, path):
+    """Instructions for each event, by function."""
+    short, long = (read_profile(folder / f"{path}.{events}")[1] for events in (SHORT, LONG))
+    return {name: (long[name] - short.get(name, 0)) / (LONG - SHORT) for name in long}
+
+
+def explain():
+    """For missed targets: what to run, where the limits are, and which functions grew."""
+    print("\nTo repeat: scripts/bench --counts    The limits: SYSCALLS, ALLOCATIONS, INSTRUCTIONS and\n"
+          f"MAX_RESIDENT_KIB in bench/report.py    The profiles, for callgrind_annotate: {PROFILES}/")
+    for path in PATHS:
+        if not any(TITLES[path] in verdict["target"] and not verdict["met"] for verdict in verdicts):
+            continue
+        now = by_function(PROFILES, path)
+        before = by_function(MET, path) if (MET / f"{path}.{LONG}").exists() else {}
+        grown = sorted(((count - before.get(name, 0), count, name) for name, count in now.items()),
+                       reverse=True)
+        print(f"\n{TITLES[path]}: instructions of functions" +
+              (", and how many more since the targets were last met" if before else ""))
+        for more, count, name in grown[:10]:
+            if more > 0.5:
+                print(f"  {count:9,.1f}" + (f"  {more:+9,.1f}" if before else "") + f"  {name[:90]}")
+
+
+def keep_profiles():
+    shutil.rmtree(MET, ignore_errors=True)
+    shutil.copytree(PROFILES, MET)
 
 
 def strace(path, events):
@@ -238,7 +283,11 @@ def main():
         counts()
         resident_32()
         print_verdicts()
-        sys.exit(not all(verdict["met"] for verdict in verdicts))
+        if not all(verdict["met"] for verdict in verdicts):
+            explain()
+            sys.exit(1)
+        keep_profiles()
+        return
     figures = {"date": datetime.date.today().isoformat(), "machine": machine()}
     with subprocess.Popen([DRIVE, "idle", str(IDLE_SECONDS)], stdout=subprocess.PIPE,
                           text=True) as idler:

@@ -3,6 +3,16 @@
 #   orvex_program(NAME sources... LINKS libraries...)   a program
 #   orvex_test(NAME sources... LINKS libraries... [LABELS labels...])   tests (tests/CMakeLists.txt)
 
+if(ORVEX_CCACHE)
+  find_program(ORVEX_CCACHE_PROGRAM ccache)
+  mark_as_advanced(ORVEX_CCACHE_PROGRAM)
+  if(ORVEX_CCACHE_PROGRAM)
+    # Paths below the checkout are made relative: all checkouts share what one has compiled.
+    set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1
+        CCACHE_SLOPPINESS=pch_defines,time_macros ${ORVEX_CCACHE_PROGRAM})
+  endif()
+endif()
+
 add_library(orvex_options INTERFACE)
 target_include_directories(orvex_options INTERFACE ${PROJECT_SOURCE_DIR})
 # No program uses RTTI. They share classes, so all are built without it.
