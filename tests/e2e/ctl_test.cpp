@@ -117,14 +117,14 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     ASSERT_EQ(Finish(*record), 0);
 
     const auto watch = StartListener(studio, {"watch", "--json", "-c", "3"});
-    ExpectRun({"send", file}, 0, "", "");
-    ExpectRun({"send", "--fast", "/dev/null"}, 0, "", "");
+    ExpectRun({"send", file}, 0, "sent 2 messages\n", "");
+    ExpectRun({"send", "--fast", "/dev/null"}, 0, "sent 0 messages\n", "");
     // Written by hand, with an identifier and types that no device knows: for listeners only.
     std::ofstream("/run/made") << R"({"id":"0xFF000001","port":2055,"reliable":true,"items":[)"
                                << R"({"tag":7,"type":99,"value":5},{"tag":7,"type":"message",)"
                                << R"("value":{"id":"ABCD","items":[]}}]})"
                                << "\n\n";
-    ExpectRun({"send", "/run/made"}, 0, "", "");
+    ExpectRun({"send", "/run/made"}, 0, "sent 1 message\n", "");
     ASSERT_EQ(Finish(*watch), 0);
     std::stringstream text;
     text << std::ifstream(file).rdbuf();

@@ -89,6 +89,7 @@ TEST_F(Doctor, FindsNothingWhenAllIsWell) {
 TEST_F(Doctor, ShowsChannels) {
     StartControl();
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 3 SRCA=1:300"), "");
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRC=1:3"), "");
     EXPECT_EQ(Run({}, "channels"), 0);
     EXPECT_EQ(out,
               "OUTPUT  SOURCE       DRIVEN BY                  STATE  INPUT\n"
@@ -96,7 +97,9 @@ TEST_F(Doctor, ShowsChannels) {
               "2       10.77.0.2/1  input 1 of 10.77.0.2:93    -\n"
               "3       1:300        writes on the bus to 1:44  -      HHHHH\n"
               "        The second number has 8 bits: 300 overflows into the first one, which "
-              "makes 1:44.\n");
+              "makes 1:44.\n"
+              "4       -            nothing                    -\n"
+              "        No field SRCA: the daemon ignores the line CFG GPO 4 SRC=1:3\n");
     EXPECT_EQ(Run({"--json"}, "channels"), 0);
     const Json row = Json::parse(out.substr(0, out.find('\n')));
     EXPECT_EQ(row["address"], 0x102);

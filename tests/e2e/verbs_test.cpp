@@ -1,11 +1,15 @@
 // Names, and the commands that wait, check and list.
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fstream>
 
 #include "tests/e2e/Ctl.h"
+#include "tests/support/sockets.h"
 
 namespace {
 
@@ -40,9 +44,14 @@ TEST_F(Verbs, SetsAndChecks) {
               "orvexctl: 9:9:out1 (high) is answered H: its control server did not carry the write "
               "out, or it is an output of channels 9 to 32, which is always answered H\n");
     const std::string nobody =
-        ": no answer: no device on the bus has %, or its control server is away\n";
+        ": nobody answers: no device on the bus has %, or its control server is away\n";
     ExpectRun({"set", "-W", "0.3", "-k", "7:out1=L"}, 3, "",
               "orvexctl: 7:out1" + std::string(nobody).replace(nobody.find('%'), 1, "7"));
+    const std::string circuit =
+        "orvexctl: 1:2:c50 (studio1:c50): devices have circuits 4 to 13 only, in1 to in5 and out1 "
+        "to out5\n";
+    ExpectRun({"set", "1:2:c50=L"}, 0, "sent\n", circuit);
+    ExpectRun({"set", "-W", "0.1", "-qk", "1:2:c50=L"}, 3, "", circuit);
     ExpectRun({"set", "-W", "0.3", "-k", "door=L"}, 3, "1:2:in1  H  door\n",
               "orvexctl: 1:2:in1 (door) is an input: devices do not set it\n"
               "orvexctl: 1:2:in1 (door) is an input: devices do not set it\n");
@@ -107,7 +116,7 @@ TEST_F(Verbs, WatchesChanges) {
     // The output can be sent again.
     std::ofstream("/run/changes") << all->Out();
     tqrd.heard.clear();
-    ExpectRun({"send", "--fast", "/run/changes"}, 0, "", "");
+    ExpectRun({"send", "-q", "--fast", "/run/changes"}, 0, "", "");
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xxLxx DURATION:500"));
 }
 
@@ -140,6 +149,35 @@ TEST_F(Verbs, ListsAddressesInUse) {
     ExpectRun({"list", "-W", "0.2", "3-7"}, 3, "", "orvexctl: no device answered\n");
 }
 
+TEST_F(Verbs, ShowsTheInputsOfARemoteServer) {
+    const auto expect = [&](Process& ctl, int status, const char* out, const char* err) {
+        EXPECT_EQ(Finish(ctl), status);
+        EXPECT_EQ(ctl.Out(), out);
+        EXPECT_EQ(ctl.Err(), err);
+    };
+    StartRemote();
+    ASSERT_EQ(remote.server.Apply("GPI 3 LHHLH"), "");
+    const Words arguments = {"channels", "-r", STUDIO_ADDRESS, "--inputs", "2-3"};
+    expect(*Start(device, arguments), 0, "INPUT  STATE\n2      HHHHH\n3      LHHLH\n", "");
+    remote.server.Close();
+    expect(*Start(device, arguments), 1, "",
+           "orvexctl: can't connect to 10.77.0.2:93: Connection refused\n");
+
+    const Host::Scope on(studio);
+    const int listener = bound_socket(SOCK_STREAM, STUDIO_ADDRESS, 93);
+    ASSERT_EQ(listen(listener, 5), 0);
+    expect(*Start(device, arguments), 3, "",
+           "orvexctl: 10.77.0.2:93 accepts the connection and answers nothing: it hangs, or has "
+           "none of these inputs\n");
+    close(accept(listener, nullptr, nullptr));
+    const auto ctl = Start(device, arguments);
+    const int connection = accept(listener, nullptr, nullptr);
+    ASSERT_EQ(write(connection, "SET A=1\n", 8), 8);
+    expect(*ctl, 3, "", "orvexctl: 10.77.0.2:93 is well, but sends no states of these inputs\n");
+    close(connection);
+    close(listener);
+}
+
 TEST_F(Verbs, RefusesWithAHint) {
     StartAll();
     std::ofstream("/run/bad") << "# names\n1:2 studio1\n1:2 other\n";
@@ -150,6 +188,11 @@ TEST_F(Verbs, RefusesWithAHint) {
         const char* err;
     } cases[] = {
         {{"frob"}, 2, "unknown command frob; commands are list, get, set,"},
+        {{"wacth", "1"}, 2, "unknown command wacth; did you mean watch?\nUsage: orvexctl [OPT"},
+        {{"get"}, 2, "orvexctl: ADDRESS is required\nUsage: orvexctl get [OPTIONS] ADDRESS[:PIN]"},
+        {{"set", "1:2:out1=L,0"}, 2, "a duration is 1 ms or more; without one the level stays\n"},
+        {{"channels", "--explain", ""}, 1, "orvexctl: no field SRCA: the daemon ignores the line"},
+        {{"channels", "--inputs", "0"}, 2, "not inputs, such as 3 or 1-8, from 1 to 256: 0\n"},
         {{"-j"}, 2, "no command; commands are list, get, set,"},
         {{"get", "1:2", "--loop"}, 2, "get has no --loop; these have it: send\n"},
         {{"get", "-W", "0.1", "-t", "127.0.0.1", "studio1"}, 3, "no answer for 1:2 (studio1)\n"},
@@ -173,7 +216,8 @@ TEST_F(Verbs, RefusesWithAHint) {
         EXPECT_NE(ctl->Err().find(c.err), std::string::npos) << c.err << "\n" << ctl->Err();
     }
     ExpectRun({"record", "--force", "/run/there", "door", "-f", "0.1"}, 0, "", "");
-    ExpectRun({"-n", "/dev/null", "get", "1:2:out3"}, 0, "1:2:out3  H\n", "");
+    ExpectRun({"-n", "/dev/null", "get", "1:2:out3", "1:2:8", "1:2:out3"}, 0,
+              "1:2:out3  H\n1:2:out1  H\n", "");
 }
 
 TEST_F(Verbs, PlaysBackFasterAndRepeatedly) {
@@ -186,11 +230,14 @@ TEST_F(Verbs, PlaysBackFasterAndRepeatedly) {
     const auto send = Start(studio, {"send", "--speed", "5", "--loop", "/run/two"});
     ASSERT_TRUE(AwaitHeard(tqrd, "GPO 1 xxLxx", 2));
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    EXPECT_GT(took.count(), 0.55);
-    EXPECT_LT(took.count(), 1.5);
+    EXPECT_GT(took.count(), 0.75);
+    EXPECT_LT(took.count(), 1.7);
     send->Signal(SIGTERM);
     EXPECT_EQ(Finish(*send), 0);
-    ExpectRun({"send", "--for", "0.2", "--loop", "/run/two"}, 0, "", "");
+    // A pause before it starts over, even if nothing says when to send.
+    std::ofstream("/run/two") << "{\"pin\":\"high\",\"level\":\"L\"}\n{\"check\":\"group\"}\n";
+    ExpectRun({"send", "--for", "0.5", "--loop", "/run/two"}, 0, "sent 1 message, skipped 1 line\n",
+              "");
 }
 
 // The manual's commands after a prompt, and its script.

@@ -25,7 +25,11 @@ unsigned long ParseDuration(const std::string& text) {
         std::stoull(text) > LONGEST) {
         throw std::invalid_argument("not a duration in ms: " + text);
     }
-    return static_cast<unsigned long>(std::stoull(text));
+    const auto duration = static_cast<unsigned long>(std::stoull(text));
+    if (duration == 0) {  // which the bus takes for no limit
+        throw std::invalid_argument("a duration is 1 ms or more; without one the level stays");
+    }
+    return duration;
 }
 
 }  // namespace

@@ -93,6 +93,16 @@ std::optional<Question::Answer> Question::AnswerOf(uint32_t tag) const {
     return answer == m_answers.end() ? std::nullopt : answer->second;
 }
 
+std::vector<PinFact> Question::Facts() const {
+    std::vector<PinFact> facts;
+    for (const uint32_t tag : m_tags) {
+        const auto answer = AnswerOf(tag);
+        facts.push_back(answer ? PinFact{tag, answer->level, answer->time, answer->host}
+                               : PinFact{tag, std::nullopt, TimeOfDay(), 0});
+    }
+    return facts;
+}
+
 std::string Question::Missing(const Names& names) const {
     std::string text;
     for (const PinRef& pin : m_pins) {

@@ -8,6 +8,7 @@
 
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
+#include "tools/bus/PinJson.h"
 #include "tools/bus/PinName.h"
 
 // A number for the requests of one question. Never 0, which means none.
@@ -47,6 +48,9 @@ public:
         double time;    // seconds since 1970
     };
     std::optional<Answer> AnswerOf(uint32_t tag) const;
+
+    // The pins in the order given, each once. Those without an answer have no level.
+    std::vector<PinFact> Facts() const;
 
     // The unanswered pins, "1:2 (studio1), 7:in1"; empty if everything was answered.
     std::string Missing(const Names& names) const;

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
+#include <utility>
 
 #include "tools/completion/Completion.h"
 #include "tools/ctl/Complete.h"
@@ -60,6 +62,39 @@ std::string CommandsWith(const std::string& option) {
     return Join(names);
 }
 
+// How many letters must be inserted, removed or replaced to make one word the other.
+size_t Distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i);
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row[b.size()];
+}
+
+// The command that the word begins, or is a slip of the finger away from; else null.
+const char* MeantCommand(const std::string& word) {
+    const char* meant = nullptr;
+    size_t least = std::min<size_t>(3, word.size());
+    for (const CommandSpec& command : COMMANDS) {
+        const std::string name = command.name;
+        const bool is_near = name.rfind(word, 0) == 0 ||
+                             (word.size() == name.size() &&
+                              std::is_permutation(word.begin(), word.end(), name.begin()));
+        const size_t distance = is_near ? 1 : Distance(word, name);
+        if (distance < least) {
+            least = distance;
+            meant = command.name;
+        }
+    }
+    return meant;
+}
+
 template <typename Row>
 void Set(const Row& row, const char* name, Options& options, const std::string& text) {
     try {
@@ -71,6 +106,14 @@ void Set(const Row& row, const char* name, Options& options, const std::string& 
 
 // Shows an argument as its type: CLI11 does not accept ':' in a name.
 class ArgumentFormatter : public CLI::Formatter {
+public:
+    std::string make_option_usage(const CLI::Option* option) const override {
+        const std::string name =
+            option->get_type_name() + (option->get_expected_max() > 1 ? "..." : "");
+        return option->get_required() ? name : "[" + name + "]";
+    }
+
+private:
     std::string make_option_name(const CLI::Option* option, bool positional) const override {
         return positional ? option->get_type_name()
                           : CLI::Formatter::make_option_name(option, positional);
@@ -104,9 +147,11 @@ private:
     void AddArgument(CLI::App& app, const ArgumentSpec& row);
     void AddCommand(const CommandSpec& command);
     void TakeWords();
+    std::string Problem(const CLI::ParseError& error) const;
     int Refuse(const CLI::ParseError& error);
 
     Options& m_options;
+    const std::shared_ptr<ArgumentFormatter> m_formatter = std::make_shared<ArgumentFormatter>();
     CLI::App m_app;
     CompletionKinds m_kinds;
     std::vector<Word> m_words;
@@ -117,9 +162,8 @@ Parser::Parser(Options& options) : m_options(options), m_app(DESCRIPTION, APP_NA
     m_app.footer(Footer());
     m_app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
     m_app.require_subcommand(1);
-    const auto formatter = std::make_shared<ArgumentFormatter>();
-    formatter->column_width(28);
-    m_app.formatter(formatter);
+    m_formatter->column_width(28);
+    m_app.formatter(m_formatter);
     for (const OptionSpec& option : OPTIONS) {
         if (option.commands == nullptr) {
             AddOption(m_app, option);
@@ -181,25 +225,40 @@ void Parser::TakeWords() {
     }
 }
 
-// Prints what is wrong, or what was requested; returns the exit status.
-int Parser::Refuse(const CLI::ParseError& error) {
-    const bool is_request = error.get_exit_code() == 0;  // for help or the version
+// What is wrong, with a hint where one is known.
+std::string Parser::Problem(const CLI::ParseError& error) const {
     const std::vector<std::string> unknown = m_app.remaining(true);
     const std::string word = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
     const auto commands = m_app.get_subcommands();
-    std::string problem;
-    if (commands.empty() && !is_request && (word.empty() || word[0] != '-')) {
-        problem = (word.empty() ? "no command" : "unknown command " + word) + "; commands are " +
-                  CommandsWith("");
-    } else if (!commands.empty() && !word.empty() && !CommandsWith(word).empty()) {
-        problem =
-            commands[0]->get_name() + " has no " + word + "; these have it: " + CommandsWith(word);
+    if (commands.empty() && word.empty()) {
+        return "no command; commands are " + CommandsWith("");
     }
-    if (!problem.empty()) {
-        m_options.console.Error(problem);
-        return STATUS_USAGE;
+    if (commands.empty() && word[0] != '-') {
+        const char* const meant = MeantCommand(word);
+        return "unknown command " + word +
+               (meant != nullptr ? "; did you mean " + std::string(meant) + "?"
+                                 : "; commands are " + CommandsWith(""));
     }
-    return m_app.exit(error) == 0 ? STATUS_DONE : STATUS_USAGE;
+    if (!commands.empty() && !word.empty() && !CommandsWith(word).empty()) {
+        return commands[0]->get_name() + " has no " + word +
+               "; these have it: " + CommandsWith(word);
+    }
+    return error.what();
+}
+
+// Prints what is wrong and the usage, or what was requested; returns the exit status.
+int Parser::Refuse(const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {  // help or the version
+        m_app.exit(error);
+        return STATUS_DONE;
+    }
+    const auto commands = m_app.get_subcommands();
+    const CLI::App& app = commands.empty() ? m_app : *commands[0];
+    const std::string name = APP_NAME + (commands.empty() ? "" : " " + app.get_name());
+    m_options.console.Error(Problem(error));
+    fprintf(stderr, "%sRun \"%s --help\" for more.\n", m_formatter->make_usage(&app, name).c_str(),
+            name.c_str());
+    return STATUS_USAGE;
 }
 
 const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {

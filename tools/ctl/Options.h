@@ -26,6 +26,12 @@ struct AddressRange {
     bool is_default = true;
 };
 
+// Numbers of inputs, from the first to the last.
+struct NumberRange {
+    int first;
+    int last;
+};
+
 struct PinCondition {
     uint32_t tag;
     Level level;
@@ -57,7 +63,8 @@ struct Options {
     std::string names_file;  // empty: the user's
     Names names;
     CSvcAddress tqrd{0x7F000001, LINE_PORT};  // the control server
-    std::string explain;                      // a source to explain instead of querying a server
+    std::optional<std::string> explain;       // a source to explain instead of querying a server
+    std::optional<NumberRange> inputs;        // of a remote GPIO server, to query it for
     bool plugin = false;                      // report as a monitoring plugin
 };
 

@@ -15,6 +15,7 @@ const double MAX_WAIT = 3600;
 const double MAX_SECONDS = 1e8;
 const double MAX_SPEED = 1000;
 const unsigned long MAX_COUNT = 1000000000;
+const unsigned long INPUT_COUNT = 256;  // that a remote server can have
 
 [[noreturn]] void Refuse(const std::string& what, const std::string& text) {
     throw std::invalid_argument("not " + what + ": " + text);
@@ -118,6 +119,20 @@ void SetLimit(Options& options, const std::string& text) {
 
 void SetHeartbeat(Options& options, const std::string& text) {
     options.heartbeat = ParseSeconds(text, MAX_SECONDS);
+}
+
+// "N" or "N-M"
+void SetInputs(Options& options, const std::string& text) {
+    const char* const what = "inputs, such as 3 or 1-8, from 1 to 256";
+    const size_t dash = text.find('-');
+    const auto first = static_cast<int>(ParseCount(text.substr(0, dash), INPUT_COUNT, what));
+    const int last = dash == std::string::npos
+                         ? first
+                         : static_cast<int>(ParseCount(text.substr(dash + 1), INPUT_COUNT, what));
+    if (first > last) {
+        throw std::invalid_argument("a range begins with its lower end: " + text);
+    }
+    options.inputs = NumberRange{first, last};
 }
 
 void SetSpeed(Options& options, const std::string& text) {

@@ -21,6 +21,7 @@ void SetServer(Options& options, const std::string& text);
 void SetCount(Options& options, const std::string& text);
 void SetLimit(Options& options, const std::string& text);
 void SetHeartbeat(Options& options, const std::string& text);
+void SetInputs(Options& options, const std::string& text);
 void SetSpeed(Options& options, const std::string& text);
 void SetFormat(Options& options, const std::string& text);
 

@@ -17,15 +17,7 @@ int RunGet(const Options& options) {
             options.console.Detail("answer from " + traffic.host);
         }
     }
-    std::vector<PinFact> facts;
-    for (const PinRef& pins : options.pins) {
-        for (const uint32_t tag : pins.Tags()) {
-            const auto answer = question.AnswerOf(tag);
-            facts.push_back(answer ? PinFact{tag, answer->level, answer->time, answer->host}
-                                   : PinFact{tag, std::nullopt, TimeOfDay(), 0});
-        }
-    }
-    output.Write(facts);
+    output.Write(question.Facts());
     const std::string missing = question.Missing(options.names);
     if (missing.empty()) {
         return STATUS_DONE;

@@ -155,15 +155,7 @@ std::vector<PinFact> List::AskPins() {
             question.Take(traffic.message);
         }
     }
-    std::vector<PinFact> facts;
-    for (const PinRef& ref : pins) {
-        for (const uint32_t tag : ref.Tags()) {
-            const auto answer = question.AnswerOf(tag);
-            facts.push_back(answer ? PinFact{tag, answer->level, answer->time, answer->host}
-                                   : PinFact{tag, std::nullopt, TimeOfDay(), 0});
-        }
-    }
-    return facts;
+    return question.Facts();
 }
 
 // Five pins as in control lines; '?' means not answered.

@@ -105,23 +105,35 @@ class Pace {
 public:
     explicit Pace(double speed) : m_speed(speed) {}
 
-    // Starts over with the next message.
-    void Restart() { m_first = 0; }
+    // Starts over with the next message, after a pause.
+    void Restart() {
+        m_first = 0;
+        m_next = Later(Now(), PAUSE / m_speed);
+    }
 
-    // Waits until the message is due. One without a time, or from before the first, is due at once.
-    // False if the command is to end first.
+    // Waits until the message is due. One without a time follows the one before. False if the
+    // command is to end first.
     bool WaitFor(double time, const Limit& limit) {
-        if (m_first == 0) {
-            m_first = time;
-            m_start = Now();
+        TimePoint due = std::max(Now(), m_next);
+        if (time != 0) {
+            if (m_first == 0) {
+                m_first = time;
+                m_start = due;
+            }
+            due = Later(m_start, std::max(time - m_first, 0.0) / m_speed);
         }
-        return limit.WaitFor(Later(m_start, std::max(time - m_first, 0.0) / m_speed));
+        m_next = Later(std::max(due, Now()), STEP / m_speed);
+        return limit.WaitFor(due);
     }
 
 private:
+    static constexpr double PAUSE = 1;    // seconds between repetitions of the file
+    static constexpr double STEP = 0.01;  // between messages without a time
+
     const double m_speed;
-    double m_first = 0;  // 0: none yet
-    TimePoint m_start;
+    double m_first = 0;     // 0: none yet
+    TimePoint m_start;      // when the first one was due
+    TimePoint m_next = {};  // for messages without a time
 };
 
 class Sender {
@@ -139,6 +151,11 @@ public:
     // How many messages were sent.
     unsigned long Count() const { return m_count; }
 
+    // Before the file is sent again.
+    void Pause() { m_pace.Restart(); }
+
+    void PrintCount();
+
 private:
     bool SendLine(const std::string& line);
 
@@ -148,15 +165,17 @@ private:
     const Limit m_limit;
     Pace m_pace;
     unsigned long m_count = 0;
+    unsigned long m_skipped = 0;
 };
 
 bool Sender::SendLine(const std::string& line) {
     Traffic traffic;
     if (!FromJson(line, traffic, m_options.names)) {
         m_options.console.Detail("nothing to send: " + line);
+        ++m_skipped;
         return true;
     }
-    if (!m_pace.WaitFor(m_options.fast ? 0 : traffic.time, m_limit)) {
+    if (!(m_options.fast ? m_limit.WaitFor({}) : m_pace.WaitFor(traffic.time, m_limit))) {
         return false;
     }
     if (traffic.port == 0) {
@@ -176,7 +195,6 @@ bool Sender::SendLine(const std::string& line) {
 
 bool Sender::SendFile() {
     LineFile file(m_options.file, m_limit);
-    m_pace.Restart();
     while (const std::optional<std::string> line = file.Next()) {
         if (line->find_first_not_of(" \t\r") == std::string::npos) {
             continue;
@@ -194,6 +212,18 @@ bool Sender::SendFile() {
     return !file.IsOver();
 }
 
+// Unless the messages themselves were printed.
+void Sender::PrintCount() {
+    if (m_options.json || m_options.console.verbose || m_options.console.quiet) {
+        return;
+    }
+    const auto number = [](unsigned long n, const char* what) {
+        return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+    };
+    m_output.Write("sent " + number(m_count, "message") +
+                   (m_skipped == 0 ? "" : ", skipped " + number(m_skipped, "line")) + "\n");
+}
+
 }  // namespace
 
 int RunSend(const Options& options) {
@@ -205,6 +235,8 @@ int RunSend(const Options& options) {
         if (sender.Count() == before) {
             throw Failure(STATUS_FAILED, "nothing to send in " + options.file);
         }
+        sender.Pause();
     }
+    sender.PrintCount();
     return STATUS_DONE;
 }

@@ -10,6 +10,8 @@ namespace {
 
 const double ASK_EVERY = 0.1;  // seconds; short enough to see a pulse of 310 ms
 
+const char* const NO_SUCH_PIN = ": devices have circuits 4 to 13 only, in1 to in5 and out1 to out5";
+
 void NoteWhatDiffers(const PinWrite& write, const Options& options) {
     const Console& console = options.console;
     const std::string name = options.names.Label(write.tag);
@@ -19,6 +21,8 @@ void NoteWhatDiffers(const PinWrite& write, const Options& options) {
     }
     if (IsInput(write.tag)) {
         console.Note(name + " is an input: devices do not set it");
+    } else if (!IsNamedPin(write.tag)) {
+        console.Note(name + NO_SUCH_PIN);
     }
 }
 
@@ -130,9 +134,12 @@ std::string Check::Reason(const Pin& pin) const {
     if (IsInput(pin.write->tag)) {
         return name + " is an input: devices do not set it";
     }
+    if (!IsNamedPin(pin.write->tag)) {
+        return name + NO_SUCH_PIN;
+    }
     if (!pin.answer) {
-        return name + ": no answer: no device on the bus has " + AddressText(pin.write->tag >> 8) +
-               ", or its control server is away";
+        return name + ": nobody answers: no device on the bus has " +
+               AddressText(pin.write->tag >> 8) + ", or its control server is away";
     }
     if (*pin.answer->level == Level::Low) {
         return name + " is still L";

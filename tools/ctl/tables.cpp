@@ -97,7 +97,8 @@ const std::vector<CommandSpec> COMMANDS = {
      "For each output: its source as written, how the daemon reads it, and the states\n"
      "of output and input. Servers send inputs on request and outputs when they\n"
      "change; '-' means not sent. A source that does not mean what it seems to mean\n"
-     "is explained.",
+     "is explained. With --inputs, prints the states of inputs of a remote GPIO\n"
+     "server, subscribed to as the daemon does: channels -r 10.0.0.9 --inputs 1-8.",
      {},
      RunChannels},
     {"doctor",
@@ -148,6 +149,8 @@ const std::vector<OptionSpec> OPTIONS = {
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Explain how the daemon reads this field, or line",
      [](Options& options, const std::string& text) { options.explain = text; }},
+    {"--inputs", "N[-M]", Completion::None, "channels",
+     "Ask a remote GPIO server for these inputs, 1 to 256", SetInputs},
     {"-k,--check", nullptr, Completion::None, "set",
      "Read the pins back until they have their levels", Switch<&Options::check>},
     {"--any", nullptr, Completion::None, "wait", "One pin is enough", Switch<&Options::any>},

@@ -1,7 +1,8 @@
-// Queries a control server for everything about its channels.
+// Queries a server of control lines: for everything about its channels, or for inputs.
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <string>
 
 #include "net/SvcAddress.h"
@@ -21,3 +22,17 @@ struct TableAnswer {
 // sent when they change.
 TableAnswer AskTable(const CSvcAddress& server, std::chrono::milliseconds limit,
                      std::chrono::milliseconds listen = {});
+
+struct InputsAnswer {
+    std::map<int, std::string> states;  // by number, as the server wrote them
+    bool has_answered = false;          // the server has sent something
+    std::string problem;                // as above
+    int error = 0;
+};
+
+// Subscribes to the inputs first to last, as the daemon does with those of a remote GPIO server.
+// Returns when the states of all have come, or at the limit; with a time to listen after that, with
+// the last states. A server that has sent nothing after half the limit is asked for its settings
+// and channels too: one that answers this is well, and has none of these inputs.
+InputsAnswer AskInputs(const CSvcAddress& server, int first, int last,
+                       std::chrono::milliseconds limit, std::chrono::milliseconds listen = {});

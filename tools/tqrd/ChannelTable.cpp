@@ -39,12 +39,17 @@ ChannelTable::Subject ChannelTable::Take(const std::string& line) {
 ChannelTable::Subject ChannelTable::TakeConfiguration(const char* text) {
     int number = 0;
     const char* const source = find_source(text, number);
-    if (source == nullptr) {
+    if (number == 0) {
         return {};
     }
     ChannelInfo& channel = m_channels[Index(number)];
+    if (source != nullptr || !channel.is_configured) {
+        channel.line = std::string("CFG ") + text;
+    }
+    if (source == nullptr) {
+        return {};
+    }
     channel.is_configured = true;
-    channel.line = std::string("CFG ") + text;
     channel.source = FieldText(source);
     channel.config = parse_source(source);
     return {Kind::Configuration, number};

@@ -11,7 +11,7 @@
 // A channel according to its lines. Texts are as the server wrote them.
 struct ChannelInfo {
     bool is_configured = false;  // a line with a source has come
-    std::string line;            // that line
+    std::string line;            // that line; without one, the last that the daemon ignores
     std::string source;          // the value in it, with its quotes
     ChannelConfig config = {};   // how the daemon reads the line
     std::string output;          // state of its GPO, one character per pin; empty: not sent

@@ -11,6 +11,7 @@
 
 namespace {
 
+const char* const SEPARATORS = " ,";        // between fields
 const uint32_t MAX_BUS_ADDRESS = 0xFFFFFF;  // a tag has 24 bits for it
 
 // The value without quotes, escapes and scheme.
@@ -37,11 +38,13 @@ bool IsOctal(const std::string& number) {
 
 class Notes {
 public:
-    Notes(const std::string& value, const ChannelConfig& config)
-        : m_value(value), m_text(PlainText(value)), m_config(config) {}
+    // value is the field's, rest what follows it in the line.
+    Notes(const std::string& value, const std::string& rest, const ChannelConfig& config)
+        : m_value(value), m_rest(rest), m_text(PlainText(value)), m_config(config) {}
 
     std::vector<std::string> Make() {
         AboutLaterFields();
+        AboutLostText();
         switch (m_config.proto) {
             case KIND_BUS:
                 AboutAddress();
@@ -61,6 +64,7 @@ public:
 private:
     void Add(const std::string& note) { m_notes.push_back(note); }
     void AboutLaterFields();
+    void AboutLostText();
     void AboutAddress();
     void AboutServer();
     void AboutPort();
@@ -68,6 +72,7 @@ private:
     void AboutNothing();
 
     const std::string& m_value;
+    const std::string& m_rest;
     const std::string m_text;
     const ChannelConfig& m_config;
     std::vector<std::string> m_notes;
@@ -80,6 +85,19 @@ void Notes::AboutLaterFields() {
         Add("A '.' before the first blank makes a remote server, and a comma is no blank: the "
             "'.' of a later field counts. With a blank after the source it is: " +
             DescribeSource(alone) + ".");
+    }
+}
+
+// What follows the source and is no field.
+void Notes::AboutLostText() {
+    const size_t begin = m_rest.find_first_not_of(SEPARATORS);
+    if (begin == std::string::npos) {
+        return;
+    }
+    const std::string word = m_rest.substr(begin, m_rest.find_first_of(SEPARATORS, begin) - begin);
+    if (word.find_first_of("=:") == std::string::npos) {
+        Add(std::string("The source ends at the ") + (m_rest[0] == ',' ? "comma" : "blank") +
+            ": \"" + word + "\" is ignored.");
     }
 }
 
@@ -153,6 +171,15 @@ void Notes::AboutNothing() {
     }
 }
 
+// What counts where the source leaves it out.
+std::string Defaults(const std::string& value, const ChannelConfig& config) {
+    const std::string text = PlainText(value);
+    if (config.proto != KIND_REMOTE || text.find('/') != std::string::npos) {
+        return {};
+    }
+    return "Without an input after a '/' it is input 1.";
+}
+
 }  // namespace
 
 std::optional<SourceReading> ReadSource(const std::string& text) {
@@ -162,8 +189,10 @@ std::optional<SourceReading> ReadSource(const std::string& text) {
     if (value == nullptr) {
         return std::nullopt;
     }
-    SourceReading reading = {FieldText(value), parse_source(value), {}};
-    reading.notes = Notes(reading.source, reading.config).Make();
+    SourceReading reading = {FieldText(value), parse_source(value), {}, {}};
+    const std::string rest = value + reading.source.size();
+    reading.notes = Notes(reading.source, rest, reading.config).Make();
+    reading.defaults = Defaults(reading.source, reading.config);
     return reading;
 }
 

@@ -12,6 +12,7 @@ struct SourceReading {
     std::string source;  // the value as written
     ChannelConfig config;
     std::vector<std::string> notes;  // sentences, the most important first; empty: no surprises
+    std::string defaults;            // a sentence about what the source leaves out, or empty
 };
 
 // Reads "SRCA=value", with or without further fields, or a whole line "CFG GPO n SRCA=value". None

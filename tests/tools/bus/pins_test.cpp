@@ -72,10 +72,13 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
         int byte;
         unsigned int duration;
     } cases[] = {
-        {"1:2:out1=L", 0x40, 0},       {"1:2:out1=h", 0x00, 0},
-        {"1:2:out1=L,0", 0x40, 0},     {"1:2:out1=L,1", 0xC1, 10},
-        {"1:2:out1=H,15", 0x82, 20},   {"1:2:out1=L,405", 0x42, 500},
-        {"1:2:out1=L,310", 0xDF, 310}, {"1:2:out1=H,1000000000", 0x1F, 7750},
+        {"1:2:out1=L", 0x40, 0},
+        {"1:2:out1=h", 0x00, 0},
+        {"1:2:out1=L,1", 0xC1, 10},
+        {"1:2:out1=H,15", 0x82, 20},
+        {"1:2:out1=L,405", 0x42, 500},
+        {"1:2:out1=L,310", 0xDF, 310},
+        {"1:2:out1=H,1000000000", 0x1F, 7750},
     };
     for (const auto& c : cases) {
         const PinWrite write = ParsePinWrite(c.text, Names());
@@ -94,8 +97,8 @@ TEST(PinWrite, RoundsToWhatTheByteCarries) {
         }
     }
     for (const char* text : {"1:2:out1", "1:2:out1=", "1:2:out1=x", "1:2:out1=LL", "1:2:out1=1",
-                             "1:2:out1=L,", "1:2:out1=L,-1", "1:2:out1=L,1s", "1:2:out1=L,5,5",
-                             "1:2:out1=L,1000000001", "1:2=L", "=L"}) {
+                             "1:2:out1=L,", "1:2:out1=L,0", "1:2:out1=L,-1", "1:2:out1=L,1s",
+                             "1:2:out1=L,5,5", "1:2:out1=L,1000000001", "1:2=L", "=L"}) {
         EXPECT_THROW(ParsePinWrite(text, Names()), std::invalid_argument) << text;
     }
 }

@@ -88,6 +88,7 @@ TEST(SourceNotes, ExplainSurprises) {
         {"SRCA=1:2:3", "writes on the bus to 1:2", "ignored: \":3\""},
         {"SRCA=0x10000:0", "writes on the bus to 65536:0", "24 bits"},
         {"SRCA=3:7,X=1.5", "input 1 of 0.0.0.3:7", "it is: writes on the bus to 3:7."},
+        {"SRCA=10.0.0.9,3", "input 1 of 10.0.0.9:93", "ends at the comma: \"3\""},
         {"SRCA=10.9", "input 1 of 10.0.0.9:93", "read as 10.0.0.9"},
         {"SRCA=10.0.0.9:0x5d", "input 1 of 10.0.0.9:0", "ports are decimal"},
         {"SRCA=10.0.0.9/0", "input 256 of 10.0.0.9:93", "1 to 256"},
