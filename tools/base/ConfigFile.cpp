@@ -40,6 +40,39 @@ std::vector<ConfigLine> ReadConfigLines(const std::string& file) {
     return lines;
 }
 
+const std::string& ConfigWords::Next(const char* what) {
+    if (IsAtEnd()) {
+        throw std::invalid_argument(m_words[m_next - 1] + " needs " + what);
+    }
+    return m_words[m_next++];
+}
+
+std::string ConfigWords::NextText(const char* what) {
+    std::string text = Next(what);
+    if (text[0] != '"') {
+        return text;
+    }
+    while ((text.size() == 1 || text.back() != '"') && !IsAtEnd()) {
+        text += " " + Next(what);
+    }
+    if (text.size() == 1 || text.back() != '"') {
+        throw std::invalid_argument("no closing quote: " + text);
+    }
+    return text.substr(1, text.size() - 2);
+}
+
+bool ConfigWords::TakeIf(const char* word) {
+    const bool is_it = !IsAtEnd() && m_words[m_next] == word;
+    m_next += is_it ? 1 : 0;
+    return is_it;
+}
+
+void ConfigWords::ExpectEnd() const {
+    if (!IsAtEnd()) {
+        throw std::invalid_argument("more than expected: " + m_words[m_next]);
+    }
+}
+
 void ConfigErrors::Add(int line, const std::string& reason) {
     m_errors.emplace_back(line, reason);
 }

@@ -22,6 +22,31 @@ struct ConfigLine {
 // The lines of a file that are not empty. Throws ConfigError if it can't be read.
 std::vector<ConfigLine> ReadConfigLines(const std::string& file);
 
+// The words of a line after the first, one after the other. Failures are thrown as
+// std::invalid_argument with the reason.
+class ConfigWords {
+public:
+    explicit ConfigWords(const std::vector<std::string>& words) : m_words(words) {}
+
+    bool IsAtEnd() const { return m_next == m_words.size(); }
+
+    // The next word, which is what; refused if there is none.
+    const std::string& Next(const char* what);
+
+    // The same; a text in double quotes may have blanks.
+    std::string NextText(const char* what);
+
+    // Takes the next word if it is that one.
+    bool TakeIf(const char* word);
+
+    // Refuses further words.
+    void ExpectEnd() const;
+
+private:
+    const std::vector<std::string>& m_words;
+    size_t m_next = 1;
+};
+
 // Collects errors of a file, so that all of them can be told at once.
 class ConfigErrors {
 public:

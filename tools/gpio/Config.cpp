@@ -15,45 +15,9 @@ const char* const DEFAULT_ADDRESS = "127.0.0.1:93";
 const double LONGEST_DEBOUNCE_US = 60e6;
 const unsigned int HIGHEST_OFFSET = 65535;
 
-using Words = std::vector<std::string>;
-
 [[noreturn]] void Refuse(const std::string& reason) {
     throw std::invalid_argument(reason);
 }
-
-// The words of a line, one after the other.
-class WordReader {
-public:
-    explicit WordReader(const Words& words) : m_words(words) {}
-
-    bool IsAtEnd() const { return m_next == m_words.size(); }
-
-    const std::string& Next(const char* what) {
-        if (IsAtEnd()) {
-            Refuse(m_words[m_next - 1] + " needs " + what);
-        }
-        return m_words[m_next++];
-    }
-
-    // A text, which may be in double quotes and then have blanks.
-    std::string NextText(const char* what) {
-        std::string text = Next(what);
-        if (text[0] != '"') {
-            return text;
-        }
-        while ((text.size() == 1 || text.back() != '"') && !IsAtEnd()) {
-            text += " " + Next(what);
-        }
-        if (text.size() == 1 || text.back() != '"') {
-            Refuse("no closing quote: " + text);
-        }
-        return text.substr(1, text.size() - 2);
-    }
-
-private:
-    const Words& m_words;
-    size_t m_next = 1;  // after the setting itself
-};
 
 std::optional<unsigned int> ParseUnsigned(const std::string& text) {
     if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != text.npos) {
@@ -134,7 +98,7 @@ OnExit ParseOnExit(const std::string& text) {
     return found->second;
 }
 
-void TakeOptions(WordReader& words, PinConfig& pin) {
+void TakeOptions(ConfigWords& words, PinConfig& pin) {
     std::set<std::string> groups;
     uint64_t flags = 0;
     while (!words.IsAtEnd()) {
@@ -173,9 +137,9 @@ public:
 
 private:
     void TakeLine(const ConfigLine& line);
-    void TakeListen(WordReader& words);
-    void TakeChip(WordReader& words);
-    void TakePin(WordReader& words, bool is_output, int line);
+    void TakeListen(ConfigWords& words);
+    void TakeChip(ConfigWords& words);
+    void TakePin(ConfigWords& words, bool is_output, int line);
     void CheckChips();
 
     GpioConfig m_config;
@@ -196,7 +160,7 @@ GpioConfig Reader::Run() {
 }
 
 void Reader::TakeLine(const ConfigLine& line) {
-    WordReader words(line.words);
+    ConfigWords words(line.words);
     const std::string& key = line.words[0];
     if (key == "listen") {
         TakeListen(words);
@@ -215,7 +179,7 @@ void Reader::TakeLine(const ConfigLine& line) {
     }
 }
 
-void Reader::TakeListen(WordReader& words) {
+void Reader::TakeListen(ConfigWords& words) {
     const std::string& text = words.Next("IP:PORT");
     const std::optional<Endpoint> endpoint = ParseEndpoint(text);
     if (!endpoint || endpoint->port == 0) {
@@ -245,7 +209,7 @@ void Reader::TakeListen(WordReader& words) {
     m_config.listen.push_back(listen);
 }
 
-void Reader::TakeChip(WordReader& words) {
+void Reader::TakeChip(ConfigWords& words) {
     static const std::map<std::string, ChipConfig::Key> keys = {{"label", ChipConfig::Key::Label},
                                                                 {"path", ChipConfig::Key::Path},
                                                                 {"name", ChipConfig::Key::Name}};
@@ -270,7 +234,7 @@ void Reader::TakeChip(WordReader& words) {
     m_config.chips.push_back(chip);
 }
 
-void Reader::TakePin(WordReader& words, bool is_output, int line) {
+void Reader::TakePin(ConfigWords& words, bool is_output, int line) {
     PinConfig pin;
     pin.is_output = is_output;
     pin.line = line;
