@@ -30,7 +30,7 @@ LIMITS = [
      {"docs/protocol.md": "connects again {} to", "docs/man/orvex.8": "are at least {} seconds apart"}),
     ("app/mainloop.cpp", "SWEEP_PERIOD_MS", lambda ms: ms / 500,
      {"docs/protocol.md": "to {} seconds after it lost", "docs/man/orvex.8": "comes after 27 to {} seconds",
-      "tools/doctor/ServerChecks.cpp": "wait {} seconds: the daemon retries"}),
+      "tools/doctor/ServerChecks.cpp": "tries again within {} seconds"}),
     ("tqr/tqrcli.h", "LINE_SIZE", lambda size: size - 1,
      {"docs/protocol.md": "more than {} characters ends", "docs/man/orvex-protocol.7": "at most {} characters long",
       "docs/wireshark.md": "more than {} characters", "wireshark/orvex_line.lua": "MAX_LINE = {} "}),

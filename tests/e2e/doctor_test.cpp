@@ -25,6 +25,18 @@ protected:
         ASSERT_EQ(tqrd.server.Apply("CFG GPO 2 SRCA=10.77.0.2/1"), "");
     }
 
+    // A daemon of its own on the other host, with the same channel.
+    void StartOther() {
+        ASSERT_EQ(other_tqrd.server.Apply("CFG GPO 1 SRCA=1:2"), "");
+        const Host::Scope on(studio);
+        other_tqrd.server.Listen("127.0.0.1", 93);
+        other_daemon = std::make_unique<Process>(std::vector<std::string>{ORVEX_PROGRAM, "-debug"});
+        ASSERT_TRUE(Await([this] {
+            ControlServer::StepAll({&other_tqrd.server}, 5);
+            return other_tqrd.Count("ADD GPI 1") > 0;
+        }));
+    }
+
     // Starts a device on which all is well.
     void StartWell(const std::vector<std::string>& options = {"-debug"}) {
         StartRemote();
@@ -34,8 +46,10 @@ protected:
         ASSERT_TRUE(AwaitHeard(remote, "ADD GPI 1"));
     }
 
-    int Run(std::vector<std::string> arguments, const char* command = "doctor") {
+    int Run(std::vector<std::string> arguments, const char* command = "doctor",
+            const std::vector<std::string>& wrapper = {}) {
         arguments.insert(arguments.begin(), {ORVEXCTL_PROGRAM, command, "-W", "0.5"});
+        arguments.insert(arguments.begin(), wrapper.begin(), wrapper.end());
         const Host::Scope on(device);
         Process doctor(arguments);
         EXPECT_TRUE(Await([&doctor] {
@@ -52,6 +66,7 @@ protected:
         EXPECT_EQ(Run({"--json"}), 1);
         std::vector<std::string> failed;
         std::string text;
+        mend.clear();
         std::istringstream lines(out);
         for (std::string line; std::getline(lines, line);) {
             const Json finding = Json::parse(line);
@@ -59,6 +74,7 @@ protected:
                 failed.push_back(finding["check"]);
                 text += std::string(finding["finding"]) + "\n";
                 EXPECT_NE(finding["mend"], "");
+                mend = mend.empty() ? std::string(finding["mend"]) : mend;
             }
         }
         EXPECT_EQ(failed, checks) << out;
@@ -66,6 +82,9 @@ protected:
     }
 
     std::string out;
+    std::string mend;  // of the first trouble
+    Peer other_tqrd;
+    std::unique_ptr<Process> other_daemon;
 };
 
 // Beside the daemon there is a zombie process of the same name.
@@ -162,6 +181,104 @@ TEST_F(Doctor, FindsWhoHasThePort) {
     ExpectTroubles({"daemon", "port 2060"}, "not running");
     EXPECT_NE(out.find("process " + std::to_string(getpid())), std::string::npos) << out;
     close(other);
+}
+
+// The command that it names is the remedy.
+TEST_F(Doctor, MendsRoutesAndFirewalls) {
+    const struct {
+        const char* provoke;
+        std::vector<std::string> checks;
+        const char* reason;
+    } rows[] = {
+        {"ip route del 224.0.0.0/4", {"route", "read"}, "there is none to 239.192.255.4"},
+        {"nft add rule inet filter input udp dport 2060 drop",
+         {"firewall"},
+         "drops what arrives on port 2060"},
+        {"nft add rule inet filter input udp dport 2055 drop",
+         {"firewall"},
+         "drops what arrives on port 2055"},
+        {"nft add rule inet filter output udp dport 2055 drop",
+         {"firewall"},
+         "drops what this host sends to port 2055"},
+    };
+    ASSERT_EQ(device.Run("nft 'add table inet filter; "
+                         "add chain inet filter input { type filter hook input priority 0; }; "
+                         "add chain inet filter output { type filter hook output priority 0; }'"),
+              0);
+    StartWell();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.provoke);
+        ASSERT_EQ(device.Run(row.provoke), 0);
+        ExpectTroubles(row.checks, row.reason);
+        EXPECT_EQ(device.Run(mend.substr(0, mend.find(", or ")).c_str()), 0) << mend;
+        EXPECT_EQ(Run({}), 0) << out;
+    }
+}
+
+TEST_F(Doctor, FindsWrongSettings) {
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 3 SRCA=none"), "");
+    StartWell();
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=1:300"), "");
+    ExpectTroubles({"channel"},
+                   "output 4 with the source 1:300 is driven by writes on the bus to 1:44");
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2/0"), "");
+    ExpectTroubles({"channel"}, "by input 256 of 10.77.0.2:93");
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=none"), "");
+    ASSERT_EQ(tqrd.server.Apply("SET NIC_IPADDR=10.9.9.9"), "");
+    ASSERT_TRUE(AwaitOut("iface changed"));
+    ExpectTroubles({"interface"}, "TQRD names 10.9.9.9, which no interface has");
+    EXPECT_NE(out.find("is joined on eth0"), std::string::npos) << out;
+}
+
+// The system completes connections for a server that hangs.
+TEST_F(Doctor, FindsWhatHangs) {
+    StartControl();
+    {
+        const Host::Scope on(studio);
+        listen(bound_socket(SOCK_STREAM, STUDIO_ADDRESS, 93), 8);
+    }
+    StartDaemon();
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 2 HHHHH"));
+    ExpectTroubles({"remote"}, "drives output 2, hangs");
+    daemon->Signal(SIGSTOP);
+    ExpectTroubles({"daemon", "remote", "read"}, "is stopped");
+    EXPECT_EQ(mend, "kill -CONT " + std::to_string(daemon->Pid()));
+    daemon->Signal(SIGCONT);
+
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost"));
+    {
+        const Host::Scope on(device);
+        listen(bound_socket(SOCK_STREAM, "127.0.0.1", 93, SO_REUSEADDR, 1), 8);
+    }
+    ASSERT_TRUE(AwaitErr("Connection to TQRD reopened"));
+    ExpectTroubles({"TQRD"}, "hangs, so nothing is served: it accepts no connections");
+}
+
+// A port that is bound to the group takes nothing from the daemon.
+TEST_F(Doctor, KnowsWhoMayShareThePort) {
+    StartWell();
+    const Host::Scope on(device);
+    Process watch({ORVEXCTL_PROGRAM, "watch", "-C", "-v"});
+    ASSERT_TRUE(Await([&watch] {
+        watch.Pump();
+        return watch.Err().find("port 2060") != std::string::npos;
+    }));
+    EXPECT_EQ(Run({}), 0) << out;
+    // In a container it sees the port, but not who has it.
+    EXPECT_EQ(Run({}, "doctor", {"unshare", "-pf", "--mount-proc"}), 0) << out;
+    EXPECT_NE(out.find("note  daemon     not visible"), std::string::npos) << out;
+    daemon.reset();
+    ExpectTroubles({"daemon"}, "not running");
+}
+
+// The other one is on another host, also for those who may not look at it.
+TEST_F(Doctor, FindsTwoDevicesWithOneAddress) {
+    StartWell();
+    StartOther();
+    ExpectTroubles({"address"}, "10.77.0.2 answers for 1:2 too");
+    EXPECT_EQ(Run({}, "doctor", {"setpriv", "--bounding-set", "-all", "--inh-caps", "-all"}), 1);
+    EXPECT_EQ(out.find("FAIL"), std::string::npos) << out;
 }
 
 TEST_F(Doctor, FindsForgottenSubscriptions) {

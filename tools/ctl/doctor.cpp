@@ -1,18 +1,17 @@
 // doctor: what is wrong with the daemon of this device, and the remedy.
 
-#include "tools/doctor/Checks.h"
-
 #include <arpa/inet.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
+#include "tools/doctor/AskBus.h"
+#include "tools/doctor/Checks.h"
 
 namespace {
 
@@ -33,76 +32,6 @@ const SeverityName SEVERITIES[] = {{"ok", "ok", "OK"},
 
 const SeverityName& NameOf(Severity severity) {
     return SEVERITIES[static_cast<size_t>(severity)];
-}
-
-bool Differs(const std::string& state, const Question& question, uint32_t address) {
-    for (size_t pin = 0; pin < state.size(); ++pin) {
-        const uint32_t circuit = FIRST_INPUT_CIRCUIT - static_cast<uint32_t>(pin);
-        const auto answer = question.AnswerOf(address << 8 | circuit);
-        const bool is_low = state[pin] == 'L' || state[pin] == 'l';
-        if (answer && (answer->level == Level::Low) != is_low) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Channels whose input the daemon reports differently. If several share an address, a reply
-// contains only the last one, so those are omitted.
-std::vector<int> StaleInputs(const ChannelTable& table, const Question& question) {
-    std::vector<int> stale;
-    const std::vector<int> channels = table.Find(KIND_BUS);
-    for (const int number : channels) {
-        const uint32_t address = table.Channel(number).config.ach;
-        const auto has_address = [&table, address](int other) {
-            return table.Channel(other).config.ach == address;
-        };
-        if (std::count_if(channels.begin(), channels.end(), has_address) == 1 &&
-            Differs(table.Channel(number).input, question, address)) {
-            stale.push_back(number);
-        }
-    }
-    return stale;
-}
-
-std::vector<PinRef> PinsOf(const ChannelTable& table) {
-    std::vector<PinRef> pins;
-    for (const int number : table.Find(KIND_BUS)) {
-        pins.push_back({table.Channel(number).config.ach, std::nullopt});
-    }
-    return pins;
-}
-
-// Reads the pins of all channels as a peer would. A different state may have changed between the
-// two answers, so TQRD is asked again in that case.
-BusAnswer AskBus(const BusSettings& settings, const Facts& facts) {
-    BusAnswer answer;
-    const std::vector<PinRef> pins = PinsOf(facts.answer.table);
-    if (pins.empty()) {
-        answer.problem = "no channel on the bus is known";
-        return answer;
-    }
-    try {
-        BusLink link(settings);
-        link.Listen(BusLink::Hear::Reports);
-        answer.was_asked = true;
-        Question question(link, pins);
-        Traffic traffic;
-        while (!question.IsOver()) {
-            question.AskWhenDue();
-            if (link.Wait(traffic, question.NextTime()) == BusLink::Event::Heard) {
-                answer.has_answered = question.Take(traffic.message) || answer.has_answered;
-            }
-        }
-        answer.stale_inputs = StaleInputs(facts.answer.table, question);
-        if (!answer.stale_inputs.empty()) {
-            const TableAnswer again = AskTable(facts.tqrd, std::chrono::milliseconds(1000));
-            answer.stale_inputs = StaleInputs(again.table, question);
-        }
-    } catch (const BusError& error) {
-        answer.problem = error.what();
-    }
-    return answer;
 }
 
 // The address of the bus interface, for reading through it.
@@ -154,9 +83,10 @@ int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
         }
     }
     const RunningProgram* const daemon = facts.Daemon();
-    const bool is_blind = worst < Severity::Warning && daemon != nullptr && !daemon->shows_sockets;
+    const bool is_blind =
+        worst < Severity::Warning && (daemon == nullptr || !daemon->shows_sockets);
     if (text.empty()) {
-        text = is_blind ? "the daemon's connections are not visible without root" : "all is well";
+        text = is_blind ? "the daemon's connections are not visible from here" : "all is well";
     }
     const char* const status = is_blind ? "UNKNOWN" : NameOf(worst).plugin;
     std::replace(text.begin(), text.end(), '|', '/');  // it separates the performance data
@@ -176,12 +106,15 @@ int RunDoctor(const Options& options) {
     const std::chrono::milliseconds limit(static_cast<long long>(options.bus.wait * 1000));
     const ExpectedBus bus = {htonl(options.bus.group),
                              options.bus.iface.empty() ? "eth0" : options.bus.iface};
-    Facts facts = Look(options.tqrd, limit);
+    Facts facts = Look(options.tqrd, bus, limit);
     const TimePoint looked = Now();
     facts.bus = AskBus(SettingsFor(options, facts, bus), facts);
     std::this_thread::sleep_until(looked + BETWEEN_LOOKS);
     facts.later_tcp = ReadSockets("tcp");
     facts.later_udp = ReadSockets("udp");
+    if (!facts.bus.has_answered) {
+        TryPorts(bus, facts);
+    }
     const Findings findings = Examine(facts, bus, limit);
     if (options.plugin) {
         return PrintPlugin(facts, findings, output);

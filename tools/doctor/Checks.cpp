@@ -3,16 +3,22 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "protocol/numbers.h"
+#include "tools/base/LineBuffer.h"
 #include "tools/doctor/Carried.h"
+#include "tools/tqrd/SourceNotes.h"
 
 namespace {
 
-const char* const RESTART = "systemctl restart orvex";
+// Their units have the same names.
+const char* const BESIDE[] = {"orvex-board", "orvex-mqtt", "orvex-gpio"};
 
-std::string ProcessText(const RunningProgram& program) {
-    return program.name + ", process " + std::to_string(program.pid);
+// The source without its quotes.
+std::string PlainSource(std::string source) {
+    source.erase(std::remove(source.begin(), source.end(), '"'), source.end());
+    return source;
 }
 
 std::string OwnerText(const Facts& facts, const SocketRow& row) {
@@ -35,13 +41,30 @@ bool IsDaemon(const RunningProgram* program, const Facts& facts) {
     return std::find(daemons.begin(), daemons.end(), program) != daemons.end();
 }
 
+// Why none of the programs seen is the daemon.
+void ExamineMissing(const Facts& facts, Findings& findings) {
+    if (facts.MayHideDaemon()) {
+        findings.push_back({Severity::Note, "daemon",
+                            "not visible, but a program that can't be seen from here has its port",
+                            "sudo orvexctl doctor, outside of containers"});
+        return;
+    }
+    std::string text = "not running";
+    std::string mend = "systemctl start orvex; journalctl -u orvex -n 20";
+    if (!facts.daemons_elsewhere.empty()) {
+        const RunningProgram& other = facts.daemons_elsewhere.front();
+        text += " in this network namespace; " + ProcessText(other) + ", is in another one";
+        mend = "nsenter -t " + std::to_string(other.pid) + " -n orvexctl doctor";
+    } else if (!facts.pid_file.empty()) {
+        text += "; it was process " + facts.pid_file + " once";
+    }
+    findings.push_back({Severity::Critical, "daemon", text, mend});
+}
+
 void ExamineDaemon(const Facts& facts, Findings& findings) {
     const auto daemons = facts.Daemons();
     if (daemons.empty()) {
-        const std::string before =
-            facts.pid_file.empty() ? "" : "; it was process " + facts.pid_file + " once";
-        findings.push_back({Severity::Critical, "daemon", "not running" + before,
-                            "systemctl start orvex; journalctl -u orvex -n 20"});
+        ExamineMissing(facts, findings);
     } else if (daemons.size() > 1) {
         std::string text = "more than one is running, so everything happens twice:";
         for (const RunningProgram* daemon : daemons) {
@@ -49,114 +72,105 @@ void ExamineDaemon(const Facts& facts, Findings& findings) {
         }
         findings.push_back(
             {Severity::Critical, "daemon", text, "end the one started by hand: kill PROCESS"});
+    } else if (daemons[0]->is_stopped) {
+        findings.push_back({Severity::Critical, "daemon",
+                            ProcessText(*daemons[0]) + ", is stopped by a signal or a debugger",
+                            "kill -CONT " + std::to_string(daemons[0]->pid)});
     } else {
         findings.push_back({Severity::Well, "daemon", "running, " + ProcessText(*daemons[0]), ""});
-        if (!daemons[0]->shows_sockets) {
-            findings.push_back({Severity::Note, "daemon",
-                                "its connections and its environment are not visible without root",
-                                "sudo orvexctl doctor"});
-        }
     }
+    if (daemons.size() == 1 && !daemons[0]->shows_sockets) {
+        findings.push_back({Severity::Note, "daemon",
+                            "its connections and its environment are not visible without root",
+                            "sudo orvexctl doctor"});
+    }
+}
+
+// The sockets on the daemon's port that others have. One that is bound to the group hears only what
+// is sent to the group, which all of them get.
+std::string OthersOnPort(const Facts& facts) {
+    const RunningProgram* const daemon = facts.Daemon();
+    const bool is_hidden = daemon == nullptr ? facts.MayHideDaemon() : !daemon->shows_sockets;
+    bool has_hidden = false;
+    std::string others;
+    for (const SocketRow* row : OnBusPort(facts.udp)) {
+        const RunningProgram* const owner = facts.OwnerOf(*row);
+        if (IsDaemon(owner, facts) || (IN_MULTICAST(ntohl(row->local_ip)) && !facts.bind_error)) {
+            continue;
+        }
+        if (is_hidden && !has_hidden && owner == nullptr && row->local_ip == INADDR_ANY) {
+            has_hidden = true;  // must be the daemon's
+            continue;
+        }
+        others += (others.empty() ? "" : "; ") + OwnerText(facts, *row);
+    }
+    return others;
 }
 
 void ExaminePort(const Facts& facts, Findings& findings) {
-    std::string others;
-    bool has_daemon = false;
-    for (const SocketRow* row : OnBusPort(facts.udp)) {
-        const RunningProgram* const owner = facts.OwnerOf(*row);
-        if (IsDaemon(owner, facts) || (owner == nullptr && facts.Daemon() != nullptr &&
-                                       !facts.Daemon()->shows_sockets && !has_daemon)) {
-            has_daemon = true;
-        } else {
-            others += (others.empty() ? "" : "; ") + OwnerText(facts, *row);
-        }
-    }
+    const RunningProgram* const daemon = facts.Daemon();
+    const std::string others = OthersOnPort(facts);
+    const auto rows = OnBusPort(facts.udp);
+    const bool is_open = std::any_of(
+        rows.begin(), rows.end(), [](const SocketRow* row) { return row->local_ip == INADDR_ANY; });
     if (!others.empty()) {
-        findings.push_back({facts.Daemon() == nullptr ? Severity::Critical : Severity::Warning,
-                            "port 2060",
-                            "taken by another program (" + others + ")" +
-                                (facts.Daemon() == nullptr
-                                     ? ": the daemon can't start"
-                                     : ": what is sent to this host alone reaches one of the two"),
-                            "end that program: ss -lunp sport = :2060"});
-    } else if (has_daemon) {
-        const bool is_seen = facts.Daemon()->shows_sockets;
+        const bool can_start = facts.bind_error == 0 || facts.MayHideDaemon();
         findings.push_back(
-            {is_seen ? Severity::Well : Severity::Note, "port 2060",
-             is_seen ? "the daemon's alone" : "taken once; by whom is not visible without root",
-             ""});
-    } else if (facts.Daemon() != nullptr) {
+            {can_start ? Severity::Warning : Severity::Critical, "port 2060",
+             "taken by another program (" + others + ")" +
+                 (can_start ? ": what is sent to this host alone reaches one of the two"
+                            : ": the daemon can't start"),
+             "end that program: ss -lunp sport = :2060"});
+    } else if (daemon != nullptr && !is_open) {
         findings.push_back(
             {Severity::Critical, "port 2060", "the daemon does not listen there", RESTART});
+    } else if (daemon != nullptr) {
+        findings.push_back({daemon->shows_sockets ? Severity::Well : Severity::Note, "port 2060",
+                            daemon->shows_sockets
+                                ? "the daemon's alone"
+                                : "taken once; by whom is not visible without root",
+                            ""});
     }
 }
 
-// Why the interface can't be used; empty if it can.
-std::string InterfaceProblem(const Facts& facts, const std::string& device) {
-    const std::optional<uint32_t> address = facts.AddressOf(device);
-    if (!address) {
-        return device + " is not there";
-    }
-    return *address == 0 ? device + " has no address" : "";
-}
-
-// The interface of the bus: the one whose address TQRD sends, or eth0. Empty if there is none.
-std::string BusDevice(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
-    const std::optional<uint32_t> named = facts.answer.table.InterfaceAddress();
-    const std::string problem = InterfaceProblem(facts, bus.device);
-    const auto mend = [&bus](const std::string& address) {
-        return "ip addr add " + address + "/24 dev " + bus.device + "; " + RESTART;
-    };
-    if (named.value_or(0) != 0) {
-        std::string device = facts.DeviceOf(*named);
-        if (device.empty()) {
-            findings.push_back({Severity::Critical, "interface",
-                                "TQRD names " + IpText(*named) + ", which no interface has" +
-                                    (problem.empty() ? "" : ": " + problem),
-                                problem.empty() ? "correct NIC_IPADDR in TQRD, or: ip addr show"
-                                                : mend(IpText(*named))});
+// The other programs of this host that share the bus.
+void ExaminePrograms(const Facts& facts, Findings& findings) {
+    for (const RunningProgram& program : facts.programs) {
+        if (std::find(std::begin(BESIDE), std::end(BESIDE), program.name) == std::end(BESIDE)) {
+            continue;
+        }
+        if (program.is_stopped) {
+            findings.push_back({Severity::Warning, "program",
+                                ProcessText(program) + ", is stopped by a signal or a debugger",
+                                "kill -CONT " + std::to_string(program.pid)});
         } else {
-            findings.push_back({Severity::Well, "interface",
-                                device + ", " + IpText(*named) + " as TQRD says", ""});
+            findings.push_back({Severity::Well, "program", "running, " + ProcessText(program), ""});
         }
-        return device;
     }
-    if (!problem.empty()) {
-        findings.push_back({Severity::Critical, "interface",
-                            problem + ": the daemon can't join the group on it", mend("ADDRESS")});
-        return {};
-    }
-    findings.push_back({Severity::Well, "interface",
-                        bus.device + ", " + IpText(*facts.AddressOf(bus.device)), ""});
-    return bus.device;
 }
 
-void ExamineGroup(const Facts& facts, const ExpectedBus& bus, const std::string& device,
-                  Findings& findings) {
-    const std::string group = IpText(bus.group);
-    const std::string option = facts.Daemon()->Option("-gpioip");
-    if (!option.empty() && option != group) {
-        findings.push_back({Severity::Critical, "group",
-                            "the daemon serves " + option + ", not " + group,
-                            "correct -gpioip in /etc/default/orvex; " + std::string(RESTART) +
-                                " (or give the intended group: -g " + option + ")"});
-        return;
-    }
-    std::string elsewhere;
-    for (const Membership& membership : facts.memberships) {
-        if (membership.group == bus.group && membership.device == device) {
-            findings.push_back({Severity::Well, "group", group + " is joined on " + device, ""});
-            return;
+// Sources that do not mean what they seem to mean.
+void ExamineChannels(const Facts& facts, Findings& findings) {
+    for (int number = 1; number <= CHANNEL_COUNT; ++number) {
+        const ChannelInfo& channel = facts.answer.table.Channel(number);
+        const std::string plain = PlainSource(channel.source);
+        if (!channel.is_configured || plain.empty() || plain == "none") {
+            continue;
         }
-        if (membership.group == bus.group) {
-            elsewhere += " " + membership.device;
+        const auto reading = ReadSource(channel.line);
+        std::string text;
+        for (const std::string& note : reading ? reading->notes : std::vector<std::string>()) {
+            text += " " + note;
+        }
+        if (!text.empty()) {
+            const std::string channel_text = std::to_string(number);
+            findings.push_back(
+                {Severity::Warning, "channel",
+                 Printable("output " + channel_text + " with the source " + channel.source +
+                           " is driven by " + DescribeSource(channel.config) + "." + text),
+                 "correct SRCA of channel " + channel_text + " in TQRD"});
         }
     }
-    findings.push_back({Severity::Critical, "group",
-                        group + " is not joined on " + (device.empty() ? bus.device : device) +
-                            (elsewhere.empty() ? "" : ", but on" + elsewhere) +
-                            ": nothing that is sent to it arrives",
-                        std::string(RESTART) + "; orvex(8), DIAGNOSTICS, \"join\""});
 }
 
 // Bytes that waited at both checks in the daemon's connections.
@@ -206,21 +220,6 @@ void ExamineQueues(const Facts& facts, Findings& findings) {
                             "increase net.core.rmem_default; orvex(8), OPERATION"});
     } else {
         findings.push_back({Severity::Well, "queue", "nothing waits, nothing was lost", ""});
-    }
-}
-
-void ExamineAnswer(const Facts& facts, Findings& findings) {
-    if (!facts.bus.was_asked) {
-        findings.push_back({Severity::Note, "read", "not asked: " + facts.bus.problem, ""});
-    } else if (facts.bus.has_answered) {
-        findings.push_back({Severity::Well, "read", "the daemon answers on the bus", ""});
-    } else {
-        findings.push_back(
-            {Severity::Critical, "read",
-             "the daemon does not answer on the bus" +
-                 (facts.bus.problem.empty() ? "" : ": " + facts.bus.problem),
-             "solve the problems above first; then orvex(8), \"Reports or replies do not "
-             "arrive at peers\""});
     }
 }
 
@@ -296,15 +295,16 @@ Findings Examine(const Facts& facts, const ExpectedBus& bus, std::chrono::millis
     Findings findings;
     ExamineDaemon(facts, findings);
     ExaminePort(facts, findings);
-    const std::string device = BusDevice(facts, bus, findings);
-    if (facts.Daemon() != nullptr) {
-        ExamineGroup(facts, bus, device, findings);
-    }
+    ExamineInterface(facts, bus, findings);
     ExamineServers(facts, limit, findings);
+    ExamineChannels(facts, findings);
     if (facts.Daemon() != nullptr) {
         ExamineQueues(facts, findings);
-        ExamineAnswer(facts, findings);
+    }
+    ExamineAnswer(facts, bus, findings);
+    if (facts.Daemon() != nullptr) {
         ExamineInputs(facts, findings);
     }
+    ExaminePrograms(facts, findings);
     return findings;
 }

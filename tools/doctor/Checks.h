@@ -27,5 +27,14 @@ using Findings = std::vector<Finding>;
 // each within the limit, to find the reason.
 Findings Examine(const Facts& facts, const ExpectedBus& bus, std::chrono::milliseconds limit);
 
+// How the daemon is restarted.
+inline constexpr const char* RESTART = "systemctl restart orvex";
+
+// The part about the interface of the bus, the route and the group.
+void ExamineInterface(const Facts& facts, const ExpectedBus& bus, Findings& findings);
+
+// The part about the answers on the bus, and what a firewall does to them.
+void ExamineAnswer(const Facts& facts, const ExpectedBus& bus, Findings& findings);
+
 // The part about connections to TQRD and to remote servers.
 void ExamineServers(const Facts& facts, std::chrono::milliseconds limit, Findings& findings);

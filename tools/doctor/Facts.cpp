@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <fstream>
 
+#include "protocol/numbers.h"
 #include "tqr/tqr_util.h"
 
 namespace {
@@ -52,6 +54,13 @@ const RunningProgram* Facts::Daemon() const {
     return daemons.empty() ? nullptr : daemons.front();
 }
 
+bool Facts::MayHideDaemon() const {
+    return Daemon() == nullptr && std::any_of(udp.begin(), udp.end(), [this](const SocketRow& row) {
+               return row.local_port == BUS_PORT && row.local_ip == INADDR_ANY &&
+                      OwnerOf(row) == nullptr;
+           });
+}
+
 const RunningProgram* Facts::OwnerOf(const SocketRow& socket) const {
     for (const RunningProgram& program : programs) {
         if (program.sockets.count(socket.inode) != 0) {
@@ -89,16 +98,37 @@ std::optional<uint32_t> Facts::AddressOf(const std::string& device) const {
     return std::nullopt;
 }
 
-Facts Look(const CSvcAddress& tqrd, std::chrono::milliseconds limit) {
+std::string BusDevice(const Facts& facts, const ExpectedBus& bus) {
+    const std::string named = facts.DeviceOf(facts.answer.table.InterfaceAddress().value_or(0));
+    return named.empty() ? bus.device : named;
+}
+
+void TryPorts(const ExpectedBus& bus, Facts& facts) {
+    const uint32_t address = facts.AddressOf(BusDevice(facts, bus)).value_or(0);
+    if (address != 0) {
+        facts.requests = TryPort(bus.group, address, BUS_PORT);
+        facts.reports = TryPort(bus.group, address, REPORT_PORT);
+    }
+}
+
+Facts Look(const CSvcAddress& tqrd, const ExpectedBus& bus, std::chrono::milliseconds limit) {
     Facts facts;
-    facts.programs = ReadPrograms();
+    for (RunningProgram& program : ReadPrograms()) {
+        if (!program.is_elsewhere) {
+            facts.programs.push_back(std::move(program));
+        } else if (program.name == DAEMON_NAME) {
+            facts.daemons_elsewhere.push_back(std::move(program));
+        }
+    }
     facts.tcp = ReadSockets("tcp");
     facts.udp = ReadSockets("udp");
     facts.memberships = ReadMemberships();
     facts.interfaces = ReadInterfaces();
     facts.syn_retries = ReadValue<int>("/proc/sys/net/ipv4/tcp_syn_retries");
     facts.pid_file = ReadValue<std::string>("/run/orvex.pid");
+    facts.route = FindRoute(bus.group);
     const RunningProgram* const daemon = facts.Daemon();
+    facts.bind_error = daemon == nullptr ? TryToBind(BUS_PORT) : 0;
     const std::string server = daemon == nullptr ? std::string() : daemon->Option("-r");
     facts.tqrd = server.empty() ? tqrd : ReadServer(server, tqrd);
     facts.answer = AskTable(facts.tqrd, limit);

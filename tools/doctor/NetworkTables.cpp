@@ -2,12 +2,15 @@
 
 #include <ifaddrs.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
 
+#include "tools/base/Descriptor.h"
 #include "tqr/trace.h"
 
 namespace {
@@ -91,6 +94,34 @@ std::vector<InterfaceAddress> ReadInterfaces() {
         }
     }
     return interfaces;
+}
+
+Route FindRoute(uint32_t group) {
+    const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = Endpoint(group, 1);
+    auto* const raw = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (connect(sock.Get(), raw, size) != 0 || getsockname(sock.Get(), raw, &size) != 0) {
+        return {errno, 0};
+    }
+    return {0, address.sin_addr.s_addr};
+}
+
+int TryToBind(uint16_t port) {
+    const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = Endpoint(INADDR_ANY, port);
+    const int on = 1;
+    setsockopt(sock.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const auto* const raw = reinterpret_cast<const sockaddr*>(&address);
+    return bind(sock.Get(), raw, sizeof address) == 0 ? 0 : errno;
+}
+
+sockaddr_in Endpoint(uint32_t ip, uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = ip;
+    return address;
 }
 
 std::string IpText(uint32_t ip) {

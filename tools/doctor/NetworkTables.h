@@ -1,6 +1,8 @@
 // The system's tables of sockets, group memberships and addresses, in this network namespace.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -35,6 +37,18 @@ std::vector<Membership> ReadMemberships();
 // Every interface, once for each address.
 std::vector<InterfaceAddress> ReadInterfaces();
 
+// Where the system sends datagrams to the group.
+struct Route {
+    int error = 0;    // why it can't
+    uint32_t ip = 0;  // the address of this host that they come from, network byte order
+};
+Route FindRoute(uint32_t group);
+
+// Whether a program can bind the UDP port on all addresses as the daemon does, which shares it only
+// with programs that do the same. 0, or why not.
+int TryToBind(uint16_t port);
+
 // "10.0.0.9:94", ip in network byte order.
 std::string EndpointText(uint32_t ip, uint16_t port);
 std::string IpText(uint32_t ip);
+sockaddr_in Endpoint(uint32_t ip, uint16_t port);

@@ -1,5 +1,7 @@
 #include "tools/doctor/Processes.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -17,19 +19,11 @@ std::string ReadFile(const fs::path& path) {
     return text.str();
 }
 
-std::string ReadLink(const fs::path& path) {
-    std::error_code error;
-    return fs::read_symlink(path, error).string();
-}
-
-// A program of another user hides its network namespace, and may be in ours. One that has ended but
-// is still in the table has none.
-bool IsInNetwork(const fs::path& folder, const std::string& network) {
-    std::error_code error;
-    const fs::path own = fs::read_symlink(folder / "ns/net", error);
-    return error ? error != std::errc::no_such_file_or_directory &&
-                       error != std::errc::no_such_process
-                 : own == network;
+// A number for the network namespace of a program; 0 for one that has ended but is still in the
+// table. The link ns/net names the namespace too, but to its owner and root alone.
+ino_t NetworkOf(const fs::path& folder) {
+    struct stat table = {};
+    return stat((folder / "net/udp").c_str(), &table) == 0 ? table.st_ino : 0;
 }
 
 // Texts that each end with a NUL.
@@ -48,23 +42,30 @@ void ReadSocketsOf(const fs::path& folder, RunningProgram& program) {
     fs::directory_iterator entry(folder / "fd", error);
     program.shows_sockets = !error;
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::string target = ReadLink(entry->path());
+        std::error_code link_error;
+        const std::string target = fs::read_symlink(entry->path(), link_error).string();
+        // Root without capabilities, as in a container, sees the list but not what is in it.
+        if (link_error == std::errc::permission_denied) {
+            program.shows_sockets = false;
+        }
         if (target.compare(0, prefix.size(), prefix) == 0) {
             program.sockets.insert(strtoul(target.c_str() + prefix.size(), nullptr, 10));
         }
     }
 }
 
-// The 22nd field of the line; the second, the name, is in brackets and may contain anything.
-unsigned long long StartTime(const std::string& stat) {
+// The third and the 22nd field of the line; the second, the name, is in brackets and may contain
+// anything.
+void ReadStat(const std::string& stat, RunningProgram& program) {
     std::istringstream fields(stat.substr(std::min(stat.rfind(')'), stat.size() - 1) + 1));
     std::string skipped;
-    for (int field = 3; field < 22; ++field) {
+    char state = 0;
+    fields >> state;
+    for (int field = 4; field < 22; ++field) {
         fields >> skipped;
     }
-    unsigned long long ticks = 0;
-    fields >> ticks;
-    return ticks;
+    fields >> program.started;
+    program.is_stopped = state == 'T' || state == 't';
 }
 
 }  // namespace
@@ -90,20 +91,24 @@ std::string RunningProgram::Variable(const std::string& variable) const {
 
 std::vector<RunningProgram> ReadPrograms() {
     std::vector<RunningProgram> programs;
-    const std::string network = ReadLink("/proc/self/ns/net");
+    const ino_t own_network = NetworkOf("/proc/self");
     std::error_code error;
     fs::directory_iterator entry("/proc", error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const fs::path folder = entry->path();
         const std::string number = folder.filename().string();
-        if (number.find_first_not_of("0123456789") != std::string::npos ||
-            !IsInNetwork(folder, network)) {
+        if (number.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        const ino_t network = NetworkOf(folder);
+        if (network == 0) {
             continue;
         }
         RunningProgram program;
         program.pid = static_cast<pid_t>(strtol(number.c_str(), nullptr, 10));
+        program.is_elsewhere = network != own_network;
         program.name = ReadFile(folder / "comm");
-        program.started = StartTime(ReadFile(folder / "stat") + "\n");
+        ReadStat(ReadFile(folder / "stat") + "\n", program);
         program.name.erase(std::remove(program.name.begin(), program.name.end(), '\n'),
                            program.name.end());
         program.arguments = Split(ReadFile(folder / "cmdline"));
@@ -112,4 +117,8 @@ std::vector<RunningProgram> ReadPrograms() {
         programs.push_back(std::move(program));
     }
     return programs;
+}
+
+std::string ProcessText(const RunningProgram& program) {
+    return program.name + ", process " + std::to_string(program.pid);
 }

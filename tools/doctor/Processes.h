@@ -9,6 +9,8 @@
 
 struct RunningProgram {
     pid_t pid = 0;
+    bool is_elsewhere = false;       // in another network namespace
+    bool is_stopped = false;         // by SIGSTOP or a debugger
     unsigned long long started = 0;  // ticks since the system started
     std::string name;
     std::vector<std::string> arguments;    // the program's own name first
@@ -23,5 +25,8 @@ struct RunningProgram {
     std::string Variable(const std::string& variable) const;
 };
 
-// Those in this network namespace, and those whose namespace is unknown.
+// Those that this user can see, without those that have ended.
 std::vector<RunningProgram> ReadPrograms();
+
+// "orvex, process 12"
+std::string ProcessText(const RunningProgram& program);

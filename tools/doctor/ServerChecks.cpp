@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <map>
+#include <set>
 
 #include "tools/base/Time.h"
 #include "tools/doctor/Checks.h"
@@ -50,7 +53,9 @@ struct Remote {
     uint32_t ip = 0;
     uint16_t port = 0;
     std::string channels;
-    TqrdClient client;  // that tries the server
+    std::set<int> unanswered;  // the inputs that they follow, until the server tells their state
+    size_t input_count = 0;
+    TqrdClient client;  // that asks the server
 };
 
 // Each server once.
@@ -64,16 +69,30 @@ Remotes RemotesOf(const ChannelTable& table) {
         remote.ip = config.ip;
         remote.port = config.port;
         remote.channels += (remote.channels.empty() ? "" : ", ") + std::to_string(number);
+        remote.unanswered.insert(RemoteInput(config));
+        remote.input_count = remote.unanswered.size();
     }
     return remotes;
 }
 
-// Tries all servers that the daemon has no connection to at once: many may be down.
-void Try(const Facts& facts, milliseconds limit, Remotes& remotes) {
+void TakeLines(Remote& remote) {
+    for (std::string line; remote.client.Next(line);) {
+        int input = 0;
+        if (sscanf(line.c_str(), "GPI %d ", &input) == 1) {
+            remote.unanswered.erase(input);
+        }
+    }
+}
+
+// Asks all servers at once, as many may be down, for the inputs that channels follow, on
+// connections of our own: these tell of every input that one subscribes to.
+void Ask(const Facts& facts, milliseconds limit, Remotes& remotes) {
     for (auto& [place, remote] : remotes) {
-        const SocketRow* const socket = facts.DaemonSocket(remote.ip, remote.port);
-        if (!IsConnected(socket) && !IsHanging(socket)) {
+        if (!IsHanging(facts.DaemonSocket(remote.ip, remote.port))) {
             remote.client.Connect(CSvcAddress(ntohl(remote.ip), remote.port), limit);
+            for (const int input : remote.unanswered) {
+                remote.client.Send("ADD GPI " + std::to_string(input));
+            }
         }
     }
     const TimePoint end = Now() + limit;
@@ -81,15 +100,24 @@ void Try(const Facts& facts, milliseconds limit, Remotes& remotes) {
         std::vector<pollfd> waiting;
         for (auto& [place, remote] : remotes) {
             remote.client.Serve();
-            if (remote.client.IsOpen() && !remote.client.IsConnected()) {
+            TakeLines(remote);
+            if (remote.client.IsOpen() && !remote.unanswered.empty()) {
                 waiting.push_back({remote.client.GetDescriptor(), remote.client.Events(), 0});
             }
         }
-        if (waiting.empty()) {
+        if (waiting.empty() || Now() >= end) {
             return;
         }
         poll(waiting.data(), waiting.size(), MillisecondsUntil(end));
     }
+}
+
+std::string Join(const std::set<int>& numbers) {
+    std::string text;
+    for (const int number : numbers) {
+        text += (text.empty() ? "" : ", ") + std::to_string(number);
+    }
+    return text;
 }
 
 std::string Place(const CSvcAddress& address) {
@@ -102,6 +130,29 @@ Finding Hanging(const char* subject, const std::string& place) {
                 " does not answer, and the daemon hangs in connecting to it (SYN-SENT): nothing is "
                 "served until that ends",
             std::string("is its host on, does a firewall drop packets? ") + LIMIT};
+}
+
+// TQRD on this host that has stopped working: why that is certain, and the remedy. None for one
+// that may work, or is on another host.
+std::optional<Finding> HangingControl(const Facts& facts) {
+    const std::string text = Place(facts.tqrd) + " hangs, so nothing is served: ";
+    for (const SocketRow& row : facts.later_tcp) {
+        if (row.state != TCP_LISTEN || row.local_port != facts.tqrd.GetPort()) {
+            continue;
+        }
+        const RunningProgram* const owner = facts.OwnerOf(row);
+        if (owner != nullptr && owner->is_stopped) {
+            return Finding{Severity::Critical, "TQRD",
+                           text + ProcessText(*owner) + ", is stopped by a signal or a debugger",
+                           "kill -CONT " + std::to_string(owner->pid)};
+        }
+        if (row.unread > 0) {  // for this state: connections that it has not accepted
+            return Finding{
+                Severity::Critical, "TQRD", text + "it accepts no connections",
+                "restart TQRD" + (owner == nullptr ? "" : " (" + ProcessText(*owner) + ")")};
+        }
+    }
+    return std::nullopt;
 }
 
 void ExamineControl(const Facts& facts, Findings& findings) {
@@ -120,32 +171,68 @@ void ExamineControl(const Facts& facts, Findings& findings) {
                             place + " can't be reached, so nothing is served: " +
                                 Cause({answer.error, answer.problem}),
                             mend});
+    } else if (const auto hanging = HangingControl(facts); hanging && !answer.has_answered) {
+        findings.push_back(*hanging);
     } else if (is_seen && !IsConnected(socket)) {
         findings.push_back({Severity::Critical, "TQRD",
                             "the daemon has no connection to " + place + ", but it can be reached",
                             "wait 4 seconds and check again; orvex(8), TROUBLESHOOTING"});
     } else if (!answer.has_answered) {
         findings.push_back({Severity::Warning, "TQRD",
-                            place + " accepts connections but sends no channels", mend});
+                            place + " accepts connections but sends no channels: it hangs, or "
+                                    "has none",
+                            mend});
     } else {
         findings.push_back(
             {Severity::Well, "TQRD", (is_seen ? "connected to " : "there, at ") + place, ""});
     }
 }
 
+bool HasNotAnswered(const Remote& remote) {
+    return remote.unanswered.size() == remote.input_count;
+}
+
+// The answer of a server that the daemon is connected to.
+Finding AnswerOf(const Remote& remote, const std::string& place) {
+    const std::string drives = place + ", which drives output " + remote.channels + ", ";
+    if (remote.unanswered.empty()) {
+        return {Severity::Well, "remote", "connected to " + place, ""};
+    }
+    if (!HasNotAnswered(remote)) {
+        return {Severity::Warning, "remote",
+                drives + "does not tell the state of input " + Join(remote.unanswered),
+                "correct SRCA in TQRD, if that server has no such input"};
+    }
+    if (remote.client.IsOpen()) {
+        return {Severity::Critical, "remote",
+                drives + "hangs: it is connected, but does not answer", "restart that server"};
+    }
+    if (remote.client.Error() == ETIMEDOUT || remote.client.Error() == EHOSTUNREACH) {
+        return {Severity::Critical, "remote",
+                drives + "has vanished: its connection stands, but its host does not answer",
+                "is its host on? ORVEX_PEER_TIMEOUT=30 in /etc/default/orvex"};
+    }
+    return {Severity::Note, "remote",
+            "connected to " + place +
+                ", which takes no second connection to ask it: " + remote.client.Problem(),
+            ""};
+}
+
 void ExamineRemote(const Facts& facts, const Remote& remote, Findings& findings) {
     const SocketRow* const socket = facts.DaemonSocket(remote.ip, remote.port);
     const std::string place = EndpointText(remote.ip, remote.port);
     if (IsConnected(socket)) {
-        findings.push_back({Severity::Well, "remote", "connected to " + place, ""});
+        findings.push_back(AnswerOf(remote, place));
     } else if (IsHanging(socket)) {
         findings.push_back(Hanging("remote", place));
     } else {
         const Probe probe = {remote.client.Error(), remote.client.Problem()};
+        const bool is_silent = remote.client.IsOpen() && HasNotAnswered(remote);
         findings.push_back({Severity::Critical, "remote",
                             "no connection to " + place + ", which drives output " +
-                                remote.channels + ": " + Cause(probe),
-                            probe.error == 0 ? "wait 54 seconds: the daemon retries"
+                                remote.channels + ": " +
+                                (is_silent ? "it accepts one, but does not answer" : Cause(probe)),
+                            probe.error == 0 ? "the daemon tries again within 54 seconds"
                                              : "orvex(8), \"A remote input is not followed\""});
     }
 }
@@ -179,7 +266,7 @@ void ExamineServers(const Facts& facts, milliseconds limit, Findings& findings) 
     }
     Remotes remotes = RemotesOf(facts.answer.table);
     if (daemon->shows_sockets) {
-        Try(facts, limit, remotes);
+        Ask(facts, limit, remotes);
         for (const auto& [place, remote] : remotes) {
             ExamineRemote(facts, remote, findings);
         }
