@@ -219,6 +219,7 @@ TEST_F(Doctor, FindsWrongSettings) {
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 3 SRCA=none"), "");
     StartWell();
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=1:300"), "");
+    ASSERT_EQ(tqrd.server.Apply("CFG GPO 5 SRC=1:3"), "");
     ExpectTroubles({"channel"},
                    "output 4 with the source 1:300 is driven by writes on the bus to 1:44");
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2/0"), "");
@@ -228,6 +229,7 @@ TEST_F(Doctor, FindsWrongSettings) {
     ASSERT_TRUE(AwaitOut("iface changed"));
     ExpectTroubles({"interface"}, "TQRD names 10.9.9.9, which no interface has");
     EXPECT_NE(out.find("is joined on eth0"), std::string::npos) << out;
+    EXPECT_NE(out.find("ignores the line CFG GPO 5 SRC=1:3"), std::string::npos) << out;
 }
 
 // The system completes connections for a server that hangs.

@@ -149,26 +149,34 @@ void ExaminePrograms(const Facts& facts, Findings& findings) {
     }
 }
 
-// Sources that do not mean what they seem to mean.
+// A source that does not mean what it seems to mean.
+void ExamineSource(const ChannelInfo& channel, const std::string& number, Findings& findings) {
+    const std::string plain = PlainSource(channel.source);
+    const auto reading = ReadSource(channel.line);
+    if (!reading || plain.empty() || plain == "none") {
+        return;
+    }
+    std::string text = "output " + number + " with the source " + channel.source +
+                       " is driven by " + DescribeSource(channel.config) + ".";
+    for (const std::string& note : reading->notes) {
+        text += " " + note;
+    }
+    if (!reading->notes.empty()) {
+        findings.push_back({Severity::Warning, "channel", Printable(text),
+                            "correct SRCA of channel " + number + " in TQRD"});
+    }
+}
+
 void ExamineChannels(const Facts& facts, Findings& findings) {
     for (int number = 1; number <= CHANNEL_COUNT; ++number) {
         const ChannelInfo& channel = facts.answer.table.Channel(number);
-        const std::string plain = PlainSource(channel.source);
-        if (!channel.is_configured || plain.empty() || plain == "none") {
-            continue;
-        }
-        const auto reading = ReadSource(channel.line);
-        std::string text;
-        for (const std::string& note : reading ? reading->notes : std::vector<std::string>()) {
-            text += " " + note;
-        }
-        if (!text.empty()) {
-            const std::string channel_text = std::to_string(number);
-            findings.push_back(
-                {Severity::Warning, "channel",
-                 Printable("output " + channel_text + " with the source " + channel.source +
-                           " is driven by " + DescribeSource(channel.config) + "." + text),
-                 "correct SRCA of channel " + channel_text + " in TQRD"});
+        if (channel.is_configured) {
+            ExamineSource(channel, std::to_string(number), findings);
+        } else if (!channel.line.empty()) {
+            findings.push_back({Severity::Note, "channel",
+                                Printable("the daemon ignores the line " + channel.line +
+                                          ", which has no field SRCA"),
+                                ""});
         }
     }
 }
