@@ -15,7 +15,10 @@
 
 namespace {
 
-const double LOOK_EVERY = 1;    // seconds between two checks of the interface
+// Seconds between two checks of the interface, and after the system has told of a change: a host
+// with many interfaces may tell of many.
+const double LOOK_EVERY = 1;
+const double LOOK_SOON = 0.05;
 const int MOST_AT_A_TIME = 64;  // datagrams that one call reads
 const int ROOM = 4 << 20;       // bytes: some seconds of a busy bus
 
@@ -94,8 +97,11 @@ void BusLink::Listen(Hear what) {
         OpenServer(m_requests, m_settings.send_port, HostText(m_settings.group).c_str());
     }
     // If the routes lead to the loopback interface, the system reports no changes of it.
-    m_look = m_interface.index != 0 ? After(LOOK_EVERY) : TimePoint::max();
     m_up = m_interface.IsUsable();
+    if (m_interface.index != 0) {
+        m_news.Open();
+        LookLater();
+    }
 }
 
 void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host) {
@@ -136,12 +142,15 @@ std::vector<int> BusLink::Descriptors() const {
             descriptors.push_back(server->GetSocket());
         }
     }
+    if (m_news.IsOpen()) {
+        descriptors.push_back(m_news.Get());
+    }
     return descriptors;
 }
 
 uint64_t BusLink::Lost() const {
     uint64_t lost = 0;
-    for (const int descriptor : Descriptors()) {
+    for (const int descriptor : {m_reports.GetSocket(), m_requests.GetSocket()}) {
         uint32_t figures[SK_MEMINFO_VARS] = {};
         socklen_t size = sizeof figures;
         if (getsockopt(descriptor, SOL_SOCKET, SO_MEMINFO, figures, &size) == 0) {
@@ -191,19 +200,41 @@ bool BusLink::TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffi
 }
 
 std::optional<BusLink::Change> BusLink::Tend() {
+    if (m_news.IsOpen() && m_news.Take()) {
+        m_look = std::min(m_look, After(LOOK_SOON));
+    }
     if (Now() < m_look) {
         return std::nullopt;
     }
     m_look = After(LOOK_EVERY);
+    try {
+        const std::optional<Change> change = Look();
+        LookLater();
+        return change;
+    } catch (const BusError& error) {
+        Trace(error.what());
+        return std::nullopt;
+    }
+}
+
+// While the interface is away, not all that it needs is told of.
+void BusLink::LookLater() {
+    m_look = m_up && m_news.IsOpen() ? TimePoint::max() : After(LOOK_EVERY);
+}
+
+std::optional<BusLink::Change> BusLink::Look() {
     const Interface found = FindInterface(m_settings.iface, m_settings.group);
     if (m_up && !found.IsUsable()) {
         m_up = false;
         return Change{false, DownText(found)};
     }
-    if (!found.IsUsable() || (m_up && IsSame(found, m_interface)) || !Rejoin(found)) {
+    if (!found.IsUsable() || (m_up && IsSame(found, m_interface))) {
         return std::nullopt;
     }
-    const bool was_up = std::exchange(m_up, true);
+    const bool was_up = std::exchange(m_up, Rejoin(found));
+    if (!m_up) {
+        return std::nullopt;
+    }
     return Change{true, found.name + (was_up ? " changed" : " is up again")};
 }
 
@@ -244,8 +275,9 @@ BusLink::Event BusLink::Wait(Traffic& traffic, TimePoint deadline, int other) {
     for (;;) {
         pollfd fds[] = {{other, POLLIN, 0},
                         {m_reports.GetSocket(), POLLIN, 0},
-                        {m_requests.GetSocket(), POLLIN, 0}};
-        const int ready = poll(fds, 3, MillisecondsUntil(std::min(deadline, m_look)));
+                        {m_requests.GetSocket(), POLLIN, 0},
+                        {m_news.Get(), POLLIN, 0}};
+        const int ready = poll(fds, 4, MillisecondsUntil(std::min(deadline, m_look)));
         if (ready < 0 && errno != EINTR) {
             throw BusError("poll: " + ErrorText(errno));
         }

@@ -23,6 +23,7 @@
 #include "tools/base/Time.h"
 #include "tools/bus/BusError.h"
 #include "tools/bus/Interface.h"
+#include "tools/bus/InterfaceNews.h"
 #include "tools/bus/Traffic.h"
 
 // Addresses in host byte order.
@@ -72,7 +73,7 @@ public:
     // acknowledgement counts. Others are passed to the system, and may get lost.
     void Send(const CMessage& message, uint16_t port, bool reliable);
 
-    // The sockets that Listen() opened; they stay the same.
+    // The sockets that Listen() opened. They stay the same, whatever happens to the interface.
     std::vector<int> Descriptors() const;
 
     // Takes a message that has arrived. False if there is none. Skips packets without a message,
@@ -83,7 +84,8 @@ public:
     // as many as net.core.rmem_max allows.
     uint64_t Lost() const;
 
-    // When Tend() has to be called next.
+    // When Tend() has to be called next; TimePoint::max() while all is well, if the system tells
+    // of changes.
     TimePoint NextTime() const { return m_look; }
 
     // Watches the interface: when it is back after it was down, gone or without an address, joins
@@ -109,6 +111,8 @@ private:
     void OpenClient();
     void OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* host);
     void Join(CRUdpLayer3Server& server);
+    void LookLater();
+    std::optional<Change> Look();
     bool Rejoin(const Interface& found);
     bool TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic);
     std::string DownText(const Interface& found) const;
@@ -116,6 +120,7 @@ private:
 
     const BusSettings m_settings;
     Interface m_interface;  // as it was when the group was joined
+    InterfaceNews m_news;
     CRUdpLayer3Client m_client;
     CRUdpLayer3Server m_reports;
     Overhearer m_requests;

@@ -6,9 +6,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "tools/base/Descriptor.h"
+#include "tools/base/ErrorText.h"
+#include "tools/bus/BusError.h"
 
 namespace {
 
@@ -24,6 +27,9 @@ uint32_t AddressOf(const ifaddrs& entry) {
 // The source address of datagrams to the group; 0 without a route.
 uint32_t RouteTo(uint32_t group) {
     const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock.IsOpen()) {
+        throw BusError("can't ask for the route: " + ErrorText(errno));
+    }
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(1);
@@ -41,7 +47,7 @@ Interface Find(const std::string& name, uint32_t address) {
     Interface found;
     ifaddrs* all = nullptr;
     if (getifaddrs(&all) != 0) {
-        return found;
+        throw BusError("can't ask for the interfaces: " + ErrorText(errno));
     }
     for (const ifaddrs* entry = all; entry != nullptr; entry = entry->ifa_next) {
         const uint32_t own = AddressOf(*entry);

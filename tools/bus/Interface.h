@@ -15,7 +15,8 @@ struct Interface {
 };
 
 // Finds an interface by its name or one of its addresses, a dotted quad. With an empty text, the
-// one to which the system routes the group (host byte order).
+// one to which the system routes the group (host byte order). Throws BusError if the system can't
+// be asked, for instance for want of descriptors.
 Interface FindInterface(const std::string& text, uint32_t group);
 
 // "10.0.0.1" for an address in host byte order.

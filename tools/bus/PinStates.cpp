@@ -14,30 +14,36 @@ const double ANSWER_TIME = 1;       // after the last question
 const size_t MOST_QUESTIONS = 500;  // that are sent at once
 const double PAUSE = 0.02;          // and then a pause
 
-// No pin, or not one that can be written and read.
-bool IsPinItem(const CMsg2::Node& item) {
-    return item.m_nType == CMsg2::ITEM_BYTE && item.m_nTag < TAG_REQUEST_DATA;
-}
-
 }  // namespace
 
-PinStates::PinStates(size_t limit) : m_limit(limit), m_random(std::random_device()()) {}
+PinStates::PinStates(size_t limit, size_t share)
+    : m_limit(limit), m_share(share), m_random(std::random_device()()) {}
 
 void PinStates::Want(uint32_t tag) {
-    m_pins.emplace(tag, Pin());
+    Pin& pin = m_pins[tag];
+    if (pin.host) {
+        --m_unwanted;
+        --m_shares[*pin.host];
+        pin.host.reset();
+    }
 }
 
-PinStates::Pin* PinStates::Get(uint32_t tag) {
+// The host's message is about the pin. Null: there is no room.
+PinStates::Pin* PinStates::Get(uint32_t tag, uint32_t host) {
     const auto known = m_pins.find(tag);
     if (known != m_pins.end()) {
         return &known->second;
     }
-    if (m_unwanted >= m_limit) {
+    const auto share = m_shares.find(host);
+    if (m_unwanted >= m_limit || (share != m_shares.end() && share->second >= m_share)) {
         ++m_passed_over;
         return nullptr;
     }
     ++m_unwanted;
-    return &m_pins.emplace(tag, Pin()).first->second;
+    ++m_shares[host];
+    Pin& pin = m_pins[tag];
+    pin.host = host;
+    return &pin;
 }
 
 std::vector<PinChange> PinStates::Take(const Traffic& traffic, TimePoint now) {
@@ -51,7 +57,7 @@ std::vector<PinChange> PinStates::Take(const Traffic& traffic, TimePoint now) {
         if (!value.level || !IsPinItem(item) || (kind == Kind::Write && IsInput(item.m_nTag))) {
             continue;
         }
-        Pin* const pin = Get(item.m_nTag);
+        Pin* const pin = Get(item.m_nTag, heard.host);
         if (pin == nullptr) {
             continue;
         }
@@ -82,6 +88,7 @@ std::optional<PinChange> PinStates::Tell(uint32_t tag, Pin& pin, Level level, Ki
     const PinState before = state;
     const bool doubtful = IsDoubtful(pin, level, kind, heard.at);
     state.told = heard;
+    pin.unanswered = 0;
     pin.follows = pin.follows || level == Level::Low;
     if (doubtful) {
         state.denied = pin.questions == 0;
@@ -127,9 +134,10 @@ std::optional<PinChange> PinStates::Write(uint32_t tag, Pin& pin, const PinValue
 void PinStates::SetLevel(Pin& pin, std::optional<Level> level, const Heard& heard) {
     PinState& state = pin.state;
     if (state.level != level) {
-        state.seen_changing = state.level.has_value();
+        state.seen_changing = pin.last && pin.last != level;
         state.since = heard;
         state.level = level;
+        pin.last = level ? level : pin.last;
     }
 }
 
@@ -178,20 +186,7 @@ std::optional<PinChange> PinStates::Pass(uint32_t tag, Pin& pin, TimePoint now,
                                          std::vector<uint32_t>& ask) {
     PinState& state = pin.state;
     if (pin.give_up <= now) {
-        pin.give_up = TimePoint::max();
-        const std::optional<Level> before = state.level;
-        state.status = PinStatus::Unknown;
-        state.until = TimePoint::max();
-        SetLevel(pin, std::nullopt, {now, TimeOfDay(), 0});
-        return PinChange{tag,
-                         PinChange::Cause::Forgotten,
-                         state.since->time,
-                         0,
-                         before,
-                         std::nullopt,
-                         state.status,
-                         false,
-                         0};
+        return Forget(tag, pin, now);
     }
     if (state.until <= now && pin.give_up == TimePoint::max()) {
         // The write's duration has passed: only an answer can show the pin's level.
@@ -208,14 +203,53 @@ std::optional<PinChange> PinStates::Pass(uint32_t tag, Pin& pin, TimePoint now,
     return std::nullopt;
 }
 
+PinChange PinStates::Forget(uint32_t tag, Pin& pin, TimePoint now) {
+    PinState& state = pin.state;
+    const std::optional<Level> before = state.level;
+    const double time = TimeOfDay();
+    state.status = PinStatus::Unknown;
+    state.denied = false;
+    state.until = TimePoint::max();
+    pin.questions = 0;
+    pin.ask = TimePoint::max();
+    pin.give_up = TimePoint::max();
+    SetLevel(pin, std::nullopt, {now, time, 0});
+    return {tag, PinChange::Cause::Forgotten, time, 0, before, std::nullopt, state.status, false,
+            0};
+}
+
+std::optional<PinChange> PinStates::Forget(uint32_t tag, TimePoint now) {
+    const auto found = m_pins.find(tag);
+    if (found == m_pins.end() || found->second.state.status == PinStatus::Unknown) {
+        return std::nullopt;
+    }
+    const PinChange change = Forget(tag, found->second, now);
+    Schedule(tag, found->second);
+    return change;
+}
+
+std::optional<PinChange> PinStates::NoteRead(uint32_t tag, TimePoint now, int most) {
+    const auto found = m_pins.find(tag);
+    if (found == m_pins.end()) {
+        return std::nullopt;
+    }
+    int& unanswered = found->second.unanswered;
+    if (unanswered >= most) {
+        return Forget(tag, now);
+    }
+    ++unanswered;
+    return std::nullopt;
+}
+
 TimePoint PinStates::NextTime() const {
     return m_due.empty() ? TimePoint::max() : std::max(m_due.begin()->first, m_pause);
 }
 
 void PinStates::AskAt(uint32_t tag, TimePoint when) {
-    if (Pin* const pin = Get(tag)) {
-        pin->ask = std::min(pin->ask, when);
-        Schedule(tag, *pin);
+    const auto found = m_pins.find(tag);
+    if (found != m_pins.end()) {
+        found->second.ask = std::min(found->second.ask, when);
+        Schedule(tag, found->second);
     }
 }
 
@@ -229,4 +263,13 @@ void PinStates::ForEach(
     for (const auto& [tag, pin] : m_pins) {
         visit(tag, pin.state);
     }
+}
+
+std::vector<uint32_t> PinStates::TagsOf(uint32_t address) const {
+    std::vector<uint32_t> tags;
+    for (auto pin = m_pins.lower_bound(address << 8);
+         pin != m_pins.end() && pin->first >> 8 == address; ++pin) {
+        tags.push_back(pin->first);
+    }
+    return tags;
 }

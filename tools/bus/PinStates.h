@@ -6,12 +6,12 @@
 //
 //   told     a device has sent its level
 //   written  somebody has written it since, and no device has confirmed it
-//   unknown  neither, or a write's duration has passed and nobody answered
+//   unknown  neither, or nobody answers any more
 //
-// After a write, the pin is to be read again, at most three times. An answer with the written level
-// makes it told. Another answer may be older than the write; after the last read it counts, with
-// one exception: high after a write of low, for a pin that has never been low, proves nothing. Such
-// a pin stays written and is marked as denied.
+// After a write, the pin is read again, up to three times. An answer with the written level makes
+// it told. An answer with the other level may be older than the write, so only one to the last read
+// counts. If that is high, and the pin has never been told low, the device may be answering for an
+// output that it does not know: the pin stays written, and is marked as denied.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +39,8 @@ struct PinState {
     PinStatus status = PinStatus::Unknown;
     std::optional<Level> level;  // none: unknown
 
-    // When the level was first heard. seen_changing: it was another one before; otherwise the pin
-    // may have had it for longer.
+    // When the level was first heard, or was no longer known. seen_changing: the last known one was
+    // another; otherwise the pin may have had it for longer.
     std::optional<Heard> since;
     bool seen_changing = false;
 
@@ -76,13 +76,14 @@ struct PinChange {
 // Processes what a BusLink hears, preferably reports and requests. Does not send: the caller reads
 // the pins that Tend() lists, for instance with AskForPins(). For one thread.
 //
-// Memory is bounded: of pins that were not wanted, only the first ones are stored, up to the limit.
-// Messages about others are ignored and counted.
+// Memory is bounded: of pins that were not wanted, only the first ones are stored, up to the limit,
+// and no more than a share of it from one host. Messages about others are ignored and counted.
 class PinStates {
 public:
     static constexpr size_t DEFAULT_LIMIT = 20000;
+    static constexpr size_t DEFAULT_SHARE = 4000;
 
-    explicit PinStates(size_t limit = DEFAULT_LIMIT);
+    explicit PinStates(size_t limit = DEFAULT_LIMIT, size_t share = DEFAULT_SHARE);
 
     // Stores the pin regardless of the limit, as long as the object lives. For pins that the user
     // named.
@@ -101,11 +102,21 @@ public:
     // Makes Tend() list the pin then, once. For outputs that may have changed without a write.
     void AskAt(uint32_t tag, TimePoint when);
 
+    // The pin is read now. After that many reads in a row without an answer it is unknown.
+    std::optional<PinChange> NoteRead(uint32_t tag, TimePoint now, int most);
+
+    // The pin is unknown from now on; who told it last, and when, is kept. None if it was unknown
+    // before.
+    std::optional<PinChange> Forget(uint32_t tag, TimePoint now);
+
     // Null if nothing was heard of the pin. Valid until the next call of Take() or Tend().
     const PinState* Find(uint32_t tag) const;
 
     // In the order of their tags.
     void ForEach(const std::function<void(uint32_t tag, const PinState& state)>& visit) const;
+
+    // The stored pins of an address.
+    std::vector<uint32_t> TagsOf(uint32_t address) const;
 
     size_t Count() const { return m_pins.size(); }
 
@@ -115,14 +126,17 @@ public:
 private:
     struct Pin {
         PinState state;
-        bool follows = false;  // was told low: a device knows its state
-        int questions = 0;     // reads left after a write
+        bool follows = false;       // was told low: a device knows its state
+        std::optional<Level> last;  // the last known level
+        int questions = 0;          // reads left after a write
+        int unanswered = 0;         // reads in a row
         TimePoint ask = TimePoint::max();
         TimePoint give_up = TimePoint::max();  // no answer after a write's duration
         TimePoint due = TimePoint::max();      // as in m_due
+        std::optional<uint32_t> host;          // whose share it takes; none: it was wanted
     };
 
-    Pin* Get(uint32_t tag);
+    Pin* Get(uint32_t tag, uint32_t host);
     std::optional<PinChange> Tell(uint32_t tag, Pin& pin, Level level, Kind kind,
                                   const Heard& heard);
     std::optional<PinChange> Write(uint32_t tag, Pin& pin, const PinValue& value,
@@ -131,12 +145,15 @@ private:
     void SetLevel(Pin& pin, std::optional<Level> level, const Heard& heard);
     std::optional<PinChange> Pass(uint32_t tag, Pin& pin, TimePoint now,
                                   std::vector<uint32_t>& ask);
+    PinChange Forget(uint32_t tag, Pin& pin, TimePoint now);
     void BeginAsking(Pin& pin, TimePoint now);
     void Schedule(uint32_t tag, Pin& pin);
     double Delay();
 
     const size_t m_limit;
-    size_t m_unwanted = 0;  // pins that count towards the limit
+    const size_t m_share;
+    size_t m_unwanted = 0;                // pins that count towards the limit
+    std::map<uint32_t, size_t> m_shares;  // the same by host
     uint64_t m_passed_over = 0;
     std::map<uint32_t, Pin> m_pins;                  // not hashed: peers choose the tags
     std::set<std::pair<TimePoint, uint32_t>> m_due;  // pins with something due

@@ -6,6 +6,7 @@
 namespace {
 
 const double ASK_AGAIN = 0.25;       // seconds
+const double LINGER = 0.02;          // after the last answer
 const size_t PINS_IN_A_FRAME = 230;  // 6 bytes each, beside 31 of headers and request
 
 }  // namespace
@@ -41,10 +42,13 @@ Question::Question(BusLink& link, const std::vector<PinRef>& pins, std::optional
         }
     }
     m_open = m_answers.size();
+    if (m_open == 0) {
+        m_end = m_ask;
+    }
 }
 
 void Question::AskWhenDue() {
-    if (IsOver() || Now() < m_ask) {
+    if (m_open == 0 || IsOver() || Now() < m_ask) {
         return;
     }
     m_ask = After(ASK_AGAIN);
@@ -58,11 +62,11 @@ void Question::AskWhenDue() {
 }
 
 TimePoint Question::NextTime() const {
-    return std::min(m_ask, m_end);
+    return m_open == 0 ? m_end : std::min(m_ask, m_end);
 }
 
 bool Question::IsOver() const {
-    return m_open == 0 || Now() >= m_end;
+    return Now() >= m_end;
 }
 
 bool Question::IsAnswer(const CMessage& message) const {
@@ -74,6 +78,7 @@ bool Question::Take(const CMessage& message) {
     if (!IsAnswer(message)) {
         return false;
     }
+    m_answerers.Take(message, Now());
     const size_t before = m_open;
     for (unsigned int i = 0; i < message.GetItemCount(); ++i) {
         const CMsg2::Node& item = *message.GetItem(i);
@@ -84,6 +89,9 @@ bool Question::Take(const CMessage& message) {
                 Answer{*value.level, static_cast<uint32_t>(message.GetHost()), TimeOfDay()};
             --m_open;
         }
+    }
+    if (m_open == 0 && before > 0) {
+        m_end = std::min(m_end, After(LINGER));
     }
     return m_open < before;
 }

@@ -3,9 +3,11 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "tools/bus/Answerers.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinJson.h"
@@ -19,7 +21,8 @@ void AskForPins(BusLink& link, const std::vector<uint32_t>& tags, uint32_t reque
 
 // A read that is repeated until it is answered. Reads and replies may get lost, so it is repeated a
 // few times a second until every pin has been answered or the link's time for answers is over.
-// Different devices may answer for different pins; the first answer for a pin counts.
+// Different devices may answer for different pins; the first answer for a pin counts. It listens a
+// moment longer, so that Shared() sees a second device that answers for the same address.
 class Question {
 public:
     // Ends at that time; without one, after the link's waiting time.
@@ -32,11 +35,14 @@ public:
     // When AskWhenDue() has to be called next, or the question ends.
     TimePoint NextTime() const;
 
-    // All answered, or out of time.
+    // All answered and a moment passed, or out of time.
     bool IsOver() const;
 
     // Whether the message refers to this question.
     bool IsAnswer(const CMessage& message) const;
+
+    // Whether it reads the pin.
+    bool IsAsked(uint32_t tag) const { return m_answers.count(tag) > 0; }
 
     // Processes an answer. False if it is none, or contains nothing new.
     bool Take(const CMessage& message);
@@ -52,6 +58,9 @@ public:
     // The pins in the order given, each once. Those without an answer have no level.
     std::vector<PinFact> Facts() const;
 
+    // The addresses for which more than one host answers; see Answerers.
+    std::map<uint32_t, std::set<uint32_t>> Shared() const { return m_answerers.Shared(Now()); }
+
     // The unanswered pins, "1:2 (studio1), 7:in1"; empty if everything was answered.
     std::string Missing(const Names& names) const;
 
@@ -61,7 +70,8 @@ private:
     const uint32_t m_id;
     std::vector<uint32_t> m_tags;                         // in the order of the pins
     std::map<uint32_t, std::optional<Answer>> m_answers;  // by tag
-    size_t m_open;                                        // unanswered pins
+    Answerers m_answerers;
+    size_t m_open;  // unanswered pins
     TimePoint m_ask;
     TimePoint m_end;
 };

@@ -15,7 +15,7 @@ const char* KindName(Kind kind) {
     }
 }
 
-Kind Traffic::GetKind() const {
+Kind KindOf(const CMessage& message) {
     switch (message.GetId()) {
         case ID_REPORT:
             return FindItem(message, TAG_REFERS_TO, CMsg2::ITEM_DWORD) != nullptr ? Kind::Reply
@@ -38,6 +38,10 @@ const CMsg2::Node* FindItem(const CMsg2& message, uint32_t tag, CMsg2::ItemType 
         }
     }
     return nullptr;
+}
+
+bool IsPinItem(const CMsg2::Node& item) {
+    return item.m_nType == CMsg2::ITEM_BYTE && item.m_nTag < TAG_REQUEST_DATA;
 }
 
 PinValue PinValueOf(Kind kind, const CMsg2::Node& item) {

@@ -14,13 +14,15 @@ enum class Kind { Report, Reply, Write, Read, Other };
 // "report", "reply", "write", "read" or "other"
 const char* KindName(Kind kind);
 
+Kind KindOf(const CMessage& message);
+
 // Not copied: a copy of a message lacks the items that CMsg2 has no setter for.
 struct Traffic {
     Traffic() = default;
     Traffic(const Traffic&) = delete;
     Traffic& operator=(const Traffic&) = delete;
 
-    Kind GetKind() const;
+    Kind GetKind() const { return KindOf(message); }
 
     double time = 0;    // seconds since 1970
     std::string host;   // address of the sender; empty: this program
@@ -31,6 +33,9 @@ struct Traffic {
 
 // The first item with that tag and type, or null.
 const CMsg2::Node* FindItem(const CMsg2& message, uint32_t tag, CMsg2::ItemType type);
+
+// Whether the item can be the state of a pin, or a write of it.
+bool IsPinItem(const CMsg2::Node& item);
 
 // What an item of a message of that kind says about a pin.
 struct PinValue {
