@@ -22,14 +22,14 @@ TOLD = re.compile(r"\b(?:Refuse|invalid_argument|Failure|BusError|NamesError|Fai
 # Limits and times: where the code defines them, and what documents say about them.
 LIMITS = [
     ("rudp/RUdpLayer1Base.h", "REPEAT_MEMORY_MS", lambda ms: ms / 1000,
-     {"docs/protocol.md": "remembered for at least {} seconds", "SECURITY.md": "remembered for {} seconds",
+     {"docs/protocol.md": "remembered for {} seconds", "SECURITY.md": "remembered for {} seconds",
       "docs/man/orvex-protocol.7": "remembered for {} seconds", "wireshark/orvex.lua": "REPEAT_SECONDS = {} "}),
     ("app/mainloop.cpp", "RECONNECT_PAUSE_US", lambda us: us / 1e6,
      {"docs/protocol.md": "waits {} seconds before each new connection", "docs/man/orvex.8": "tries every {} seconds"}),
     ("app/mainloop.cpp", "SWEEP_PERIOD_MS", lambda ms: ms / 1000,
-     {"docs/protocol.md": "connects again {} to", "docs/man/orvex.8": "are at least {} seconds apart"}),
+     {"docs/protocol.md": "at least {} seconds after the one before", "docs/man/orvex.8": "are at least {} seconds apart"}),
     ("app/mainloop.cpp", "SWEEP_PERIOD_MS", lambda ms: ms / 500,
-     {"docs/protocol.md": "to {} seconds after it lost", "docs/man/orvex.8": "comes after 27 to {} seconds",
+     {"docs/protocol.md": "0 to {} seconds after it lost", "docs/man/orvex.8": "tried again after 0 to {} seconds",
       "tools/doctor/ServerChecks.cpp": "tries again within {} seconds"}),
     ("tqr/tqrcli.h", "LINE_SIZE", lambda size: size - 1,
      {"docs/protocol.md": "more than {} characters ends", "docs/man/orvex-protocol.7": "at most {} characters long",

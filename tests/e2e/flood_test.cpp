@@ -198,8 +198,8 @@ protected:
 };
 
 // Half a million events of all kinds, while peers connect and disconnect. Every result is counted;
-// at the end, the daemon uses no more than after the first tenth. scripts/test --soak runs it with any
-// number of events.
+// at the end, the daemon uses no more than after the first tenth. scripts/test --soak runs it with
+// any number of events.
 TEST_F(Soak, HalfAMillionEvents) {
     const char* const text = getenv("ORVEX_SOAK_EVENTS");
     const long wanted = text != nullptr ? atol(text) : 0;
