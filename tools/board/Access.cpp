@@ -12,8 +12,10 @@
 
 namespace {
 
-const size_t MAX_WRONG = 10;
-const int64_t WRONG_FOR = 60000;  // ms
+const unsigned MAX_WRONG = 10;        // wrong tokens of a visitor in a minute
+const unsigned MAX_WRONG_NEAR = 100;  // of a network
+const size_t MAX_COUNTED = 10000;     // visitors and networks
+const std::chrono::minutes WRONG_FOR{1};
 const size_t MIN_TOKEN = 16;
 
 // Takes equally long for all tokens of one length, however many characters are right.
@@ -44,7 +46,8 @@ bool Access::IsKnownHost(const std::string& host) const {
     return name == "localhost" || IsAddress(name) || m_settings.hosts.count(name) != 0;
 }
 
-Access::Verdict Access::MaySet(const HttpRequest& request, int64_t now) {
+// Whoever has the right token is never refused because of what others send.
+Access::Verdict Access::MaySet(const HttpRequest& request, TimePoint now) {
     if (!m_settings.allow_set) {
         return {403, "setting pins is switched off (--allow-set)"};
     }
@@ -60,17 +63,25 @@ Access::Verdict Access::MaySet(const HttpRequest& request, int64_t now) {
     if (type.compare(0, type.find(';'), "application/json") != 0) {
         return {415, "the body must be application/json"};
     }
-    while (!m_wrong.empty() && (m_wrong.front() + WRONG_FOR < now || m_wrong.front() > now)) {
-        m_wrong.pop_front();
+    if (IsSame(request.Header("authorization"), "Bearer " + m_settings.token)) {
+        return {};
     }
-    if (m_wrong.size() >= MAX_WRONG) {
-        return {429, "too many wrong tokens; wait a minute"};
+    return CountsAsFew(request.peer, now)
+               ? Verdict{401, "the token is wrong or missing"}
+               : Verdict{429, "the token is wrong or missing, too often; wait a minute"};
+}
+
+bool Access::CountsAsFew(const std::string& peer, TimePoint now) {
+    if (now - m_wrong_since >= WRONG_FOR) {
+        m_wrong_since = now;
+        m_wrong.clear();
     }
-    if (!IsSame(request.Header("authorization"), "Bearer " + m_settings.token)) {
-        m_wrong.push_back(now);
-        return {401, "the token is wrong or missing"};
+    if (m_wrong.size() >= MAX_COUNTED) {
+        return false;
     }
-    return {};
+    const unsigned own = ++m_wrong[VisitorOf(peer)];
+    const unsigned near = ++m_wrong[NetworkOf(peer)];
+    return own <= MAX_WRONG && near <= MAX_WRONG_NEAR;
 }
 
 std::string ReadToken(const std::string& file) {

@@ -1,10 +1,11 @@
 // Who may do what.
 #pragma once
 
-#include <deque>
+#include <map>
 #include <set>
 #include <string>
 
+#include "tools/base/Time.h"
 #include "tools/board/Http.h"
 
 struct AccessSettings {
@@ -26,14 +27,17 @@ public:
         unsigned status = 200;
         std::string reason;  // empty: allowed
     };
-    // Wrong tokens count: after a few, further ones are refused for a while without a check.
-    Verdict MaySet(const HttpRequest& request, int64_t now);
+    // Wrong tokens are counted by visitor and network: 429 is for too many in a minute.
+    Verdict MaySet(const HttpRequest& request, TimePoint now);
 
     bool AllowsSet() const { return m_settings.allow_set; }
 
 private:
+    bool CountsAsFew(const std::string& peer, TimePoint now);
+
     const AccessSettings m_settings;
-    std::deque<int64_t> m_wrong;  // when, ms
+    std::map<std::string, unsigned> m_wrong;  // wrong tokens since then, by visitor and network
+    TimePoint m_wrong_since{};
 };
 
 // The token in a file: its first line. Throws std::runtime_error if it can't be read, is shorter

@@ -219,9 +219,9 @@ HttpResponse Api::Follow(const HttpRequest& request) const {
 }
 
 HttpResponse Api::Set(const HttpRequest& request) {
-    const Access::Verdict verdict = m_access.MaySet(request, NowMs());
+    const Access::Verdict verdict = m_access.MaySet(request, Now());
     if (!verdict.reason.empty()) {
-        m_board.NoteRefusal(request.peer, verdict.reason);
+        m_board.NoteRefusal(request.peer, verdict.status == 429 ? "" : verdict.reason);
         return Fail(verdict.status, verdict.reason);
     }
     const auto body = nlohmann::json::parse(request.body, nullptr, false);

@@ -274,7 +274,7 @@ void Board::NoteRefusal(const std::string& who, const std::string& reason) {
         m_refusal_minute = event.time / 60000;
         m_refusals_noted = 0;
     }
-    if (++m_refusals_noted > MAX_REFUSALS) {
+    if (reason.empty() || ++m_refusals_noted > MAX_REFUSALS) {
         return;
     }
     event.kind = EventKind::SetAsked;

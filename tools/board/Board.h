@@ -52,7 +52,8 @@ public:
 
     // Writes a pin for someone. False: it could not be sent.
     bool Set(uint32_t tag, WriteValue value, const std::string& who);
-    // Records a refused request; of many in a minute, only as many as the history has room for.
+    // Counts a refused request, and records it for its reason, if it has one; of many in a minute,
+    // only as many as the history has room for.
     void NoteRefusal(const std::string& who, const std::string& reason);
 
     // Sends viewers the state of the board itself.

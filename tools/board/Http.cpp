@@ -1,6 +1,25 @@
 #include "tools/board/Http.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+
 namespace {
+
+// The first bytes of an address, "10.0.0.0/24". Another text remains as it is.
+std::string Prefix(const std::string& address, int v4_bytes, int v6_bytes) {
+    std::array<unsigned char, 16> bytes = {};
+    char text[INET6_ADDRSTRLEN] = {};
+    const bool v6 = inet_pton(AF_INET6, address.c_str(), bytes.data()) == 1;
+    if (!v6 && inet_pton(AF_INET, address.c_str(), bytes.data()) != 1) {
+        return address;
+    }
+    const int kept = v6 ? v6_bytes : v4_bytes;
+    std::fill(bytes.begin() + kept, bytes.end(), static_cast<unsigned char>(0));
+    inet_ntop(v6 ? AF_INET6 : AF_INET, bytes.data(), text, sizeof text);
+    return std::string(text) + "/" + std::to_string(8 * kept);
+}
 
 int HexDigit(char c) {
     return c >= '0' && c <= '9'   ? c - '0'
@@ -10,6 +29,14 @@ int HexDigit(char c) {
 }
 
 }  // namespace
+
+HttpResponse Refuse(unsigned status, const std::string& reason) {
+    HttpResponse response;
+    response.status = status;
+    response.type = "text/plain; charset=utf-8";
+    response.body = reason + "\n";
+    return response;
+}
 
 bool DecodeUrl(std::string_view text, std::string& decoded) {
     decoded.clear();
@@ -30,6 +57,14 @@ bool DecodeUrl(std::string_view text, std::string& decoded) {
         decoded.push_back(c);
     }
     return true;
+}
+
+std::string VisitorOf(const std::string& address) {
+    return Prefix(address, 4, 8);
+}
+
+std::string NetworkOf(const std::string& address) {
+    return Prefix(address, 3, 6);
 }
 
 bool ParseTarget(std::string_view target, HttpRequest& request) {

@@ -39,8 +39,16 @@ struct HttpResponse {
     std::optional<uint64_t> follow;  // after the body, events follow from that number on
 };
 
+// A refusal in plain text.
+HttpResponse Refuse(unsigned status, const std::string& reason);
+
 // "a%20b+c" as "a b c"; false if a % is not followed by two digits, or the text has a NUL.
 bool DecodeUrl(std::string_view text, std::string& decoded);
+
+// What one visitor is counted by: an IPv4 address, or the /64 network of an IPv6 address, in which
+// a host may choose its addresses. And the network around it: /24, or /48.
+std::string VisitorOf(const std::string& address);
+std::string NetworkOf(const std::string& address);
 
 // Path and query of a request's target. False if they are malformed.
 bool ParseTarget(std::string_view target, HttpRequest& request);

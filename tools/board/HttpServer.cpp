@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <map>
 #include <stdexcept>
-
-#include "tools/board/HttpSession.h"
 
 using boost::asio::ip::tcp;
 
@@ -99,18 +98,57 @@ void HttpServer::Admit(tcp::socket socket) {
                                            });
         (*idle)->Close();
     }
-    m_sessions.push_back(std::make_shared<HttpSession>(*this, std::move(socket)));
+    HttpSession::Owner& owner = *this;
+    m_sessions.push_back(std::make_shared<HttpSession>(owner, std::move(socket)));
     m_sessions.back()->Start();
 }
 
+HttpResponse HttpServer::Answer(const HttpRequest& request) {
+    HttpResponse response = m_handler(request);
+    if (response.follow && !MakeRoom(request.peer)) {
+        response = Refuse(503, "too many viewers");
+        response.headers.emplace_back("Retry-After", "30");
+    }
+    return response;
+}
+
+size_t HttpServer::Viewers() const {
+    return static_cast<size_t>(std::count_if(m_sessions.begin(), m_sessions.end(),
+                                             [](const auto& one) { return one->IsViewer(); }));
+}
+
+// For one more viewer. False: its host has as large a share as any.
+bool HttpServer::MakeRoom(const std::string& peer) {
+    std::map<std::string, size_t> count;
+    size_t viewers = 0;
+    for (const auto& session : m_sessions) {
+        count[VisitorOf(session->Peer())] += session->IsViewer() ? 1 : 0;
+        viewers += session->IsViewer() ? 1 : 0;
+    }
+    const auto most =
+        std::max_element(count.begin(), count.end(),
+                         [](const auto& a, const auto& b) { return a.second < b.second; });
+    if (viewers < MAX_VIEWERS || most == count.end()) {
+        return true;
+    }
+    if (count[VisitorOf(peer)] + 1 >= most->second) {
+        return false;
+    }
+    const auto newest = std::find_if(m_sessions.rbegin(), m_sessions.rend(), [&](const auto& one) {
+        return one->IsViewer() && VisitorOf(one->Peer()) == most->first;
+    });
+    (*newest)->Dismiss("too many viewers from this address");
+    return true;
+}
+
 void HttpServer::Remove(const HttpSession& session) {
-    m_viewers -= session.IsViewer() ? 1 : 0;
+    m_cut += session.WasTooSlow() ? 1 : 0;
     m_sessions.remove_if([&](const auto& other) { return other.get() == &session; });
 }
 
 // At once after a pause; under load, everything within the pace is sent in one write.
 void HttpServer::OnAppend() {
-    if (m_flushing || m_viewers == 0) {
+    if (m_flushing || m_sessions.empty()) {
         return;
     }
     m_flushing = true;
@@ -141,8 +179,7 @@ void HttpServer::Sweep() {
     const auto sessions = m_sessions;
     for (const auto& session : sessions) {
         if (session->IsLate(now)) {
-            m_cut += session->IsViewer() ? 1 : 0;
-            session->Close();
+            session->CutOff();
         }
     }
     m_sweep.expires_after(SWEEP_PACE);

@@ -12,26 +12,21 @@
 
 #include "tools/board/EventStream.h"
 #include "tools/board/Http.h"
-
-class HttpSession;
+#include "tools/board/HttpSession.h"
 
 // Serves HTTP/1.1 in the given loop. The limits below bound the cost of everything a client sends
 // or leaves unread: a request that is not complete in time is cut off, beyond the maximum the
 // connection that has been idle longest is closed, and a viewer that does not keep up with the
-// stream is notified and disconnected.
-class HttpServer {
+// stream is notified and disconnected. If all places of viewers are taken, the newest of the host
+// that has the most makes room for a host with fewer: no host keeps the others out.
+class HttpServer : private HttpSession::Owner {
 public:
     static constexpr size_t MAX_SESSIONS = 400;
     static constexpr size_t MAX_VIEWERS = 200;
-    static constexpr uint32_t MAX_HEADER = 8192;
-    static constexpr uint64_t MAX_BODY = 4096;
-    static constexpr size_t MAX_CHUNK = 65536;  // of events in one write to a viewer
-    static constexpr std::chrono::seconds REQUEST_TIME{10};
-    static constexpr std::chrono::seconds WRITE_TIME{15};
     static constexpr std::chrono::milliseconds FLUSH_PACE{10};
 
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
-    using Clock = std::chrono::steady_clock;
+    using Clock = HttpSession::Clock;
 
     // Handler and stream must outlive the server.
     HttpServer(boost::asio::io_context& loop, EventStream& stream, Handler handler);
@@ -46,19 +41,20 @@ public:
     // The address it listens on, "127.0.0.1:8093".
     std::string Address() const;
 
-    size_t Viewers() const { return m_viewers; }
+    size_t Viewers() const;
     uint64_t CutOff() const { return m_cut; }  // viewers that were too slow
-    uint64_t Requests() const { return m_requests; }
 
 private:
-    friend class HttpSession;
+    HttpResponse Answer(const HttpRequest& request) override;
+    const EventStream& Stream() const override { return m_stream; }
+    void Remove(const HttpSession& session) override;
 
+    bool MakeRoom(const std::string& peer);
     void Accept();
     void Admit(boost::asio::ip::tcp::socket socket);
     void OnAppend();
     void Flush();
     void Sweep();
-    void Remove(const HttpSession& session);
 
     boost::asio::io_context& m_loop;
     EventStream& m_stream;
@@ -70,7 +66,5 @@ private:
     bool m_flushing = false;
     Clock::time_point m_flushed;
     std::list<std::shared_ptr<HttpSession>> m_sessions;
-    size_t m_viewers = 0;
     uint64_t m_cut = 0;
-    uint64_t m_requests = 0;
 };

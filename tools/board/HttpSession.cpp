@@ -6,7 +6,6 @@
 #include <cctype>
 
 namespace http = boost::beast::http;
-using Clock = HttpServer::Clock;
 
 namespace {
 
@@ -52,15 +51,23 @@ unsigned StatusOf(const boost::system::error_code& error) {
     return error == http::error::body_limit ? 413 : error == http::error::header_limit ? 431 : 400;
 }
 
+// An IPv4 client has the same name on a socket for both kinds of addresses.
+std::string NameOf(const boost::asio::ip::address& address) {
+    return address.is_v6() && address.to_v6().is_v4_mapped()
+               ? boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6())
+                     .to_string()
+               : address.to_string();
+}
+
 }  // namespace
 
-HttpSession::HttpSession(HttpServer& server, boost::asio::ip::tcp::socket socket)
-    : m_server(server), m_socket(std::move(socket)), m_input(HttpServer::MAX_HEADER + 8192) {
+HttpSession::HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket)
+    : m_owner(owner), m_socket(std::move(socket)), m_input(MAX_HEADER + 8192) {
     Error ignored;
-    m_peer = m_socket.remote_endpoint(ignored).address().to_string();
+    m_peer = NameOf(m_socket.remote_endpoint(ignored).address());
     m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     m_socket.set_option(boost::asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
-    Await(HttpServer::REQUEST_TIME);
+    Await(REQUEST_TIME);
 }
 
 void HttpSession::Await(std::chrono::seconds limit) {
@@ -73,17 +80,22 @@ void HttpSession::Close() {
         Error ignored;
         m_socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
         m_socket.close(ignored);
-        m_server.Remove(*this);
+        m_owner.Remove(*this);
     }
+}
+
+void HttpSession::CutOff() {
+    m_too_slow = m_viewer;
+    Close();
 }
 
 // ---- requests ----
 
 void HttpSession::ReadRequest() {
     m_parser.emplace();
-    m_parser->header_limit(HttpServer::MAX_HEADER);
-    m_parser->body_limit(HttpServer::MAX_BODY);
-    Await(HttpServer::REQUEST_TIME);
+    m_parser->header_limit(MAX_HEADER);
+    m_parser->body_limit(MAX_BODY);
+    Await(REQUEST_TIME);
     http::async_read(
         m_socket, m_input, *m_parser,
         [self = shared_from_this()](const Error& error, size_t) { self->OnRequest(error); });
@@ -108,7 +120,6 @@ void HttpSession::OnRequest(const Error& error) {
 }
 
 void HttpSession::Answer() {
-    ++m_server.m_requests;
     const bool head_only = m_parser->get().method() == http::verb::head;
     m_keep = m_parser->get().keep_alive() && m_parser->get().version() >= 11;
     HttpRequest request = TakeRequest();
@@ -119,12 +130,12 @@ void HttpSession::Answer() {
         response = Refuse(400, "the address can't be read");
     } else if (m_parser->get().count(http::field::host) != 1) {
         response = Refuse(400, "exactly one Host is required");
+    } else if (!Lower(m_parser->get()[http::field::transfer_encoding]).empty() &&
+               !m_parser->get().chunked()) {
+        m_keep = false;  // nobody knows where the next request begins
+        response = Refuse(501, "this Transfer-Encoding is not known");
     } else {
-        response = m_server.m_handler(request);
-    }
-    if (response.follow && m_server.m_viewers >= HttpServer::MAX_VIEWERS) {
-        response = Refuse(503, "too many viewers");
-        response.headers.emplace_back("Retry-After", "30");
+        response = m_owner.Answer(request);
     }
     Respond(std::move(response), head_only);
 }
@@ -141,14 +152,6 @@ HttpRequest HttpSession::TakeRequest() {
     request.body = std::move(message.body());
     request.peer = m_peer;
     return request;
-}
-
-HttpResponse HttpSession::Refuse(unsigned status, const std::string& reason) const {
-    HttpResponse response;
-    response.status = status;
-    response.type = "text/plain; charset=utf-8";
-    response.body = reason + "\n";
-    return response;
 }
 
 // ---- responses ----
@@ -169,7 +172,7 @@ void HttpSession::Respond(HttpResponse response, bool head_only) {
         BeginViewing(*response.follow);
     }
     m_writing = true;
-    Await(HttpServer::WRITE_TIME);
+    Await(WRITE_TIME);
     const std::array<boost::asio::const_buffer, 2> parts = {boost::asio::buffer(m_head), body};
     boost::asio::async_write(
         m_socket, parts,
@@ -199,7 +202,6 @@ void HttpSession::OnWritten(const Error& error) {
 void HttpSession::BeginViewing(uint64_t from) {
     m_viewer = true;
     m_next = from;
-    ++m_server.m_viewers;
     m_parser.reset();
     WatchForEnd();
 }
@@ -217,21 +219,30 @@ void HttpSession::WatchForEnd() {
 }
 
 void HttpSession::Pump() {
-    const EventStream& stream = m_server.m_stream;
-    if (!m_viewer || m_writing || m_ending || !m_socket.is_open() || m_next == stream.Next()) {
+    const EventStream& stream = m_owner.Stream();
+    if (!m_viewer || m_writing || m_ending || !m_socket.is_open() ||
+        (m_next == stream.Next() && m_last_words.empty())) {
         return;
     }
     m_head.clear();
-    if (stream.IsKept(m_next)) {
-        stream.Copy(m_next, HttpServer::MAX_CHUNK, m_head);
-    } else {
-        m_head = SLOW;
+    if (!stream.IsKept(m_next)) {
+        m_last_words = SLOW;
+        m_too_slow = true;
+    }
+    if (!m_last_words.empty()) {
+        m_head = m_last_words;
         m_ending = true;
-        ++m_server.m_cut;
+    } else {
+        stream.Copy(m_next, MAX_CHUNK, m_head);
     }
     m_writing = true;
-    Await(HttpServer::WRITE_TIME);
+    Await(WRITE_TIME);
     boost::asio::async_write(
         m_socket, boost::asio::buffer(m_head),
         [self = shared_from_this()](const Error& error, size_t) { self->OnWritten(error); });
+}
+
+void HttpSession::Dismiss(const std::string& reason) {
+    m_last_words = "event: refused\ndata: {\"reason\":\"" + reason + "\"}\n\n";
+    Pump();
 }

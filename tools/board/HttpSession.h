@@ -5,29 +5,59 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "tools/board/HttpServer.h"
+#include "tools/board/EventStream.h"
+#include "tools/board/Http.h"
 
 // Reads requests and writes responses, one after the other, until it becomes a viewer and receives
 // events. Lives until its connection is closed and no operation is pending.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
-    HttpSession(HttpServer& server, boost::asio::ip::tcp::socket socket);
+    static constexpr uint32_t MAX_HEADER = 8192;
+    static constexpr uint64_t MAX_BODY = 4096;
+    static constexpr size_t MAX_CHUNK = 65536;  // of events in one write to a viewer
+    static constexpr std::chrono::seconds REQUEST_TIME{10};
+    static constexpr std::chrono::seconds WRITE_TIME{15};
+
+    using Clock = std::chrono::steady_clock;
+
+    // Its server, which outlives it.
+    class Owner {
+    public:
+        virtual HttpResponse Answer(const HttpRequest& request) = 0;
+        virtual const EventStream& Stream() const = 0;
+        virtual void Remove(const HttpSession& session) = 0;  // its connection is closed
+
+    protected:
+        ~Owner() = default;
+    };
+
+    HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket);
 
     void Start() { ReadRequest(); }
 
     // Sends a viewer the events it has not received, unless a write is still pending.
     void Pump();
 
+    // Tells a viewer the reason, after which it is none, and closes its connection.
+    void Dismiss(const std::string& reason);
+
     void Close();
 
-    bool IsViewer() const { return m_viewer; }
-    bool IsLate(HttpServer::Clock::time_point now) const { return now >= m_deadline; }
+    // Closes the connection of a client that is too slow.
+    void CutOff();
+
+    const std::string& Peer() const { return m_peer; }
+    bool IsViewer() const { return m_viewer && m_last_words.empty(); }
+    // A viewer that did not keep up.
+    bool WasTooSlow() const { return m_too_slow; }
+    bool IsLate(Clock::time_point now) const { return now >= m_deadline; }
     // When it last began to wait for its client.
-    HttpServer::Clock::time_point WaitingSince() const { return m_since; }
+    Clock::time_point WaitingSince() const { return m_since; }
 
 private:
     using Error = boost::system::error_code;
@@ -37,13 +67,12 @@ private:
     void OnRequest(const Error& error);
     void Answer();
     HttpRequest TakeRequest();
-    HttpResponse Refuse(unsigned status, const std::string& reason) const;
     void Respond(HttpResponse response, bool head_only);
     void OnWritten(const Error& error);
     void BeginViewing(uint64_t from);
     void WatchForEnd();
 
-    HttpServer& m_server;
+    Owner& m_owner;
     boost::asio::ip::tcp::socket m_socket;
     std::string m_peer;
     boost::beast::flat_buffer m_input;
@@ -51,12 +80,14 @@ private:
     std::string m_head;
     std::string m_body;
     bool m_keep = false;
-    HttpServer::Clock::time_point m_deadline;
-    HttpServer::Clock::time_point m_since;
+    Clock::time_point m_deadline;
+    Clock::time_point m_since;
 
     bool m_viewer = false;
     bool m_writing = false;
-    bool m_ending = false;
+    std::string m_last_words;  // an event for a viewer, after which its connection is closed
+    bool m_ending = false;     // they are being sent
+    bool m_too_slow = false;
     uint64_t m_next = 0;
     char m_ignored[256] = {};
 };

@@ -24,8 +24,8 @@ SET = {"Origin": f"http://{HOST}", "X-Orvex-Board": "set", "Content-Type": "appl
        "Authorization": f"Bearer {TOKEN}"}
 
 
-def ask(path, method="GET", body=None, headers=None):
-    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+def ask(path, method="GET", body=None, headers=None, source="127.0.0.1"):
+    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10, source_address=(source, 0))
     connection.request(method, path, body, headers or {})
     answer = connection.getresponse()
     body = "" if answer.headers.get_content_type() == "text/event-stream" else answer.read().decode()
@@ -113,8 +113,8 @@ def restart(db):
 class Viewer:
     """Follows the stream, line by line."""
 
-    def __init__(self, last=None):
-        self.connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+    def __init__(self, last=None, source="127.0.0.1"):
+        self.connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10, source_address=(source, 0))
         self.connection.request("GET", "/api/v1/events", headers={"Last-Event-ID": last} if last else {})
         self.answer = self.connection.getresponse()
 
@@ -173,6 +173,20 @@ class BoardTest(unittest.TestCase):
         asked = [one["host"] for one in get("/api/v1/history?pin=1:2:out5")["events"] if one["kind"] == "set"]
         self.assertEqual(asked, ["Ann (127.0.0.1)"])
 
+    def test_wrong_tokens_of_others_refuse_nobody(self):
+        body = json.dumps({"pin": "1:2:out5", "level": "H"})
+        guess = {**SET, "Authorization": "Bearer " + "x" * 20}
+        statuses = [ask("/api/v1/set", "POST", body, guess, "127.0.0.66")[0] for _ in range(12)]
+        self.assertEqual(statuses, 10 * [401] + 2 * [429])
+        for source in ("127.0.0.1", "127.0.0.66"):
+            self.assertEqual(ask("/api/v1/set", "POST", body, SET, source)[0], 202, source)
+
+    def test_a_second_board_leaves_the_history_alone(self):
+        second = subprocess.run([f"/proc/{board_pid()}/exe", "-i", "eth0", "--listen", "127.0.0.1:8094", "--db", "/run/h.db"],
+                                stderr=subprocess.PIPE, text=True, timeout=10, check=False)
+        self.assertEqual((second.returncode, second.stderr),
+                         (1, f"orvex-board: /run/h.db is used by another program (process {board_pid()})\n"))
+
     def test_requests_cut_at_every_byte(self):
         end = f"Host: {HOST}\r\nConnection: close\r\n"
         body = '{"pin":"1:2:out2","level":"L","duration":990}'
@@ -211,6 +225,10 @@ class BoardTest(unittest.TestCase):
         connection.close()
 
     def test_no_request_stops_it(self):
+        answer = converse([[f"POST /api/v1/set HTTP/1.1\r\nHost: {HOST}\r\nTransfer-Encoding: xchunked\r\n\r\n"
+                            f"GET / HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()]])[0]
+        self.assertRegex(answer, rb"^HTTP/1.1 501")
+        self.assertEqual(answer.count(b"HTTP/1.1"), 1)
         for request in (b"\0" * 100, b"GET /%zz HTTP/1.1\r\nHost: x\r\n\r\n", b"GET / HTTP/1.1\r\n\r\n",
                         b"GET / HTTP/1.1\r\nX: " + b"y" * 20000 + b"\r\n\r\n",
                         b"GET /../../etc/passwd HTTP/1.1\r\nHost: localhost\r\n\r\n",
@@ -243,6 +261,10 @@ class BoardTest(unittest.TestCase):
             slow[-1].sendall(f"GET /api/v1/events HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode())
         viewers = [Viewer() for _ in range(198)]
         self.assertEqual(ask("/api/v1/events")[0], 503)
+        stranger = Viewer(source="127.0.0.66")  # another host takes a place from the one that has them all
+        self.assertEqual(stranger.answer.status, 200)
+        self.assertEqual([one["event"] for one in viewers.pop().events()][-1], "refused")
+        viewers.append(stranger)
         begin = time.monotonic()
         for number in range(400):  # 40,000 changes: more than the board stores for viewers
             report([0x200000 + i * 256 + 13 for i in range(100)], number % 2)
