@@ -190,6 +190,10 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     for (const Gap& gap : answer.gaps) {
         head["gaps"].push_back(GapJson(gap));
     }
+    head["set_back"] = OrderedJson::array();
+    for (const Event& event : answer.set_backs) {
+        head["set_back"].push_back({{"time", event.time}, {"by", event.duration}});
+    }
     std::string body = Dump(head);
     body.back() = ',';
     body += "\"events\":[";

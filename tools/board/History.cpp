@@ -1,5 +1,6 @@
 #include "tools/board/History.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <stdexcept>
 #include <system_error>
 
 namespace {
@@ -25,9 +27,11 @@ const char* const NOT_WRITTEN = "the history could not be written";
 const char* const SCHEMA =
     "CREATE TABLE IF NOT EXISTS events(id INTEGER PRIMARY KEY, time INTEGER NOT NULL,"
     " kind INTEGER NOT NULL, tag INTEGER, low INTEGER, duration INTEGER, host TEXT, text TEXT);"
-    "CREATE INDEX IF NOT EXISTS events_pin ON events(tag, time) WHERE tag IS NOT NULL;"
+    "DROP INDEX IF EXISTS events_pin;"  // of an earlier version
+    "CREATE INDEX IF NOT EXISTS events_tag ON events(tag) WHERE tag IS NOT NULL;"
     "CREATE INDEX IF NOT EXISTS events_time ON events(time);"
     "CREATE INDEX IF NOT EXISTS events_gap ON events(kind) WHERE kind IN (7, 8);"
+    "CREATE INDEX IF NOT EXISTS events_clock ON events(kind) WHERE kind = 9;"
     "CREATE TABLE IF NOT EXISTS alive(one INTEGER PRIMARY KEY CHECK (one = 1), time INTEGER);";
 
 void BindText(sqlite3_stmt* statement, int column, const std::string& text) {
@@ -62,12 +66,39 @@ History::~History() = default;
 
 void History::Open(int64_t now) {
     m_start = now;
+    if (!IsInMemory() && !Lock()) {
+        throw std::runtime_error(m_problem);
+    }
     if (!OpenFile()) {
         Recover(now);
     }
 }
 
+// False if another program has locked the file. It is a file beside it that is locked, because the
+// database may be renamed or removed. If there can't be one, a database can't be written either.
+bool History::Lock() {
+    std::error_code error;
+    const std::string name = fs::weakly_canonical(m_settings.file, error).string() + ".lock";
+    m_lock = Descriptor(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (!m_lock.IsOpen() || fcntl(m_lock.Get(), F_SETLK, &lock) == 0 ||
+        (errno != EAGAIN && errno != EACCES)) {
+        return true;
+    }
+    const bool found = fcntl(m_lock.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    m_problem = m_settings.file + " is used by another program" +
+                (found ? " (process " + std::to_string(lock.l_pid) + ")" : "");
+    m_lock = Descriptor();
+    return false;
+}
+
 bool History::OpenFile() {
+    if (!IsInMemory() && !m_lock.IsOpen() && !Lock()) {
+        m_code = SQLITE_BUSY;
+        return false;
+    }
     sqlite3* db = nullptr;
     const char* const name = IsInMemory() ? ":memory:" : m_settings.file.c_str();
     m_foreign = false;
@@ -140,6 +171,10 @@ bool History::NoteStart() {
                 add(EventKind::GapEnd, alive, gap.reason);
             }
         }
+        if (alive - m_start > SET_BACK) {
+            add(EventKind::ClockSetBack, m_start, "");
+            events.back().duration = alive - m_start;
+        }
         add(EventKind::GapBegin, std::min(alive, m_start), NOT_RUNNING);
         add(EventKind::GapEnd, m_start, NOT_RUNNING);
     }
@@ -185,9 +220,24 @@ void History::Add(Event event) {
         ++m_lost;
         m_waiting.pop_front();
     }
+    NoteClock(event.time);
     event.id = m_next++;
     event.mono = Monotonic();
     m_waiting.push_back(std::move(event));
+}
+
+// Later events with earlier times would look as if they had happened before.
+void History::NoteClock(int64_t time) {
+    const int64_t back = std::exchange(m_latest, time) - time;
+    if (back > SET_BACK) {
+        Event event;
+        event.kind = EventKind::ClockSetBack;
+        event.time = time;
+        event.duration = back;
+        event.id = m_next++;
+        event.mono = Monotonic();
+        m_waiting.push_back(std::move(event));
+    }
 }
 
 // The clock may have been set back meanwhile.
@@ -304,7 +354,7 @@ int64_t History::Bytes() {
 // The oldest events have the lowest identifiers.
 bool History::Drop(int64_t now) {
     const bool too_much = Bytes() > m_settings.keep_bytes;
-    const int64_t limit = too_much ? now : now - m_settings.keep_ms;
+    const int64_t limit = too_much ? std::numeric_limits<int64_t>::max() : now - m_settings.keep_ms;
     if (m_oldest == 0 || m_oldest >= limit) {
         return true;
     }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/Descriptor.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -23,6 +25,7 @@ enum class EventKind : int {
     DeviceBack = 6,     // it answers again
     GapBegin = 7,       // from here on nothing was heard or stored, for the reason in the text,
     GapEnd = 8,         // until here
+    ClockSetBack = 9,   // from here on times repeat; the duration says how many milliseconds
 };
 
 // An event. Times are milliseconds since 1970.
@@ -32,7 +35,7 @@ struct Event {
     EventKind kind = EventKind::Told;
     std::optional<uint32_t> tag;  // the pin
     std::optional<bool> low;      // its level
-    uint32_t duration = 0;        // of a write in ms, 0: no limit
+    int64_t duration = 0;         // of a write in ms, 0: no limit
     std::string host;             // who told or wrote; for SetAsked who asked
     std::string text;             // a text for people
     int64_t mono = 0;             // ms of the steady clock, to measure the delay until it is stored
@@ -56,7 +59,8 @@ struct HistorySettings {
 // trouble with the file, which affects only the history: events wait, up to a bound, while the disk
 // is full; a damaged history is set aside for a new one, and the newest KEPT_ASIDE of them
 // remain; a missing one is created again; a file that is something else is left alone and checked
-// again. Times are milliseconds since 1970.
+// again. Only one program at a time uses a file. Times are milliseconds since 1970, of a clock that
+// may be set; the order of events is that in which they were added.
 class History {
 public:
     static constexpr int STORE_AFTER = 40;  // ms
@@ -71,6 +75,7 @@ public:
     History& operator=(const History&) = delete;
 
     // Opens the file and records since when nothing was heard; if that fails, Store() tries again.
+    // Throws std::runtime_error if another program uses the file.
     void Open(int64_t now);
 
     // Queues an event for the next Store().
@@ -94,10 +99,11 @@ public:
         unsigned limit = 1000;                                    // at most MAX_ROWS
     };
     struct Answer {
-        std::vector<Event> events;     // newest first
+        std::vector<Event> events;     // the last one first
         bool more = false;             // older ones were left out by the limit
         std::optional<Event> earlier;  // with a tag: the last level of the pin before `from`
         std::vector<Gap> gaps;
+        std::vector<Event> set_backs;  // of the clock, the latest ones, newest first
     };
     // None if the history can't be read.
     std::optional<Answer> Find(const Query& query, int64_t now);
@@ -124,6 +130,15 @@ private:
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
+    static constexpr int64_t SET_BACK = 1000;  // ms; less may be the disorder of two messages
+
+    // Events with identifiers from begin to before end.
+    struct Part {
+        int64_t begin = 0;
+        int64_t end = 0;
+    };
+
+    bool Lock();
     bool OpenFile();
     bool Prepare();
     bool Run(const char* sql);
@@ -135,8 +150,12 @@ private:
     bool StoreSome(size_t count);
     bool Insert(const Event& event);
     void NoteLost();
+    void NoteClock(int64_t time);
+    bool ReadSetBacks(Answer& answer);
     bool ReadEvents(const Query& query, Answer& answer);
-    bool ReadEarlier(const Query& query, Answer& answer);
+    Part NarrowTo(Part part, const Query& query);
+    bool ReadPart(const Part& part, const Query& query, Answer& answer);
+    bool ReadEarlier(int64_t before_id, const Query& query, Answer& answer);
     bool ReadGaps(const Query& query, Answer& answer);
     bool IsTakenAway() const;
     bool Drop(int64_t now);
@@ -148,11 +167,13 @@ private:
     void Close();
 
     HistorySettings m_settings;
+    Descriptor m_lock;
     std::unique_ptr<sqlite3, CloseDatabase> m_db;
     Statement m_insert;
     Statement m_alive;
     std::deque<Event> m_waiting;
     int64_t m_next = 1;
+    int64_t m_latest = 0;  // time of the last event
     int64_t m_rows = 0;
     int64_t m_oldest = 0;
     int64_t m_lost = 0;

@@ -26,7 +26,7 @@ Event EventOf(sqlite3_stmt* row) {
     if (sqlite3_column_type(row, 4) != SQLITE_NULL) {
         event.low = sqlite3_column_int(row, 4) != 0;
     }
-    event.duration = static_cast<uint32_t>(sqlite3_column_int64(row, 5));
+    event.duration = sqlite3_column_int64(row, 5);
     event.host = TextOf(row, 6);
     event.text = TextOf(row, 7);
     return event;
@@ -39,7 +39,7 @@ std::optional<History::Answer> History::Find(const Query& query, int64_t now) {
     if (!m_db) {
         return std::nullopt;
     }
-    if (!ReadEvents(query, answer) || !ReadEarlier(query, answer) || !ReadGaps(query, answer)) {
+    if (!ReadSetBacks(answer) || !ReadEvents(query, answer) || !ReadGaps(query, answer)) {
         Trouble();
         Recover(now);
         return std::nullopt;
@@ -47,29 +47,85 @@ std::optional<History::Answer> History::Find(const Query& query, int64_t now) {
     return answer;
 }
 
-// In the order of time, for which there are indexes: of events with one time, of the numbers.
-bool History::ReadEvents(const Query& query, Answer& answer) {
-    const unsigned limit = std::min(query.limit, MAX_ROWS);
-    int64_t until = query.until;
-    if (query.before_id != std::numeric_limits<int64_t>::max()) {
-        const Statement row = Compile("SELECT time FROM events WHERE id >= ?1 ORDER BY id LIMIT 1");
-        sqlite3_bind_int64(row.get(), 1, query.before_id);
-        if (row && sqlite3_step(row.get()) == SQLITE_ROW) {
-            until = std::min<int64_t>(until, sqlite3_column_int64(row.get(), 0));
-        }
+bool History::ReadSetBacks(Answer& answer) {
+    const Statement rows = Compile((std::string("SELECT ") + COLUMNS +
+                                    " FROM events WHERE kind = 9 ORDER BY id DESC LIMIT 100")
+                                       .c_str());
+    while (rows && (m_code = sqlite3_step(rows.get())) == SQLITE_ROW) {
+        answer.set_backs.push_back(EventOf(rows.get()));
     }
+    return rows && m_code == SQLITE_DONE;
+}
+
+// In parts, the newest first: each begins where the clock was set back. Within a part, the order of
+// events is nearly that of their times, for which there is an index.
+bool History::ReadEvents(const Query& query, Answer& answer) {
+    std::vector<int64_t> begins;
+    for (const Event& event : answer.set_backs) {
+        begins.push_back(event.id);
+    }
+    begins.push_back(0);
+    Part part;
+    part.end = query.before_id;
+    int64_t before = part.end;  // what was earlier
+    for (const int64_t begin : begins) {
+        if (begin >= part.end || answer.more) {
+            continue;
+        }
+        part.begin = begin;
+        const Part narrow = NarrowTo(part, query);
+        if (!ReadPart(narrow, query, answer)) {
+            return false;
+        }
+        before = std::min(before, narrow.end);
+        part.end = begin;
+    }
+    before = answer.events.empty() ? before : answer.events.back().id;
+    // If the limit omitted rows, the beginning of a timeline is before them, not before `from`.
+    return !query.tag || answer.more || ReadEarlier(before, query, answer);
+}
+
+// Without the events that are certainly earlier or later than the query's times.
+History::Part History::NarrowTo(Part part, const Query& query) {
+    const auto find = [&](const char* sql, int64_t time, int64_t otherwise) {
+        const Statement row = Compile(sql);
+        sqlite3_bind_int64(row.get(), 1, part.begin);
+        sqlite3_bind_int64(row.get(), 2, part.end);
+        sqlite3_bind_int64(row.get(), 3, time);
+        return row && sqlite3_step(row.get()) == SQLITE_ROW ? sqlite3_column_int64(row.get(), 0)
+                                                            : otherwise;
+    };
+    Part narrow = part;
+    if (query.from > SET_BACK) {
+        narrow.begin = find(
+            "SELECT id FROM events WHERE +id >= ?1 AND +id < ?2 AND time < ?3"
+            " ORDER BY time DESC LIMIT 1",
+            query.from - SET_BACK, part.begin);
+    }
+    if (query.until < std::numeric_limits<int64_t>::max() - SET_BACK) {
+        narrow.end = find(
+            "SELECT id FROM events WHERE +id >= ?1 AND +id < ?2 AND time > ?3"
+            " ORDER BY time LIMIT 1",
+            query.until + SET_BACK, part.end);
+    }
+    return narrow;
+}
+
+bool History::ReadPart(const Part& part, const Query& query, Answer& answer) {
+    const unsigned limit = std::min(query.limit, MAX_ROWS);
     std::string sql = std::string("SELECT ") + COLUMNS + " FROM events WHERE ";
     sql += query.tag ? "tag = ?1 AND " : "";
-    sql += "time BETWEEN ?2 AND ?3 AND (time < ?3 OR id < ?4) ORDER BY time DESC, id DESC LIMIT ?5";
+    sql += "id >= ?2 AND id < ?3 AND +time BETWEEN ?4 AND ?5 ORDER BY id DESC LIMIT ?6";
     const Statement rows = Compile(sql.c_str());
     if (!rows) {
         return false;
     }
     sqlite3_bind_int64(rows.get(), 1, query.tag.value_or(0));
-    sqlite3_bind_int64(rows.get(), 2, query.from);
-    sqlite3_bind_int64(rows.get(), 3, until);
-    sqlite3_bind_int64(rows.get(), 4, query.before_id);
-    sqlite3_bind_int64(rows.get(), 5, static_cast<int64_t>(limit) + 1);
+    sqlite3_bind_int64(rows.get(), 2, part.begin);
+    sqlite3_bind_int64(rows.get(), 3, part.end);
+    sqlite3_bind_int64(rows.get(), 4, query.from);
+    sqlite3_bind_int64(rows.get(), 5, query.until);
+    sqlite3_bind_int64(rows.get(), 6, static_cast<int64_t>(limit - answer.events.size()) + 1);
     while ((m_code = sqlite3_step(rows.get())) == SQLITE_ROW) {
         if (answer.events.size() == limit) {
             answer.more = true;
@@ -80,20 +136,17 @@ bool History::ReadEvents(const Query& query, Answer& answer) {
     return m_code == SQLITE_ROW || m_code == SQLITE_DONE;
 }
 
-// The beginning of a timeline. If the limit omitted rows, it is before them, not before `from`.
-bool History::ReadEarlier(const Query& query, Answer& answer) {
-    if (!query.tag || answer.more) {
-        return true;
-    }
+bool History::ReadEarlier(int64_t before_id, const Query& query, Answer& answer) {
     const Statement row = Compile((std::string("SELECT ") + COLUMNS +
-                                   " FROM events WHERE tag = ?1 AND time < ?2 AND kind = 1 ORDER "
-                                   "BY time DESC, id DESC LIMIT 1")
+                                   " FROM events WHERE tag = ?1 AND id < ?2 AND kind = 1 AND "
+                                   "+time < ?3 ORDER BY id DESC LIMIT 1")
                                       .c_str());
     if (!row) {
         return false;
     }
     sqlite3_bind_int64(row.get(), 1, *query.tag);
-    sqlite3_bind_int64(row.get(), 2, query.from);
+    sqlite3_bind_int64(row.get(), 2, before_id);
+    sqlite3_bind_int64(row.get(), 3, query.from);
     m_code = sqlite3_step(row.get());
     if (m_code == SQLITE_ROW) {
         answer.earlier = EventOf(row.get());

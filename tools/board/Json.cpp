@@ -105,6 +105,8 @@ const char* KindText(EventKind kind) {
             return "gap-begin";
         case EventKind::GapEnd:
             return "gap-end";
+        case EventKind::ClockSetBack:
+            return "clock-set-back";
     }
     return "unknown";
 }

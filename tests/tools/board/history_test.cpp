@@ -194,4 +194,37 @@ TEST_F(HistoryTest, RecordsGaps) {
     EXPECT_EQ(answer->gaps[1].until, START + 6000 + excess - 1);
 }
 
+// The order is that in which things happened, page by page, whatever the clock said.
+TEST_F(HistoryTest, NotesAClockThatIsSetBack) {
+    const int64_t hour = 3600'000;
+    History history(settings);
+    history.Open(START);
+    for (const int64_t time :
+         {START + hour, START + hour + 5, START + hour + 1, START, START + 7}) {
+        AddTold(history, time, true);
+    }
+    history.Store(START);
+    History::Query query;
+    query.limit = 2;
+    std::vector<int64_t> times;
+    for (auto answer = history.Find(query, START); answer && !answer->events.empty();
+         answer = history.Find(query, START)) {
+        ASSERT_EQ(answer->set_backs.size(), 1U);
+        EXPECT_EQ(answer->set_backs[0].duration, hour + 1);
+        for (const Event& event : answer->events) {
+            times.push_back(event.time - START);
+            query.before_id = event.id;
+        }
+    }
+    EXPECT_EQ(times, (std::vector<int64_t>{7, 0, 0, hour + 1, hour + 5, hour}));
+    query = {};
+    query.tag = PIN;
+    query.from = START + 5;
+    query.until = START + hour;
+    const auto answer = history.Find(query, START);
+    ASSERT_EQ(answer->events.size(), 2U);
+    EXPECT_EQ(answer->events[0].time, START + 7);
+    EXPECT_FALSE(answer->earlier);
+}
+
 }  // namespace
