@@ -3,6 +3,7 @@
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
+import { createServer, request } from "node:http";
 import { createRequire } from "node:module";
 import { setTimeout as sleep } from "node:timers/promises";
 
@@ -38,6 +39,8 @@ page.on("pageerror", (error) => errors.push(error.message));
 page.on("dialog", (dialog) => { errors.push(`a name was run: ${dialog.message()}`); dialog.dismiss(); });
 
 const lamp = (pin) => page.$eval(`a[href="#/pin/${pin}"]`, (link) => ({ className: link.className, text: link.innerText }));
+const dialogText = () => page.$eval("dialog", (dialog) => dialog.innerText);
+const signal = (name) => execFileSync("sh", ["-c", `kill -${name} $(cat /run/board.pid)`]);
 const isLit = async (pin) => (await lamp(pin)).className.split(" ").includes("L");
 const goTo = async (route) => {
     await page.goto(`${url}#/${route}`);
@@ -102,15 +105,70 @@ const tests = {
         await page.keyboard.press("Enter");
         await until("the control server was told", () => told().includes("< GPO 2 xxLxx"));
         await until("lit", () => page.$(".big .bulb.L"));
-        await until("closed", async () => !await page.$("dialog[open]"));
+        await until("the dialog knows", async () => /Sent.*The pin now: low, told by/s.test(await dialogText()));
+        await picture("sent", 1280, 800, "dark");
+        await page.keyboard.press("Enter"); // closes it
+        assert.equal(await page.$("dialog[open]"), null);
         assert.match(await page.$eval(".panel:last-child", (panel) => panel.innerText), /set from a board/);
     },
-    async "a lost board is reported, and the page recovers"() {
+    async "whether a set without an answer was sent is not known"() {
+        signal("STOP");
+        await page.evaluate(() => [...document.querySelectorAll("button")].find((one) => one.innerText === "Set high\u2026").click());
+        await page.keyboard.press("Enter");
+        await until("told", async () => /not known/.test(await dialogText()));
+        assert.equal(await page.$("dialog button.main:not([disabled])"), null);
+        assert.match(await dialogText(), /Close/);
+        await picture("unsure", 1280, 800, "light");
+        signal("CONT");
+        await until("the pin is followed", async () => /The pin now: high, told by/.test(await dialogText()));
+        await page.keyboard.press("Escape");
+    },
+    async "ten pages of a browser share a stream"() {
+        const pages = await Promise.all(Array.from({ length: 9 }, () => browser.newPage()));
+        for (const one of pages) {
+            await one.goto(url);
+            await until("live", () => one.evaluate(() => document.getElementById("status").innerText === "live"));
+            await one.waitForSelector(".lamp");
+        }
+        control("GPI 2 HLHHH");
+        for (const one of [page, ...pages]) {
+            await until("told", () => one.evaluate(() => fetch("api/v1/pins").then((answer) => answer.ok)));
+        }
+        await goTo("");
+        for (const one of [page, ...pages]) {
+            await until("lit", () => one.$('a[href="#/pin/1:2:in2"].L'));
+        }
+        assert.match(await page.evaluate(() => fetch("metrics").then((answer) => answer.text())), /\norvex_board_viewers 1\n/);
+        await Promise.all(pages.map((one) => one.close()));
+    },
+    async "behind a proxy, the page works under a prefix"() {
+        const proxy = createServer((from, to) => {
+            if (!from.url.startsWith("/board/")) {
+                to.writeHead(404).end();
+                return;
+            }
+            from.pipe(request(url + from.url.slice(7), { method: from.method, headers: from.headers }, (answer) => {
+                to.writeHead(answer.statusCode, answer.headers);
+                answer.pipe(to);
+            }));
+        }).listen(8080);
+        await page.goto("http://127.0.0.1:8080/board/#/history");
+        await page.waitForSelector("tbody tr");
+        assert.equal(await page.$eval("#status", (status) => status.innerText), "live");
+        await page.goto(url);
+        proxy.close();
+        proxy.closeAllConnections();
+    },
+    async "a lost board is reported, no level is known, and the page recovers"() {
         await goTo("");
         away = true;
-        execFileSync("sh", ["-c", "kill -9 $(cat /run/board.pid)"]);
+        signal("KILL");
         await until("a banner", () => page.$("#banner:not([hidden])"));
-        assert.match(await page.$eval("#banner", (banner) => banner.innerText), /can't be reached/);
+        assert.match(await page.$eval("#banner", (banner) => banner.innerText), /can't be reached. No level is known since/);
+        const texts = await page.$$eval(".lamp, .count", (all) => all.map((one) => [one.className, one.innerText].join()));
+        assert.deepEqual(texts.filter((text) => !/unknown.*\?|levels not known/s.test(text)), []);
+        await sleep(1500);
+        assert.deepEqual(await page.$$eval(".lamp, .count", (all) => all.map((one) => [one.className, one.innerText].join())), texts);
         await picture("away", 1280, 800, "dark");
         control("GPI 2 LHHHH");
         spawn("bash", ["/run/board.sh"]);

@@ -1,7 +1,7 @@
 // All pins, as lamps in groups.
 import { h } from "./dom.js";
-import { now, on, store } from "./store.js";
-import { classOf, levelText, nameOf, rankOf, running, span, whoText } from "./text.js";
+import { asKnown, isCurrent, now, on, store } from "./store.js";
+import { ageText, classOf, levelText, nameOf, rankOf, running, whoText } from "./text.js";
 
 const SLICE = 8; // ms of work between two frames, so that thousands of lamps don't delay the first
 
@@ -35,7 +35,8 @@ function setText(element, text) {
     }
 }
 
-function show(parts, pin) {
+function show(parts, latest) {
+    const pin = asKnown(latest);
     parts.pin = pin;
     const className = `lamp ${classOf(pin)}`;
     if (parts.link.className !== className) {
@@ -50,8 +51,7 @@ function show(parts, pin) {
 function showAge(parts) {
     const pin = parts.pin;
     const time = now();
-    setText(parts.age, (nameOf(pin) === pin.pin ? "" : `${pin.pin} \u00b7 `) +
-        (pin.since ? span(time - pin.since) : "never heard"));
+    setText(parts.age, (nameOf(pin) === pin.pin ? "" : `${pin.pin} \u00b7 `) + ageText(pin, time));
     setText(parts.who, whoText(pin, time));
 }
 
@@ -192,10 +192,13 @@ function filter() {
 function showCount() {
     const total = store.pins.size;
     let low = 0;
+    let unknown = 0;
     for (const pin of store.pins.values()) {
         low += pin.level === "L" && pin.state === "told" ? 1 : 0;
+        unknown += pin.level === null ? 1 : 0;
     }
-    view.count.textContent = words.length ? `${shown} of ${total} pins` : `${total} pins, ${low} low`;
+    const levels = isCurrent() ? `${low} low${unknown ? `, ${unknown} not known` : ""}` : "levels not known";
+    view.count.textContent = words.length ? `${shown} of ${total} pins` : `${total} pins, ${levels}`;
     view.empty.hidden = shown > 0 || pending.length > 0;
     view.empty.textContent = total ? "No pin matches the search."
         : "Nothing has been heard yet. Pins appear as devices report them, or when a file of names (--names) or a control server (-r) lists them.";
@@ -241,7 +244,16 @@ on("pins", () => {
         build();
     }
 });
-setInterval(() => view && showAges(), 1000);
+// When the board is lost or back, what is known of all pins changes.
+let current = false;
+on("status", () => {
+    if (current !== isCurrent()) {
+        current = isCurrent();
+        [...lamps.keys()].forEach((pin) => changed.add(pin));
+        draw();
+    }
+});
+setInterval(() => view && isCurrent() && showAges(), 1000);
 setInterval(() => {
     for (const { group } of view ? visible : []) {
         group.lamps.filter(({ pin }) => running(pin, now()) > 0).forEach(showAge);

@@ -4,7 +4,7 @@ import { showLamps } from "./lamps.js";
 import { showChannels, showDevices, showHistory } from "./lists.js";
 import { showPin } from "./pin.js";
 import { on, start, store } from "./store.js";
-import { span } from "./text.js";
+import { timeText } from "./text.js";
 
 const main = document.getElementById("main");
 const banner = document.getElementById("banner");
@@ -35,10 +35,11 @@ function troubles() {
     const { board } = store;
     const found = [];
     if (store.state === "lost") {
-        found.push(`The board can't be reached${store.since ? `: the data is ${span(Date.now() - store.since)} old` : ""}. Trying again.`);
+        found.push((store.reason ? `The board refuses to send what happens: ${store.reason}.` : "The board can't be reached.") +
+            ` No level is known${store.since ? ` since ${timeText(store.since)}` : ""}. Trying again.`);
     }
     if (board && !board.link.up) {
-        found.push(`The bus can't be heard (${board.link.problem}): no level is known.`);
+        found.push(`The bus can't be heard (${board.link.problem}): levels are not known.`);
     }
     if (board?.history.problem) {
         found.push(`The history is not written: ${board.history.problem}`);
@@ -74,7 +75,6 @@ function showStatus() {
     const live = store.state === "live" && store.board?.link.up;
     status.className = live ? "status" : "status bad";
     status.textContent = store.state === "live" ? (live ? "live" : "no bus") : store.state;
-    main.classList.toggle("old", !live);
     document.querySelector('nav a[href="#/channels"]').hidden = !store.board?.control;
 }
 

@@ -1,7 +1,7 @@
 // The view of one pin: its state, its history, and setting it.
 import { h, row, table } from "./dom.js";
 import { askToSet } from "./set.js";
-import { ask, now, on, store } from "./store.js";
+import { ask, asKnown, now, on, store } from "./store.js";
 import { classOf, kindText, levelText, nameOf, running, span, timeText } from "./text.js";
 import { Timeline } from "./timeline.js";
 
@@ -11,30 +11,33 @@ for (const kind of ["pin", "new"]) {
     on(kind, (pin) => current?.name === pin.pin && current.show());
 }
 on("pins", () => current?.show());
+on("status", () => current?.show());
 setInterval(() => current?.show(), 500);
 
 function stateText(pin) {
     const states = {
         told: "told by a device",
         written: "written, and not confirmed by a device since",
-        unknown: "not known",
     };
     return states[pin.state];
 }
 
 function facts(pin) {
     const time = now();
-    const rows = [["Level", `${levelText(pin.level)}${pin.level ? ` (${pin.level})` : ""}, ${stateText(pin)}`]];
-    if (pin.since) {
+    const rows = [["Level", pin.level ? `${levelText(pin.level)} (${pin.level}), ${stateText(pin)}` : "not known"]];
+    if (pin.was) {
+        rows.push(["Last known", `${levelText(pin.was)}, at ${timeText(store.since + store.offset)}`]);
+    } else if (pin.level) {
         rows.push(["Since", `${timeText(pin.since)}, ${span(time - pin.since)} ago`]);
     }
     if (pin.heard) {
-        rows.push(["Told by", pin.by]);
+        rows.push(["Told by", pin.level ? pin.by : `${pin.by}, last at ${timeText(pin.heard)}`]);
     }
     if (pin.write) {
         const { level, duration, by, at } = pin.write;
         const left = running(pin, time);
-        rows.push(["Last write", `${level}${duration ? ` for ${duration} ms` : ""} by ${by}, ${span(time - at)} ago` +
+        rows.push(["Last write", `${level}${duration ? ` for ${duration} ms` : ""} by ${by}, ` +
+            (pin.was === undefined ? `${span(time - at)} ago` : `at ${timeText(at)}`) +
             (left ? `, ${(left / 1000).toFixed(1)} s left` : "")]);
         if (pin.denied) {
             rows.push(["Note", "The device answers high, as it does for all outputs beyond channel 8, whatever their level: whether the write was carried out is not known."]);
@@ -43,16 +46,23 @@ function facts(pin) {
     return rows.flatMap(([term, text]) => [h("dt", {}, term), h("dd", {}, text)]);
 }
 
+function noteOf(event) {
+    if (event.kind === "clock-set-back") {
+        return `by ${span(event.duration)}: the rows above are later than those below`;
+    }
+    return event.text ?? (event.kind === "told" && !event.level ? "not known from here" : "");
+}
+
 export function eventRow(event, withPin) {
-    const gap = event.kind.startsWith("gap");
+    const gap = event.kind.startsWith("gap") || event.kind === "clock-set-back";
     const level = event.level ? h("span", { className: `mark ${event.level}` }, event.level + (event.duration ? ` for ${event.duration} ms` : "")) : "";
     const pin = withPin && event.pin ? h("a", { href: `#/pin/${event.pin}` }, event.title || event.name || event.pin) : "";
     return row(gap ? "gap" : "", timeText(event.time), ...(withPin ? [pin] : []), level, kindText(event.kind),
-        event.host ?? "", h("td", { className: "text" }, event.text ?? (event.kind === "told" && !event.level ? "not known from here" : "")));
+        event.host ?? "", h("td", { className: "text" }, noteOf(event)));
 }
 
 export function showPin(main, name) {
-    const pinNow = () => store.pins.get(name) ?? { pin: name, level: null, state: "unknown", since: null };
+    const pinNow = () => asKnown(store.pins.get(name) ?? { pin: name, level: null, state: "unknown", since: null });
     const bulb = h("span", { className: "bulb" });
     const list = h("dl", { className: "facts" });
     const heading = h("h1", {}, name);
@@ -77,11 +87,11 @@ export function showPin(main, name) {
     }
     async function showPast() {
         try {
-            const answer = await ask(`/api/v1/history?pin=${encodeURIComponent(name)}&limit=100`);
+            const answer = await ask(`api/v1/history?pin=${encodeURIComponent(name)}&limit=100`);
             past.replaceChildren(h("h2", {}, "What happened"),
                 answer.events.length ? table("What happened to the pin", ["Time", "Level", "What", "Who", "Notes"], answer.events.map((event) => eventRow(event, false)))
                     : h("p", { className: "empty" }, "Nothing yet."),
-                h("p", {}, h("a", { href: `/api/v1/history?pin=${encodeURIComponent(name)}&limit=10000&format=csv`, download: "" }, "Download as CSV")));
+                h("p", {}, h("a", { href: `api/v1/history?pin=${encodeURIComponent(name)}&limit=10000&format=csv`, download: "" }, "Download as CSV")));
         } catch (error) {
             past.replaceChildren(h("p", { className: "empty" }, `The history can't be read: ${error.message}`));
         }

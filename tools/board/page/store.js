@@ -1,20 +1,23 @@
 // The data from the board, kept up to date by its stream.
+import { follow } from "./follow.js";
 
-const SILENT_FOR = 12000; // ms; the board sends a beat every 5 s
+const SILENT_FOR = 15000; // ms; the stream itself ends earlier
 const AGAIN_IN = 3000;
+const WORKER_TIME = 3000; // for its first answer
 
 export const store = {
     pins: new Map(), groups: [], board: null, allowSet: false,
     offset: 0,          // the board's clock minus this one
     state: "connecting", // live, lost
+    reason: "",         // why it is lost, if the board says so
     since: 0,           // when it was last live
-    channels: new Map(), devices: new Map(),
 };
 
 const listeners = new Map();
-let source = null;
+let close = null; // ends the stream
+let open = false; // it is connected
 let heard = 0;
-let loading = false;
+let waiting = null; // events that came while all pins were being loaded
 
 // kind: "pin" or "new" (with the pin), "pins" (all have changed), "status", "device", "channel". Returns a
 // function that unsubscribes.
@@ -41,81 +44,139 @@ export async function ask(path) {
     return body;
 }
 
-function become(state) {
-    if (state === "live") {
-        heard = Date.now();
-        store.since = heard;
-    }
-    if (store.state !== state) {
+function become(state, reason = "") {
+    if (store.state !== state || store.reason !== reason) {
         store.state = state;
+        store.reason = reason;
         tell("status");
     }
 }
 
+const takers = {
+    pin(data) {
+        const isNew = !store.pins.has(data.pin);
+        store.pins.set(data.pin, data);
+        tell(isNew ? "new" : "pin", data);
+    },
+    board(data) {
+        store.board = data;
+        tell("status");
+    },
+    beat(data) { store.offset = data.now - Date.now(); },
+    device(data) { tell("device", data); },
+    channel(data) { tell("channel", data); },
+    reload() { load(); },
+};
+
+function take(event) {
+    heard = Date.now();
+    if (event.name === "open") {
+        open = true;
+        load();
+    } else if (event.name === "lost") {
+        open = false;
+        become("lost", event.reason);
+    } else if (waiting) {
+        waiting.push(event);
+    } else if (store.state === "live") {
+        store.since = heard;
+        takers[event.name]?.(event.data);
+    }
+}
+
+const numberOf = (id) => Number(id.slice(id.lastIndexOf("-") + 1));
+const runOf = (id) => id.slice(0, id.lastIndexOf("-"));
+
+// All pins, then what has happened since. The stream must be connected before, so that nothing is missed.
 async function load() {
-    if (loading) {
+    if (waiting) {
         return;
     }
-    loading = true;
-    source?.close();
-    source = null;
+    waiting = [];
     try {
-        const all = await ask("/api/v1/pins");
+        const all = await ask("api/v1/pins");
         store.offset = all.now - Date.now();
         store.groups = all.groups;
         store.board = all.board;
         store.allowSet = all.allow_set;
         store.pins = new Map(all.pins.map((pin) => [pin.pin, pin]));
-        follow(all.stream);
+        const later = waiting.filter(({ id }) => runOf(id) !== runOf(all.stream) || numberOf(id) > numberOf(all.stream));
+        waiting = null;
+        if (open) {
+            store.since = heard = Date.now();
+            become("live");
+        }
         tell("pins");
         tell("status");
+        later.forEach(take);
     } catch {
+        waiting = null;
         become("lost");
-        setTimeout(load, AGAIN_IN);
-    } finally {
-        loading = false;
+        setTimeout(() => open && load(), AGAIN_IN);
     }
 }
 
-function follow(after) {
-    source = new EventSource(`/api/v1/events?after=${encodeURIComponent(after)}`);
-    const events = {
-        pin(data) {
-            const isNew = !store.pins.has(data.pin);
-            store.pins.set(data.pin, data);
-            tell(isNew ? "new" : "pin", data);
-        },
-        board(data) {
-            store.board = data;
-            tell("status");
-        },
-        beat(data) { store.offset = data.now - Date.now(); },
-        device(data) { tell("device", data); },
-        channel(data) { tell("channel", data); },
-        reload() { load(); },
-    };
-    for (const [name, take] of Object.entries(events)) {
-        source.addEventListener(name, (event) => {
-            become("live");
-            take(JSON.parse(event.data));
-        });
-    }
-    source.onopen = () => become("live");
-    source.onerror = () => {
-        become("lost");
-        if (source?.readyState === EventSource.CLOSED) {
-            source = null;
-            setTimeout(load, AGAIN_IN);
+// This page's own stream, while it is visible: hidden pages leave the connection to the others.
+function followAlone() {
+    let end = null;
+    const change = () => {
+        end?.abort();
+        end = document.hidden ? null : new AbortController();
+        if (end) {
+            const { signal } = end;
+            follow((event) => signal.aborted || take(event), signal);
+        } else {
+            take({ name: "lost", reason: "" });
         }
     };
+    document.addEventListener("visibilitychange", change);
+    change();
+    return () => { end?.abort(); document.removeEventListener("visibilitychange", change); };
+}
+
+// One stream for all pages of the browser, where it has shared workers.
+function followTogether() {
+    const script = new URL("worker.js", import.meta.url).href;
+    const policy = window.trustedTypes?.createPolicy("worker", { createScriptURL: () => script });
+    const worker = new SharedWorker(policy?.createScriptURL("") ?? script, { type: "module", name: "stream 1" });
+    const alone = () => { close(); close = followAlone(); };
+    const late = setTimeout(alone, WORKER_TIME);
+    worker.onerror = () => { clearTimeout(late); alone(); };
+    worker.port.onmessage = ({ data }) => { clearTimeout(late); take(data); };
+    return () => {
+        clearTimeout(late);
+        worker.port.postMessage("closing");
+        worker.port.close();
+    };
+}
+
+function connect() {
+    close?.();
+    open = false;
+    try {
+        close = followTogether();
+    } catch {
+        close = followAlone();
+    }
+}
+
+function look() {
+    if (store.state === "live" && Date.now() - heard > SILENT_FOR) {
+        become("lost");
+        connect();
+    }
 }
 
 export function start() {
-    load();
-    setInterval(() => {
-        if (store.state === "live" && Date.now() - heard > SILENT_FOR) {
-            become("lost");
-            load();
-        }
-    }, 1000);
+    connect();
+    setInterval(look, 1000);
+    document.addEventListener("visibilitychange", look);
+    addEventListener("pagehide", () => close());
+    addEventListener("pageshow", (event) => event.persisted && connect());
 }
+
+// Whether what the pins say is current.
+export const isCurrent = () => store.state === "live";
+
+// A pin as far as it is known now; `was` is its last known level.
+export const asKnown = (pin) => (isCurrent() ? pin : { ...pin, level: null, state: "unknown", was: pin.level });

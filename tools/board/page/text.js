@@ -10,6 +10,9 @@ const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit" 
 
 export const timeText = (ms) => clock.format(ms);
 
+// The time alone if that is not long ago.
+export const dayTimeText = (ms, now) => (now - ms < 12 * 3600e3 ? second : clock).format(ms);
+
 // The label of a line on an axis with one every `step` ms. Midnight is labelled with its date.
 export function axisText(ms, step) {
     const isMidnight = new Date(ms).getHours() === 0 && new Date(ms).getMinutes() === 0;
@@ -48,18 +51,30 @@ const KINDS = {
     told: "told", written: "written on the bus", set: "set from a board", "device-first": "first heard",
     "device-missing": "no longer answers", "device-back": "answers again",
     "gap-begin": "nothing heard from here", "gap-end": "heard again",
+    "clock-set-back": "the clock was set back",
 };
 export const kindText = (kind) => KINDS[kind] ?? kind;
 
-// The remaining duration of a write in ms; 0 if it has no limit or is over.
+// The remaining duration of a write in ms; 0 if it has no limit, is over, or is not known.
 export function running(pin, now) {
     const write = pin.write;
-    return write && write.duration ? Math.max(0, write.at + write.duration - now) : 0;
+    return write && write.duration && pin.was === undefined ? Math.max(0, write.at + write.duration - now) : 0;
 }
 
 export function classOf(pin) {
     const level = pin.level ?? "unknown";
     return pin.state === "written" ? `${level} written` : level;
+}
+
+// Since when the level is known, or what was known last. Times that are not known don't count on.
+export function ageText(pin, now) {
+    if (pin.was !== undefined) {
+        return pin.was && pin.state === "unknown" ? `was ${pin.was}` : "not known";
+    }
+    if (pin.level !== null) {
+        return span(now - pin.since);
+    }
+    return pin.heard ? `last heard ${dayTimeText(pin.heard, now)}` : "never heard";
 }
 
 export function whoText(pin, now) {

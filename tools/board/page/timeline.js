@@ -1,6 +1,6 @@
 // The level of a pin over time, with zooming and scrolling.
 import { h } from "./dom.js";
-import { ask, now, on } from "./store.js";
+import { ask, isCurrent, now, on, store } from "./store.js";
 import { axisText, levelText, span, timeText } from "./text.js";
 
 const TOP = 22; // of the levels; writes are above
@@ -9,16 +9,23 @@ const MAX_SPAN = 400 * 86400e3;
 const SPANS = [["10 min", 600e3], ["1 h", 3600e3], ["8 h", 8 * 3600e3], ["1 d", 86400e3], ["1 w", 7 * 86400e3], ["4 w", 28 * 86400e3]];
 const STEPS = [1, 2, 5, 10, 20, 30, 60, 120, 300, 600, 1200, 1800, 3600, 7200, 14400, 21600, 43200, 86400, 172800, 604800, 1209600].map((s) => s * 1000);
 
+// Without events that others overtook because the clock was set back: their times came again.
+function latestRun(events) {
+    let oldest = Infinity;
+    return events.filter(({ time }) => time <= oldest + 1000 && ((oldest = Math.min(oldest, time)), true));
+}
+
 // Periods of one level, oldest first. After a gap, the level is unknown until it is told again.
 export function stretches(answer, from, until) {
     const marks = [];
+    const told = latestRun(answer.events.filter((one) => one.kind === "told"));
     for (const gap of answer.gaps) {
         marks.push({ time: gap.from, level: "gap", text: gap.reason });
         if (gap.until !== null) {
             marks.push({ time: gap.until, level: null });
         }
     }
-    for (const event of answer.events.filter((one) => one.kind === "told").reverse()) {
+    for (const event of told.reverse()) {
         marks.push({ time: event.time, level: event.level, text: event.text, host: event.host });
     }
     marks.sort((a, b) => a.time - b.time);
@@ -113,6 +120,19 @@ function drawWrites(context, events, x, colour) {
     }
 }
 
+// Where the clock was set back: an hour may have two pasts, of which the later one is drawn.
+function drawSetBacks(context, all, x, bottom, colour) {
+    context.strokeStyle = colour.lit;
+    context.setLineDash([4, 4]);
+    for (const { time } of all) {
+        context.beginPath();
+        context.moveTo(x(time), 0);
+        context.lineTo(x(time), bottom);
+        context.stroke();
+    }
+    context.setLineDash([]);
+}
+
 const colours = () => {
     const style = getComputedStyle(document.documentElement);
     return Object.fromEntries(["lit", "dim", "line", "text", "card", "asked"].map((name) => [name, style.getPropertyValue(`--${name}`).trim()]));
@@ -170,10 +190,11 @@ export class Timeline {
         const x = (time) => (time - from) / (until - from) * width;
         const colour = colours();
         const bottom = height - 24;
-        this.#parts = this.#answer ? stretches(this.#answer, from, until) : [];
+        this.#parts = this.#answer ? stretches(this.#known(), from, until) : [];
         drawAxis(context, width, bottom, [from, until], colour);
         drawParts(context, this.#parts, x, bottom, colour);
         drawWrites(context, this.#answer?.events ?? [], x, colour);
+        drawSetBacks(context, this.#answer?.set_back ?? [], x, bottom, colour);
         if (this.#at !== null) {
             context.strokeStyle = colour.text;
             context.beginPath();
@@ -181,6 +202,12 @@ export class Timeline {
             context.lineTo(x(this.#at), bottom);
             context.stroke();
         }
+    }
+
+    // Since the board is lost, nothing is known.
+    #known() {
+        const gap = { from: store.since + store.offset, until: null, reason: "the board can't be reached" };
+        return isCurrent() ? this.#answer : { ...this.#answer, gaps: [...this.#answer.gaps, gap] };
     }
 
     #tell(time) {
@@ -191,7 +218,8 @@ export class Timeline {
                 : levelText(part.level) + (part.host ? `, told by ${part.host}` : "") + (part.text ? ` (${part.text})` : "") + `, for ${span(part.until - part.from)}`;
         const reach = this.#span / this.#canvas.clientWidth * 6;
         const write = (this.#answer?.events ?? []).find((one) => isWrite(one) && Math.abs(one.time - time) < reach);
-        this.#output.textContent = `${timeText(time)}: ${words}` + (write ? `; ${write.level} ${write.kind === "set" ? "set" : "written"} by ${write.host}` : "");
+        const jump = this.#answer?.set_back?.find((one) => Math.abs(one.time - time) < reach);
+        this.#output.textContent = `${timeText(time)}: ${words}` + (jump ? `; the clock was set back by ${span(jump.by)}` : "") + (write ? `; ${write.level} ${write.kind === "set" ? "set" : "written"} by ${write.host}` : "");
         this.#draw();
     }
 
@@ -206,7 +234,7 @@ export class Timeline {
     async #load() {
         const [from, until] = this.#bounds();
         try {
-            this.#answer = await ask(`/api/v1/history?pin=${encodeURIComponent(this.#pin)}&from=${Math.floor(Math.max(0, from))}&to=${Math.ceil(until)}&limit=5000`);
+            this.#answer = await ask(`api/v1/history?pin=${encodeURIComponent(this.#pin)}&from=${Math.floor(Math.max(0, from))}&to=${Math.ceil(until)}&limit=5000`);
             this.#draw();
         } catch (error) {
             this.#output.textContent = `The history can't be read: ${error.message}`;
@@ -245,6 +273,7 @@ export class Timeline {
         this.#ends = [
             () => clearInterval(timer), () => scheme.removeEventListener("change", draw), () => resized.disconnect(),
             on("pin", (changed) => changed.pin === this.#pin && this.#live && this.#refresh()),
+            on("status", draw),
         ];
         this.#listenToPointer();
         this.#canvas.addEventListener("keydown", (event) => this.#onKey(event));
