@@ -36,7 +36,7 @@ function troubles() {
     const found = [];
     if (store.state === "lost") {
         found.push((store.reason ? `The board refuses to send what happens: ${store.reason}.` : "The board can't be reached.") +
-            ` No level is known${store.since ? ` since ${timeText(store.since)}` : ""}. Trying again.`);
+            ` ${store.since ? `Since ${timeText(store.since)}` : "So far"} no level is known. Trying again.`);
     }
     if (board && !board.link.up) {
         found.push(`The bus can't be heard (${board.link.problem}): levels are not known.`);
