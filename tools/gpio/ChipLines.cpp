@@ -9,6 +9,8 @@
 
 namespace {
 
+const uint64_t LONGEST_DELAY_NS = 5000000;  // until the kernel looks at the level
+
 // Of the clock of the edges.
 uint64_t Nanoseconds() {
     timespec now = {};
@@ -42,17 +44,20 @@ LineSettings Released(const HeldLine& line) {
 
 }  // namespace
 
-// Two edges in one direction, without a gap in their numbers, mean that the level has gone away and
-// come back before the kernel looked at it: a short pulse. Edges from before the level was read
-// don't tell that, as that level may be theirs.
+// The kernel looks at the level after the edge. An edge to the level that the line had, without a
+// gap in the numbers, means that it was too late: the level has gone away and come back. The edge
+// that came back may tell the same a moment later. Edges from before the level was read don't tell
+// it, as that level may be theirs.
 std::string HeldLine::Take(const LineEvent& edge) {
     const uint32_t missing = edge.number - edges - 1;
     const char now = edge.is_active ? 'L' : 'H';
     const char other = edge.is_active ? 'H' : 'L';
-    const bool is_pulse = now == level && missing == 0 && edge.time_ns > read_ns;
+    const bool is_pulse = now == level && missing == 0 && edge.time_ns > read_ns &&
+                          edge.time_ns - pulse_ns > LONGEST_DELAY_NS;
     edges = edge.number;
     lost += missing;
     level = now;
+    pulse_ns = is_pulse ? edge.time_ns : pulse_ns;
     return is_pulse ? std::string{other, now} : std::string{now};
 }
 

@@ -27,6 +27,7 @@ struct HeldLine {
     uint32_t edges = 0;      // the number of its last edge
     uint64_t read_ns = 0;    // when its level was read
     uint32_t lost = 0;       // edges since then that were lost
+    uint64_t pulse_ns = 0;   // when a level was last missed
 
     // Takes an edge of an input. Returns the levels that it has had since the last one, in order.
     std::string Take(const LineEvent& edge);

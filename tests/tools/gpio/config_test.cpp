@@ -185,10 +185,13 @@ TEST(GpioWiring, FindsLines) {
 TEST(GpioLines, LosesNoPulse) {
     HeldLine line;
     line.read_ns = 100;
-    EXPECT_EQ(line.Take({50, 0, 1, false}), "H");    // led to the level that was read
-    EXPECT_EQ(line.Take({110, 0, 2, false}), "LH");  // too short for the kernel to see the level
-    EXPECT_EQ(line.Take({120, 0, 3, true}), "L");
-    EXPECT_EQ(line.Take({130, 0, 7, true}), "L");
+    const uint64_t ms = 1000000;
+    EXPECT_EQ(line.Take({50, 0, 1, false}), "H");        // led to the level that was read
+    EXPECT_EQ(line.Take({10 * ms, 0, 2, false}), "LH");  // too short for the kernel to see it
+    EXPECT_EQ(line.Take({11 * ms, 0, 3, false}), "H");   // its end
+    EXPECT_EQ(line.Take({20 * ms, 0, 4, false}), "LH");
+    EXPECT_EQ(line.Take({30 * ms, 0, 5, true}), "L");
+    EXPECT_EQ(line.Take({40 * ms, 0, 9, true}), "L");
     EXPECT_EQ(line.lost, 3U);
 }
 
