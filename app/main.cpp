@@ -8,6 +8,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     CMainLoop loop;
+    loop.TellReady();
     while (loop.Turn()) {
     }
     return 2;

@@ -20,11 +20,6 @@ const useconds_t RECONNECT_PAUSE_US = 3400000;
 const int WAIT_S = 27;
 const long long SWEEP_PERIOD_MS = 27000;
 
-long long milliseconds_between(const timeval& from, const timeval& to) {
-    return (static_cast<long long>(to.tv_sec) - from.tv_sec) * 1000 +
-           (to.tv_usec - from.tv_usec) / 1000;
-}
-
 // Moves line past the word if it begins with it.
 bool skip_word(const char*& line, const char* word) {
     const size_t len = strlen(word);
@@ -45,9 +40,14 @@ CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
     FD_ZERO(&m_readable);
 }
 
+void CMainLoop::TellReady() {
+    m_life_signs.Ready();
+}
+
 bool CMainLoop::Turn() {
     keep_control_connection();
     begin_read_set();
+    m_life_signs.Give(m_now);
     if (drop_vanished()) {
         return true;
     }
@@ -74,6 +74,7 @@ void CMainLoop::keep_control_connection() {
     do {
         usleep(RECONNECT_PAUSE_US);
         connect_control();
+        m_life_signs.GiveNow();
     } while (local.get_fd() == -1);
     request_configuration();
     if (resubscribe) {

@@ -2,6 +2,7 @@
 //
 //   orvex.cpp        settings, endpoints, command line, start-up
 //   environment.cpp  the settings from environment variables
+//   lifesigns.cpp    signs of life for the service manager
 //   mainloop.cpp     the select() loop
 //   channels.cpp     the channel table and the control lines that change it
 //   state.cpp        pin states between the bus, the channel table and TQRD
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "app/lifesigns.h"
 #include "gpiocli/gpiocli.h"
 #include "msg/Message.h"
 #include "net/SvcAddress.h"
@@ -141,6 +143,10 @@ public:
     // The first sweep of the remote connections is due 27 s from now.
     CMainLoop();
 
+    // Tells the service manager, if there is one, that the daemon is ready, and from then on that
+    // its loop turns: after the end of each turn, and while it waits for TQRD.
+    void TellReady();
+
     // One turn: waits for input, at most 27 s or a peer_watch_period(), and handles it. If the
     // control connection is down, it first restores it, however long that takes. False, after a
     // message, if select() failed.
@@ -161,6 +167,7 @@ private:
     void watch(int fd);
     bool is_readable(int fd) const { return fd != -1 && FD_ISSET(fd, &m_readable); }
 
+    CLifeSigns m_life_signs;
     CMessage m_received;            // the last message from the bus
     timeval m_sweep;                // time of the last sweep of the remote connections
     timeval m_looked;               // time of the last check for vanished peers

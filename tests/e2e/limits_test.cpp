@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "tests/e2e/Wired.h"
+#include "tests/support/Manager.h"
 #include "tests/support/sockets.h"
 
 namespace {
@@ -149,6 +150,31 @@ TEST_F(Limits, TheClockPasses2038) {
     })) << "the sweep is due";
     EXPECT_TRUE(AwaitHeard(remote, "ADD GPI 1", 2));
     EXPECT_TRUE(Works());
+}
+
+// It is not watched without limits: then a server may hold a turn for as long as the system tries.
+TEST_F(Limits, TheServiceManagerSeesThatItTurns) {
+    const Host::Scope on(device);
+    const Manager manager;
+    StartControl();
+    std::vector<std::string> environment = {"NOTIFY_SOCKET=" + manager.Name(),
+                                            "WATCHDOG_USEC=42000000"};
+    StartDaemon({"-debug"}, environment);
+    EXPECT_EQ(manager.Next(), "WATCHDOG_USEC=0");
+    EXPECT_EQ(manager.Next(), "READY=1");
+    daemon.reset();
+    environment.insert(environment.end(), {"ORVEX_CONNECT_TIMEOUT=0.1", "ORVEX_PEER_TIMEOUT=2"});
+    StartDaemon({"-debug"}, environment);
+    EXPECT_EQ(manager.Next(), "READY=1");
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    EXPECT_EQ(manager.Next(100), "");
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    tqrd.server.Close();
+    ASSERT_TRUE(AwaitErr("Connection to TQRD lost"));
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1") << "it waits for TQRD";
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    daemon->Signal(SIGSTOP);
+    EXPECT_EQ(manager.Next(6000), "");
 }
 
 }  // namespace

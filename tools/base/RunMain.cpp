@@ -3,7 +3,10 @@
 #include <cstdio>
 #include <exception>
 
+#include "tools/base/Journal.h"
+
 int RunMain(const char* name, const std::function<int()>& program) {
+    MarkErrors();
     try {
         return program();
     } catch (const std::exception& error) {

@@ -14,6 +14,7 @@
 
 #include "protocol/numbers.h"
 #include "tools/base/ErrorText.h"
+#include "tools/base/Notify.h"
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
@@ -210,20 +211,25 @@ private:
 
 void Run(ControlServer& server, const Signals& signals) {
     Console console(server);
+    Notify notify;
+    notify.Ready();
     // cppcheck-suppress variableScope; its memory is used again
     std::vector<pollfd> fds;
     while (!console.HasQuit()) {
         fds = {{signals.Get(), POLLIN, 0}, {console.GetDescriptor(), POLLIN, 0}};
         server.AddDescriptors(fds);
-        poll(fds.data(), fds.size(), server.Timeout(-1));
+        notify.Status("clients connected: " + std::to_string(server.ClientCount()));
+        notify.Beat();
+        poll(fds.data(), fds.size(), server.Timeout(MillisecondsUntil(notify.NextTime())));
         if (fds[0].revents != 0) {
-            return;
+            break;
         }
         server.Serve(fds);
         if (fds[1].revents != 0) {
             console.Read();
         }
     }
+    notify.Stopping();
 }
 
 int Main(int argc, char** argv) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "tests/support/Manager.h"
 #include "tests/support/Process.h"
 #include "tests/tools/server/TestClient.h"
 
@@ -57,6 +58,40 @@ TEST(OrvexSim, EndsWithAStatus) {
         EXPECT_EQ(program.End(), entry.status) << entry.arguments;
         EXPECT_TRUE(program.HasPrinted(entry.message)) << program.Out() << program.Err();
     }
+}
+
+TEST(OrvexSim, TellsTheServiceManager) {
+    const Manager manager;
+    setenv("NOTIFY_SOCKET", manager.Name().c_str(), 1);
+    setenv("WATCHDOG_USEC", "400000", 1);
+    Program program("--listen 127.0.0.1:0");
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    EXPECT_EQ(manager.Next(), "READY=1");
+    EXPECT_EQ(manager.Next(), "STATUS=clients connected: 0");
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    program.Signal(SIGSTOP);
+    std::string last;
+    for (std::string state; !(state = manager.Next(1000)).empty();) {
+        last = state;
+    }
+    program.Signal(SIGCONT);
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1") << last;
+    program.Signal(SIGTERM);
+    while (!(last = manager.Next()).empty() && last != "STOPPING=1") {
+    }
+    EXPECT_EQ(last, "STOPPING=1");
+}
+
+TEST(OrvexSim, MarksErrorsInTheJournal) {
+    const std::string run = ORVEX_SIM_COMMAND " /nonexistent; ";
+    Process shell({"sh", "-c",
+                   "f=$(mktemp); exec 2>>$f; " + run +
+                       "export JOURNAL_STREAM=$(stat -c %d:%i $f); " + run + "cat $f; rm $f"});
+    const std::string message = "orvex-sim: /nonexistent: can't read: No such file or directory\n";
+    EXPECT_TRUE(Await([&shell] { return shell.Pump(), !shell.IsRunning(); }));
+    EXPECT_EQ(shell.Out(), message + "<3>" + message);
 }
 
 TEST(OrvexSim, FollowsFileAndInput) {
