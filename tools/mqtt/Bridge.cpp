@@ -26,14 +26,16 @@ const int MOST_PUBLISHED = 1000;
 
 }  // namespace
 
-Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)> tell)
+Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)> print)
     : m_config(config),
       m_topics(config),
-      m_tell(std::move(tell)),
+      m_log(std::move(print)),
+      m_tell([this](const std::string& text) { m_log.Tell(text); }),
       m_pins(config),
       m_broker(config, m_tell),
       m_sets(config, m_pins, m_tell),
-      m_links(config),
+      m_losses(config.loss_file),
+      m_links(config, m_losses.Saved()),
       m_number(NewRequestId()) {
     m_pins.on_reply = [this](const Traffic& traffic) { m_sets.TakeReply(traffic); };
 }
@@ -87,6 +89,7 @@ void Bridge::Step() {
     CarryOutLinks();
     FollowPhase();
     PublishAll();
+    m_log.Tend();
 }
 
 void Bridge::PublishAll() {
@@ -242,7 +245,7 @@ std::string Bridge::Hindrance() const {
 }
 
 void Bridge::TakeMessages() {
-    for (const int number : m_broker.Acknowledged()) {
+    for (const uint32_t number : m_broker.Acknowledged()) {
         m_unacknowledged.erase(number);
     }
     m_broker.Acknowledged().clear();
@@ -275,6 +278,10 @@ void Bridge::CarryOutLinks() {
         for (const Links::Write& write : m_links.Tend(m_own_sign)) {
             Write(write);
         }
+    }
+    const std::string failure = m_losses.Save(m_links.Losses());
+    if (!failure.empty()) {
+        m_tell(failure);
     }
     for (const std::string& note : m_links.Notes()) {
         m_tell(note);
@@ -450,11 +457,7 @@ void Bridge::PublishDevice(uint32_t host) {
 void Bridge::PublishAnswer() {
     Broker::Outgoing answer = m_sets.Answers().front();
     m_sets.Answers().pop_front();
-    // 0: a topic that the library refuses, with wildcards.
-    const int number = m_broker.Publish(answer);
-    if (number != 0) {
-        m_unacknowledged.emplace(number, std::move(answer));
-    }
+    m_unacknowledged.emplace(m_broker.Publish(answer), std::move(answer));
 }
 
 void Bridge::Publish(const std::string& topic, const std::string& payload, bool retain) {

@@ -9,6 +9,7 @@
 #include "tools/base/Signals.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Links.h"
+#include "tools/mqtt/Log.h"
 #include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Sets.h"
 #include "tools/mqtt/Topics.h"
@@ -27,7 +28,7 @@ public:
     enum class End { Stopped, TakenOver };
 
     // Throws BusError.
-    Bridge(const MqttConfig& config, std::function<void(const std::string&)> tell);
+    Bridge(const MqttConfig& config, std::function<void(const std::string&)> print);
 
     // Runs until a signal comes, or another bridge takes the site over.
     End Run(const Signals& signals);
@@ -71,10 +72,12 @@ private:
 
     const MqttConfig& m_config;
     const Topics m_topics;
+    Log m_log;
     const std::function<void(const std::string&)> m_tell;
     PinBook m_pins;
     Broker m_broker;
     Sets m_sets;
+    LossFile m_losses;
     Links m_links;
 
     Phase m_phase = Phase::Away;
@@ -84,10 +87,10 @@ private:
     uint64_t m_dropped = 0;  // events, as far as reported
     TimePoint m_next_complaint{};
     bool m_has_more = false;
-    std::set<uint32_t> m_unannounced;                  // pins to announce to hubs
-    std::set<uint32_t> m_levels;                       // pins whose level topic is due
-    TimePoint m_rest = TimePoint::max();               // when to call PublishRest(); max: at once
-    std::map<int, Broker::Outgoing> m_unacknowledged;  // answers, by number
+    std::set<uint32_t> m_unannounced;     // pins to announce to hubs
+    std::set<uint32_t> m_levels;          // pins whose level topic is due
+    TimePoint m_rest = TimePoint::max();  // when to call PublishRest(); max: at once
+    std::map<uint32_t, Broker::Outgoing> m_unacknowledged;  // answers, by number
 
     std::set<std::string> m_leftovers;  // retained topics that it has not published
 

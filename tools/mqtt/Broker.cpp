@@ -1,134 +1,43 @@
 #include "tools/mqtt/Broker.h"
 
-#include <mosquitto.h>
-#include <mqtt_protocol.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <csignal>
 #include <cstring>
 
 #include "tools/base/ErrorText.h"
 #include "tools/bus/Question.h"
-#include "tools/mqtt/Topics.h"
+#include "tools/mqtt/Client.h"
 
 namespace {
 
 const double PAUSE_GROWTH = 1.2;  // makes a pause a fifth of the outage before it
-const double LONGEST_PAUSE = 10;
-const double TEND_EVERY = 1;
+const double LONGEST_PAUSE = 10;  // seconds
 const double CONNECT_TIME = 10;
-const int KEEP_ALIVE = 5;  // seconds; a dead bridge is noticed after one and a half of them
-const int REFUSED = 128;   // reasons from here on are failures
-const int PACKETS = 50;    // taken at a time
-const char* const SYSTEM_CAS = "/etc/ssl/certs";
+const double LEAVE_TIME = 1.5;
+const int PACKETS = 50;  // taken at a time
+
+using Type = ClientPacket::Type;
 
 }  // namespace
-
-// Called by the library. They must not throw.
-struct Broker::Callbacks {
-    static void Connected(mosquitto*, void* object, int reason, int, const mosquitto_property*) {
-        auto& self = *static_cast<Broker*>(object);
-        self.m_refusal = reason;
-        self.m_is_connected = reason == 0;
-    }
-
-    static void Disconnected(mosquitto*, void* object, int reason, const mosquitto_property*) {
-        auto& self = *static_cast<Broker*>(object);
-        if (reason >= REFUSED) {
-            self.m_refusal = reason;
-        }
-    }
-
-    static void Received(mosquitto*, void* object, const mosquitto_message* message,
-                         const mosquitto_property* properties) {
-        Message taken;
-        taken.topic = message->topic;
-        taken.payload.assign(static_cast<const char*>(message->payload),
-                             message->payload == nullptr
-                                 ? 0
-                                 : static_cast<size_t>(std::max(message->payloadlen, 0)));
-        taken.retained = message->retain;
-        char* text = nullptr;
-        if (mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &text, false) !=
-            nullptr) {
-            taken.response_topic = text;
-            free(text);
-        }
-        void* data = nullptr;
-        uint16_t size = 0;
-        if (mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size,
-                                           false) != nullptr) {
-            taken.correlation.assign(static_cast<const char*>(data), size);
-            free(data);
-        }
-        uint32_t seconds = 0;
-        if (mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &seconds,
-                                          false) != nullptr) {
-            taken.expiry = seconds;
-        }
-        static_cast<Broker*>(object)->m_inbox.push_back(std::move(taken));
-    }
-
-    static void Acknowledged(mosquitto*, void* object, int number, int reason,
-                             const mosquitto_property*) {
-        auto& self = *static_cast<Broker*>(object);
-        self.m_acknowledged.push_back(number);
-        if (reason >= REFUSED) {
-            self.Tell(std::string("the broker refuses what is published: ") +
-                      mosquitto_reason_string(reason));
-        }
-    }
-
-    static void Subscribed(mosquitto*, void* object, int number, int count, const int* granted,
-                           const mosquitto_property*) {
-        auto& self = *static_cast<Broker*>(object);
-        for (auto& [pending, topic] : self.m_subscriptions) {
-            if (pending == number && count > 0 && granted[0] >= REFUSED) {
-                self.Tell("the broker refuses the subscription of " + topic);
-            }
-        }
-    }
-
-    static void Logged(mosquitto*, void* object, int level, const char* text) {
-        if (level == MOSQ_LOG_ERR) {
-            static_cast<Broker*>(object)->m_last_error = text;
-        }
-    }
-
-    static int NoPassphrase(char*, int, int, void*) { return 0; }
-};
 
 Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)> tell)
     : m_config(config),
       m_tell(std::move(tell)),
       m_name(config.prefix + "-" + config.site + "-" + std::to_string(NewRequestId())),
-      m_pause(FIRST_PAUSE),
       m_next(Now()),
-      m_random(std::random_device()()) {
-    mosquitto_lib_init();
-}
+      m_random(std::random_device()()) {}
 
 Broker::~Broker() {
     Close();
-    mosquitto_lib_cleanup();
-}
-
-int Broker::Socket() const {
-    return m_client == nullptr ? -1 : mosquitto_socket(m_client);
 }
 
 short Broker::Events() const {
-    return static_cast<short>(
-        POLLIN | (m_client != nullptr && mosquitto_want_write(m_client) ? POLLOUT : 0));
-}
-
-TimePoint Broker::NextTime() const {
-    return m_next;
-}
-
-bool Broker::CanSend() const {
-    return m_is_connected && !mosquitto_want_write(m_client);
+    return static_cast<short>(POLLIN | (m_unsent.empty() ? 0 : POLLOUT));
 }
 
 void Broker::Tell(const std::string& text) {
@@ -138,27 +47,15 @@ void Broker::Tell(const std::string& text) {
     }
 }
 
-std::string Broker::Text(int error) const {
-    if (m_refusal != 0) {
-        return mosquitto_reason_string(m_refusal);
-    }
-    if (error == MOSQ_ERR_ERRNO) {
-        return ErrorText(errno);
-    }
-    if (error == MOSQ_ERR_KEEPALIVE) {  // the library has no text for it
-        return "it does not answer";
-    }
-    const std::string text = mosquitto_strerror(error);
-    return m_last_error.empty() ? text : text + " (" + m_last_error + ")";
-}
-
 void Broker::Close() {
-    if (m_client != nullptr) {
-        mosquitto_destroy(m_client);
-        m_client = nullptr;
+    if (m_client > 0) {
+        kill(m_client, SIGKILL);
+        waitpid(m_client, nullptr, 0);
+        m_client = 0;
     }
+    m_socket.Close();
     m_is_connected = false;
-    m_subscriptions.clear();
+    m_unsent.clear();
     m_inbox.clear();
     m_acknowledged.clear();
 }
@@ -171,113 +68,146 @@ void Broker::Drop(const std::string& reason) {
     m_pause = std::min(m_pause * PAUSE_GROWTH, LONGEST_PAUSE);
 }
 
-void Broker::Leave() {
-    if (m_is_connected) {
-        mosquitto_disconnect(m_client);
-        mosquitto_loop_write(m_client, PACKETS);
-    }
-    Close();
-    m_next = TimePoint::max();
-}
-
-void Broker::Prepare() {
-    mosquitto_int_option(m_client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-    mosquitto_int_option(m_client, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_connect_v5_callback_set(m_client, Callbacks::Connected);
-    mosquitto_disconnect_v5_callback_set(m_client, Callbacks::Disconnected);
-    mosquitto_message_v5_callback_set(m_client, Callbacks::Received);
-    mosquitto_publish_v5_callback_set(m_client, Callbacks::Acknowledged);
-    mosquitto_subscribe_v5_callback_set(m_client, Callbacks::Subscribed);
-    mosquitto_log_callback_set(m_client, Callbacks::Logged);
-    const std::string status = Topics(m_config).Status();
-    mosquitto_will_set_v5(m_client, status.c_str(), static_cast<int>(strlen(OFFLINE)), OFFLINE, 1,
-                          true, nullptr);
-    if (!m_config.user.empty()) {
-        mosquitto_username_pw_set(m_client, m_config.user.c_str(), m_config.password.c_str());
-    }
-}
-
 void Broker::Connect() {
-    m_client = mosquitto_new(m_name.c_str(), true, this);
-    if (m_client == nullptr) {
+    int sockets[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
         return Drop(ErrorText(errno));
     }
-    m_refusal = 0;
-    m_last_error.clear();
-    Prepare();
-    const auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
-    int error = MOSQ_ERR_SUCCESS;
-    if (m_config.tls) {
-        error = mosquitto_tls_set(
-            m_client, file(m_config.ca), m_config.ca.empty() ? SYSTEM_CAS : nullptr,
-            file(m_config.certificate), file(m_config.key), Callbacks::NoPassphrase);
+    m_socket = Descriptor(sockets[0]);
+    const Descriptor other(sockets[1]);
+    m_client = fork();
+    if (m_client == 0) {
+        RunClient(m_config, m_name, other.Get());
     }
-    if (error == MOSQ_ERR_SUCCESS) {
-        error = mosquitto_connect_bind_async(m_client, m_config.host.c_str(), m_config.port,
-                                             KEEP_ALIVE, nullptr);
-    }
-    if (error != MOSQ_ERR_SUCCESS) {
-        return Drop(Text(error));
+    if (m_client < 0) {
+        return Drop(ErrorText(errno));
     }
     ++m_connection;
     m_next = After(CONNECT_TIME);
 }
 
 void Broker::Serve(bool readable, bool writable) {
-    if (m_client == nullptr) {
+    if (!m_socket.IsOpen()) {
         if (Now() >= m_next) {
             Connect();
         }
         return;
     }
-    const bool was_connected = m_is_connected;
-    int error = MOSQ_ERR_SUCCESS;
     if (writable) {
-        error = mosquitto_loop_write(m_client, PACKETS);
+        Flush();
     }
-    if (error == MOSQ_ERR_SUCCESS && readable) {
-        error = mosquitto_loop_read(m_client, PACKETS);
+    for (int i = 0; readable && i < PACKETS && TakeFromClient(); ++i) {
     }
-    const bool is_due = Now() >= m_next;
-    if (error == MOSQ_ERR_SUCCESS && is_due) {
-        error = mosquitto_loop_misc(m_client);
-    }
-    if (error != MOSQ_ERR_SUCCESS || m_refusal != 0) {
-        return Drop(Text(error));
-    }
-    // cppcheck-suppress knownConditionTrueFalse; the library's calls set it
-    if (is_due && !was_connected && !m_is_connected) {
-        return Drop("it does not answer");
-    }
-    if (m_is_connected && (is_due || !was_connected)) {
-        m_next = After(TEND_EVERY);
-    }
-    if (m_is_connected && !was_connected) {
-        Tell("connected to the broker");
+    if (m_socket.IsOpen() && !m_is_connected && Now() >= m_next) {
+        Drop("it does not answer");
     }
 }
 
-int Broker::Publish(const Outgoing& message) {
-    mosquitto_property* properties = nullptr;
-    if (!message.correlation.empty()) {
-        mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA,
-                                      message.correlation.data(),
-                                      static_cast<uint16_t>(message.correlation.size()));
+// False if there was nothing, or the connection has ended.
+bool Broker::TakeFromClient() {
+    static char data[LARGEST_CLIENT_PACKET];
+    const ssize_t size = recv(m_socket.Get(), data, sizeof data, MSG_DONTWAIT);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return false;
     }
-    int number = 0;
-    const int error = mosquitto_publish_v5(
-        m_client, &number, message.topic.c_str(), static_cast<int>(message.payload.size()),
-        message.payload.data(), message.acknowledged ? 1 : 0, message.retain, properties);
-    mosquitto_property_free_all(&properties);
-    return error == MOSQ_ERR_SUCCESS ? number : 0;
+    if (size <= 0) {
+        Drop(CrashText());
+        return false;
+    }
+    const std::optional<ClientPacket> packet = Decode(data, static_cast<size_t>(size));
+    if (!packet) {
+        Drop("it has corrupted the MQTT client");
+        return false;
+    }
+    Take(*packet);
+    return m_socket.IsOpen();
+}
+
+// What ended the client, which had no time to say it.
+std::string Broker::CrashText() {
+    int status = 0;
+    const bool has_ended = waitpid(m_client, &status, 0) == m_client;
+    m_client = 0;
+    return has_ended && WIFSIGNALED(status)
+               ? std::string("it has crashed the MQTT client (") + strsignal(WTERMSIG(status)) + ")"
+               : "the MQTT client has ended";
+}
+
+void Broker::Take(const ClientPacket& packet) {
+    switch (packet.type) {
+        case Type::Connected:
+            m_is_connected = true;
+            m_next = TimePoint::max();
+            return Tell("connected to the broker");
+        case Type::Received:
+            m_inbox.push_back({packet.topic, packet.payload,
+                               (packet.flags & ClientPacket::RETAINED) != 0, packet.response_topic,
+                               packet.correlation,
+                               (packet.flags & ClientPacket::EXPIRES) != 0
+                                   ? std::optional<uint32_t>(packet.number)
+                                   : std::nullopt});
+            return;
+        case Type::Acknowledged:
+            m_acknowledged.push_back(packet.number);
+            return;
+        case Type::Note:
+            return Tell(packet.payload);
+        default:
+            return Drop(packet.payload);
+    }
+}
+
+void Broker::Send(const ClientPacket& packet) {
+    m_unsent.push_back(Encode(packet));
+    Flush();
+}
+
+// If the client has ended, that is noticed when its socket is read.
+void Broker::Flush() {
+    while (!m_unsent.empty()) {
+        const std::string& data = m_unsent.front();
+        const ssize_t sent =
+            send(m_socket.Get(), data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        m_unsent.pop_front();
+    }
+}
+
+uint32_t Broker::Publish(const Outgoing& message) {
+    const int flags = (message.retain ? ClientPacket::RETAINED : 0) |
+                      (message.acknowledged ? ClientPacket::ACKNOWLEDGE : 0);
+    Send({Type::Publish,
+          static_cast<uint8_t>(flags),
+          ++m_number,
+          message.topic,
+          message.payload,
+          {},
+          message.correlation});
+    return m_number;
 }
 
 void Broker::Subscribe(const std::string& topic, int options) {
-    int number = 0;
-    mosquitto_subscribe_v5(m_client, &number, topic.c_str(), 1, options, nullptr);
-    m_subscriptions.emplace_back(number, topic);
+    Send({Type::Subscribe, static_cast<uint8_t>(options), 0, topic, {}, {}, {}});
 }
 
 void Broker::Unsubscribe(const std::string& topic) {
-    mosquitto_unsubscribe(m_client, nullptr, topic.c_str());
+    Send({Type::Unsubscribe, 0, 0, topic, {}, {}, {}});
+}
+
+void Broker::Leave() {
+    if (m_is_connected) {
+        Send({Type::Leave, 0, 0, {}, {}, {}, {}});
+    }
+    const TimePoint end = After(LEAVE_TIME);
+    while (m_is_connected && Now() < end) {
+        pollfd fd = {m_socket.Get(), Events(), 0};
+        poll(&fd, 1, MillisecondsUntil(end));
+        Flush();
+        char data;
+        m_is_connected = recv(fd.fd, &data, 1, MSG_DONTWAIT) != 0;
+    }
+    Close();
+    m_next = TimePoint::max();
 }

@@ -1,6 +1,8 @@
 // The connection to an MQTT broker, which is renewed whenever it ends.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -9,14 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/Descriptor.h"
 #include "tools/base/Time.h"
+#include "tools/mqtt/ClientPacket.h"
 #include "tools/mqtt/Config.h"
 
-struct mosquitto;
-
 // For a program with a loop: wait until Socket() has one of Events() or NextTime() has come, then
-// call Serve(). Nothing here waits, except the system's resolver for the broker's name.
+// call Serve(). Nothing here waits, except Leave().
 //
+// Each connection is a process of its own (Client.h): nothing that a broker sends ends the program.
 // A connection inherits nothing from the one before: sessions end with them, so that the broker
 // stores nothing for later.
 class Broker {
@@ -44,9 +47,9 @@ public:
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
-    int Socket() const;  // -1: none
+    int Socket() const { return m_socket.Get(); }  // -1: none
     short Events() const;
-    TimePoint NextTime() const;
+    TimePoint NextTime() const { return m_next; }
 
     // Received messages are in Inbox() and Acknowledged() afterwards.
     void Serve(bool readable, bool writable);
@@ -54,11 +57,11 @@ public:
     // 0 without a connection, else a different number for each.
     unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
 
-    // Whether the system accepts more at the moment: otherwise published messages pile up.
-    bool CanSend() const;
+    // Whether the client accepts more at the moment: otherwise published messages pile up.
+    bool CanSend() const { return m_is_connected && m_unsent.empty(); }
 
-    // The number of the acknowledgement; 0 if it could not be sent.
-    int Publish(const Outgoing& message);
+    // The number of the acknowledgement. A topic with wildcards is acknowledged, not published.
+    uint32_t Publish(const Outgoing& message);
 
     // Options of subscriptions. Without the first one, only messages that the broker had retained
     // before are marked as retained, not those that it retains from now on.
@@ -78,32 +81,33 @@ public:
     void Leave();
 
     std::deque<Message>& Inbox() { return m_inbox; }
-    std::deque<int>& Acknowledged() { return m_acknowledged; }
+    std::deque<uint32_t>& Acknowledged() { return m_acknowledged; }
 
 private:
     static constexpr double FIRST_PAUSE = 0.1;  // seconds, before the second attempt
 
-    struct Callbacks;
-
     void Connect();
-    void Prepare();
+    void Take(const ClientPacket& packet);
+    bool TakeFromClient();
+    void Send(const ClientPacket& packet);
+    void Flush();
     void Close();
+    std::string CrashText();
     void Tell(const std::string& text);
-    std::string Text(int error) const;
 
     const MqttConfig& m_config;
     const std::function<void(const std::string&)> m_tell;
     const std::string m_name;  // of the client, which nobody else has
-    mosquitto* m_client = nullptr;
+    Descriptor m_socket;       // to the client
+    pid_t m_client = 0;
+    std::deque<std::string> m_unsent;
     unsigned int m_connection = 0;
     bool m_is_connected = false;
-    int m_refusal = 0;         // the broker's reason
-    std::string m_last_error;  // as logged by the library
+    uint32_t m_number = 0;  // of the last message
     std::string m_last_told;
-    double m_pause;
-    TimePoint m_next;
+    double m_pause = FIRST_PAUSE;
+    TimePoint m_next;  // when to connect, or to give up connecting
     std::minstd_rand m_random;
     std::deque<Message> m_inbox;
-    std::deque<int> m_acknowledged;
-    std::deque<std::pair<int, std::string>> m_subscriptions;  // not answered yet
+    std::deque<uint32_t> m_acknowledged;
 };

@@ -278,6 +278,9 @@ void Reader::Finish() {
             Fail(line, error.what());
         }
     }
+    if (const char* const directory = std::getenv("STATE_DIRECTORY")) {
+        m_config.loss_file = std::string(directory) + "/lost";
+    }
     for (const Names::Entry& entry : m_config.names.All()) {
         m_config.pins.push_back(entry.pins);
     }

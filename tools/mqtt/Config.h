@@ -36,6 +36,8 @@ struct LinkConfig {
     std::optional<Level> on_loss{Level::High};  // none: it keeps what it was
     double loss_after = 2;                      // seconds
     int line = 0;
+
+    std::string Text() const { return from.Text() + " -> " + to.Text(); }
 };
 
 struct MqttConfig {
@@ -57,6 +59,7 @@ struct MqttConfig {
     Names names;
     std::vector<PinRef> pins;  // to read: those of the file, of its links, and those with names
     std::vector<LinkConfig> links;
+    std::string loss_file;  // what to remember about lost links; empty: nothing
     double ask_every = 10;  // seconds
     double expire = 2;      // the default maximum age of a set, in seconds
 

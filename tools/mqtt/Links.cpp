@@ -16,13 +16,14 @@ Level Inverted(Level level, bool invert) {
 
 }  // namespace
 
-Links::Links(const MqttConfig& config) : m_prefix(config.prefix) {
+Links::Links(const MqttConfig& config, const LossFile::Times& losses)
+    : m_prefix(config.prefix), m_losses(losses) {
     for (const LinkConfig& link : config.links) {
         if (link.to.site == config.site) {
             Link made;
             made.config = link;
             made.topic = Topics(m_prefix, link.from.site).Pin(link.from.pin);
-            made.good = Now();
+            made.good = m_losses.try_emplace(link.Text(), Now()).first->second;
             m_links.push_back(made);
             m_sites[link.from.site];
         }
@@ -108,6 +109,7 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
     }
     if (is_known && sign > After(-FRESH)) {
         link.lost = false;
+        m_losses.erase(link.config.Text());
         if (link.config.pulse_ms > 0) {
             if (link.edge) {
                 writes.push_back({*link.config.to.tag, Level::Low, link.config.pulse_ms, {}});
@@ -115,7 +117,11 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
         } else if (!link.loops) {
             Apply(link, Inverted(*link.source, link.config.invert), {}, writes);
         }
-    } else if (Now() >= Later(link.good, link.config.loss_after)) {
+        link.edge = false;
+        return;
+    }
+    m_losses[link.config.Text()] = link.good;
+    if (Now() >= Later(link.good, link.config.loss_after)) {
         if (!link.lost) {
             link.lost = true;
             m_notes.push_back("link in line " + std::to_string(link.config.line) +

@@ -10,6 +10,7 @@
 #include "tools/base/Time.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Config.h"
+#include "tools/mqtt/LossFile.h"
 #include "tools/mqtt/Topics.h"
 
 // Decides the levels of the outputs of the links that end at this site. The bridge of the source's
@@ -28,7 +29,8 @@ public:
         std::string reason;  // for the log; empty if the source changed
     };
 
-    explicit Links(const MqttConfig& config);
+    // With what the bridge that ran before remembered.
+    Links(const MqttConfig& config, const LossFile::Times& losses);
 
     // The topics to subscribe to.
     std::set<std::string> Subscriptions() const;
@@ -39,6 +41,9 @@ public:
 
     // What to write now. Call it after Take(), and twice a second.
     std::vector<Write> Tend(TimePoint own_sign);
+
+    // The links for whose sources nobody vouches, to be remembered.
+    const LossFile::Times& Losses() const { return m_losses; }
 
     // The connection has ended: all knowledge is outdated.
     void Forget();
@@ -88,5 +93,6 @@ private:
     const std::string m_prefix;
     std::vector<Link> m_links;
     std::map<std::string, Site> m_sites;
+    LossFile::Times m_losses;
     std::vector<std::string> m_notes;
 };

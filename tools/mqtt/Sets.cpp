@@ -67,7 +67,7 @@ void Sets::Take(const Broker::Message& message, double age, const std::string& h
         m_pending.push_back({message, pin, tag, request.level, NewRequestId(),
                              After(FIRST_QUESTION), After(ANSWER_TIME), std::nullopt});
     } catch (const std::exception& error) {
-        m_tell("refused to set " + Printable(pin) + ": " + Printable(error.what()));
+        m_tell("refused to set " + Printable(pin) + ": " + error.what());
         Answer(message, "refused", pin, error.what());
     }
 }

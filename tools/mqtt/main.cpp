@@ -4,7 +4,6 @@
 #include <optional>
 #include <string>
 
-#include "tools/base/LineBuffer.h"
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
 #include "tools/completion/Completion.h"
@@ -76,7 +75,7 @@ void PrintTopics(const MqttConfig& config) {
             }
         }
     }
-    for (const std::string& topic : Links(config).Subscriptions()) {
+    for (const std::string& topic : Links(config, {}).Subscriptions()) {
         printf("%s\n", topic.c_str());
     }
 }
@@ -95,7 +94,7 @@ int Main(int argc, char** argv) {
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const Signals signals;
-    Bridge bridge(config, [](const std::string& text) { printf("%s\n", Printable(text).c_str()); });
+    Bridge bridge(config, [](const std::string& text) { printf("%s\n", text.c_str()); });
     if (bridge.Run(signals) == Bridge::End::TakenOver) {
         fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", APP_NAME,
                 config.site.c_str());

@@ -22,6 +22,24 @@ BUILD = sys.argv.pop(1)
 RUN = pathlib.Path("/run")
 PLAIN = "listener 1883\nallow_anonymous true\n"
 CUT = int(os.environ.get("CUT", "12"))
+# Sends to every client what its arguments contain in hex, then zeros if the last one says so.
+HOSTILE_BROKER = """
+import socket, sys, time
+server = socket.create_server(("10.78.0.1", 1883))
+while True:
+    client = server.accept()[0]
+    print("accepted", flush=True)
+    try:
+        client.settimeout(2)
+        client.recv(1000)
+        client.sendall(bytes.fromhex(sys.argv[1]))
+        while "zeros" in sys.argv:
+            client.sendall(bytes(65536))
+    except OSError:
+        pass
+    time.sleep(0.02)
+    client.close()
+"""
 LINK = "link studio:1:2:in1 -> tower:7:4:out1 on-loss H 2"
 
 
@@ -103,6 +121,10 @@ class MqttTest(unittest.TestCase):
     def lamp(self, level, seconds=3.0, pin="7:4:out1", site="tower"):
         self.until(lambda: level_of(pin, site) == level, seconds, f"{pin} is not {level}")
 
+    @staticmethod
+    def lines():
+        return len((RUN / "tower.mqtt").read_text("ascii").splitlines())
+
     def both(self, *lines):
         self.broker()
         self.bridge("studio")
@@ -145,10 +167,11 @@ class MqttTest(unittest.TestCase):
             self.assertEqual(ask(f"studio/set/{pin}", payload).get("result"), result, (pin, payload))
         self.lamp("H", 2, "1:2:out2", "studio")
         # Who may set a pin may not speak for the bridge.
-        for topic in "orvex/studio/status", "orvex/studio/bridge", "orvex", "homeassistant/x", "$SYS/x":
-            run("hub", "mosquitto_pub", "-V", "5", "-t", "orvex/studio/set/red", "-m", "L", "-D", "publish",
-                "response-topic", topic)
-        self.until(lambda: (RUN / "studio.mqtt").read_text("utf-8").count("its response topic") == 5, 2, "5")
+        for pin, topic in enumerate(["studio/status", "orvex/studio/bridge", "orvex", "homeassistant/x", "$SYS/x"]):
+            run("hub", "mosquitto_pub", "-V", "5", "-t", f"orvex/studio/set/1/2/out{pin + 1}", "-m", "H", "-D",
+                "publish", "response-topic", topic)
+        self.says("1:2:out5: no answer may go to its response topic")
+        self.assertEqual((RUN / "studio.mqtt").read_text("utf-8").count("its response topic"), 4)
         # A retained set is refused, and again when the bridge connects.
         run("hub", "mosquitto_pub", "-t", "orvex/studio/set/red", "-r", "-m", "L")
         self.says("it is retained")
@@ -289,9 +312,11 @@ class MqttTest(unittest.TestCase):
         (RUN / "flood").write_text("".join(
             f'{{"pin":"3:{i % 200}:in1","level":"{"LH"[i // 200 % 2]}","kind":"report"}}\n'
             for i in range(20200)), "ascii")
-        for _ in range(3):
+
+        def dropped():
             run("studio", f"{BUILD}/tools/ctl/orvexctl", "send", "--fast", "-i", "eth0", "/run/flood")
-        self.says("events were dropped", 3)
+            return "events were dropped" in (RUN / "studio.mqtt").read_text("ascii")
+        self.until(dropped, 6, "nothing was dropped")
         contact("L")
         broker.send_signal(signal.SIGCONT)
         self.until(lambda: retained("orvex/studio/pin/3/199/in1/level") == "L", 5, "an old state")
@@ -371,6 +396,58 @@ class MqttTest(unittest.TestCase):
         self.until(lambda: retained("orvex/studio/status") == "online", 5, "not online")
         self.assertIsNone(self.processes["studio"].poll())
 
+    def test_hostile_broker(self):
+        self.lit()
+        kill(self.processes["broker"])
+        connected = "2003000000"
+        for name, packets, said in [
+                ("unknown property", "200500000277 01", "the broker: "),
+                ("beyond the end", connected + "30060001617f0000", "the broker: "),
+                ("never ends", connected + "30ffffff7f", "the broker: "),
+                ("gone at once", connected, "the broker: ")]:
+            with self.subTest(name):
+                before = self.lines()
+                hostile = start("hub", sys.executable, "-c", HOSTILE_BROKER, packets,
+                                *["zeros"] * (name == "never ends"), log="hostile")
+                self.lamp("H", 6)
+                time.sleep(4)
+                kill(hostile)
+                self.assertLess((RUN / "hostile").read_text("ascii").count("accepted"), 50)
+                self.assertLess(self.lines() - before, 40)
+                self.says(said, key="tower")
+                self.assertNotIn("Success", (RUN / "tower.mqtt").read_text("utf-8"))
+                self.broker()
+                self.lamp("L", 15)
+                kill(self.processes["broker"])
+        # A large message ends nothing either, and retained, no later start.
+        self.broker()
+        (RUN / "large").write_bytes(b"L" * (24 << 20))
+        run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out3", "-r", "-f", "/run/large")
+        self.lamp("L", 15)
+        kill(self.processes["tower"])
+        self.bridge("tower")
+        self.says("is online", key="tower")
+        for site in "studio", "tower":
+            self.assertIsNone(self.processes[site].poll())
+            status = pathlib.Path(f"/proc/{self.processes[site].pid}/status").read_text("ascii")
+            self.assertLess(int(re.findall(r"VmHWM:\s+(\d+)", status)[0]), 32000)
+
+    def test_killed_again_and_again(self):
+        os.environ["STATE_DIRECTORY"] = str(RUN)
+        self.lit()
+        kill(self.processes["broker"])
+        for _ in range(5):
+            kill(self.processes["tower"])
+            self.bridge("tower")
+            time.sleep(0.8)
+        self.assertEqual(level_of(), "H")
+        self.broker()
+        self.lamp("L", 8)
+        kill(self.processes["tower"])
+        self.bridge("tower")
+        self.says("is online", key="tower")
+        self.assertNotIn("loss", (RUN / "tower.mqtt").read_text("utf-8"))
+
     def test_access_list(self):
         (RUN / "acl").write_text("topic read #\ntopic write orvex/tower/#\n", "ascii")
         self.broker(PLAIN + "acl_file /run/acl\n")
@@ -411,9 +488,11 @@ class MqttTest(unittest.TestCase):
             packets.append(packet(0x30 + source.randrange(2), field(topic.encode())
                                   + source.choice(starts) + source.randbytes(source.randrange(120))))
         packets.append(packet(0x31, field(b"end") + b"all was taken"))
+        before = self.lines()
         run("hub", "bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/1883; cat >&3; sleep 1", data=b"".join(packets))
         self.until(lambda: retained("end") == "all was taken", 20, "not all was taken")
         self.until(lambda: ask("studio/set/1/2/out2", "H").get("result") == "done", 20, "no answer")
+        self.assertLess(self.lines() - before, 400)
         self.assertIsNone(self.processes["studio"].poll())
         self.assertIsNone(self.processes["tower"].poll())
 

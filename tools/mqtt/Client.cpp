@@ -1,0 +1,373 @@
+#include "tools/mqtt/Client.h"
+
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "tools/base/ErrorText.h"
+#include "tools/base/Time.h"
+#include "tools/mqtt/ClientPacket.h"
+#include "tools/mqtt/Topics.h"
+
+namespace {
+
+const int SOCKET = 3;              // where the child has the socket to the bridge
+const rlim_t MEMORY = 16UL << 20;  // bytes, beyond what the process has when it begins
+const int KEEP_ALIVE = 5;          // seconds; a dead client is noticed after one and a half of them
+const double LONGEST_SILENCE = 7.5;  // seconds, of the bridge, which sends heartbeats
+const double TEND_EVERY = 1;         // seconds
+const double LEAVE_TIME = 1;         // seconds
+const int REFUSED = 128;             // reasons from here on are failures
+const int PACKETS = 50;              // taken at a time
+const char* const SYSTEM_CAS = "/etc/ssl/certs";
+
+using Type = ClientPacket::Type;
+
+class Client {
+public:
+    Client(const MqttConfig& config, const std::string& name) : m_config(config), m_name(name) {}
+
+    void Run();
+
+private:
+    struct Callbacks;
+
+    bool Connect();
+    int Prepare();
+    void Loop();
+    int ServeBroker(short events);
+    void ServeBridge();
+    void Obey(const ClientPacket& packet);
+    void Publish(const ClientPacket& packet);
+    void Leave();
+    void Send(const ClientPacket& packet);
+    void Note(const std::string& text) { Send({Type::Note, 0, 0, {}, text, {}, {}}); }
+    void End(const std::string& reason);
+    std::string Text(int error) const;
+
+    const MqttConfig& m_config;
+    const std::string m_name;
+    mosquitto* m_client = nullptr;
+    bool m_ends = false;
+    int m_refusal = 0;                           // the broker's reason
+    std::string m_last_error;                    // as logged by the library
+    TimePoint m_heard = Now();                   // from the bridge
+    std::map<int, std::string> m_subscriptions;  // not answered yet
+    std::map<int, uint32_t> m_numbers;           // of the bridge, for those of the library
+};
+
+// Called by the library.
+struct Client::Callbacks {
+    static void Connected(mosquitto*, void* object, int reason, int, const mosquitto_property*) {
+        auto& self = *static_cast<Client*>(object);
+        self.m_refusal = reason;
+        if (reason == 0) {
+            self.Send({Type::Connected, 0, 0, {}, {}, {}, {}});
+        }
+    }
+
+    static void Disconnected(mosquitto*, void* object, int reason, const mosquitto_property*) {
+        if (reason >= REFUSED) {
+            static_cast<Client*>(object)->m_refusal = reason;
+        }
+    }
+
+    static void Received(mosquitto*, void* object, const mosquitto_message* message,
+                         const mosquitto_property* properties) {
+        ClientPacket taken{Type::Received, 0, 0, message->topic, {}, {}, {}};
+        if (message->payload != nullptr && message->payloadlen > 0) {
+            taken.payload.assign(static_cast<const char*>(message->payload),
+                                 static_cast<size_t>(message->payloadlen));
+        }
+        taken.flags = message->retain ? ClientPacket::RETAINED : 0;
+        char* text = nullptr;
+        if (mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &text, false) !=
+            nullptr) {
+            taken.response_topic = text;
+            free(text);
+        }
+        void* data = nullptr;
+        uint16_t size = 0;
+        if (mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size,
+                                           false) != nullptr) {
+            taken.correlation.assign(static_cast<const char*>(data), size);
+            free(data);
+        }
+        if (mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
+                                          &taken.number, false) != nullptr) {
+            taken.flags |= ClientPacket::EXPIRES;
+        }
+        static_cast<Client*>(object)->Send(taken);
+    }
+
+    static void Acknowledged(mosquitto*, void* object, int number, int reason,
+                             const mosquitto_property*) {
+        auto& self = *static_cast<Client*>(object);
+        const auto known = self.m_numbers.find(number);
+        if (known != self.m_numbers.end()) {
+            self.Send({Type::Acknowledged, 0, known->second, {}, {}, {}, {}});
+            self.m_numbers.erase(known);
+        }
+        if (reason >= REFUSED) {
+            self.Note(std::string("the broker refuses what is published: ") +
+                      mosquitto_reason_string(reason));
+        }
+    }
+
+    static void Subscribed(mosquitto*, void* object, int number, int count, const int* granted,
+                           const mosquitto_property*) {
+        auto& self = *static_cast<Client*>(object);
+        const auto pending = self.m_subscriptions.find(number);
+        if (pending != self.m_subscriptions.end() && count > 0 && granted[0] >= REFUSED) {
+            self.Note("the broker refuses the subscription of " + pending->second);
+        }
+        self.m_subscriptions.erase(number);
+    }
+
+    static void Logged(mosquitto*, void* object, int level, const char* text) {
+        if (level == MOSQ_LOG_ERR) {
+            static_cast<Client*>(object)->m_last_error = text;
+        }
+    }
+
+    static int NoPassphrase(char*, int, int, void*) { return 0; }
+};
+
+void Client::Run() {
+    mosquitto_lib_init();
+    if (Connect()) {
+        Loop();
+    }
+}
+
+bool Client::Connect() {
+    m_client = mosquitto_new(m_name.c_str(), true, this);
+    if (m_client == nullptr) {
+        End(ErrorText(errno));
+        return false;
+    }
+    int error = Prepare();
+    mosquitto_property* properties = nullptr;
+    mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, LARGEST_MQTT_PACKET);
+    if (error == MOSQ_ERR_SUCCESS) {
+        errno = 0;
+        error = mosquitto_connect_bind_v5(m_client, m_config.host.c_str(), m_config.port,
+                                          KEEP_ALIVE, nullptr, properties);
+    }
+    if (error != MOSQ_ERR_SUCCESS) {
+        End(Text(error));
+    }
+    return error == MOSQ_ERR_SUCCESS;
+}
+
+int Client::Prepare() {
+    mosquitto_int_option(m_client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(m_client, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_connect_v5_callback_set(m_client, Callbacks::Connected);
+    mosquitto_disconnect_v5_callback_set(m_client, Callbacks::Disconnected);
+    mosquitto_message_v5_callback_set(m_client, Callbacks::Received);
+    mosquitto_publish_v5_callback_set(m_client, Callbacks::Acknowledged);
+    mosquitto_subscribe_v5_callback_set(m_client, Callbacks::Subscribed);
+    mosquitto_log_callback_set(m_client, Callbacks::Logged);
+    const std::string status = Topics(m_config).Status();
+    mosquitto_will_set_v5(m_client, status.c_str(), static_cast<int>(strlen(OFFLINE)), OFFLINE, 1,
+                          true, nullptr);
+    if (!m_config.user.empty()) {
+        mosquitto_username_pw_set(m_client, m_config.user.c_str(), m_config.password.c_str());
+    }
+    if (!m_config.tls) {
+        return MOSQ_ERR_SUCCESS;
+    }
+    const auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+    return mosquitto_tls_set(m_client, file(m_config.ca),
+                             m_config.ca.empty() ? SYSTEM_CAS : nullptr, file(m_config.certificate),
+                             file(m_config.key), Callbacks::NoPassphrase);
+}
+
+void Client::Loop() {
+    TimePoint tend = Now();
+    while (!m_ends) {
+        const bool wants_write = mosquitto_want_write(m_client);
+        pollfd fds[] = {{mosquitto_socket(m_client),
+                         static_cast<short>(POLLIN | (wants_write ? POLLOUT : 0)), 0},
+                        {SOCKET, static_cast<short>(wants_write ? 0 : POLLIN), 0}};
+        poll(fds, 2, MillisecondsUntil(tend));
+        errno = 0;
+        int error = ServeBroker(fds[0].revents);
+        if (error == MOSQ_ERR_SUCCESS && Now() >= tend) {
+            error = mosquitto_loop_misc(m_client);
+            tend = After(TEND_EVERY);
+        }
+        if (error != MOSQ_ERR_SUCCESS || m_refusal != 0) {
+            return End(Text(error));
+        }
+        if (fds[1].revents != 0) {
+            ServeBridge();
+        }
+        m_ends = m_ends || m_heard < After(-LONGEST_SILENCE);
+    }
+}
+
+int Client::ServeBroker(short events) {
+    int error = MOSQ_ERR_SUCCESS;
+    if ((events & POLLOUT) != 0) {
+        error = mosquitto_loop_write(m_client, PACKETS);
+    }
+    if (error == MOSQ_ERR_SUCCESS && (events & ~POLLOUT) != 0) {
+        error = mosquitto_loop_read(m_client, PACKETS);
+    }
+    return error;
+}
+
+// Takes nothing while the broker accepts nothing: what waits there stays with the bridge.
+void Client::ServeBridge() {
+    std::vector<char> data(LARGEST_CLIENT_PACKET);
+    for (int i = 0; i < PACKETS && !m_ends && !mosquitto_want_write(m_client); ++i) {
+        const ssize_t size = recv(SOCKET, data.data(), data.size(), MSG_DONTWAIT);
+        if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        m_heard = Now();
+        const auto packet =
+            size > 0 ? Decode(data.data(), static_cast<size_t>(size)) : std::nullopt;
+        if (!packet) {  // the bridge has ended
+            m_ends = true;
+            return;
+        }
+        Obey(*packet);
+    }
+}
+
+void Client::Obey(const ClientPacket& packet) {
+    int number = 0;
+    switch (packet.type) {
+        case Type::Publish:
+            return Publish(packet);
+        case Type::Subscribe:
+            mosquitto_subscribe_v5(m_client, &number, packet.topic.c_str(), 1, packet.flags,
+                                   nullptr);
+            m_subscriptions[number] = packet.topic;
+            return;
+        case Type::Unsubscribe:
+            mosquitto_unsubscribe(m_client, nullptr, packet.topic.c_str());
+            return;
+        default:
+            return Leave();
+    }
+}
+
+void Client::Publish(const ClientPacket& packet) {
+    mosquitto_property* properties = nullptr;
+    if (!packet.correlation.empty()) {
+        mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA,
+                                      packet.correlation.data(),
+                                      static_cast<uint16_t>(packet.correlation.size()));
+    }
+    const bool acknowledged = (packet.flags & ClientPacket::ACKNOWLEDGE) != 0;
+    int number = 0;
+    const int error = mosquitto_publish_v5(
+        m_client, &number, packet.topic.c_str(), static_cast<int>(packet.payload.size()),
+        packet.payload.data(), acknowledged ? 1 : 0, (packet.flags & ClientPacket::RETAINED) != 0,
+        properties);
+    mosquitto_property_free_all(&properties);
+    if (!acknowledged) {
+        return;
+    }
+    if (error == MOSQ_ERR_SUCCESS) {
+        m_numbers[number] = packet.number;
+    } else {  // a topic that the library refuses, with wildcards
+        Send({Type::Acknowledged, 0, packet.number, {}, {}, {}, {}});
+    }
+}
+
+// Says goodbye, so that the broker does not publish the will.
+void Client::Leave() {
+    m_ends = true;
+    mosquitto_disconnect(m_client);
+    const TimePoint end = After(LEAVE_TIME);
+    while (mosquitto_want_write(m_client) && Now() < end) {
+        pollfd fd = {mosquitto_socket(m_client), POLLOUT, 0};
+        poll(&fd, 1, MillisecondsUntil(end));
+        if (mosquitto_loop_write(m_client, PACKETS) != MOSQ_ERR_SUCCESS) {
+            return;
+        }
+    }
+}
+
+// Waits while the bridge takes nothing: then nothing is read from the broker either.
+void Client::Send(const ClientPacket& packet) {
+    const std::string data = Encode(packet);
+    if (data.size() > LARGEST_CLIENT_PACKET) {
+        return End("a packet is larger than " + std::to_string(LARGEST_MQTT_PACKET) + " bytes");
+    }
+    while (send(SOCKET, data.data(), data.size(), MSG_NOSIGNAL) < 0) {
+        if (errno != EINTR) {
+            m_ends = true;
+            return;
+        }
+    }
+}
+
+void Client::End(const std::string& reason) {
+    if (!m_ends) {
+        Send({Type::Ended, 0, 0, {}, reason, {}, {}});
+    }
+    m_ends = true;
+}
+
+std::string Client::Text(int error) const {
+    if (m_refusal != 0) {
+        return mosquitto_reason_string(m_refusal);
+    }
+    if (error == MOSQ_ERR_ERRNO) {
+        return errno == 0 ? "it closed the connection" : ErrorText(errno);
+    }
+    if (error == MOSQ_ERR_KEEPALIVE) {  // the library has no text for it
+        return "it does not answer";
+    }
+    const std::string text = mosquitto_strerror(error);
+    return m_last_error.empty() ? text : text + " (" + m_last_error + ")";
+}
+
+// No core for what a broker can cause at will, and memory for what it may send.
+void LimitResources() {
+    const rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    unsigned long pages = 0;
+    if (FILE* const file = fopen("/proc/self/statm", "r")) {
+        if (fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) != 1) {
+            pages = 0;
+        }
+        fclose(file);
+    }
+    const rlim_t most = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + MEMORY;
+    const rlimit memory = {most, most};
+    if (pages != 0) {
+        setrlimit(RLIMIT_DATA, &memory);
+    }
+}
+
+}  // namespace
+
+void RunClient(const MqttConfig& config, const std::string& name, int socket) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (dup2(socket, SOCKET) < 0) {
+        _exit(1);
+    }
+    closefrom(SOCKET + 1);
+    LimitResources();
+    Client(config, name).Run();
+    _exit(0);
+}
