@@ -1,6 +1,7 @@
 # Destinations for cmake --install. Included last, when all targets are known.
 include(GNUInstallDirs)
 set(ORVEX_UNIT_DIR lib/systemd/system CACHE STRING "Where units of systemd go")
+set(ORVEX_UDEV_DIR lib/udev/rules.d CACHE STRING "Where rules of udev go")
 set(ORVEX_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
     "Where completion of zsh goes")
 set(ORVEX_BASH_DIR ${CMAKE_INSTALL_DATADIR}/bash-completion/completions CACHE STRING
@@ -28,11 +29,19 @@ if(TARGET orvex-mqtt)
   install(FILES docs/man/orvex-mqtt.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
   install(FILES docs/mqtt.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-mqtt)
 endif()
+if(TARGET orvex-gpio)
+  list(APPEND ORVEX_UNITS orvex-gpio)
+  install(FILES docs/man/orvex-gpio.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+  install(FILES docs/gpio.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-gpio)
+  install(FILES packaging/systemd/orvex-gpio.sysusers DESTINATION lib/sysusers.d
+          RENAME orvex-gpio.conf)
+  install(FILES packaging/systemd/60-orvex-gpio.rules DESTINATION ${ORVEX_UDEV_DIR})
+endif()
 string(REPLACE ";" " " ORVEX_UNITS "${ORVEX_UNITS}")
 configure_file(cmake/unit.cmake.in unit.cmake @ONLY)
 install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/unit.cmake)
 
-foreach(tool orvexctl orvex-sim orvex-board orvex-mqtt)
+foreach(tool orvexctl orvex-sim orvex-gpio orvex-board orvex-mqtt)
   if(TARGET ${tool})
     file(GLOB manual docs/man/${tool}.[18])
     string(REGEX REPLACE ".*[.]" "" section ${manual})

@@ -34,7 +34,8 @@ public:
     void Drive(int number);
 
     void AddDescriptors(std::vector<pollfd>& fds) const;
-    int Timeout() const { return MillisecondsUntil(m_retry); }
+    // When to call Serve() at the latest; TimePoint::max() for no limit.
+    TimePoint NextTime() const { return m_retry; }
 
     // Returns whether Problems() may have changed.
     bool Serve(const std::vector<pollfd>& fds);

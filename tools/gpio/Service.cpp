@@ -39,7 +39,9 @@ Service::Service(const GpioConfig& config)
         throw std::runtime_error("can't listen on all addresses");
     }
     m_config = config;
+    m_notify.Status("all pins have their lines");
     TellProblems();
+    m_notify.Ready();
 }
 
 void Service::Run(Signals& signals) {
@@ -49,9 +51,12 @@ void Service::Run(Signals& signals) {
         fds = {{signals.Get(), POLLIN, 0}};
         m_hardware.AddDescriptors(fds);
         m_server.AddDescriptors(fds);
-        poll(fds.data(), fds.size(), m_server.Timeout(m_hardware.Timeout()));
+        m_notify.Beat();
+        const TimePoint next = std::min(m_hardware.NextTime(), m_notify.NextTime());
+        poll(fds.data(), fds.size(), m_server.Timeout(MillisecondsUntil(next)));
         while (const std::optional<int> signal = signals.Take()) {
             if (*signal != SIGHUP) {
+                m_notify.Stopping();
                 return m_hardware.Release();
             }
             Reload();
@@ -141,7 +146,8 @@ void Service::Reload() {
     }
 }
 
-// Clients of the control server learn what does not work as a setting.
+// Clients of the control server learn what does not work as a setting, operators from the status of
+// the service.
 void Service::TellProblems() {
     std::string text;
     for (const std::string& problem : m_hardware.Problems()) {
@@ -155,7 +161,9 @@ void Service::TellProblems() {
     }
     m_told = text;
     m_server.Apply("SET GPIO_PROBLEMS=" + (text.empty() ? "none" : "\"" + text + "\""));
+    const char* const well = "all pins have their lines";
+    m_notify.Status(text.empty() ? well : text);
     if (text.empty()) {
-        Log("all pins have their lines");
+        Log(well);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "tools/base/Notify.h"
 #include "tools/base/Signals.h"
 #include "tools/gpio/Config.h"
 #include "tools/gpio/Hardware.h"
@@ -27,5 +28,6 @@ private:
     GpioConfig m_config;
     ControlServer m_server;
     Hardware m_hardware;
+    Notify m_notify;
     std::string m_told;  // the problems that clients know
 };
