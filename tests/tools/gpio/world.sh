@@ -4,7 +4,7 @@
 #   scripts/gpiosim world.sh BUILD COMMAND...
 # This board is 10.77.0.1, the studio 10.77.0.2.
 set -euo pipefail
-bin=$1
+export bin=$1
 shift
 mkdir /run/netns
 mount -t tmpfs log /var/log
