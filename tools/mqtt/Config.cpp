@@ -1,7 +1,10 @@
 #include "tools/mqtt/Config.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -9,8 +12,6 @@
 #include <sstream>
 
 #include "protocol/numbers.h"
-#include "tools/mqtt/Graph.h"
-
 namespace {
 
 using Words = std::vector<std::string>;
@@ -30,6 +31,14 @@ double ParseNumber(const std::string& text, double least, double most) {
     return number;
 }
 
+int ParseWhole(const std::string& text, int least, int most) {
+    const double number = ParseNumber(text, least, most);
+    if (number != std::floor(number)) {
+        Refuse("not a whole number: " + text);
+    }
+    return static_cast<int>(number);
+}
+
 // Allowed between two '/' of a topic.
 std::string ParseLevelName(const std::string& text) {
     const bool good = std::all_of(text.begin(), text.end(), [](unsigned char c) {
@@ -41,10 +50,23 @@ std::string ParseLevelName(const std::string& text) {
     return text;
 }
 
+bool IsPin(const std::string& text) {
+    try {
+        ParsePin(text);
+        return true;
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+}
+
 std::string ReadSecret(const std::string& file) {
     std::ifstream in(file);
     std::string secret;
-    if (!std::getline(in, secret) || secret.empty()) {
+    std::getline(in, secret);
+    if (!secret.empty() && secret.back() == '\r') {
+        secret.pop_back();
+    }
+    if (secret.empty()) {
         Refuse("can't read a password from " + file);
     }
     return secret;
@@ -62,9 +84,14 @@ private:
     bool TakeBroker(const Words& words);
     void TakeLink(const Words& words);
     void TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) const;
+    void ParseBroker(const std::string& text);
+    std::string ReadableFile(const std::string& text) const;
     SitePin ParseSitePin(const std::string& text) const;
     std::string Path(const std::string& text) const;
     void Finish();
+    [[noreturn]] void Fail(const std::string& reason) const {  // of the whole file
+        throw ConfigError(m_file + ": " + reason);
+    }
     [[noreturn]] void Fail(int line, const std::string& reason) const {
         throw ConfigError(m_file + ":" + std::to_string(line) + ": " + reason);
     }
@@ -119,22 +146,18 @@ bool Reader::TakeBroker(const Words& words) {
     } else if (key == "discovery") {
         m_config.discovery = ParseLevelName(value);
     } else if (key == "broker") {
-        const size_t colon = value.rfind(':');
-        m_config.host = value.substr(0, colon);
-        if (colon != value.npos) {
-            m_config.port = static_cast<int>(ParseNumber(value.substr(colon + 1), 1, UINT16_MAX));
-        }
+        ParseBroker(value);
     } else if (key == "tls") {
         if (value != "yes" && value != "no") {
             Refuse("not yes or no: " + value);
         }
         m_config.tls = value == "yes";
     } else if (key == "ca") {
-        m_config.ca = Path(value);
+        m_config.ca = ReadableFile(value);
     } else if (key == "certificate") {
-        m_config.certificate = Path(value);
+        m_config.certificate = ReadableFile(value);
     } else if (key == "key") {
-        m_config.key = Path(value);
+        m_config.key = ReadableFile(value);
     } else if (key == "user") {
         m_config.user = value;
     } else if (key == "password-file") {
@@ -162,6 +185,33 @@ bool Reader::TakeBus(const Words& words) {
     return true;
 }
 
+// HOST, HOST:PORT, or an IPv6 address, in brackets if a port follows.
+void Reader::ParseBroker(const std::string& text) {
+    const bool in_brackets = text[0] == '[';
+    size_t end = in_brackets ? text.find(']') : text.find(':');
+    const bool is_bare = !in_brackets && end != text.npos && text.find(':', end + 1) != text.npos;
+    m_config.host = is_bare ? text : text.substr(in_brackets, end - in_brackets);
+    end += in_brackets && end != text.npos;
+    in6_addr address;
+    const bool is_good = is_bare || in_brackets
+                             ? inet_pton(AF_INET6, m_config.host.c_str(), &address) == 1
+                             : text.find('/') == text.npos && !m_config.host.empty();
+    if (!is_good || (in_brackets && end < text.size() && text[end] != ':')) {
+        Refuse("not HOST or HOST:PORT: " + text);
+    }
+    if (!is_bare && end < text.size()) {
+        m_config.port = ParseWhole(text.substr(end + 1), 1, UINT16_MAX);
+    }
+}
+
+std::string Reader::ReadableFile(const std::string& text) const {
+    const std::string path = Path(text);
+    if (std::ifstream(path).peek() == EOF) {
+        Refuse("can't read " + path);
+    }
+    return path;
+}
+
 // A secret may be among the credentials of systemd; other files are beside this one.
 std::string Reader::Path(const std::string& text) const {
     if (text[0] == '/') {
@@ -182,6 +232,9 @@ SitePin Reader::ParseSitePin(const std::string& text) const {
     const size_t colon = text.find(':');
     if (colon == 0 || colon == text.npos || colon + 1 == text.size()) {
         Refuse("not SITE:PIN: " + text);
+    }
+    if (IsPin(text)) {
+        Refuse("not SITE:PIN, there is no site: " + text);
     }
     SitePin pin;
     pin.site = ParseLevelName(text.substr(0, colon));
@@ -206,10 +259,17 @@ void Reader::TakeLink(const Words& words) {
     link.line = m_line;
     link.from = ParseSitePin(words[1]);
     link.to = ParseSitePin(words[3]);
+    if (link.from.site != m_config.site && link.to.site != m_config.site) {
+        Refuse("neither pin is at this file's site, " + m_config.site);
+    }
     if (link.to.tag && IsInput(*link.to.tag)) {
         Refuse(link.to.Text() + " is an input: devices do not set it");
     }
+    std::set<std::string> seen;
     for (size_t next = 4; next < words.size();) {
+        if (!seen.insert(words[next]).second) {
+            Refuse(words[next] + " is given twice");
+        }
         TakeLinkOption(link, words, next);
     }
     if (const auto reason = RefusalOf(link, m_config.links)) {
@@ -234,7 +294,7 @@ void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) 
     if (option == "invert") {
         link.invert = true;
     } else if (option == "pulse") {
-        link.pulse_ms = static_cast<unsigned int>(ParseNumber(value(), 10, LONGEST_PULSE_MS));
+        link.pulse_ms = static_cast<unsigned int>(ParseWhole(value(), 10, LONGEST_PULSE_MS));
     } else if (option == "on-loss") {
         const std::string& level = value();
         link.on_loss = level == "keep" ? std::nullopt : std::optional<Level>(ParseLevel(level));
@@ -248,13 +308,16 @@ void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) 
 
 void Reader::Finish() {
     if (m_config.site.empty() || m_config.host.empty()) {
-        Fail(m_line, m_config.site.empty() ? "no site is given" : "no broker is given");
+        Fail(m_config.site.empty() ? "no site is given" : "no broker is given");
     }
     if (m_config.certificate.empty() != m_config.key.empty()) {
-        Fail(m_line, "a certificate needs a key, and a key a certificate");
+        Fail("a certificate needs a key, and a key a certificate");
+    }
+    if (!m_config.password.empty() && m_config.user.empty()) {
+        Fail("a password needs a user");
     }
     if (!m_config.tls && !(m_config.ca + m_config.certificate).empty()) {
-        Fail(m_line, "ca, certificate and key need tls yes");
+        Fail("ca, certificate and key need tls yes");
     }
     if (m_config.port == 0) {
         m_config.port = m_config.tls ? 8883 : 1883;

@@ -9,36 +9,13 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/base/ConfigFile.h"
 #include "tools/bus/BusLink.h"
 #include "tools/bus/Names.h"
-
-// A pin at a site. A name is known only to its own site: others have no number for it.
-struct SitePin {
-    std::string site;
-    std::string pin;  // "1:2:in1", or a name
-    std::optional<uint32_t> tag;
-
-    std::string Text() const { return site + ":" + pin; }
-    bool operator==(const SitePin& other) const { return Text() == other.Text(); }
-};
-
-// An input, or an output, at one site that sets an output at another.
-struct LinkConfig {
-    SitePin from;
-    SitePin to;
-    bool invert = false;
-    unsigned int pulse_ms = 0;                  // 0: the output follows
-    std::optional<Level> on_loss{Level::High};  // none: it keeps what it was
-    double loss_after = 2;                      // seconds
-    int line = 0;
-
-    std::string Text() const { return from.Text() + " -> " + to.Text(); }
-};
+#include "tools/mqtt/LinkConfig.h"
 
 struct MqttConfig {
     std::string site;

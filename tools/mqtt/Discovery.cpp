@@ -1,6 +1,8 @@
 #include "tools/mqtt/Discovery.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cstdio>
 
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/PinName.h"
@@ -11,14 +13,25 @@ namespace {
 // of the level alone.
 const char* const IS_KNOWN = "{{ 'offline' if value_json.level is none else 'online' }}";
 
+// With '.', '_' and '-' in hex, so that no two names become one.
+std::string Escaped(const std::string& name) {
+    std::string escaped;
+    for (const char c : name) {
+        char code[4] = {c, '\0'};
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
+            snprintf(code, sizeof code, "-%02x", static_cast<unsigned int>(c));
+        }
+        escaped += code;
+    }
+    return escaped;
+}
+
 }  // namespace
 
 std::string DiscoveryTopic(const MqttConfig& config, uint32_t tag) {
     // Hubs allow no other characters.
-    std::string id = config.prefix + "_" + config.site + "_" + PinText(tag);
-    for (char& c : id) {
-        c = std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' ? c : '_';
-    }
+    std::string id = Escaped(config.prefix) + "_" + Escaped(config.site) + "_" + PinText(tag);
+    std::replace(id.begin(), id.end(), ':', '_');
     return config.discovery + (IsInput(tag) ? "/binary_sensor/" : "/switch/") + id + "/config";
 }
 

@@ -512,7 +512,7 @@ class MqttTest(unittest.TestCase):
                     "-CAcreateserial", "-out", f"{name}.crt", "-days", days, "-extfile", "ext")
         time.sleep(1)
         (RUN / "credentials").mkdir()
-        (RUN / "credentials" / "secret").write_text("pass word\n", "ascii")
+        (RUN / "credentials" / "secret").write_text("pass word\r\n", "ascii")
         os.environ["CREDENTIALS_DIRECTORY"] = str(RUN / "credentials")
         subprocess.run(["mosquitto_passwd", "-b", "-c", "users", "joe", "pass word"], check=True, cwd=RUN)
         asks = "require_certificate true\ncafile /run/ca.crt\n"
@@ -532,10 +532,11 @@ class MqttTest(unittest.TestCase):
                 self.end()
 
     def test_configuration(self):
+        (RUN / "password").write_text("word\r\n", "ascii")
         base = "site studio\nbroker 127.0.0.1\nnames /dev/null\n"
         link = "link studio:1:2:in1 -> tower:1:2:out1"
         for line, text, reason in [
-                (1, "", "no site"), (4, base + "nonsense 1", "unknown setting"),
+                (0, "", "no site"), (4, base + "nonsense 1", "unknown setting"),
                 (4, base + "site tower", "given twice"), (4, base + "ask never", "not a number"),
                 (4, base + "link studio:1:2:in1 tower:1:2:out1", "not link"),
                 (4, base + link + " pulse 9", "not a number"),
@@ -544,17 +545,25 @@ class MqttTest(unittest.TestCase):
                 (4, base + "link tower:1:2:in1 -> studio:1:2:in2", "is an input"),
                 (4, base + "link tower:1:2:in1 -> studio:lamp", "lamp"),
                 (5, base + link + "\n" + link.replace("in1", "in2"), "line 4 already"),
-                (6, base + "link a:1:2:out1 -> b:1:2:out1\nlink b:1:2:out1 -> c:1:2:out1\n"
-                 "link c:1:2:out1 -> a:1:2:out1", "a loop: "),
-                (4, base + "link a:1:2:out1 -> a:0x102:out1", "a loop: "),
-                (4, base + "key /x", "needs a key"), (4, base + "ca /x", "need tls yes"),
+                (6, base + "link studio:1:2:out1 -> b:1:2:out1\nlink b:1:2:out1 -> studio:1:2:out2\n"
+                 "link studio:1:2:out2 -> studio:1:2:out1", "a loop: "),
+                (4, base + "link studio:1:2:out1 -> studio:0x102:out1", "a loop: "),
+                (0, base + "key /dev/zero", "needs a key"), (0, base + "ca /dev/zero", "need tls yes"),
+                (5, base + "tls yes\nca /gone", "can't read /gone"), (4, base + "key /run", "can't read"),
+                (0, base + "password-file /run/password", "needs a user"),
+                (2, base.replace("127.0.0.1", "mqtt://hub"), "not HOST"),
+                (2, base.replace("127.0.0.1", "[::1]1883"), "not HOST"),
+                (2, base.replace("127.0.0.1", "hub:1883.5"), "whole"),
+                (4, base + "link 1:2:in1 -> 7:4:out1", "there is no site: 1:2:in1"),
+                (4, base + link.replace("studio", "Studio"), "neither pin is at this file's site"),
+                (4, base + link + " pulse 12.5", "whole"), (4, base + link + " invert invert", "given twice"),
                 (4, base + "site", "needs one value"), (4, base + "password-file /gone", "/gone")]:
             path = RUN / "bad.conf"
             path.write_text(text + "\n", "ascii")
             done = subprocess.run([f"{BUILD}/tools/mqtt/orvex-mqtt", "--check", path], check=False,
                                   capture_output=True, encoding="utf-8")
             self.assertEqual(done.returncode, 1, text)
-            self.assertIn(f"bad.conf:{line}: ", done.stderr)
+            self.assertIn(f"bad.conf:{line}: " if line else "bad.conf: ", done.stderr)
             self.assertIn(reason, done.stderr)
         done = subprocess.run([f"{BUILD}/tools/mqtt/orvex-mqtt", "--print-topics", RUN / "studio.conf"],
                               check=True, capture_output=True, encoding="utf-8")

@@ -1,6 +1,4 @@
-#include "tools/mqtt/Graph.h"
-
-#include "tools/mqtt/Config.h"
+#include "tools/mqtt/LinkConfig.h"
 
 std::optional<std::string> RefusalOf(const LinkConfig& link,
                                      const std::vector<LinkConfig>& others) {
