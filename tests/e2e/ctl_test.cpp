@@ -109,15 +109,18 @@ TEST_F(Ctl, WatchesAsLongAsRequested) {
 TEST_F(Ctl, PlaysBackWhatItRecorded) {
     StartAll();
     const std::string file = "/run/recording";
-    const auto record = StartListener(studio, {"record", file, "--count", "2"});
+    const auto record = StartListener(studio, {"record", file, "--count", "3"});
     tqrd.server.Apply("GPI 1 LLLLL");
     ASSERT_TRUE(AwaitOut("parse_GPI 1 LLLLL\n"));
     Linger(300);
+    ExpectRun({"set", "1:2:out2=L,500"}, 0, "sent\n", "");
+    ASSERT_TRUE(AwaitHeard(tqrd, "GPO 1 xLxxx DURATION:500"));
     tqrd.server.Apply("GPI 1 HHHHH");
     ASSERT_EQ(Finish(*record), 0);
 
-    const auto watch = StartListener(studio, {"watch", "--json", "-c", "3"});
-    ExpectRun({"send", file}, 0, "sent 2 messages\n", "");
+    const auto watch = StartListener(studio, {"watch", "--json", "-c", "4"});
+    ExpectRun({"send", file}, 0, "sent 3 messages\n", "");
+    EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xLxxx DURATION:500", 2)) << "writes are recorded too";
     ExpectRun({"send", "--fast", "/dev/null"}, 0, "sent 0 messages\n", "");
     // Written by hand, with an identifier and types that no device knows: for listeners only.
     std::ofstream("/run/made") << R"({"id":"0xFF000001","port":2055,"reliable":true,"items":[)"
@@ -130,8 +133,8 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     text << std::ifstream(file).rdbuf();
     std::vector<Json> sent = Lines(text.str());
     const std::vector<Json> heard = Lines(watch->Out());
-    ASSERT_EQ(sent.size(), 2U);
-    ASSERT_EQ(heard.size(), 3U);
+    ASSERT_EQ(sent.size(), 3U);
+    ASSERT_EQ(heard.size(), 4U);
     for (size_t i = 0; i < sent.size(); ++i) {
         EXPECT_EQ(heard[i]["host"], STUDIO_ADDRESS);
         EXPECT_EQ(heard[i]["items"], sent[i]["items"]);
@@ -139,9 +142,9 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     const double gap = heard[1]["time"].get<double>() - heard[0]["time"].get<double>();
     EXPECT_GE(gap, 0.1);  // of 0.3, to allow for a busy machine
     EXPECT_NEAR(gap, sent[1]["time"].get<double>() - sent[0]["time"].get<double>(), 0.2);
-    EXPECT_EQ(heard[2]["items"], Json::parse(R"([{"tag":7,"type":99,"value":5},
+    EXPECT_EQ(heard[3]["items"], Json::parse(R"([{"tag":7,"type":99,"value":5},
               {"tag":7,"type":"message","value":{"id":"ABCD","items":[]}}])"));
-    EXPECT_EQ(heard[2]["reliable"], true);
+    EXPECT_EQ(heard[3]["reliable"], true);
 
     std::ofstream("/run/made") << "{\"id\":\"ABCD\",\"items\":[]}\n{\"id\":\"ABCD\"}\n";
     ExpectRun({"send", "/run/made"}, 1, "", "orvexctl: /run/made:2: no \"items\"\n");

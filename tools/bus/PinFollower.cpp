@@ -87,7 +87,9 @@ bool PinFollower::Serve(int most) {
     FollowLink(Now());
     std::vector<uint32_t> ask;
     Pass(m_states.Tend(Now(), ask));
-    Send(ask, m_pin_id);
+    if (m_policy.reads_written) {
+        Send(ask, m_pin_id);
+    }
     TendQuestion(Now());
     ReadDue(Now());
     FindSilent(Now());

@@ -48,6 +48,8 @@ struct FollowPolicy {
     unsigned int input_rounds = 1;
     double answer_time = 1;  // seconds
     int misses = 3;
+    // Whether pins that somebody has written are read, see PinStates.
+    bool reads_written = true;
 
     // If the bus can't be used at the start, tries again every second. Otherwise the constructor
     // throws BusError.

@@ -15,13 +15,13 @@ public:
     explicit Wait(const Options& options)
         : m_options(options),
           m_output(options),
-          m_watch(options, BusLink::Hear::ReportsAndRequests),
+          m_watch(options, ASK_EVERY, false),
           m_edges(options.conditions.size()) {
         std::vector<PinRef> pins;
         for (const PinCondition& condition : options.conditions) {
             pins.push_back({condition.tag >> 8, static_cast<uint8_t>(condition.tag)});
         }
-        m_watch.Ask(pins, ASK_EVERY);
+        m_watch.Ask(pins);
     }
 
     int Run();
@@ -112,7 +112,7 @@ std::string Wait::Reason(const PinCondition& condition) const {
     if (state->status == PinStatus::Written) {
         return name + " was written " + LevelText(state->level) + ", and is not confirmed";
     }
-    if (!state->told) {
+    if (!state->level) {
         return name + ": no answer: no device on the bus has " + AddressText(condition.tag >> 8) +
                ", or its control server is away";
     }

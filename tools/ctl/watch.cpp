@@ -20,11 +20,10 @@ public:
         : m_options(options),
           m_output(options.file.empty() ? std::make_unique<Output>(options)
                                         : std::make_unique<Output>(options, options.file)),
-          m_watch(options,
-                  options.changes ? BusLink::Hear::ReportsAndRequests : BusLink::Hear::Reports),
+          m_watch(options, options.changes ? ASK_EVERY : 0, !options.changes),
           m_end(options.seconds ? After(*options.seconds) : TimePoint::max()) {
         if (!options.pins.empty()) {
-            m_watch.Ask(options.pins, options.changes ? ASK_EVERY : 0);
+            m_watch.Ask(options.pins);
         } else if (options.changes) {
             m_watch.AskForNamed();
         }
@@ -110,13 +109,15 @@ bool Watch::IsWanted(const CMessage& message) const {
     return m_options.pins.empty();
 }
 
-// The initial state, which is read first, is no change.
+// The initial state, which is read first, is no change; nor is what is told again after a while in
+// which nobody answered.
 bool Watch::IsFirst(const PinChange& change) const {
-    return !change.before && change.cause == PinChange::Cause::Answered;
+    return !change.before && change.cause == PinChange::Cause::Answered &&
+           !m_watch.States().Find(change.tag)->seen_changing;
 }
 
 bool Watch::IsCounted(const PinChange& change) const {
-    return IsWanted(change.tag) && change.IsNewLevel() && !IsFirst(change);
+    return IsWanted(change.tag) && change.IsNewLevel() && change.after && !IsFirst(change);
 }
 
 // For pins that the user named, the initial state is shown.
@@ -133,7 +134,7 @@ void Watch::ShowMessage() {
     if (traffic == nullptr || !IsWanted(traffic->message)) {
         return;
     }
-    if (m_options.all || !m_watch.IsRepeat()) {
+    if (m_options.all || (!m_watch.IsRepeat() && traffic->GetKind() != Kind::Read)) {
         m_output->Write(
             *traffic, m_options.pins.empty() ? std::function<bool(uint32_t)>()
                                              : [this](uint32_t tag) { return IsWanted(tag); });
