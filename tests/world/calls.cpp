@@ -361,7 +361,7 @@ extern "C" int select(int count, fd_set* readable, fd_set* /*writable*/, fd_set*
     call.result = static_cast<long>(call.got.size());
     if (is_wait) {
         const bool is_bus = call.result == 1 && !socket_of(call.got[0] & 255).is_stream;
-        w.memory_left = is_bus && !w.is_calm && w.random.OneIn(2000) ? w.random.Below(6) : -1;
+        w.memory_left = is_bus && !w.is_calm && w.random.OneIn(500) ? w.random.Below(6) : -1;
     }
     if (w.Fails(is_wait ? "select" : "select without waiting", is_wait ? 40000 : 100000,
                 {EINTR, ENOMEM})) {
