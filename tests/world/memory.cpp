@@ -6,7 +6,10 @@
 
 namespace {
 
-const size_t BUFFER = 2001;  // of a connection, for its lines; nothing else has this size
+// Whether it is that of a buffer for lines: 2,000 bytes and a NUL, with or without 512 behind them.
+bool is_buffer(size_t size) {
+    return size == 2001 || size == 2513;
+}
 
 bool is_short(size_t size) {
     if (!World::Exists() || World::Get().memory_left < 0 || World::Get().running != nullptr ||
@@ -14,7 +17,7 @@ bool is_short(size_t size) {
         return false;
     }
     World::Get().Fault("new: Cannot allocate memory");
-    World::Get().Log({size == BUFFER ? "no buffer " : "no memory "});
+    World::Get().Log({is_buffer(size) ? "no buffer " : "no memory "});
     return true;
 }
 
