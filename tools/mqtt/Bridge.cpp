@@ -20,8 +20,8 @@ const size_t MOST_LEFTOVERS = 50000;
 const size_t LONGEST_TOPIC = 300;
 const size_t MOST_UNACKNOWLEDGED = 20;
 const double REST_PAUSE = 0.001;  // seconds
-// In one turn of the loop. Enough for a state and an event for each message that PinBook takes in a
-// turn, so that a burst from the bus does not fill the queue.
+// In one turn of the loop. Enough for a state and an event for each message that is taken from the
+// bus in a turn, so that a burst from the bus does not fill the queue.
 const int MOST_PUBLISHED = 1000;
 
 }  // namespace
@@ -31,13 +31,18 @@ Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)>
       m_topics(config),
       m_log(std::move(print)),
       m_tell([this](const std::string& text) { m_log.Tell(text); }),
-      m_pins(config),
+      m_pins(config, m_tell),
+      m_bus(m_pins.Follower()),
       m_broker(config, m_tell),
-      m_sets(config, m_pins, m_tell),
+      m_sets(config, m_bus, m_tell),
       m_losses(config.loss_file),
       m_links(config, m_losses.Saved()),
       m_number(NewRequestId()) {
-    m_pins.on_reply = [this](const Traffic& traffic) { m_sets.TakeReply(traffic); };
+    m_bus.on_message = [this](const Traffic& traffic, bool) {
+        if (traffic.GetKind() == Kind::Reply) {
+            m_sets.TakeReply(traffic);
+        }
+    };
 }
 
 Bridge::End Bridge::Run(const Signals& signals) {
@@ -59,11 +64,11 @@ Bridge::End Bridge::Run(const Signals& signals) {
 void Bridge::Wait(const Signals& signals, bool& stopped) {
     std::vector<pollfd> fds = {{signals.Get(), POLLIN, 0},
                                {m_broker.Socket(), m_broker.Events(), 0}};
-    for (const int fd : m_pins.Descriptors()) {
+    for (const int fd : m_bus.Descriptors()) {
         fds.push_back({fd, POLLIN, 0});
     }
     TimePoint next =
-        std::min({m_broker.NextTime(), m_pins.NextTime(), m_sets.NextTime(), After(SIGN_EVERY)});
+        std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(), After(SIGN_EVERY)});
     if (m_broker.Connection() != 0) {
         next = std::min(next, m_next_sign);
     }
@@ -79,12 +84,7 @@ void Bridge::Wait(const Signals& signals, bool& stopped) {
 void Bridge::Step() {
     FollowConnection();
     TakeMessages();
-    m_pins.Serve();
-    const std::string note = m_pins.TakeNote();
-    if (!note.empty() && note != m_note) {
-        m_tell(note);
-        m_note = note;
-    }
+    m_bus.Serve();
     m_sets.Tend();
     CarryOutLinks();
     FollowPhase();
@@ -238,7 +238,7 @@ std::string Bridge::Hindrance() const {
     if (m_is_taken_over) {
         return "another bridge has the site";
     }
-    if (!m_pins.IsUp()) {
+    if (!m_bus.IsUp()) {
         return "the bus is down";
     }
     return m_phase == Phase::Online ? std::string() : "the pins are still being read";
@@ -274,7 +274,7 @@ void Bridge::TakeMessage(const Broker::Message& message) {
 }
 
 void Bridge::CarryOutLinks() {
-    if (m_pins.IsUp()) {
+    if (m_bus.IsUp()) {
         for (const Links::Write& write : m_links.Tend(m_own_sign)) {
             Write(write);
         }
@@ -291,7 +291,7 @@ void Bridge::CarryOutLinks() {
 
 void Bridge::Write(const Links::Write& write) {
     try {
-        m_pins.Write(write.tag, WriteValue(write.level, write.duration_ms));
+        m_bus.Write(write.tag, WriteValue(write.level, write.duration_ms));
         if (!write.reason.empty()) {
             m_tell(PinText(write.tag) + " is set " + LevelLetter(write.level) + " (" +
                    write.reason + ")");
@@ -303,8 +303,8 @@ void Bridge::Write(const Links::Write& write) {
 }
 
 void Bridge::FollowPhase() {
-    if (m_bus_up != m_pins.IsUp()) {
-        m_bus_up = m_pins.IsUp();
+    if (m_bus_up != m_bus.IsUp()) {
+        m_bus_up = m_bus.IsUp();
         if (m_bus_up) {
             m_links.WriteAgain();
         }
@@ -313,7 +313,7 @@ void Bridge::FollowPhase() {
             BeginAsking();
         }
     }
-    if (m_phase == Phase::Asking && m_bus_up && !m_pins.IsAsking()) {
+    if (m_phase == Phase::Asking && m_bus_up && !m_bus.IsReading()) {
         m_phase = Phase::Publishing;
         m_pins.TellAll();
     }
@@ -447,9 +447,9 @@ void Bridge::PublishChange(const PinChange& change) {
 }
 
 void Bridge::PublishDevice(uint32_t host) {
-    const PinBook::Device& device = m_pins.Devices().at(host);
+    const PinFollower::Device& device = m_bus.Devices().at(host);
     Json json;
-    json["state"] = device.silent ? "silent" : "heard";
+    json["state"] = device.is_silent ? "silent" : "heard";
     json["since"] = device.since;
     Publish(m_topics.Device(HostText(host)), Dump(json), true);
 }

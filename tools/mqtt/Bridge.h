@@ -75,6 +75,7 @@ private:
     Log m_log;
     const std::function<void(const std::string&)> m_tell;
     PinBook m_pins;
+    PinFollower& m_bus;
     Broker m_broker;
     Sets m_sets;
     LossFile m_losses;
@@ -83,7 +84,6 @@ private:
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
-    std::string m_note;      // the last one from the bus
     uint64_t m_dropped = 0;  // events, as far as reported
     TimePoint m_next_complaint{};
     bool m_has_more = false;

@@ -15,7 +15,8 @@ const double ANSWER_TIME = 1;
 
 }  // namespace
 
-Sets::Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell)
+Sets::Sets(const MqttConfig& config, PinFollower& pins,
+           std::function<void(const std::string&)> tell)
     : m_config(config), m_topics(config), m_pins(pins), m_tell(std::move(tell)) {}
 
 // Who may only ask for answers must not publish as a bridge, as a hub's device or as the broker.

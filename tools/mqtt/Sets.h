@@ -7,14 +7,14 @@
 #include <optional>
 #include <string>
 
+#include "tools/bus/PinFollower.h"
 #include "tools/mqtt/Broker.h"
-#include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Topics.h"
 
 // Carries sets out at once or not at all, and checks whether the device obeyed. None is queued.
 class Sets {
 public:
-    Sets(const MqttConfig& config, PinBook& pins, std::function<void(const std::string&)> tell);
+    Sets(const MqttConfig& config, PinFollower& pins, std::function<void(const std::string&)> tell);
 
     // Processes a message to the topics of sets. It is at most age seconds old. A reason says why
     // none can be carried out now; empty if they can.
@@ -50,7 +50,7 @@ private:
 
     const MqttConfig& m_config;
     const Topics m_topics;
-    PinBook& m_pins;
+    PinFollower& m_pins;
     const std::function<void(const std::string&)> m_tell;
     std::list<Pending> m_pending;
     std::deque<Broker::Outgoing> m_answers;

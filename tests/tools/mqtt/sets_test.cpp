@@ -8,7 +8,7 @@ TEST(SetsTest, CarriesOutNothingThatItCantAnswer) {
     MqttConfig config;
     config.site = "studio";
     config.bus.iface = "lo";
-    PinBook pins(config);
+    PinFollower pins(config.bus);
     std::string told;
     Sets sets(config, pins, [&told](const std::string& text) { told = text; });
     Broker::Message set{"orvex/studio/set/1/2/out1", "nonsense", false, "reply", "first", {}};
