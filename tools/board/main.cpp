@@ -9,10 +9,11 @@
 #include <boost/asio/steady_timer.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 
 #include "protocol/numbers.h"
+#include "tools/base/Notify.h"
+#include "tools/base/RunMain.h"
 #include "tools/board/Access.h"
 #include "tools/board/Api.h"
 #include "tools/board/Board.h"
@@ -103,9 +104,11 @@ private:
     void Every(boost::asio::steady_timer& timer, std::chrono::milliseconds pace,
                const std::function<void()>& task);
     void Tick();
+    std::string StatusLine() const;
     void StoreSoon();
 
     boost::asio::io_context m_loop{1};
+    Notify m_notify;
     History m_history;
     EventStream m_stream;
     Board m_board;
@@ -219,7 +222,18 @@ void Program::Every(boost::asio::steady_timer& timer, std::chrono::milliseconds 
     });
 }
 
+// For whoever looks after the service.
+std::string Program::StatusLine() const {
+    std::string text = "viewers: " + std::to_string(m_server.Viewers());
+    for (const std::string& problem :
+         {m_board.LinkProblem(), m_board.ControlProblem(), m_history.Problem()}) {
+        text += problem.empty() ? "" : "; " + problem;
+    }
+    return text;
+}
+
 void Program::Tick() {
+    m_notify.Beat();
     m_board.Tick();
     m_reports.Follow();
     m_requests.Follow();
@@ -251,14 +265,19 @@ void Program::StoreSoon() {
 void Program::Run() {
     m_history.Open(NowMs());
     boost::asio::signal_set signals(m_loop, SIGINT, SIGTERM);
-    signals.async_wait([this](const Error&, int) { m_loop.stop(); });
+    signals.async_wait([this](const Error&, int) {
+        m_notify.Stopping();
+        m_loop.stop();
+    });
     Every(m_tick, Board::TICK, [this] { Tick(); });
     Every(m_keep, KEEP_PACE, [this] { m_history.Keep(NowMs()); });
     Every(m_beat, BEAT_PACE, [this] {
         m_stream.Append("beat", Dump({{"now", NowMs()}, {"viewers", m_server.Viewers()}}));
+        m_notify.Status(StatusLine());
     });
     printf("orvex-board: http://%s/\n", m_server.Address().c_str());
     fflush(stdout);
+    m_notify.Ready();
     m_loop.run();
     m_history.Store(NowMs());
     m_history.Keep(NowMs());
@@ -267,8 +286,8 @@ void Program::Run() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    try {
+    return RunMain("orvex-board", [&] {
+        Options options;
         if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
             return *status;
         }
@@ -276,8 +295,5 @@ int main(int argc, char** argv) {
         Program program(options);
         program.Run();
         return 0;
-    } catch (const std::exception& error) {
-        fprintf(stderr, "orvex-board: %s\n", error.what());
-        return 1;
-    }
+    });
 }

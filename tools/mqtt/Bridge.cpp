@@ -47,9 +47,13 @@ Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)>
 
 Bridge::End Bridge::Run(const Signals& signals) {
     bool stopped = false;
+    m_notify.Ready();
     for (;;) {
+        m_notify.Status(StatusLine());
+        m_notify.Beat();
         Wait(signals, stopped);
         if (stopped) {
+            m_notify.Stopping();
             Stop();
             return End::Stopped;
         }
@@ -67,8 +71,8 @@ void Bridge::Wait(const Signals& signals, bool& stopped) {
     for (const int fd : m_bus.Descriptors()) {
         fds.push_back({fd, POLLIN, 0});
     }
-    TimePoint next =
-        std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(), After(SIGN_EVERY)});
+    TimePoint next = std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(),
+                               m_notify.NextTime(), After(SIGN_EVERY)});
     if (m_broker.Connection() != 0) {
         next = std::min(next, m_next_sign);
     }
@@ -242,6 +246,16 @@ std::string Bridge::Hindrance() const {
         return "the bus is down";
     }
     return m_phase == Phase::Online ? std::string() : "the pins are still being read";
+}
+
+// For whoever looks after the service.
+std::string Bridge::StatusLine() const {
+    const std::string site = "site " + m_config.site;
+    if (m_connection == 0) {
+        return site + " is not connected to the broker";
+    }
+    const std::string hindrance = Hindrance();
+    return hindrance.empty() ? site + " is online" : site + " is not online: " + hindrance;
 }
 
 void Bridge::TakeMessages() {

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 
+#include "tools/base/Notify.h"
 #include "tools/base/Signals.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Links.h"
@@ -69,6 +70,7 @@ private:
     void PublishStatus(const char* status);
     void Stop();
     std::string Hindrance() const;
+    std::string StatusLine() const;
 
     const MqttConfig& m_config;
     const Topics m_topics;
@@ -81,6 +83,7 @@ private:
     LossFile m_losses;
     Links m_links;
 
+    Notify m_notify;
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
