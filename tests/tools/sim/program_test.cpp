@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "tests/support/Manager.h"
 #include "tests/support/Process.h"
 #include "tests/tools/server/TestClient.h"
 
@@ -58,30 +57,6 @@ TEST(OrvexSim, EndsWithAStatus) {
         EXPECT_EQ(program.End(), entry.status) << entry.arguments;
         EXPECT_TRUE(program.HasPrinted(entry.message)) << program.Out() << program.Err();
     }
-}
-
-TEST(OrvexSim, TellsTheServiceManager) {
-    const Manager manager;
-    setenv("NOTIFY_SOCKET", manager.Name().c_str(), 1);
-    setenv("WATCHDOG_USEC", "400000", 1);
-    Program program("--listen 127.0.0.1:0");
-    unsetenv("NOTIFY_SOCKET");
-    unsetenv("WATCHDOG_USEC");
-    EXPECT_EQ(manager.Next(), "READY=1");
-    EXPECT_EQ(manager.Next(), "STATUS=clients connected: 0");
-    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
-    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
-    program.Signal(SIGSTOP);
-    std::string last;
-    for (std::string state; !(state = manager.Next(1000)).empty();) {
-        last = state;
-    }
-    program.Signal(SIGCONT);
-    EXPECT_EQ(manager.Next(), "WATCHDOG=1") << last;
-    program.Signal(SIGTERM);
-    while (!(last = manager.Next()).empty() && last != "STOPPING=1") {
-    }
-    EXPECT_EQ(last, "STOPPING=1");
 }
 
 TEST(OrvexSim, MarksErrorsInTheJournal) {
