@@ -1,0 +1,62 @@
+// From displays to outputs.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/base/Time.h"
+#include "tools/tsl/Config.h"
+
+// Decides the levels of the outputs. An output is low while its display is lit as its rule says.
+// It gets its on-loss level when the host that told the display last has sent nothing well-formed
+// for that long, or when nobody has told it since the start; and is not set before it was told.
+class Rules {
+public:
+    struct Write {
+        uint32_t tag;
+        Level level;
+    };
+
+    // Replaces the rules. Those that stay the same keep what they know.
+    void Configure(const std::vector<TslRule>& rules);
+
+    // Processes the displays of one packet.
+    void Take(const std::vector<Display>& displays, uint32_t host);
+
+    // What to write now: after Take(), and when NextTime() has come.
+    std::vector<Write> Tend();
+    TimePoint NextTime() const;
+
+    // A device has that level at an output. If it is another than was written, it is written again.
+    void Told(uint32_t tag, std::optional<Level> level);
+
+    // Everything must be written again.
+    void WriteAgain();
+
+    // What to write because the program ends: as if all switchers were lost.
+    std::vector<Write> End();
+
+    // Texts for the log; the caller clears them.
+    std::vector<std::string>& Notes() { return m_notes; }
+
+private:
+    struct Rule {
+        TslRule config;
+        std::optional<bool> lit;  // none: nobody has told, or who did is lost
+        uint32_t host = 0;        // who told
+        TimePoint good{};         // when that host was heard last, or the start
+        bool lost = false;
+        std::optional<Level> written;
+        TimePoint written_at{};
+        TimePoint again = TimePoint::max();  // when to write once more
+    };
+
+    void TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes);
+
+    std::vector<Rule> m_rules;
+    std::map<uint32_t, TimePoint> m_hosts;  // that told a display of a rule: when they were heard
+    std::vector<std::string> m_notes;
+};
