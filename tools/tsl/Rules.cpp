@@ -116,6 +116,11 @@ TimePoint Rules::NextTime() const {
     return next;
 }
 
+size_t Rules::LostCount() const {
+    return static_cast<size_t>(
+        std::count_if(m_rules.begin(), m_rules.end(), [](const Rule& rule) { return rule.lost; }));
+}
+
 void Rules::Told(uint32_t tag, std::optional<Level> level) {
     for (Rule& rule : m_rules) {
         if (rule.config.tag == tag && level && rule.written && level != rule.written &&

@@ -30,6 +30,9 @@ public:
     std::vector<Write> Tend();
     TimePoint NextTime() const;
 
+    // How many displays with an on-loss level are lost.
+    size_t LostCount() const;
+
     // A device has that level at an output. If it is another than was written, it is written again.
     void Told(uint32_t tag, std::optional<Level> level);
 

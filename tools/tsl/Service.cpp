@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "tools/base/LineBuffer.h"
+#include "tools/base/Notify.h"
 #include "tools/bus/BusError.h"
 
 namespace {
@@ -68,10 +69,15 @@ void Service::Configure(const TslConfig& config) {
 
 void Service::Run(Signals& signals) {
     std::vector<pollfd> fds;
+    Notify notify;
+    notify.Ready();
     for (;;) {
-        Wait(signals, fds);
+        notify.Status(StatusText());
+        notify.Beat();
+        Wait(signals, notify.NextTime(), fds);
         while (const std::optional<int> signal = signals.Take()) {
             if (*signal != SIGHUP) {
+                notify.Stopping();
                 for (const Rules::Write& write : m_rules.End()) {
                     Write(write);
                 }
@@ -90,15 +96,24 @@ void Service::Run(Signals& signals) {
     }
 }
 
-void Service::Wait(const Signals& signals, std::vector<pollfd>& fds) const {
+std::string Service::StatusText() const {
+    if (!m_follower.Problem().empty()) {
+        return "the bus can't be used: " + m_follower.Problem();
+    }
+    const size_t lost = m_rules.LostCount();
+    return lost == 0 ? "all switchers are heard"
+                     : std::to_string(lost) + " displays are lost: their switchers send nothing";
+}
+
+void Service::Wait(const Signals& signals, TimePoint limit, std::vector<pollfd>& fds) const {
     fds = {{signals.Get(), POLLIN, 0}};
     for (const int fd : m_follower.Descriptors()) {
         fds.push_back({fd, POLLIN, 0});
     }
     m_inputs.AddDescriptors(fds);
     m_outputs.AddDescriptors(fds);
-    const TimePoint next =
-        std::min({m_follower.NextTime(), m_rules.NextTime(), m_outputs.NextTime(), m_complain});
+    const TimePoint next = std::min(
+        {limit, m_follower.NextTime(), m_rules.NextTime(), m_outputs.NextTime(), m_complain});
     poll(fds.data(), fds.size(), MillisecondsUntil(next));
 }
 

@@ -30,11 +30,12 @@ private:
         std::string first;  // of those not told yet
     };
 
-    void Wait(const Signals& signals, std::vector<pollfd>& fds) const;
+    void Wait(const Signals& signals, TimePoint limit, std::vector<pollfd>& fds) const;
     void Configure(const TslConfig& config);
     void Reload();
     void TakeChange(const PinChange& change);
     void TakeLink(const BusLink::Change& change);
+    std::string StatusText() const;
     void CarryOutRules();
     void Write(const Rules::Write& write);
     void Complain(uint32_t host, const std::string& reason, const std::string& bytes);
