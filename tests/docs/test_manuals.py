@@ -93,7 +93,7 @@ class ManualsTest(unittest.TestCase):
     def test_tool_messages(self):
         for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",),
                               "orvex-gpio": ("tools/gpio", "tools/server"), "orvex-board": ("tools/board",),
-                              "orvex-mqtt": ("tools/mqtt",)}.items():
+                              "orvex-mqtt": ("tools/mqtt",), "orvex-tsl": ("tools/tsl",)}.items():
             manual = " ".join(map(text_of, (ROOT / "docs/man").glob(f"{name}.*")))
             parts = {" ".join(joined(f'"{literal}"').split())
                      for text in sources(*folders) for start in TOLD.finditer(text)
