@@ -274,6 +274,28 @@ TEST_F(Doctor, KnowsWhoMayShareThePort) {
     ExpectTroubles({"daemon"}, "not running");
 }
 
+TEST_F(Doctor, KnowsTheServicesBesideTheDaemon) {
+    ASSERT_EQ(device.Run("mkdir -p /run/systemd/system && mount -t tmpfs etc /etc/systemd && "
+                         "mkdir -p /etc/systemd/system/multi-user.target.wants && "
+                         "cd /etc/systemd/system/multi-user.target.wants && "
+                         "ln -s none orvex-board.service && ln -s none orvex-mqtt.service"),
+              0);
+    StartWell();
+    ExpectTroubles({"program"}, "orvex-board is enabled, but not running");
+    const pid_t board = fork();
+    if (board == 0) {
+        const Host::Scope on(device);
+        prctl(PR_SET_NAME, "orvex-board");
+        pause();
+        _exit(0);
+    }
+    ASSERT_TRUE(Await([this] { return Run({}) == 0; })) << out;
+    kill(board, SIGSTOP);
+    ExpectTroubles({"program"}, "is stopped");
+    kill(board, SIGKILL);
+    waitpid(board, nullptr, 0);
+}
+
 // The other one is on another host, also for those who may not look at it.
 TEST_F(Doctor, FindsTwoDevicesWithOneAddress) {
     StartWell();

@@ -8,8 +8,6 @@
 
 namespace {
 
-const double LISTEN_ON = 0.2;  // seconds after the last answer, for another host's
-
 bool Differs(const std::string& state, const Question& question, uint32_t address) {
     for (size_t pin = 0; pin < state.size(); ++pin) {
         const uint32_t circuit = FIRST_INPUT_CIRCUIT - static_cast<uint32_t>(pin);
@@ -50,33 +48,31 @@ std::vector<PinRef> PinsOf(const ChannelTable& table) {
     return pins;
 }
 
-// Remembers who sent the reply: this device, or another one that has the same addresses.
-void TakeSender(const CMessage& reply, const Facts& facts, BusAnswer& answer) {
-    const uint32_t host = htonl(static_cast<uint32_t>(reply.GetHost()));
-    if (!facts.DeviceOf(host).empty()) {
-        answer.has_answered = true;
-        return;
-    }
-    for (const int number : facts.answer.table.Find(KIND_BUS)) {
-        const uint32_t address = facts.answer.table.Channel(number).config.ach;
-        for (unsigned int i = 0; i < reply.GetItemCount(); ++i) {
-            if (reply.GetItem(i)->m_nTag >> 8 == address) {
-                answer.others[address].insert(host);
-            }
+void Ask(BusLink& link, Question& question, const Facts& facts, BusAnswer& answer) {
+    Traffic traffic;
+    while (!question.IsOver()) {
+        question.AskWhenDue();
+        if (link.Wait(traffic, question.NextTime()) == BusLink::Event::Heard &&
+            question.IsAnswer(traffic.message)) {
+            const uint32_t host = htonl(static_cast<uint32_t>(traffic.message.GetHost()));
+            answer.has_answered = answer.has_answered || !facts.DeviceOf(host).empty();
+            question.Take(traffic.message);
         }
     }
 }
 
-void Ask(BusLink& link, Question& question, const Facts& facts, BusAnswer& answer) {
-    Traffic traffic;
-    for (TimePoint end = After(LISTEN_ON); !question.IsOver() || Now() < end;) {
-        question.AskWhenDue();
-        const TimePoint until = question.IsOver() ? end : question.NextTime();
-        if (link.Wait(traffic, until) == BusLink::Event::Heard &&
-            question.IsAnswer(traffic.message)) {
-            TakeSender(traffic.message, facts, answer);
-            if (question.Take(traffic.message)) {
-                end = After(LISTEN_ON);
+// Hosts that answer for our addresses, beside this device or in its place.
+void FindOthers(const Question& question, const Facts& facts, BusAnswer& answer) {
+    std::map<uint32_t, std::set<uint32_t>> hosts = question.Shared();
+    for (const PinRef& pin : PinsOf(facts.answer.table)) {
+        for (const uint32_t tag : pin.Tags()) {
+            if (const auto told = question.AnswerOf(tag)) {
+                hosts[pin.address].insert(told->host);
+            }
+        }
+        for (const uint32_t host : hosts[pin.address]) {
+            if (facts.DeviceOf(htonl(host)).empty()) {
+                answer.others[pin.address].insert(htonl(host));
             }
         }
     }
@@ -97,6 +93,7 @@ BusAnswer AskBus(const BusSettings& settings, const Facts& facts) {
         answer.was_asked = true;
         Question question(link, pins);
         Ask(link, question, facts, answer);
+        FindOthers(question, facts, answer);
         answer.stale_inputs = StaleInputs(facts.answer.table, question, answer);
         // A different state may have changed between the two answers.
         if (!answer.stale_inputs.empty()) {

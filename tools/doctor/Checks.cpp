@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <iterator>
+#include <filesystem>
 
 #include "protocol/numbers.h"
 #include "tools/base/LineBuffer.h"
@@ -12,8 +12,14 @@
 
 namespace {
 
-// Their units have the same names.
-const char* const BESIDE[] = {"orvex-board", "orvex-mqtt", "orvex-gpio"};
+// A program beside the daemon, with a unit of the same name.
+struct Beside {
+    const char* name;
+    const char* config;  // without this file the unit does not start; null: always
+};
+const Beside BESIDE[] = {{"orvex-board", nullptr},
+                         {"orvex-mqtt", "/etc/orvex/mqtt.conf"},
+                         {"orvex-gpio", "/etc/orvex/gpio.conf"}};
 
 // The source without its quotes.
 std::string PlainSource(std::string source) {
@@ -133,18 +139,40 @@ void ExaminePort(const Facts& facts, Findings& findings) {
     }
 }
 
-// The other programs of this host that share the bus.
+// A program that systemd would start, and has not: its unit failed or was stopped.
+bool IsMissing(const Beside& beside) {
+    const std::string name = beside.name;
+    const auto exists = [](const std::string& path) {
+        std::error_code error;
+        return std::filesystem::is_symlink(path, error) || std::filesystem::exists(path, error);
+    };
+    return exists("/run/systemd/system") &&
+           exists("/etc/systemd/system/multi-user.target.wants/" + name + ".service") &&
+           (beside.config == nullptr || exists(beside.config));
+}
+
+// The other programs of this host that share the bus, or serve the daemon.
 void ExaminePrograms(const Facts& facts, Findings& findings) {
-    for (const RunningProgram& program : facts.programs) {
-        if (std::find(std::begin(BESIDE), std::end(BESIDE), program.name) == std::end(BESIDE)) {
-            continue;
+    for (const Beside& beside : BESIDE) {
+        bool is_running = false;
+        for (const RunningProgram& program : facts.programs) {
+            if (program.name != beside.name) {
+                continue;
+            }
+            is_running = true;
+            if (program.is_stopped) {
+                findings.push_back({Severity::Warning, "program",
+                                    ProcessText(program) + ", is stopped by a signal or a debugger",
+                                    "kill -CONT " + std::to_string(program.pid)});
+            } else {
+                findings.push_back(
+                    {Severity::Well, "program", "running, " + ProcessText(program), ""});
+            }
         }
-        if (program.is_stopped) {
-            findings.push_back({Severity::Warning, "program",
-                                ProcessText(program) + ", is stopped by a signal or a debugger",
-                                "kill -CONT " + std::to_string(program.pid)});
-        } else {
-            findings.push_back({Severity::Well, "program", "running, " + ProcessText(program), ""});
+        if (!is_running && IsMissing(beside)) {
+            const std::string name = beside.name;
+            findings.push_back({Severity::Warning, "program", name + " is enabled, but not running",
+                                "systemctl start " + name + "; journalctl -u " + name + " -n 20"});
         }
     }
 }
