@@ -94,7 +94,8 @@ class ManualsTest(unittest.TestCase):
         for name, folders in {"orvexctl": ("tools/ctl", "tools/bus"), "orvex-sim": ("tools/sim",),
                               "orvex-gpio": ("tools/gpio", "tools/server"), "orvex-board": ("tools/board",),
                               "orvex-mqtt": ("tools/mqtt",), "orvex-tsl": ("tools/tsl",)}.items():
-            manual = " ".join(map(text_of, (ROOT / "docs/man").glob(f"{name}.*")))
+            manual = " ".join(map(text_of, [ROOT / "docs/man/orvex-names.5",
+                                            *(ROOT / "docs/man").glob(f"{name}.*")]))
             parts = {" ".join(joined(f'"{literal}"').split())
                      for text in sources(*folders) for start in TOLD.finditer(text)
                      for literal in re.findall(LITERAL, text[start.start():].split(";\n", 1)[0])}

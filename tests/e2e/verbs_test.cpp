@@ -149,6 +149,70 @@ TEST_F(Verbs, ListsAddressesInUse) {
     ExpectRun({"list", "-W", "0.2", "3-7"}, 3, "", "orvexctl: no device answered\n");
 }
 
+TEST_F(Verbs, TellsOfTwoDevicesWithOneAddress) {
+    StartAll();
+    ASSERT_EQ(remote.server.Apply("CFG GPO 1 SRCA=1:2"), "");
+    const Host::Scope on(studio);
+    remote.server.Listen("127.0.0.1", 93);
+    std::vector<std::string> other = {ORVEX_PROGRAM, "-debug"};
+    if (ORVEX_EMULATOR[0] != '\0') {
+        other.insert(other.begin(), ORVEX_EMULATOR);
+    }
+    Process second(other);
+    ASSERT_TRUE(AwaitText(second, "GPO 1 proto=2 ach=102"));
+    for (const Words& arguments :
+         {Words{"get", "1:2:out1"}, Words{"set", "-k", "1:2:out1=L"},
+          Words{"list", "-W", "0.2", "1:0-1:9"}, Words{"top", "-j", "--for", "0.3", "1:2:out1"}}) {
+        const auto ctl = Start(studio, arguments);
+        EXPECT_EQ(Finish(*ctl), 0);
+        EXPECT_EQ(CountOf(ctl->Err(),
+                          "orvexctl: 1:2 (studio1) is answered by 10.77.0.1 and "
+                          "10.77.0.2: two devices have the same address\n"),
+                  1)
+            << arguments[0] << ctl->Err();
+    }
+}
+
+TEST_F(Verbs, RunsCommandsOnChanges) {
+    StartAll();
+    const std::string script =
+        "read -r line; echo \"$PIN $NAME $LEVEL $HOST $1 ${SINCE%.*}\" \"$line\"; exit 3";
+    const auto each = Start(studio, {"on", "door=L", "--", "sh", "-c", script, "sh", "[a b]"});
+    const auto held =
+        Start(studio, {"on", "door=L", "--for", "400ms", "--once", "--", "echo", "lit"});
+    const auto slow = Start(studio, {"on", "1:2:in2=H", "--timeout", "0.3", "--limit", "2/m", "--",
+                                     "sh", "-c", "echo begun; sleep 30"});
+    // They read their pins first: the level at the start is no change.
+    Linger(500);
+    for (const char* state : {"LHHHH", "HLHHH", "LHHHH"}) {
+        EXPECT_EQ(held->Out(), "") << "too short";
+        tqrd.server.Apply(std::string("GPI 1 ") + state);
+        Linger(150);
+    }
+    ASSERT_TRUE(AwaitText(*each, "sh failed with status 3\n", 2));
+    EXPECT_EQ(CountOf(each->Out(), "1:2:in1 door L 10.77.0.1 [a b] "), 2) << each->Out();
+    EXPECT_EQ(CountOf(each->Out(), R"("pin":"1:2:in1","name":"door","kind":"report","before":"H")"),
+              2)
+        << each->Out();
+    EXPECT_EQ(Finish(*held), 0);
+    EXPECT_EQ(held->Out(), "lit\n");
+    tqrd.server.Apply("GPI 1 LLHHH");
+    Linger(100);
+    tqrd.server.Apply("GPI 1 LHHHH");
+    ASSERT_TRUE(AwaitText(*slow, "too many changes: the command is not run for all of them\n"));
+    EXPECT_TRUE(AwaitText(*slow, "sh takes longer than 0.3 s: it is ended\n", 2));
+    EXPECT_EQ(CountOf(slow->Out(), "begun\n"), 2) << "one after the other";
+
+    // A gap is told. The same level after it is no change, another one is.
+    studio.Run("ip link set eth0 down");
+    ASSERT_TRUE(AwaitText(*each, "orvexctl: eth0 is down\n"));
+    studio.Run("ip link set eth0 up; ip route add 224.0.0.0/4 dev eth0");
+    ASSERT_TRUE(AwaitText(*each, "orvexctl: 1:2:in1 (door) is known again: L\n"));
+    EXPECT_EQ(CountOf(each->Out(), "door L"), 2) << each->Out();
+    each->Signal(SIGTERM);
+    EXPECT_EQ(Finish(*each), 0);
+}
+
 TEST_F(Verbs, ShowsTheInputsOfARemoteServer) {
     const auto expect = [&](Process& ctl, int status, const char* out, const char* err) {
         EXPECT_EQ(Finish(ctl), status);
@@ -192,6 +256,8 @@ TEST_F(Verbs, RefusesWithAHint) {
         {{"get"}, 2, "orvexctl: ADDRESS is required\nUsage: orvexctl get [OPTIONS] ADDRESS[:PIN]"},
         {{"set", "1:2:out1=L,0"}, 2, "a duration is 1 ms or more; without one the level stays\n"},
         {{"channels", "--explain", ""}, 1, "orvexctl: no field SRCA: the daemon ignores the line"},
+        {{"on", "door=L", "--", "nosuch"}, 1, "orvexctl: no program nosuch\n"},
+        {{"on", "door=L", "--limit", "5", "--", "true"}, 2, "hour, such as 10/s: 5\n"},
         {{"channels", "--inputs", "0"}, 2, "not inputs, such as 3 or 1-8, from 1 to 256: 0\n"},
         {{"-j"}, 2, "no command; commands are list, get, set,"},
         {{"get", "1:2", "--loop"}, 2, "get has no --loop; these have it: send\n"},

@@ -7,6 +7,7 @@ int RunChannels(const Options& options);
 int RunDoctor(const Options& options);
 int RunGet(const Options& options);
 int RunList(const Options& options);
+int RunOn(const Options& options);
 int RunRecord(const Options& options);
 int RunSend(const Options& options);
 int RunSet(const Options& options);

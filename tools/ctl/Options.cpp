@@ -147,6 +147,7 @@ private:
     void AddArgument(CLI::App& app, const ArgumentSpec& row);
     void AddCommand(const CommandSpec& command);
     void TakeWords();
+    void TakeCommand(int argc, char** argv);
     std::string Problem(const CLI::ParseError& error) const;
     int Refuse(const CLI::ParseError& error);
 
@@ -225,6 +226,14 @@ void Parser::TakeWords() {
     }
 }
 
+// The words after "--" as they are: the parser would split one in brackets.
+void Parser::TakeCommand(int argc, char** argv) {
+    char** const mark = std::find(argv, argv + argc, std::string("--"));
+    if (!m_options.runner.command.empty() && mark != argv + argc) {
+        m_options.runner.command.assign(mark + 1, argv + argc);
+    }
+}
+
 // What is wrong, with a hint where one is known.
 std::string Parser::Problem(const CLI::ParseError& error) const {
     const std::vector<std::string> unknown = m_app.remaining(true);
@@ -265,6 +274,7 @@ const CommandSpec* Parser::Parse(int argc, char** argv, int& status) {
     try {
         m_app.parse(argc, argv);
         TakeWords();
+        TakeCommand(argc, argv);
     } catch (const CLI::ParseError& error) {
         status = Refuse(error);
         return nullptr;

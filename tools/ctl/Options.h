@@ -17,6 +17,7 @@
 #include "tools/completion/Kind.h"
 #include "tools/ctl/ChangeText.h"
 #include "tools/ctl/Console.h"
+#include "tools/ctl/Runner.h"
 
 // Addresses from the first to the last. The default is everything that fits into two numbers of a
 // byte each.
@@ -65,7 +66,10 @@ struct Options {
     CSvcAddress tqrd{0x7F000001, LINE_PORT};  // the control server
     std::optional<std::string> explain;       // a source to explain instead of querying a server
     std::optional<NumberRange> inputs;        // of a remote GPIO server, to query it for
-    bool plugin = false;                      // report as a monitoring plugin
+    double hold = 0;                          // seconds that a level must last
+    bool once = false;                        // run the command once
+    RunnerSettings runner;
+    bool plugin = false;  // report as a monitoring plugin
 };
 
 // The positional arguments of a command; the setter takes one word.

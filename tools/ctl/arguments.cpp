@@ -14,6 +14,8 @@ namespace {
 const double MAX_WAIT = 3600;
 const double MAX_SECONDS = 1e8;
 const double MAX_SPEED = 1000;
+const unsigned long MAX_RUNS = 1000;
+const unsigned long MAX_PARALLEL = 100;
 const unsigned long MAX_COUNT = 1000000000;
 const unsigned long INPUT_COUNT = 256;  // that a remote server can have
 
@@ -39,6 +41,22 @@ uint32_t ParseAddress(const Options& options, const std::string& text) {
         throw std::invalid_argument(text + " is a pin; a range is of addresses");
     }
     return pins.address;
+}
+
+// Seconds, or a number with its unit: ms, s, m or h.
+double ParseTime(const std::string& text) {
+    char* end = nullptr;
+    const double number = strtod(text.c_str(), &end);
+    const std::string unit = end;
+    const double factor = unit.empty() || unit == "s" ? 1
+                          : unit == "ms"              ? 0.001
+                          : unit == "m"               ? 60
+                          : unit == "h"               ? 3600
+                                                      : 0;
+    if (end == text.c_str() || !(number * factor >= 0.001 && number * factor <= MAX_SECONDS)) {
+        Refuse("a time, such as 500ms, 2s or 5m", text);
+    }
+    return number * factor;
 }
 
 // Whether the text would be read as pins.
@@ -117,6 +135,32 @@ void SetLimit(Options& options, const std::string& text) {
     options.seconds = ParseSeconds(text, MAX_SECONDS);
 }
 
+void SetHold(Options& options, const std::string& text) {
+    options.hold = ParseTime(text);
+}
+
+void SetTimeout(Options& options, const std::string& text) {
+    options.runner.timeout = ParseTime(text);
+}
+
+// "N/s", "N/m" or "N/h"
+void SetRunLimit(Options& options, const std::string& text) {
+    const size_t slash = text.find('/');
+    const std::string unit = slash == std::string::npos ? "" : text.substr(slash + 1);
+    if (unit != "s" && unit != "m" && unit != "h") {
+        Refuse("a number of runs in a second, minute or hour, such as 10/s", text);
+    }
+    options.runner.limit = {
+        ParseCount(text.substr(0, slash), MAX_RUNS, "a number of runs from 1 to 1000"),
+        unit == "s"   ? 1.0
+        : unit == "m" ? 60.0
+                      : 3600.0};
+}
+
+void SetParallel(Options& options, const std::string& text) {
+    options.runner.parallel = ParseCount(text, MAX_PARALLEL, "a number of commands from 1 to 100");
+}
+
 void SetHeartbeat(Options& options, const std::string& text) {
     options.heartbeat = ParseSeconds(text, MAX_SECONDS);
 }
@@ -170,6 +214,10 @@ void AddCondition(Options& options, const std::string& text) {
     }
     options.conditions.push_back(
         {options.names.ParsePin(text.substr(0, equals)), ParseLevel(text.substr(equals + 1))});
+}
+
+void AddCommandWord(Options& options, const std::string& text) {
+    options.runner.command.push_back(text);
 }
 
 // "A", or "A-B". Names may contain a '-' too.

@@ -20,6 +20,10 @@ void SetServer(Options& options, const std::string& text);
 // Options of commands.
 void SetCount(Options& options, const std::string& text);
 void SetLimit(Options& options, const std::string& text);
+void SetHold(Options& options, const std::string& text);
+void SetRunLimit(Options& options, const std::string& text);
+void SetParallel(Options& options, const std::string& text);
+void SetTimeout(Options& options, const std::string& text);
 void SetHeartbeat(Options& options, const std::string& text);
 void SetInputs(Options& options, const std::string& text);
 void SetSpeed(Options& options, const std::string& text);
@@ -29,6 +33,7 @@ void SetFormat(Options& options, const std::string& text);
 void AddPins(Options& options, const std::string& text);
 void AddWrite(Options& options, const std::string& text);
 void AddCondition(Options& options, const std::string& text);
+void AddCommandWord(Options& options, const std::string& text);
 void SetRange(Options& options, const std::string& text);
 void SetFile(Options& options, const std::string& text);
 void SetRecording(Options& options, const std::string& text);

@@ -42,6 +42,14 @@ const char* const WAIT_DETAILS =
     "--edge each pin must change to its level during the wait. Without --for there\n"
     "is no limit.";
 
+const char* const ON_DETAILS =
+    "The command is run, without a shell, each time the pin changes to the level and\n"
+    "has it for the time of --for. It gets PIN, NAME, LEVEL, SINCE and HOST in its\n"
+    "environment and the line of watch --changes --json on standard input. Only\n"
+    "levels that a device has told count; the one that the pin has at the start is\n"
+    "no change. One run at a time: while the command runs, further changes wait.\n"
+    "  orvexctl on door=L --for 500ms -- logger \"the door is open\"";
+
 const char* const LIST_DETAILS =
     "RANGE is an address, or two joined by '-'; the default is 0 to 255:255. Prints\n"
     "a line for each address in use: the hosts that answer for it, its five inputs\n"
@@ -80,6 +88,14 @@ const std::vector<CommandSpec> COMMANDS = {
      {{"ADDRESS:PIN=LEVEL", true, true, Completion::PinLevel, "LEVEL is L or H (low or high)",
        AddCondition}},
      RunWait},
+    {"on",
+     "Run a command when a pin gets a level",
+     ON_DETAILS,
+     {{"ADDRESS:PIN=LEVEL", true, false, Completion::PinLevel, "LEVEL is L or H (low or high)",
+       AddCondition},
+      {"COMMAND", true, true, Completion::None, "The command and its arguments, after --",
+       AddCommandWord}},
+     RunOn},
     {"watch", "Print messages or changes as they arrive", WATCH_DETAILS, {PINS}, RunWatch},
     {"record",
      "Write what watch --json prints to a file",
@@ -156,6 +172,14 @@ const std::vector<OptionSpec> OPTIONS = {
     {"--any", nullptr, Completion::None, "wait", "One pin is enough", Switch<&Options::any>},
     {"--edge", nullptr, Completion::None, "wait", "Each pin must change to its level",
      Switch<&Options::edge>},
+    {"--for", "TIME", Completion::None, "on", "How long the level must last (500ms, 2s, 5m)",
+     SetHold},
+    {"--once", nullptr, Completion::None, "on", "End after the first run", Switch<&Options::once>},
+    {"--limit", "N/s", Completion::None, "on",
+     "At most N runs in a second (or N/m, N/h; default: 10/s)", SetRunLimit},
+    {"--parallel", "N", Completion::None, "on", "Up to N runs at a time", SetParallel},
+    {"--timeout", "TIME", Completion::None, "on", "End a run after this time (default: 60s)",
+     SetTimeout},
     {"-C,--changes", nullptr, Completion::None, "watch", "Print pins that change, and writes",
      Switch<&Options::changes>},
     {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this format, see below",
