@@ -58,8 +58,8 @@ public:
     // The pins in the order given, each once. Those without an answer have no level.
     std::vector<PinFact> Facts() const;
 
-    // The addresses for which more than one host answers; see Answerers.
-    std::map<uint32_t, std::set<uint32_t>> Shared() const { return m_answerers.Shared(Now()); }
+    // Who answered, among them two hosts for one address.
+    const Answerers& GetAnswerers() const { return m_answerers; }
 
     // The unanswered pins, "1:2 (studio1), 7:in1"; empty if everything was answered.
     std::string Missing(const Names& names) const;

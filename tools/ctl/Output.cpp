@@ -125,3 +125,9 @@ void Output::Write(const std::string& text) {
         Fail(m_name);
     }
 }
+
+void NoteShared(const Answerers& answerers, const Options& options) {
+    for (const auto& [address, hosts] : answerers.Shared(Now())) {
+        options.console.Note(SharedText(address, hosts, options.names));
+    }
+}

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/bus/Answerers.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinJson.h"
 #include "tools/bus/Traffic.h"
@@ -55,3 +56,6 @@ private:
     const Form m_form;
     FILE* m_file;
 };
+
+// Notes, on standard error, the addresses for which more than one host answers.
+void NoteShared(const Answerers& answerers, const Options& options);

@@ -1,8 +1,8 @@
+#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/PinWatch.h"
 
 int RunGet(const Options& options) {
     Output output(options);
@@ -18,6 +18,7 @@ int RunGet(const Options& options) {
         }
     }
     output.Write(question.Facts());
+    NoteShared(question.GetAnswerers(), options);
     const std::string missing = question.Missing(options.names);
     if (missing.empty()) {
         return STATUS_DONE;

@@ -4,12 +4,13 @@
 #include <map>
 #include <set>
 
+#include "tools/base/Signals.h"
+#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/MessageText.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/PinWatch.h"
 
 namespace {
 
@@ -52,6 +53,7 @@ private:
     bool m_stopped = false;
     bool m_bar = false;
     std::map<uint32_t, Hosts> m_found;  // by address
+    Answerers m_answerers;
 };
 
 int List::Run() {
@@ -63,6 +65,7 @@ int List::Run() {
         fprintf(stderr, "\r%*s\r", BAR_WIDTH + 10, "");
     }
     Print(AskPins());
+    NoteShared(m_answerers, m_options);
     NoteRange();
     if (m_stopped) {
         m_options.console.Note("stopped by a signal before everything was read");
@@ -118,6 +121,7 @@ void List::Take(const Traffic& traffic) {
     if (traffic.message.GetId() != ID_REPORT) {
         return;
     }
+    m_answerers.Take(traffic.message, Now());
     for (unsigned int i = 0; i < traffic.message.GetItemCount(); ++i) {
         const CMsg2::Node& item = *traffic.message.GetItem(i);
         const uint32_t address = item.m_nTag >> 8;

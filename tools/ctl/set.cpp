@@ -1,13 +1,14 @@
 #include <algorithm>
 
+#include "tools/bus/Question.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
-#include "tools/ctl/PinWatch.h"
 
 namespace {
 
+const double LINGER = 0.02;    // seconds after the last answer, for a second device
 const double ASK_EVERY = 0.1;  // seconds; short enough to see a pulse of 310 ms
 
 const char* const NO_SUCH_PIN = ": devices have circuits 4 to 13 only, in1 to in5 and out1 to out5";
@@ -74,6 +75,7 @@ private:
     const uint32_t m_id;
     Traffic m_message;
     std::vector<Pin> m_pins;
+    Answerers m_answerers;
 };
 
 int Check::Run() {
@@ -84,13 +86,17 @@ int Check::Run() {
     const TimePoint end = After(m_options.bus.wait);
     Traffic traffic;
     TimePoint ask = Now();
-    while (!IsDone() && Now() < end) {
+    TimePoint over = end;
+    while (Now() < over) {
         if (Now() >= ask) {
             Ask();
             ask = After(ASK_EVERY);
         }
-        if (m_link.Wait(traffic, std::min(ask, end)) == BusLink::Event::Heard) {
+        if (m_link.Wait(traffic, std::min(ask, over)) == BusLink::Event::Heard) {
             Take(traffic);
+        }
+        if (IsDone()) {
+            over = std::min(over, After(LINGER));
         }
     }
     std::vector<PinFact> facts;
@@ -101,6 +107,7 @@ int Check::Run() {
         }
     }
     m_output.Write(facts);
+    NoteShared(m_answerers, m_options);
     return IsDone() ? STATUS_DONE : STATUS_NO_ANSWER;
 }
 
@@ -120,6 +127,7 @@ void Check::Take(const Traffic& traffic) {
     if (traffic.GetKind() != Kind::Reply || refers == nullptr || refers->m_Value.m_nDword != m_id) {
         return;
     }
+    m_answerers.Take(traffic.message, Now());
     for (Pin& pin : m_pins) {
         const CMsg2::Node* const item = FindItem(traffic.message, pin.write->tag, CMsg2::ITEM_BYTE);
         if (item != nullptr && !pin.IsDone()) {

@@ -43,6 +43,7 @@ public:
 private:
     void Wait(TimePoint until);
     void TakeMessages();
+    std::string Note() const;
     void TakeSignals();
     void TakeKeys();
     void Handle(const TopKey& key);
@@ -53,11 +54,13 @@ private:
     Signals m_signals;
     BusLink m_link;
     PinStates m_states;
+    Answerers m_answerers;
     TopTable m_table;
     const uint32_t m_id;
     Traffic m_traffic;
     std::unique_ptr<TopScreen> m_screen;
     TopHeading m_heading;
+    std::string m_down;  // why the bus is not heard; empty: it is
     size_t m_first = 0;  // the topmost row
     size_t m_changes = 0;
     TimePoint m_counted = Now();
@@ -92,6 +95,7 @@ void Top::TakeMessages() {
     };
     for (int i = 0; i < TAKEN_AT_A_TIME && m_link.Take(m_traffic); ++i) {
         count(m_states.Take(m_traffic, Now()));
+        m_answerers.Take(m_traffic.message, Now());
     }
     std::vector<uint32_t> ask;
     count(m_states.Tend(Now(), ask));
@@ -103,8 +107,16 @@ void Top::TakeMessages() {
         // The interface is down: shows that, and reads unanswered pins again.
     }
     if (const auto change = m_link.Tend()) {
-        m_heading.note = change->up ? "" : change->text;
+        m_down = change->up ? "" : change->text;
     }
+}
+
+// The bus is down, or else two devices have one address.
+std::string Top::Note() const {
+    const auto shared = m_answerers.Shared(Now());
+    return !m_down.empty() || shared.empty()
+               ? m_down
+               : SharedText(shared.begin()->first, shared.begin()->second, m_options.names);
 }
 
 void Top::TakeSignals() {
@@ -188,6 +200,7 @@ void Top::Draw(TimePoint now) {
         m_counted = now;
     }
     m_heading.pins = m_states.Count();
+    m_heading.note = Note();
     if (!m_heading.is_paused) {
         m_table.Update(m_states);
         m_drawn = now;
@@ -232,6 +245,7 @@ int Top::RunJson() {
     for (const TopRow& row : m_table.Rows()) {
         output.Write(m_table.ToJson(*m_states.Find(row.tag), row.tag) + "\n");
     }
+    NoteShared(m_answerers, m_options);
     return STATUS_DONE;
 }
 
