@@ -113,12 +113,12 @@ HttpResponse Api::Page(const HttpRequest& request) const {
 }
 
 HttpResponse Api::Pins(const HttpRequest&) const {
-    OrderedJson head;
+    Json head;
     head["stream"] = m_stream.IdBefore(m_stream.Next());
     head["now"] = NowMs();
     head["board"] = m_board.StatusJson();
     head["allow_set"] = m_access.AllowsSet();
-    head["groups"] = OrderedJson::array();
+    head["groups"] = Json::array();
     for (const Names::Entry& entry : m_board.GetNames().All()) {
         if (!entry.pins.circuit) {
             head["groups"].push_back({{"address", AddressText(entry.pins.address)},
@@ -138,23 +138,24 @@ HttpResponse Api::Pins(const HttpRequest&) const {
 }
 
 HttpResponse Api::Devices(const HttpRequest&) const {
-    OrderedJson devices = OrderedJson::array();
-    for (const auto& [host, device] : m_board.Devices()) {
-        devices.push_back(DeviceJson(host, device, m_board.AddressesOf(host)));
+    Json devices = Json::array();
+    for (const auto& one : m_board.Follower().Devices()) {
+        devices.push_back(m_board.DeviceJsonOf(one.first));
     }
     return Answer(Dump({{"now", NowMs()}, {"devices", devices}}) + "\n");
 }
 
 HttpResponse Api::Channels(const HttpRequest&) const {
-    if (!m_board.HasControl()) {
+    const ControlServer& control = m_board.Control();
+    if (!control.IsFollowed()) {
         return Fail(404, "this board follows no control server (-r)");
     }
-    OrderedJson channels = OrderedJson::array();
+    Json channels = Json::array();
     for (int number = 1; number <= CHANNEL_COUNT; ++number) {
-        channels.push_back(ChannelJson(number, m_board.Channels().Channel(number)));
+        channels.push_back(ChannelJson(number, control.Channel(number)));
     }
-    return Answer(Dump({{"address", m_board.ControlAddress()},
-                        {"problem", m_board.ControlProblem()},
+    return Answer(Dump({{"address", control.Address()},
+                        {"problem", control.Problem()},
                         {"channels", channels}}) +
                   "\n");
 }
@@ -183,14 +184,13 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
         response.headers.emplace_back("Content-Disposition", "attachment; filename=history.csv");
         return response;
     }
-    OrderedJson head = {{"now", NowMs()}, {"more", answer.more}};
-    head["earlier"] =
-        answer.earlier ? EventJson(*answer.earlier, m_board.GetNames()) : OrderedJson();
-    head["gaps"] = OrderedJson::array();
+    Json head = {{"now", NowMs()}, {"more", answer.more}};
+    head["earlier"] = answer.earlier ? EventJson(*answer.earlier, m_board.GetNames()) : Json();
+    head["gaps"] = Json::array();
     for (const Gap& gap : answer.gaps) {
         head["gaps"].push_back(GapJson(gap));
     }
-    head["set_back"] = OrderedJson::array();
+    head["set_back"] = Json::array();
     for (const Event& event : answer.set_backs) {
         head["set_back"].push_back({{"time", event.time}, {"by", event.duration}});
     }

@@ -2,194 +2,162 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
+#include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
-#include "tools/bus/Question.h"
 
 namespace {
 
-const int READ_AT_ONCE = 64;        // messages, before viewers are served
-const uint32_t SPECIAL = 0xFFFFFF;  // the address of tags that are not pins
-const unsigned MAX_MISSES = 3;
-const unsigned MAX_REFUSALS = 20;  // per minute
+const int READ_AT_ONCE = 64;          // messages, before viewers are served
+const size_t MAX_COUNTERS = 1000;     // of messages, by kind and host
+const unsigned MAX_REFUSALS = 20;     // per minute
+const double LEFT_OUT_FOR = 10 * 60;  // seconds in which it is told that something was left out
+
+const char* const LINK_LOST = "the bus could not be heard";
+
+BusSettings BusSettingsOf(const BoardSettings& settings, uint64_t& malformed) {
+    BusSettings bus;
+    bus.iface = settings.iface;
+    bus.group = settings.group;
+    bus.ignored = [&malformed] { ++malformed; };
+    return bus;
+}
+
+FollowPolicy Policy() {
+    FollowPolicy policy;
+    policy.reads = FollowPolicy::Reads::Addresses;
+    policy.keeps_trying = true;
+    return policy;
+}
+
+int64_t Milliseconds(double seconds) {
+    return static_cast<int64_t>(std::llround(seconds * 1000));
+}
 
 }  // namespace
 
 int64_t NowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+    return Milliseconds(TimeOfDay());
 }
 
 Board::Board(BoardSettings settings, History& history, EventStream& stream)
     : m_settings(std::move(settings)),
       m_history(history),
       m_stream(stream),
-      m_request_id(NewRequestId()) {
-    WantNamed();
-}
-
-// Pins and addresses with a name are shown and read even if nothing was heard of them.
-void Board::WantNamed() {
+      m_follower(BusSettingsOf(m_settings, m_counts.malformed), Policy()),
+      m_control(m_settings.control) {
+    ListenToBus();
+    ListenToControl();
+    // Pins and addresses with a name are shown and read even if nothing was heard of them.
     for (const Names::Entry& entry : m_settings.names.All()) {
-        for (const uint32_t tag : entry.pins.Tags()) {
-            m_states->Want(tag);
-        }
-        Watch(entry.pins.address, NowMs());
+        m_follower.Want(entry.pins);
     }
 }
 
-int Board::BusSocket(size_t number) const {
-    if (!m_link) {
-        return -1;
-    }
-    const std::vector<int> sockets = m_link->Descriptors();
-    return number < sockets.size() ? sockets[number] : -1;
-}
-
-// ---- what is heard ----
-
-void Board::ReadBus() {
-    Traffic traffic;
-    try {
-        for (int i = 0; i < READ_AT_ONCE && m_link && m_link->Take(traffic); ++i) {
-            Take(traffic);
-        }
-    } catch (const BusError& error) {
-        LoseLink(NowMs(), error.what());
-        m_link.reset();
-    }
-}
-
-void Board::Take(Traffic& traffic) {
-    const Kind kind = traffic.GetKind();
-    m_counts.last_heard = NowMs();
-    const bool room = m_counts.messages.size() < 2 * MAX_DEVICES;
-    const std::pair<std::string, std::string> key(KindName(kind), room ? traffic.host : "others");
-    ++m_counts.messages[key];
-    if (m_repeats.IsRepeat(traffic, Now())) {
-        ++m_counts.repeats;
-        return;
-    }
-    const bool from_device = traffic.port == REPORT_PORT;
-    if (from_device && (kind == Kind::Report || kind == Kind::Reply)) {
-        TakeStates(traffic, kind == Kind::Reply);
-    } else if (!from_device && kind == Kind::Write) {
-        TakeChanges(m_states->Take(traffic, Now()));
-    }
+void Board::ListenToBus() {
+    m_follower.on_message = [this](const Traffic& traffic, bool is_repeat) {
+        CountMessage(traffic, is_repeat);
+    };
+    m_follower.on_change = [this](const PinChange& change) { TakeChange(change); };
+    m_follower.on_device = [this](uint32_t host, PinFollower::News news) {
+        TakeDevice(host, news);
+    };
+    m_follower.is_told_elsewhere = [this](uint32_t tag) { return m_control.Tells(tag); };
 }
 
 // The daemon does not follow all outputs that the control server reports: for those the server
 // alone counts.
-void Board::TakeStates(Traffic& traffic, bool reply) {
-    const int64_t now = NowMs();
-    const bool known = HearDevice(traffic.host, now);
-    std::vector<uint32_t> addresses;
-    for (unsigned i = traffic.message.GetItemCount(); i-- > 0;) {
-        const uint32_t tag = traffic.message.GetItem(i)->m_nTag;
-        if (tag >> 8 != SPECIAL && (addresses.empty() || addresses.back() != tag >> 8)) {
-            addresses.push_back(tag >> 8);
-        }
-        if (NotesOf(tag).by_control) {
-            traffic.message.Remove(tag);
-        }
-    }
-    TakeChanges(m_states->Take(traffic, Now()));
-    for (unsigned i = 0; i < traffic.message.GetItemCount(); ++i) {
-        const auto notes = m_notes.find(traffic.message.GetItem(i)->m_nTag);
-        if (notes != m_notes.end() && notes->second.lost) {
-            SetPinLost(notes->first, false);
-        }
-    }
-    for (const uint32_t address : addresses) {
-        Watch(address, now);
-        if (reply) {
-            Answered(address, known ? traffic.host : "", now);
-        }
-    }
+void Board::ListenToControl() {
+    m_control.on_status = [this] { TellStatus(); };
+    m_control.on_channel = [this](int number) {
+        m_stream.Append("channel", Dump(ChannelJson(number, m_control.Channel(number))));
+    };
+    m_control.on_pins = [this](const PinRef& pins) { m_follower.Want(pins); };
+    m_control.on_told = [this](const Traffic& traffic) { m_follower.Tell(traffic); };
+    m_control.on_lost = [this](const std::vector<PinRef>& pins) { m_follower.Read(pins); };
 }
 
-void Board::TakeChanges(const std::vector<PinChange>& changes) {
-    for (const PinChange& change : changes) {
-        TakeChange(change);
+// A write is heard before the control server tells what came of it.
+bool Board::Serve() {
+    const bool more = m_follower.Serve(READ_AT_ONCE);
+    m_control.Serve();
+    TakeLink();
+    if (m_left_out != m_follower.PassedOver()) {
+        m_left_out = m_follower.PassedOver();
+        m_left_out_at = Now();
     }
+    return more;
+}
+
+// ---- what is heard ----
+
+void Board::CountMessage(const Traffic& traffic, bool is_repeat) {
+    m_counts.last_heard = Now();
+    m_counts.repeats += is_repeat ? 1 : 0;
+    const bool room = m_counts.messages.size() < MAX_COUNTERS;
+    ++m_counts.messages[{KindName(traffic.GetKind()), room ? traffic.host : "others"}];
 }
 
 void Board::TakeChange(const PinChange& change) {
     const bool written = change.cause == PinChange::Cause::Written;
+    const bool forgotten = change.cause == PinChange::Cause::Forgotten;
     PinNotes& notes = m_notes[change.tag];
     if (written) {
         notes.written = change.after;
-        Watch(change.tag >> 8, NowMs());
-    } else if (change.IsNewLevel()) {
+    } else if (change.before && change.after && change.IsNewLevel()) {
         ++notes.changes;
         ++m_counts.changes;
     }
-    const bool told = change.status == PinStatus::Told;
-    if (written || told || change.cause == PinChange::Cause::Forgotten) {
+    if (written || forgotten || change.status == PinStatus::Told) {
         Event event;
-        event.time = static_cast<int64_t>(std::llround(change.time * 1000));
+        event.time = Milliseconds(change.time);
         event.kind = written ? EventKind::Written : EventKind::Told;
         event.tag = change.tag;
         if (change.after) {
             event.low = *change.after == Level::Low;
         }
         event.duration = change.duration_ms;
-        event.host = notes.by_control && !written ? ControlAddress()
-                     : change.host != 0           ? HostText(change.host)
-                                                  : "";
-        event.text = change.after ? "" : "no answer after the duration of a write";
+        event.host = m_control.Tells(change.tag) && !written ? m_control.Address()
+                     : change.host != 0                      ? HostText(change.host)
+                                                             : "";
+        event.text = change.after ? "" : "nobody answers for " + AddressText(change.tag >> 8);
         m_history.Add(std::move(event));
     }
     TellPin(change.tag);
 }
 
-// False: there are too many devices.
-bool Board::HearDevice(const std::string& host, int64_t now) {
-    if (m_devices.count(host) == 0 && m_devices.size() >= MAX_DEVICES) {
-        ++m_counts.overflow;
-        return false;
-    }
-    Device& device = m_devices[host];
-    const bool first = device.first == 0;
-    const bool back = device.missing;
-    device.first = first ? now : device.first;
-    device.heard = now;
-    device.missing = false;
-    ++device.messages;
-    if (first || back) {
-        TellDevice(host, first ? EventKind::DeviceFirst : EventKind::DeviceBack, now);
-    }
-    return true;
+void Board::TakeDevice(uint32_t host, PinFollower::News news) {
+    Note(news == PinFollower::News::First    ? EventKind::DeviceFirst
+         : news == PinFollower::News::Silent ? EventKind::DeviceMissing
+                                             : EventKind::DeviceBack,
+         "", HostText(host));
+    m_stream.Append("device", Dump(DeviceJsonOf(host)));
 }
 
-// The address is no longer answered, or is answered again.
-void Board::SetLost(uint32_t address, bool lost) {
-    for (const uint32_t tag : PinRef{address, std::nullopt}.Tags()) {
-        SetPinLost(tag, lost);
+void Board::TakeLink() {
+    const bool is_down = !m_follower.IsUp();
+    if (is_down != m_is_down) {
+        m_is_down = is_down;
+        Note(is_down ? EventKind::GapBegin : EventKind::GapEnd, LINK_LOST);
+        if (is_down) {  // no level is known any more
+            m_texts.clear();
+            m_stream.Append("reload", "{\"reason\":\"the bus is gone\"}");
+        }
+    }
+    if (m_problem != LinkProblem()) {
+        m_problem = LinkProblem();
+        TellStatus();
     }
 }
 
-void Board::SetPinLost(uint32_t tag, bool lost) {
-    const PinState* const state = m_states->Find(tag);
-    PinNotes& notes = m_notes[tag];
-    if (notes.lost == lost || notes.by_control) {
-        return;
-    }
-    notes.lost = lost;
-    if (state == nullptr || !state->level || state->status != PinStatus::Told) {
-        return;
-    }
+void Board::Note(EventKind kind, const std::string& text, const std::string& host) {
     Event event;
     event.time = NowMs();
-    event.tag = tag;
-    if (lost) {
-        event.text = "nobody answers for " + AddressText(tag >> 8);
-    } else {
-        event.low = *state->level == Level::Low;
-        event.host = TellerOf(tag, *state);
-    }
+    event.kind = kind;
+    event.text = text;
+    event.host = host;
     m_history.Add(std::move(event));
-    TellPin(tag);
 }
 
 // ---- what viewers are told ----
@@ -200,9 +168,9 @@ PinNotes Board::NotesOf(uint32_t tag) const {
 }
 
 std::string Board::TellerOf(uint32_t tag, const PinState& state) const {
-    return NotesOf(tag).by_control ? ControlAddress()
-           : state.told            ? HostText(state.told->host)
-                                   : "";
+    return m_control.Tells(tag) ? m_control.Address()
+           : state.told         ? HostText(state.told->host)
+                                : "";
 }
 
 // Cached, because every page that is opened gets thousands of pins at once.
@@ -215,79 +183,96 @@ const std::string& Board::TextOf(uint32_t tag, const PinState& state) const {
 }
 
 void Board::TellPin(uint32_t tag) {
-    const PinState* const state = m_states->Find(tag);
+    const PinState* const state = Pins().Find(tag);
     if (state != nullptr) {
         m_texts.erase(tag);
         m_stream.Append("pin", TextOf(tag, *state));
     }
 }
 
-void Board::TellDevice(const std::string& host, EventKind kind, int64_t now) {
-    Event event;
-    event.time = now;
-    event.kind = kind;
-    event.host = host;
-    m_history.Add(std::move(event));
-    m_stream.Append("device", Dump(DeviceJson(host, m_devices[host], AddressesOf(host))));
+Json Board::DeviceJsonOf(uint32_t host) const {
+    return DeviceJson(HostText(host), m_follower.Devices().at(host), m_follower.AddressesOf(host));
 }
 
-void Board::Note(EventKind kind, int64_t now, const std::string& text) {
-    Event event;
-    event.time = now;
-    event.kind = kind;
-    event.text = text;
-    m_history.Add(std::move(event));
-}
-
-OrderedJson Board::StatusJson() const {
-    OrderedJson json;
+Json Board::StatusJson() const {
+    Json json;
     json["version"] = ORVEX_VERSION;
-    json["link"] = {{"up", m_link_problem.empty()}, {"problem", m_link_problem}};
+    json["link"] = {{"up", LinkProblem().empty()}, {"problem", LinkProblem()}};
     json["history"] = {{"kept", m_history.IsInMemory() ? "memory" : "file"},
                        {"problem", m_history.Problem()},
                        {"notice", m_history.Notice()}};
     json["control"] =
-        HasControl() ? OrderedJson({{"address", ControlAddress()}, {"problem", ControlProblem()}})
-                     : OrderedJson();
+        m_control.IsFollowed()
+            ? Json({{"address", m_control.Address()}, {"problem", m_control.Problem()}})
+            : Json();
+    json["left_out"] = LeftOutText();
+    json["shared"] = Json::array();
+    for (const auto& [address, hosts] : m_follower.Shared()) {
+        json["shared"].push_back(SharedText(address, hosts, GetNames()));
+    }
     return json;
 }
 
 void Board::TellStatus() {
-    m_stream.Append("board", Dump(StatusJson()));
+    std::string status = Dump(StatusJson());
+    if (m_status != status) {
+        m_status = std::move(status);
+        m_stream.Append("board", m_status);
+    }
 }
 
-std::vector<std::string> Board::AddressesOf(const std::string& device) const {
-    std::vector<std::string> addresses;
-    for (const auto& [address, entry] : m_addresses) {
-        if (entry.owner == device) {
-            addresses.push_back(AddressText(address));
+std::string Board::LeftOutText() const {
+    return m_left_out_at && Later(*m_left_out_at, LEFT_OUT_FOR) > Now()
+               ? "some pins or devices are not shown: there are too many, or one host has too many"
+               : "";
+}
+
+std::vector<std::string> Board::Complaints() const {
+    std::vector<std::string> complaints = {LinkProblem(), LeftOutText()};
+    for (const auto& [host, device] : m_follower.Devices()) {
+        complaints.push_back(device.is_silent ? "device " + HostText(host) + " does not answer"
+                                              : "");
+    }
+    std::set<uint32_t> silent;  // of no known device
+    for (const Names::Entry& entry : m_settings.names.All()) {
+        const uint32_t address = entry.pins.address;
+        if (m_follower.IsUnanswered(address) && m_follower.OwnerOf(address) == 0 &&
+            silent.insert(address).second) {
+            complaints.push_back("nobody answers for " + AddressText(address));
         }
     }
-    return addresses;
+    for (const auto& [address, hosts] : m_follower.Shared()) {
+        complaints.push_back(SharedText(address, hosts, GetNames()));
+    }
+    complaints.push_back(m_control.Problem().empty() ? ""
+                                                     : "control server " + m_control.Address() +
+                                                           ": " + m_control.Problem());
+    complaints.erase(std::remove(complaints.begin(), complaints.end(), ""), complaints.end());
+    return complaints;
 }
+
+// ---- what viewers ask for ----
 
 void Board::NoteRefusal(const std::string& who, const std::string& reason) {
     ++m_counts.refusals;
-    Event event;
-    event.time = NowMs();
-    if (m_refusal_minute != event.time / 60000) {
-        m_refusal_minute = event.time / 60000;
+    if (Now() - m_refusal_minute >= std::chrono::minutes(1)) {
+        m_refusal_minute = Now();
         m_refusals_noted = 0;
     }
-    if (reason.empty() || ++m_refusals_noted > MAX_REFUSALS) {
-        return;
+    if (!reason.empty() && ++m_refusals_noted <= MAX_REFUSALS) {
+        Note(EventKind::SetAsked, "refused: " + reason, who);
     }
-    event.kind = EventKind::SetAsked;
-    event.host = who;
-    event.text = "refused: " + reason;
-    m_history.Add(std::move(event));
 }
 
 bool Board::Set(uint32_t tag, WriteValue value, const std::string& who) {
-    CMessage message(16, 16);
-    message.SetId(ID_WRITE);
-    message.SetByte(tag, value.Byte());
-    const bool sent = Send(message);
+    bool sent = m_follower.IsUp();
+    try {
+        if (sent) {
+            m_follower.Write(tag, value);
+        }
+    } catch (const BusError&) {
+        sent = false;
+    }
     Event event;
     event.time = NowMs();
     event.kind = EventKind::SetAsked;
@@ -299,28 +284,4 @@ bool Board::Set(uint32_t tag, WriteValue value, const std::string& who) {
     m_history.Add(std::move(event));
     ++m_counts.sets;
     return sent;
-}
-
-std::vector<std::string> Board::Complaints() const {
-    std::vector<std::string> complaints;
-    if (!m_link_problem.empty()) {
-        complaints.push_back(m_link_problem);
-    }
-    for (const auto& [host, device] : m_devices) {
-        if (device.missing) {
-            complaints.push_back("device " + host + " does not answer");
-        }
-    }
-    std::set<uint32_t> silent;
-    for (const Names::Entry& entry : m_settings.names.All()) {
-        const auto found = m_addresses.find(entry.pins.address);
-        if (found != m_addresses.end() && found->second.owner.empty() &&
-            found->second.misses >= MAX_MISSES && silent.insert(entry.pins.address).second) {
-            complaints.push_back("nobody answers for " + AddressText(entry.pins.address));
-        }
-    }
-    if (!ControlProblem().empty()) {
-        complaints.push_back("control server " + ControlAddress() + ": " + ControlProblem());
-    }
-    return complaints;
 }

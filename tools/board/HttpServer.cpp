@@ -48,7 +48,6 @@ void HttpServer::Listen(int listening_socket) {
     m_acceptor.assign(v6 ? tcp::v6() : tcp::v4(), listening_socket);
     m_acceptor.non_blocking(true);
     Accept();
-    Sweep();
 }
 
 void HttpServer::Listen(const std::string& ip, uint16_t port) {
@@ -58,7 +57,6 @@ void HttpServer::Listen(const std::string& ip, uint16_t port) {
     m_acceptor.bind(endpoint);
     m_acceptor.listen();
     Accept();
-    Sweep();
 }
 
 std::string HttpServer::Address() const {
@@ -101,6 +99,7 @@ void HttpServer::Admit(tcp::socket socket) {
     HttpSession::Owner& owner = *this;
     m_sessions.push_back(std::make_shared<HttpSession>(owner, std::move(socket)));
     m_sessions.back()->Start();
+    SweepSoon();
 }
 
 HttpResponse HttpServer::Answer(const HttpRequest& request) {
@@ -172,6 +171,24 @@ void HttpServer::Flush() {
     for (const auto& session : sessions) {
         session->Pump();
     }
+    SweepSoon();
+}
+
+// While there are clients that something is expected of.
+void HttpServer::SweepSoon() {
+    if (m_sweeping || std::all_of(m_sessions.begin(), m_sessions.end(),
+                                  [](const auto& one) { return !one->HasDeadline(); })) {
+        return;
+    }
+    m_sweeping = true;
+    m_sweep.expires_after(SWEEP_PACE);
+    m_sweep.async_wait([this](const boost::system::error_code& stopped) {
+        m_sweeping = false;
+        if (!stopped) {
+            Sweep();
+            SweepSoon();
+        }
+    });
 }
 
 void HttpServer::Sweep() {
@@ -182,10 +199,4 @@ void HttpServer::Sweep() {
             session->CutOff();
         }
     }
-    m_sweep.expires_after(SWEEP_PACE);
-    m_sweep.async_wait([this](const boost::system::error_code& stopped) {
-        if (!stopped) {
-            Sweep();
-        }
-    });
 }

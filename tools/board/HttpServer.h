@@ -54,6 +54,7 @@ private:
     void Admit(boost::asio::ip::tcp::socket socket);
     void OnAppend();
     void Flush();
+    void SweepSoon();
     void Sweep();
 
     boost::asio::io_context& m_loop;
@@ -64,6 +65,7 @@ private:
     boost::asio::steady_timer m_flush;
     boost::asio::steady_timer m_pause;
     bool m_flushing = false;
+    bool m_sweeping = false;
     Clock::time_point m_flushed;
     std::list<std::shared_ptr<HttpSession>> m_sessions;
     uint64_t m_cut = 0;

@@ -55,6 +55,7 @@ public:
     bool IsViewer() const { return m_viewer && m_last_words.empty(); }
     // A viewer that did not keep up.
     bool WasTooSlow() const { return m_too_slow; }
+    bool HasDeadline() const { return m_deadline != Clock::time_point::max(); }
     bool IsLate(Clock::time_point now) const { return now >= m_deadline; }
     // When it last began to wait for its client.
     Clock::time_point WaitingSince() const { return m_since; }

@@ -5,17 +5,17 @@
 #include "tools/bus/Escape.h"
 #include "tools/bus/Interface.h"
 #include "tools/bus/Names.h"
+#include "tools/bus/PinJson.h"
 #include "tools/bus/PinName.h"
-#include "tools/bus/PinStates.h"
 #include "tools/tqrd/ChannelTable.h"
 
 namespace {
 
-OrderedJson LevelJson(const std::optional<bool>& low) {
-    return low ? OrderedJson(*low ? "L" : "H") : OrderedJson();
+Json LevelJson(const std::optional<bool>& low) {
+    return low ? Json(*low ? "L" : "H") : Json();
 }
 
-void AddNames(OrderedJson& json, uint32_t tag, const Names& names) {
+void AddNames(Json& json, uint32_t tag, const Names& names) {
     const std::pair<const char*, std::string> fields[] = {
         {"name", names.NameOf(tag)}, {"title", names.TextOf(tag)}, {"group", names.GroupOf(tag)}};
     for (const auto& [key, text] : fields) {
@@ -25,31 +25,24 @@ void AddNames(OrderedJson& json, uint32_t tag, const Names& names) {
     }
 }
 
-int64_t Milliseconds(const Heard& heard) {
-    return static_cast<int64_t>(std::llround(heard.time * 1000));
+int64_t Milliseconds(double seconds) {
+    return static_cast<int64_t>(std::llround(seconds * 1000));
 }
 
-const char* StatusText(PinStatus status) {
-    return status == PinStatus::Told      ? "told"
-           : status == PinStatus::Written ? "written"
-                                          : "unknown";
+int64_t Milliseconds(const Heard& heard) {
+    return Milliseconds(heard.time);
 }
 
 }  // namespace
 
-std::string Dump(const OrderedJson& json) {
-    return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
-}
-
-OrderedJson PinJson(uint32_t tag, const PinState& state, const PinNotes& notes,
-                    const std::string& by, const Names& names) {
-    const bool known = state.level && !notes.lost;
-    OrderedJson json;
+Json PinJson(uint32_t tag, const PinState& state, const PinNotes& notes, const std::string& by,
+             const Names& names) {
+    Json json;
     json["pin"] = PinText(tag);
     AddNames(json, tag, names);
-    json["level"] = known ? OrderedJson(LevelLetter(*state.level)) : OrderedJson();
-    json["state"] = known ? StatusText(state.status) : "unknown";
-    json["since"] = state.since ? OrderedJson(Milliseconds(*state.since)) : OrderedJson();
+    json["level"] = state.level ? Json(LevelLetter(*state.level)) : Json();
+    json["state"] = StatusText(state.status);
+    json["since"] = state.since ? Json(Milliseconds(*state.since)) : Json();
     if (state.told) {
         json["by"] = by;
         json["heard"] = Milliseconds(*state.told);
@@ -66,19 +59,30 @@ OrderedJson PinJson(uint32_t tag, const PinState& state, const PinNotes& notes,
     return json;
 }
 
-OrderedJson DeviceJson(const std::string& host, const Device& device,
-                       const std::vector<std::string>& addresses) {
-    return {{"host", host},
-            {"first", device.first},
-            {"heard", device.heard},
-            {"missing", device.missing},
-            {"messages", device.messages},
-            {"addresses", addresses}};
+Json DeviceJson(const std::string& host, const PinFollower::Device& device,
+                const std::vector<uint32_t>& addresses) {
+    Json json = {{"host", host},
+                 {"first", Milliseconds(device.first)},
+                 {"heard", Milliseconds(device.last)},
+                 {"missing", device.is_silent},
+                 {"since", Milliseconds(device.since)},
+                 {"messages", device.messages},
+                 {"answers", device.answers},
+                 {"missed", device.missed},
+                 {"answer_ms", device.answer_time * 1000},
+                 {"addresses", Json::array()}};
+    for (const uint32_t address : addresses) {
+        json["addresses"].push_back(AddressText(address));
+    }
+    return json;
 }
 
-OrderedJson ChannelJson(int number, const ChannelInfo& channel) {
-    OrderedJson json = {{"channel", number}, {"configured", channel.is_configured}};
+Json ChannelJson(int number, const ChannelInfo& channel) {
+    Json json = {{"channel", number}, {"configured", channel.is_configured}};
     if (channel.is_configured) {
+        if (channel.config.proto == KIND_BUS) {
+            json["address"] = AddressText(channel.config.ach);
+        }
         json["source"] = EscapeBytes(channel.source);
         json["meaning"] = EscapeBytes(DescribeSource(channel.config));
     }
@@ -111,8 +115,8 @@ const char* KindText(EventKind kind) {
     return "unknown";
 }
 
-OrderedJson EventJson(const Event& event, const Names& names) {
-    OrderedJson json = {{"id", event.id}, {"time", event.time}, {"kind", KindText(event.kind)}};
+Json EventJson(const Event& event, const Names& names) {
+    Json json = {{"id", event.id}, {"time", event.time}, {"kind", KindText(event.kind)}};
     if (event.tag) {
         json["pin"] = PinText(*event.tag);
         AddNames(json, *event.tag, names);
@@ -130,8 +134,8 @@ OrderedJson EventJson(const Event& event, const Names& names) {
     return json;
 }
 
-OrderedJson GapJson(const Gap& gap) {
+Json GapJson(const Gap& gap) {
     return {{"from", gap.from},
-            {"until", gap.until ? OrderedJson(*gap.until) : OrderedJson()},
+            {"until", gap.until ? Json(*gap.until) : Json()},
             {"reason", gap.reason}};
 }

@@ -4,6 +4,7 @@
 
 #include "tools/board/Board.h"
 #include "tools/board/History.h"
+#include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
 
 namespace {
@@ -22,7 +23,9 @@ std::string Quote(const std::string& text) {
     return quoted + "\"";
 }
 
-class Writer {
+}  // namespace
+
+class Metrics::Writer {
 public:
     explicit Writer(bool open_metrics) : m_open(open_metrics) {}
 
@@ -47,6 +50,10 @@ private:
     std::string m_text;
 };
 
+namespace {
+
+using Writer = Metrics::Writer;
+
 void WritePins(const Board& board, Writer& writer) {
     const auto each = [&](const auto& write) {
         size_t count = 0;
@@ -64,11 +71,26 @@ void WritePins(const Board& board, Writer& writer) {
     });
     writer.Gauge("orvex_board_pin_low",
                  "1: the pin was told low (L), 0: high (H); none: not known.");
-    each([&](const std::string& labels, const PinNotes& notes, const PinState& state) {
-        if (state.status == PinStatus::Told && state.level && !notes.lost) {
+    each([&](const std::string& labels, const PinNotes&, const PinState& state) {
+        if (state.status == PinStatus::Told && state.level) {
             writer.Row(labels, *state.level == Level::Low ? 1 : 0);
         }
     });
+}
+
+void WriteMessages(const Board& board, Writer& writer) {
+    writer.Counter("orvex_board_messages", "Messages heard on the bus.");
+    for (const auto& [key, count] : board.GetCounts().messages) {
+        writer.Row("kind=" + Quote(key.first) + ",host=" + Quote(key.second),
+                   static_cast<double>(count));
+    }
+}
+
+void WriteDevices(const Board& board, Writer& writer) {
+    writer.Gauge("orvex_board_device_missing", "1: the device does not answer.");
+    for (const auto& [host, device] : board.Follower().Devices()) {
+        writer.Row("host=" + Quote(HostText(host)), device.is_silent ? 1 : 0);
+    }
 }
 
 }  // namespace
@@ -83,14 +105,8 @@ void Metrics::NoteStored(int64_t delay) {
     m_delay_sum += seconds;
 }
 
-std::string Metrics::Write(bool open_metrics) const {
+void Metrics::WriteCounters(Writer& writer) const {
     const Board::Counts& counts = m_board.GetCounts();
-    Writer writer(open_metrics);
-    writer.Counter("orvex_board_messages", "Messages heard on the bus.");
-    for (const auto& [key, count] : counts.messages) {
-        writer.Row("kind=" + Quote(key.first) + ",host=" + Quote(key.second),
-                   static_cast<double>(count));
-    }
     const auto counter = [&](const char* name, const char* help, uint64_t value) {
         writer.Counter(std::string("orvex_board_") + name, help);
         writer.Row("", static_cast<double>(value));
@@ -98,14 +114,16 @@ std::string Metrics::Write(bool open_metrics) const {
     counter("repeats", "Messages that were second copies.", counts.repeats);
     counter("malformed", "Datagrams that were no message.", counts.malformed);
     counter("changes", "Changes of pins.", counts.changes);
-    counter("questions", "Questions asked on the bus.", counts.questions);
+    counter("questions", "Questions asked on the bus.", m_board.Follower().Reads());
     counter("sets", "Writes that viewers asked for.", counts.sets);
     counter("refusals", "Writes that were refused.", counts.refusals);
-    counter("overflow", "Pins and devices beyond what is kept.",
-            counts.overflow + m_board.Pins().PassedOver());
+    counter("overflow", "Pins and devices beyond what is kept.", m_board.Follower().PassedOver());
     counter("viewers_cut", "Viewers that were too slow.", viewers_cut ? viewers_cut() : 0);
     counter("history_lost", "Events that could not be stored.",
             static_cast<uint64_t>(m_history.Lost()));
+}
+
+void Metrics::WriteGauges(Writer& writer) const {
     const auto gauge = [&](const char* name, const char* help, double value) {
         writer.Gauge(std::string("orvex_board_") + name, help);
         writer.Row("", value);
@@ -116,14 +134,13 @@ std::string Metrics::Write(bool open_metrics) const {
     gauge("pins", "Pins known.", static_cast<double>(m_board.Pins().Count()));
     gauge("history_ok", "1: the history is being written.", m_history.Problem().empty() ? 1 : 0);
     gauge("history_rows", "Events in the history.", static_cast<double>(m_history.Rows()));
-    if (counts.last_heard != 0) {
+    if (const std::optional<TimePoint> heard = m_board.GetCounts().last_heard) {
         gauge("last_message_age_seconds", "Time since the last message.",
-              static_cast<double>(NowMs() - counts.last_heard) / 1000);
+              std::chrono::duration<double>(Now() - *heard).count());
     }
-    writer.Gauge("orvex_board_device_missing", "1: the device does not answer.");
-    for (const auto& [host, device] : m_board.Devices()) {
-        writer.Row("host=" + Quote(host), device.missing ? 1 : 0);
-    }
+}
+
+void Metrics::WriteDelays(Writer& writer) const {
     writer.Head("orvex_board_store_delay_seconds", "histogram",
                 "Time from the bus to the history.");
     uint64_t sum = 0;
@@ -135,6 +152,15 @@ std::string Metrics::Write(bool open_metrics) const {
     }
     writer.Row("", m_delay_sum, "_sum");
     writer.Row("", static_cast<double>(sum), "_count");
+}
+
+std::string Metrics::Write(bool open_metrics) const {
+    Writer writer(open_metrics);
+    WriteMessages(m_board, writer);
+    WriteCounters(writer);
+    WriteGauges(writer);
+    WriteDevices(m_board, writer);
+    WriteDelays(writer);
     WritePins(m_board, writer);
     return writer.Text();
 }

@@ -11,6 +11,8 @@ class History;
 
 class Metrics {
 public:
+    class Writer;
+
     static constexpr size_t MAX_PINS = 1000;  // pins with their own metrics, by tag
     static constexpr std::array<double, 6> BOUNDS = {0.01, 0.025, 0.05, 0.1, 0.25, 1};  // s
 
@@ -27,6 +29,10 @@ public:
     std::function<uint64_t()> viewers_cut;
 
 private:
+    void WriteCounters(Writer& writer) const;
+    void WriteGauges(Writer& writer) const;
+    void WriteDelays(Writer& writer) const;
+
     const Board& m_board;
     History& m_history;
     std::array<uint64_t, BOUNDS.size() + 1> m_delays{};

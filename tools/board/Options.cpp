@@ -47,6 +47,48 @@ CLI::Validator Check(Parse parse) {
         "");
 }
 
+// Places: the bus, the browsers, files and servers.
+void AddPlaces(CLI::App& app, Options& options, CompletionKinds& kinds) {
+    kinds[app.add_option("-i,--interface", options.iface,
+                         "Interface of the bus, its name or address")
+              ->type_name("NAME")] = Completion::Interface;
+    app.add_option("--listen", options.listen, "Address for browsers")
+        ->type_name("IP:PORT")
+        ->check(Check([](const std::string& text) { ParseHostPort(text); }))
+        ->capture_default_str();
+    kinds[app.add_option("--db", options.db, "Keep the history in this file")->type_name("FILE")] =
+        Completion::File;
+    kinds[app.add_option("--names", options.names, "Names of pins and addresses")
+              ->type_name("FILE")] = Completion::File;
+    app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
+        ->type_name("IP[:PORT]")
+        ->check(Check([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));
+}
+
+// What is kept, and who may do what.
+void AddRules(CLI::App& app, Options& options, CompletionKinds& kinds) {
+    app.add_option("--keep", options.keep, "Keep events for this time")
+        ->type_name("TIME")
+        ->check(Check(ParseAge))
+        ->capture_default_str();
+    app.add_option("--keep-size", options.keep_size, "Maximum size of the history")
+        ->type_name("SIZE")
+        ->check(Check(ParseSize))
+        ->capture_default_str();
+    app.add_option("--group", options.group, "Multicast group of the bus")
+        ->type_name("IP")
+        ->check(CLI::ValidIPV4)
+        ->capture_default_str();
+    app.add_option("--host", options.hosts, "A name that browsers reach it by; repeatable")
+        ->type_name("HOST")
+        ->allow_extra_args(false);
+    CLI::Option* const token =
+        app.add_option("--token-file", options.token_file, "The token that setting a pin takes")
+            ->type_name("FILE");
+    app.add_flag("--allow-set", options.allow_set, "Let pins be set")->needs(token);
+    kinds[token] = Completion::File;
+}
+
 }  // namespace
 
 HostPort ParseHostPort(const std::string& text, std::optional<uint16_t> otherwise) {
@@ -85,45 +127,12 @@ int64_t ParseSize(const std::string& text) {
 
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CLI::App app(DESCRIPTION, "orvex-board");
+    CompletionKinds kinds;
     app.footer(FOOTER);
     app.set_version_flag("--version", std::string("orvex-board ") + ORVEX_VERSION);
-    CLI::Option* const iface =
-        app.add_option("-i,--interface", options.iface, "Interface of the bus, its name or address")
-            ->type_name("NAME");
-    app.add_option("--listen", options.listen, "Address for browsers")
-        ->type_name("IP:PORT")
-        ->check(Check([](const std::string& text) { ParseHostPort(text); }))
-        ->capture_default_str();
-    CLI::Option* const db =
-        app.add_option("--db", options.db, "Keep the history in this file")->type_name("FILE");
-    CLI::Option* const names =
-        app.add_option("--names", options.names, "Names of pins and addresses")->type_name("FILE");
-    app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
-        ->type_name("IP[:PORT]")
-        ->check(Check([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));
-    app.add_option("--keep", options.keep, "Keep events for this time")
-        ->type_name("TIME")
-        ->check(Check(ParseAge))
-        ->capture_default_str();
-    app.add_option("--keep-size", options.keep_size, "Maximum size of the history")
-        ->type_name("SIZE")
-        ->check(Check(ParseSize))
-        ->capture_default_str();
-    app.add_option("--group", options.group, "Multicast group of the bus")
-        ->type_name("IP")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
-    app.add_option("--host", options.hosts, "A name that browsers reach it by; repeatable")
-        ->type_name("HOST")
-        ->allow_extra_args(false);
-    CLI::Option* const token =
-        app.add_option("--token-file", options.token_file, "The token that setting a pin takes")
-            ->type_name("FILE");
-    app.add_flag("--allow-set", options.allow_set, "Let pins be set")->needs(token);
-    AddCompletion(app, {{iface, Completion::Interface},
-                        {db, Completion::File},
-                        {names, Completion::File},
-                        {token, Completion::File}});
+    AddPlaces(app, options, kinds);
+    AddRules(app, options, kinds);
+    AddCompletion(app, kinds);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

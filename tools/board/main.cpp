@@ -1,15 +1,18 @@
 // orvex-board: the board as a program.
 #include <arpa/inet.h>
-#include <sys/stat.h>
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <list>
+#include <utility>
 
 #include "protocol/numbers.h"
 #include "tools/base/Notify.h"
@@ -26,86 +29,32 @@ namespace {
 using Error = boost::system::error_code;
 using Wait = boost::asio::posix::stream_descriptor;
 
-const std::chrono::seconds KEEP_PACE{5};
+const std::chrono::seconds KEEP_PACE{10};
 const std::chrono::seconds BEAT_PACE{5};
+const std::chrono::milliseconds STORE_PACE{History::STORE_AFTER};
+const std::chrono::milliseconds STORE_AGAIN{500};  // while the history can't be written
 const int FIRST_PASSED_SOCKET = 3;
-
-// Someone else's socket in the loop. The loop never closes it, and releases it before its owner
-// closes it.
-class Watch {
-public:
-    Watch(boost::asio::io_context& loop, std::function<int()> socket, std::function<void()> ready,
-          std::function<bool()> writes = nullptr)
-        : m_wait(loop),
-          m_socket(std::move(socket)),
-          m_ready(std::move(ready)),
-          m_writes(std::move(writes)) {}
-    ~Watch() { Release(); }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-
-    // Call it when the socket may have changed; true if it has.
-    bool Follow() {
-        const int socket = m_socket();
-        const bool write = m_writes && m_writes();
-        struct stat status = {};
-        const ino_t identity = socket >= 0 && fstat(socket, &status) == 0 ? status.st_ino : 0;
-        if (identity == m_watched && write == m_writing) {
-            return false;
-        }
-        Release();
-        m_watched = identity;
-        m_writing = write;
-        if (identity != 0) {
-            // A copy: the owner may close its own at any time, and numbers are reused.
-            m_wait.assign(dup(socket));
-            Again();
-        }
-        return true;
-    }
-
-    void Release() {
-        Error ignored;
-        m_wait.close(ignored);
-        m_watched = 0;
-    }
-
-private:
-    void Again() {
-        m_wait.async_wait(m_writing ? Wait::wait_write : Wait::wait_read,
-                          [this](const Error& error) {
-                              if (error) {
-                                  return;
-                              }
-                              m_ready();
-                              if (!Follow()) {
-                                  Again();
-                              }
-                          });
-    }
-
-    Wait m_wait;
-    const std::function<int()> m_socket;
-    const std::function<void()> m_ready;
-    const std::function<bool()> m_writes;
-    ino_t m_watched = 0;  // identifies the socket, whatever its number
-    bool m_writing = false;
-};
 
 class Program {
 public:
     explicit Program(const Options& options);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
     void Run();
 
 private:
     static BoardSettings BoardSettingsOf(const Options& options);
     static HistorySettings HistorySettingsOf(const Options& options);
     static AccessSettings AccessSettingsOf(const Options& options);
-    void Every(boost::asio::steady_timer& timer, std::chrono::milliseconds pace,
-               const std::function<void()>& task);
-    void Tick();
-    std::string StatusLine() const;
+    void Turn();
+    void WatchBus(Wait& wait);
+    void WatchControl();
     void StoreSoon();
+    void BeatSoon();
+    void Keep();
+    void TellTrouble();
+    std::string StatusLine() const;
 
     boost::asio::io_context m_loop{1};
     Notify m_notify;
@@ -116,14 +65,16 @@ private:
     Metrics m_metrics;
     Api m_api;
     HttpServer m_server;
-    Watch m_reports;
-    Watch m_requests;
-    Watch m_control;
-    boost::asio::steady_timer m_tick{m_loop};
+    // Sockets that belong to the board. Those of the bus stay the same once they are open; that of
+    // the control server is given back before the board may close it.
+    std::list<Wait> m_bus;
+    Wait m_control{m_loop};
+    boost::asio::steady_timer m_due{m_loop};
     boost::asio::steady_timer m_keep{m_loop};
     boost::asio::steady_timer m_beat{m_loop};
     boost::asio::steady_timer m_store{m_loop};
     bool m_storing = false;
+    bool m_beating = false;
     std::string m_problem;
 };
 
@@ -166,6 +117,15 @@ AccessSettings Program::AccessSettingsOf(const Options& options) {
     return settings;
 }
 
+Program::~Program() {
+    for (Wait& wait : m_bus) {
+        wait.release();
+    }
+    if (m_control.is_open()) {
+        m_control.release();
+    }
+}
+
 Program::Program(const Options& options)
     : m_history(HistorySettingsOf(options)),
       m_stream(std::to_string(NowMs())),
@@ -173,31 +133,14 @@ Program::Program(const Options& options)
       m_access(AccessSettingsOf(options)),
       m_metrics(m_board, m_history),
       m_api(m_board, m_history, m_stream, m_access, m_metrics),
-      m_server(m_loop, m_stream,
-               [this](const HttpRequest& request) {
-                   HttpResponse response = m_api.Handle(request);
-                   StoreSoon();
-                   return response;
-               }),
-      m_reports(
-          m_loop, [this] { return m_board.BusSocket(0); },
-          [this] {
-              m_board.ReadBus();
-              StoreSoon();
-          }),
-      m_requests(
-          m_loop, [this] { return m_board.BusSocket(1); },
-          [this] {
-              m_board.ReadBus();
-              StoreSoon();
-          }),
-      m_control(
-          m_loop, [this] { return m_board.Control().GetDescriptor(); },
-          [this] {
-              m_board.ServeControl();
-              StoreSoon();
-          },
-          [this] { return (m_board.Control().Events() & POLLOUT) != 0; }) {
+      m_server(m_loop, m_stream, [this](const HttpRequest& request) {
+          HttpResponse response = m_api.Handle(request);
+          StoreSoon();
+          if (response.follow) {
+              BeatSoon();
+          }
+          return response;
+      }) {
     m_history.on_stored = [this](int64_t delay) { m_metrics.NoteStored(delay); };
     m_metrics.viewers = [this] { return m_server.Viewers(); };
     m_metrics.viewers_cut = [this] { return m_server.CutOff(); };
@@ -211,40 +154,53 @@ Program::Program(const Options& options)
     }
 }
 
-void Program::Every(boost::asio::steady_timer& timer, std::chrono::milliseconds pace,
-                    const std::function<void()>& task) {
-    task();
-    timer.expires_after(pace);
-    timer.async_wait([this, &timer, pace, task](const Error& error) {
+// Serves the bus and the control server, and waits for them again.
+void Program::Turn() {
+    if (m_control.is_open()) {
+        m_control.release();
+    }
+    const bool more = m_board.Serve();
+    StoreSoon();
+    if (m_bus.empty()) {
+        for (const int socket : m_board.BusSockets()) {
+            m_bus.emplace_back(m_loop, socket);
+            WatchBus(m_bus.back());
+        }
+    }
+    WatchControl();
+    m_notify.Beat();
+    m_due.expires_at(more ? Now() : std::min(m_board.NextTime(), m_notify.NextTime()));
+    m_due.async_wait([this](const Error& error) {
         if (!error) {
-            Every(timer, pace, task);
+            Turn();
         }
     });
 }
 
-// For whoever looks after the service.
-std::string Program::StatusLine() const {
-    std::string text = "viewers: " + std::to_string(m_server.Viewers());
-    for (const std::string& problem :
-         {m_board.LinkProblem(), m_board.ControlProblem(), m_history.Problem()}) {
-        text += problem.empty() ? "" : "; " + problem;
-    }
-    return text;
+void Program::WatchBus(Wait& wait) {
+    wait.async_wait(Wait::wait_read, [this, &wait](const Error& error) {
+        if (!error) {
+            Turn();
+            WatchBus(wait);
+        }
+    });
 }
 
-void Program::Tick() {
-    m_notify.Beat();
-    m_board.Tick();
-    m_reports.Follow();
-    m_requests.Follow();
-    m_control.Follow();
-    StoreSoon();
-    if (m_problem != m_history.Problem() + m_history.Notice()) {
-        m_problem = m_history.Problem() + m_history.Notice();
-        if (!m_problem.empty()) {
-            fprintf(stderr, "orvex-board: history: %s\n", m_problem.c_str());
+void Program::WatchControl() {
+    const ControlServer& control = m_board.Control();
+    if (control.GetDescriptor() < 0) {
+        return;
+    }
+    m_control.assign(control.GetDescriptor());
+    for (const auto& [event, wait] :
+         {std::pair(POLLIN, Wait::wait_read), std::pair(POLLOUT, Wait::wait_write)}) {
+        if ((control.Events() & event) != 0) {
+            m_control.async_wait(wait, [this](const Error& error) {
+                if (!error) {
+                    Turn();
+                }
+            });
         }
-        m_board.TellStatus();
     }
 }
 
@@ -253,13 +209,64 @@ void Program::StoreSoon() {
         return;
     }
     m_storing = true;
-    m_store.expires_after(std::chrono::milliseconds(History::STORE_AFTER));
+    m_store.expires_after(m_history.Problem().empty() ? STORE_PACE : STORE_AGAIN);
     m_store.async_wait([this](const Error& error) {
         m_storing = false;
         if (!error) {
             m_history.Store(NowMs());
+            TellTrouble();
+            StoreSoon();
         }
     });
+}
+
+// While somebody views: the page takes silence for a lost board.
+void Program::BeatSoon() {
+    if (m_beating) {
+        return;
+    }
+    m_beating = true;
+    m_beat.expires_after(BEAT_PACE);
+    m_beat.async_wait([this](const Error& error) {
+        m_beating = false;
+        if (!error && m_server.Viewers() > 0) {
+            m_stream.Append("beat", Dump({{"now", NowMs()}, {"viewers", m_server.Viewers()}}));
+            BeatSoon();
+        }
+    });
+}
+
+void Program::Keep() {
+    m_history.Keep(NowMs());
+    TellTrouble();
+    m_notify.Status(StatusLine());
+    m_keep.expires_after(KEEP_PACE);
+    m_keep.async_wait([this](const Error& error) {
+        if (!error) {
+            Keep();
+        }
+    });
+}
+
+void Program::TellTrouble() {
+    const std::string problem = m_history.Problem() + m_history.Notice();
+    if (m_problem != problem) {
+        m_problem = problem;
+        if (!m_problem.empty()) {
+            fprintf(stderr, "orvex-board: history: %s\n", m_problem.c_str());
+        }
+    }
+    m_board.TellStatus();
+}
+
+// For whoever looks after the service.
+std::string Program::StatusLine() const {
+    std::string text = "viewers: " + std::to_string(m_server.Viewers());
+    for (const std::string& problem :
+         {m_board.LinkProblem(), m_board.Control().Problem(), m_history.Problem()}) {
+        text += problem.empty() ? "" : "; " + problem;
+    }
+    return text;
 }
 
 void Program::Run() {
@@ -269,12 +276,8 @@ void Program::Run() {
         m_notify.Stopping();
         m_loop.stop();
     });
-    Every(m_tick, Board::TICK, [this] { Tick(); });
-    Every(m_keep, KEEP_PACE, [this] { m_history.Keep(NowMs()); });
-    Every(m_beat, BEAT_PACE, [this] {
-        m_stream.Append("beat", Dump({{"now", NowMs()}, {"viewers", m_server.Viewers()}}));
-        m_notify.Status(StatusLine());
-    });
+    Turn();
+    Keep();
     printf("orvex-board: http://%s/\n", m_server.Address().c_str());
     fflush(stdout);
     m_notify.Ready();

@@ -81,11 +81,12 @@ def converse(talks):
     return answers
 
 
-def report(tags, low):
+def report(tags, low, source="10.77.0.1"):
     """Reports pins on the bus, in two packets as devices do."""
     items = b"".join(struct.pack(">IBB", tag, 7, low) for tag in tags)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as bus:
-        bus.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.77.0.1"))
+        bus.bind((source, 0))
+        bus.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(source))
         for _ in range(2):
             report.number += 1
             head = struct.pack(">4BI8x4sH", 3, 0, 2, 7, report.number, b"INDI", len(tags))
@@ -224,6 +225,41 @@ class BoardTest(unittest.TestCase):
         self.assertLess(length, 8192)
         connection.close()
 
+    def test_one_host_leaves_places_for_others(self):
+        for address in range(0x300000, 0x300000 + 5000, 100):
+            report([place << 8 | 13 for place in range(address, address + 100)], 1)
+        until(lambda: "one host has too many" in ask("/healthz")[1])
+        self.assertIn("one host has too many", get("/api/v1/pins")["board"]["left_out"])
+        subprocess.run("ip addr add 10.77.0.9/24 dev eth0", shell=True, check=True)
+        report([0x290111], 1, "10.77.0.9")
+        until(lambda: any(one["pin"] == "41:1:c17" for one in get("/api/v1/pins")["pins"]))
+        subprocess.run("ip addr del 10.77.0.9/24 dev eth0", shell=True, check=True)
+        restart("/run/h.db")
+
+    def test_without_descriptors_the_bus_is_still_heard(self):
+        connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+        connection.request("GET", "/api/v1/devices")
+        connection.getresponse().read()
+        used = len(os.listdir(f"/proc/{board_pid()}/fd"))
+        subprocess.run(["prlimit", f"--pid={board_pid()}", f"--nofile={used}:"], check=True)
+        subprocess.run("ip addr add 10.99.0.1/24 dev eth0; sleep 1.5", shell=True, check=True)  # it looks for what changed
+        connection.request("GET", "/api/v1/pins")
+        self.assertEqual(json.loads(connection.getresponse().read())["board"]["link"], {"up": True, "problem": ""})
+        connection.close()
+        subprocess.run(["prlimit", f"--pid={board_pid()}", "--nofile=1024:"], check=True)
+        subprocess.run("ip addr del 10.99.0.1/24 dev eth0", shell=True, check=True)
+
+    def test_an_idle_board_sleeps(self):
+        def wakes():
+            status = pathlib.Path(f"/proc/{board_pid()}/status").read_text("ascii")
+            return int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0])
+
+        restart("/run/h.db")
+        time.sleep(12)
+        before = wakes()
+        time.sleep(20)
+        self.assertLessEqual(wakes() - before, 10)
+
     def test_no_request_stops_it(self):
         answer = converse([[f"POST /api/v1/set HTTP/1.1\r\nHost: {HOST}\r\nTransfer-Encoding: xchunked\r\n\r\n"
                             f"GET / HTTP/1.1\r\nHost: {HOST}\r\n\r\n".encode()]])[0]
@@ -327,21 +363,14 @@ class BoardTest(unittest.TestCase):
         restart("/run/h.db")
         fill.close()
 
-    def test_a_damaged_history_is_renamed(self):
-        os.kill(board_pid(), signal.SIGTERM)
-        until(is_gone)
-        with open("/run/h.db", "r+b") as file:
-            file.seek(4096)
-            file.write(b"damage" * 4000)
-        restart("/run/h.db")
-        until(lambda: "damaged" in get("/api/v1/pins")["board"]["history"]["notice"])
-        control("GPI 2 LHHHL")
-        until(lambda: any(one.get("pin") == "1:2:in5" for one in get("/api/v1/history")["events"]))
-
     def test_a_lost_bus_is_reported(self):
+        report([0x29010D], 1)
+        until(lambda: pin("41:1:in1")["level"] == "L")
         subprocess.run("ip link set eth0 down", shell=True, check=True)
         until(lambda: ask("/healthz")[0] == 503)
-        self.assertEqual(pin("1:2:in1")["state"] if get("/api/v1/channels")["problem"] else "unknown", "unknown")
+        lost = pin("41:1:in1")  # it was heard, and is not known now
+        self.assertEqual((lost["level"], lost["state"], lost["by"]), (None, "unknown", "10.77.0.1"))
+        self.assertEqual(pin("1:2:in1")["state"], "told")  # by the control server
         subprocess.run("ip link set eth0 up; ip route replace 224.0.0.0/4 dev eth0", shell=True, check=True)
         until(lambda: ask("/healthz")[0] == 200)
         gaps = get("/api/v1/history")["gaps"]

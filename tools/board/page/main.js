@@ -41,6 +41,10 @@ function troubles() {
     if (board && !board.link.up) {
         found.push(`The bus can't be heard (${board.link.problem}): levels are not known.`);
     }
+    if (board?.left_out) {
+        found.push(`Not all is shown: ${board.left_out}.`);
+    }
+    found.push(...(board?.shared ?? []));
     if (board?.history.problem) {
         found.push(`The history is not written: ${board.history.problem}`);
     }
