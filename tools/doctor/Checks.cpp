@@ -19,7 +19,8 @@ struct Beside {
 };
 const Beside BESIDE[] = {{"orvex-board", nullptr},
                          {"orvex-mqtt", "/etc/orvex/mqtt.conf"},
-                         {"orvex-gpio", "/etc/orvex/gpio.conf"}};
+                         {"orvex-gpio", "/etc/orvex/gpio.conf"},
+                         {"orvex-tsl", "/etc/orvex/tsl.conf"}};
 
 // The source without its quotes.
 std::string PlainSource(std::string source) {

@@ -214,7 +214,7 @@ Finding AnswerOf(const Remote& remote, const std::string& place) {
     }
     return {Severity::Note, "remote",
             "connected to " + place +
-                ", which takes no second connection to ask it: " + remote.client.Problem(),
+                "; it could not be asked on a second connection: " + remote.client.Problem(),
             ""};
 }
 
