@@ -90,8 +90,8 @@ int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset);
 // Reports the pins of a state text, as in iostate2cmsg, to the group. Sends nothing without pins.
 void send_state_to_kelvo(unsigned long ach, const char* state, int offset);
 
-// Sends the message twice as a datagram: messages to the group are not acknowledged, so the second
-// makes up for a loss of the first. Reports failures on standard output. Returns 1.
+// Sends a copy of the message twice as a datagram: messages to the group are not acknowledged, so
+// the second makes up for a loss of the first. Reports failures on standard output. Returns 1.
 int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest);
 
 // Carries out a message from the bus: writes become lines for TQRD, a read is answered to the

@@ -116,6 +116,15 @@ void answer_read(CMessage& request, unsigned long request_id) {
     }
 }
 
+// Encodes a copy of the message, or the message itself if that is the same.
+bool encode_copy(const CMsg2& msg, CRUdpLayer3Client& client) {
+    if (msg.EqualsItsCopy()) {
+        return client.Encode(msg);
+    }
+    CMsg2 copy(0, MSG_GROW_BY);
+    return copy.Copy(&msg) && client.Encode(copy);
+}
+
 }  // namespace
 
 int cid2pin(unsigned long circuit) {
@@ -134,12 +143,14 @@ int cid2pin(unsigned long circuit) {
 
 int iostate2cmsg(CMsg2* msg, unsigned long ach, const char* state, int offset) {
     int count = 0;
+    const bool are_new = msg->GetItemCount() == 0;  // the five tags differ
     for (int i = 0; i < PIN_COUNT; ++i) {
         const unsigned long tag = (ach << 8) + CircIDs[i + offset];
+        const unsigned char value = state[i] == 'L' ? 1 : 0;
         switch (state[i]) {
             case 'L':
             case 'H':
-                count += msg->SetByte(tag, state[i] == 'L' ? 1 : 0) ? 1 : 0;
+                count += (are_new ? msg->AddByte(tag, value) : msg->SetByte(tag, value)) ? 1 : 0;
                 break;
             case 'l':
             case 'h':
@@ -165,7 +176,7 @@ int deliver_msg(CMsg2& msg, CRUdpLayer3Client& client, CSvcAddress& dest) {
                dest.GetPort(), Msg2String(&msg, '?', msgdump, MSG_LABEL_TAG));
     }
     // Encoded once: the two packets differ only in their transaction IDs.
-    const bool encoded = client.Encode(msg);
+    const bool encoded = encode_copy(msg, client);
     for (int i = 0; i < 2; ++i) {
         if (!encoded || !client.SendEncoded(dest, CRUdpLayer3Client::DATAGRAM)) {
             printf("%s RUDP:SendMsg failed with error: %lu\n", APP_NAME, client.GetLastError());

@@ -88,9 +88,13 @@ public:
     CMsg2& operator=(const CMsg2& other);
     // The same. False, with nothing changed, if memory is short or other is null.
     bool Copy(const CMsg2* other);
+    // Whether a copy is known to have the same encoding. Always true for what setters have built.
+    bool EqualsItsCopy() const;
     // Sets every item of other in this message, in other's order: existing tags are replaced in
     // place, new ones appended. Items of unknown type, and those without room, are omitted. The
-    // identifier stays. other may be this message or nested in it.
+    // identifier stays. other may be this message: each step reads what the steps before it have
+    // left, so only a message with repeated tags changes. other may be nested in this message: then
+    // all steps read it as it was.
     CMsg2& operator+=(const CMsg2& other);
 
     // Removes all items. Identifier and room stay.
@@ -190,7 +194,7 @@ private:
     bool CopyItem(unsigned long tag, const Node& item, bool is_new);
     bool HoldsMsg() const;
     bool Holds(const CMsg2& other) const;
-    void MergeOwn(const CMsg2& other);
+    void MergeNested(const CMsg2& other);
     void Swap(CMsg2& other);
 
     const Node* FindItem(unsigned long tag, ItemType type);

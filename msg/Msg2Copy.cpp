@@ -1,5 +1,6 @@
 // Copying and merging of messages.
 #include <algorithm>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -32,8 +33,8 @@ bool CMsg2::Copy(const CMsg2* other) {
 }
 
 CMsg2& CMsg2::operator+=(const CMsg2& other) {
-    if (Holds(other)) {
-        MergeOwn(other);
+    if (&other != this && Holds(other)) {
+        MergeNested(other);
     } else {
         CopyItems(other);
     }
@@ -54,7 +55,7 @@ CMsg2* CMsg2::Clone(const CMsg2& other) {
     return clone;
 }
 
-// Sets all items of other, which must not be part of this message. False if one of them failed.
+// Sets all items of other, which must not be nested in this message. False if one of them failed.
 // Every tag is compared with those before it, unless all are known to be distinct.
 bool CMsg2::CopyItems(const CMsg2& other) {
     const bool are_new = m_nItemCount == 0 && other.m_bDistinct;
@@ -94,6 +95,21 @@ bool CMsg2::Node::MakeCopy(const Node& other) {
     }
 }
 
+bool CMsg2::EqualsItsCopy() const {
+    return m_bDistinct && std::all_of(m_pItems, m_pItems + m_nItemCount, [](const Node& item) {
+               if (item.m_nType == ITEM_BYTE) {
+                   return true;
+               }
+               if (item.m_nType == ITEM_STRING) {  // copied up to its first NUL
+                   return item.m_nCount == 0 || strlen(item.m_Value.m_pString) + 1 == item.m_nCount;
+               }
+               if (item.m_nType == ITEM_MSG) {
+                   return item.m_Value.m_pMsg->EqualsItsCopy();
+               }
+               return item.m_nType != ITEM_NONE && item.m_nType <= ITEM_QWORD;
+           });
+}
+
 bool CMsg2::HoldsMsg() const {
     return std::any_of(m_pItems, m_pItems + m_nItemCount,
                        [](const Node& item) { return item.m_nType == ITEM_MSG; });
@@ -106,10 +122,10 @@ bool CMsg2::Holds(const CMsg2& other) const {
     });
 }
 
-// Merges a part of this message, from a copy: replacing a nested message could free that part
-// meanwhile. Items with the same tag would become one in the copy, so it uses positions as tags
-// until it is complete.
-void CMsg2::MergeOwn(const CMsg2& other) {
+// Merges a message nested in this one, from a copy: replacing an item could free it meanwhile.
+// Items with the same tag would become one in the copy, so it uses positions as tags until it is
+// complete.
+void CMsg2::MergeNested(const CMsg2& other) {
     CMsg2 copy(other.m_nItemCount, 0);
     for (unsigned int i = 0; i < other.m_nItemCount; ++i) {
         copy.CopyItem(i, other.m_pItems[i], true);

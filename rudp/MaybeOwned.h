@@ -12,16 +12,17 @@ class MaybeOwned {
 public:
     using Element = std::remove_extent_t<T>;
 
-    void Own(Element* pointer) {
-        m_pOwned.reset(pointer);
-        m_pPointer = pointer;
-    }
+    MaybeOwned() = default;
+    ~MaybeOwned() { Set(nullptr, false); }
+    MaybeOwned(const MaybeOwned&) = delete;
+    MaybeOwned& operator=(const MaybeOwned&) = delete;
+
+    void Own(Element* pointer) { Set(pointer, true); }
 
     // Borrowing the current object changes nothing: an owned one stays owned.
     void Borrow(Element* pointer) {
         if (pointer != m_pPointer) {
-            m_pOwned.reset();
-            m_pPointer = pointer;
+            Set(pointer, false);
         }
     }
 
@@ -29,6 +30,14 @@ public:
     Element* operator->() const { return m_pPointer; }
 
 private:
-    std::unique_ptr<T> m_pOwned;
+    void Set(Element* pointer, bool own) {
+        if (m_bOwn) {
+            std::default_delete<T>()(m_pPointer);
+        }
+        m_pPointer = pointer;
+        m_bOwn = own;
+    }
+
     Element* m_pPointer = nullptr;
+    bool m_bOwn = false;  // whether to delete it
 };

@@ -99,9 +99,31 @@ char* replace_fields(char* w, const char* base, const char* changes) {
     return w;
 }
 
+// Reads a decimal number of up to nine digits, which nearly all are, faster than strtol.
+bool is_plain(const char* text, const char** end, long& number) {
+    if (*text < '1' || *text > '9') {
+        return false;  // of another base, signed, or none
+    }
+    const char* p = text;
+    for (number = 0; *p >= '0' && *p <= '9'; ++p) {
+        if (p - text == 9) {
+            return false;
+        }
+        number = number * 10 + (*p - '0');
+    }
+    if (end != nullptr) {
+        *end = p;
+    }
+    return true;
+}
+
 }  // namespace
 
 long tqr_strtol(const char* text, const char** end, int base) {
+    long number = 0;
+    if ((base == 0 || base == 10) && is_plain(text, end, number)) {
+        return number;
+    }
     char* behind = nullptr;
     const long long value = strtoll(text, &behind, base == 0 ? base_of(text) : base);
     if (end != nullptr) {

@@ -20,6 +20,10 @@ namespace {
 
 const char* const APP_NAME = "tqrcli";
 
+// What a buffer has behind its size. While lines arrive faster than they are handed out, the buffer
+// is full: with these bytes the lines in it are not moved for every line that leaves it.
+const size_t SLACK = 512;
+
 // A socket, or -1. select() can't wait for one that does not fit an fd_set, so that is a failure.
 int open_socket() {
     const int sock = socket(AF_INET, SOCK_STREAM, 0);
@@ -75,7 +79,7 @@ int CTQRClient::open(unsigned long ip, short port, int size) {
     close();
     if (size >= 0 && size < INT_MAX) {
         m_nBufSize = size + 1;
-        m_pBuf = new (std::nothrow) char[static_cast<size_t>(m_nBufSize)];
+        m_pBuf = new (std::nothrow) char[static_cast<size_t>(m_nBufSize) + SLACK];
     }
     m_pRead = m_pEnd = m_pBuf;
     if (m_pBuf == nullptr) {
@@ -136,18 +140,19 @@ char* CTQRClient::recv(long timeout) {
 // line leaves no room: the read of 0 bytes then ends the connection as if the peer had closed it.
 bool CTQRClient::read_more() {
     const size_t pending = static_cast<size_t>(m_pEnd - m_pRead);
-    if (pending != 0) {
+    if (pending == 0 || static_cast<size_t>(m_pRead - m_pBuf) > SLACK) {
         memmove(m_pBuf, m_pRead, pending);
+        m_pRead = m_pBuf;
+        m_pEnd = m_pBuf + pending;
     }
     const size_t room = static_cast<size_t>(m_nBufSize) - pending - 1;
-    const ssize_t got = ::recv(m_nSock, m_pBuf + pending, room, 0);
+    const ssize_t got = ::recv(m_nSock, m_pEnd, room, 0);
     if (got <= 0) {
         fprintf(stderr, "%s: recv() failed err=%d\n", APP_NAME, errno);
         close();
         return false;
     }
-    m_pRead = m_pBuf;
-    m_pEnd = m_pBuf + pending + got;
+    m_pEnd += got;
     *m_pEnd = '\0';
     return true;
 }

@@ -59,7 +59,7 @@ private:
     bool read_more();
     char* take_line();
 
-    char* m_pBuf = nullptr;   // m_nBufSize bytes, one of them for the NUL at m_pEnd
+    char* m_pBuf = nullptr;   // m_nBufSize bytes, one of them for the NUL at m_pEnd, and some more
     char* m_pRead = nullptr;  // first byte not yet handed out
     char* m_pEnd = nullptr;   // one past the last byte received
     int m_nBufSize = 0;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/app/InProcess.h"
+#include "tests/support/sockets.h"
 
 namespace {
 
@@ -122,6 +123,36 @@ TEST_F(ChannelTable, WritesTheValueAfterTheIdentifier) {
     ASSERT_EQ(request.SetData(reinterpret_cast<const char*>(bytes), sizeof bytes - 1), 27);
     cmsgprocess(request);
     EXPECT_EQ(Told(), "GPO 1 Lxxxx\nGPO 1 Lxxxx\n");
+}
+
+// Of items with one tag the last value stays, in the first place; items without a value and what
+// follows a NUL in a text are left out.
+TEST(Delivery, SendsACopyTwice) {
+    CMsg2 msg(0, 16);
+    const std::string items[] = {std::string("\0\0\0\1\7\1", 6), std::string("\0\0\0\2\14\0\5", 7),
+                                 std::string("\0\0\0\3\2\0\3a\0b", 10),
+                                 std::string("\0\0\0\1\7\2", 6)};
+    std::string bytes = "INDI" + std::string("\0\4", 2);
+    for (const std::string& item : items) {
+        bytes += item;
+    }
+    ASSERT_EQ(msg.SetData(bytes.data(), bytes.size()), bytes.size());
+    const int sock = bound_socket(SOCK_DGRAM, "127.0.0.1", 0);
+    sockaddr_in own = {};
+    socklen_t size = sizeof own;
+    getsockname(sock, reinterpret_cast<sockaddr*>(&own), &size);
+    CRUdpLayer3Client client(0, 1000);
+    ASSERT_TRUE(client.Open(nullptr, nullptr));
+    CSvcAddress dest(INADDR_LOOPBACK, ntohs(own.sin_port));
+    deliver_msg(msg, client, dest);
+    for (int i = 0; i < 2; ++i) {
+        char packet[100];
+        const ssize_t length = recv(sock, packet, sizeof packet, MSG_DONTWAIT);
+        ASSERT_GT(length, 16);
+        EXPECT_EQ(std::string(packet + 16, static_cast<size_t>(length) - 16),
+                  std::string("INDI\0\2\0\0\0\1\7\2\0\0\0\3\2\0\2a\0", 21));
+    }
+    close(sock);
 }
 
 TEST(Settings, FollowTheInterfaceAddress) {

@@ -154,6 +154,9 @@ TEST(Container, MergesRepeatedTagsAlike) {
     nested.SetByte(9, 0);
     EXPECT_EQ(dump(nested), dump(plain));
     EXPECT_EQ(dump(plain), "[ 00000001=01,00000002=02,00000001=03,00000009=00]");
+    EXPECT_EQ(same.GetByte(2) + same.GetByte(1), 5);  // the cursor is at the last item
+    same += static_cast<const CMsg2&>(same);
+    EXPECT_EQ(dump(same), "[ 00000001=01,00000002=02,00000001=01]") << "each step reads anew";
 
     decode(outer, Hex("00000000 0002 00000001 07 09 00000006 06 0018") + repeated);
     outer += *outer.GetMsg(6);
