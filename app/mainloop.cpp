@@ -17,8 +17,6 @@
 namespace {
 
 const useconds_t RECONNECT_PAUSE_US = 3400000;
-const int WAIT_S = 27;
-const long long SWEEP_PERIOD_MS = 27000;
 
 // Moves line past the word if it begins with it.
 bool skip_word(const char*& line, const char* word) {
@@ -116,7 +114,7 @@ bool CMainLoop::drop_vanished() {
 // Watches every remote connection once, through the lowest entry that shares it. When the sweep is
 // due, reconnects those that are down.
 void CMainLoop::watch_remotes() {
-    const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_MS;
+    const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_S * 1000;
     m_remotes = 0;
     for_each_entry(gpiocli.entries(), [&](int entry) {
         int fd = gpiocli.get_fd(entry);
@@ -134,9 +132,9 @@ void CMainLoop::watch_remotes() {
 }
 
 int CMainLoop::wait_for_input() {
-    timeval limit = {WAIT_S, 0};
+    timeval limit = {SWEEP_PERIOD_S, 0};
     const unsigned int period = peer_watch_period(tqr_limits.peer_ms);
-    if (period != 0 && period < WAIT_S * 1000) {
+    if (period != 0 && period < SWEEP_PERIOD_S * 1000) {
         limit = {static_cast<time_t>(period / 1000),
                  static_cast<suseconds_t>(period % 1000 * 1000)};
     }

@@ -140,16 +140,16 @@ bool start(const char* program);
 // Serves all endpoints, turn by turn, and holds the state that outlives a turn.
 class CMainLoop {
 public:
-    // The first sweep of the remote connections is due 27 s from now.
+    // The first sweep of the remote connections is due a SWEEP_PERIOD_S from now.
     CMainLoop();
 
     // Tells the service manager, if there is one, that the daemon is ready, and from then on that
     // its loop turns: after the end of each turn, and while it waits for TQRD.
     void TellReady();
 
-    // One turn: waits for input, at most 27 s or a peer_watch_period(), and handles it. If the
-    // control connection is down, it first restores it, however long that takes. False, after a
-    // message, if select() failed.
+    // One turn: waits for input, at most a SWEEP_PERIOD_S or a peer_watch_period(), and handles it.
+    // If the control connection is down, it first restores it, however long that takes. False,
+    // after a message, if select() failed.
     bool Turn();
 
 private:

@@ -68,7 +68,7 @@ private:
         FD_SET(m_control, &readable);
         FD_SET(m_bus, &readable);
         FD_SET(m_remote, &readable);
-        timeval limit = {27, 0};
+        timeval limit = {SWEEP_PERIOD_S, 0};
         select(std::max({m_control, m_bus, m_remote}) + 1, &readable, nullptr, nullptr, &limit);
     }
 

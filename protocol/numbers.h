@@ -42,3 +42,9 @@ constexpr unsigned int LONGEST_PULSE_MS = COUNT_MASK * COARSE_STEP_MS;
 constexpr uint16_t LINE_PORT = 93;   // of TQRD and of remote GPIO servers
 constexpr int CHANNEL_COUNT = 32;    // outputs that can be configured, from 1 on
 constexpr int HIGHEST_FOLLOWED = 8;  // outputs whose state is kept; those above read high
+
+// ---- Times
+
+// The daemon reconnects lost remote servers in one sweep, at least this long after the one before,
+// and waits no longer for input.
+constexpr int SWEEP_PERIOD_S = 27;

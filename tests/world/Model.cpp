@@ -6,6 +6,8 @@
 
 namespace {
 
+const Micros SWEEP_PERIOD = 27 * SECOND;
+
 std::string five(std::string state) {
     state.resize(5, '\0');
     return state;
@@ -138,13 +140,13 @@ void Model::BeginTurn() {
             m_Watched.push_back(server);
         }
     }
-    ExpectBytes(words("select", 27 * SECOND) + std::string(watched.begin(), watched.end()));
+    ExpectBytes(words("select", SWEEP_PERIOD) + std::string(watched.begin(), watched.end()));
 }
 
 // In milliseconds, with seconds and fractions rounded separately, as the daemon does.
 bool Model::IsSweep() const {
     const Micros seconds = m_Clock / SECOND - m_Swept / SECOND;
-    return seconds * 1000 + (m_Clock % SECOND - m_Swept % SECOND) / MS > 27000;
+    return seconds * 1000 + (m_Clock % SECOND - m_Swept % SECOND) / MS > SWEEP_PERIOD / MS;
 }
 
 void Model::Join() {

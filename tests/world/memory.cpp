@@ -6,9 +6,9 @@
 
 namespace {
 
-// Whether it is that of a buffer for lines: 2,000 bytes and a NUL, with or without 512 behind them.
+// Whether it is that of a buffer for lines: 2,000 bytes, a NUL, and 512 behind them.
 bool is_buffer(size_t size) {
-    return size == 2001 || size == 2513;
+    return size == 2513;
 }
 
 bool is_short(size_t size) {

@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 
+#include "protocol/numbers.h"
 #include "tools/base/Time.h"
 #include "tools/doctor/Checks.h"
 #include "tools/tqrd/TqrdClient.h"
@@ -232,7 +233,8 @@ void ExamineRemote(const Facts& facts, const Remote& remote, Findings& findings)
                             "no connection to " + place + ", which drives output " +
                                 remote.channels + ": " +
                                 (is_silent ? "it accepts one, but does not answer" : Cause(probe)),
-                            probe.error == 0 ? "the daemon tries again within 54 seconds"
+                            probe.error == 0 ? "the daemon tries again within " +
+                                                   std::to_string(2 * SWEEP_PERIOD_S) + " seconds"
                                              : "orvex(8), \"A remote input is not followed\""});
     }
 }
