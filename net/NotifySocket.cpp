@@ -38,11 +38,11 @@ bool CNotifySocket::Send(const char* state) const {
     return IsOpen() && send(m_nSocket, state, strlen(state), MSG_NOSIGNAL) >= 0;
 }
 
-unsigned long watchdog_ms() {
+long long watchdog_ms() {
     const char* const usec = getenv("WATCHDOG_USEC");
     const char* const pid = getenv("WATCHDOG_PID");
     if (usec == nullptr || (pid != nullptr && strtol(pid, nullptr, 10) != getpid())) {
         return 0;
     }
-    return static_cast<unsigned long>(strtoull(usec, nullptr, 10) / 1000);
+    return strtoll(usec, nullptr, 10) / 1000;
 }

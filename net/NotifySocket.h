@@ -26,4 +26,4 @@ private:
 
 // The value of WATCHDOG_USEC in milliseconds, if it is for this process: the manager expects a sign
 // of life this often. 0 if there is none.
-unsigned long watchdog_ms();
+long long watchdog_ms();

@@ -63,7 +63,7 @@ void Ask(BusLink& link, Question& question, const Facts& facts, BusAnswer& answe
 
 // Hosts that answer for our addresses, beside this device or in its place.
 void FindOthers(const Question& question, const Facts& facts, BusAnswer& answer) {
-    std::map<uint32_t, std::set<uint32_t>> hosts = question.Shared();
+    std::map<uint32_t, std::set<uint32_t>> hosts = question.GetAnswerers().Shared(Now());
     for (const PinRef& pin : PinsOf(facts.answer.table)) {
         for (const uint32_t tag : pin.Tags()) {
             if (const auto told = question.AnswerOf(tag)) {
