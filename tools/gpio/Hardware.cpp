@@ -152,7 +152,8 @@ bool Hardware::Serve(const std::vector<pollfd>& fds) {
     return true;
 }
 
-// Whether a chip may have come or gone. Other devices do too.
+// Whether a chip may have come or gone, or while one is missing, a link to it. Other devices do
+// too.
 bool Hardware::HasHotplug(const std::vector<pollfd>& fds) const {
     const auto is_ready = [this](const pollfd& entry) {
         return entry.fd == m_watch.Get() && entry.revents != 0;
@@ -160,7 +161,7 @@ bool Hardware::HasHotplug(const std::vector<pollfd>& fds) const {
     if (std::none_of(fds.begin(), fds.end(), is_ready)) {
         return false;
     }
-    bool is_chip = false;
+    bool is_chip = !Problems().empty();
     alignas(inotify_event) char data[4096];
     for (ssize_t got = 0; (got = read(m_watch.Get(), data, sizeof data)) > 0;) {
         for (const char* at = data; at < data + got;) {

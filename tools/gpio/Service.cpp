@@ -3,16 +3,18 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <sstream>
 #include <system_error>
 
 #include "tools/base/LineBuffer.h"
 
 namespace {
 
-const size_t MAX_TOLD = 1000;  // characters of problems in a line
-
 void Log(const std::string& text) {
-    printf("%s\n", Printable(text).c_str());
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        printf("%s\n", Printable(line).c_str());
+    }
 }
 
 void LogEvent(const ControlServer::Event& event) {
@@ -153,7 +155,7 @@ void Service::TellProblems() {
     for (const std::string& problem : m_hardware.Problems()) {
         text += (text.empty() ? "" : "; ") + problem;
     }
-    text.resize(std::min(text.size(), MAX_TOLD));
+    text = Printable(text);
     std::replace(text.begin(), text.end(), '"', '\'');
     std::replace(text.begin(), text.end(), '\\', '/');
     if (text == m_told) {

@@ -2,7 +2,9 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "tools/base/RunMain.h"
@@ -69,7 +71,10 @@ int List(const Options& options) {
     GpioConfig config;
     int status = 0;
     try {
-        config = GpioConfig::Read(options.file);
+        // Before there is a file, the list says what to write into it.
+        if (options.file != DEFAULT_FILE || std::ifstream(DEFAULT_FILE)) {
+            config = GpioConfig::Read(options.file);
+        }
     } catch (const ConfigError& error) {
         PrintErrors(error.what());
         status = STATUS_WRONG;
