@@ -327,6 +327,7 @@ class GpioTest(unittest.TestCase):
         self.assertEqual((RUN / "calls").read_text("ascii").count("GPIO_V2_LINE_SET_VALUES"), 1)
 
     def test_idles(self):
+        self.connected()
         Client("ADD GPI 1").expect("GPI 1 HHHHH")
         status = pathlib.Path(f"/proc/{self.processes['board'].pid}/status")
         time.sleep(1)
