@@ -252,21 +252,34 @@ SitePin Reader::ParseSitePin(const std::string& text) const {
 }
 
 void Reader::TakeLink(const Words& words) {
-    if (words.size() < 4 || words[2] != "->") {
+    const auto arrow = std::find(words.begin(), words.end(), "->");
+    if (arrow - words.begin() < 2 || words.end() - arrow < 2) {
         Refuse("not link SITE:PIN -> SITE:PIN");
     }
+    std::string from;
+    std::for_each(words.begin() + 1, arrow,
+                  [&from](const std::string& word) { from += word + " "; });
     LinkConfig link;
     link.line = m_line;
-    link.from = ParseSitePin(words[1]);
-    link.to = ParseSitePin(words[3]);
-    if (link.from.site != m_config.site && link.to.site != m_config.site) {
-        Refuse("neither pin is at this file's site, " + m_config.site);
+    link.from =
+        ParseExpression(from, [this](const std::string& text) { return ParseSitePin(text); });
+    link.to = ParseSitePin(arrow[1]);
+    std::vector<SitePin> own;
+    const auto note_own = [&](const SitePin& pin) {
+        if (pin.site == m_config.site) {
+            own.push_back(pin);
+        }
+    };
+    link.from.ForEachPin([&](const Expression& source) { note_own(source.pin); });
+    note_own(link.to);
+    if (own.empty()) {
+        Refuse("no pin is at this file's site, " + m_config.site);
     }
     if (link.to.tag && IsInput(*link.to.tag)) {
         Refuse(link.to.Text() + " is an input: devices do not set it");
     }
     std::set<std::string> seen;
-    for (size_t next = 4; next < words.size();) {
+    for (auto next = static_cast<size_t>(arrow - words.begin()) + 2; next < words.size();) {
         if (!seen.insert(words[next]).second) {
             Refuse(words[next] + " is given twice");
         }
@@ -275,10 +288,8 @@ void Reader::TakeLink(const Words& words) {
     if (const auto reason = RefusalOf(link, m_config.links)) {
         Refuse(*reason);
     }
-    for (const SitePin* pin : {&link.from, &link.to}) {
-        if (pin->site == m_config.site) {
-            m_config.pins.push_back(ParsePinRef(pin->pin));
-        }
+    for (const SitePin& pin : own) {
+        m_config.pins.push_back(ParsePinRef(pin.pin));
     }
     m_config.links.push_back(link);
 }

@@ -1,26 +1,15 @@
 // Links as they are written in a configuration file.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/bus/PinWrite.h"
+#include "tools/mqtt/Expression.h"
 
-// A pin at a site. A name is known only to its own site: others have no number for it.
-struct SitePin {
-    std::string site;
-    std::string pin;  // "1:2:in1", or a name
-    std::optional<uint32_t> tag;
-
-    std::string Text() const { return site + ":" + pin; }
-    bool operator==(const SitePin& other) const { return Text() == other.Text(); }
-};
-
-// An input, or an output, at one site that sets an output at another.
+// Pins at any sites that set an output.
 struct LinkConfig {
-    SitePin from;
+    Expression from;
     SitePin to;
     bool invert = false;
     unsigned int pulse_ms = 0;                  // 0: the output follows

@@ -1,18 +1,13 @@
 #include "tools/mqtt/Links.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace {
 
 const double FRESH = SHORTEST_LOSS;  // seconds; older heartbeats prove nothing
 const double REWRITE_PAUSE = 5;      // seconds, against an output that somebody else sets
-
-Level Inverted(Level level, bool invert) {
-    if (!invert) {
-        return level;
-    }
-    return level == Level::Low ? Level::High : Level::Low;
-}
 
 }  // namespace
 
@@ -20,12 +15,19 @@ Links::Links(const MqttConfig& config, const LossFile::Times& losses)
     : m_prefix(config.prefix), m_losses(losses) {
     for (const LinkConfig& link : config.links) {
         if (link.to.site == config.site) {
+            const TimePoint good = m_losses.try_emplace(link.Text(), Now()).first->second;
             Link made;
             made.config = link;
-            made.topic = Topics(m_prefix, link.from.site).Pin(link.from.pin);
-            made.good = m_losses.try_emplace(link.Text(), Now()).first->second;
+            made.good = good;
+            link.from.ForEachPin([&](const Expression& source) {
+                const SitePin& pin = source.pin;
+                Source& last = made.sources.emplace_back();
+                last.pin = pin;
+                last.topic = Topics(m_prefix, pin.site).Pin(pin.pin);
+                last.good = good;
+                m_sites[pin.site];
+            });
             m_links.push_back(made);
-            m_sites[link.from.site];
         }
     }
 }
@@ -33,7 +35,9 @@ Links::Links(const MqttConfig& config, const LossFile::Times& losses)
 std::set<std::string> Links::Subscriptions() const {
     std::set<std::string> topics;
     for (const Link& link : m_links) {
-        topics.insert(link.topic);
+        for (const Source& source : link.sources) {
+            topics.insert(source.topic);
+        }
     }
     for (const auto& site : m_sites) {
         topics.insert(Topics(m_prefix, site.first).Status());
@@ -47,8 +51,10 @@ void Links::Take(const Broker::Message& message, TimePoint own_sign) {
         TakeSite(site, Topics(m_prefix, name), message);
     }
     for (Link& link : m_links) {
-        if (link.topic == message.topic) {
-            TakeSource(link, message, own_sign);
+        for (Source& source : link.sources) {
+            if (source.topic == message.topic) {
+                TakeState(link, source, message, own_sign);
+            }
         }
     }
 }
@@ -65,27 +71,53 @@ void Links::TakeSite(Site& site, const Topics& topics, const Broker::Message& me
     }
 }
 
-void Links::TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign) {
+// A pulse is only due for a change that has just happened.
+void Links::TakeState(Link& link, Source& source, const Broker::Message& message,
+                      TimePoint own_sign) {
+    const uint32_t bridge = source.bridge;
+    const bool was_known = IsKnown(source, own_sign);
+    const std::optional<Level> before = ValueOf(link, own_sign);
+    TakeSource(link, source, message);
+    const std::optional<Level> after = ValueOf(link, own_sign);
+    if (!message.retained && was_known && source.bridge == bridge && before && after &&
+        before != after) {
+        link.edge = after == Level::Low;
+    }
+}
+
+void Links::TakeSource(const Link& link, Source& source, const Broker::Message& message) {
     const std::optional<PinView> view = ParseState(message.payload);
-    const Site& site = m_sites[link.config.from.site];
-    const std::optional<Level> before =
-        view && view->bridge == link.bridge ? link.source : std::nullopt;
-    link.source = view ? view->level : std::nullopt;
-    link.bridge = view ? view->bridge : 0;
-    link.via = view ? view->via : std::vector<std::string>();
+    source.level = view ? view->level : std::nullopt;
+    source.bridge = view ? view->bridge : 0;
+    source.via = view ? view->via : std::vector<std::string>();
     const std::string end = link.config.to.Text();
-    const bool loops = std::count(link.via.begin(), link.via.end(), end) > 0;
-    if (loops && !link.loops) {
-        m_notes.push_back("a loop over several files is broken: " + link.config.from.Text() +
+    const bool loops = std::count(source.via.begin(), source.via.end(), end) > 0;
+    if (loops && !source.loops) {
+        m_notes.push_back("a loop over several files is broken: " + source.pin.Text() +
                           " follows " + end);
     }
-    link.loops = loops;
-    link.via.push_back(link.config.from.Text());
-    const TimePoint limit = After(-FRESH);
-    if (!message.retained && own_sign > limit && site.sign > limit && site.bridge == link.bridge &&
-        before && link.source && before != link.source && !loops) {
-        link.edge = Inverted(*link.source, link.config.invert) == Level::Low;
-    }
+    source.loops = loops;
+    source.via.push_back(source.pin.Text());
+}
+
+bool Links::IsKnown(const Source& source, TimePoint own_sign) const {
+    const Site& site = m_sites.at(source.pin.site);
+    return site.online && source.level && source.bridge == site.bridge &&
+           std::min(own_sign, site.sign) > After(-FRESH);
+}
+
+// None if the sources do not tell it.
+std::optional<Level> Links::ValueOf(const Link& link, TimePoint own_sign) const {
+    const auto level_of = [&](const Expression& pin) -> std::optional<Level> {
+        const auto source = std::find_if(link.sources.begin(), link.sources.end(),
+                                         [&](const Source& one) { return one.pin == pin.pin; });
+        if (IsKnown(*source, own_sign)) {
+            return source->level;
+        }
+        return Now() >= Later(source->good, link.config.loss_after) ? pin.when_lost : std::nullopt;
+    };
+    const std::optional<Level> value = link.config.from.Value(level_of);
+    return value && link.config.invert ? Opposite(*value) : value;
 }
 
 std::vector<Links::Write> Links::Tend(TimePoint own_sign) {
@@ -97,42 +129,62 @@ std::vector<Links::Write> Links::Tend(TimePoint own_sign) {
 }
 
 void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes) {
-    const Site& site = m_sites[link.config.from.site];
-    const TimePoint sign = std::min(own_sign, site.sign);
-    const bool is_known = site.online && link.source && link.bridge == site.bridge;
-    if (is_known) {
-        link.good = std::max(link.good, sign);
-    }
     if (Now() >= link.again) {
         link.again = TimePoint::max();
         link.applied.reset();
     }
-    if (is_known && sign > After(-FRESH)) {
+    Vouch(link, own_sign);
+    const bool is_due = std::exchange(link.edge, false);
+    if (const std::optional<Level> value = ValueOf(link, own_sign)) {
         link.lost = false;
         m_losses.erase(link.config.Text());
-        if (link.config.pulse_ms > 0) {
-            if (link.edge) {
-                writes.push_back({*link.config.to.tag, Level::Low, link.config.pulse_ms, {}});
+        if (link.config.pulse_ms == 0) {
+            if (std::none_of(link.sources.begin(), link.sources.end(),
+                             [](const Source& source) { return source.loops; })) {
+                Apply(link, *value, {}, writes);
             }
-        } else if (!link.loops) {
-            Apply(link, Inverted(*link.source, link.config.invert), {}, writes);
+        } else if (is_due) {
+            writes.push_back({*link.config.to.tag, Level::Low, link.config.pulse_ms, {}});
         }
-        link.edge = false;
         return;
     }
     m_losses[link.config.Text()] = link.good;
-    if (Now() >= Later(link.good, link.config.loss_after)) {
-        if (!link.lost) {
-            link.lost = true;
-            m_notes.push_back("link in line " + std::to_string(link.config.line) +
-                              " is lost: " + link.config.from.Text() +
-                              (site.was_seen ? "" : ", nobody of that name was ever online"));
-        }
-        if (link.config.on_loss && link.config.pulse_ms == 0) {
-            Apply(link, *link.config.on_loss, "loss", writes);
+    if (Now() < Later(link.good, link.config.loss_after)) {
+        return;
+    }
+    if (!std::exchange(link.lost, true)) {
+        NoteLoss(link, own_sign);
+    }
+    if (link.config.on_loss && link.config.pulse_ms == 0) {
+        Apply(link, *link.config.on_loss, "loss", writes);
+    }
+}
+
+void Links::Vouch(Link& link, TimePoint own_sign) {
+    TimePoint last{};
+    for (Source& source : link.sources) {
+        if (IsKnown(source, own_sign)) {
+            source.good =
+                std::max(source.good, std::min(own_sign, m_sites.at(source.pin.site).sign));
+            last = std::max(last, source.good);
         }
     }
-    link.edge = false;
+    if (ValueOf(link, own_sign)) {  // perhaps only because of what the lost ones count as
+        link.good = std::max(link.good, last == TimePoint() ? Now() : last);
+    }
+}
+
+void Links::NoteLoss(const Link& link, TimePoint own_sign) {
+    std::string unknown;
+    for (const Source& source : link.sources) {
+        if (!IsKnown(source, own_sign)) {
+            unknown += (unknown.empty() ? "" : ", ") + source.pin.Text();
+            if (!m_sites.at(source.pin.site).was_seen) {
+                unknown += " (nobody of that site was ever online)";
+            }
+        }
+    }
+    m_notes.push_back("link in line " + std::to_string(link.config.line) + " is lost: " + unknown);
 }
 
 void Links::Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes) {
@@ -146,7 +198,9 @@ void Links::Apply(Link& link, Level level, const std::string& reason, std::vecto
 
 void Links::Forget() {
     for (Link& link : m_links) {
-        link.source.reset();
+        for (Source& source : link.sources) {
+            source.level.reset();
+        }
         link.edge = false;
     }
     for (auto& site : m_sites) {
@@ -184,7 +238,14 @@ std::vector<Links::Write> Links::End() {
 std::vector<std::string> Links::ViaOf(uint32_t tag, std::optional<Level> level) const {
     for (const Link& link : m_links) {
         if (link.config.to.tag == tag && link.applied && link.applied == level && !link.lost) {
-            return link.via;
+            std::vector<std::string> via;
+            for (const Source& source : link.sources) {
+                std::copy_if(source.via.begin(), source.via.end(), std::back_inserter(via),
+                             [&via](const std::string& pin) {
+                                 return std::find(via.begin(), via.end(), pin) == via.end();
+                             });
+            }
+            return via;
         }
     }
     return {};

@@ -16,10 +16,10 @@
 // Decides the levels of the outputs of the links that end at this site. The bridge of the source's
 // site does not know them: it publishes its pins and a heartbeat twice a second.
 //
-// A link is lost when nobody has vouched for its source for that long: when this bridge's own
-// heartbeats do not come back, those of the source's bridge are missing, or that bridge publishes
-// that it is offline or that the pin is not known. What an earlier bridge of that site has
-// published counts for nothing.
+// A source is known while somebody vouches for it: not when this bridge's own heartbeats do not
+// come back, those of the source's bridge are missing, or that bridge publishes that it is offline
+// or that the pin is not known. A link is lost when its sources have not told its level for that
+// long. What an earlier bridge of that site has published counts for nothing.
 class Links {
 public:
     struct Write {
@@ -64,15 +64,20 @@ public:
     std::vector<std::string>& Notes() { return m_notes; }
 
 private:
-    struct Link {
-        LinkConfig config;
+    struct Source {
+        SitePin pin;
         std::string topic;
-        std::optional<Level> source;  // none: not known
-        uint32_t bridge = 0;          // the number of who published it
+        TimePoint good;              // when somebody last vouched for it
+        std::optional<Level> level;  // none: not known
+        uint32_t bridge = 0;         // the number of who published it
         std::vector<std::string> via;
         bool loops = false;
+    };
+    struct Link {
+        LinkConfig config;
+        TimePoint good;  // when its level was last known
+        std::vector<Source> sources;
         bool edge = false;  // a pulse is due
-        TimePoint good;     // when somebody last vouched for the source
         bool lost = false;
         std::optional<Level> applied;  // none: nothing, or it must be written again
         TimePoint written{};
@@ -86,7 +91,12 @@ private:
     };
 
     void TakeSite(Site& site, const Topics& topics, const Broker::Message& message);
-    void TakeSource(Link& link, const Broker::Message& message, TimePoint own_sign);
+    void TakeState(Link& link, Source& source, const Broker::Message& message, TimePoint own_sign);
+    void TakeSource(const Link& link, Source& source, const Broker::Message& message);
+    bool IsKnown(const Source& source, TimePoint own_sign) const;
+    std::optional<Level> ValueOf(const Link& link, TimePoint own_sign) const;
+    void Vouch(Link& link, TimePoint own_sign);
+    void NoteLoss(const Link& link, TimePoint own_sign);
     void TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes);
     void Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes);
 

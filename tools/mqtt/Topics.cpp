@@ -15,7 +15,7 @@ namespace {
 
 const size_t LONGEST_SET = 256;
 const size_t LONGEST_STATE = 8192;
-const size_t MOST_LINKS = 16;
+const size_t MOST_LINKS = 64;
 
 // For a text that may contain anything.
 Json Parse(const std::string& text) {

@@ -60,10 +60,13 @@ def kill(process, number=signal.SIGKILL):
     return process.wait(20)
 
 
-def contact(level, site="studio", pin=1):
-    pins = "HHHHH"
+def contact(level, pin=1):
+    contacts("H" * (pin - 1) + level)
+
+
+def contacts(levels, site="studio"):
     with open(RUN / f"{site}.in", "w", encoding="ascii") as control:
-        control.write(f"GPI 1 {pins[:pin - 1]}{level}{pins[pin:]}\n")
+        control.write(f"GPI 1 {levels:H<5}\n")
 
 
 def level_of(pin="7:4:out1", site="tower"):
@@ -152,6 +155,26 @@ class MqttTest(unittest.TestCase):
         state = json.loads(retained("orvex/studio/pin/1/2/in3"))
         self.assertEqual((state["level"], state["state"], state["host"]), ("L", "told", "10.77.2.1"))
         self.assertEqual(retained("orvex/studio/pin/1/2/in3/level"), "L")
+
+    def test_expressions(self):
+        pins = "studio:1:2:in1, studio:1:2:in2, tower:7:4:in3"
+        self.both(f"link any({pins}) -> tower:7:4:out2", f"link all( {pins} ) -> tower:7:4:out3",
+                  f"link 2 of ({pins.replace('tower', 'not tower')}) -> tower:7:4:out4 on-loss L",
+                  "link any(studio:1:2:in1 lost L, tower:7:4:in3) -> tower:7:4:out5 on-loss H 2")
+        for studio, tower, lamps in [("H", "H", "HHHH"), ("LHH", "H", "LHLL"), ("LL", "H", "LHLL"),
+                                     ("LL", "HHL", "LLLL"), ("HLH", "HHL", "LHHL")]:
+            contacts(studio)
+            contacts(tower, "tower")
+            for pin, level in enumerate(lamps, 2):
+                self.lamp(level, 2, f"7:4:out{pin}")
+        # any is decided by the contact that is left, 2 of 3 is not, and a lost one may count as low.
+        contacts("H", "tower")
+        kill(self.processes["studio"])
+        for pin, level in [(2, "H"), (3, "H"), (4, "L"), (5, "L")]:
+            self.lamp(level, 6, f"7:4:out{pin}")
+        contacts("HHL", "tower")
+        self.lamp("L", 2, "7:4:out2")
+        self.assertIn("is lost: studio:1:2:in1, studio:1:2:in2\n", (RUN / "tower.mqtt").read_text("ascii"))
 
     def test_sets(self):
         (RUN / "names").write_text("1:2:out2 red\n", "ascii")
@@ -544,7 +567,15 @@ class MqttTest(unittest.TestCase):
                 (4, base + link + " on-loss", "needs a value"),
                 (4, base + "link tower:1:2:in1 -> studio:1:2:in2", "is an input"),
                 (4, base + "link tower:1:2:in1 -> studio:lamp", "lamp"),
-                (5, base + link + "\n" + link.replace("in1", "in2"), "line 4 already"),
+                (5, base + link + "\n" + link.replace("in1", "in2"), "any(studio:1:2:in1, studio:1:2:in2) -> tower:1:2:out1"),
+                (4, base + link.replace("studio:1:2:in1", "any(studio:1:2:in1"), "no ) before the end"),
+                (4, base + link.replace("studio:1:2:in1", "3 of (studio:1:2:in1)"), "not a number from 1 to 1: 3"),
+                (4, base + link.replace("studio:1:2:in1", "all()"), "not SITE:PIN: )"),
+                (4, base + link.replace("studio:1:2:in1", "not"), "missing at the end"),
+                (4, base + link.replace("studio:1:2:in1", "studio:1:2:in1 or"), "not expected here: or"),
+                (4, base + link.replace("studio:1:2:in1", "not " * 10 + "studio:1:2:in1"), "too deeply"),
+                (5, base + "link any(b:1:2:out1, b:1:2:out2) -> studio:1:2:out1\n"
+                 "link all(studio:1:2:out2, studio:1:2:out1) -> b:1:2:out2", "a loop: b:1:2:out2 -> studio:1:2:out1 -> b"),
                 (6, base + "link studio:1:2:out1 -> b:1:2:out1\nlink b:1:2:out1 -> studio:1:2:out2\n"
                  "link studio:1:2:out2 -> studio:1:2:out1", "a loop: "),
                 (4, base + "link studio:1:2:out1 -> studio:0x102:out1", "a loop: "),
@@ -555,7 +586,7 @@ class MqttTest(unittest.TestCase):
                 (2, base.replace("127.0.0.1", "[::1]1883"), "not HOST"),
                 (2, base.replace("127.0.0.1", "hub:1883.5"), "whole"),
                 (4, base + "link 1:2:in1 -> 7:4:out1", "there is no site: 1:2:in1"),
-                (4, base + link.replace("studio", "Studio"), "neither pin is at this file's site"),
+                (4, base + link.replace("studio", "Studio"), "no pin is at this file's site"),
                 (4, base + link + " pulse 12.5", "whole"), (4, base + link + " invert invert", "given twice"),
                 (4, base + "site", "needs one value"), (4, base + "password-file /gone", "/gone")]:
             path = RUN / "bad.conf"
