@@ -120,6 +120,7 @@ std::optional<PinChange> PinStates::Write(uint32_t tag, Pin& pin, const PinValue
     state.status = PinStatus::Written;
     state.denied = false;
     state.written = heard;
+    state.written_level = *value.level;
     state.duration_ms = value.duration_ms;
     state.until =
         value.duration_ms == 0 ? TimePoint::max() : Later(heard.at, value.duration_ms / 1000.0);

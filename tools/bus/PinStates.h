@@ -46,7 +46,8 @@ struct PinState {
 
     std::optional<Heard> told;     // by the last device that told the pin
     std::optional<Heard> written;  // by the last writer, whether it was carried out or not
-    bool denied = false;           // written low, and answered high by a device that may not know
+    Level written_level = Level::High;
+    bool denied = false;  // written low, and answered high by a device that may not know
 
     // Of the last write: how long the level stays, 0 for no limit, and until when. After that the
     // pin returns to its earlier level.

@@ -6,8 +6,7 @@
 #include <iterator>
 
 #include "tools/bus/Interface.h"
-#include "tools/bus/JsonFormat.h"
-#include "tools/bus/PinJson.h"
+#include "tools/bus/StateJson.h"
 
 namespace {
 
@@ -94,18 +93,7 @@ void TopTable::Arrange() {
 }
 
 std::string TopTable::ToJson(const PinState& state, uint32_t tag) const {
-    PinFact fact = {tag, state.level, 0, 0};
-    if (state.since) {
-        fact.time = state.since->time;
-        fact.host = state.since->host;
-    }
-    Json json = Json::parse(::ToJson(fact, m_names));
-    json["state"] = StatusText(state.status);
-    if (state.denied) {
-        json["denied"] = true;
-    }
-    json["writer"] = state.written ? Json(HostText(state.written->host)) : Json();
-    return Dump(json);
+    return Dump(TopJson(tag, state, m_names));
 }
 
 const TopTable::Label& TopTable::LabelOf(uint32_t tag) {

@@ -1,0 +1,79 @@
+#include "tools/bus/StateJson.h"
+
+#include <cmath>
+
+#include "tools/bus/Interface.h"
+#include "tools/bus/PinName.h"
+
+namespace {
+
+Json LevelValue(std::optional<Level> level) {
+    return level ? Json(LevelLetter(*level)) : Json();
+}
+
+Json HostValue(uint32_t host) {
+    return host == 0 ? Json() : Json(HostText(host));
+}
+
+// Seconds since 1970 in ms.
+int64_t Milliseconds(double time) {
+    return static_cast<int64_t>(std::llround(time * 1000));
+}
+
+}  // namespace
+
+Json TopJson(uint32_t tag, const PinState& state, const Names& names) {
+    Json json = {{"time", state.since ? state.since->time : 0},
+                 {"host", HostValue(state.since ? state.since->host : 0)},
+                 {"pin", PinText(tag)}};
+    PutNames(json, tag, names);
+    json["level"] = LevelValue(state.level);
+    json["state"] = StatusText(state.status);
+    if (state.denied) {
+        json["denied"] = true;
+    }
+    json["writer"] = HostValue(state.written ? state.written->host : 0);
+    return json;
+}
+
+Json BoardJson(uint32_t tag, const PinState& state, const Names& names) {
+    Json json = {{"pin", PinText(tag)}};
+    PutBoardNames(json, tag, names);
+    json["level"] = LevelValue(state.level);
+    json["state"] = StatusText(state.status);
+    json["since"] = state.since ? Json(Milliseconds(state.since->time)) : Json();
+    if (state.told) {
+        json["by"] = HostText(state.told->host);
+        json["heard"] = Milliseconds(state.told->time);
+    }
+    if (state.denied) {
+        json["denied"] = true;
+    }
+    if (state.written) {
+        json["write"] = {{"level", LevelLetter(state.written_level)},
+                         {"duration", state.duration_ms},
+                         {"by", HostText(state.written->host)},
+                         {"at", Milliseconds(state.written->time)}};
+    }
+    return json;
+}
+
+void PutBoardNames(Json& json, uint32_t tag, const Names& names) {
+    const std::pair<const char*, std::string> fields[] = {
+        {"name", names.NameOf(tag)}, {"title", names.TextOf(tag)}, {"group", names.GroupOf(tag)}};
+    for (const auto& [key, text] : fields) {
+        if (!text.empty()) {
+            json[key] = text;
+        }
+    }
+}
+
+Json MqttJson(const PinFact& fact, PinStatus status, const Names& names) {
+    Json json = {{"level", LevelValue(fact.level)},
+                 {"state", StatusText(status)},
+                 {"since", fact.time == 0 ? Json() : Json(fact.time)},
+                 {"host", HostValue(fact.host)},
+                 {"pin", PinText(fact.tag)}};
+    PutNames(json, fact.tag, names);
+    return json;
+}

@@ -1,0 +1,14 @@
+// The state of a pin that is followed, in the forms in which it is published. People and programs
+// read each of them, so their fields stay; docs/architecture.md compares them.
+#pragma once
+
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/PinJson.h"
+
+// As orvexctl top, the board's API and MQTT tell it. The caller may add fields.
+Json TopJson(uint32_t tag, const PinState& state, const Names& names);
+Json BoardJson(uint32_t tag, const PinState& state, const Names& names);
+Json MqttJson(const PinFact& fact, PinStatus status, const Names& names);
+
+// Adds the pin's name, text (as "title") and group to an object for the board.
+void PutBoardNames(Json& json, uint32_t tag, const Names& names);
