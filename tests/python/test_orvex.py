@@ -1,0 +1,156 @@
+"""The Python module between the real daemon and the real client, on loopback.
+
+Usage: unshare -n test_orvex.py BUILD [TEST]...
+"""
+
+import asyncio
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
+sys.path.insert(0, str(ROOT / "python"))
+
+from orvex import Bus, BusError, ControlServer, Level, Message, Packet, Pin, RemoteServer  # noqa: E402
+
+IN1, IN2, OUT1 = (Pin.parse(f"1:2:{name}") for name in ("in1", "in2", "out1"))
+
+
+def captures():
+    """The bytes of the tables in docs/protocol.md, by name."""
+    text = (ROOT / "docs/protocol.md").read_text("utf-8")
+    for name, table in re.findall(r"<!-- capture (\w+) -->\n\n(.*?)\n\n", text + "\n\n", re.S):
+        yield name, bytes.fromhex("".join(re.findall(r"^\| \d+ \| ([0-9A-F ]+) \|", table, re.M)))
+
+
+class Device(ControlServer):
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.seen = []
+
+    def output_changed(self, number, state):
+        self.seen.append(f"{number} {state}")
+
+
+async def until(condition, seconds=5):
+    async with asyncio.timeout(seconds):
+        while not condition():
+            await asyncio.sleep(0.02)
+
+
+class OrvexTest(unittest.IsolatedAsyncioTestCase):
+    async def asyncSetUp(self):
+        self.device = Device({1: "1:2", 2: "127.0.0.1:94/3"}, {"NIC_IPADDR": "127.0.0.1"})
+        self.device.set_input(1, "LHHHH")
+        await self.device.start("127.0.0.1", 93)
+        self.remote = RemoteServer()
+        await self.remote.start("127.0.0.1", 94)
+        self.daemon = subprocess.Popen([BUILD / "app/orvex", "-debug"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.daemon.wait)
+        self.addCleanup(self.daemon.kill)
+        await until(lambda: 1 in self.device._subscribed)
+
+    async def asyncTearDown(self):
+        await self.device.stop()
+        await self.remote.stop()
+
+    async def test_reads_sets_and_watches(self):
+        async with Bus("lo") as bus:
+            levels = await bus.get("1:2")
+            self.assertEqual((len(levels), levels[IN1], levels[IN2]), (10, Level.LOW, Level.HIGH))
+            self.assertEqual(list(await bus.list()), [0x102])
+            await bus.set(OUT1, "L", check=True)
+            self.assertEqual(self.device.output_state(1), "LHHHH")
+            await bus.set("1:2:out2", Level.LOW, 100)
+            await until(lambda: "1 LLHHH" in self.device.seen)
+            await until(lambda: self.device.seen[-1] == "1 LHHHH")
+            with self.assertRaisesRegex(BusError, "nobody answers"):
+                await bus.set("9:9:out1", "L", check=True, wait=0.3)
+            seen = []
+
+            async def watch():
+                async for change in bus.watch(IN1, IN2, every=1):
+                    seen.append((change.pin, change.level, change.is_initial))
+            task = asyncio.create_task(watch())
+            await until(lambda: len(seen) == 2)
+            self.device.set_input(1, "HL")
+            await until(lambda: len(seen) == 4)
+            self.assertEqual(set(seen), {(IN1, Level.LOW, True), (IN2, Level.HIGH, True),
+                                         (IN1, Level.HIGH, False), (IN2, Level.LOW, False)})
+            self.daemon.kill()
+            await until(lambda: len(seen) == 6, 10)
+            self.assertEqual({level for _, level, _ in seen[4:]}, {None})
+            task.cancel()
+
+    async def test_acknowledgements(self):
+        async with Bus("lo", to="127.0.0.1") as bus:
+            await bus.send_acknowledged(Message(b"WRNI"))
+            self.daemon.kill()
+            self.daemon.wait()
+            with self.assertRaisesRegex(BusError, "not acknowledged"):
+                await bus.send_acknowledged(Message(b"WRNI"))
+
+    async def test_a_remote_input_is_mirrored_and_survives(self):
+        self.remote.set_input(3, "LxL")
+        await until(lambda: self.device.output_state(2) == "LHLHH")
+        # Another connection of the same control server: the state comes with the configuration.
+        self.daemon.kill()
+        self.daemon.wait()
+        shown = await asyncio.to_thread(subprocess.run, [BUILD / "tools/ctl/orvexctl", "channels"],
+                                        capture_output=True, encoding="utf-8", check=False)
+        self.assertIn("127.0.0.1:94", shown.stdout)
+
+    async def test_examples_run(self):
+        await self.device.stop()
+        self.daemon.kill()
+        environment = {"PYTHONPATH": str(ROOT / "python"), "PATH": "/usr/bin:/bin"}
+        server = subprocess.Popen([sys.executable, ROOT / "python/examples/control_server.py"], env=environment,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="utf-8")
+        await asyncio.sleep(1)
+        daemon = subprocess.Popen([BUILD / "app/orvex", "-debug", "-r", "1093"], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.DEVNULL)
+        follow = subprocess.Popen([sys.executable, ROOT / "python/examples/follow.py", "lo", "1:2:in1", "1:2:out1"],
+                                  env=environment, stdout=subprocess.PIPE, encoding="utf-8")
+        try:
+            self.assertEqual(await asyncio.to_thread(follow.stdout.readline), "1:2:in1 is H\n")
+            await asyncio.sleep(0.5)
+            server.stdin.write("\n")
+            server.stdin.flush()
+            self.assertEqual(await asyncio.to_thread(follow.stdout.readline), "1:2:in1 is L\n")
+            self.assertEqual(await asyncio.to_thread(server.stdout.readline), "output 1 is LHHHH\n")
+        finally:
+            for process in (follow, daemon, server):
+                process.kill()
+                process.communicate()
+
+
+class BytesTest(unittest.TestCase):
+    def test_captures(self):
+        seen = 0
+        for name, data in captures():
+            with self.subTest(name):
+                if name == "acknowledgement":
+                    continue
+                packet = Packet.decode(data)
+                message = Message.decode(packet.payload)
+                self.assertEqual(message.encode(), packet.payload)
+                if name != "message":  # which has a result port and locks
+                    self.assertEqual(packet.encode(), data)
+                for cut in range(len(packet.payload)):
+                    self.assertRaises(ValueError, Message.decode, packet.payload[:cut])
+                seen += 1
+        self.assertEqual(seen, 5)
+
+    def test_pins(self):
+        for text, tag in {"1:2:in1": 0x1020D, "258:out5": 0x10204, "0x102:c0x20": 0x10220, "010:in5": 0x809}.items():
+            self.assertEqual(Pin.parse(text).tag, tag)
+        for text in "1:2", "1:256:in1", "in1", "1:2:in6", "1:2:out", "1:2:c256", "16777216:in1", "-1:in1", "":
+            self.assertRaises(ValueError, Pin.parse, text)
+
+
+if __name__ == "__main__":
+    subprocess.run("ip link set lo up multicast on && ip route add 224.0.0.0/4 dev lo", shell=True, check=True)
+    unittest.main()
