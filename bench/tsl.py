@@ -1,7 +1,7 @@
 """Measures orvex-tsl: from a switcher's datagram to the line at the control server, beside a write by
 orvexctl, and how many packets a second it takes. Plays the control server itself.
 
-Usage: unshare -n bench/tsl.py BUILD
+Usage: unshare --net --pid --fork --kill-child --mount-proc bench/tsl.py BUILD
 """
 
 import os
