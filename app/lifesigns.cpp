@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "app/orvex.h"
+#include "protocol/numbers.h"
 
 namespace {
 
@@ -13,12 +13,11 @@ const long long WAITS_MS = 31000;
 
 // How long a healthy turn may take: every remote server may have to be connected, and one peer be
 // found to have vanished. 0: there is no limit.
-long long longest_turn_ms() {
-    if (tqr_limits.connect_ms == 0 || tqr_limits.peer_ms == 0) {
+long long longest_turn_ms(const CTQRLimits& peers) {
+    if (peers.connect_ms == 0 || peers.peer_ms == 0) {
         return 0;
     }
-    return static_cast<long long>(tqr_limits.connect_ms) * CHANNEL_COUNT + tqr_limits.peer_ms +
-           WAITS_MS;
+    return static_cast<long long>(peers.connect_ms) * CHANNEL_COUNT + peers.peer_ms + WAITS_MS;
 }
 
 }  // namespace
@@ -28,13 +27,13 @@ long long milliseconds_between(const timeval& from, const timeval& to) {
            (to.tv_usec - from.tv_usec) / 1000;
 }
 
-void CLifeSigns::Ready() {
+void CLifeSigns::Ready(const CTQRLimits& peers) {
     if (!m_manager.Open(getenv("NOTIFY_SOCKET"))) {
         return;
     }
     const long long limit_ms = watchdog_ms();
     const long long period_ms = limit_ms / SIGNS;
-    const long long turn_ms = longest_turn_ms();
+    const long long turn_ms = longest_turn_ms(peers);
     if (turn_ms != 0 && period_ms + turn_ms < limit_ms) {
         m_nPeriodMs = period_ms;
     } else if (limit_ms != 0) {

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include "net/NotifySocket.h"
+#include "tqr/tqrlimits.h"
 
 // Without NOTIFY_SOCKET it makes no system call at all.
 class CLifeSigns {
@@ -11,7 +12,7 @@ public:
     // Tells that the daemon is ready, and finds out whether its loop is to be watched. It is not,
     // and the manager is told so, if a healthy turn may take longer than the manager waits: without
     // limits for peers, or with long ones, it may.
-    void Ready();
+    void Ready(const CTQRLimits& peers);
 
     // Call it between turns, with the time of day. Gives a sign, ten in the time that the manager
     // waits; the clock may be set meanwhile.

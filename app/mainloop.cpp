@@ -39,7 +39,7 @@ CMainLoop::CMainLoop() : m_received(MSG_SIZE, MSG_GROW_BY), m_now() {
 }
 
 void CMainLoop::TellReady() {
-    m_life_signs.Ready();
+    m_life_signs.Ready(tqr_limits);
 }
 
 bool CMainLoop::Turn() {

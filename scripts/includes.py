@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Checks that every folder includes only from the folders that its libraries depend on.
+"""Checks that every folder includes only from the folders that its libraries depend on, and that no
+files include each other in a circle.
 
 The CMakeLists.txt of each folder defines what it depends on. Nothing includes from app/, the router.
+A header and the source of the same name count as one file.
 """
 
 import pathlib
@@ -40,21 +42,54 @@ def reachable(folder, folder_of, links):
     return seen
 
 
-def main():
-    folder_of, links = read_links()
-    files = subprocess.run(["git", "-C", ROOT, "ls-files", "*.h", "*.cpp"], check=True,
+def read_includes():
+    """For each C++ file, the project's files that it includes."""
+    names = subprocess.run(["git", "-C", ROOT, "ls-files", "*.h", "*.cpp"], check=True,
                            stdout=subprocess.PIPE, encoding="utf-8").stdout.split()
-    wrong = 0
-    for name in files:
+    include = re.compile(r'^#include "(.*/.*)"', re.M)
+    return {name: include.findall((ROOT / name).read_text(encoding="utf-8"))
+            for name in names if (ROOT / name).exists()}
+
+
+def find_upward(includes):
+    """Includes from folders that the file's own folder does not depend on."""
+    folder_of, links = read_links()
+    for name, included in includes.items():
         folder = name.rpartition("/")[0]
         if folder.startswith(FREE):
             continue
         allowed = reachable(folder, folder_of, links) - {"app"} | {folder}
-        for line in (ROOT / name).read_text(encoding="utf-8").splitlines():
-            found = re.match(r'#include "(.*)/([^/]*)"', line)
-            if found and found[1] not in allowed:
-                print(f"{name}: {folder} does not depend on {found[1]}: {line}")
-                wrong += 1
+        for header in included:
+            if header.rpartition("/")[0] not in allowed:
+                yield f"{name}: {folder} does not depend on what it includes: {header}"
+
+
+def find_circles(includes):
+    """Files from which includes lead back to themselves."""
+    stem = lambda name: name.rpartition(".")[0]
+    graph = {}
+    for name, included in includes.items():
+        graph.setdefault(stem(name), set()).update(map(stem, included))
+
+    def leads_to(start):
+        seen, waiting = set(), list(graph[start] - {start})
+        while waiting:
+            at = waiting.pop()
+            if at not in seen:
+                seen.add(at)
+                waiting += graph.get(at, ())
+        return seen
+
+    reached = {name: leads_to(name) for name in graph}
+    circles = {tuple(sorted({name} | {other for other in reached[name] if name in reached.get(other, ())}))
+               for name in graph if name in reached[name]}
+    return [f"a circle of includes: {' '.join(circle)}" for circle in sorted(circles)]
+
+
+def main():
+    includes = read_includes()
+    wrong = [*find_upward(includes), *find_circles(includes)]
+    print("".join(f"{text}\n" for text in wrong), end="")
     return 1 if wrong else 0
 
 

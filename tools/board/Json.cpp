@@ -8,6 +8,7 @@
 #include "tools/bus/PinJson.h"
 #include "tools/bus/PinName.h"
 #include "tools/tqrd/ChannelTable.h"
+#include "tools/tqrd/SourceText.h"
 
 namespace {
 

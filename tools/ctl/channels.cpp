@@ -12,6 +12,7 @@
 #include "tools/ctl/Output.h"
 #include "tools/tqrd/AskTable.h"
 #include "tools/tqrd/SourceNotes.h"
+#include "tools/tqrd/SourceText.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "tools/base/LineBuffer.h"
 #include "tools/doctor/Carried.h"
 #include "tools/tqrd/SourceNotes.h"
+#include "tools/tqrd/SourceText.h"
 
 namespace {
 

@@ -12,6 +12,7 @@
 #include "protocol/numbers.h"
 #include "tools/base/Time.h"
 #include "tools/doctor/Checks.h"
+#include "tools/tqrd/SourceText.h"
 #include "tools/tqrd/TqrdClient.h"
 
 namespace {

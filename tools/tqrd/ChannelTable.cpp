@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-#include "tools/bus/PinName.h"
-#include "tools/tqrd/SourceNotes.h"
+#include "tools/tqrd/SourceText.h"
 #include "tqr/tqr_util.h"
 #include "tqr/trace.h"
 
@@ -76,23 +75,4 @@ std::vector<int> ChannelTable::Find(ChannelKind kind) const {
         }
     }
     return numbers;
-}
-
-int RemoteInput(const ChannelConfig& config) {
-    return (config.gpi & 0xFF) + 1;
-}
-
-std::string RemoteServer(const ChannelConfig& config) {
-    return std::string(DottedQuad(config.ip).text) + ":" + std::to_string(config.port);
-}
-
-std::string DescribeSource(const ChannelConfig& config) {
-    switch (config.proto) {
-        case KIND_REMOTE:
-            return "input " + std::to_string(RemoteInput(config)) + " of " + RemoteServer(config);
-        case KIND_BUS:
-            return "writes on the bus to " + AddressText(config.ach);
-        default:
-            return "nothing";
-    }
 }

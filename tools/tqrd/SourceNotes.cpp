@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "tools/bus/PinName.h"
-#include "tools/tqrd/ChannelTable.h"
+#include "tools/tqrd/SourceText.h"
 #include "tqr/tqr_util.h"
 #include "tqr/trace.h"
 
@@ -194,12 +194,4 @@ std::optional<SourceReading> ReadSource(const std::string& text) {
     reading.notes = Notes(reading.source, rest, reading.config).Make();
     reading.defaults = Defaults(reading.source, reading.config);
     return reading;
-}
-
-std::string FieldText(const char* value) {
-    std::string text(strlen(value) + 2, '\0');
-    char* end = text.data();
-    tqr_copyval(value, end);
-    text.resize(static_cast<size_t>(end - text.data()) - 1);  // without the blank after it
-    return text;
 }

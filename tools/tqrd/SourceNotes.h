@@ -18,6 +18,3 @@ struct SourceReading {
 // Reads "SRCA=value", with or without further fields, or a whole line "CFG GPO n SRCA=value". None
 // if the daemon would find no source in it.
 std::optional<SourceReading> ReadSource(const std::string& text);
-
-// The field that begins at value, up to its end, with quotes and escapes.
-std::string FieldText(const char* value);

@@ -8,6 +8,7 @@
 #include "tools/server/ControlServer.h"
 #include "tools/tqrd/ChannelTable.h"
 #include "tools/tqrd/SourceNotes.h"
+#include "tools/tqrd/SourceText.h"
 #include "tools/tqrd/TqrdClient.h"
 
 namespace {
