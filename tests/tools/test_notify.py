@@ -1,6 +1,6 @@
 """Checks what programs tell the service manager, and that a loop that hangs tells nothing.
 
-Usage: notify.sh test_notify.py PROGRAM...
+Usage: loopback.sh test_notify.py PROGRAM...
 """
 
 import os
@@ -16,6 +16,8 @@ PROGRAMS = {pathlib.Path(path).name: path for path in sys.argv[1:]}
 FOLDER = tempfile.TemporaryDirectory()
 PINS = pathlib.Path(FOLDER.name, "pins")
 PINS.write_text("listen 127.0.0.1:4093\n", "ascii")
+SWITCHERS = pathlib.Path(FOLDER.name, "switchers")
+SWITCHERS.write_text("names /dev/null\nlisten udp 127.0.0.1:4900 v3.1\n", "ascii")
 # Nobody listens there: the bridge is ready without its broker.
 CONFIG = pathlib.Path(FOLDER.name, "conf")
 CONFIG.write_text("site a\nbroker 127.0.0.1:1\n", "ascii")
@@ -24,6 +26,7 @@ STARTS = {
     "orvex-board": (["-i", "127.0.0.1", "--listen", "127.0.0.1:0"], "viewers: 0"),
     "orvex-gpio": ([str(PINS)], "all pins have their lines"),
     "orvex-mqtt": ([str(CONFIG)], "site a is not connected to the broker"),
+    "orvex-tsl": ([str(SWITCHERS)], "all switchers are heard"),
 }
 
 

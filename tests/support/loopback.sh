@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Runs a command in a network namespace with a route for multicast:  notify.sh COMMAND...
+# Runs a command in a network namespace with a route for multicast:  loopback.sh COMMAND...
 set -euo pipefail
 # shellcheck source=tests/support/world.sh
-. "$(dirname "$0")/../support/world.sh"
+. "$(dirname "$0")/world.sh"
 enter "$@"
 shift
 ip link set lo up
