@@ -79,13 +79,14 @@ void AddRules(CLI::App& app, Options& options, CompletionKinds& kinds) {
         ->type_name("IP")
         ->check(CLI::ValidIPV4)
         ->capture_default_str();
-    app.add_option("--host", options.hosts, "A name that browsers reach it by; repeatable")
+    app.add_option("--host", options.hosts, "A name by which browsers may call it; repeatable")
         ->type_name("HOST")
         ->allow_extra_args(false);
-    CLI::Option* const token =
-        app.add_option("--token-file", options.token_file, "The token that setting a pin takes")
-            ->type_name("FILE");
-    app.add_flag("--allow-set", options.allow_set, "Let pins be set")->needs(token);
+    CLI::Option* const token = app.add_option("--token-file", options.token_file,
+                                              "File with the token that is asked for to set a pin")
+                                   ->type_name("FILE");
+    app.add_flag("--allow-set", options.allow_set, "Let those who have the token set pins")
+        ->needs(token);
     kinds[token] = Completion::File;
 }
 

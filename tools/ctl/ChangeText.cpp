@@ -32,7 +32,7 @@ std::string LevelsText(const PinChange& change) {
     if (!change.IsNewLevel()) {
         return after + (change.status == PinStatus::Told ? ", confirmed" : "");
     }
-    return LevelText(change.before) + " > " + (change.after ? after : "?");
+    return LevelText(change.before) + " > " + (change.after ? after : "?, nobody answers");
 }
 
 std::string FieldText(char field, const PinChange& change, const Names& names) {

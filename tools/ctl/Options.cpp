@@ -19,11 +19,10 @@ const char* const DESCRIPTION =
     "Lists, reads, sets and watches pins on the bus, and finds what is wrong.\n";
 
 const char* const NAMES =
-    "ADDRESS is a number or a:b, which is a * 256 + b, in decimal, hexadecimal\n"
-    "(0x10) or octal (010). PIN is in1 to in5, out1 to out5, or a circuit: c0 to\n"
-    "c255. After an address of two numbers the circuit needs no c: 258:out1,\n"
-    "1:2:out1, 0x102:c8 and 1:2:8 are one pin, but 258:8 is an address. A name from\n"
-    "the file of names stands for its address or pin.\n";
+    "ADDRESS is two numbers, 1:2, or one, 258, which is 1 * 256 + 2. They may be\n"
+    "hexadecimal (0x10) or octal (010). PIN is in1 to in5, out1 to out5, or a circuit,\n"
+    "c0 to c255. So 1:2:out1, 258:out1, 1:2:c8 and 1:2:8 are one pin; 258:8 is an\n"
+    "address. A name from the file of names stands for its address or pin.\n";
 
 std::string Footer() {
     std::string text = std::string(NAMES) + "\nExit status:\n";

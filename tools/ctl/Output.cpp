@@ -10,6 +10,7 @@
 
 #include "tools/base/ErrorText.h"
 #include "tools/base/Time.h"
+#include "tools/bus/Answerers.h"
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/MessageJson.h"
 #include "tools/ctl/ChangeText.h"
@@ -126,8 +127,8 @@ void Output::Write(const std::string& text) {
     }
 }
 
-void NoteShared(const Answerers& answerers, const Options& options) {
-    for (const auto& [address, hosts] : answerers.Shared(Now())) {
+void NoteShared(const std::map<uint32_t, std::set<uint32_t>>& shared, const Options& options) {
+    for (const auto& [address, hosts] : shared) {
         options.console.Note(SharedText(address, hosts, options.names));
     }
 }

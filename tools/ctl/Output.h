@@ -3,10 +3,11 @@
 
 #include <cstdio>
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "tools/bus/Answerers.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinJson.h"
 #include "tools/bus/Traffic.h"
@@ -58,4 +59,4 @@ private:
 };
 
 // Notes, on standard error, the addresses for which more than one host answers.
-void NoteShared(const Answerers& answerers, const Options& options);
+void NoteShared(const std::map<uint32_t, std::set<uint32_t>>& shared, const Options& options);

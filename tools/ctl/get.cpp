@@ -18,7 +18,7 @@ int RunGet(const Options& options) {
         }
     }
     output.Write(question.Facts());
-    NoteShared(question.GetAnswerers(), options);
+    NoteShared(question.GetAnswerers().Shared(Now()), options);
     const std::string missing = question.Missing(options.names);
     if (missing.empty()) {
         return STATUS_DONE;

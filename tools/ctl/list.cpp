@@ -65,7 +65,7 @@ int List::Run() {
         fprintf(stderr, "\r%*s\r", BAR_WIDTH + 10, "");
     }
     Print(AskPins());
-    NoteShared(m_answerers, m_options);
+    NoteShared(m_answerers.Shared(Now()), m_options);
     NoteRange();
     if (m_stopped) {
         m_options.console.Note("stopped by a signal before everything was read");

@@ -107,7 +107,7 @@ int Check::Run() {
         }
     }
     m_output.Write(facts);
-    NoteShared(m_answerers, m_options);
+    NoteShared(m_answerers.Shared(Now()), m_options);
     return IsDone() ? STATUS_DONE : STATUS_NO_ANSWER;
 }
 

@@ -30,9 +30,9 @@ const char* const RECORD_DETAILS =
     "overwritten only with --force.";
 
 const char* const SET_DETAILS =
-    "All pins are in one message. A DURATION in ms is rounded to 10 to 310 ms in\n"
-    "steps of 10 or 250 to 7750 ms in steps of 250; the pin then returns to its\n"
-    "earlier level. Devices do not answer writes: with --check the pins are read\n"
+    "All pins are set with one message. A duration lasts 10 to 310 ms, in steps of\n"
+    "10, or 250 to 7750 ms, in steps of 250: others are rounded. Afterwards the pin\n"
+    "returns to its earlier level. Devices do not answer writes: with --check the pins are read\n"
     "back until each has its level, and the exit status is 3 if one has not within\n"
     "the time of -W.";
 
@@ -56,10 +56,10 @@ const char* const LIST_DETAILS =
     "and its five outputs. 0-0xFFFFFF reads all addresses, which takes four minutes.";
 
 const char* const SEND_DETAILS =
-    "Accepts what every command prints with --json. A message is sent to its \"port\",\n"
-    "or without one to that of -p, and with acknowledgement if its \"reliable\" is\n"
-    "true; only \"id\" and \"items\" are required. An object about one pin becomes a\n"
-    "write, or with such a \"kind\" a report:\n"
+    "Takes the lines that any command prints with --json. A message needs \"id\" and\n"
+    "\"items\"; it is sent to its \"port\", or to that of -p, and asks for\n"
+    "acknowledgement if \"reliable\" is true. A line about one pin becomes a write, or\n"
+    "a report if its \"kind\" is report or reply:\n"
     "  {\"pin\":\"1:2:out1\",\"level\":\"L\",\"duration\":500}";
 
 }  // namespace
@@ -122,7 +122,7 @@ const std::vector<CommandSpec> COMMANDS = {
      "Examines process, port, interface, group, connections and queues, queries TQRD\n"
      "and the bus, and prints a line for each finding: the problem, its cause and its\n"
      "remedy. The exit status is 1 if something is wrong. Root sees everything; other\n"
-     "users see what was left out.",
+     "users see what could not be examined.",
      {},
      RunDoctor},
     {"top",
@@ -137,36 +137,37 @@ const std::vector<CommandSpec> COMMANDS = {
 
 const std::vector<OptionSpec> OPTIONS = {
     {"-i,--interface", "NAME|IP", Completion::Interface, nullptr,
-     "Interface of the bus (default: by the routes)",
+     "Interface of the bus (default: the system's route)",
      [](Options& options, const std::string& text) { options.bus.iface = text; }},
     {"-g,--group", "IP", Completion::None, nullptr, "Multicast group (default: 239.192.255.4)",
      SetGroup},
     {"-p,--ports", "SEND[:LISTEN]", Completion::None, nullptr,
      "Ports to send to and listen on (default: 2060:2055)", SetPorts},
-    {"-t,--to", "IP", Completion::None, nullptr, "Send to this host instead of the group", SetHost},
-    {"-W,--wait", "SECONDS", Completion::None, nullptr, "How long to wait for answers (default: 1)",
+    {"-t,--to", "IP", Completion::None, nullptr, "Send to this host alone, not to the group",
+     SetHost},
+    {"-W,--wait", "SECONDS", Completion::None, nullptr, "Wait this long for answers (default: 1)",
      SetWait},
     {"-n,--names", "FILE", Completion::Names, nullptr,
-     "Names (default: $ORVEX_NAMES, or /etc/orvex/names)",
+     "Names of pins (default: $ORVEX_NAMES or /etc/orvex/names)",
      [](Options& options, const std::string& text) { options.names_file = text; }},
     {"-j,--json", nullptr, Completion::None, nullptr, "Print JSON, one object per line",
      Switch<&Options::json>},
-    {"-q,--quiet", nullptr, Completion::None, nullptr, "Print no notes",
+    {"-q,--quiet", nullptr, Completion::None, nullptr, "Print results and errors, but no notes",
      [](Options& options, const std::string&) { options.console.quiet = true; }},
     {"-v,--verbose", nullptr, Completion::None, nullptr,
-     "Print what goes on, sent messages, and all items",
+     "Print progress, sent messages, and all items of messages",
      [](Options& options, const std::string&) { options.console.verbose = true; }},
     {"-r,--reliable", nullptr, Completion::None, "set send",
-     "Ask for acknowledgement (by one host of a group)", Switch<&Options::reliable>},
+     "Ask for an acknowledgement; from a group, one is enough", Switch<&Options::reliable>},
     {"-r,--server", "IP[:PORT]", Completion::None, "channels doctor",
      "The control server (default: 127.0.0.1:93)", SetServer},
     {"--plugin", nullptr, Completion::None, "doctor", "Report as a monitoring plugin: in one line",
      Switch<&Options::plugin>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
-     "Explain how the daemon reads this field, or line",
+     "Ask no server: explain how the daemon reads this",
      [](Options& options, const std::string& text) { options.explain = text; }},
     {"--inputs", "N[-M]", Completion::None, "channels",
-     "Ask a remote GPIO server for these inputs, 1 to 256", SetInputs},
+     "Print these inputs of a remote GPIO server (1 to 256)", SetInputs},
     {"-k,--check", nullptr, Completion::None, "set",
      "Read the pins back until they have their levels", Switch<&Options::check>},
     {"--any", nullptr, Completion::None, "wait", "One pin is enough", Switch<&Options::any>},
@@ -176,27 +177,27 @@ const std::vector<OptionSpec> OPTIONS = {
      SetHold},
     {"--once", nullptr, Completion::None, "on", "End after the first run", Switch<&Options::once>},
     {"--limit", "N/s", Completion::None, "on",
-     "At most N runs in a second (or N/m, N/h; default: 10/s)", SetRunLimit},
+     "At most N runs in a second (N/m, N/h; default: 10/s)", SetRunLimit},
     {"--parallel", "N", Completion::None, "on", "Up to N runs at a time", SetParallel},
     {"--timeout", "TIME", Completion::None, "on", "End a run after this time (default: 60s)",
      SetTimeout},
     {"-C,--changes", nullptr, Completion::None, "watch", "Print pins that change, and writes",
      Switch<&Options::changes>},
-    {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this format, see below",
+    {"-F,--format", "FORMAT", Completion::None, "watch", "Print changes in this format (see below)",
      SetFormat},
     {"--heartbeat", "SECONDS", Completion::None, "watch",
      "Print a line at this interval while listening", SetHeartbeat},
-    {"-a,--all", nullptr, Completion::None, "watch record", "Show repetitions too",
-     Switch<&Options::all>},
+    {"-a,--all", nullptr, Completion::None, "watch record",
+     "Show the second copy of each message too", Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
-     "End after N messages, or N changes of the pins", SetCount},
+     "End after N messages; with pins, after N changes", SetCount},
     {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels top",
-     "End after that time", SetLimit},
+     "End after this time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
     {"--fast", nullptr, Completion::None, "send", "Send without pauses", Switch<&Options::fast>},
-    {"--speed", "FACTOR", Completion::None, "send", "Send that many times as fast (default: 1)",
+    {"--speed", "FACTOR", Completion::None, "send", "Send this many times as fast (default: 1)",
      SetSpeed},
-    {"--loop", nullptr, Completion::None, "send", "Start over at the end of the file",
+    {"--loop", nullptr, Completion::None, "send", "Start over, a second after the end of the file",
      Switch<&Options::loop>},
 };
 

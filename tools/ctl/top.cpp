@@ -245,7 +245,7 @@ int Top::RunJson() {
     for (const TopRow& row : m_table.Rows()) {
         output.Write(m_table.ToJson(*m_states.Find(row.tag), row.tag) + "\n");
     }
-    NoteShared(m_answerers, m_options);
+    NoteShared(m_answerers.Shared(Now()), m_options);
     return STATUS_DONE;
 }
 

@@ -40,9 +40,10 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     app.footer(FOOTER);
     app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
     app.add_flag("--check", options.check, "Check FILE, print its errors and exit");
-    app.add_flag("--print-topics", options.print_topics, "Print the topics that result from FILE");
+    app.add_flag("--print-topics", options.print_topics,
+                 "Print the topics that FILE makes, and exit");
     const CLI::Option* const file =
-        app.add_option("FILE", options.file, "Configuration")->type_name("")->required();
+        app.add_option("FILE", options.file, "The configuration")->type_name("")->required();
     AddCompletion(app, {{file, Completion::File}});
     try {
         app.parse(argc, argv);

@@ -62,7 +62,8 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         })
         ->capture_default_str();
     const CLI::Option* const file =
-        app.add_option("FILE", options.file, "Lines to begin with")->type_name("");
+        app.add_option("FILE", options.file, "The state to begin with, in lines as below")
+            ->type_name("");
     AddCompletion(app, {{file, Completion::File}});
     try {
         app.parse(argc, argv);
