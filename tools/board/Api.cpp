@@ -65,6 +65,25 @@ std::string CsvOf(const History::Answer& answer, const Names& names) {
     return csv;
 }
 
+// What a visitor looks for in the history; null for everything.
+std::function<bool(const Event&)> FilterOf(const HttpRequest& request, const Names& names) {
+    const std::string kind = request.Field("kind").value_or("");
+    const std::string level = request.Field("level").value_or("");
+    const std::string who = request.Field("who").value_or("");
+    const std::string group = request.Field("group").value_or("");
+    if (kind.empty() && level.empty() && who.empty() && group.empty()) {
+        return nullptr;
+    }
+    return [=, &names](const Event& event) {
+        const bool in_group =
+            group.empty() || (event.tag && (names.GroupOf(*event.tag) == group ||
+                                            AddressText(*event.tag >> 8) == group));
+        return in_group && (kind.empty() || kind == KindText(event.kind)) &&
+               (level.empty() || (event.low && *event.low == (level == "L"))) &&
+               event.host.find(who) != std::string::npos;
+    };
+}
+
 }  // namespace
 
 Api::Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics)
@@ -162,6 +181,7 @@ HttpResponse Api::Channels(const HttpRequest&) const {
 
 HttpResponse Api::FindHistory(const HttpRequest& request) {
     History::Query query;
+    query.fits = FilterOf(request, m_board.GetNames());
     const std::string pin = request.Field("pin").value_or("");
     if (!pin.empty()) {
         query.tag = m_board.GetNames().ParsePin(pin);
@@ -184,7 +204,7 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
         response.headers.emplace_back("Content-Disposition", "attachment; filename=history.csv");
         return response;
     }
-    Json head = {{"now", NowMs()}, {"more", answer.more}};
+    Json head = {{"now", NowMs()}, {"more", answer.more}, {"last", answer.last_id}};
     head["earlier"] = answer.earlier ? EventJson(*answer.earlier, m_board.GetNames()) : Json();
     head["gaps"] = Json::array();
     for (const Gap& gap : answer.gaps) {

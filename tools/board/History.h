@@ -67,7 +67,8 @@ public:
     static constexpr size_t MAX_WAITING = 50000;
     static constexpr size_t MAX_AT_ONCE = 5000;  // events in one Store(), which bounds its time
     static constexpr size_t KEPT_ASIDE = 3;
-    static constexpr unsigned MAX_ROWS = 10000;  // in one answer
+    static constexpr unsigned MAX_ROWS = 10000;   // in one answer
+    static constexpr unsigned MAX_LOOKS = 50000;  // events that one search looks at
 
     explicit History(HistorySettings settings);
     ~History();
@@ -97,10 +98,12 @@ public:
         int64_t until = std::numeric_limits<int64_t>::max();
         int64_t before_id = std::numeric_limits<int64_t>::max();  // only events before that one
         unsigned limit = 1000;                                    // at most MAX_ROWS
+        std::function<bool(const Event&)> fits;                   // null: all do
     };
     struct Answer {
         std::vector<Event> events;     // the last one first
-        bool more = false;             // older ones were left out by the limit
+        bool more = false;             // older ones were left out by a limit
+        int64_t last_id = 0;           // all from this one on were looked at
         std::optional<Event> earlier;  // with a tag: the last level of the pin before `from`
         std::vector<Gap> gaps;
         std::vector<Event> set_backs;  // of the clock, the latest ones, newest first

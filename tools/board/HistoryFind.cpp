@@ -125,13 +125,19 @@ bool History::ReadPart(const Part& part, const Query& query, Answer& answer) {
     sqlite3_bind_int64(rows.get(), 3, part.end);
     sqlite3_bind_int64(rows.get(), 4, query.from);
     sqlite3_bind_int64(rows.get(), 5, query.until);
-    sqlite3_bind_int64(rows.get(), 6, static_cast<int64_t>(limit - answer.events.size()) + 1);
+    sqlite3_bind_int64(rows.get(), 6, MAX_LOOKS);
+    unsigned looks = 0;
     while ((m_code = sqlite3_step(rows.get())) == SQLITE_ROW) {
         if (answer.events.size() == limit) {
             answer.more = true;
             break;
         }
-        answer.events.push_back(EventOf(rows.get()));
+        Event event = EventOf(rows.get());
+        answer.last_id = event.id;
+        answer.more = ++looks == MAX_LOOKS;
+        if (!query.fits || query.fits(event)) {
+            answer.events.push_back(std::move(event));
+        }
     }
     return m_code == SQLITE_ROW || m_code == SQLITE_DONE;
 }

@@ -21,7 +21,6 @@ const char* const SAFETY =
     "require-trusted-types-for 'script'\r\n"
     "X-Content-Type-Options: nosniff\r\n"
     "Referrer-Policy: no-referrer\r\n"
-    "Cross-Origin-Opener-Policy: same-origin\r\n"
     "Cross-Origin-Resource-Policy: same-origin\r\n";
 
 std::string Lower(boost::beast::string_view text) {

@@ -164,6 +164,16 @@ const tests = {
         proxy.close();
         proxy.closeAllConnections();
     },
+    async "filters of the history stand in the address"() {
+        await goTo("history?kind=told&level=L&group=studio1");
+        await until("rows", () => page.$(".events .told"));
+        const marks = () => page.$$eval(".events .told", (rows) => rows.map((row) => row.querySelector(".mini").innerText));
+        assert.deepEqual([...new Set(await marks())], ["L"]);
+        assert.equal(await page.$(".events .written, .events .note"), null);
+        await page.select('select[aria-label="Level"]', "H");
+        await until("high", async () => (await marks()).every((mark) => mark === "H"));
+        assert.match(page.url(), /#\/history\?kind=told&level=H&group=studio1$/);
+    },
     async "a lost board is reported, no level is known, and the page recovers"() {
         await goTo("");
         away = true;
@@ -226,7 +236,7 @@ async function documentPictures() {
         await page.click('button[aria-label="Zoom in"]');
     }
     await sleep(4000);
-    await page.mouse.move(900, 560);
+    await page.mouse.move(900, 480);
     await picture("pin", 1280, 800, "dark");
 }
 

@@ -17,11 +17,11 @@ export function h(name, properties = {}, ...children) {
     return element;
 }
 
+// On a narrow screen, the cells of a row are stacked, each with its head.
 export function table(caption, heads, rows) {
-    return h("div", { className: "scroll", tabIndex: 0, role: "region", "aria-label": caption },
-        h("table", {},
-            h("thead", {}, h("tr", {}, ...heads.map((head) => h("th", { scope: "col" }, head)))),
-            h("tbody", {}, ...rows)));
+    rows.forEach((one) => [...one.cells].forEach((cell, i) => cell.setAttribute("data-head", heads[i])));
+    return h("table", { className: "stacked", "aria-label": caption },
+        h("thead", {}, h("tr", {}, ...heads.map((head) => h("th", { scope: "col" }, head)))), h("tbody", {}, ...rows));
 }
 
 export function row(className, ...cells) {

@@ -51,8 +51,11 @@ function show(parts, latest) {
 function showAge(parts) {
     const pin = parts.pin;
     const time = now();
-    setText(parts.age, (nameOf(pin) === pin.pin ? "" : `${pin.pin} \u00b7 `) + ageText(pin, time));
-    setText(parts.who, whoText(pin, time));
+    const age = ageText(pin, time);
+    const named = nameOf(pin) !== pin.pin;
+    // What is not known is said in a line of its own, so that nothing of it is cut off.
+    setText(parts.age, !named ? age : pin.level === null ? pin.pin : `${pin.pin} \u00b7 ${age}`);
+    setText(parts.who, named && pin.level === null ? age : whoText(pin, time));
 }
 
 function showAges() {
@@ -287,6 +290,6 @@ export function showLamps(main) {
     });
     return () => {
         view = null;
-        left = { scroll: scrollY, pin: location.hash.replace(/^#\/pin\//, "") };
+        left = { scroll: scrollY, pin: location.hash.replace(/^#\/pin\//, "").split("?")[0] };
     };
 }

@@ -1,8 +1,8 @@
 // The views of devices, channels and history.
 import { h, row, table } from "./dom.js";
-import { eventRow } from "./pin.js";
-import { ask, now, on, store } from "./store.js";
-import { span, timeText } from "./text.js";
+import { eventList } from "./events.js";
+import { ask, asKnown, isCurrent, now, on, store } from "./store.js";
+import { classOf, levelText, nameOf, span, timeText } from "./text.js";
 
 // Shows what load() returns. Refreshes it periodically, and when one of the kinds of event happens.
 function keep(main, title, kinds, pace, load) {
@@ -29,56 +29,72 @@ function keep(main, title, kinds, pace, load) {
     return () => { over = true; ends.forEach((end) => end()); clearInterval(timer); clearTimeout(due); };
 }
 
-const answersText = ({ missing }) => (missing ? "\u25b2 does not answer" : store.board?.link.up ? "answers" : "not known");
+function deviceState({ missing, since }) {
+    if (!store.board?.link.up) {
+        return "not known";
+    }
+    return missing ? `\u25b2 no answer for ${span(now() - since)}` : "answers";
+}
+
+// Thousands of addresses are shown when asked for.
+function addressList(addresses) {
+    const text = addresses.join(", ");
+    return addresses.length <= 8 ? text : h("details", {}, h("summary", {}, `${addresses.length} addresses`), text);
+}
+
+function writers() {
+    const found = new Map();
+    for (const { pin, write } of store.pins.values()) {
+        if (write) {
+            const one = found.get(write.by) ?? { at: 0, pins: 0, last: pin };
+            found.set(write.by, { at: Math.max(one.at, write.at), pins: one.pins + 1, last: write.at >= one.at ? pin : one.last });
+        }
+    }
+    return [...found];
+}
 
 export function showDevices(main) {
     return keep(main, "Devices", ["device", "status"], 2000, async () => {
         const { devices } = await ask("api/v1/devices");
-        if (!devices.length) {
-            return [h("p", { className: "empty" }, "No device has been heard yet.")];
-        }
-        return [table("Devices", ["Device", "State", "Last heard", "First heard", "Addresses", "Messages"], devices.map((device) =>
-            row("", device.host, h("span", { className: device.missing ? "mark L" : "" }, answersText(device)),
-                store.board?.link.up ? `${span(now() - device.heard)} ago` : timeText(device.heard), timeText(device.first), device.addresses.join(", "), String(device.messages))))];
+        const answered = ({ answers, missed }) => (answers + missed ? `${missed} of ${answers + missed}` : "");
+        return [devices.length ? table("Devices", ["Device", "State", "Last heard", "Answers in", "Reads missed", "Addresses"], devices.map((device) =>
+            row("", device.host, h("span", { className: device.missing ? "mark L" : "" }, deviceState(device)),
+                store.board?.link.up && isCurrent() ? `${span(now() - device.heard)} ago` : timeText(device.heard),
+                device.answer_ms ? `${device.answer_ms.toFixed(1)} ms` : "", answered(device), h("td", { className: "text" }, addressList(device.addresses)))))
+            : h("p", { className: "empty" }, "No device has been heard yet."),
+        h("h2", {}, "Hosts that write"),
+        writers().length ? table("Hosts that write", ["Host", "Last write", "To", "Pins"], writers().map(([host, one]) =>
+            row("", host, timeText(one.at), h("a", { href: `#/pin/${one.last}` }, nameOf(store.pins.get(one.last))), String(one.pins))))
+            : h("p", { className: "empty" }, "Nobody has written yet.")];
     });
+}
+
+// The five pins of a channel as lamps. Of channels without an address, as the control server sent them.
+function channelLamps({ address, output, input }, kind) {
+    const sent = kind === "out" ? output : input;
+    if (!address) {
+        return sent;
+    }
+    return h("span", { className: "minis" }, ...[1, 2, 3, 4, 5].map((number) => {
+        const pin = asKnown(store.pins.get(`${address}:${kind}${number}`) ?? { pin: `${address}:${kind}${number}`, level: null });
+        return h("a", { className: `mini ${classOf(pin)}`, href: `#/pin/${pin.pin}`, title: `${nameOf(pin)}, ${levelText(pin.level)}`, "aria-label": `${nameOf(pin)}, ${levelText(pin.level)}` }, pin.level ?? "?");
+    }));
 }
 
 export function showChannels(main) {
-    return keep(main, "Channels of the control server", ["channel"], 5000, async () => {
+    return keep(main, "Channels of the control server", ["channel", "pin", "status"], 5000, async () => {
         const { address, problem, channels } = await ask("api/v1/channels");
-        return [h("p", { className: "note" }, problem ? `${address}: ${problem}. The table is outdated.` : `As sent by ${address}, interpreted as by the daemon.`),
-            table("Channels", ["Output", "Source", "What drives it", "Output pins", "Input pins"], channels.filter((one) => one.configured || one.output || one.input).map((one) =>
-                row("", String(one.channel), one.source ?? "", h("td", { className: "text" }, one.meaning ?? "not configured"), one.output, one.input)))];
+        const groupOf = (channel) => store.groups.find((group) => group.address === channel.address);
+        return [h("p", { className: "note" }, problem ? `${address}: ${problem}. Its channels are not known.` : `As sent by ${address}, read as by the daemon.`),
+            table("Channels", ["Channel", "What drives its output", "Outputs", "Inputs"], channels.filter((one) => one.configured || one.output || one.input).map((one) =>
+                row("", String(one.channel), h("td", { className: "text" }, one.meaning ?? "not configured", groupOf(one) ? ` (${groupOf(one).title || groupOf(one).name})` : ""),
+                    channelLamps(one, "out"), channelLamps(one, "in"))))];
     });
 }
 
-export function showHistory(main) {
-    const rows = [];
-    const body = h("div", {});
-    const more = h("button", { type: "button", on: { click: older } }, "Older");
-    const until = h("input", { type: "datetime-local", on: { change: anew } });
-    let before = "";
-    function anew() {
-        rows.length = 0;
-        before = "";
-        older();
-    }
-    async function older() {
-        try {
-            const to = until.value ? `&to=${new Date(until.value).getTime() + 59999}` : "";
-            const answer = await ask(`api/v1/history?limit=200${to}${before}`);
-            rows.push(...answer.events.map((event) => eventRow(event, true)));
-            more.hidden = !answer.more;
-            before = answer.events.length ? `&before=${answer.events.at(-1).id}` : before;
-            body.replaceChildren(rows.length ? table("What happened", ["Time", "Pin", "Level", "What", "Who", "Notes"], rows)
-                : h("p", { className: "empty" }, "Nothing has happened yet."));
-        } catch (error) {
-            body.replaceChildren(h("p", { className: "empty" }, `The history can't be read: ${error.message}`));
-        }
-    }
-    main.replaceChildren(h("h1", {}, "What happened"),
-        h("div", { className: "tools" }, h("button", { type: "button", on: { click: anew } }, "Refresh"), h("label", {}, "Up to ", until),
-            h("a", { href: "api/v1/history?limit=10000&format=csv", download: "" }, "Download as CSV")), body, more);
-    older();
-    return () => {};
+export function showHistory(main, query) {
+    const events = eventList("history", query);
+    main.replaceChildren(h("h1", {}, "What happened"), events.element);
+    const timer = setInterval(() => isCurrent() && scrollY < 50 && events.refresh(), 5000);
+    return () => clearInterval(timer);
 }

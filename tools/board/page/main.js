@@ -17,9 +17,11 @@ function navigate() {
     if (location.hash !== "" && !location.hash.startsWith("#/")) {
         return;
     }
-    const route = decodeURIComponent(location.hash.replace(/^#\//, ""));
+    const [path, text] = location.hash.replace(/^#\//, "").split("?");
+    const route = decodeURIComponent(path);
+    const query = new URLSearchParams(text);
     close?.();
-    close = route.startsWith("pin/") ? showPin(main, route.slice(4)) : (VIEWS[route] ?? showLamps)(main);
+    close = route.startsWith("pin/") ? showPin(main, route.slice(4), query) : (VIEWS[route] ?? showLamps)(main, query);
     for (const link of document.querySelectorAll("nav a")) {
         link.getAttribute("href") === `#/${route}` ? link.setAttribute("aria-current", "page") : link.removeAttribute("aria-current");
     }

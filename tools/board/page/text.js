@@ -1,17 +1,18 @@
 // Times, levels and pins as text.
 
-const clock = new Intl.DateTimeFormat(undefined, {
-    year: "numeric", month: "2-digit", day: "2-digit", hour: "2-digit", minute: "2-digit",
-    second: "2-digit", fractionalSecondDigits: 3, hourCycle: "h23",
-});
+const DAY = { weekday: "short", day: "numeric", month: "short", year: "numeric" };
+const TIME = { hour: "2-digit", minute: "2-digit", second: "2-digit", fractionalSecondDigits: 3, hourCycle: "h23" };
+const clock = new Intl.DateTimeFormat(undefined, { ...DAY, ...TIME, weekday: undefined });
+const dayOnly = new Intl.DateTimeFormat(undefined, DAY);
+const clockOnly = new Intl.DateTimeFormat(undefined, TIME);
 const second = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23" });
 const minute = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", hourCycle: "h23" });
 const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit" });
 
 export const timeText = (ms) => clock.format(ms);
-
-// The time alone if that is not long ago.
-export const dayTimeText = (ms, now) => (now - ms < 12 * 3600e3 ? second : clock).format(ms);
+export const dayText = (ms) => dayOnly.format(ms);
+export const clockText = (ms) => clockOnly.format(ms);
+export const durationText = (ms) => (ms < 1000 ? `${ms} ms` : `${ms / 1000} s`);
 
 // The label of a line on an axis with one every `step` ms. Midnight is labelled with its date.
 export function axisText(ms, step) {
@@ -47,14 +48,6 @@ export function rankOf(pin) {
     return address * 1024 + { in: 0, out: 256, c: 512 }[kind] + Number(number);
 }
 
-const KINDS = {
-    told: "told", written: "written on the bus", set: "set from a board", "device-first": "first heard",
-    "device-missing": "no longer answers", "device-back": "answers again",
-    "gap-begin": "nothing heard from here", "gap-end": "heard again",
-    "clock-set-back": "the clock was set back",
-};
-export const kindText = (kind) => KINDS[kind] ?? kind;
-
 // The remaining duration of a write in ms; 0 if it has no limit, is over, or is not known.
 export function running(pin, now) {
     const write = pin.write;
@@ -66,25 +59,25 @@ export function classOf(pin) {
     return pin.state === "written" ? `${level} written` : level;
 }
 
-// Since when the level is known, or what was known last. Times that are not known don't count on.
+// Since when the level is known. Times that are not known don't count on.
 export function ageText(pin, now) {
     if (pin.was !== undefined) {
-        return pin.was && pin.state === "unknown" ? `was ${pin.was}` : "not known";
+        return pin.was ? `was ${pin.was}` : "not known";
     }
-    if (pin.level !== null) {
-        return span(now - pin.since);
+    if (pin.level === null && !pin.heard) {
+        return "never heard";
     }
-    return pin.heard ? `last heard ${dayTimeText(pin.heard, now)}` : "never heard";
+    return pin.level === null ? `not known for ${span(now - pin.since)}` : span(now - pin.since);
 }
 
 export function whoText(pin, now) {
     const left = running(pin, now);
     const write = pin.write;
     if (left > 0) {
-        return `${write.level} ${(left / 1000).toFixed(1)} s more, ${write.by}`;
+        return `\u25bc ${(left / 1000).toFixed(1)} s, ${write.by}`;
     }
     if (pin.state === "written") {
         return `${write.level} requested by ${write.by}`;
     }
-    return write ? `written by ${write.by}` : "";
+    return write ? `\u25bc ${write.by}` : "";
 }

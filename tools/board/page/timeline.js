@@ -9,6 +9,8 @@ const MAX_SPAN = 400 * 86400e3;
 const SPANS = [["10 min", 600e3], ["1 h", 3600e3], ["8 h", 8 * 3600e3], ["1 d", 86400e3], ["1 w", 7 * 86400e3], ["4 w", 28 * 86400e3]];
 const STEPS = [1, 2, 5, 10, 20, 30, 60, 120, 300, 600, 1200, 1800, 3600, 7200, 14400, 21600, 43200, 86400, 172800, 604800, 1209600].map((s) => s * 1000);
 
+const LEGEND = [["low", "low"], ["high", "high"], ["none", "not known"], ["gap", "nothing was heard"], ["write", "write"]];
+
 // Without events that others overtook because the clock was set back: their times came again.
 function latestRun(events) {
     let oldest = Infinity;
@@ -162,8 +164,11 @@ export class Timeline {
                 button("\u2212", "Zoom out", () => this.#zoom(2)), button("+", "Zoom in", () => this.#zoom(0.5)),
                 button("\u25c0", "Earlier", () => this.#move(-this.#span / 2)), button("\u25b6", "Later", () => this.#move(this.#span / 2)),
                 button("Now", "Now: follow live", () => this.#follow())),
-            this.#canvas, this.#output,
-            h("p", { className: "note" }, "Filled: low. Line: high. Nothing: not known. Hatched: nothing was heard. Triangles: writes. Wheel and + \u2212 zoom, drag and shift with arrows move, arrows read values."));
+            this.#canvas,
+            h("div", { className: "reading" },
+                h("ul", { className: "legend" }, ...LEGEND.map(([name, text]) => h("li", {}, h("span", { className: `swatch ${name}` }), text))),
+                this.#output),
+            h("p", { className: "note keys" }, "Keys: + \u2212 zoom, arrows read values, shift with arrows moves, End follows live."));
         this.#listen();
         this.#refresh();
     }

@@ -1,0 +1,134 @@
+// What happened, as a list with filters. The filters are part of the address, so that it can be kept and sent.
+import { h } from "./dom.js";
+import { ask, store } from "./store.js";
+import { clockText, dayText, durationText, nameOf, span } from "./text.js";
+
+const AT_ONCE = 200;
+const KINDS = [["", "everything"], ["told", "reports"], ["written", "writes on the bus"], ["set", "sets from a board"],
+    ["device-missing", "devices that don't answer"], ["gap-begin", "gaps"], ["clock-set-back", "the clock set back"]];
+const LEVELS = [["", "any level"], ["L", "low"], ["H", "high"]];
+
+// A sentence about an event, for people.
+function sentence({ kind, level, host = "", duration, text, by }) {
+    const time = duration && kind !== "clock-set-back" ? ` for ${durationText(duration)}` : "";
+    switch (kind) {
+        case "told":
+            return level ? `reported by ${host}` : `not known from here: ${text ?? "nobody told it"}`;
+        case "written":
+            return `written${time} by ${host}`;
+        case "set":
+            return text ? `${text} (set from a board by ${host})` : `set from a board${time} by ${host}`;
+        case "device-first":
+            return `${host} is heard for the first time`;
+        case "device-missing":
+            return `${host} does not answer any more`;
+        case "device-back":
+            return `${host} answers again`;
+        case "gap-begin":
+            return `from here nothing is known: ${text}`;
+        case "gap-end":
+            return `until here nothing is known: ${text}`;
+        case "clock-set-back":
+            return `the clock was set back by ${span(duration)}: what is above happened later than what is below`;
+        default:
+            return [kind, host, text, by].filter(Boolean).join(" ");
+    }
+}
+
+const MARKS = { written: "\u25bc", set: "\u25bc" };
+
+function row(event, withPin) {
+    const bulb = MARKS[event.kind] ? h("span", { className: "arrow" }, `${MARKS[event.kind]} ${event.level ?? ""}`)
+        : event.kind === "told" ? h("span", { className: `mini ${event.level ?? "unknown"}` }, event.level ?? "?") : "";
+    return h("tr", { className: event.pin ? event.kind : "note" },
+        h("td", { className: "time" }, h("time", { dateTime: new Date(event.time).toISOString() }, clockText(event.time))),
+        h("td", { className: "level" }, bulb),
+        withPin ? h("td", { className: "pin" }, event.pin ? h("a", { href: `#/pin/${event.pin}` }, nameOf(event)) : "") : null,
+        h("td", { className: "text" }, sentence(event)));
+}
+
+// A row for each day, and one for each event.
+function rowsOf(events, withPin) {
+    let day = "";
+    return events.flatMap((event) => {
+        const last = day;
+        day = dayText(event.time);
+        return [day === last ? null : h("tr", { className: "day" }, h("th", { colSpan: 4, scope: "rowgroup" }, day)), row(event, withPin)];
+    }).filter(Boolean);
+}
+
+const choice = (label, options, value) => {
+    const select = h("select", { "aria-label": label }, ...options.map(([key, text]) => h("option", { value: key }, text)));
+    select.value = value;
+    return select;
+};
+
+// route: the address of the view; given: its query. With a pin, only its events. The result has an element, and
+// refresh().
+export function eventList(route, given, pin = "") {
+    const fields = {
+        kind: choice("What", KINDS, given.get("kind") ?? ""),
+        level: choice("Level", LEVELS, given.get("level") ?? ""),
+        who: h("input", { type: "search", placeholder: "Who", "aria-label": "Who", value: given.get("who") ?? "" }),
+        to: h("input", { type: "datetime-local", value: given.get("to") ?? "" }),
+    };
+    if (!pin) {
+        const groups = [["", "all groups"], ...store.groups.map(({ name, title }) => [name, title || name])];
+        fields.group = choice("Group", groups, given.get("group") ?? "");
+        fields.pin = h("input", { type: "search", placeholder: "Pin", "aria-label": "Pin", value: given.get("pin") ?? "" });
+    }
+    const body = h("tbody", {});
+    const note = h("p", { className: "empty", hidden: true });
+    const more = h("button", { type: "button", hidden: true, on: { click: () => load(last) } }, "Older");
+    const csv = h("a", { download: "" }, "Download as CSV");
+    let events = [];
+    let last = 0;
+    function query() {
+        const parts = new URLSearchParams();
+        Object.entries(fields).forEach(([name, field]) => field.value && parts.set(name, field.value));
+        return parts;
+    }
+    function request(limit, before) {
+        const parts = query();
+        if (pin) {
+            parts.set("pin", pin);
+        }
+        if (parts.has("to")) {
+            parts.set("to", new Date(parts.get("to")).getTime() + 59999);
+        }
+        parts.set("limit", limit);
+        return `api/v1/history?${parts}${before ? `&before=${before}` : ""}`;
+    }
+    async function load(before) {
+        try {
+            const answer = await ask(request(AT_ONCE, before));
+            events = before ? [...events, ...answer.events] : answer.events;
+            last = answer.last;
+            more.hidden = !answer.more;
+            body.replaceChildren(...rowsOf(events, !pin));
+            note.textContent = more.hidden ? "Nothing." : "Nothing so far; look further back.";
+            note.hidden = events.length > 0;
+        } catch (error) {
+            note.textContent = `The history can't be read: ${error.message}.`;
+            note.hidden = false;
+        }
+        csv.href = `${request(10000)}&format=csv`;
+    }
+    let due = 0;
+    const change = () => {
+        const text = query().toString();
+        history.replaceState(null, "", `#/${route}${text ? `?${text}` : ""}`);
+        clearTimeout(due);
+        due = setTimeout(load, 200);
+    };
+    Object.values(fields).forEach((field) => field.addEventListener("input", change));
+    load();
+    const { pin: pinField, group, kind, level, who, to } = fields;
+    return {
+        element: h("div", {},
+            h("div", { className: "tools" }, ...[pinField, group, kind, level, who].filter(Boolean), h("label", {}, "Up to ", to), csv),
+            h("table", { className: "events" }, h("thead", { className: "visually" }, h("tr", {}, ...["Time", "Level", ...(pin ? [] : ["Pin"]), "What happened"].map((head) => h("th", { scope: "col" }, head)))), body),
+            note, more),
+        refresh: () => events.length <= AT_ONCE && load(),
+    };
+}
