@@ -225,6 +225,9 @@ TEST_F(Doctor, FindsWrongSettings) {
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=10.77.0.2/0"), "");
     ExpectTroubles({"channel"}, "by input 256 of 10.77.0.2:93");
     ASSERT_EQ(tqrd.server.Apply("CFG GPO 4 SRCA=none"), "");
+    ASSERT_EQ(tqrd.server.Apply("SET GPIO_PROBLEMS=\"input 1.1: no chip\""), "");
+    ExpectTroubles({"pins"}, "TQRD has pins that don't work: input 1.1: no chip");
+    ASSERT_EQ(tqrd.server.Apply("SET GPIO_PROBLEMS=none"), "");
     ASSERT_EQ(tqrd.server.Apply("SET NIC_IPADDR=10.9.9.9"), "");
     ASSERT_TRUE(AwaitOut("iface changed"));
     ExpectTroubles({"interface"}, "TQRD names 10.9.9.9, which no interface has");

@@ -263,6 +263,12 @@ void ExamineLimit(const Facts& facts, bool is_needed, Findings& findings) {
 
 void ExamineServers(const Facts& facts, milliseconds limit, Findings& findings) {
     ExamineControl(facts, findings);
+    const std::string& problems = facts.answer.table.Problems();
+    if (!problems.empty()) {
+        findings.push_back({Severity::Critical, "pins",
+                            "TQRD has pins that don't work: " + problems,
+                            "orvex-gpio --check says more; orvex-gpio(8), DIAGNOSTICS"});
+    }
     const RunningProgram* const daemon = facts.Daemon();
     if (daemon == nullptr) {
         return;

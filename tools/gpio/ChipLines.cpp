@@ -9,7 +9,7 @@
 
 namespace {
 
-const uint64_t LONGEST_DELAY_NS = 5000000;  // until the kernel looks at the level
+const uint64_t LONGEST_DELAY_NS = 20000000;  // until the kernel looks at the level
 
 // Of the clock of the edges.
 uint64_t Nanoseconds() {

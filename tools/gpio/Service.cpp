@@ -115,13 +115,16 @@ bool Service::Listen(const std::vector<ListenConfig>& wanted) {
 // it.
 void Service::ApplyLines(const GpioConfig& config) {
     for (const std::string& old : m_config.lines) {
-        const auto is_same = [&old](const std::string& line) {
-            return SubjectOf(line) == SubjectOf(old);
+        const bool is_setting = old[0] == 'S';
+        const auto replaces = [&](const std::string& line) {
+            return is_setting ? line == old : SubjectOf(line) == SubjectOf(old);
         };
-        const bool stays = std::any_of(config.lines.begin(), config.lines.end(), is_same);
-        if (old[0] == 'S') {
+        if (std::any_of(config.lines.begin(), config.lines.end(), replaces)) {
+            continue;
+        }
+        if (is_setting) {
             m_server.Forget(old);
-        } else if (!stays) {
+        } else {
             m_server.Apply(SubjectOf(old) + " SRCA=none");
         }
     }

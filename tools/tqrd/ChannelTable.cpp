@@ -14,6 +14,11 @@ const char* SkipWord(const std::string& line, const char* word) {
     return line.compare(0, WORD_SIZE, word) == 0 ? line.c_str() + WORD_SIZE : nullptr;
 }
 
+// "none", or a text in quotes.
+std::string ParseProblems(const std::string& field) {
+    return field.size() > 2 && field[0] == '"' ? field.substr(1, field.size() - 2) : "";
+}
+
 }  // namespace
 
 ChannelTable::Subject ChannelTable::Take(const std::string& line) {
@@ -27,6 +32,10 @@ ChannelTable::Subject ChannelTable::Take(const std::string& line) {
         return TakeState(text, Kind::Output);
     }
     if (const char* const text = SkipWord(line, "SET ")) {
+        if (const char* const value = tqr_findval(text, "GPIO_PROBLEMS")) {
+            m_problems = ParseProblems(FieldText(value));
+            return {};
+        }
         if (const char* const value = tqr_findval(text, "NIC_IPADDR")) {
             m_interface = url2ip(value);
             return {Kind::Settings, 0};

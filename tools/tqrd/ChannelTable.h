@@ -40,6 +40,9 @@ public:
     // malformed. None: not sent.
     std::optional<uint32_t> InterfaceAddress() const { return m_interface; }
 
+    // What does not work at the server, which orvex-gpio tells; empty: nothing.
+    const std::string& Problems() const { return m_problems; }
+
 private:
     static size_t Index(int number) { return static_cast<size_t>(number - 1); }
     Subject TakeConfiguration(const char* text);
@@ -47,4 +50,5 @@ private:
 
     std::array<ChannelInfo, CHANNEL_COUNT> m_channels;
     std::optional<uint32_t> m_interface;
+    std::string m_problems;
 };

@@ -186,12 +186,12 @@ TEST(GpioLines, LosesNoPulse) {
     HeldLine line;
     line.read_ns = 100;
     const uint64_t ms = 1000000;
-    EXPECT_EQ(line.Take({50, 0, 1, false}), "H");        // led to the level that was read
-    EXPECT_EQ(line.Take({10 * ms, 0, 2, false}), "LH");  // too short for the kernel to see it
-    EXPECT_EQ(line.Take({11 * ms, 0, 3, false}), "H");   // its end
-    EXPECT_EQ(line.Take({20 * ms, 0, 4, false}), "LH");
-    EXPECT_EQ(line.Take({30 * ms, 0, 5, true}), "L");
-    EXPECT_EQ(line.Take({40 * ms, 0, 9, true}), "L");
+    EXPECT_EQ(line.Take({50, 0, 1, false}), "H");         // led to the level that was read
+    EXPECT_EQ(line.Take({100 * ms, 0, 2, false}), "LH");  // too short for the kernel to see it
+    EXPECT_EQ(line.Take({101 * ms, 0, 3, false}), "H");   // its end
+    EXPECT_EQ(line.Take({200 * ms, 0, 4, false}), "LH");
+    EXPECT_EQ(line.Take({300 * ms, 0, 5, true}), "L");
+    EXPECT_EQ(line.Take({400 * ms, 0, 9, true}), "L");
     EXPECT_EQ(line.lost, 3U);
 }
 
