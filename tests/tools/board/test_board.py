@@ -8,6 +8,7 @@ import http.client
 import json
 import os
 import pathlib
+import re
 import signal
 import socket
 import struct
@@ -17,6 +18,7 @@ import time
 import unittest
 
 CTL = sys.argv[1]
+MANUAL = pathlib.Path(__file__).resolve().parents[3] / "docs/man/orvex-board.8"
 PORT = 8093
 TOKEN = "0123456789abcdef0123"
 HOST = f"127.0.0.1:{PORT}"
@@ -156,6 +158,9 @@ class BoardTest(unittest.TestCase):
             self.assertEqual(status, 200)
             self.assertIn('orvex_board_pin_low{pin="1:2:in1",name="studio1.door"} 1', text)
         self.assertTrue(text.endswith("# EOF\n"))
+        exported = {name.removesuffix("_bucket").removesuffix("_sum").removesuffix("_count")
+                    for name in re.findall(r"^(orvex_board_\w+)", text, re.M)}
+        self.assertEqual(exported, set(re.findall(r"\.It Sy (orvex_board_\w+)", MANUAL.read_text("utf-8"))))
 
     def test_setting_needs_everything(self):
         body = json.dumps({"pin": "1:2:out5", "level": "L", "duration": 310, "who": "Ann"})
