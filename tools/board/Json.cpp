@@ -5,8 +5,8 @@
 #include "tools/bus/Escape.h"
 #include "tools/bus/Interface.h"
 #include "tools/bus/Names.h"
-#include "tools/bus/PinJson.h"
 #include "tools/bus/PinName.h"
+#include "tools/bus/StateJson.h"
 #include "tools/tqrd/ChannelTable.h"
 #include "tools/tqrd/SourceText.h"
 
@@ -16,46 +16,17 @@ Json LevelJson(const std::optional<bool>& low) {
     return low ? Json(*low ? "L" : "H") : Json();
 }
 
-void AddNames(Json& json, uint32_t tag, const Names& names) {
-    const std::pair<const char*, std::string> fields[] = {
-        {"name", names.NameOf(tag)}, {"title", names.TextOf(tag)}, {"group", names.GroupOf(tag)}};
-    for (const auto& [key, text] : fields) {
-        if (!text.empty()) {
-            json[key] = text;
-        }
-    }
-}
-
 int64_t Milliseconds(double seconds) {
     return static_cast<int64_t>(std::llround(seconds * 1000));
 }
 
-int64_t Milliseconds(const Heard& heard) {
-    return Milliseconds(heard.time);
-}
-
 }  // namespace
 
-Json PinJson(uint32_t tag, const PinState& state, const PinNotes& notes, const std::string& by,
+Json PinJson(uint32_t tag, const PinState& state, const PinNotes&, const std::string& by,
              const Names& names) {
-    Json json;
-    json["pin"] = PinText(tag);
-    AddNames(json, tag, names);
-    json["level"] = state.level ? Json(LevelLetter(*state.level)) : Json();
-    json["state"] = StatusText(state.status);
-    json["since"] = state.since ? Json(Milliseconds(*state.since)) : Json();
+    Json json = BoardJson(tag, state, names);
     if (state.told) {
-        json["by"] = by;
-        json["heard"] = Milliseconds(*state.told);
-    }
-    if (state.denied) {
-        json["denied"] = true;
-    }
-    if (state.written && notes.written) {
-        json["write"] = {{"level", LevelLetter(*notes.written)},
-                         {"duration", state.duration_ms},
-                         {"by", HostText(state.written->host)},
-                         {"at", Milliseconds(*state.written)}};
+        json["by"] = by;  // perhaps the control server
     }
     return json;
 }
@@ -120,7 +91,7 @@ Json EventJson(const Event& event, const Names& names) {
     Json json = {{"id", event.id}, {"time", event.time}, {"kind", KindText(event.kind)}};
     if (event.tag) {
         json["pin"] = PinText(*event.tag);
-        AddNames(json, *event.tag, names);
+        PutBoardNames(json, *event.tag, names);
         json["level"] = LevelJson(event.low);
     }
     if (event.duration != 0) {

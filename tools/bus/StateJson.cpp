@@ -1,6 +1,7 @@
 #include "tools/bus/StateJson.h"
 
 #include <cmath>
+#include <cstdio>
 
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
@@ -68,12 +69,22 @@ void PutBoardNames(Json& json, uint32_t tag, const Names& names) {
     }
 }
 
-Json MqttJson(const PinFact& fact, PinStatus status, const Names& names) {
-    Json json = {{"level", LevelValue(fact.level)},
-                 {"state", StatusText(status)},
-                 {"since", fact.time == 0 ? Json() : Json(fact.time)},
-                 {"host", HostValue(fact.host)},
-                 {"pin", PinText(fact.tag)}};
-    PutNames(json, fact.tag, names);
-    return json;
+std::string MqttText(const PinFact& fact, PinStatus status, const Json& more, const Names& names) {
+    const std::string level = fact.level ? "\"" + LevelText(fact.level) + "\"" : "null";
+    const std::string host = fact.host != 0 ? "\"" + HostText(fact.host) + "\"" : "null";
+    char since[32] = "null";
+    if (fact.time != 0) {
+        snprintf(since, sizeof since, "%.6f", fact.time);
+    }
+    std::string text = "{\"level\":" + level + ",\"state\":\"" + StatusText(status) +
+                       "\",\"since\":" + since + ",\"host\":" + host + ",\"pin\":\"" +
+                       PinText(fact.tag) + "\"}";
+    Json rest;
+    PutNames(rest, fact.tag, names);
+    rest.update(more);
+    if (!rest.empty()) {
+        text.back() = ',';
+        text += Dump(rest).substr(1);
+    }
+    return text;
 }

@@ -67,6 +67,6 @@ PinView PinBook::ViewOf(uint32_t tag) const {
     view.level = state->level;
     view.status = state->status;
     view.since = state->since->time;
-    view.host = state->since->host == 0 ? std::string() : HostText(state->since->host);
+    view.host = state->since->host;
     return view;
 }

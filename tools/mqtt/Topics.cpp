@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdio>
 #include <stdexcept>
 
-#include "tools/bus/JsonFormat.h"
-#include "tools/bus/PinJson.h"
+#include "tools/bus/StateJson.h"
 
 const char* const ONLINE = "online";
 const char* const OFFLINE = "offline";
@@ -46,28 +44,12 @@ std::string Topics::PinAfter(const std::string& begin, const std::string& topic)
     return pin;
 }
 
-// On the path of links, so it writes the text directly: the library's objects take three times as
-// long.
 std::string StateText(const PinView& view, uint32_t tag, const Names& names) {
-    const std::string level = view.level ? "\"" + LevelText(view.level) + "\"" : "null";
-    const std::string host = view.host.empty() ? "null" : "\"" + view.host + "\"";
-    char since[32] = "null";
-    if (view.since != 0) {
-        snprintf(since, sizeof since, "%.6f", view.since);
-    }
-    std::string text = "{\"level\":" + level + ",\"state\":\"" + StatusText(view.status) +
-                       "\",\"since\":" + since + ",\"host\":" + host + ",\"pin\":\"" +
-                       PinText(tag) + "\",\"bridge\":" + std::to_string(view.bridge) + "}";
-    Json more;
-    PutNames(more, tag, names);
+    Json more = {{"bridge", view.bridge}};
     if (!view.via.empty()) {
         more["via"] = view.via;
     }
-    if (!more.empty()) {
-        text.back() = ',';
-        text += Dump(more).substr(1);
-    }
-    return text;
+    return MqttText({tag, view.level, view.since, view.host}, view.status, more, names);
 }
 
 std::optional<PinView> ParseState(const std::string& text) {

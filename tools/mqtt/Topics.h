@@ -51,7 +51,7 @@ struct PinView {
     std::optional<Level> level;  // none: not known
     PinStatus status = PinStatus::Unknown;
     double since = 0;              // seconds since 1970; 0: not known
-    std::string host;              // who told or wrote it; empty: nobody
+    uint32_t host = 0;             // who told or wrote it, host byte order; 0: nobody
     uint32_t bridge = 0;           // the number of the bridge that published it
     std::vector<std::string> via;  // the links that caused its state, the first one's source first
 };
