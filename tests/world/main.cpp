@@ -41,6 +41,7 @@ void live(World& world) {
     std::fill(std::begin(channels), std::end(channels), Channel());
     Model model(world, is_debug);
     world.log.clear();
+    world.memory_left = -1;  // what the process before was short of
     construct_endpoints();
     parse_commands(is_debug ? 2 : 1, words);
     world.waits = [&world, &model] {
