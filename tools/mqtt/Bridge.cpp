@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <utility>
 
 #include "tools/bus/JsonFormat.h"
@@ -26,7 +27,7 @@ const int MOST_PUBLISHED = 1000;
 
 }  // namespace
 
-Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)> print)
+Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print)
     : m_config(config),
       m_topics(config),
       m_log(std::move(print)),
@@ -45,14 +46,15 @@ Bridge::Bridge(const MqttConfig& config, std::function<void(const std::string&)>
     };
 }
 
-Bridge::End Bridge::Run(const Signals& signals) {
-    bool stopped = false;
+Bridge::End Bridge::Run(Signals& signals) {
     m_notify.Ready();
     for (;;) {
         m_notify.Status(StatusLine());
         m_notify.Beat();
-        Wait(signals, stopped);
-        if (stopped) {
+        const std::optional<int> signal = Wait(signals) ? signals.Take() : std::nullopt;
+        if (signal == SIGHUP) {
+            Reload();
+        } else if (signal) {
             m_notify.Stopping();
             Stop();
             return End::Stopped;
@@ -65,7 +67,8 @@ Bridge::End Bridge::Run(const Signals& signals) {
     }
 }
 
-void Bridge::Wait(const Signals& signals, bool& stopped) {
+// Whether a signal has come.
+bool Bridge::Wait(const Signals& signals) {
     std::vector<pollfd> fds = {{signals.Get(), POLLIN, 0},
                                {m_broker.Socket(), m_broker.Events(), 0}};
     for (const int fd : m_bus.Descriptors()) {
@@ -80,9 +83,68 @@ void Bridge::Wait(const Signals& signals, bool& stopped) {
         next = std::min(next, m_rest);
     }
     poll(fds.data(), fds.size(), m_has_more ? 0 : MillisecondsUntil(next));
-    stopped = fds[0].revents != 0;
     const short got = fds[1].revents;
     m_broker.Serve((got & ~POLLOUT) != 0, (got & POLLOUT) != 0);
+    return fds[0].revents != 0;
+}
+
+// A file that is wrong changes nothing.
+void Bridge::Reload() {
+    try {
+        const MqttConfig fresh = MqttConfig::Read(m_config.file);
+        if (fresh.Fixed() != m_config.Fixed()) {
+            return m_tell(m_config.file +
+                          ": only names, pins, links, discovery and expire can change without a "
+                          "restart; the old configuration stays");
+        }
+        Follow(fresh);
+        m_tell(m_config.file + " was read again");
+    } catch (const ConfigError& error) {
+        m_tell(std::string(error.what()) + "; the old configuration stays");
+    }
+}
+
+void Bridge::Follow(const MqttConfig& fresh) {
+    const std::set<std::string> links = m_links.Subscriptions();
+    m_leftovers.merge(TopicsOfFile());
+    m_config = fresh;
+    for (const std::string& topic : TopicsOfFile()) {
+        m_leftovers.erase(topic);
+    }
+    m_pins.Want(m_config);
+    m_pins.TellAll();
+    for (const Links::Write& write : m_links.Reload(m_config)) {
+        Write(write);
+    }
+    if (m_connection == 0) {
+        return;
+    }
+    const std::set<std::string> now = m_links.Subscriptions();
+    for (const std::string& topic : links) {
+        if (now.count(topic) == 0) {
+            m_broker.Unsubscribe(topic);
+        }
+    }
+    Subscribe();  // again: the broker sends what it has retained
+    Announce();
+}
+
+// Those that depend on names, and those of hubs.
+std::set<std::string> Bridge::TopicsOfFile() const {
+    std::set<std::string> topics;
+    for (const PinRef& pins : m_config.pins) {
+        for (const uint32_t tag : pins.Tags()) {
+            const std::string name = m_config.names.NameOf(tag);
+            if (!name.empty()) {
+                topics.insert(m_topics.Pin(name));
+                topics.insert(m_topics.Level(name));
+            }
+            if (!m_config.discovery.empty()) {
+                topics.insert(DiscoveryTopic(m_config, tag));
+            }
+        }
+    }
+    return topics;
 }
 
 void Bridge::Step() {
@@ -124,7 +186,6 @@ void Bridge::FollowConnection() {
         m_signs.clear();
         m_own_sign = {};
         m_rival.clear();
-        m_leftovers.clear();
         // Publishes again what may not have arrived.
         for (auto& answer : m_unacknowledged) {
             m_sets.Answers().push_front(std::move(answer.second));

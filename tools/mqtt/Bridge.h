@@ -28,16 +28,20 @@ class Bridge {
 public:
     enum class End { Stopped, TakenOver };
 
-    // Throws BusError.
-    Bridge(const MqttConfig& config, std::function<void(const std::string&)> print);
+    // Throws BusError. The configuration changes when it is read again.
+    Bridge(MqttConfig& config, std::function<void(const std::string&)> print);
 
-    // Runs until a signal comes, or another bridge takes the site over.
-    End Run(const Signals& signals);
+    // Runs until a signal comes, or another bridge takes the site over. SIGHUP reads the file
+    // again: names, pins and links may change.
+    End Run(Signals& signals);
 
 private:
     enum class Phase { Away, Connected, Asking, Publishing, Online };
 
-    void Wait(const Signals& signals, bool& stopped);
+    bool Wait(const Signals& signals);
+    void Reload();
+    void Follow(const MqttConfig& fresh);
+    std::set<std::string> TopicsOfFile() const;
     void Step();
     void FollowConnection();
     void Subscribe();
@@ -72,7 +76,7 @@ private:
     std::string Hindrance() const;
     std::string StatusLine() const;
 
-    const MqttConfig& m_config;
+    MqttConfig& m_config;
     const Topics m_topics;
     Log m_log;
     const std::function<void(const std::string&)> m_tell;

@@ -106,6 +106,7 @@ private:
 };
 
 MqttConfig Reader::Run() {
+    m_config.file = m_file;
     for (const ConfigLine& line : ReadConfigLines(m_file)) {
         m_line = line.number;
         try {

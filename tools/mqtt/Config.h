@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tools/base/ConfigFile.h"
@@ -18,6 +19,7 @@
 #include "tools/mqtt/LinkConfig.h"
 
 struct MqttConfig {
+    std::string file;
     std::string site;
     std::string host;
     int port = 0;
@@ -39,6 +41,12 @@ struct MqttConfig {
     std::string loss_file;  // what to remember about lost links; empty: nothing
     double ask_every = 10;  // seconds
     double expire = 2;      // the default maximum age of a set, in seconds
+
+    // What can't be changed while the bridge runs.
+    auto Fixed() const {
+        return std::tie(site, host, port, prefix, tls, ca, certificate, key, user, password,
+                        bus.iface, ask_every);
+    }
 
     // Reads and checks a file and what it refers to. Throws ConfigError.
     static MqttConfig Read(const std::string& file);

@@ -11,11 +11,16 @@ const double REWRITE_PAUSE = 5;      // seconds, against an output that somebody
 
 }  // namespace
 
-Links::Links(const MqttConfig& config, const LossFile::Times& losses)
-    : m_prefix(config.prefix), m_losses(losses) {
+Links::Links(const MqttConfig& config, const LossFile::Times& losses) : m_prefix(config.prefix) {
+    Build(config, losses);
+}
+
+void Links::Build(const MqttConfig& config, const LossFile::Times& losses) {
     for (const LinkConfig& link : config.links) {
         if (link.to.site == config.site) {
-            const TimePoint good = m_losses.try_emplace(link.Text(), Now()).first->second;
+            const auto lost = losses.find(link.Text());
+            const TimePoint good = lost == losses.end() ? Now() : lost->second;
+            m_losses[link.Text()] = good;
             Link made;
             made.config = link;
             made.good = good;
@@ -29,6 +34,39 @@ Links::Links(const MqttConfig& config, const LossFile::Times& losses)
             });
             m_links.push_back(made);
         }
+    }
+}
+
+std::vector<Links::Write> Links::Reload(const MqttConfig& config) {
+    std::vector<Link> before = std::exchange(m_links, {});
+    const std::map<std::string, Site> sites = std::exchange(m_sites, {});
+    Build(config, std::exchange(m_losses, {}));
+    for (auto& [name, site] : m_sites) {
+        const auto known = sites.find(name);
+        site = known == sites.end() ? site : known->second;
+    }
+    std::vector<Write> writes;
+    for (Link& old : before) {
+        const auto link = std::find_if(m_links.begin(), m_links.end(), [&old](const Link& one) {
+            return one.config.to == old.config.to;
+        });
+        if (link != m_links.end()) {
+            Keep(old, *link);
+        } else if (old.config.on_loss && old.config.pulse_ms == 0) {
+            Apply(old, *old.config.on_loss, "no link", writes);
+        }
+    }
+    return writes;
+}
+
+// What is known of the same output's link before. Another source has to be heard first.
+void Links::Keep(const Link& before, Link& link) {
+    if (link.config.Text() == before.config.Text()) {
+        const LinkConfig config = std::exchange(link, before).config;
+        link.config = config;
+    } else {
+        link.applied = before.applied;
+        link.written = before.written;
     }
 }
 

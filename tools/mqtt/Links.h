@@ -48,6 +48,10 @@ public:
     // The connection has ended: all knowledge is outdated.
     void Forget();
 
+    // Takes over changed links; those that did not change go on as if nothing had happened. Outputs
+    // without a link from now on are written as after a loss.
+    std::vector<Write> Reload(const MqttConfig& config);
+
     // All outputs must be written again: those of an address may have been out of reach.
     void WriteAgain();
 
@@ -90,6 +94,8 @@ private:
         TimePoint sign{};
     };
 
+    void Build(const MqttConfig& config, const LossFile::Times& losses);
+    static void Keep(const Link& before, Link& link);
     void TakeSite(Site& site, const Topics& topics, const Broker::Message& message);
     void TakeState(Link& link, Source& source, const Broker::Message& message, TimePoint own_sign);
     void TakeSource(const Link& link, Source& source, const Broker::Message& message);

@@ -23,6 +23,10 @@ PinBook::PinBook(const MqttConfig& config, std::function<void(const std::string&
     };
     m_follower.on_link = [tell](const BusLink::Change& change) { tell(change.text); };
     m_follower.on_trouble = std::move(tell);
+    Want(config);
+}
+
+void PinBook::Want(const MqttConfig& config) {
     for (const PinRef& pins : config.pins) {
         m_follower.Want(pins);
     }

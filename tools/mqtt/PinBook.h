@@ -30,6 +30,9 @@ public:
     // Changes that were dropped because nobody took them.
     uint64_t Dropped() const { return m_dropped; }
 
+    // Stores and reads the pins of the configuration.
+    void Want(const MqttConfig& config);
+
     // Marks everything as changed.
     void TellAll();
 

@@ -1,5 +1,6 @@
 // orvex-mqtt: connects a bus to an MQTT broker.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -24,7 +25,7 @@ const char* const DESCRIPTION =
     "other sites set pins here.\n";
 
 const char* const FOOTER =
-    "FILE is described in orvex-mqtt.conf(5).\n"
+    "FILE is described in orvex-mqtt.conf(5). SIGHUP reads it again.\n"
     "Exit status: 0 after SIGINT or SIGTERM; 1 if FILE is wrong or the bus can't be used; 2 for a\n"
     "usage error; 3 if another bridge has connected under this site's name.\n";
 
@@ -86,7 +87,7 @@ int Main(int argc, char** argv) {
     if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
         return *status;
     }
-    const MqttConfig config = MqttConfig::Read(options.file);
+    MqttConfig config = MqttConfig::Read(options.file);
     if (options.print_topics) {
         PrintTopics(config);
     }
@@ -94,7 +95,7 @@ int Main(int argc, char** argv) {
         return 0;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    const Signals signals;
+    Signals signals({SIGHUP});
     Bridge bridge(config, [](const std::string& text) { printf("%s\n", text.c_str()); });
     if (bridge.Run(signals) == Bridge::End::TakenOver) {
         fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", APP_NAME,

@@ -176,6 +176,34 @@ class MqttTest(unittest.TestCase):
         self.lamp("L", 2, "7:4:out2")
         self.assertIn("is lost: studio:1:2:in1, studio:1:2:in2\n", (RUN / "tower.mqtt").read_text("ascii"))
 
+    def test_reload(self):
+        (RUN / "names").write_text("1:2:in1 red\n1:2:in2 blue\n", "ascii")
+        self.broker()
+        self.bridge("studio", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
+        self.bridge("tower", "link studio:1:2:in1 -> tower:7:4:out2")
+        self.says("is online")
+        contacts("LL")
+        self.lamp("L", 5)
+        self.lamp("L", 2, "7:4:out2")
+        path, tower = RUN / "tower.mqtt.conf", self.processes["tower"]
+        good, written = path.read_text("ascii"), (RUN / "tower.log").stat().st_size
+        for text, said in [(good + "nonsense 1\n", "unknown setting: nonsense; the old configuration stays"),
+                           (good.replace("site tower", "site other").replace("tower:", "other:"), "without a restart"),
+                           (good.replace("in1 -> tower:7:4:out2", "in2 -> tower:7:4:out3"), "was read again")]:
+            path.write_text(text, "ascii")
+            tower.send_signal(signal.SIGHUP)
+            self.says(said, key="tower")
+        self.lamp("L", 2, "7:4:out3")
+        self.lamp("H", 2, "7:4:out2")
+        self.assertNotIn("GPO 1 H", (RUN / "tower.log").read_text("ascii")[written:])  # the other link's
+        (RUN / "names").write_text("1:2:in1 green\n", "ascii")
+        self.processes["studio"].send_signal(signal.SIGHUP)
+        self.says("was read again")
+        self.until(lambda: retained("orvex/studio/pin/green/level") == "L", 3, "no new name")
+        self.until(lambda: not retained("homeassistant/binary_sensor/orvex_studio_1_2_in2/config"), 3, "a ghost")
+        self.assertEqual([retained(f"orvex/studio/pin/{name}") for name in ("red", "blue")], ["", ""])
+        self.assertIn("green", retained("homeassistant/binary_sensor/orvex_studio_1_2_in1/config"))
+
     def test_sets(self):
         (RUN / "names").write_text("1:2:out2 red\n", "ascii")
         self.broker()
