@@ -24,12 +24,10 @@ void Wired::StartPeers() {
     peer = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
 }
 
-void Wired::StartAll(std::vector<std::string> environment) {
+void Wired::StartAll(const std::vector<std::string>& environment) {
     if (peer == nullptr) {
         StartPeers();
     }
-    // The library that sets the clock is loaded before the sanitizer's runtime.
-    environment.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0");
     StartDaemon({}, environment);
     AwaitRunning();
 }

@@ -13,7 +13,7 @@ protected:
     void ConfigureChannels();
     void StartPeers();
     void AwaitRunning();  // until the daemon has completed its start
-    void StartAll(std::vector<std::string> environment = {});  // the daemon detached
+    void StartAll(const std::vector<std::string>& environment = {});  // the daemon detached
     void TearDown() override;
 
     testing::AssertionResult AnswersRead();  // at once

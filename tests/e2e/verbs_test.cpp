@@ -263,7 +263,20 @@ TEST_F(Verbs, RefusesWithAHint) {
         {{"on", "door=L", "--", "nosuch"}, 1, "orvexctl: no program nosuch\n"},
         {{"on", "door=L", "--limit", "5", "--", "true"}, 2, "hour, such as 10/s: 5\n"},
         {{"channels", "--inputs", "0"}, 2, "not inputs, such as 3 or 1-8, from 1 to 256: 0\n"},
+        {{}, 2, "no command; commands are list, get, set,"},
         {{"-j"}, 2, "no command; commands are list, get, set,"},
+        {{"get", "1", "-W", "0"}, 2, "not a number of seconds from 0.001 to 3600: 0\n"},
+        {{"get", "1", "-g", "10.0.0.1"}, 2, "not a multicast group: 10.0.0.1\n"},
+        {{"get", "1", "-p", "0"}, 2, "not a port: 0\n"},
+        {{"get", "1", "-p", "1:2:3"}, 2, "not a port: 2:3\n"},
+        {{"get", "1", "--reliable"}, 2, "get has no --reliable; these have it: set, send\n"},
+        {{"set", "1:2:out1=L", "1:2:8=H"}, 2, "1:2:out1 (studio1:out1) is given twice\n"},
+        {{"watch", "--count", "0"}, 2, "not a count from 1 on: 0\n"},
+        {{"watch", "--for", "x"}, 2, "not a number of seconds from 0.001 to 100000000: x\n"},
+        {{"record"}, 2, "FILE is required\n"},
+        {{"send", "a", "b"}, 2, "The following argument was not expected: b\n"},
+        {{"get", "-i", "nosuch", "1"}, 1, "orvexctl: interface nosuch: No such device\n"},
+        {{"send", "/nosuch"}, 1, "can't read /nosuch: No such file or directory\n"},
         {{"get", "1:2", "--loop"}, 2, "get has no --loop; these have it: send\n"},
         {{"get", "-W", "0.1", "-t", "127.0.0.1", "studio1"}, 3, "no answer for 1:2 (studio1)\n"},
         {{"channels", "--explain", "1:3"}, 1, "a source alone is given as SRCA=1:3\n"},
@@ -283,6 +296,7 @@ TEST_F(Verbs, RefusesWithAHint) {
     for (const auto& c : cases) {
         const auto ctl = Start(studio, c.arguments);
         EXPECT_EQ(Finish(*ctl), c.status);
+        EXPECT_EQ(ctl->Out(), "");
         EXPECT_NE(ctl->Err().find(c.err), std::string::npos) << c.err << "\n" << ctl->Err();
     }
     ExpectRun({"record", "--force", "/run/there", "door", "-f", "0.1"}, 0, "", "");

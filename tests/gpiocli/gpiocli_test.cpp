@@ -4,9 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <new>
 #include <string>
 
 #include "tests/support/loopback.h"
+
+namespace {
+
+bool memory_is_short = false;
+
+}  // namespace
+
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return memory_is_short ? nullptr : operator new(size);
+}
 
 namespace {
 
@@ -48,6 +59,18 @@ TEST_F(GpioClient, KeepsAnEntryThatCantBeConnected) {
     EXPECT_NE(client.reconnect(3), -1);
     ASSERT_TRUE(back.Accept());
     EXPECT_EQ(back.Receive(10), "ADD GPI 2\n");
+}
+
+TEST_F(GpioClient, JoinsWhatWasConnectedMeanwhile) {
+    memory_is_short = true;
+    EXPECT_EQ(Open(3, server, 0), -1);
+    memory_is_short = false;
+    EXPECT_EQ(Open(5, server, 1), 0);
+    ASSERT_TRUE(server.Accept());
+    EXPECT_EQ(client.reconnect(3), client.get_fd(5));
+    EXPECT_EQ(server.Receive(20), "ADD GPI 2\nADD GPI 1\n");
+    server.Send("GPI 2,L\nGPI 2 H\n");
+    EXPECT_EQ(Next(5), "H") << "a blank follows the number";
 }
 
 TEST_F(GpioClient, HasNoEntriesOutOfRange) {

@@ -1,10 +1,8 @@
 // Preloaded into a program under test, makes one of its calls fail. The file /run/fault says which:
 // "NAME N ERRNO" is the Nth call of NAME from then on. The file is removed when that call fails.
-// The file /run/clock contains the seconds by which the program's clock is ahead.
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -108,25 +106,4 @@ void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
 
 void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return IsDue("malloc") ? nullptr : operator new[](size);
-}
-
-// As the system does, it does not store a time that does not fit.
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
-extern "C" int gettimeofday(timeval* told, void* /*zone*/) noexcept {
-    char ahead[32] = {};
-    const int fd = open("/run/clock", O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        ahead[0] = read(fd, ahead, sizeof ahead - 1) > 0 ? ahead[0] : '\0';
-        close(fd);
-    }
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const long long seconds = now.tv_sec + atoll(ahead);
-    if (static_cast<time_t>(seconds) != seconds) {
-        errno = EOVERFLOW;
-        return -1;
-    }
-    told->tv_sec = static_cast<time_t>(seconds);
-    told->tv_usec = static_cast<suseconds_t>(now.tv_nsec / 1000);
-    return 0;
 }
