@@ -19,6 +19,8 @@ namespace {
 // with many interfaces may tell of many.
 const double LOOK_EVERY = 1;
 const double LOOK_SOON = 0.05;
+// If the program is awake then: the system may have failed to tell.
+const double LOOK_ANYWAY = 10;
 const int MOST_AT_A_TIME = 64;  // datagrams that one call reads
 const int ROOM = 4 << 20;       // bytes: some seconds of a busy bus
 
@@ -203,9 +205,13 @@ std::optional<BusLink::Change> BusLink::Tend() {
     if (m_news.IsOpen() && m_news.Take()) {
         m_look = std::min(m_look, After(LOOK_SOON));
     }
+    if (m_news.IsOpen() && Now() >= Later(m_looked, LOOK_ANYWAY)) {
+        m_look = Now();
+    }
     if (Now() < m_look) {
         return std::nullopt;
     }
+    m_looked = Now();
     m_look = After(LOOK_EVERY);
     try {
         const std::optional<Change> change = Look();

@@ -128,4 +128,5 @@ private:
     bool m_turn = false;  // which socket Take() checks first
     Change m_change{true, {}};
     TimePoint m_look = TimePoint::max();
+    TimePoint m_looked = Now();
 };
