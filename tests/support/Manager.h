@@ -12,8 +12,9 @@
 // A name that no file has, of this process alone.
 class Manager {
 public:
-    Manager() : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-        m_name = "@orvex-test-" + std::to_string(getpid());
+    Manager()
+        : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+          m_name("@orvex-test-" + std::to_string(getpid())) {
         sockaddr_un place = {};
         place.sun_family = AF_UNIX;
         memcpy(place.sun_path + 1, m_name.c_str() + 1, m_name.size() - 1);

@@ -54,12 +54,14 @@ uint32_t ParseTime(const std::string& text) {
     return static_cast<uint32_t>(std::lround(us));
 }
 
-// Of the options of a line, at most one per group may be given.
+// Of the options of a line, at most one per group may be given. cppcheck does not see that the
+// table below is read.
 struct LineOption {
-    const char* group;
-    uint64_t flags;  // the kernel's flags that it sets
-    bool is_for_inputs;
-    bool is_for_outputs;
+    const char* group;  // cppcheck-suppress unusedStructMember
+    // The kernel's flags that it sets.
+    uint64_t flags;       // cppcheck-suppress unusedStructMember
+    bool is_for_inputs;   // cppcheck-suppress unusedStructMember
+    bool is_for_outputs;  // cppcheck-suppress unusedStructMember
 };
 
 const uint64_t ACTIVE_HIGH = 0;  // the default is the flag for active-low lines

@@ -91,6 +91,7 @@ std::string ControlServer::Apply(const std::string& line) {
     return effect.error;
 }
 
+// cppcheck-suppress passedByValue; five bits
 void ControlServer::SetPresent(int number, std::bitset<DeviceState::PINS> pins) {
     if (m_device.SetPresent(number, pins)) {
         ShowOutput(number);

@@ -77,6 +77,7 @@ void DumpDisplays(const std::vector<TslListen>& listen, bool json, Signals& sign
         },
         [](const std::string& text) { fprintf(stderr, "%s\n", Printable(text).c_str()); });
     inputs.Listen(listen);
+    // cppcheck-suppress variableScope; its memory is used again
     std::vector<pollfd> fds;
     do {
         fds = {{signals.Get(), POLLIN, 0}};
