@@ -96,7 +96,7 @@ uint32_t NextCharacter(const std::string& text, size_t& pos) {
         if (first < 0xC0 || first > 0xF7 || pos >= text.size() || (text[pos] & 0xC0) != 0x80) {
             return REPLACEMENT;
         }
-        c = c << 6 | (text[pos++] & 0x3FU);
+        c = c << 6 | (static_cast<uint8_t>(text[pos++]) & 0x3FU);
     }
     return c > 0x10FFFF || (c >= 0xD800 && c < 0xE000) ? REPLACEMENT : c;
 }
