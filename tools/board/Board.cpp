@@ -6,6 +6,7 @@
 
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
+#include "tools/bus/StateJson.h"
 
 namespace {
 
@@ -102,11 +103,8 @@ void Board::CountMessage(const Traffic& traffic, bool is_repeat) {
 void Board::TakeChange(const PinChange& change) {
     const bool written = change.cause == PinChange::Cause::Written;
     const bool forgotten = change.cause == PinChange::Cause::Forgotten;
-    PinNotes& notes = m_notes[change.tag];
-    if (written) {
-        notes.written = change.after;
-    } else if (change.before && change.after && change.IsNewLevel()) {
-        ++notes.changes;
+    if (!written && change.before && change.after && change.IsNewLevel()) {
+        ++m_changes[change.tag];
         ++m_counts.changes;
     }
     if (written || forgotten || change.status == PinStatus::Told) {
@@ -162,22 +160,20 @@ void Board::Note(EventKind kind, const std::string& text, const std::string& hos
 
 // ---- what viewers are told ----
 
-PinNotes Board::NotesOf(uint32_t tag) const {
-    const auto notes = m_notes.find(tag);
-    return notes == m_notes.end() ? PinNotes() : notes->second;
-}
-
-std::string Board::TellerOf(uint32_t tag, const PinState& state) const {
-    return m_control.Tells(tag) ? m_control.Address()
-           : state.told         ? HostText(state.told->host)
-                                : "";
+uint64_t Board::ChangesOf(uint32_t tag) const {
+    const auto changes = m_changes.find(tag);
+    return changes == m_changes.end() ? 0 : changes->second;
 }
 
 // Cached, because every page that is opened gets thousands of pins at once.
 const std::string& Board::TextOf(uint32_t tag, const PinState& state) const {
     std::string& text = m_texts[tag];
     if (text.empty()) {
-        text = Dump(PinJson(tag, state, NotesOf(tag), TellerOf(tag, state), GetNames()));
+        Json json = BoardJson(tag, state, GetNames());
+        if (m_control.Tells(tag)) {
+            json["by"] = m_control.Address();
+        }
+        text = Dump(json);
     }
     return text;
 }

@@ -49,11 +49,9 @@ public:
     Json StatusJson() const;
 
     const PinStates& Pins() const { return m_follower.States(); }
-    PinNotes NotesOf(uint32_t tag) const;
+    uint64_t ChangesOf(uint32_t tag) const;
     // The pin as JSON for viewers.
     const std::string& TextOf(uint32_t tag, const PinState& state) const;
-    // Who told a pin, for people.
-    std::string TellerOf(uint32_t tag, const PinState& state) const;
     const PinFollower& Follower() const { return m_follower; }
     Json DeviceJsonOf(uint32_t host) const;
     const Names& GetNames() const { return m_settings.names; }
@@ -90,9 +88,9 @@ private:
     Counts m_counts;
     PinFollower m_follower;
     ControlServer m_control;
-    bool m_is_down = false;  // a gap is open
-    std::string m_problem;   // of the bus
-    std::map<uint32_t, PinNotes> m_notes;
+    bool m_is_down = false;                           // a gap is open
+    std::string m_problem;                            // of the bus
+    std::map<uint32_t, uint64_t> m_changes;           // by tag
     mutable std::map<uint32_t, std::string> m_texts;  // as sent to viewers, by tag
     std::string m_status;                             // the same of the board itself
     uint64_t m_left_out = 0;

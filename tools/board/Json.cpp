@@ -3,7 +3,6 @@
 #include <cmath>
 
 #include "tools/bus/Escape.h"
-#include "tools/bus/Interface.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
 #include "tools/bus/StateJson.h"
@@ -21,15 +20,6 @@ int64_t Milliseconds(double seconds) {
 }
 
 }  // namespace
-
-Json PinJson(uint32_t tag, const PinState& state, const PinNotes&, const std::string& by,
-             const Names& names) {
-    Json json = BoardJson(tag, state, names);
-    if (state.told) {
-        json["by"] = by;  // perhaps the control server
-    }
-    return json;
-}
 
 Json DeviceJson(const std::string& host, const PinFollower::Device& device,
                 const std::vector<uint32_t>& addresses) {

@@ -61,17 +61,17 @@ void WritePins(const Board& board, Writer& writer) {
             if (count++ < Metrics::MAX_PINS) {
                 const std::string name = board.GetNames().NameOf(tag);
                 write("pin=" + Quote(PinText(tag)) + (name.empty() ? "" : ",name=" + Quote(name)),
-                      board.NotesOf(tag), state);
+                      tag, state);
             }
         });
     };
     writer.Counter("orvex_board_pin_changes", "Changes of a pin, of the first 1000 pins.");
-    each([&](const std::string& labels, const PinNotes& notes, const PinState&) {
-        writer.Row(labels, static_cast<double>(notes.changes));
+    each([&](const std::string& labels, uint32_t tag, const PinState&) {
+        writer.Row(labels, static_cast<double>(board.ChangesOf(tag)));
     });
     writer.Gauge("orvex_board_pin_low",
                  "1: the pin was told low (L), 0: high (H); none: not known.");
-    each([&](const std::string& labels, const PinNotes&, const PinState& state) {
+    each([&](const std::string& labels, uint32_t, const PinState& state) {
         if (state.status == PinStatus::Told && state.level) {
             writer.Row(labels, *state.level == Level::Low ? 1 : 0);
         }
