@@ -119,7 +119,9 @@ HttpResponse Api::Handle(const HttpRequest& request) {
 }
 
 HttpResponse Api::Page(const HttpRequest& request) const {
-    const Asset* const asset = FindAsset(request.path);
+    const bool lamp =
+        request.path.rfind("/lamp/", 0) == 0;  // its script reads the pins in the path
+    const Asset* const asset = FindAsset(lamp ? "/lamp.html" : request.path);
     if (asset == nullptr) {
         return Fail(404, "no such page");
     }

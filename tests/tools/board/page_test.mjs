@@ -15,14 +15,14 @@ const url = "http://127.0.0.1:8093/";
 const control = (line) => writeFileSync("/run/in", `${line}\n`);
 const told = () => readFileSync("/run/sim.log", "utf8");
 
-async function until(what, condition) {
-    for (let i = 0; i < 200; ++i) {
+async function until(what, condition, seconds = 10) {
+    for (let i = 0; i < 20 * seconds; ++i) {
         if (await condition()) {
             return;
         }
         await sleep(50);
     }
-    assert.fail(`not within 10 s: ${what}`);
+    assert.fail(`not within ${seconds} s: ${what}`);
 }
 
 const profile = mkdtempSync("/tmp/board-page-");
@@ -173,6 +173,34 @@ const tests = {
         await page.select('select[aria-label="Level"]', "H");
         await until("high", async () => (await marks()).every((mark) => mark === "H"));
         assert.match(page.url(), /#\/history\?kind=told&level=H&group=studio1$/);
+    },
+    async "a lamp that is not known looks neither lit nor dark, whatever was cut"() {
+        const other = spawn("sh", ["-c", "exec /proc/$(cat /run/board.pid)/exe -i eth0 --listen 127.0.0.1:8095 --names /run/names"]);
+        const looks = () => page.$$eval("section", (all) => all.map((one) => one.className).join());
+        const daemon = (name) => execFileSync("sh", ["-c", `kill -${name} $(pgrep -x orvex)`]);
+        await until("it listens", () => fetch("http://127.0.0.1:8095/").then(() => true, () => false));
+        control("GPI 2 LHHHH");
+        away = true;
+        await page.goto("http://127.0.0.1:8095/lamp/1:2:in1,studio1.fader,7:7:in1?color=green&on=OPEN");
+        const known = () => until("known", async () => await looks() === "lit,dark,unknown", 20);
+        const unknown = (what) => until(what, async () => await looks() === "unknown,unknown,unknown", 20);
+        await known();
+        await checkAccess("lamp");
+        assert.match(await page.$eval("section", (one) => one.innerText), /OPEN.*Studio 1 door/s);
+        await picture("lamp", 1280, 480, "dark");
+        daemon("STOP");
+        await unknown("the device is silent");
+        daemon("CONT");
+        await known();
+        execFileSync("ip", ["link", "set", "eth0", "down"]);
+        await unknown("the bus is lost");
+        execFileSync("sh", ["-c", "ip link set eth0 up; ip route replace 224.0.0.0/4 dev eth0"]);
+        await known();
+        other.kill("SIGKILL");
+        await unknown("the stream is lost");
+        assert.match(await page.$eval("section", (one) => one.innerText), /can't be reached since/);
+        away = false;
+        await page.goto(url);
     },
     async "a lost board is reported, no level is known, and the page recovers"() {
         await goTo("");

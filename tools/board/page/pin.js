@@ -68,7 +68,7 @@ export function showPin(main, name, query) {
     if (store.allowSet && /:out\d$/.test(name)) {
         buttons.append(setting("L", "", "Set low\u2026"), setting("H", "", "Set high\u2026"), setting("L", 500, "Pulse\u2026"));
     }
-    main.replaceChildren(h("p", {}, h("a", { href: "#/" }, "\u2190 All pins")), h("div", { className: "big" }, bulb, h("div", {}, heading, list)), buttons, timeline.element, past);
+    main.replaceChildren(h("p", { className: "ways" }, h("a", { href: "#/" }, "\u2190 All pins"), h("a", { href: `lamp/${name}`, target: "_blank", rel: "noopener" }, "As a lamp that fills the screen")), h("div", { className: "big" }, bulb, h("div", {}, heading, list)), buttons, timeline.element, past);
     current = { name, show };
     show();
     return () => { current = null; timeline.close(); };

@@ -36,7 +36,7 @@ function tell(kind, value) {
 export const now = () => Date.now() + store.offset;
 
 export async function ask(path) {
-    const response = await fetch(path, { signal: AbortSignal.timeout(10000) });
+    const response = await fetch(new URL(path, import.meta.url), { signal: AbortSignal.timeout(10000) });
     const body = await response.json();
     if (!response.ok) {
         throw new Error(body.error ?? response.statusText);
