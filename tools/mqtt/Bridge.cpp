@@ -75,7 +75,7 @@ bool Bridge::Wait(const Signals& signals) {
         fds.push_back({fd, POLLIN, 0});
     }
     TimePoint next = std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(),
-                               m_notify.NextTime(), After(SIGN_EVERY)});
+                               m_links.NextTime(), m_notify.NextTime(), After(SIGN_EVERY)});
     if (m_broker.Connection() != 0) {
         next = std::min(next, m_next_sign);
     }

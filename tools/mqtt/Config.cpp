@@ -286,6 +286,9 @@ void Reader::TakeLink(const Words& words) {
         }
         TakeLinkOption(link, words, next);
     }
+    if (link.pulse_ms > 0 && link.delay + link.hold + link.min_interval > 0) {
+        Refuse("delay, hold and min-interval are not for a pulse");
+    }
     if (const auto reason = RefusalOf(link, m_config.links)) {
         Refuse(*reason);
     }
@@ -307,6 +310,11 @@ void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) 
         link.invert = true;
     } else if (option == "pulse") {
         link.pulse_ms = static_cast<unsigned int>(ParseWhole(value(), 10, LONGEST_PULSE_MS));
+    } else if (option == "delay" || option == "hold" || option == "min-interval") {
+        double& seconds = option == "delay"  ? link.delay
+                          : option == "hold" ? link.hold
+                                             : link.min_interval;
+        seconds = ParseWhole(value(), 1, LONGEST_DELAY) / 1000.0;
     } else if (option == "on-loss") {
         const std::string& level = value();
         link.on_loss = level == "keep" ? std::nullopt : std::optional<Level>(ParseLevel(level));

@@ -15,6 +15,9 @@ struct LinkConfig {
     unsigned int pulse_ms = 0;                  // 0: the output follows
     std::optional<Level> on_loss{Level::High};  // none: it keeps what it was
     double loss_after = 2;                      // seconds
+    double delay = 0;         // seconds that a new level must last before it counts
+    double hold = 0;          // seconds for which the output stays low at least
+    double min_interval = 0;  // seconds between two changes of the output
     int line = 0;
 
     std::string Text() const { return from.Text() + " -> " + to.Text(); }

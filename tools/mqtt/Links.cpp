@@ -67,6 +67,8 @@ void Links::Keep(const Link& before, Link& link) {
     } else {
         link.applied = before.applied;
         link.written = before.written;
+        link.shown = before.shown;
+        link.shown_since = before.shown_since;
     }
 }
 
@@ -179,13 +181,15 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
         if (link.config.pulse_ms == 0) {
             if (std::none_of(link.sources.begin(), link.sources.end(),
                              [](const Source& source) { return source.loops; })) {
-                Apply(link, *value, {}, writes);
+                Apply(link, IsDue(link, *value) ? *value : *link.shown, {}, writes);
             }
         } else if (is_due) {
             writes.push_back({*link.config.to.tag, Level::Low, link.config.pulse_ms, {}});
         }
         return;
     }
+    link.value.reset();
+    link.due = TimePoint::max();
     m_losses[link.config.Text()] = link.good;
     if (Now() < Later(link.good, link.config.loss_after)) {
         return;
@@ -196,6 +200,31 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
     if (link.config.on_loss && link.config.pulse_ms == 0) {
         Apply(link, *link.config.on_loss, "loss", writes);
     }
+}
+
+// Whether the output may be set to the value already.
+bool Links::IsDue(Link& link, Level value) {
+    if (link.value != value) {
+        link.value = value;
+        link.value_since = Now();
+    }
+    TimePoint due{};
+    if (link.shown && link.shown != value) {
+        const double pause = link.shown == Level::Low
+                                 ? std::max(link.config.hold, link.config.min_interval)
+                                 : link.config.min_interval;
+        due = std::max(Later(link.shown_since, pause), Later(link.value_since, link.config.delay));
+    }
+    link.due = due > Now() ? due : TimePoint::max();
+    return due <= Now();
+}
+
+TimePoint Links::NextTime() const {
+    TimePoint next = TimePoint::max();
+    for (const Link& link : m_links) {
+        next = std::min(next, link.due);
+    }
+    return next;
 }
 
 void Links::Vouch(Link& link, TimePoint own_sign) {
@@ -231,6 +260,11 @@ void Links::Apply(Link& link, Level level, const std::string& reason, std::vecto
     }
     link.applied = level;
     link.written = Now();
+    if (link.shown != level) {
+        const bool counts = link.shown || level == Level::Low;  // the first high changes nothing
+        link.shown = level;
+        link.shown_since = counts ? Now() : TimePoint();
+    }
     writes.push_back({*link.config.to.tag, level, 0, reason});
 }
 

@@ -39,8 +39,9 @@ public:
     // this bridge was sent.
     void Take(const Broker::Message& message, TimePoint own_sign);
 
-    // What to write now. Call it after Take(), and twice a second.
+    // What to write now. Call it after Take(), at NextTime(), and twice a second.
     std::vector<Write> Tend(TimePoint own_sign);
+    TimePoint NextTime() const;
 
     // The links for whose sources nobody vouches, to be remembered.
     const LossFile::Times& Losses() const { return m_losses; }
@@ -81,7 +82,12 @@ private:
         LinkConfig config;
         TimePoint good;  // when its level was last known
         std::vector<Source> sources;
-        bool edge = false;  // a pulse is due
+        bool edge = false;           // a pulse is due
+        std::optional<Level> value;  // the last one
+        TimePoint value_since{};
+        std::optional<Level> shown;  // what the output was last set to
+        TimePoint shown_since{};
+        TimePoint due = TimePoint::max();  // when it may be set to the value
         bool lost = false;
         std::optional<Level> applied;  // none: nothing, or it must be written again
         TimePoint written{};
@@ -104,6 +110,7 @@ private:
     void Vouch(Link& link, TimePoint own_sign);
     void NoteLoss(const Link& link, TimePoint own_sign);
     void TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes);
+    static bool IsDue(Link& link, Level value);
     void Apply(Link& link, Level level, const std::string& reason, std::vector<Write>& writes);
 
     const std::string m_prefix;

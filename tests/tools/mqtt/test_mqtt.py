@@ -176,6 +176,25 @@ class MqttTest(unittest.TestCase):
         self.lamp("L", 2, "7:4:out2")
         self.assertIn("is lost: studio:1:2:in1, studio:1:2:in2\n", (RUN / "tower.mqtt").read_text("ascii"))
 
+    def test_chatter(self):
+        self.both(*(f"link studio:1:2:in1 -> tower:7:4:{rest}" for rest in [
+            "out2 delay 600", "out3 hold 1500", "out4 min-interval 900"]))
+        log = RUN / "tower.log"
+        begin = log.stat().st_size
+        for _ in range(3):
+            contact("L")
+            time.sleep(0.15)
+            contact("H")
+            time.sleep(0.15)
+        time.sleep(1.6)
+        states = re.findall(r"GPO 1 ([LH]{5})", log.read_text("ascii")[begin:])
+        lit = ["H" + "".join(state[pin] for state in states) for pin in range(4)]
+        changes = [sum(a != b for a, b in zip(levels, levels[1:])) for levels in lit]
+        self.assertEqual((changes[:3], changes[3] in (2, 3)), ([6, 0, 2], True), lit)
+        contact("L")
+        self.lamp("H", 0.1, "7:4:out2")
+        self.lamp("L", 2, "7:4:out2")
+
     def test_reload(self):
         (RUN / "names").write_text("1:2:in1 red\n1:2:in2 blue\n", "ascii")
         self.broker()
@@ -615,7 +634,7 @@ class MqttTest(unittest.TestCase):
                 (2, base.replace("127.0.0.1", "hub:1883.5"), "whole"),
                 (4, base + "link 1:2:in1 -> 7:4:out1", "there is no site: 1:2:in1"),
                 (4, base + link.replace("studio", "Studio"), "no pin is at this file's site"),
-                (4, base + link + " pulse 12.5", "whole"), (4, base + link + " invert invert", "given twice"),
+                (4, base + link + " pulse 12.5", "whole"), (4, base + link + " hold 9 pulse 90", "not for a pulse"), (4, base + link + " invert invert", "given twice"),
                 (4, base + "site", "needs one value"), (4, base + "password-file /gone", "/gone")]:
             path = RUN / "bad.conf"
             path.write_text(text + "\n", "ascii")
