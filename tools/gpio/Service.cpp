@@ -56,11 +56,12 @@ void Service::Run(Signals& signals) {
         m_notify.Beat();
         const TimePoint next = std::min(m_hardware.NextTime(), m_notify.NextTime());
         poll(fds.data(), fds.size(), m_server.Timeout(MillisecondsUntil(next)));
-        while (const std::optional<int> signal = signals.Take()) {
-            if (*signal != SIGHUP) {
-                m_notify.Stopping();
-                return m_hardware.Release();
-            }
+        const std::optional<int> signal = fds[0].revents != 0 ? signals.Take() : std::nullopt;
+        if (signal && *signal != SIGHUP) {
+            m_notify.Stopping();
+            return m_hardware.Release();
+        }
+        if (signal) {
             Reload();
         }
         // Edges first: what they change is part of the answers.
