@@ -68,7 +68,7 @@ public:
     static constexpr size_t MAX_AT_ONCE = 5000;  // events in one Store(), which bounds its time
     static constexpr size_t KEPT_ASIDE = 3;
     static constexpr unsigned MAX_ROWS = 10000;   // in one answer
-    static constexpr unsigned MAX_LOOKS = 50000;  // events that one search looks at
+    static constexpr unsigned MAX_LOOKS = 20000;  // events that one search looks at
 
     explicit History(HistorySettings settings);
     ~History();

@@ -4,6 +4,7 @@ import { ask, store } from "./store.js";
 import { clockText, dayText, durationText, nameOf, span } from "./text.js";
 
 const AT_ONCE = 200;
+const FEW = 30; // with fewer rows, it looks further back by itself: the board searches a part at a time
 const KINDS = [["", "everything"], ["told", "reports"], ["written", "writes on the bus"], ["set", "sets from a board"],
     ["device-missing", "devices that don't answer"], ["gap-begin", "gaps"], ["clock-set-back", "the clock set back"]];
 const LEVELS = [["", "any level"], ["L", "low"], ["H", "high"]];
@@ -83,6 +84,8 @@ export function eventList(route, given, pin = "") {
     const csv = h("a", { download: "" }, "Download as CSV");
     let events = [];
     let last = 0;
+    let search = 0; // its number: answers to earlier ones are dropped
+    let steps = 0; // of the search
     function query() {
         const parts = new URLSearchParams();
         Object.entries(fields).forEach(([name, field]) => field.value && parts.set(name, field.value));
@@ -100,14 +103,23 @@ export function eventList(route, given, pin = "") {
         return `api/v1/history?${parts}${before ? `&before=${before}` : ""}`;
     }
     async function load(before) {
+        const mine = before ? search : ++search;
+        steps = before ? steps + 1 : 1;
         try {
             const answer = await ask(request(AT_ONCE, before));
+            if (mine !== search) {
+                return;
+            }
             events = before ? [...events, ...answer.events] : answer.events;
             last = answer.last;
             more.hidden = !answer.more;
             body.replaceChildren(...rowsOf(events, !pin));
-            note.textContent = more.hidden ? "Nothing." : "Nothing so far; look further back.";
-            note.hidden = events.length > 0;
+            const goesOn = answer.more && events.length < FEW;
+            note.textContent = goesOn ? "Looking further back." : "Nothing.";
+            note.hidden = !goesOn && events.length > 0;
+            if (goesOn && body.isConnected) {
+                load(last);
+            }
         } catch (error) {
             note.textContent = `The history can't be read: ${error.message}.`;
             note.hidden = false;
@@ -129,6 +141,7 @@ export function eventList(route, given, pin = "") {
             h("div", { className: "tools" }, ...[pinField, group, kind, level, who].filter(Boolean), h("label", {}, "Up to ", to), csv),
             h("table", { className: "events" }, h("thead", { className: "visually" }, h("tr", {}, ...["Time", "Level", ...(pin ? [] : ["Pin"]), "What happened"].map((head) => h("th", { scope: "col" }, head)))), body),
             note, more),
-        refresh: () => events.length <= AT_ONCE && load(),
+        // What took several steps is not searched again and again.
+        refresh: () => steps === 1 && load(),
     };
 }
