@@ -279,7 +279,7 @@ void Reader::CheckChips() {
 // Where symbolic links lead to.
 std::string RealPath(const std::string& path) {
     char* const real = realpath(path.c_str(), nullptr);
-    const std::string result = real != nullptr ? real : path;
+    std::string result = real != nullptr ? real : path;
     free(real);
     return result;
 }

@@ -64,8 +64,8 @@ gpio_v2_line_config Encode(const std::vector<RequestedLine>& lines) {
         outputs |= (settings.flags & GPIO_V2_LINE_FLAG_OUTPUT) != 0 ? bit : 0;
         active |= lines[i].is_active ? bit : 0;
     }
-    config.flags = masks_of_flags.begin()->first;
-    masks_of_flags.erase(masks_of_flags.begin());
+    config.flags = lines.front().settings.flags;  // those of all lines without an attribute
+    masks_of_flags.erase(config.flags);
     masks_of_debounce.erase(0);
     for (const auto& [flags, mask] : masks_of_flags) {
         AddAttribute(config, GPIO_V2_LINE_ATTR_ID_FLAGS, mask).flags = flags;
