@@ -15,7 +15,7 @@ GpioConfig Read(const std::string& text) {
     const Descriptor file(mkstemp(name));
     std::ofstream(name) << text;
     try {
-        const GpioConfig config = GpioConfig::Read(name);
+        GpioConfig config = GpioConfig::Read(name);
         unlink(name);
         return config;
     } catch (const ConfigError& error) {
