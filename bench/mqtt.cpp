@@ -61,7 +61,8 @@ double Linked(BusLink& contact, BusLink& lamp, bool low) {
     const TimePoint start = Now();
     contact.Send(report, REPORT_PORT, false);
     Traffic traffic;
-    while (lamp.Wait(traffic, After(2)) == BusLink::Event::Heard) {
+    const TimePoint end = After(2);
+    while (lamp.Wait(traffic, end) == BusLink::Event::Heard) {
         const CMsg2::Node* const item =
             FindItem(traffic.message, ParsePin("7:4:out1"), CMsg2::ITEM_BYTE);
         if (traffic.GetKind() == Kind::Write && item != nullptr) {

@@ -40,8 +40,11 @@ awk '{ name = substr($0, 1, 22); match($0, /median +[0-9]+/); sum[name] += subst
            printf "the bridges: %.2f times the bare ones, %.2f times two bare clients\n", ours / bare, ours / clients }' /run/ways
 # Where events were lost: datagrams at the bridge's full sockets, events dropped by the bridge, and
 # messages dropped by the broker.
-memory() { awk '/VmRSS/ { print $2 }' "/proc/${pids[0]}/status"; }
-ticks() { awk '{ print $14 + $15 }' "/proc/${pids[0]}/stat"; }
+# Of the studio's bridge: two processes.
+bridge=("${pids[0]}" "$(cat "/proc/${pids[0]}/task/${pids[0]}/children")")
+bridge[1]=${bridge[1]// /}
+memory() { awk '/VmRSS/ { sum += $2 } END { print sum }' "/proc/${bridge[0]}/status" "/proc/${bridge[1]}/status"; }
+ticks() { awk '{ sum += $14 + $15 } END { print sum }' "/proc/${bridge[0]}/stat" "/proc/${bridge[1]}/stat"; }
 bus_lost() {
     local sockets
     sockets=$(find "/proc/${pids[0]}/fd" -lname 'socket:*' -printf '%l ' | tr -dc '0-9 ')
