@@ -9,11 +9,13 @@
 
 #include "net/InetAddress.h"
 #include "tools/base/ErrorText.h"
+#include "tqr/tqrlimits.h"
 
 namespace {
 
 const size_t MAX_OUTPUT = 65536;
 const size_t READ_SIZE = 4096;
+const unsigned VANISHED_AFTER = 20000;  // ms in which nothing that was sent is acknowledged
 
 bool IsTransient(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -34,6 +36,9 @@ void TqrdClient::Connect(const CSvcAddress& server, std::chrono::milliseconds li
     const int on = 1;
     setsockopt(m_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     setsockopt(m_socket.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    set_keep_alive(m_socket.Get(), VANISHED_AFTER);
+    setsockopt(m_socket.Get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &VANISHED_AFTER,
+               sizeof VANISHED_AFTER);
     CInetAddress address;
     address.SetAddress(static_cast<long>(server.GetHost()), server.GetPort());
     m_connecting = true;

@@ -12,7 +12,8 @@
 
 // Connects, sends lines and splits what arrives into lines. Works with any server of control lines,
 // including remote GPIO servers. Waits only in Wait(); throws nothing and raises no signal. A
-// failure closes the connection; see Problem(). For one thread.
+// failure closes the connection, and so does a server whose host has vanished, after 20 seconds;
+// see Problem(). For one thread.
 //
 // In a loop: wait until GetDescriptor() is ready for Events() or Deadline() has come, call Serve(),
 // then take lines with Next() until there is none.

@@ -254,6 +254,27 @@ class BoardTest(unittest.TestCase):
         subprocess.run(["prlimit", f"--pid={board_pid()}", "--nofile=1024:"], check=True)
         subprocess.run("ip addr del 10.99.0.1/24 dev eth0", shell=True, check=True)
 
+    def test_a_control_server_that_vanishes_is_not_believed(self):
+        lines = "CFG GPO 2 SRCA=9:9\\nGPI 2 LHHHH\\n"
+        serve = f"import socket, time; c = socket.create_server(('', 93)).accept()[0]; c.sendall(b'{lines}'); time.sleep(99)"
+        server = subprocess.Popen(["ip", "netns", "exec", "studio", sys.executable, "-c", serve])
+        board = subprocess.Popen([f"/proc/{board_pid()}/exe", "-i", "eth0", "--listen", "127.0.0.1:8094", "-r", "10.77.0.2"])
+
+        def level():
+            connection = http.client.HTTPConnection("127.0.0.1", 8094, timeout=10)
+            with contextlib.suppress(OSError), contextlib.closing(connection):
+                connection.request("GET", "/api/v1/pins")
+                return next((one["level"] for one in json.loads(connection.getresponse().read())["pins"]
+                             if one["pin"] == "9:9:in1"), "")
+
+        until(lambda: level() == "L")
+        subprocess.run("ip netns exec studio ip link set eth0 down", shell=True, check=True)
+        until(lambda: level() is None, 30)
+        subprocess.run("ip netns exec studio ip link set eth0 up", shell=True, check=True)
+        for program in (board, server):
+            program.kill()
+            program.wait()
+
     def test_an_idle_board_sleeps(self):
         def wakes():
             status = pathlib.Path(f"/proc/{board_pid()}/status").read_text("ascii")
