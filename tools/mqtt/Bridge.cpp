@@ -121,11 +121,13 @@ void Bridge::Follow(const MqttConfig& fresh) {
     }
     const std::set<std::string> now = m_links.Subscriptions();
     for (const std::string& topic : links) {
-        if (now.count(topic) == 0) {
+        if (now.count(topic) == 0 && topic != m_topics.Alive() && topic != m_topics.Status()) {
             m_broker.Unsubscribe(topic);
         }
     }
-    Subscribe();  // again: the broker sends what it has retained
+    for (const std::string& topic : now) {  // again: the broker sends what it has retained
+        m_broker.Subscribe(topic);
+    }
     Announce();
 }
 
@@ -291,10 +293,10 @@ void Bridge::TakeClaim(const std::string& payload) {
     m_rival = m_has_claimed ? std::string() : payload;
 }
 
-// Removed later, unless it is published again.
+// Removed later, unless it is published again: so nothing counts that comes after that has begun.
 void Bridge::TakeLeftover(const Broker::Message& message) {
-    if (message.retained && !message.payload.empty() && message.topic.size() <= LONGEST_TOPIC &&
-        m_leftovers.size() < MOST_LEFTOVERS) {
+    if (m_phase == Phase::Connected && message.retained && !message.payload.empty() &&
+        message.topic.size() <= LONGEST_TOPIC && m_leftovers.size() < MOST_LEFTOVERS) {
         m_leftovers.insert(message.topic);
     }
 }

@@ -221,6 +221,8 @@ class MqttTest(unittest.TestCase):
         self.until(lambda: retained("orvex/studio/pin/green/level") == "L", 3, "no new name")
         self.until(lambda: not retained("homeassistant/binary_sensor/orvex_studio_1_2_in2/config"), 3, "a ghost")
         self.assertEqual([retained(f"orvex/studio/pin/{name}") for name in ("red", "blue")], ["", ""])
+        time.sleep(1)
+        self.assertEqual([retained(f"orvex/studio/pin/{name}/level") for name in ("green", "1/2/in1")], ["L", "L"])
         self.assertIn("green", retained("homeassistant/binary_sensor/orvex_studio_1_2_in1/config"))
 
     def test_sets(self):
