@@ -8,7 +8,6 @@ const uint8_t HEADER_31 = 0x80;
 const uint8_t TALLIES_31 = 0x0F;
 const int BRIGHTNESS_SHIFT_31 = 4;
 const uint8_t RESERVED_31 = 0xC0;  // later versions use it for messages of other kinds
-const size_t LABEL_31 = 16;
 
 const size_t COUNT_SIZE = 2;
 const size_t HEADER_SIZE = 6;   // with the count: version, flags, screen
