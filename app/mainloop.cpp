@@ -114,7 +114,7 @@ bool CMainLoop::drop_vanished() {
 // Watches every remote connection once, through the lowest entry that shares it. When the sweep is
 // due, reconnects those that are down.
 void CMainLoop::watch_remotes() {
-    const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_S * 1000;
+    const bool sweep_due = milliseconds_between(m_sweep, m_now) > SWEEP_PERIOD_S * 1000LL;
     m_remotes = 0;
     for_each_entry(gpiocli.entries(), [&](int entry) {
         int fd = gpiocli.get_fd(entry);
