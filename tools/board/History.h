@@ -98,7 +98,7 @@ public:
         int64_t until = std::numeric_limits<int64_t>::max();
         int64_t before_id = std::numeric_limits<int64_t>::max();  // only events before that one
         unsigned limit = 1000;                                    // at most MAX_ROWS
-        std::function<bool(const Event&)> fits;                   // null: all do
+        std::function<bool(const Event&)> fits = nullptr;         // null: all do
     };
     struct Answer {
         std::vector<Event> events;     // the last one first
