@@ -18,7 +18,7 @@ bool Covers(const Display& display, const Display& place) {
 
 }  // namespace
 
-void Rules::Configure(const std::vector<TslRule>& rules) {
+std::vector<Rules::Write> Rules::Configure(const std::vector<TslRule>& rules) {
     std::vector<Rule> made;
     for (const TslRule& config : rules) {
         const auto same = std::find_if(m_rules.begin(), m_rules.end(), [&config](const Rule& rule) {
@@ -33,7 +33,22 @@ void Rules::Configure(const std::vector<TslRule>& rules) {
         rule.config = config;
         made.push_back(rule);
     }
+    std::vector<Write> writes;
+    for (const Rule& old : m_rules) {
+        if (std::none_of(made.begin(), made.end(),
+                         [&old](const Rule& rule) { return rule.config.tag == old.config.tag; })) {
+            Release(old, writes);
+        }
+    }
     m_rules = std::move(made);
+    return writes;
+}
+
+// Nobody controls its output any more.
+void Rules::Release(const Rule& rule, std::vector<Write>& writes) {
+    if (rule.config.on_loss && rule.written != rule.config.on_loss) {
+        writes.push_back({rule.config.tag, *rule.config.on_loss});
+    }
 }
 
 void Rules::Take(const std::vector<Display>& displays, uint32_t host) {
@@ -139,9 +154,7 @@ void Rules::WriteAgain() {
 std::vector<Rules::Write> Rules::End() {
     std::vector<Write> writes;
     for (const Rule& rule : m_rules) {
-        if (rule.config.on_loss && rule.written != rule.config.on_loss) {
-            writes.push_back({rule.config.tag, *rule.config.on_loss});
-        }
+        Release(rule, writes);
     }
     return writes;
 }

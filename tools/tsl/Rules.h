@@ -20,8 +20,9 @@ public:
         Level level;
     };
 
-    // Replaces the rules. Those that stay the same keep what they know.
-    void Configure(const std::vector<TslRule>& rules);
+    // Replaces the rules. Those that stay the same keep what they know. Returns what to write to
+    // outputs that no longer have a rule: as if their switchers were lost.
+    std::vector<Write> Configure(const std::vector<TslRule>& rules);
 
     // Processes the displays of one packet.
     void Take(const std::vector<Display>& displays, uint32_t host);
@@ -57,6 +58,7 @@ private:
         TimePoint again = TimePoint::max();  // when to write once more
     };
 
+    static void Release(const Rule& rule, std::vector<Write>& writes);
     void TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes);
 
     std::vector<Rule> m_rules;

@@ -55,7 +55,9 @@ Service::Service(const TslConfig& config)
 
 void Service::Configure(const TslConfig& config) {
     m_config = config;
-    m_rules.Configure(config.rules);
+    for (const Rules::Write& write : m_rules.Configure(config.rules)) {
+        Write(write);
+    }
     m_outputs.Configure(config.send, config.pins);
     for (const TslRule& rule : config.rules) {
         m_follower.Want({rule.tag >> 8, static_cast<uint8_t>(rule.tag & 0xFF)});

@@ -166,6 +166,11 @@ class TslTest(unittest.TestCase):
         self.lamp("1:2:out1", "H", meanwhile=lambda: self.say(v31(2, 2)))
         with self.assertRaises(ConnectionRefusedError):
             socket.create_connection(("127.0.0.1", 8901))
+        self.say(v31(2, 1))
+        self.lamp("1:2:out1", "L", meanwhile=lambda: self.say(v31(2, 1)))
+        CONFIG.write_text(LINES.replace("display 2", "display 3").replace("out1", "out4"), "ascii")
+        self.program.send_signal(signal.SIGHUP)
+        self.lamp("1:2:out1", "H", meanwhile=lambda: self.say(v31(2, 1)))
 
 
 if __name__ == "__main__":
