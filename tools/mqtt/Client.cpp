@@ -62,7 +62,7 @@ private:
     mosquitto* m_client = nullptr;
     bool m_ends = false;
     int m_refusal = 0;                           // the broker's reason
-    std::string m_last_error;                    // as logged by the library
+    std::string m_last_error;                    // as logged by the library, or about a file
     TimePoint m_heard = Now();                   // from the bridge
     std::map<int, std::string> m_subscriptions;  // not answered yet
     std::map<int, uint32_t> m_numbers;           // of the bridge, for those of the library
@@ -189,6 +189,11 @@ int Client::Prepare() {
     }
     if (!m_config.tls) {
         return MOSQ_ERR_SUCCESS;
+    }
+    for (const std::string& path : {m_config.ca, m_config.certificate, m_config.key}) {
+        if (!path.empty() && access(path.c_str(), R_OK) != 0) {
+            m_last_error = "can't read " + path;
+        }
     }
     const auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
     return mosquitto_tls_set(m_client, file(m_config.ca),
@@ -331,13 +336,16 @@ std::string Client::Text(int error) const {
     if (m_refusal != 0) {
         return mosquitto_reason_string(m_refusal);
     }
-    if (error == MOSQ_ERR_ERRNO) {
-        return errno == 0 ? "it closed the connection" : ErrorText(errno);
+    if (error == MOSQ_ERR_ERRNO && errno == 0) {
+        return "it closed the connection";
     }
     if (error == MOSQ_ERR_KEEPALIVE) {  // the library has no text for it
         return "it does not answer";
     }
-    const std::string text = mosquitto_strerror(error);
+    if (error == MOSQ_ERR_INVAL && !m_last_error.empty()) {  // about a file
+        return m_last_error;
+    }
+    const std::string text = error == MOSQ_ERR_ERRNO ? ErrorText(errno) : mosquitto_strerror(error);
     return m_last_error.empty() ? text : text + " (" + m_last_error + ")";
 }
 

@@ -7,7 +7,8 @@
 namespace {
 
 const double FRESH = SHORTEST_LOSS;  // seconds; older heartbeats prove nothing
-const double REWRITE_PAUSE = 5;      // seconds, against an output that somebody else sets
+const double PACE = 0.25;        // seconds; heartbeats that have waited come in shorter intervals
+const double REWRITE_PAUSE = 5;  // seconds, against an output that somebody else sets
 
 }  // namespace
 
@@ -105,10 +106,24 @@ void Links::TakeSite(Site& site, const Topics& topics, const Broker::Message& me
         site.was_seen = true;
     } else if (message.topic == topics.Alive() && !message.retained) {
         if (const auto sign = ParseSign(message.payload)) {
-            site.bridge = sign->bridge;
-            site.sign = Now();
+            TakeSign(site, *sign);
         }
     }
+}
+
+// After a pause, a cable or another broker may deliver at once all that it has kept, old states and
+// the heartbeats between them. That is over when a heartbeat comes in its time.
+void Links::TakeSign(Site& site, const Sign& sign) {
+    const bool is_first = site.sign == TimePoint();
+    if (site.sign <= After(-FRESH)) {
+        site.is_paced = false;
+        site.is_late = !is_first;
+    } else if (site.sign <= After(-PACE)) {
+        site.is_paced = true;
+        site.is_late = false;
+    }
+    site.bridge = sign.bridge;
+    site.sign = Now();
 }
 
 // A pulse is only due for a change that has just happened.
@@ -119,8 +134,8 @@ void Links::TakeState(Link& link, Source& source, const Broker::Message& message
     const std::optional<Level> before = ValueOf(link, own_sign);
     TakeSource(link, source, message);
     const std::optional<Level> after = ValueOf(link, own_sign);
-    if (!message.retained && was_known && source.bridge == bridge && before && after &&
-        before != after) {
+    if (!message.retained && was_known && m_sites.at(source.pin.site).is_paced &&
+        source.bridge == bridge && before && after && before != after) {
         link.edge = after == Level::Low;
     }
 }
@@ -142,7 +157,7 @@ void Links::TakeSource(const Link& link, Source& source, const Broker::Message& 
 
 bool Links::IsKnown(const Source& source, TimePoint own_sign) const {
     const Site& site = m_sites.at(source.pin.site);
-    return site.online && source.level && source.bridge == site.bridge &&
+    return site.online && !site.is_late && source.level && source.bridge == site.bridge &&
            std::min(own_sign, site.sign) > After(-FRESH);
 }
 

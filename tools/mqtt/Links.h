@@ -97,12 +97,15 @@ private:
         bool online = false;
         bool was_seen = false;  // has ever published a status
         uint32_t bridge = 0;    // the number of who is alive
-        TimePoint sign{};
+        TimePoint sign{};       // its last heartbeat
+        bool is_late = false;   // what arrives after a pause may have waited somewhere
+        bool is_paced = false;  // heartbeats arrive as they were sent: nothing has waited
     };
 
     void Build(const MqttConfig& config, const LossFile::Times& losses);
     static void Keep(const Link& before, Link& link);
-    void TakeSite(Site& site, const Topics& topics, const Broker::Message& message);
+    static void TakeSite(Site& site, const Topics& topics, const Broker::Message& message);
+    static void TakeSign(Site& site, const Sign& sign);
     void TakeState(Link& link, Source& source, const Broker::Message& message, TimePoint own_sign);
     void TakeSource(const Link& link, Source& source, const Broker::Message& message);
     bool IsKnown(const Source& source, TimePoint own_sign) const;

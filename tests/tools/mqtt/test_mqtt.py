@@ -341,6 +341,22 @@ class MqttTest(unittest.TestCase):
         self.says("is online", key="tower")
         self.assertEqual(level_of("7:4:out3"), "H")  # missed pulses are not repeated
 
+    def test_late_changes_are_not_followed(self):
+        self.lit("link studio:1:2:in3 -> tower:7:4:out3 pulse 500")
+        studio, log = self.processes["studio"], RUN / "tower.log"
+        studio.send_signal(signal.SIGSTOP)  # as if a cable or a second broker kept its messages
+        time.sleep(0.2)
+        begin = log.stat().st_size
+        contacts("HHL")
+        time.sleep(4)
+        studio.send_signal(signal.SIGCONT)
+        time.sleep(2)
+        self.assertEqual(re.findall(r"GPO 1 ([LH]{5})", log.read_text("ascii")[begin:]), ["HHHHH"])
+        for level in "HL":
+            contact(level, pin=3)
+            time.sleep(0.3)
+        self.until(lambda: "HHLHH" in log.read_text("ascii")[begin:], 3, "no pulse")
+
     def test_end_and_keep(self):
         self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss keep")
         self.lamp("L", pin="7:4:out2")
