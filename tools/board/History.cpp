@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,6 +23,7 @@ const int64_t RETRY_AFTER = 2000;       // ms
 const int DROP_AT_ONCE = 2000;          // rows, so that dropping never takes long
 
 const char* const NOT_RUNNING = "the board was not running";
+const char* const REPLACED = "the history was replaced";
 const char* const NOT_WRITTEN = "the history could not be written";
 
 const char* const SCHEMA =
@@ -41,6 +43,15 @@ void BindText(sqlite3_stmt* statement, int column, const std::string& text) {
         sqlite3_bind_text(statement, column, text.data(), static_cast<int>(text.size()),
                           SQLITE_TRANSIENT);
     }
+}
+
+// None: there is no such file.
+std::optional<std::pair<uint64_t, uint64_t>> IdOf(const std::string& file) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return std::pair<uint64_t, uint64_t>(status.st_dev, status.st_ino);
 }
 
 int64_t Monotonic() {
@@ -66,6 +77,7 @@ History::~History() = default;
 
 void History::Open(int64_t now) {
     m_start = now;
+    m_before = NOT_RUNNING;
     if (!IsInMemory() && !Lock()) {
         throw std::runtime_error(m_problem);
     }
@@ -119,6 +131,7 @@ bool History::OpenFile() {
         event.id = m_next++;
     }
     m_opened = true;
+    m_log = IdOf(m_settings.file + "-wal");
     m_problem.clear();
     return true;
 }
@@ -148,7 +161,7 @@ bool History::Prepare() {
     return m_insert && m_alive;
 }
 
-// Once. The board may have been killed during a gap.
+// Once for each file. The board may have been killed during a gap.
 bool History::NoteStart() {
     const int64_t alive = std::max(Number("SELECT time FROM alive"),
                                    Number("SELECT time FROM events ORDER BY id DESC LIMIT 1"));
@@ -175,8 +188,8 @@ bool History::NoteStart() {
             add(EventKind::ClockSetBack, m_start, "");
             events.back().duration = alive - m_start;
         }
-        add(EventKind::GapBegin, std::min(alive, m_start), NOT_RUNNING);
-        add(EventKind::GapEnd, m_start, NOT_RUNNING);
+        add(EventKind::GapBegin, std::min(alive, m_start), m_before);
+        add(EventKind::GapEnd, m_start, m_before);
     }
     m_start = 0;
     m_waiting.insert(m_waiting.begin(), events.begin(), events.end());
@@ -323,8 +336,7 @@ void History::Keep(int64_t now) {
         return;
     }
     if (IsTakenAway()) {
-        Close();
-        m_notice = m_settings.file + " was removed";
+        LetGo(now);
         return;
     }
     sqlite3_bind_int64(m_alive.get(), 1, now);
@@ -341,6 +353,18 @@ bool History::IsTakenAway() const {
     int moved = 0;
     return sqlite3_file_control(m_db.get(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
            moved != 0;
+}
+
+// SQLite leaves the log of a file that was moved, and would apply it to the next one of that name.
+void History::LetGo(int64_t now) {
+    Close();
+    const std::string log = m_settings.file + "-wal";
+    if (IdOf(log) == m_log) {
+        remove(log.c_str());
+    }
+    m_start = now;
+    m_before = REPLACED;
+    m_notice = m_settings.file + (IdOf(m_settings.file) ? " was replaced" : " was removed");
 }
 
 int64_t History::Bytes() {

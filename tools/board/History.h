@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/base/Descriptor.h"
@@ -58,9 +59,10 @@ struct HistorySettings {
 // collected and stored in one transaction, within STORE_AFTER of the first. Problem() reports
 // trouble with the file, which affects only the history: events wait, up to a bound, while the disk
 // is full; a damaged history is set aside for a new one, and the newest KEPT_ASIDE of them
-// remain; a missing one is created again; a file that is something else is left alone and checked
-// again. Only one program at a time uses a file. Times are milliseconds since 1970, of a clock that
-// may be set; the order of events is that in which they were added.
+// remain; a missing one is created again; one that another has replaced is let go for the other,
+// with a gap; a file that is something else is left alone and checked again. Only one program at a
+// time uses a file. Times are milliseconds since 1970, of a clock that may be set; the order of
+// events is that in which they were added.
 class History {
 public:
     static constexpr int STORE_AFTER = 40;  // ms
@@ -133,6 +135,9 @@ private:
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
+    // Device and inode.
+    using FileId = std::pair<uint64_t, uint64_t>;
+
     static constexpr int64_t SET_BACK = 1000;  // ms; less may be the disorder of two messages
 
     // Events with identifiers from begin to before end.
@@ -161,6 +166,7 @@ private:
     bool ReadEarlier(int64_t before_id, const Query& query, Answer& answer);
     bool ReadGaps(const Query& query, Answer& answer);
     bool IsTakenAway() const;
+    void LetGo(int64_t now);
     bool Drop(int64_t now);
     void Trouble();
     void Recover(int64_t now);
@@ -182,7 +188,9 @@ private:
     int64_t m_lost = 0;
     int64_t m_lost_from = 0;  // 0: nothing was lost since the last time that events were stored
     int64_t m_lost_until = 0;
-    int64_t m_start = 0;  // since when events are kept; 0: the file knows it
+    int64_t m_start = 0;          // since when events are kept; 0: the file knows it
+    std::string m_before;         // why the file lacks what happened before
+    std::optional<FileId> m_log;  // the file's write-ahead log
     int64_t m_retry = 0;
     int m_code = 0;
     bool m_opened = false;   // the file was a history once, whatever it looks like now

@@ -161,6 +161,25 @@ TEST_F(HistoryTest, SurvivesDamagedFiles) {
     }
 }
 
+// The log of the replaced file must not be applied to the other one.
+TEST_F(HistoryTest, ContinuesAFileThatReplacesIt) {
+    Fill(600);
+    fs::copy_file(File(), File(".old"));
+    History history(settings);
+    history.Open(START + 5000);
+    int64_t now = START + 6000;
+    Live(history, now);
+    fs::rename(File(".old"), File());
+    const int64_t replaced = now;
+    Live(history, now);
+    const auto answer = history.Find({}, now);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(CountOf(history, now), 603U);
+    ASSERT_EQ(answer->gaps.size(), 1U);
+    EXPECT_EQ(answer->gaps[0].from, START + 599);
+    EXPECT_EQ(answer->gaps[0].until, replaced);
+}
+
 // Events dropped while the file could not be written leave a gap. So does the time before the
 // start, however late the file could be opened.
 TEST_F(HistoryTest, RecordsGaps) {
