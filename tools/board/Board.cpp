@@ -29,6 +29,7 @@ FollowPolicy Policy() {
     FollowPolicy policy;
     policy.reads = FollowPolicy::Reads::Addresses;
     policy.keeps_trying = true;
+    policy.takes_while_down = false;
     return policy;
 }
 

@@ -158,6 +158,9 @@ void PinFollower::TakeMessage(TimePoint now) {
     if (on_message) {
         on_message(m_traffic, is_repeat);
     }
+    if (!IsUp() && !m_policy.takes_while_down) {
+        return;
+    }
     if ((kind == Kind::Report || kind == Kind::Reply) && m_traffic.port == m_settings.listen_port) {
         TakeTold(kind, now);
     } else if (kind == Kind::Write && m_traffic.port == m_settings.send_port) {

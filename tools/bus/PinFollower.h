@@ -50,6 +50,9 @@ struct FollowPolicy {
     int misses = 3;
     // Whether pins that somebody has written are read, see PinStates.
     bool reads_written = true;
+    // Whether what is heard while the bus is down counts, such as the reports of a daemon on the
+    // same host. It can't be read again then: nobody would notice if the daemon ends.
+    bool takes_while_down = true;
 
     // If the bus can't be used at the start, tries again every second. Otherwise the constructor
     // throws BusError.
