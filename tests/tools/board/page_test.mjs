@@ -164,6 +164,35 @@ const tests = {
         proxy.close();
         proxy.closeAllConnections();
     },
+    async "pins that were asked for before the stream was lost are not believed"() {
+        const streams = [];
+        let held = false;
+        control("GPI 2 LHHHH");
+        const proxy = createServer((from, to) => {
+            request(url + from.url.slice(1), { method: from.method, headers: from.headers }, async (answer) => {
+                from.url.endsWith("/events") && streams.push(to);
+                if (from.url.endsWith("/pins") && !held) {
+                    held = true;
+                    await sleep(6000); // longer than the page needs to follow the stream again
+                }
+                to.writeHead(answer.statusCode, answer.headers);
+                answer.pipe(to);
+            }).end();
+        }).listen(8080);
+        away = true;
+        await page.goto("http://127.0.0.1:8080/lamp/1:2:in2");
+        await until("asked", () => held && streams.length > 0);
+        streams[0].destroy();
+        await sleep(500);
+        control("GPI 2 LLHHH");
+        await sleep(7000);
+        assert.equal(await page.$eval("section", (lamp) => lamp.className), "lit");
+        proxy.close();
+        proxy.closeAllConnections();
+        await page.goto(url);
+        control("GPI 2 LHHHH");
+        away = false;
+    },
     async "filters of the history stand in the address"() {
         await goTo("history?kind=told&level=L&group=studio1");
         await until("rows", () => page.$(".events .told"));

@@ -75,6 +75,7 @@ function take(event) {
         load();
     } else if (event.name === "lost") {
         open = false;
+        waiting = null; // what is being loaded may miss something
         become("lost", event.reason);
     } else if (waiting) {
         waiting.push(event);
@@ -92,9 +93,13 @@ async function load() {
     if (waiting) {
         return;
     }
-    waiting = [];
+    const mine = [];
+    waiting = mine;
     try {
         const all = await ask("api/v1/pins");
+        if (waiting !== mine) {
+            return;
+        }
         store.offset = all.now - Date.now();
         store.groups = all.groups;
         store.board = all.board;
@@ -102,17 +107,17 @@ async function load() {
         store.pins = new Map(all.pins.map((pin) => [pin.pin, pin]));
         const later = waiting.filter(({ id }) => runOf(id) !== runOf(all.stream) || numberOf(id) > numberOf(all.stream));
         waiting = null;
-        if (open) {
-            store.since = heard = Date.now();
-            become("live");
-        }
+        store.since = heard = Date.now();
+        become("live");
         tell("pins");
         tell("status");
         later.forEach(take);
     } catch {
-        waiting = null;
-        become("lost");
-        setTimeout(() => open && load(), AGAIN_IN);
+        if (waiting === mine) {
+            waiting = null;
+            become("lost");
+            setTimeout(() => open && load(), AGAIN_IN);
+        }
     }
 }
 
@@ -153,6 +158,7 @@ function followTogether() {
 function connect() {
     close?.();
     open = false;
+    waiting = null;
     try {
         close = followTogether();
     } catch {
