@@ -27,6 +27,13 @@ function unknownText(pin) {
     return pin.state === "written" ? `${pin.level} requested, not confirmed` : pin.heard ? `not known for ${span(now() - pin.since)}` : "never heard";
 }
 
+// With two devices of the same address, a lamp shows what the last one said.
+function sharedText(pin) {
+    const address = `${pin.pin.slice(0, pin.pin.lastIndexOf(":"))} `;
+    const text = store.board?.shared?.find((one) => one.startsWith(address));
+    return text && isCurrent() ? `. ${text}` : "";
+}
+
 function makeLamp(name) {
     const parts = [h("p", { className: "word", role: "status" }), h("h1", {}), h("p", { className: "since" })];
     const element = h("section", { className: "unknown" }, ...parts);
@@ -34,7 +41,7 @@ function makeLamp(name) {
     const show = () => {
         const pin = asKnown(find(name));
         const look = lookOf(pin);
-        const texts = [words[look], nameOf(pin), look === "unknown" ? unknownText(pin) : span(now() - pin.since)];
+        const texts = [words[look], nameOf(pin), look === "unknown" ? unknownText(pin) : span(now() - pin.since) + sharedText(pin)];
         parts.forEach((part, i) => part.textContent !== texts[i] && (part.textContent = texts[i]));
         element.className = look;
         element.style.setProperty("--letters", Math.max(3, words[look].length));
