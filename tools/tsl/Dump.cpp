@@ -75,6 +75,10 @@ void DumpDisplays(const std::vector<TslListen>& listen, bool json, Signals& sign
                           "malformed: " + reason + (bytes.empty() ? "" : ": " + HexOf(bytes)));
             }
         },
+        [](uint64_t count) {
+            fprintf(stderr, "%llu datagrams were lost: they came too fast\n",
+                    static_cast<unsigned long long>(count));
+        },
         [](const std::string& text) { fprintf(stderr, "%s\n", Printable(text).c_str()); });
     inputs.Listen(listen);
     // cppcheck-suppress variableScope; its memory is used again

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -71,8 +72,11 @@ std::string HexOf(const std::string& bytes) {
     return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
-Inputs::Inputs(Take take, Malformed malformed, Log log)
-    : m_take(std::move(take)), m_malformed(std::move(malformed)), m_log(std::move(log)) {}
+Inputs::Inputs(Take take, Malformed malformed, Lost lost, Log log)
+    : m_take(std::move(take)),
+      m_malformed(std::move(malformed)),
+      m_lost(std::move(lost)),
+      m_log(std::move(log)) {}
 
 void Inputs::Listen(const std::vector<TslListen>& wanted) {
     std::list<Listener> added;
@@ -130,6 +134,7 @@ Inputs::Listener Inputs::Open(const TslListen& config) const {
         setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     } else {
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+        setsockopt(fd.Get(), SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     }
     Check(bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, what);
     Check(!tcp || listen(fd.Get(), BACKLOG) == 0, what);
@@ -167,18 +172,45 @@ void Inputs::Serve(const std::vector<pollfd>& fds) {
 void Inputs::Receive(Listener& listener) {
     uint8_t buffer[TSL5_MAX_SIZE + 1];  // one more, to see what is too long
     for (int i = 0; i < DATAGRAMS; ++i) {
-        sockaddr_in from = {};
-        socklen_t length = sizeof from;
-        const ssize_t size = recvfrom(listener.socket.Get(), buffer, sizeof buffer, 0,
-                                      reinterpret_cast<sockaddr*>(&from), &length);
+        uint32_t host = 0;
+        const ssize_t size = ReceiveOne(listener, buffer, sizeof buffer, host);
         if (size < 0) {
             return;
         }
-        const uint32_t host = ntohl(from.sin_addr.s_addr);
         if (IsAllowed(listener.config, host)) {
             TakePacket(listener.config.version, host, buffer, static_cast<size_t>(size));
         }
     }
+}
+
+// The system tells with a datagram how many were lost before it. What they said is not known, so
+// that is told first.
+ssize_t Inputs::ReceiveOne(Listener& listener, uint8_t* data, size_t size, uint32_t& host) {
+    sockaddr_in from = {};
+    iovec part = {data, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(uint32_t))];
+    msghdr message = {};
+    message.msg_name = &from;
+    message.msg_namelen = sizeof from;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t received = recvmsg(listener.socket.Get(), &message, 0);
+    if (received < 0) {
+        return received;
+    }
+    host = ntohl(from.sin_addr.s_addr);
+    const cmsghdr* const head = CMSG_FIRSTHDR(&message);
+    if (head != nullptr && head->cmsg_level == SOL_SOCKET && head->cmsg_type == SO_RXQ_OVFL) {
+        uint32_t lost = 0;
+        memcpy(&lost, CMSG_DATA(head), sizeof lost);
+        if (lost != listener.lost) {
+            m_lost(lost - listener.lost);
+            listener.lost = lost;
+        }
+    }
+    return received;
 }
 
 void Inputs::Accept(Listener& listener) {

@@ -23,9 +23,11 @@ public:
     // A packet that was not, with the reason; of a stream, without bytes.
     using Malformed =
         std::function<void(uint32_t host, const std::string& reason, const std::string& bytes)>;
+    // So many datagrams were lost because earlier ones were not taken in time.
+    using Lost = std::function<void(uint64_t count)>;
     using Log = std::function<void(const std::string&)>;
 
-    Inputs(Take take, Malformed malformed, Log log);
+    Inputs(Take take, Malformed malformed, Lost lost, Log log);
 
     // Listens there and nowhere else. Sockets of places that stay are not touched. If one can't be
     // had, throws std::system_error and nothing has changed.
@@ -45,6 +47,7 @@ private:
         Descriptor socket;
         size_t clients = 0;
         bool refused = false;  // told that there are too many
+        uint32_t lost = 0;     // datagrams, as the system counts them
     };
     struct Client {
         Descriptor socket;
@@ -55,6 +58,7 @@ private:
 
     Listener Open(const TslListen& config) const;
     void Receive(Listener& listener);
+    ssize_t ReceiveOne(Listener& listener, uint8_t* data, size_t size, uint32_t& host);
     void Accept(Listener& listener);
     bool Read(Client& client);
     void TakePacket(TslVersion version, uint32_t host, const uint8_t* data, size_t size);
@@ -62,6 +66,7 @@ private:
 
     const Take m_take;
     const Malformed m_malformed;
+    const Lost m_lost;
     const Log m_log;
     std::list<Listener> m_listeners;
     std::list<Client> m_clients;

@@ -58,6 +58,7 @@ void Rules::Take(const std::vector<Display>& displays, uint32_t host) {
             if (Covers(display, rule.config.place)) {
                 rule.lit = rule.config.IsLit(display.tallies);
                 rule.host = host;
+                rule.doubtful = false;
                 m_hosts[host] = now;
             }
         }
@@ -65,6 +66,12 @@ void Rules::Take(const std::vector<Display>& displays, uint32_t host) {
     const auto known = m_hosts.find(host);
     if (known != m_hosts.end()) {
         known->second = now;
+    }
+}
+
+void Rules::Doubt() {
+    for (Rule& rule : m_rules) {
+        rule.doubtful = true;
     }
 }
 
@@ -85,15 +92,16 @@ std::vector<Rules::Write> Rules::Tend() {
 }
 
 void Rules::TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes) {
-    if (rule.lit) {
+    if (rule.lit && !rule.doubtful) {
         rule.good = m_hosts[rule.host];
     }
     const std::string what = "the display in line " + std::to_string(rule.config.line);
     if (rule.config.on_loss && now >= Later(rule.good, rule.config.loss_after)) {
         if (!rule.lost) {
-            m_notes.push_back(rule.lit
-                                  ? what + " is lost: " + TslHostText(rule.host) + " sends nothing"
-                                  : what + " is lost: nobody has told it");
+            m_notes.push_back(what + " is lost: " +
+                              (!rule.lit       ? "nobody has told it"
+                               : rule.doubtful ? "datagrams were lost, and it was not told again"
+                                               : TslHostText(rule.host) + " sends nothing"));
         }
         rule.lost = true;
         rule.lit.reset();
@@ -124,7 +132,8 @@ TimePoint Rules::NextTime() const {
         next = std::min(next, rule.again);
         if (rule.config.on_loss && !rule.lost) {
             const auto host = m_hosts.find(rule.host);
-            const TimePoint good = rule.lit && host != m_hosts.end() ? host->second : rule.good;
+            const bool is_followed = rule.lit && !rule.doubtful && host != m_hosts.end();
+            const TimePoint good = is_followed ? host->second : rule.good;
             next = std::min(next, Later(good, rule.config.loss_after));
         }
     }

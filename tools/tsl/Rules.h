@@ -27,6 +27,10 @@ public:
     // Processes the displays of one packet.
     void Take(const std::vector<Display>& displays, uint32_t host);
 
+    // Something that was sent is not known: what a display said before counts until its on-loss
+    // time is over, however alive its host is, unless it is told again.
+    void Doubt();
+
     // What to write now: after Take(), and when NextTime() has come.
     std::vector<Write> Tend();
     TimePoint NextTime() const;
@@ -52,6 +56,7 @@ private:
         std::optional<bool> lit;  // none: nobody has told, or who did is lost
         uint32_t host = 0;        // who told
         TimePoint good{};         // when that host was heard last, or the start
+        bool doubtful = false;    // something may have been said since
         bool lost = false;
         std::optional<Level> written;
         TimePoint written_at{};

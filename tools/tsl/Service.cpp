@@ -41,6 +41,11 @@ Service::Service(const TslConfig& config)
                [this](uint32_t host, const std::string& reason, const std::string& bytes) {
                    Complain(host, reason, bytes);
                },
+               [this](uint64_t count) {
+                   m_lost += count;
+                   m_rules.Doubt();
+                   Complain();
+               },
                Log),
       m_outputs(Log) {
     m_follower.on_change = [this](const PinChange& change) { TakeChange(change); };
@@ -191,7 +196,11 @@ void Service::Complain(uint32_t host, const std::string& reason, const std::stri
     if (complaint.count++ == 0) {
         complaint.first = reason + (bytes.empty() ? "" : ": " + HexOf(bytes));
     }
-    // Collected for a moment, so that a burst is one line.
+    Complain();
+}
+
+// Collected for a moment, so that a burst is one line.
+void Service::Complain() {
     m_complain = std::min(m_complain, std::max(After(1), Later(m_told, COMPLAIN_PERIOD)));
 }
 
@@ -200,6 +209,10 @@ void Service::TellComplaints() {
         Log(TslHostText(host) + " has sent " + std::to_string(complaint.count) +
             " malformed packets, the first: " + complaint.first);
     }
+    if (m_lost > 0) {
+        Log(std::to_string(m_lost) + " datagrams were lost: they came too fast");
+    }
+    m_lost = 0;
     m_complaints.clear();
     m_told = Now();
     m_complain = TimePoint::max();

@@ -39,6 +39,7 @@ private:
     void CarryOutRules();
     void Write(const Rules::Write& write);
     void Complain(uint32_t host, const std::string& reason, const std::string& bytes);
+    void Complain();
     void TellComplaints();
 
     TslConfig m_config;
@@ -47,6 +48,7 @@ private:
     Outputs m_outputs;
     Rules m_rules;
     std::map<uint32_t, Complaint> m_complaints;  // by host
+    uint64_t m_lost = 0;                         // datagrams, not told yet
     TimePoint m_complain = TimePoint::max();     // when to tell them
     TimePoint m_told{};                          // when they were told last
     std::string m_trouble;                       // with writing, as told

@@ -111,6 +111,17 @@ class TslTest(unittest.TestCase):
         self.program.terminate()
         self.lamp("1:2:out1", "H")
 
+    def test_what_was_lost_may_have_been_said(self):
+        self.say(v31(2, 1))
+        self.lamp("1:2:out1", "L")
+        self.program.send_signal(signal.SIGSTOP)
+        for number in range(4000):
+            self.say(v31(3, 0))
+        self.say(v31(2, 0))  # there is no room for it
+        self.program.send_signal(signal.SIGCONT)
+        self.lamp("1:2:out1", "H", 5, lambda: self.say(v31(3, 0)))
+        self.says("datagrams were lost: they came too fast")
+
     def test_streams_arrive_in_pieces(self):
         with socket.create_connection(("127.0.0.1", 8901)) as stream:
             for byte in v5(254, 0x0001)[3:] + v5(254, 0x0001):
