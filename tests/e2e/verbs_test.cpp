@@ -114,8 +114,8 @@ TEST_F(Verbs, WatchesChanges) {
     EXPECT_EQ((*write)["host"], STUDIO_ADDRESS);
 
     const auto nobody = StartListener(studio, {"watch", "-C"});
-    ExpectRun({"set", "7:out1=L"}, 0, "sent\n", "");
-    EXPECT_TRUE(AwaitText(*nobody, "forgotten  7:out1        L > ?, nobody answers\n"));
+    ExpectRun({"set", "8:out1=L"}, 0, "sent\n", "");
+    EXPECT_TRUE(AwaitText(*nobody, "forgotten  8:out1        L > ?, nobody answers\n"));
 
     // The output can be sent again.
     std::ofstream("/run/changes") << all->Out();

@@ -10,9 +10,11 @@ namespace {
 
 const int INPUTS_EVERY = 10;  // rounds of reads
 
-FollowPolicy PolicyFor(double every, bool is_passive) {
+// Without pins, those that are heard of are read: nobody may answer for them.
+FollowPolicy PolicyFor(const Options& options, double every, bool is_passive) {
     FollowPolicy policy;
-    policy.reads = FollowPolicy::Reads::Wanted;
+    policy.reads = options.pins.empty() && !is_passive ? FollowPolicy::Reads::Heard
+                                                       : FollowPolicy::Reads::Wanted;
     policy.every = every;
     policy.input_rounds = INPUTS_EVERY;
     policy.reads_written = !is_passive;
@@ -22,7 +24,7 @@ FollowPolicy PolicyFor(double every, bool is_passive) {
 }  // namespace
 
 PinWatch::PinWatch(const Options& options, double every, bool is_passive)
-    : m_options(options), m_follower(options.bus, PolicyFor(every, is_passive)) {
+    : m_options(options), m_follower(options.bus, PolicyFor(options, every, is_passive)) {
     m_follower.on_message = [this](const Traffic& traffic, bool is_repeat) {
         m_message = &traffic;
         m_is_repeat = is_repeat;
