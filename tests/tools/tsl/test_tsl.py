@@ -98,8 +98,10 @@ class TslTest(unittest.TestCase):
             alive()
             time.sleep(0.3)
         # Somebody else puts it out.
+        put_out = lambda: pathlib.Path("/run/sim.log").read_text("utf-8").count("< GPO 1 Hxxxx")
+        before = put_out()
         subprocess.run([f"{BUILD}/tools/ctl/orvexctl", "set", "-q", "-i", "eth0", "1:2:out1=H"], check=True)
-        self.lamp("1:2:out1", "H", meanwhile=alive)
+        self.until(lambda: put_out() > before, 5, "it was not put out")
         self.lamp("1:2:out1", "L", 6, alive)
         begin = time.monotonic()
         self.lamp("1:2:out1", "H", 4, lambda: self.say(v31(2, 0b0101)[:17]))
