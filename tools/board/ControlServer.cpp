@@ -16,7 +16,7 @@ bool IsLow(char level) {
 
 }  // namespace
 
-ControlServer::ControlServer(std::optional<CSvcAddress> server) : m_server(std::move(server)) {}
+ControlServer::ControlServer(std::optional<CSvcAddress> server) : m_server(server) {}
 
 std::string ControlServer::Address() const {
     return m_server ? HostText(static_cast<uint32_t>(m_server->GetHost())) + ":" +

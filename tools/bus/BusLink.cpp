@@ -214,7 +214,7 @@ std::optional<BusLink::Change> BusLink::Tend() {
     m_looked = Now();
     m_look = After(LOOK_EVERY);
     try {
-        const std::optional<Change> change = Look();
+        std::optional<Change> change = Look();
         LookLater();
         return change;
     } catch (const BusError& error) {

@@ -53,8 +53,8 @@ WriteValue::WriteValue(Level level, unsigned long duration_ms)
     if (duration_ms == 0) {
         return;
     }
-    const uint8_t fine = Steps(duration_ms, FINE_STEP_MS);
-    const uint8_t coarse = Steps(duration_ms, COARSE_STEP_MS);
+    const unsigned long fine = Steps(duration_ms, FINE_STEP_MS);
+    const unsigned long coarse = Steps(duration_ms, COARSE_STEP_MS);
     const bool use_fine =
         Distance(fine * FINE_STEP_MS, duration_ms) < Distance(coarse * COARSE_STEP_MS, duration_ms);
     m_byte = static_cast<uint8_t>(m_byte | (use_fine ? STEP_10_MS | fine : coarse));
