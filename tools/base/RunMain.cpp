@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <sstream>
 
 #include "tools/base/Journal.h"
 
@@ -10,7 +11,14 @@ int RunMain(const char* name, const std::function<int()>& program) {
     try {
         return program();
     } catch (const std::exception& error) {
-        fprintf(stderr, "%s: %s\n", name, error.what());
-        return 1;
+        PrintError(name, error.what());
+        return STATUS_FAILED;
+    }
+}
+
+void PrintError(const char* name, const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        fprintf(stderr, "%s: %s\n", name, line.c_str());
     }
 }

@@ -1,5 +1,4 @@
 // orvex-mqtt: connects a bus to an MQTT broker.
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <optional>
@@ -7,7 +6,7 @@
 
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
-#include "tools/completion/Completion.h"
+#include "tools/completion/CommandLine.h"
 #include "tools/mqtt/Bridge.h"
 #include "tools/mqtt/Config.h"
 #include "tools/mqtt/Discovery.h"
@@ -17,7 +16,6 @@ namespace {
 
 const char* const APP_NAME = "orvex-mqtt";
 
-const int STATUS_USAGE = 2;
 const int STATUS_TAKEN_OVER = 3;
 
 const char* const DESCRIPTION =
@@ -37,21 +35,13 @@ struct Options {
 
 // Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
-    CLI::App app(DESCRIPTION, APP_NAME);
-    app.footer(FOOTER);
-    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
-    app.add_flag("--check", options.check, "Check FILE, print its errors and exit");
-    app.add_flag("--print-topics", options.print_topics,
-                 "Print the topics that FILE makes, and exit");
+    CommandLine line(APP_NAME, DESCRIPTION, FOOTER);
+    line.add_flag("--check", options.check, "Check FILE, print its errors and exit");
+    line.add_flag("--print-topics", options.print_topics,
+                  "Print the topics that FILE makes, and exit");
     const CLI::Option* const file =
-        app.add_option("FILE", options.file, "The configuration")->type_name("")->required();
-    AddCompletion(app, {{file, Completion::File}});
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : STATUS_USAGE;
-    }
-    return std::nullopt;
+        line.add_option("FILE", options.file, "The configuration")->type_name("")->required();
+    return line.Parse(argc, argv, {{file, Completion::File}});
 }
 
 void PrintTopics(const MqttConfig& config) {

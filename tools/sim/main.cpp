@@ -1,7 +1,6 @@
 // orvex-sim: the stand-in control server as a program.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,16 +16,13 @@
 #include "tools/base/Notify.h"
 #include "tools/base/RunMain.h"
 #include "tools/base/Signals.h"
-#include "tools/completion/Completion.h"
+#include "tools/completion/CommandLine.h"
 #include "tools/server/Address.h"
 #include "tools/server/ControlServer.h"
 
 namespace {
 
 const char* const APP_NAME = "orvex-sim";
-
-const int STATUS_FAILED = 1;
-const int STATUS_USAGE = 2;
 
 const char* const DESCRIPTION =
     "Plays the control server of a device, or a remote GPIO server: answers SET and CFG GPO,\n"
@@ -51,10 +47,8 @@ struct Options {
 
 // Reads the command line. Returns an exit status if the program should end.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
-    CLI::App app(DESCRIPTION, APP_NAME);
-    app.footer(COMMANDS);
-    app.set_version_flag("--version", std::string(APP_NAME) + " " + ORVEX_VERSION);
-    app.add_option("--listen", options.listen, "Address to listen on, port 0 for any; repeatable")
+    CommandLine line(APP_NAME, DESCRIPTION, COMMANDS);
+    line.add_option("--listen", options.listen, "Address to listen on, port 0 for any; repeatable")
         ->type_name("IP:PORT")
         ->allow_extra_args(false)
         ->check([](const std::string& text) {
@@ -62,15 +56,9 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         })
         ->capture_default_str();
     const CLI::Option* const file =
-        app.add_option("FILE", options.file, "The state to begin with, in lines as below")
+        line.add_option("FILE", options.file, "The state to begin with, in lines as below")
             ->type_name("");
-    AddCompletion(app, {{file, Completion::File}});
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : STATUS_USAGE;
-    }
-    return std::nullopt;
+    return line.Parse(argc, argv, {{file, Completion::File}});
 }
 
 void Print(const std::string& text) {
