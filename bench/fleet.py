@@ -9,24 +9,27 @@ read. Writes the figures to a JSON file.
 import ctypes
 import json
 import os
+import pathlib
 import random
 import select
 import signal
 import socket
 import statistics
-import struct
 import subprocess
 import sys
 import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+
+from orvex.packets import BUS_PORT, BYTE, GROUP, READ, REPORT_PORT, WRITE, Item, Message, Packet  # noqa: E402
+from orvex.pins import FIRST_OUTPUT_CIRCUIT, LEVEL_LOW, Pin  # noqa: E402
 
 DAEMON = os.path.abspath("build/bench/app/orvex")
 SIZES = [1, 10, 50, 200]
 EVENTS = 300  # measured events of each path
 BURST = 1000  # writes, or at least that many reports, sent as fast as possible
-GROUP, BUS_PORT, REPORT_PORT, LINE_PORT = "239.192.255.4", 2060, 2055, 93
+LINE_PORT = 93
 STUDIO = "10.77.255.254"
-READ, WRITE = 0x52454144, 0x57524E49
-OUTPUT_1 = 8  # circuit
 CLONE_NEWNET = 0x40000000
 LIMIT_S = 5
 SWEEP_S = 60  # the daemon reconnects to lost servers within this time
@@ -127,11 +130,11 @@ class Fleet:
     def await_port(self, device):
         """Waits until the bridge forwards a write to the device."""
         limit = time.monotonic() + LIMIT_S
-        self.send(WRITE, device)
+        self.send(self.packet(WRITE, device))
         while not select.select([device.control], [], [], 0.1)[0]:
             if time.monotonic() > limit:
                 sys.exit("a daemon receives nothing from the bus")
-            self.send(WRITE, device)
+            self.send(self.packet(WRITE, device))
         time.sleep(0.01)
         device.control.recv(2000)
 
@@ -144,20 +147,23 @@ class Fleet:
         self.reports.close()
         enter(self.home)
 
-    def send(self, kind, device):
+    def packet(self, kind, device):
+        """The next packet: a write of output 1 of a device, or a read."""
         self.tid += 1
-        tag = device.address << 8 | OUTPUT_1
-        message = struct.pack(">IHIBB", kind, 1, tag, 7, 0x40)
-        header = struct.pack(">BBBBIHHI", 3, 0, 2, 7, self.tid, 0, 0, 0)
-        self.sender.sendto(header + message, (GROUP, BUS_PORT))
+        output = Pin(device.address, FIRST_OUTPUT_CIRCUIT)
+        return Packet(self.tid, Message(kind, [Item(output.tag, BYTE, LEVEL_LOW)]).encode()).encode()
+
+    def send(self, packet):
+        self.sender.sendto(packet, (GROUP, BUS_PORT))
 
     def event(self, path):
         device = random.choice(self.devices)
+        packet = self.packet(READ if path == "read" else WRITE, device)
         start = time.perf_counter_ns()
         if path == "report":
             device.report()
         else:
-            self.send(WRITE if path == "write" else READ, device)
+            self.send(packet)
         (device.control if path == "write" else self.reports).recv(2000)
         delay = time.perf_counter_ns() - start
         if path != "write":
@@ -177,9 +183,10 @@ class Fleet:
         return sum(device.cpu_ns() for device in self.devices)
 
     def burst_of_writes(self):
+        packets = [self.packet(WRITE, self.devices[i % len(self.devices)]) for i in range(BURST)]
         lost = sum(device.lost() for device in self.devices)
-        for i in range(BURST):
-            self.send(WRITE, self.devices[i % len(self.devices)])
+        for packet in packets:
+            self.send(packet)
         lines, last = 0, time.monotonic()
         while lines < BURST and time.monotonic() < last + 1:
             for control in select.select([d.control for d in self.devices], [], [], 0.1)[0]:
@@ -255,10 +262,10 @@ def unread_lines(fleet):
     device, sent = fleet.devices[0], 0
     while True:
         for _ in range(100):
-            fleet.send(WRITE, device)
+            fleet.send(fleet.packet(WRITE, device))
             sent += 1
             time.sleep(0.00005)
-        fleet.send(READ, device)
+        fleet.send(fleet.packet(READ, device))
         if not select.select([fleet.reports], [], [], 0.5)[0]:
             break
         fleet.reports.recv(2000)

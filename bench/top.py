@@ -8,12 +8,16 @@ if one of them takes a tenth of a processor.
 """
 
 import os
+import pathlib
 import socket
-import struct
 import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+
+from orvex.packets import BYTE, GROUP, REPORT, REPORT_PORT, Item, Message, Packet  # noqa: E402
 
 CTL = os.path.abspath(sys.argv[1])
 SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 and sys.argv[2] != "--inside" else 10
@@ -32,11 +36,10 @@ class Device:
         self.sent = 0
 
     def report(self, pins):
-        items = b"".join(struct.pack(">IBB", pin, 7, self.levels[pin]) for pin in pins)
+        message = Message(REPORT, [Item(pin, BYTE, self.levels[pin]) for pin in pins]).encode()
         for _ in range(2):
             self.tid += 1
-            head = struct.pack(">BBBBIQ4sH", 3, 0, 2, 7, self.tid, 0, b"INDI", len(pins))
-            self.socket.sendto(head + items, ("239.192.255.4", 2055))
+            self.socket.sendto(Packet(self.tid, message).encode(), (GROUP, REPORT_PORT))
 
     def change_for(self, seconds):
         due = time.monotonic()

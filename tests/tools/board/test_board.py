@@ -11,14 +11,18 @@ import pathlib
 import re
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import time
 import unittest
 
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT / "python"))
+
+from orvex.packets import BYTE, GROUP, REPORT, REPORT_PORT, Item, Message, Packet  # noqa: E402
+
 CTL = sys.argv[1]
-MANUAL = pathlib.Path(__file__).resolve().parents[3] / "docs/man/orvex-board.8"
+MANUAL = ROOT / "docs/man/orvex-board.8"
 PORT = 8093
 TOKEN = "0123456789abcdef0123"
 HOST = f"127.0.0.1:{PORT}"
@@ -85,14 +89,13 @@ def converse(talks):
 
 def report(tags, low, source="10.77.0.1"):
     """Reports pins on the bus, in two packets as devices do."""
-    items = b"".join(struct.pack(">IBB", tag, 7, low) for tag in tags)
+    message = Message(REPORT, [Item(tag, BYTE, low) for tag in tags]).encode()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as bus:
         bus.bind((source, 0))
         bus.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(source))
         for _ in range(2):
             report.number += 1
-            head = struct.pack(">4BI8x4sH", 3, 0, 2, 7, report.number, b"INDI", len(tags))
-            bus.sendto(head + items, ("239.192.255.4", 2055))
+            bus.sendto(Packet(report.number, message).encode(), (GROUP, REPORT_PORT))
 
 
 report.number = int(time.time())
