@@ -70,8 +70,8 @@ class _Ear(asyncio.DatagramProtocol):
 class Bus:
     """Reads, sets and watches pins. Use it in "async with".
 
-    interface is a name or an address on the bus; empty: the system chooses. With to, requests go to
-    that host instead of the group; what devices report and answer is heard in any case."""
+    interface is a name or an address on the bus; empty: the system chooses. With to, an address,
+    requests go to that host instead of the group; what devices report and answer is heard in any case."""
 
     def __init__(self, interface: str = "", group: str = GROUP, to: str | None = None) -> None:
         self._interface = interface
@@ -80,7 +80,7 @@ class Bus:
         self._tid = int(time.time()) & 0xFFFFFFFF or 1
         self._heard_from: dict[tuple[str, int], int] = {}  # who sent last, and its transaction ID
         self._listeners: set[asyncio.Queue[tuple[Message, str]]] = set()
-        self._answers: dict[int, asyncio.Future[bool]] = {}
+        self._answers: dict[tuple[int, int], asyncio.Future[bool]] = {}  # by transaction ID and port
         self._transports: list[asyncio.DatagramTransport] = []
 
     async def __aenter__(self) -> Bus:
@@ -117,7 +117,7 @@ class Bus:
         self._tid = tid = next_tid(self._tid)
         data = Packet(tid, message.encode(), MESSAGE).encode()
         future: asyncio.Future[bool] = asyncio.get_running_loop().create_future()
-        self._answers[tid] = future
+        self._answers[tid, port] = future
         try:
             for pause in ATTEMPT_PAUSES:
                 self._transports[1].sendto(data, (self._to, port))
@@ -128,13 +128,14 @@ class Bus:
                     return
             raise BusError("not acknowledged")
         finally:
-            del self._answers[tid]
+            del self._answers[tid, port]
 
     def _heard(self, data: bytes, address: tuple[str, int], transport: asyncio.DatagramTransport) -> None:
         found = read_answer(data) if len(data) < 2 * ANSWER_SIZE else None
         if found is not None:
-            future = self._answers.get(found[0])
-            if future is not None and not future.done():
+            future = self._answers.get((found[0], address[1]))
+            is_from_there = self._to in (self._group, address[0])
+            if future is not None and is_from_there and not future.done():
                 future.set_result(found[1])
             return
         try:
@@ -214,7 +215,7 @@ class Bus:
                     ask_at = time.monotonic() + (every if len(known) == len(wanted) else 1.0)
                     for pin in wanted:
                         misses[pin] += 1
-                        if misses[pin] > 3 and known.get(pin, Level.HIGH) is not None:
+                        if misses[pin] > 3 and (pin not in known or known[pin] is not None):
                             yield Change(pin, None, "", time.time(), pin not in known)
                             known[pin] = None
                 try:

@@ -23,7 +23,7 @@ def _state(text: str) -> str:
 class _Connection:
     def __init__(self, writer: asyncio.StreamWriter) -> None:
         self.writer = writer
-        self.inputs: set[int] = set()
+        self.inputs: set[int] = set()  # of a remote server: it forgets them with the connection
 
     def send(self, line: str) -> None:
         """Ends the connection of a client that does not read."""
@@ -70,27 +70,23 @@ class LineServer:
                     connection.send(f"GPI {number} {after}")
 
     def _is_subscribed(self, connection: _Connection, number: int) -> bool:
-        return number in connection.inputs
-
-    def _connected(self, connection: _Connection) -> None:
-        pass
+        raise NotImplementedError
 
     def _take(self, connection: _Connection, line: str) -> None:
         raise NotImplementedError
 
-    def _subscribe(self, connection: _Connection, line: str) -> bool:
-        """ADD GPI n is answered, also the second one for an input."""
+    def _subscribe(self, connection: _Connection, line: str, inputs: set[int]) -> bool:
+        """Whether the line adds an input to these. It is answered, also the second one for an input."""
         found = re.fullmatch(r"ADD GPI (\d{1,3})", line)
         if found is None or not 1 <= int(found[1]) <= INPUTS:
             return False
-        connection.inputs.add(int(found[1]))
+        inputs.add(int(found[1]))
         connection.send(f"GPI {found[1]} {self.input_state(int(found[1]))}")
         return True
 
     async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         connection = _Connection(writer)
         self._connections.add(connection)
-        self._connected(connection)
         data = b""
         try:
             while more := await reader.read(MAX_LINE):
@@ -109,8 +105,11 @@ class LineServer:
 class RemoteServer(LineServer):
     """A remote GPIO server: inputs that devices follow. Nothing outlives a connection."""
 
+    def _is_subscribed(self, connection: _Connection, number: int) -> bool:
+        return number in connection.inputs
+
     def _take(self, connection: _Connection, line: str) -> None:
-        self._subscribe(connection, line)
+        self._subscribe(connection, line, connection.inputs)
 
 
 class ControlServer(LineServer):
@@ -153,23 +152,22 @@ class ControlServer(LineServer):
         return number in self._subscribed
 
     def _take(self, connection: _Connection, line: str) -> None:
+        if self._subscribe(connection, line, self._subscribed):
+            return
         if line == "SET":
             for name, value in self._settings.items():
                 connection.send(f"SET {name}={value}")
         elif line == "CFG GPO":
             for number, source in sorted(self._channels.items()):
                 connection.send(f"CFG GPO {number} SRCA={source}")
-            # What was told before a client had its configuration would have been ignored.
-            for number in self._outputs:
+            # What was told before a client had its configuration would have been ignored. A client may
+            # know the outputs from before this server was started.
+            for number in sorted(self._channels):
                 connection.send(f"GPO {number} {self.output_state(number)}")
             for number in self._subscribed:
                 connection.send(f"GPI {number} {self.input_state(number)}")
-        elif self._subscribe(connection, line):
-            self._subscribed.update(connection.inputs)
         elif found := re.fullmatch(r"DEL GPI (\d{1,3})", line):
             self._subscribed.discard(int(found[1]))
-            for other in self._connections:
-                other.inputs.discard(int(found[1]))
         elif found := re.fullmatch(r"GPO (\d{1,2}) ([HLhlx]{1,5})(?: DURATION:(\d{1,9}))?", line):
             if 1 <= int(found[1]) <= OUTPUTS:
                 self._set(int(found[1]), _state(found[2]), int(found[3] or 0))
