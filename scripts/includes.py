@@ -3,8 +3,7 @@
 files include each other in a circle.
 
 The CMakeLists.txt of each folder defines what it depends on. Nothing includes from app/, the router.
-A header and the source of the same name count as one file.
-"""
+A header and the source of the same name count as one file."""
 
 import pathlib
 import re
@@ -87,6 +86,9 @@ def find_circles(includes):
 
 
 def main():
+    if sys.argv[1:] in (["--help"], ["-h"]):
+        print(__doc__.strip())
+        return 0
     includes = read_includes()
     wrong = [*find_upward(includes), *find_circles(includes)]
     print("".join(f"{text}\n" for text in wrong), end="")
