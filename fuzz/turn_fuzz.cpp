@@ -2,7 +2,7 @@
 //   T ...  TQRD sends the rest        R ... S ...  a remote server (port 93, port 94) does
 //   B ... b ...  a peer on the bus sends the rest as one datagram, from one of two ports
 //   t r    TQRD, the remote servers break their connections
-//   c      27.001 s pass              d            debug mode         .            a turn
+//   c      a sweep becomes due        d            debug mode         .            a turn
 #include <deque>
 #include <memory>
 
@@ -66,7 +66,7 @@ void Game::Step(const std::string& step) {
             m_Router.ResetRemotes();
             break;
         case 'c':
-            Clock::Advance(27, 1000);
+            Clock::Advance(SWEEP_PERIOD_S, 1000);
             break;
         case 'd':
             dbg = 1;

@@ -1,6 +1,6 @@
 """Checks that the manuals are well-formed, and that they contain every option and message.
 
-Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [ORVEX_GPIO] [ORVEX_BOARD] [ORVEX_MQTT]
+Usage: test_manuals.py ORVEX ORVEXCTL ORVEX_SIM [OTHER_PROGRAM]...
 """
 
 import pathlib
@@ -87,6 +87,8 @@ class ManualsTest(unittest.TestCase):
         self.assertGreater(len(found), 30)
         missing = [message for message in found
                    if "<options>" not in message and not is_told(message, manual)]
+        missing += [variable for text in sources("app", "net")
+                    for variable in re.findall(r'"([A-Z]+_[A-Z_]+)"', text) if variable not in manual]
         self.assertEqual(missing, [])
 
     def test_tool_messages(self):
