@@ -2,28 +2,14 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <sstream>
 #include <system_error>
 
 #include "tools/base/LineBuffer.h"
 
 namespace {
 
-void Log(const std::string& text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        printf("%s\n", Printable(line).c_str());
-    }
-}
-
-void LogEvent(const ControlServer::Event& event) {
-    const bool is_line = event.kind == ControlServer::EventKind::Received ||
-                         event.kind == ControlServer::EventKind::Sent;
-    if (!is_line) {
-        Log(event.peer + " " + event.text);
-    }
-}
+const size_t LOG_LINES = 100;  // a second
+const char* const ALL_WELL = "all pins have their lines";
 
 // The beginning of a line "CFG GPO 2 ...", which says which output it is about.
 std::string SubjectOf(const std::string& line) {
@@ -33,15 +19,17 @@ std::string SubjectOf(const std::string& line) {
 }  // namespace
 
 Service::Service(const GpioConfig& config)
-    : m_server(LogEvent, [this](int number) { m_hardware.Drive(number); }),
-      m_hardware(m_server, Log) {
+    : m_log(LOG_LINES),
+      m_server([this](const ControlServer::Event& event) { Tell(event); },
+               [this](int number) { m_hardware.Drive(number); }),
+      m_hardware(m_server, [this](const std::string& text) { m_log.Tell(text); }) {
     ApplyLines(config);
     m_hardware.Configure(config);
     if (!Listen(config.listen)) {
         throw std::runtime_error("can't listen on all addresses");
     }
     m_config = config;
-    m_notify.Status("all pins have their lines");
+    m_notify.Status(ALL_WELL);
     TellProblems();
     m_notify.Ready();
 }
@@ -54,7 +42,8 @@ void Service::Run(Signals& signals) {
         m_hardware.AddDescriptors(fds);
         m_server.AddDescriptors(fds);
         m_notify.Beat();
-        const TimePoint next = std::min(m_hardware.NextTime(), m_notify.NextTime());
+        const TimePoint next =
+            std::min({m_hardware.NextTime(), m_notify.NextTime(), m_log.NextTime()});
         poll(fds.data(), fds.size(), m_server.Timeout(MillisecondsUntil(next)));
         const std::optional<int> signal = fds[0].revents != 0 ? signals.Take() : std::nullopt;
         if (signal && *signal != SIGHUP) {
@@ -69,6 +58,15 @@ void Service::Run(Signals& signals) {
             TellProblems();
         }
         m_server.Serve(fds);
+        m_log.Tend();
+    }
+}
+
+// Lines of clients are not told: there are too many.
+void Service::Tell(const ControlServer::Event& event) {
+    if (event.kind != ControlServer::EventKind::Received &&
+        event.kind != ControlServer::EventKind::Sent) {
+        m_log.Tell(event.peer + " " + event.text);
     }
 }
 
@@ -101,13 +99,13 @@ bool Service::Listen(const std::vector<ListenConfig>& wanted) {
             }
         }
     } catch (const std::system_error& error) {
-        Log(std::string("can't listen: ") + error.what());
+        m_log.Tell(std::string("can't listen: ") + error.what());
         std::for_each(opened.begin(), opened.end(), close);
         std::for_each(closed.begin(), closed.end(), open);
         return false;
     }
     for (const ListenConfig& one : opened) {
-        Log("listening on " + one.endpoint.ip + ":" + std::to_string(one.endpoint.port));
+        m_log.Tell("listening on " + one.endpoint.ip + ":" + std::to_string(one.endpoint.port));
     }
     return true;
 }
@@ -139,16 +137,16 @@ void Service::Reload() {
         const GpioConfig config = GpioConfig::Read(m_config.file);
         RefuseContradictions(config, FindChips());
         if (!Listen(config.listen)) {
-            return Log(config.file + " is not used: the configuration stays as it was");
+            return m_log.Tell(config.file + " is not used: the configuration stays as it was");
         }
         ApplyLines(config);
         m_hardware.Configure(config);
         m_config = config;
-        Log(config.file + " is used");
+        m_log.Tell(config.file + " is used");
         TellProblems();
     } catch (const ConfigError& error) {
-        Log(error.what());
-        Log(m_config.file + " is not used: the configuration stays as it was");
+        m_log.Tell(error.what());
+        m_log.Tell(m_config.file + " is not used: the configuration stays as it was");
     }
 }
 
@@ -167,9 +165,8 @@ void Service::TellProblems() {
     }
     m_told = text;
     m_server.Apply("SET GPIO_PROBLEMS=" + (text.empty() ? "none" : "\"" + text + "\""));
-    const char* const well = "all pins have their lines";
-    m_notify.Status(text.empty() ? well : text);
+    m_notify.Status(text.empty() ? ALL_WELL : text);
     if (text.empty()) {
-        Log(well);
+        m_log.Tell(ALL_WELL);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "tools/base/Log.h"
 #include "tools/base/Notify.h"
 #include "tools/base/Signals.h"
 #include "tools/gpio/Config.h"
@@ -20,12 +21,14 @@ public:
     void Run(Signals& signals);
 
 private:
+    void Tell(const ControlServer::Event& event);
     bool Listen(const std::vector<ListenConfig>& wanted);
     void ApplyLines(const GpioConfig& config);
     void Reload();
     void TellProblems();
 
     GpioConfig m_config;
+    Log m_log;
     ControlServer m_server;
     Hardware m_hardware;
     Notify m_notify;

@@ -13,6 +13,7 @@
 
 namespace {
 
+const size_t LOG_LINES = 20;    // a second
 const double SIGN_EVERY = 0.5;  // seconds
 const double SIGN_TIME = 10;  // a connection without a returned heartbeat for that long is given up
 const double COMPLAIN_EVERY = 5;
@@ -30,7 +31,7 @@ const int MOST_PUBLISHED = 1000;
 Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print)
     : m_config(config),
       m_topics(config),
-      m_log(std::move(print)),
+      m_log(LOG_LINES, std::move(print)),
       m_tell([this](const std::string& text) { m_log.Tell(text); }),
       m_pins(config, m_tell),
       m_bus(m_pins.Follower()),

@@ -6,11 +6,11 @@
 #include <map>
 #include <string>
 
+#include "tools/base/Log.h"
 #include "tools/base/Notify.h"
 #include "tools/base/Signals.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Links.h"
-#include "tools/mqtt/Log.h"
 #include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Sets.h"
 #include "tools/mqtt/Topics.h"

@@ -2,21 +2,16 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <system_error>
+#include <stdexcept>
 
-#include "tools/base/LineBuffer.h"
 #include "tools/base/Notify.h"
 #include "tools/bus/BusError.h"
 
 namespace {
 
 const double COMPLAIN_PERIOD = 60;  // seconds
+const size_t LOG_LINES = 100;       // a second
 const size_t MAX_COMPLAINTS = 100;  // hosts
-
-void Log(const std::string& text) {
-    printf("%s\n", Printable(text).c_str());
-}
 
 BusSettings SettingsOf(const TslConfig& config) {
     BusSettings settings;
@@ -35,7 +30,9 @@ FollowPolicy Policy() {
 }  // namespace
 
 Service::Service(const TslConfig& config)
-    : m_follower(SettingsOf(config), Policy()),
+    : m_log(LOG_LINES),
+      m_tell([this](const std::string& text) { m_log.Tell(text); }),
+      m_follower(SettingsOf(config), Policy()),
       m_inputs([this](const std::vector<Display>& displays,
                       uint32_t host) { m_rules.Take(displays, host); },
                [this](uint32_t host, const std::string& reason, const std::string& bytes) {
@@ -46,15 +43,15 @@ Service::Service(const TslConfig& config)
                    m_rules.Doubt();
                    Complain();
                },
-               Log),
-      m_outputs(Log) {
+               m_tell),
+      m_outputs(m_tell) {
     m_follower.on_change = [this](const PinChange& change) { TakeChange(change); };
     m_follower.on_link = [this](const BusLink::Change& change) { TakeLink(change); };
-    m_follower.on_trouble = [](const std::string& text) { Log(text); };
+    m_follower.on_trouble = m_tell;
     m_inputs.Listen(config.listen);
     Configure(config);
     if (!m_follower.IsUp()) {
-        Log("the bus can't be used: " + m_follower.Problem());
+        m_tell("the bus can't be used: " + m_follower.Problem());
     }
 }
 
@@ -100,6 +97,7 @@ void Service::Run(Signals& signals) {
         if (Now() >= m_complain) {
             TellComplaints();
         }
+        m_log.Tend();
     }
 }
 
@@ -119,8 +117,8 @@ void Service::Wait(const Signals& signals, TimePoint limit, std::vector<pollfd>&
     }
     m_inputs.AddDescriptors(fds);
     m_outputs.AddDescriptors(fds);
-    const TimePoint next = std::min(
-        {limit, m_follower.NextTime(), m_rules.NextTime(), m_outputs.NextTime(), m_complain});
+    const TimePoint next = std::min({limit, m_log.NextTime(), m_follower.NextTime(),
+                                     m_rules.NextTime(), m_outputs.NextTime(), m_complain});
     poll(fds.data(), fds.size(), MillisecondsUntil(next));
 }
 
@@ -128,20 +126,15 @@ void Service::Reload() {
     try {
         const TslConfig config = TslConfig::Read(m_config.file);
         if (config.interface != m_config.interface) {
-            Log("another interface is used after a restart only");
+            m_tell("another interface is used after a restart only");
         }
         m_inputs.Listen(config.listen);
         Configure(config);
-        Log(config.file + " is used");
-        return;
-    } catch (const ConfigError& error) {
-        Log(error.what());
-    } catch (const NamesError& error) {
-        Log(error.what());
-    } catch (const std::system_error& error) {
-        Log(error.what());
+        m_tell(config.file + " is used");
+    } catch (const std::runtime_error& error) {  // of the file, of its names, or from Listen()
+        m_tell(error.what());
+        m_tell(m_config.file + " is not used: the configuration stays as it was");
     }
-    Log(m_config.file + " is not used: the configuration stays as it was");
 }
 
 void Service::TakeChange(const PinChange& change) {
@@ -153,7 +146,7 @@ void Service::TakeChange(const PinChange& change) {
 
 // Not each pin is told when the bus goes down: nothing is known then.
 void Service::TakeLink(const BusLink::Change& change) {
-    Log(change.text);
+    m_tell(change.text);
     for (const TslPin& pin : m_config.pins) {
         const PinState* const state = m_follower.States().Find(pin.tag);
         m_outputs.Tell(pin.tag, state != nullptr ? state->level : std::nullopt);
@@ -168,7 +161,7 @@ void Service::CarryOutRules() {
         Write(write);
     }
     for (const std::string& note : m_rules.Notes()) {
-        Log(note);
+        m_tell(note);
     }
     m_rules.Notes().clear();
 }
@@ -181,7 +174,7 @@ void Service::Write(const Rules::Write& write) {
         trouble = error.what();
     }
     if (trouble != m_trouble && !trouble.empty()) {
-        Log(m_config.names.Label(write.tag) + ": " + trouble);
+        m_tell(m_config.names.Label(write.tag) + ": " + trouble);
     }
     m_trouble = trouble;
 }
@@ -206,11 +199,11 @@ void Service::Complain() {
 
 void Service::TellComplaints() {
     for (const auto& [host, complaint] : m_complaints) {
-        Log(TslHostText(host) + " has sent " + std::to_string(complaint.count) +
-            " malformed packets, the first: " + complaint.first);
+        m_tell(TslHostText(host) + " has sent " + std::to_string(complaint.count) +
+               " malformed packets, the first: " + complaint.first);
     }
     if (m_lost > 0) {
-        Log(std::to_string(m_lost) + " datagrams were lost: they came too fast");
+        m_tell(std::to_string(m_lost) + " datagrams were lost: they came too fast");
     }
     m_lost = 0;
     m_complaints.clear();

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "tools/base/Log.h"
 #include "tools/base/Signals.h"
 #include "tools/bus/PinFollower.h"
 #include "tools/tsl/Config.h"
@@ -43,6 +45,8 @@ private:
     void TellComplaints();
 
     TslConfig m_config;
+    Log m_log;
+    const std::function<void(const std::string&)> m_tell;
     PinFollower m_follower;
     Inputs m_inputs;
     Outputs m_outputs;
