@@ -182,28 +182,18 @@ void Reader::TakeLine(const ConfigLine& line) {
 }
 
 void Reader::TakeListen(ConfigWords& words) {
-    const std::string& text = words.Next("IP:PORT");
-    const std::optional<Endpoint> endpoint = ParseEndpoint(text);
-    if (!endpoint || endpoint->port == 0) {
-        Refuse("not IP:PORT: " + text);
-    }
+    ListenConfig listen = {TakeEndpoint(words), {}};
     for (const ListenConfig& other : m_config.listen) {
-        if (other.endpoint == *endpoint) {
-            Refuse(text + " is given twice");
+        if (other.endpoint == listen.endpoint) {
+            Refuse(listen.endpoint.Text() + " is given twice");
         }
     }
-    ListenConfig listen = {*endpoint, {}};
     while (!words.IsAtEnd()) {
         const std::string& word = words.Next("");
         if (word == "inputs") {
             listen.access.inputs_only = true;
         } else if (word == "from") {
-            const std::string& from = words.Next("a network, such as 10.77.0.0/24");
-            const std::optional<Network> network = ParseNetwork(from);
-            if (!network) {
-                Refuse("not a network, such as 10.77.0.0/24: " + from);
-            }
-            listen.access.from.push_back(*network);
+            listen.access.from.push_back(TakeNetwork(words));
         } else {
             Refuse("unknown option: " + word);
         }

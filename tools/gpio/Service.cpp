@@ -105,7 +105,7 @@ bool Service::Listen(const std::vector<ListenConfig>& wanted) {
         return false;
     }
     for (const ListenConfig& one : opened) {
-        m_log.Tell("listening on " + one.endpoint.ip + ":" + std::to_string(one.endpoint.port));
+        m_log.Tell("listening on " + one.endpoint.Text());
     }
     return true;
 }

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <stdexcept>
+
 namespace {
 
 const int ADDRESS_BITS = 32;
@@ -46,4 +48,22 @@ std::optional<Network> ParseNetwork(const std::string& text) {
     }
     const Network network = {*address, *bits == 0 ? 0 : UINT32_MAX << (ADDRESS_BITS - *bits)};
     return network.Contains(*address) ? std::optional<Network>(network) : std::nullopt;
+}
+
+Endpoint TakeEndpoint(ConfigWords& words) {
+    const std::string& text = words.Next("IP:PORT");
+    const std::optional<Endpoint> endpoint = ParseEndpoint(text);
+    if (!endpoint || endpoint->port == 0) {
+        throw std::invalid_argument("not IP:PORT: " + text);
+    }
+    return *endpoint;
+}
+
+Network TakeNetwork(ConfigWords& words) {
+    const std::string& text = words.Next("a network, such as 10.77.0.0/24");
+    const std::optional<Network> network = ParseNetwork(text);
+    if (!network) {
+        throw std::invalid_argument("not a network, such as 10.77.0.0/24: " + text);
+    }
+    return *network;
 }

@@ -6,11 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/ConfigFile.h"
+
 // An IPv4 address, as a dotted quad, and a TCP port.
 struct Endpoint {
     std::string ip;
     uint16_t port = 0;
 
+    std::string Text() const { return ip + ":" + std::to_string(port); }
     bool operator==(const Endpoint& other) const { return ip == other.ip && port == other.port; }
 };
 
@@ -31,6 +34,11 @@ struct Network {
 // Parses "10.77.0.0/24", or the address of one host. None if it is neither, or if the address has
 // bits that do not belong to the network.
 std::optional<Network> ParseNetwork(const std::string& text);
+
+// The next words of a setting as these. Refused with std::invalid_argument; an endpoint also for
+// port 0.
+Endpoint TakeEndpoint(ConfigWords& words);
+Network TakeNetwork(ConfigWords& words);
 
 // Who may do what at an address that a server listens on.
 struct ListenAccess {

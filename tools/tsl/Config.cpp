@@ -40,19 +40,13 @@ double ParseSeconds(const std::string& text, double least, double most) {
 }
 
 // "udp 10.0.0.30:8900 v5", common to listen and send.
-template <class Place>
-void TakePlace(ConfigWords& words, Place& place) {
+void TakePlace(ConfigWords& words, TslPlace& place) {
     const std::string& transport = words.Next("udp or tcp");
     if (transport != "udp" && transport != "tcp") {
         Refuse("not udp or tcp: " + transport);
     }
     place.transport = transport == "udp" ? Transport::Udp : Transport::Tcp;
-    const std::string& text = words.Next("IP:PORT");
-    const std::optional<Endpoint> endpoint = ParseEndpoint(text);
-    if (!endpoint || endpoint->port == 0) {
-        Refuse("not IP:PORT: " + text);
-    }
-    place.endpoint = *endpoint;
+    place.endpoint = TakeEndpoint(words);
     const std::string& version = words.Next("v3.1 or v5");
     if (version != "v3.1" && version != "v5") {
         Refuse("not v3.1 or v5: " + version);
@@ -63,12 +57,7 @@ void TakePlace(ConfigWords& words, Place& place) {
 void TakeListen(ConfigWords& words, TslListen& listen) {
     TakePlace(words, listen);
     while (words.TakeIf("from")) {
-        const std::string& text = words.Next("a network, such as 10.77.0.0/24");
-        const std::optional<Network> network = ParseNetwork(text);
-        if (!network) {
-            Refuse("not a network, such as 10.77.0.0/24: " + text);
-        }
-        listen.from.push_back(*network);
+        listen.from.push_back(TakeNetwork(words));
     }
     words.ExpectEnd();
 }
@@ -140,6 +129,7 @@ private:
     void TakeSend(ConfigWords& words);
     void TakePin(ConfigWords& words, int line);
     void CheckPins();
+    void CheckRules();
     bool Has(TslVersion version) const;
 
     TslConfig m_config;
@@ -160,6 +150,7 @@ TslConfig Reader::Run() {
         m_errors.Try(line.number, [&] { TakeLine(line); });
     }
     CheckPins();
+    CheckRules();
     m_errors.ThrowIfAny();
     return m_config;
 }
@@ -171,7 +162,7 @@ void Reader::TakeLine(const ConfigLine& line) {
         TslListen listen;
         TakeListen(words, listen);
         for (const TslListen& other : m_config.listen) {
-            if (other.transport == listen.transport && other.endpoint == listen.endpoint) {
+            if (other.IsSameSocket(listen)) {
                 Refuse(listen.Text() + " is given twice");
             }
         }
@@ -309,6 +300,9 @@ void Reader::CheckPins() {
             }
         }
     }
+}
+
+void Reader::CheckRules() {
     for (const TslRule& rule : m_config.rules) {
         const auto hears = [&rule](const TslListen& listen) {
             return listen.version == rule.place.version;
@@ -324,18 +318,13 @@ void Reader::CheckPins() {
 
 }  // namespace
 
-const char* TransportName(Transport transport) {
-    return transport == Transport::Udp ? "udp" : "tcp";
+std::string TslPlace::Text() const {
+    return std::string(transport == Transport::Udp ? "udp " : "tcp ") + endpoint.Text() + " " +
+           VersionName(version);
 }
 
 bool TslListen::operator==(const TslListen& other) const {
-    return transport == other.transport && endpoint == other.endpoint && version == other.version &&
-           from == other.from;
-}
-
-std::string TslListen::Text() const {
-    return std::string(TransportName(transport)) + " " + endpoint.ip + ":" +
-           std::to_string(endpoint.port) + " " + VersionName(version);
+    return TslPlace::operator==(other) && from == other.from;
 }
 
 bool TslRule::IsLit(uint8_t tallies) const {
@@ -349,13 +338,7 @@ bool TslRule::IsSame(const TslRule& other) const {
 }
 
 bool TslSend::operator==(const TslSend& other) const {
-    return transport == other.transport && endpoint == other.endpoint && version == other.version &&
-           screen == other.screen && every == other.every;
-}
-
-std::string TslSend::Text() const {
-    return std::string(TransportName(transport)) + " " + endpoint.ip + ":" +
-           std::to_string(endpoint.port) + " " + VersionName(version);
+    return TslPlace::operator==(other) && screen == other.screen && every == other.every;
 }
 
 TslConfig TslConfig::Read(const std::string& file) {

@@ -22,17 +22,27 @@
 
 enum class Transport : uint8_t { Udp, Tcp };
 
-const char* TransportName(Transport transport);  // "udp" or "tcp"
-
-// Where switchers send to.
-struct TslListen {
+// Where packets are sent to, and of which version.
+struct TslPlace {
     Transport transport = Transport::Udp;
     Endpoint endpoint;
     TslVersion version = TslVersion::V31;
+
+    // Of any version.
+    bool IsSameSocket(const TslPlace& other) const {
+        return transport == other.transport && endpoint == other.endpoint;
+    }
+    bool operator==(const TslPlace& other) const {
+        return IsSameSocket(other) && version == other.version;
+    }
+    std::string Text() const;  // "udp 0.0.0.0:8900 v3.1"
+};
+
+// Where switchers send to.
+struct TslListen : TslPlace {
     std::vector<Network> from;  // empty: everybody may send
 
     bool operator==(const TslListen& other) const;
-    std::string Text() const;  // "udp 0.0.0.0:8900 v3.1"
 };
 
 // A display of a switcher that drives an output.
@@ -49,15 +59,11 @@ struct TslRule {
 };
 
 // Where a multiviewer listens.
-struct TslSend {
-    Transport transport = Transport::Udp;
-    Endpoint endpoint;
-    TslVersion version = TslVersion::V31;
+struct TslSend : TslPlace {
     uint16_t screen = 0;
     double every = 10;  // seconds
 
     bool operator==(const TslSend& other) const;
-    std::string Text() const;
 };
 
 // A pin that shows as a tally of a display while it is low.
