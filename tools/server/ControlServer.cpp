@@ -8,10 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
+#include <utility>
 
 #include "protocol/source.h"
 #include "tools/base/ErrorText.h"
+#include "tools/base/Sockets.h"
 
 namespace {
 
@@ -25,16 +26,6 @@ std::string AddressText(const sockaddr_in& address) {
     char ip[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
     return std::string(ip) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-bool IsTransient(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED;
-}
-
-void Check(bool ok, const std::string& what) {
-    if (!ok) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
 }
 
 }  // namespace
@@ -250,9 +241,7 @@ void ControlServer::AddConnection(Descriptor socket, const std::string& peer,
                                   const Listener& listener) {
     const int on = 1;
     setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setsockopt(socket.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(socket.Get(), IPPROTO_TCP, TCP_KEEPIDLE, &KEEPALIVE_S, sizeof KEEPALIVE_S);
-    setsockopt(socket.Get(), IPPROTO_TCP, TCP_KEEPINTVL, &KEEPALIVE_S, sizeof KEEPALIVE_S);
+    WatchPeer(socket.Get(), KEEPALIVE_S);
     Connection client;
     client.socket = std::move(socket);
     client.peer = peer;

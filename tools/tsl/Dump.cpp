@@ -7,6 +7,7 @@
 
 #include "tools/base/LineBuffer.h"
 #include "tools/base/Time.h"
+#include "tools/bus/Interface.h"
 #include "tools/bus/JsonFormat.h"
 #include "tools/tsl/Inputs.h"
 
@@ -46,20 +47,20 @@ Json JsonOf(const Display& display) {
 void PrintJson(uint32_t host, Json fields) {
     Json json;
     json["time"] = TimeOfDay();
-    json["host"] = TslHostText(host);
+    json["host"] = HostText(host);
     json.update(fields);
     printf("%s\n", Dump(json).c_str());
 }
 
 void PrintText(uint32_t host, const std::string& text) {
-    printf("%s %s %s\n", ClockText(TimeOfDay()).c_str(), TslHostText(host).c_str(), text.c_str());
+    printf("%s %s %s\n", ClockText(TimeOfDay()).c_str(), HostText(host).c_str(), text.c_str());
 }
 
 }  // namespace
 
 void DumpDisplays(const std::vector<TslListen>& listen, bool json, Signals& signals) {
     Inputs inputs(
-        [json](const std::vector<Display>& displays, uint32_t host) {
+        [json](const std::vector<Display>& displays, uint32_t host, TimePoint) {
             for (const Display& display : displays) {
                 json ? PrintJson(host, JsonOf(display)) : PrintText(host, DescribeDisplay(display));
             }

@@ -1,17 +1,17 @@
 #include "tools/tsl/Inputs.h"
 
 #include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
+#include <ctime>
 #include <utility>
 
-#include "tools/base/ErrorText.h"
+#include "tools/base/Sockets.h"
+#include "tools/bus/Interface.h"
 
 namespace {
 
@@ -22,16 +22,6 @@ const int RECEIVE_BUFFER = 1024 * 1024;  // for bursts; the system may give less
 const size_t READ_SIZE = 16384;
 const size_t SHOWN_BYTES = 32;  // of a malformed packet
 const int KEEPALIVE_S = 10;     // closes connections of switchers that have vanished
-
-bool IsTransient(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED;
-}
-
-void Check(bool ok, const std::string& what) {
-    if (!ok) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-}
 
 bool IsAllowed(const TslListen& listen, uint32_t host) {
     return listen.from.empty() ||
@@ -44,21 +34,54 @@ bool IsReady(const std::vector<pollfd>& fds, int fd) {
                        [fd](const pollfd& one) { return one.fd == fd && one.revents != 0; });
 }
 
-void WatchPeer(int fd) {
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &KEEPALIVE_S, sizeof KEEPALIVE_S);
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &KEEPALIVE_S, sizeof KEEPALIVE_S);
+// What a call of recvmsg() brings.
+struct Received {
+    ssize_t size = -1;       // below 0: nothing, errno says why
+    uint32_t host = 0;       // of a datagram, in host byte order
+    uint32_t lost = 0;       // datagrams since the socket was opened
+    TimePoint time = Now();  // when the system received it
+};
+
+// The moment at which the clock showed that time, unless it has been set since.
+TimePoint MomentOf(const timespec& time) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const std::chrono::nanoseconds age = std::chrono::seconds(now.tv_sec - time.tv_sec) +
+                                         std::chrono::nanoseconds(now.tv_nsec - time.tv_nsec);
+    return Now() - std::max(age, std::chrono::nanoseconds(0));
+}
+
+Received Receive(int socket, uint8_t* data, size_t size) {
+    sockaddr_in from = {};
+    iovec part = {data, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(uint32_t))];
+    msghdr message = {};
+    message.msg_name = &from;
+    message.msg_namelen = sizeof from;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    Received received;
+    received.size = recvmsg(socket, &message, 0);
+    if (received.size < 0) {
+        return received;
+    }
+    received.host = ntohl(from.sin_addr.s_addr);
+    for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr;
+         head = CMSG_NXTHDR(&message, head)) {
+        if (head->cmsg_level == SOL_SOCKET && head->cmsg_type == SO_RXQ_OVFL) {
+            memcpy(&received.lost, CMSG_DATA(head), sizeof received.lost);
+        } else if (head->cmsg_level == SOL_SOCKET && head->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec time = {};
+            memcpy(&time, CMSG_DATA(head), sizeof time);
+            received.time = MomentOf(time);
+        }
+    }
+    return received;
 }
 
 }  // namespace
-
-std::string TslHostText(uint32_t host) {
-    const in_addr address = {htonl(host)};
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &address, text, sizeof text);
-    return text;
-}
 
 std::string HexOf(const std::string& bytes) {
     std::string text;
@@ -82,8 +105,7 @@ void Inputs::Listen(const std::vector<TslListen>& wanted) {
     std::list<Listener> added;
     for (const TslListen& config : wanted) {
         const auto is_it = [&config](const Listener& one) {
-            return one.config.transport == config.transport &&
-                   one.config.endpoint == config.endpoint;
+            return one.config.IsSameSocket(config);
         };
         const auto found = std::find_if(m_listeners.begin(), m_listeners.end(), is_it);
         if (found == m_listeners.end()) {
@@ -92,9 +114,8 @@ void Inputs::Listen(const std::vector<TslListen>& wanted) {
     }
     // From here on nothing fails.
     const auto find = [&wanted](const TslListen& old) {
-        return std::find_if(wanted.begin(), wanted.end(), [&old](const TslListen& config) {
-            return config.transport == old.transport && config.endpoint == old.endpoint;
-        });
+        return std::find_if(wanted.begin(), wanted.end(),
+                            [&old](const TslListen& config) { return config.IsSameSocket(old); });
     };
     for (auto one = m_listeners.begin(); one != m_listeners.end();) {
         const auto config = find(one->config);
@@ -136,6 +157,7 @@ Inputs::Listener Inputs::Open(const TslListen& config) const {
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
         setsockopt(fd.Get(), SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     }
+    setsockopt(fd.Get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);  // its connections too
     Check(bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, what);
     Check(!tcp || listen(fd.Get(), BACKLOG) == 0, what);
     Listener listener;
@@ -157,60 +179,36 @@ void Inputs::Serve(const std::vector<pollfd>& fds) {
     for (auto client = m_clients.begin(); client != m_clients.end();) {
         const auto next = std::next(client);
         if (IsReady(fds, client->socket.Get()) && !Read(*client)) {
-            m_log(TslHostText(client->host) + " has ended its connection");
+            m_log(HostText(client->host) + " has ended its connection");
             Close(client);
         }
         client = next;
     }
     for (Listener& listener : m_listeners) {
         if (IsReady(fds, listener.socket.Get())) {
-            listener.config.transport == Transport::Udp ? Receive(listener) : Accept(listener);
-        }
-    }
-}
-
-void Inputs::Receive(Listener& listener) {
-    uint8_t buffer[TSL5_MAX_SIZE + 1];  // one more, to see what is too long
-    for (int i = 0; i < DATAGRAMS; ++i) {
-        uint32_t host = 0;
-        const ssize_t size = ReceiveOne(listener, buffer, sizeof buffer, host);
-        if (size < 0) {
-            return;
-        }
-        if (IsAllowed(listener.config, host)) {
-            TakePacket(listener.config.version, host, buffer, static_cast<size_t>(size));
+            listener.config.transport == Transport::Udp ? ReceiveAll(listener) : Accept(listener);
         }
     }
 }
 
 // The system tells with a datagram how many were lost before it. What they said is not known, so
 // that is told first.
-ssize_t Inputs::ReceiveOne(Listener& listener, uint8_t* data, size_t size, uint32_t& host) {
-    sockaddr_in from = {};
-    iovec part = {data, size};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(uint32_t))];
-    msghdr message = {};
-    message.msg_name = &from;
-    message.msg_namelen = sizeof from;
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    const ssize_t received = recvmsg(listener.socket.Get(), &message, 0);
-    if (received < 0) {
-        return received;
-    }
-    host = ntohl(from.sin_addr.s_addr);
-    const cmsghdr* const head = CMSG_FIRSTHDR(&message);
-    if (head != nullptr && head->cmsg_level == SOL_SOCKET && head->cmsg_type == SO_RXQ_OVFL) {
-        uint32_t lost = 0;
-        memcpy(&lost, CMSG_DATA(head), sizeof lost);
-        if (lost != listener.lost) {
-            m_lost(lost - listener.lost);
-            listener.lost = lost;
+void Inputs::ReceiveAll(Listener& listener) {
+    uint8_t buffer[TSL5_MAX_SIZE + 1];  // one more, to see what is too long
+    for (int i = 0; i < DATAGRAMS; ++i) {
+        const Received received = Receive(listener.socket.Get(), buffer, sizeof buffer);
+        if (received.size < 0) {
+            return;
+        }
+        if (received.lost != 0 && received.lost != listener.lost) {
+            m_lost(received.lost - listener.lost);
+            listener.lost = received.lost;
+        }
+        if (IsAllowed(listener.config, received.host)) {
+            TakePacket(listener.config.version, received.host, received.time, buffer,
+                       static_cast<size_t>(received.size));
         }
     }
-    return received;
 }
 
 void Inputs::Accept(Listener& listener) {
@@ -230,34 +228,34 @@ void Inputs::Accept(Listener& listener) {
         listener.refused = listener.refused || is_full;
         return;
     }
-    WatchPeer(fd.Get());
+    WatchPeer(fd.Get(), KEEPALIVE_S);
     ++listener.clients;
-    m_log(TslHostText(host) + " has connected to " + listener.config.Text());
+    m_log(HostText(host) + " has connected to " + listener.config.Text());
     m_clients.push_back({std::move(fd), listener.config, host, TslStream(listener.config.version)});
 }
 
 // False if the connection has ended.
 bool Inputs::Read(Client& client) {
     uint8_t buffer[READ_SIZE];
-    const ssize_t size = recv(client.socket.Get(), buffer, sizeof buffer, 0);
-    if (size <= 0) {
-        return size < 0 && IsTransient(errno);
+    const Received received = Receive(client.socket.Get(), buffer, sizeof buffer);
+    if (received.size <= 0) {
+        return received.size < 0 && IsTransient(errno);
     }
     client.stream.Take(
-        buffer, static_cast<size_t>(size),
+        buffer, static_cast<size_t>(received.size),
         [&](const uint8_t* data, size_t length) {
-            TakePacket(client.config.version, client.host, data, length);
+            TakePacket(client.config.version, client.host, received.time, data, length);
         },
         [&] { m_malformed(client.host, "bytes that belong to no packet", ""); });
     return true;
 }
 
-void Inputs::TakePacket(TslVersion version, uint32_t host, const uint8_t* data, size_t size) {
-    ++m_packets;
+void Inputs::TakePacket(TslVersion version, uint32_t host, TimePoint time, const uint8_t* data,
+                        size_t size) {
     m_displays.clear();
     const std::string problem = DecodeTsl(version, data, size, m_displays);
     if (problem.empty()) {
-        m_take(m_displays, host);
+        m_take(m_displays, host, time);
     } else {
         m_malformed(host, problem, std::string(data, data + size));
     }

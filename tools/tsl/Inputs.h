@@ -18,8 +18,10 @@
 // sent.
 class Inputs {
 public:
-    // Packets with displays that were well-formed. host is in host byte order.
-    using Take = std::function<void(const std::vector<Display>& displays, uint32_t host)>;
+    // Packets with displays that were well-formed. host is in host byte order; time is when the
+    // system received them, which is earlier than now if this program was held up.
+    using Take =
+        std::function<void(const std::vector<Display>& displays, uint32_t host, TimePoint time)>;
     // A packet that was not, with the reason; of a stream, without bytes.
     using Malformed =
         std::function<void(uint32_t host, const std::string& reason, const std::string& bytes)>;
@@ -38,9 +40,6 @@ public:
     // Handles what has come, at most so much that the caller can serve others. Never waits.
     void Serve(const std::vector<pollfd>& fds);
 
-    // Of all packets since the start.
-    uint64_t Packets() const { return m_packets; }
-
 private:
     struct Listener {
         TslListen config;
@@ -57,11 +56,11 @@ private:
     };
 
     Listener Open(const TslListen& config) const;
-    void Receive(Listener& listener);
-    ssize_t ReceiveOne(Listener& listener, uint8_t* data, size_t size, uint32_t& host);
+    void ReceiveAll(Listener& listener);
     void Accept(Listener& listener);
     bool Read(Client& client);
-    void TakePacket(TslVersion version, uint32_t host, const uint8_t* data, size_t size);
+    void TakePacket(TslVersion version, uint32_t host, TimePoint time, const uint8_t* data,
+                    size_t size);
     void Close(const std::list<Client>::iterator& client);
 
     const Take m_take;
@@ -71,11 +70,7 @@ private:
     std::list<Listener> m_listeners;
     std::list<Client> m_clients;
     std::vector<Display> m_displays;  // of the packet at hand
-    uint64_t m_packets = 0;
 };
-
-// "10.0.0.5", from host byte order.
-std::string TslHostText(uint32_t host);
 
 // The bytes as "80 01 41 ...", at most the first 32.
 std::string HexOf(const std::string& bytes);

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
-#include "tools/tsl/Inputs.h"
 
 namespace {
 
@@ -51,21 +51,20 @@ void Rules::Release(const Rule& rule, std::vector<Write>& writes) {
     }
 }
 
-void Rules::Take(const std::vector<Display>& displays, uint32_t host) {
-    const TimePoint now = Now();
+void Rules::Take(const std::vector<Display>& displays, uint32_t host, TimePoint time) {
     for (const Display& display : displays) {
         for (Rule& rule : m_rules) {
             if (Covers(display, rule.config.place)) {
                 rule.lit = rule.config.IsLit(display.tallies);
                 rule.host = host;
                 rule.doubtful = false;
-                m_hosts[host] = now;
+                m_hosts.try_emplace(host, time);
             }
         }
     }
     const auto known = m_hosts.find(host);
     if (known != m_hosts.end()) {
-        known->second = now;
+        known->second = std::max(known->second, time);
     }
 }
 
@@ -101,13 +100,13 @@ void Rules::TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes) {
             m_notes.push_back(what + " is lost: " +
                               (!rule.lit       ? "nobody has told it"
                                : rule.doubtful ? "datagrams were lost, and it was not told again"
-                                               : TslHostText(rule.host) + " sends nothing"));
+                                               : HostText(rule.host) + " sends nothing"));
         }
         rule.lost = true;
         rule.lit.reset();
     } else if (rule.lit && rule.lost) {
         rule.lost = false;
-        m_notes.push_back(what + " is told again, by " + TslHostText(rule.host));
+        m_notes.push_back(what + " is told again, by " + HostText(rule.host));
     }
     std::optional<Level> level;
     if (rule.lit) {

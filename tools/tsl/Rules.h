@@ -24,8 +24,8 @@ public:
     // outputs that no longer have a rule: as if their switchers were lost.
     std::vector<Write> Configure(const std::vector<TslRule>& rules);
 
-    // Processes the displays of one packet.
-    void Take(const std::vector<Display>& displays, uint32_t host);
+    // Processes the displays of one packet, and when the host has sent it.
+    void Take(const std::vector<Display>& displays, uint32_t host, TimePoint time);
 
     // Something that was sent is not known: what a display said before counts until its on-loss
     // time is over, however alive its host is, unless it is told again.

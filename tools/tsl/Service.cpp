@@ -6,6 +6,7 @@
 
 #include "tools/base/Notify.h"
 #include "tools/bus/BusError.h"
+#include "tools/bus/Interface.h"
 
 namespace {
 
@@ -33,8 +34,8 @@ Service::Service(const TslConfig& config)
     : m_log(LOG_LINES),
       m_tell([this](const std::string& text) { m_log.Tell(text); }),
       m_follower(SettingsOf(config), Policy()),
-      m_inputs([this](const std::vector<Display>& displays,
-                      uint32_t host) { m_rules.Take(displays, host); },
+      m_inputs([this](const std::vector<Display>& displays, uint32_t host,
+                      TimePoint time) { m_rules.Take(displays, host, time); },
                [this](uint32_t host, const std::string& reason, const std::string& bytes) {
                    Complain(host, reason, bytes);
                },
@@ -199,7 +200,7 @@ void Service::Complain() {
 
 void Service::TellComplaints() {
     for (const auto& [host, complaint] : m_complaints) {
-        m_tell(TslHostText(host) + " has sent " + std::to_string(complaint.count) +
+        m_tell(HostText(host) + " has sent " + std::to_string(complaint.count) +
                " malformed packets, the first: " + complaint.first);
     }
     if (m_lost > 0) {
