@@ -28,3 +28,16 @@ await() { # FILE TEXT
     echo "no $2 in $1 in 10 s"
     exit 1
 }
+
+# Two hosts on one network: this one, 10.77.0.1, and that in the namespace "studio", 10.77.0.2.
+studio() {
+    local host
+    ip netns add studio
+    ip link add eth0 type veth peer name eth0 netns studio
+    ip addr add 10.77.0.1/24 dev eth0
+    ip -n studio addr add 10.77.0.2/24 dev eth0
+    for host in "" "-n studio"; do
+        # shellcheck disable=SC2086
+        ip $host link set lo up && ip $host link set eth0 up && ip $host route add 224.0.0.0/4 dev eth0
+    done
+}

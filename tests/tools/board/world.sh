@@ -9,14 +9,7 @@ set -euo pipefail
 enter "$@"
 bin=$2
 shift 2
-ip netns add studio
-ip link set lo up
-ip link add eth0 type veth peer name eth0 netns studio
-ip addr add 10.77.0.1/24 dev eth0
-ip link set eth0 up
-ip route add 224.0.0.0/4 dev eth0
-ip netns exec studio sh -c 'ip link set lo up; ip addr add 10.77.0.2/24 dev eth0
-    ip link set eth0 up; ip route add 224.0.0.0/4 dev eth0'
+studio
 
 cat >/run/tqrd.conf <<'CONF'
 CFG GPO 1 SRCA=10.77.0.2/3

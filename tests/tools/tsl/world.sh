@@ -8,14 +8,7 @@ set -euo pipefail
 enter "$@"
 bin=$2
 shift 2
-ip link set lo up
-ip netns add studio
-ip link add eth0 type veth peer name eth0 netns studio
-ip addr add 10.77.0.1/24 dev eth0
-ip link set eth0 up
-ip route add 224.0.0.0/4 dev eth0
-ip netns exec studio sh -c 'ip link set lo up; ip addr add 10.77.0.2/24 dev eth0
-    ip link set eth0 up; ip route add 224.0.0.0/4 dev eth0'
+studio
 echo 'CFG GPO 1 SRCA=1:2' >/run/studio.conf
 mkfifo /run/in
 ip netns exec studio "$bin/tools/sim/orvex-sim" /run/studio.conf <>/run/in >/run/sim.log 2>&1 &
