@@ -9,6 +9,24 @@ namespace {
 const char* const LINE_ENDS = "\r\n";
 const size_t MAX_SHOWN = 400;
 
+std::string Shown(const std::string& text, bool (*is_printable)(unsigned char byte)) {
+    std::string shown;
+    for (const char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (shown.size() >= MAX_SHOWN) {
+            return shown + "...";
+        }
+        if (is_printable(byte)) {
+            shown += c;
+            continue;
+        }
+        char code[8];
+        snprintf(code, sizeof code, "\\x%02X", byte);
+        shown += code;
+    }
+    return shown;
+}
+
 }  // namespace
 
 void LineBuffer::Append(const char* data, size_t size) {
@@ -38,19 +56,9 @@ std::string LineBuffer::Clear() {
 }
 
 std::string Printable(const std::string& text) {
-    std::string shown;
-    for (const char c : text) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (shown.size() >= MAX_SHOWN) {
-            return shown + "...";
-        }
-        if (byte >= 0x20 && byte != 0x7F) {
-            shown += c;
-            continue;
-        }
-        char code[8];
-        snprintf(code, sizeof code, "\\x%02X", byte);
-        shown += code;
-    }
-    return shown;
+    return Shown(text, [](unsigned char byte) { return byte >= 0x20 && byte != 0x7F; });
+}
+
+std::string PrintableAscii(const std::string& text) {
+    return Shown(text, [](unsigned char byte) { return byte >= 0x20 && byte < 0x7F; });
 }

@@ -28,3 +28,6 @@ private:
 
 // The text with every control character as \xNN. Longer texts are truncated and end with "...".
 std::string Printable(const std::string& text);
+
+// The same, also for every byte beyond ASCII: letters of other scripts can disguise a line.
+std::string PrintableAscii(const std::string& text);

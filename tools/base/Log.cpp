@@ -5,28 +5,11 @@
 #include <sstream>
 #include <utility>
 
+#include "tools/base/LineBuffer.h"
+
 namespace {
 
-const double PERIOD = 1;     // seconds
-const size_t LONGEST = 400;  // characters
-
-std::string Escaped(const std::string& text) {
-    std::string shown;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (shown.size() >= LONGEST) {
-            return shown + "...";
-        }
-        if (byte >= 0x20 && byte < 0x7F) {
-            shown += c;
-            continue;
-        }
-        char code[8];
-        snprintf(code, sizeof code, "\\x%02X", byte);
-        shown += code;
-    }
-    return shown;
-}
+const double PERIOD = 1;  // seconds
 
 }  // namespace
 
@@ -40,7 +23,7 @@ void Log::Tell(const std::string& text) {
     Tend();
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        TellLine(Escaped(line));
+        TellLine(PrintableAscii(line));
     }
 }
 

@@ -8,8 +8,7 @@
 #include "tools/base/Time.h"
 
 // Peers choose what it tells, and how often: a line is printed at most once a second, with a count
-// of how often it came in between, and only so many lines a second. Everything but printable ASCII
-// is escaped.
+// of how often it came in between, and only so many lines a second, as PrintableAscii() shows them.
 class Log {
 public:
     using Print = std::function<void(const std::string& line)>;
