@@ -2,62 +2,17 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cmath>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <set>
-#include <sstream>
+#include <stdexcept>
+#include <utility>
 
-#include "protocol/numbers.h"
+#include "tools/mqtt/ConfigValues.h"
+
 namespace {
 
 using Words = std::vector<std::string>;
-
-[[noreturn]] void Refuse(const std::string& reason) {
-    throw std::invalid_argument(reason);
-}
-
-double ParseNumber(const std::string& text, double least, double most) {
-    char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(number >= least && number <= most)) {
-        std::ostringstream reason;
-        reason << "not a number from " << least << " to " << most << ": " << text;
-        Refuse(reason.str());
-    }
-    return number;
-}
-
-int ParseWhole(const std::string& text, int least, int most) {
-    const double number = ParseNumber(text, least, most);
-    if (number != std::floor(number)) {
-        Refuse("not a whole number: " + text);
-    }
-    return static_cast<int>(number);
-}
-
-// Allowed between two '/' of a topic.
-std::string ParseLevelName(const std::string& text) {
-    const bool good = std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-';
-    });
-    if (!good || text.size() > 64) {
-        Refuse("not made of letters, digits, '.', '_' and '-': " + text);
-    }
-    return text;
-}
-
-bool IsPin(const std::string& text) {
-    try {
-        ParsePin(text);
-        return true;
-    } catch (const std::invalid_argument&) {
-        return false;
-    }
-}
 
 std::string ReadSecret(const std::string& file) {
     std::ifstream in(file);
@@ -83,10 +38,8 @@ private:
     bool TakeBus(const Words& words);
     bool TakeBroker(const Words& words);
     void TakeLink(const Words& words);
-    void TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) const;
     void ParseBroker(const std::string& text);
     std::string ReadableFile(const std::string& text) const;
-    SitePin ParseSitePin(const std::string& text) const;
     std::string Path(const std::string& text) const;
     void Finish();
     [[noreturn]] void Fail(const std::string& reason) const {  // of the whole file
@@ -99,7 +52,6 @@ private:
     const std::string m_file;
     MqttConfig m_config;
     std::string m_names;
-    std::string m_password_file;
     int m_line = 0;
     std::set<std::string> m_seen;
     std::vector<std::pair<int, Words>> m_late;  // settings that need the site and the names
@@ -229,101 +181,20 @@ std::string Reader::Path(const std::string& text) const {
     return slash == m_file.npos ? text : m_file.substr(0, slash + 1) + text;
 }
 
-SitePin Reader::ParseSitePin(const std::string& text) const {
-    const size_t colon = text.find(':');
-    if (colon == 0 || colon == text.npos || colon + 1 == text.size()) {
-        Refuse("not SITE:PIN: " + text);
-    }
-    if (IsPin(text)) {
-        Refuse("not SITE:PIN, there is no site: " + text);
-    }
-    SitePin pin;
-    pin.site = ParseLevelName(text.substr(0, colon));
-    pin.pin = text.substr(colon + 1);
-    const bool own = pin.site == m_config.site;
-    if (own || std::isdigit(static_cast<unsigned char>(pin.pin[0])) != 0) {
-        pin.tag = own ? m_config.names.ParsePin(pin.pin) : ParsePin(pin.pin);
-        pin.pin = PinText(*pin.tag);
-    } else {
-        for (const char c : pin.pin) {
-            ParseLevelName(c == ':' ? std::string() : std::string(1, c));
-        }
-    }
-    return pin;
-}
-
 void Reader::TakeLink(const Words& words) {
-    const auto arrow = std::find(words.begin(), words.end(), "->");
-    if (arrow - words.begin() < 2 || words.end() - arrow < 2) {
-        Refuse("not link SITE:PIN -> SITE:PIN");
-    }
-    std::string from;
-    std::for_each(words.begin() + 1, arrow,
-                  [&from](const std::string& word) { from += word + " "; });
-    LinkConfig link;
+    LinkConfig link = ParseLink(words, m_config.site, m_config.names);
     link.line = m_line;
-    link.from =
-        ParseExpression(from, [this](const std::string& text) { return ParseSitePin(text); });
-    link.to = ParseSitePin(arrow[1]);
-    std::vector<SitePin> own;
-    const auto note_own = [&](const SitePin& pin) {
-        if (pin.site == m_config.site) {
-            own.push_back(pin);
-        }
-    };
-    link.from.ForEachPin([&](const Expression& source) { note_own(source.pin); });
-    note_own(link.to);
-    if (own.empty()) {
-        Refuse("no pin is at this file's site, " + m_config.site);
-    }
-    if (link.to.tag && IsInput(*link.to.tag)) {
-        Refuse(link.to.Text() + " is an input: devices do not set it");
-    }
-    std::set<std::string> seen;
-    for (auto next = static_cast<size_t>(arrow - words.begin()) + 2; next < words.size();) {
-        if (!seen.insert(words[next]).second) {
-            Refuse(words[next] + " is given twice");
-        }
-        TakeLinkOption(link, words, next);
-    }
-    if (link.pulse_ms > 0 && link.delay + link.hold + link.min_interval > 0) {
-        Refuse("delay, hold and min-interval are not for a pulse");
-    }
     if (const auto reason = RefusalOf(link, m_config.links)) {
         Refuse(*reason);
     }
-    for (const SitePin& pin : own) {
-        m_config.pins.push_back(ParsePinRef(pin.pin));
-    }
-    m_config.links.push_back(link);
-}
-
-void Reader::TakeLinkOption(LinkConfig& link, const Words& words, size_t& next) const {
-    const std::string& option = words[next++];
-    const auto value = [&]() -> const std::string& {
-        if (next == words.size()) {
-            Refuse(option + " needs a value");
+    const auto read = [this](const SitePin& pin) {
+        if (pin.site == m_config.site) {
+            m_config.pins.push_back(ParsePinRef(pin.pin));
         }
-        return words[next++];
     };
-    if (option == "invert") {
-        link.invert = true;
-    } else if (option == "pulse") {
-        link.pulse_ms = static_cast<unsigned int>(ParseWhole(value(), 10, LONGEST_PULSE_MS));
-    } else if (option == "delay" || option == "hold" || option == "min-interval") {
-        double& seconds = option == "delay"  ? link.delay
-                          : option == "hold" ? link.hold
-                                             : link.min_interval;
-        seconds = ParseWhole(value(), 1, LONGEST_DELAY) / 1000.0;
-    } else if (option == "on-loss") {
-        const std::string& level = value();
-        link.on_loss = level == "keep" ? std::nullopt : std::optional<Level>(ParseLevel(level));
-        if (next < words.size() && std::isdigit(static_cast<unsigned char>(words[next][0])) != 0) {
-            link.loss_after = ParseNumber(value(), SHORTEST_LOSS, LONGEST_LOSS);
-        }
-    } else {
-        Refuse("unknown option of a link: " + option);
-    }
+    link.from.ForEachPin([&](const Expression& source) { read(source.pin); });
+    read(link.to);
+    m_config.links.push_back(std::move(link));
 }
 
 void Reader::Finish() {

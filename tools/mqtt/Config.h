@@ -51,8 +51,3 @@ struct MqttConfig {
     // Reads and checks a file and what it refers to. Throws ConfigError.
     static MqttConfig Read(const std::string& file);
 };
-
-const double SHORTEST_LOSS = 2;  // seconds; a heartbeat comes every half second
-const double LONGEST_LOSS = 3600;
-const int LONGEST_DELAY = 60000;          // ms, also of hold and min-interval
-const unsigned int LONGEST_PULSE = 7750;  // ms; the longest in a write

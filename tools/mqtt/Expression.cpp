@@ -2,16 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
-#include <stdexcept>
+
+#include "tools/mqtt/ConfigValues.h"
 
 namespace {
 
 const size_t MOST_PINS = 16;
 const int DEEPEST = 8;
-
-[[noreturn]] void Refuse(const std::string& reason) {
-    throw std::invalid_argument(reason);
-}
 
 std::vector<std::string> WordsOf(const std::string& text) {
     std::vector<std::string> words;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/bus/Names.h"
 #include "tools/mqtt/Expression.h"
 
 // Pins at any sites that set an output.
@@ -22,6 +23,13 @@ struct LinkConfig {
 
     std::string Text() const { return from.Text() + " -> " + to.Text(); }
 };
+
+const double SHORTEST_LOSS = 2;  // seconds; a heartbeat comes every half second
+
+// Reads the words of a line, "link SOURCE -> SITE:PIN OPTION...", in the file of that site, which
+// has these names. Throws std::invalid_argument with the reason.
+LinkConfig ParseLink(const std::vector<std::string>& words, const std::string& site,
+                     const Names& names);
 
 // Why a link conflicts with the others; none if it does not. Two links must not set one output, and
 // no pin may set itself, through however many links.

@@ -63,7 +63,8 @@ std::vector<Links::Write> Links::Reload(const MqttConfig& config) {
 // What is known of the same output's link before. Another source has to be heard first.
 void Links::Keep(const Link& before, Link& link) {
     if (link.config.Text() == before.config.Text()) {
-        const LinkConfig config = std::exchange(link, before).config;
+        const LinkConfig config = link.config;
+        link = before;
         link.config = config;
     } else {
         link.applied = before.applied;

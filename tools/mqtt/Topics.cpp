@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <stdexcept>
 
+#include "protocol/numbers.h"
 #include "tools/bus/StateJson.h"
 
 const char* const ONLINE = "online";
@@ -28,6 +29,10 @@ std::string Trimmed(const std::string& text) {
                               : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
+bool BeginsWith(const std::string& text, const std::string& begin) {
+    return text.compare(0, begin.size(), begin) == 0;
+}
+
 }  // namespace
 
 std::string Topics::Parts(std::string pin) {
@@ -35,8 +40,12 @@ std::string Topics::Parts(std::string pin) {
     return pin;
 }
 
+bool Topics::IsOfState(const std::string& topic) const {
+    return BeginsWith(topic, Pin("")) || BeginsWith(topic, Device(""));
+}
+
 std::string Topics::PinAfter(const std::string& begin, const std::string& topic) {
-    if (topic.compare(0, begin.size(), begin) != 0) {
+    if (!BeginsWith(topic, begin)) {
         return {};
     }
     std::string pin = topic.substr(begin.size());
@@ -112,8 +121,8 @@ SetRequest ParseSet(const std::string& payload) {
     }
     // As orvexctl reads it. The pin does not matter.
     const PinWrite write = ParsePinWrite("0:0:0=" + text, Names());
-    if (write.duration_ms > LONGEST_PULSE) {
-        throw std::invalid_argument("longer than " + std::to_string(LONGEST_PULSE) + " ms");
+    if (write.duration_ms > LONGEST_PULSE_MS) {
+        throw std::invalid_argument("longer than " + std::to_string(LONGEST_PULSE_MS) + " ms");
     }
     return {write.value.GetLevel(), write.duration_ms};
 }

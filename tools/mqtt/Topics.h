@@ -30,13 +30,12 @@ public:
     std::string Event(const std::string& pin) const { return m_base + "/event/" + Parts(pin); }
     std::string Set(const std::string& pin) const { return m_base + "/set/" + Parts(pin); }
 
+    // Whether it is the topic of a pin or device.
+    bool IsOfState(const std::string& topic) const;
+
     // The pin in a topic that Sets() or Pins() matches, "1:2:in1:level" in one of a level; empty
     // for another topic.
     std::string PinOfSet(const std::string& topic) const { return PinAfter(Set(""), topic); }
-    bool IsOfState(const std::string& topic) const {  // of a pin or device
-        return topic.compare(0, m_base.size() + 5, m_base + "/pin/") == 0 ||
-               topic.compare(0, m_base.size() + 8, m_base + "/device/") == 0;
-    }
     std::string PinOfState(const std::string& topic) const { return PinAfter(Pin(""), topic); }
 
 private:
