@@ -7,24 +7,14 @@
 #include <csignal>
 #include <utility>
 
-#include "tools/bus/JsonFormat.h"
-#include "tools/bus/PinJson.h"
-#include "tools/mqtt/Discovery.h"
+#include "tools/bus/PinName.h"
 
 namespace {
 
-const size_t LOG_LINES = 20;    // a second
-const double SIGN_EVERY = 0.5;  // seconds
-const double SIGN_TIME = 10;  // a connection without a returned heartbeat for that long is given up
+const size_t LOG_LINES = 20;  // a second
+// In seconds:
+const double TURN_EVERY = 0.5;  // links and log need one that often
 const double COMPLAIN_EVERY = 5;
-const double DEFEND_EVERY = 3;  // seconds, enough to hear from a bridge that has claimed the site
-const size_t MOST_LEFTOVERS = 50000;
-const size_t LONGEST_TOPIC = 300;
-const size_t MOST_UNACKNOWLEDGED = 20;
-const double REST_PAUSE = 0.001;  // seconds
-// In one turn of the loop. Enough for a state and an event for each message that is taken from the
-// bus in a turn, so that a burst from the bus does not fill the queue.
-const int MOST_PUBLISHED = 1000;
 
 }  // namespace
 
@@ -39,7 +29,8 @@ Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print
       m_sets(config, m_bus, m_tell),
       m_losses(config.loss_file),
       m_links(config, m_losses.Saved()),
-      m_number(NewRequestId()) {
+      m_presence(m_topics, m_broker),
+      m_publisher(config, m_topics, m_pins, m_links, m_sets, m_broker, m_presence.Number()) {
     m_bus.on_message = [this](const Traffic& traffic, bool) {
         if (traffic.GetKind() == Kind::Reply) {
             m_sets.TakeReply(traffic);
@@ -61,7 +52,7 @@ Bridge::End Bridge::Run(Signals& signals) {
             return End::Stopped;
         }
         Step();
-        if (m_is_taken_over) {
+        if (m_presence.IsTakenOver()) {
             m_broker.Leave();
             return End::TakenOver;
         }
@@ -75,15 +66,10 @@ bool Bridge::Wait(const Signals& signals) {
     for (const int fd : m_bus.Descriptors()) {
         fds.push_back({fd, POLLIN, 0});
     }
-    TimePoint next = std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(),
-                               m_links.NextTime(), m_notify.NextTime(), After(SIGN_EVERY)});
-    if (m_broker.Connection() != 0) {
-        next = std::min(next, m_next_sign);
-    }
-    if (m_broker.CanSend()) {
-        next = std::min(next, m_rest);
-    }
-    poll(fds.data(), fds.size(), m_has_more ? 0 : MillisecondsUntil(next));
+    const TimePoint next = std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(),
+                                     m_links.NextTime(), m_notify.NextTime(), m_presence.NextTime(),
+                                     m_publisher.NextTime(), After(TURN_EVERY)});
+    poll(fds.data(), fds.size(), MillisecondsUntil(next));
     const short got = fds[1].revents;
     m_broker.Serve((got & ~POLLOUT) != 0, (got & POLLOUT) != 0);
     return fds[0].revents != 0;
@@ -107,13 +93,9 @@ void Bridge::Reload() {
 
 void Bridge::Follow(const MqttConfig& fresh) {
     const std::set<std::string> links = m_links.Subscriptions();
-    m_leftovers.merge(TopicsOfFile());
-    m_config = fresh;
-    for (const std::string& topic : TopicsOfFile()) {
-        m_leftovers.erase(topic);
-    }
+    const MqttConfig before = std::exchange(m_config, fresh);
     m_pins.Want(m_config);
-    m_pins.TellAll();
+    m_publisher.Follow(before);
     for (const Links::Write& write : m_links.Reload(m_config)) {
         Write(write);
     }
@@ -129,55 +111,18 @@ void Bridge::Follow(const MqttConfig& fresh) {
     for (const std::string& topic : now) {  // again: the broker sends what it has retained
         m_broker.Subscribe(topic);
     }
-    Announce();
-}
-
-// Those that depend on names, and those of hubs.
-std::set<std::string> Bridge::TopicsOfFile() const {
-    std::set<std::string> topics;
-    for (const PinRef& pins : m_config.pins) {
-        for (const uint32_t tag : pins.Tags()) {
-            const std::string name = m_config.names.NameOf(tag);
-            if (!name.empty()) {
-                topics.insert(m_topics.Pin(name));
-                topics.insert(m_topics.Level(name));
-            }
-            if (!m_config.discovery.empty()) {
-                topics.insert(DiscoveryTopic(m_config, tag));
-            }
-        }
-    }
-    return topics;
 }
 
 void Bridge::Step() {
     FollowConnection();
     TakeMessages();
+    m_presence.Tend();
     m_bus.Serve();
     m_sets.Tend();
     CarryOutLinks();
     FollowPhase();
-    PublishAll();
+    m_publisher.Publish(m_phase == Phase::Publishing || m_phase == Phase::Online);
     m_log.Tend();
-}
-
-void Bridge::PublishAll() {
-    m_has_more = false;
-    const bool is_due = Now() >= m_rest;
-    int count = 0;
-    while (m_broker.CanSend()) {
-        if (++count > MOST_PUBLISHED) {
-            m_has_more = true;
-            return;
-        }
-        if (PublishUrgent() || ((is_due || m_rest == TimePoint::max()) && PublishRest())) {
-            continue;
-        }
-        if (is_due) {
-            m_rest = TimePoint::max();
-        }
-        return;
-    }
 }
 
 void Bridge::FollowConnection() {
@@ -186,38 +131,19 @@ void Bridge::FollowConnection() {
         m_connection = connection;
         m_phase = Phase::Away;
         m_links.Forget();
-        m_signs.clear();
-        m_own_sign = {};
-        m_rival.clear();
-        // Publishes again what may not have arrived.
-        for (auto& answer : m_unacknowledged) {
-            m_sets.Answers().push_front(std::move(answer.second));
-        }
-        m_unacknowledged.clear();
+        m_presence.End();
+        m_sets.ConnectionEnded();
         if (connection != 0) {
-            m_connected_at = Now();
-            m_next_sign = Now();
             m_phase = Phase::Connected;
-            PublishStatus(OFFLINE);
-            m_seen_status = m_status;
-            // The latest bridge of a site wins.
-            m_has_claimed = false;
-            if (!std::exchange(m_was_connected, true)) {
-                Claim();
-            }
+            m_presence.Begin();
+            m_publisher.Announce();
             Subscribe();
-            Announce();
         }
-    }
-    if (m_connection != 0 && Now() >= m_next_sign) {
-        SendSign();
     }
 }
 
 void Bridge::Subscribe() {
-    m_broker.Subscribe(m_topics.Bridge());
-    m_broker.Subscribe(m_topics.Alive());
-    m_broker.Subscribe(m_topics.Status());
+    m_presence.Subscribe();
     m_broker.Subscribe(m_topics.Sets(), Broker::RETAINED_AS_PUBLISHED);
     for (const std::string& topic : m_links.Subscriptions()) {
         m_broker.Subscribe(topic);
@@ -226,84 +152,13 @@ void Bridge::Subscribe() {
     m_broker.Subscribe(m_topics.Devices(), Broker::NO_LOCAL);
 }
 
-// Only pins in the files: hubs make an entity of each.
-void Bridge::Announce() {
-    if (!m_config.discovery.empty()) {
-        for (const PinRef& pins : m_config.pins) {
-            const std::vector<uint32_t> tags = pins.Tags();
-            m_unannounced.insert(tags.begin(), tags.end());
-        }
-    }
-}
-
 void Bridge::BeginAsking() {
     m_phase = Phase::Asking;
-    std::set<uint32_t> published;
-    for (const std::string& topic : m_leftovers) {
-        try {
-            published.insert(ParsePin(m_topics.PinOfState(topic)));
-        } catch (const std::invalid_argument&) {
-            // The topic of a level, a name or a device.
-        }
-    }
-    m_pins.AskAll(published);
-}
-
-// Publishes a heartbeat, and checks that the last ones have come back.
-void Bridge::SendSign() {
-    m_next_sign = After(SIGN_EVERY);
-    if (std::max(m_own_sign, m_connected_at) < After(-SIGN_TIME)) {
-        return m_broker.Drop("it is connected, but heartbeats do not come back");
-    }
-    ++m_sign_count;
-    m_signs.emplace_back(m_sign_count, Now());
-    m_broker.Publish({m_topics.Alive(), SignText({m_number, m_sign_count}), false, true, {}});
-}
-
-void Bridge::TakeSign(const std::string& payload) {
-    const std::optional<Sign> sign = ParseSign(payload);
-    if (sign && sign->bridge == m_number) {
-        TakeOwnSign(sign->count);
-    } else if (sign && std::to_string(sign->bridge) == m_rival) {
-        m_is_taken_over = true;
-    }
-}
-
-// The first one proves that what the broker had retained has arrived.
-void Bridge::TakeOwnSign(unsigned long count) {
-    const auto sign = std::find_if(m_signs.begin(), m_signs.end(),
-                                   [count](const auto& sent) { return sent.first == count; });
-    if (sign == m_signs.end()) {
-        return;
-    }
-    m_own_sign = sign->second;
-    m_signs.erase(m_signs.begin(), sign + 1);
-    m_broker.Proved();
-    if (m_phase == Phase::Connected) {
-        BeginAsking();
-    }
-}
-
-void Bridge::Claim() {
-    m_broker.Publish({m_topics.Bridge(), std::to_string(m_number), true, true, {}});
-}
-
-// A claim alone proves nothing: a broker may remember an old one. Whoever made it must be alive.
-void Bridge::TakeClaim(const std::string& payload) {
-    m_has_claimed = payload == std::to_string(m_number);
-    m_rival = m_has_claimed ? std::string() : payload;
-}
-
-// Removed later, unless it is published again: so nothing counts that comes after that has begun.
-void Bridge::TakeLeftover(const Broker::Message& message) {
-    if (m_phase == Phase::Connected && message.retained && !message.payload.empty() &&
-        message.topic.size() <= LONGEST_TOPIC && m_leftovers.size() < MOST_LEFTOVERS) {
-        m_leftovers.insert(message.topic);
-    }
+    m_pins.AskAll(m_publisher.LeftPins());
 }
 
 std::string Bridge::Hindrance() const {
-    if (m_is_taken_over) {
+    if (m_presence.IsTakenOver()) {
         return "another bridge has the site";
     }
     if (!m_bus.IsUp()) {
@@ -324,7 +179,7 @@ std::string Bridge::StatusLine() const {
 
 void Bridge::TakeMessages() {
     for (const uint32_t number : m_broker.Acknowledged()) {
-        m_unacknowledged.erase(number);
+        m_sets.Acknowledged(number);
     }
     m_broker.Acknowledged().clear();
     for (const Broker::Message& message : m_broker.Inbox()) {
@@ -335,25 +190,30 @@ void Bridge::TakeMessages() {
 
 void Bridge::TakeMessage(const Broker::Message& message) {
     if (!m_topics.PinOfSet(message.topic).empty()) {
-        const std::chrono::duration<double> age = Now() - m_own_sign;
+        const std::chrono::duration<double> age = Now() - m_presence.OwnSign();
         return m_sets.Take(message, age.count(), Hindrance());
     }
-    if (message.topic == m_topics.Bridge()) {
-        TakeClaim(message.payload);
-    } else if (message.topic == m_topics.Alive() && !message.retained) {
-        TakeSign(message.payload);
-    } else if (message.topic == m_topics.Status()) {
-        m_seen_status = message.payload;
-    } else if (m_topics.IsOfState(message.topic)) {
+    m_presence.Take(message);
+    if (m_phase == Phase::Connected) {
         TakeLeftover(message);
     }
-    m_links.Take(message, m_own_sign);
+    m_links.Take(message, m_presence.OwnSign());
     CarryOutLinks();
+}
+
+// What an earlier bridge has left at the broker has arrived when the first heartbeat is back: what
+// comes after that was published by others, and is left alone.
+void Bridge::TakeLeftover(const Broker::Message& message) {
+    if (m_presence.IsProved()) {
+        BeginAsking();
+    } else if (message.retained && !message.payload.empty() && m_topics.IsOfState(message.topic)) {
+        m_publisher.TakeLeftover(message.topic);
+    }
 }
 
 void Bridge::CarryOutLinks() {
     if (m_bus.IsUp()) {
-        for (const Links::Write& write : m_links.Tend(m_own_sign)) {
+        for (const Links::Write& write : m_links.Tend(m_presence.OwnSign())) {
             Write(write);
         }
     }
@@ -386,8 +246,8 @@ void Bridge::FollowPhase() {
         if (m_bus_up) {
             m_links.WriteAgain();
         }
-        if (m_own_sign != TimePoint()) {
-            PublishStatus(OFFLINE);
+        if (m_presence.IsProved()) {
+            m_presence.PublishStatus(OFFLINE);
             BeginAsking();
         }
     }
@@ -395,11 +255,8 @@ void Bridge::FollowPhase() {
         m_phase = Phase::Publishing;
         m_pins.TellAll();
     }
-    if (m_phase == Phase::Publishing && IsAllPublished()) {
+    if (m_phase == Phase::Publishing && m_publisher.IsDone()) {
         GoOnline();
-    }
-    if (m_own_sign != TimePoint()) {
-        DefendOwnTopics();
     }
     if (m_pins.Dropped() != m_dropped && Now() >= m_next_complaint) {
         m_next_complaint = After(COMPLAIN_EVERY);
@@ -409,144 +266,12 @@ void Bridge::FollowPhase() {
     }
 }
 
-bool Bridge::IsAllPublished() {
-    return m_pins.Changed().empty() && m_levels.empty() && m_pins.ChangedDevices().empty() &&
-           m_leftovers.empty();
-}
-
 void Bridge::GoOnline() {
     m_phase = Phase::Online;
-    PublishStatus(ONLINE);
+    m_presence.PublishStatus(ONLINE);
     m_broker.Unsubscribe(m_topics.Pins());
     m_broker.Unsubscribe(m_topics.Devices());
     m_tell("site " + m_config.site + " is online");
-}
-
-// The broker may have restored old messages, or published the will of a connection that it had
-// not seen end.
-void Bridge::DefendOwnTopics() {
-    if (Now() < m_next_defence) {
-        return;
-    }
-    m_next_defence = After(DEFEND_EVERY);
-    if (m_seen_status != m_status) {
-        PublishStatus(m_status.c_str());
-    }
-    if (!m_has_claimed) {
-        Claim();
-    }
-}
-
-// In the order of urgency. False if there is nothing.
-bool Bridge::PublishUrgent() {
-    if (!m_sets.Answers().empty() && m_unacknowledged.size() < MOST_UNACKNOWLEDGED) {
-        PublishAnswer();
-        return true;
-    }
-    std::set<uint32_t>& pins = m_pins.Changed();
-    if (IsPublishing() && !pins.empty()) {
-        const uint32_t tag = *pins.begin();
-        pins.erase(pins.begin());
-        PublishPin(tag);
-        return true;
-    }
-    return false;
-}
-
-// Publishes what no link waits for, after a short rest: at once, it would compete for the processor
-// with the broker and the far bridge just when these handle a change.
-bool Bridge::PublishRest() {
-    if (!IsPublishing()) {
-        return false;
-    }
-    if (!m_levels.empty()) {
-        const uint32_t tag = *m_levels.begin();
-        m_levels.erase(m_levels.begin());
-        PublishLevel(tag);
-        return true;
-    }
-    std::set<uint32_t>& devices = m_pins.ChangedDevices();
-    if (!devices.empty()) {
-        const uint32_t host = *devices.begin();
-        devices.erase(devices.begin());
-        PublishDevice(host);
-        return true;
-    }
-    if (!m_leftovers.empty()) {
-        const std::string topic = *m_leftovers.begin();
-        Publish(topic, {}, true);
-        return true;
-    }
-    if (!m_unannounced.empty()) {
-        const uint32_t tag = *m_unannounced.begin();
-        m_unannounced.erase(m_unannounced.begin());
-        Publish(DiscoveryTopic(m_config, tag), DiscoveryText(m_config, tag), true);
-        return true;
-    }
-    if (!m_pins.Changes().empty()) {
-        const PinChange change = m_pins.Changes().front();
-        m_pins.Changes().pop_front();
-        PublishChange(change);
-        return true;
-    }
-    return false;
-}
-
-void Bridge::PublishPin(uint32_t tag) {
-    PinView view = m_pins.ViewOf(tag);
-    if (view.level && view.status == PinStatus::Told) {
-        m_links.Told(tag, *view.level);
-    }
-    view.bridge = m_number;
-    view.via = m_links.ViaOf(tag, view.level);
-    const std::string text = StateText(view, tag, m_config.names);
-    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
-        if (!pin.empty()) {
-            Publish(m_topics.Pin(pin), text, true);
-        }
-    }
-    m_levels.insert(tag);
-    if (m_rest == TimePoint::max()) {
-        m_rest = After(REST_PAUSE);
-    }
-}
-
-void Bridge::PublishLevel(uint32_t tag) {
-    const std::optional<Level> level = m_pins.ViewOf(tag).level;
-    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
-        if (!pin.empty()) {
-            Publish(m_topics.Level(pin), level ? LevelText(level) : std::string(), true);
-        }
-    }
-}
-
-void Bridge::PublishChange(const PinChange& change) {
-    Publish(m_topics.Event(PinText(change.tag)), ToJson(change, m_config.names), false);
-}
-
-void Bridge::PublishDevice(uint32_t host) {
-    const PinFollower::Device& device = m_bus.Devices().at(host);
-    Json json;
-    json["state"] = device.is_silent ? "silent" : "heard";
-    json["since"] = device.since;
-    Publish(m_topics.Device(HostText(host)), Dump(json), true);
-}
-
-void Bridge::PublishAnswer() {
-    Broker::Outgoing answer = m_sets.Answers().front();
-    m_sets.Answers().pop_front();
-    m_unacknowledged.emplace(m_broker.Publish(answer), std::move(answer));
-}
-
-void Bridge::Publish(const std::string& topic, const std::string& payload, bool retain) {
-    m_leftovers.erase(topic);
-    m_broker.Publish({topic, payload, retain, false, {}});
-}
-
-void Bridge::PublishStatus(const char* status) {
-    m_status = status;
-    m_next_defence = After(DEFEND_EVERY);
-    m_broker.Publish({m_topics.Status(), status, true, true, {}});
 }
 
 // From here on nobody controls the links.
@@ -555,7 +280,7 @@ void Bridge::Stop() {
         Write(write);
     }
     if (m_connection != 0) {
-        PublishStatus(OFFLINE);
+        m_presence.PublishStatus(OFFLINE);
     }
     m_broker.Leave();
 }

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <stdexcept>
-
-#include "tools/base/LineBuffer.h"
+#include <utility>
 
 namespace {
 
 const size_t MOST_PENDING = 500;
 const size_t MOST_ANSWERS = 10000;
+const size_t MOST_UNACKNOWLEDGED = 20;
 const double FIRST_QUESTION = 0.01;  // seconds after the write
 const double ASK_EVERY = 0.1;
 const double ANSWER_TIME = 1;
@@ -68,7 +68,7 @@ void Sets::Take(const Broker::Message& message, double age, const std::string& h
         m_pending.push_back({message, pin, tag, request.level, NewRequestId(),
                              After(FIRST_QUESTION), After(ANSWER_TIME), std::nullopt});
     } catch (const std::exception& error) {
-        m_tell("refused to set " + Printable(pin) + ": " + error.what());
+        m_tell("refused to set " + pin + ": " + error.what());
         Answer(message, "refused", pin, error.what());
     }
 }
@@ -124,4 +124,21 @@ void Sets::Answer(const Broker::Message& message, const std::string& result, con
         m_answers.push_back({message.response_topic, AnswerText(result, pin, reason), false, true,
                              message.correlation});
     }
+}
+
+bool Sets::PublishAnswer(Broker& broker) {
+    if (m_answers.empty() || m_unacknowledged.size() >= MOST_UNACKNOWLEDGED) {
+        return false;
+    }
+    const uint32_t number = broker.Publish(m_answers.front());
+    m_unacknowledged.emplace(number, std::move(m_answers.front()));
+    m_answers.pop_front();
+    return true;
+}
+
+void Sets::ConnectionEnded() {
+    for (auto answer = m_unacknowledged.rbegin(); answer != m_unacknowledged.rend(); ++answer) {
+        m_answers.push_front(std::move(answer->second));
+    }
+    m_unacknowledged.clear();
 }

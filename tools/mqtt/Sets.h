@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -27,11 +28,18 @@ public:
     void Tend();
     TimePoint NextTime() const;
 
-    // To be published, oldest first.
-    std::deque<Broker::Outgoing>& Answers() { return m_answers; }
+    // Those to be published, oldest first.
+    const std::deque<Broker::Outgoing>& Answers() const { return m_answers; }
+
+    // Publishes the next one. False if there is none, or the broker has to acknowledge others
+    // first.
+    bool PublishAnswer(Broker& broker);
+
+    // The broker has the answer with that number; what it has not acknowledged is published again.
+    void Acknowledged(uint32_t number) { m_unacknowledged.erase(number); }
+    void ConnectionEnded();
 
 private:
-    bool IsReserved(const std::string& topic) const;
     struct Pending {
         Broker::Message message;
         std::string pin;
@@ -43,6 +51,7 @@ private:
         std::optional<Level> answered;
     };
 
+    bool IsReserved(const std::string& topic) const;
     uint32_t Check(const Broker::Message& message, const std::string& pin, double age,
                    const std::string& hindrance) const;
     void Answer(const Broker::Message& message, const std::string& result, const std::string& pin,
@@ -54,4 +63,5 @@ private:
     const std::function<void(const std::string&)> m_tell;
     std::list<Pending> m_pending;
     std::deque<Broker::Outgoing> m_answers;
+    std::map<uint32_t, Broker::Outgoing> m_unacknowledged;  // by number
 };

@@ -1,0 +1,76 @@
+// How a bridge shows at the broker that it is there, and learns of another one for its site.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <utility>
+
+#include "tools/base/Time.h"
+#include "tools/mqtt/Broker.h"
+#include "tools/mqtt/Topics.h"
+
+// Publishes the status of the site, a heartbeat twice a second, and a number that claims the site
+// for this bridge: the latest bridge of a site wins. Publishes status and claim again if the broker
+// says otherwise: it may have restored old messages, or published the will of a connection that it
+// had not seen end.
+//
+// The heartbeats come back to this bridge. Messages keep their order, so what arrives after a
+// heartbeat is not older than that heartbeat: this bounds the age of a set, whatever other clocks
+// say. The first one proves that what the broker had retained has arrived.
+class Presence {
+public:
+    Presence(const Topics& topics, Broker& broker);
+
+    // The topics to subscribe to.
+    void Subscribe();
+
+    // A connection begins, with the status offline; it has ended.
+    void Begin();
+    void End();
+
+    // Publishes what is due, at NextTime(); while there is a connection. One whose heartbeats do
+    // not come back is dropped.
+    void Tend();
+    TimePoint NextTime() const { return m_next_sign; }
+
+    void PublishStatus(const char* status);
+
+    // Processes a message, of whatever topic.
+    void Take(const Broker::Message& message);
+
+    // When the last heartbeat that has come back was sent; TimePoint() if none has.
+    TimePoint OwnSign() const { return m_own_sign; }
+    bool IsProved() const { return m_own_sign != TimePoint(); }
+
+    // Whether another bridge has claimed the site, and is alive.
+    bool IsTakenOver() const { return m_is_taken_over; }
+
+    // Identifies this run of the bridge.
+    uint32_t Number() const { return m_number; }
+
+private:
+    void SendSign();
+    void TakeSign(const std::string& payload);
+    void TakeOwnSign(unsigned long count);
+    void Claim();
+    void TakeClaim(const std::string& payload);
+
+    const Topics& m_topics;
+    Broker& m_broker;
+    const uint32_t m_number;
+
+    bool m_was_connected = false;
+    bool m_has_claimed = false;  // the site, on this connection
+    std::string m_rival;         // who else has claimed it; empty: nobody
+    bool m_is_taken_over = false;
+    std::string m_status;       // as last published
+    std::string m_seen_status;  // as last received
+    TimePoint m_next_defence{};
+
+    unsigned long m_sign_count = 0;
+    std::deque<std::pair<unsigned long, TimePoint>> m_signs;  // those that have not come back
+    TimePoint m_next_sign = TimePoint::max();
+    TimePoint m_own_sign{};
+    TimePoint m_connected_at{};
+};

@@ -1,0 +1,201 @@
+#include "tools/mqtt/Publisher.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include "tools/bus/JsonFormat.h"
+#include "tools/bus/PinJson.h"
+#include "tools/mqtt/Discovery.h"
+
+namespace {
+
+const size_t MOST_LEFTOVERS = 50000;
+const size_t LONGEST_TOPIC = 300;
+const double REST_PAUSE = 0.001;  // seconds
+// In one turn of the loop. Enough for a state and an event for each message that is taken from the
+// bus in a turn, so that a burst from the bus does not fill the queue.
+const int MOST_PUBLISHED = 1000;
+
+// Takes the first one; the set is not empty.
+template <typename Key>
+Key TakeFirst(std::set<Key>& keys) {
+    return keys.extract(keys.begin()).value();
+}
+
+// The retained topics that depend on the file: those with names, and those of hubs.
+std::set<std::string> TopicsOfFile(const MqttConfig& config, const Topics& topics) {
+    std::set<std::string> found;
+    for (const PinRef& pins : config.pins) {
+        for (const uint32_t tag : pins.Tags()) {
+            const std::string name = config.names.NameOf(tag);
+            if (!name.empty()) {
+                found.insert(topics.Pin(name));
+                found.insert(topics.Level(name));
+            }
+            if (!config.discovery.empty()) {
+                found.insert(DiscoveryTopic(config, tag));
+            }
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+Publisher::Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins, Links& links,
+                     Sets& sets, Broker& broker, uint32_t bridge)
+    : m_config(config),
+      m_topics(topics),
+      m_pins(pins),
+      m_links(links),
+      m_sets(sets),
+      m_broker(broker),
+      m_bridge(bridge) {}
+
+void Publisher::Follow(const MqttConfig& before) {
+    m_leftovers.merge(TopicsOfFile(before, m_topics));
+    for (const std::string& topic : TopicsOfFile(m_config, m_topics)) {
+        m_leftovers.erase(topic);
+    }
+    m_pins.TellAll();
+    Announce();
+}
+
+// Only pins in the files: hubs make an entity of each.
+void Publisher::Announce() {
+    m_unannounced.clear();
+    if (!m_config.discovery.empty()) {
+        for (const PinRef& pins : m_config.pins) {
+            const std::vector<uint32_t> tags = pins.Tags();
+            m_unannounced.insert(tags.begin(), tags.end());
+        }
+    }
+}
+
+void Publisher::TakeLeftover(const std::string& topic) {
+    if (topic.size() <= LONGEST_TOPIC && m_leftovers.size() < MOST_LEFTOVERS) {
+        m_leftovers.insert(topic);
+    }
+}
+
+std::set<uint32_t> Publisher::LeftPins() const {
+    std::set<uint32_t> pins;
+    for (const std::string& topic : m_leftovers) {
+        try {
+            pins.insert(ParsePin(m_topics.PinOfState(topic)));
+        } catch (const std::invalid_argument&) {
+            // The topic of a level, a name or a device.
+        }
+    }
+    return pins;
+}
+
+bool Publisher::IsDone() const {
+    return m_pins.Changed().empty() && m_levels.empty() && m_pins.ChangedDevices().empty() &&
+           m_leftovers.empty();
+}
+
+TimePoint Publisher::NextTime() const {
+    if (!m_broker.CanSend()) {
+        return TimePoint::max();
+    }
+    return m_has_more ? Now() : m_rest;
+}
+
+// In the order of urgency.
+void Publisher::Publish(bool pins) {
+    m_has_more = false;
+    const bool is_due = Now() >= m_rest;
+    for (int count = 0; m_broker.CanSend(); ++count) {
+        if (count == MOST_PUBLISHED) {
+            m_has_more = true;
+            return;
+        }
+        if (m_sets.PublishAnswer(m_broker) || (pins && PublishPins())) {
+            continue;
+        }
+        if (pins && (is_due || m_rest == TimePoint::max()) && PublishRest()) {
+            continue;
+        }
+        if (is_due) {
+            m_rest = TimePoint::max();
+        }
+        return;
+    }
+}
+
+// False if there is nothing.
+bool Publisher::PublishPins() {
+    if (m_pins.Changed().empty()) {
+        return false;
+    }
+    PublishPin(TakeFirst(m_pins.Changed()));
+    return true;
+}
+
+// False if there is nothing. At once, it would compete for the processor with the broker and the
+// far bridge just when these handle a change.
+bool Publisher::PublishRest() {
+    if (!m_levels.empty()) {
+        PublishLevel(TakeFirst(m_levels));
+    } else if (!m_pins.ChangedDevices().empty()) {
+        PublishDevice(TakeFirst(m_pins.ChangedDevices()));
+    } else if (!m_leftovers.empty()) {
+        Retain(std::string(*m_leftovers.begin()), {});  // a copy: the original is erased
+    } else if (!m_unannounced.empty()) {
+        const uint32_t tag = TakeFirst(m_unannounced);
+        Retain(DiscoveryTopic(m_config, tag), DiscoveryText(m_config, tag));
+    } else if (!m_pins.Changes().empty()) {
+        PublishChange(m_pins.Changes().front());
+        m_pins.Changes().pop_front();
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void Publisher::PublishPin(uint32_t tag) {
+    PinView view = m_pins.ViewOf(tag);
+    if (view.level && view.status == PinStatus::Told) {
+        m_links.Told(tag, *view.level);
+    }
+    view.bridge = m_bridge;
+    view.via = m_links.ViaOf(tag, view.level);
+    const std::string text = StateText(view, tag, m_config.names);
+    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
+        if (!pin.empty()) {
+            Retain(m_topics.Pin(pin), text);
+        }
+    }
+    m_levels.insert(tag);
+    if (m_rest == TimePoint::max()) {
+        m_rest = After(REST_PAUSE);
+    }
+}
+
+void Publisher::PublishLevel(uint32_t tag) {
+    const std::optional<Level> level = m_pins.ViewOf(tag).level;
+    for (const std::string& pin : {PinText(tag), m_config.names.NameOf(tag)}) {
+        if (!pin.empty()) {
+            Retain(m_topics.Level(pin), level ? LevelText(level) : std::string());
+        }
+    }
+}
+
+void Publisher::PublishDevice(uint32_t host) {
+    const PinFollower::Device& device = m_pins.Follower().Devices().at(host);
+    Json json;
+    json["state"] = device.is_silent ? "silent" : "heard";
+    json["since"] = device.since;
+    Retain(m_topics.Device(HostText(host)), Dump(json));
+}
+
+void Publisher::PublishChange(const PinChange& change) {
+    m_broker.Publish(
+        {m_topics.Event(PinText(change.tag)), ToJson(change, m_config.names), false, false, {}});
+}
+
+void Publisher::Retain(const std::string& topic, const std::string& payload) {
+    m_leftovers.erase(topic);
+    m_broker.Publish({topic, payload, true, false, {}});
+}

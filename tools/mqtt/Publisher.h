@@ -1,0 +1,68 @@
+// What a bridge publishes of its pins and devices, and in which order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "tools/mqtt/Broker.h"
+#include "tools/mqtt/Links.h"
+#include "tools/mqtt/PinBook.h"
+#include "tools/mqtt/Sets.h"
+#include "tools/mqtt/Topics.h"
+
+// Publishes answers to sets and the states of pins at once. The rest follows after a short pause,
+// which no link waits for: levels, devices, events, what is announced to hubs, and the removal of
+// leftovers, the retained topics that this bridge has not published itself.
+class Publisher {
+public:
+    // All are used while it exists. bridge is the number in the states.
+    Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins, Links& links,
+              Sets& sets, Broker& broker, uint32_t bridge);
+
+    // Announces the pins to hubs, if the file wants it. Call it after each connection.
+    void Announce();
+
+    // The configuration has changed from that one: all pins are published again, and what only that
+    // one caused is removed.
+    void Follow(const MqttConfig& before);
+
+    // Notes a topic that the broker has retained. Removes it, unless it is published before its
+    // turn comes.
+    void TakeLeftover(const std::string& topic);
+
+    // The pins in the leftovers.
+    std::set<uint32_t> LeftPins() const;
+
+    // Publishes what waits, as long as the broker accepts it, but not for long. Without pins: only
+    // answers. Call it in every turn of the loop, after NextTime() at the latest.
+    void Publish(bool pins);
+    TimePoint NextTime() const;
+
+    // Whether the broker has everything that this bridge has to say before its site is online.
+    bool IsDone() const;
+
+private:
+    bool PublishPins();
+    bool PublishRest();
+    void PublishPin(uint32_t tag);
+    void PublishLevel(uint32_t tag);
+    void PublishChange(const PinChange& change);
+    void PublishDevice(uint32_t host);
+    void Retain(const std::string& topic, const std::string& payload);
+
+    const MqttConfig& m_config;
+    const Topics& m_topics;
+    PinBook& m_pins;
+    Links& m_links;
+    Sets& m_sets;
+    Broker& m_broker;
+    const uint32_t m_bridge;
+
+    bool m_has_more = false;
+    TimePoint m_rest = TimePoint::max();  // when to call PublishRest(); max: at once
+    std::set<uint32_t> m_levels;          // pins whose level topic is due
+    std::set<uint32_t> m_unannounced;     // pins to announce to hubs
+    std::set<std::string> m_leftovers;
+};
