@@ -61,6 +61,7 @@ Bridge::End Bridge::Run(Signals& signals) {
 
 // Whether a signal has come.
 bool Bridge::Wait(const Signals& signals) {
+    m_broker.Flush();
     std::vector<pollfd> fds = {{signals.Get(), POLLIN, 0},
                                {m_broker.Socket(), m_broker.Events(), 0}};
     for (const int fd : m_bus.Descriptors()) {

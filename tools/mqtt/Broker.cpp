@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 #include "tools/base/ErrorText.h"
 #include "tools/bus/Question.h"
@@ -19,7 +20,7 @@ const double PAUSE_GROWTH = 1.2;  // makes a pause a fifth of the outage before 
 const double LONGEST_PAUSE = 10;  // seconds
 const double CONNECT_TIME = 10;
 const double LEAVE_TIME = 1.5;
-const int PACKETS = 50;  // taken at a time
+const int MOST_READ = 50;  // from the client, before anything else is done
 
 using Type = ClientPacket::Type;
 
@@ -55,6 +56,7 @@ void Broker::Close() {
     }
     m_socket.Close();
     m_is_connected = false;
+    m_batch.clear();
     m_unsent.clear();
     m_inbox.clear();
     m_acknowledged.clear();
@@ -96,7 +98,7 @@ void Broker::Serve(bool readable, bool writable) {
     if (writable) {
         Flush();
     }
-    for (int i = 0; readable && i < PACKETS && TakeFromClient(); ++i) {
+    for (int i = 0; readable && i < MOST_READ && TakeFromClient(); ++i) {
     }
     if (m_socket.IsOpen() && !m_is_connected && Now() >= m_next) {
         Drop("it does not answer");
@@ -114,18 +116,22 @@ bool Broker::TakeFromClient() {
         Drop(CrashText());
         return false;
     }
-    const std::optional<ClientPacket> packet = Decode(data, static_cast<size_t>(size));
-    if (!packet) {
-        Drop("it has corrupted the MQTT client");
-        return false;
+    std::string_view left(data, static_cast<size_t>(size));
+    while (m_socket.IsOpen() && !left.empty()) {
+        if (const std::optional<ClientPacket> packet = Decode(left)) {
+            Take(*packet);
+        } else {
+            Drop("it has corrupted the MQTT client");
+        }
     }
-    Take(*packet);
     return m_socket.IsOpen();
 }
 
-// What ended the client, which had no time to say it.
+// What ended the client, which had no time to say it. One that has only closed its socket is
+// killed; of one that has ended, the status stays.
 std::string Broker::CrashText() {
     int status = 0;
+    kill(m_client, SIGKILL);
     const bool has_ended = waitpid(m_client, &status, 0) == m_client;
     m_client = 0;
     return has_ended && WIFSIGNALED(status)
@@ -140,30 +146,44 @@ void Broker::Take(const ClientPacket& packet) {
             m_next = TimePoint::max();
             return Tell("connected to the broker");
         case Type::Received:
-            m_inbox.push_back({packet.topic, packet.payload,
-                               (packet.flags & ClientPacket::RETAINED) != 0, packet.response_topic,
-                               packet.correlation,
-                               (packet.flags & ClientPacket::EXPIRES) != 0
-                                   ? std::optional<uint32_t>(packet.number)
-                                   : std::nullopt});
-            return;
+            return TakeMessage(packet);
         case Type::Acknowledged:
             m_acknowledged.push_back(packet.number);
             return;
         case Type::Note:
-            return Tell(packet.payload);
+            return Tell(std::string(packet.payload));
         default:
-            return Drop(packet.payload);
+            return Drop(std::string(packet.payload));
+    }
+}
+
+void Broker::TakeMessage(const ClientPacket& packet) {
+    Message& message = m_inbox.emplace_back();
+    message.topic = packet.topic;
+    message.payload = packet.payload;
+    message.retained = (packet.flags & ClientPacket::RETAINED) != 0;
+    message.response_topic = packet.response_topic;
+    message.correlation = packet.correlation;
+    if ((packet.flags & ClientPacket::EXPIRES) != 0) {
+        message.expiry = packet.number;
     }
 }
 
 void Broker::Send(const ClientPacket& packet) {
-    m_unsent.push_back(Encode(packet));
-    Flush();
+    if (!m_is_connected) {
+        return;
+    }
+    if (m_batch.size() + SizeOf(packet) > LARGEST_CLIENT_PACKET) {
+        Flush();
+    }
+    Encode(packet, m_batch);
 }
 
 // If the client has ended, that is noticed when its socket is read.
 void Broker::Flush() {
+    if (!m_batch.empty()) {
+        m_unsent.push_back(std::exchange(m_batch, {}));
+    }
     while (!m_unsent.empty()) {
         const std::string& data = m_unsent.front();
         const ssize_t sent =
@@ -189,17 +209,16 @@ uint32_t Broker::Publish(const Outgoing& message) {
 }
 
 void Broker::Subscribe(const std::string& topic, int options) {
-    Send({Type::Subscribe, static_cast<uint8_t>(options), 0, topic, {}, {}, {}});
+    Send({Type::Subscribe, static_cast<uint8_t>(options), 0, topic});
 }
 
 void Broker::Unsubscribe(const std::string& topic) {
-    Send({Type::Unsubscribe, 0, 0, topic, {}, {}, {}});
+    Send({Type::Unsubscribe, 0, 0, topic});
 }
 
 void Broker::Leave() {
-    if (m_is_connected) {
-        Send({Type::Leave, 0, 0, {}, {}, {}, {}});
-    }
+    Send({Type::Leave});
+    Flush();
     const TimePoint end = After(LEAVE_TIME);
     while (m_is_connected && Now() < end) {
         pollfd fd = {m_socket.Get(), Events(), 0};

@@ -17,7 +17,7 @@
 #include "tools/mqtt/Config.h"
 
 // For a program with a loop: wait until Socket() has one of Events() or NextTime() has come, then
-// call Serve(). Nothing here waits, except Leave().
+// call Serve(); call Flush() before you wait. Nothing here waits, except Leave().
 //
 // Each connection is a process of its own (Client.h): nothing that a broker sends ends the program.
 // A connection inherits nothing from the one before: sessions end with them, so that the broker
@@ -57,10 +57,14 @@ public:
     // 0 without a connection, else a different number for each.
     unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
 
+    // Passes to the client what was published and subscribed since the last call, all at once.
+    void Flush();
+
     // Whether the client accepts more at the moment: otherwise published messages pile up.
     bool CanSend() const { return m_is_connected && m_unsent.empty(); }
 
-    // The number of the acknowledgement. A topic with wildcards is acknowledged, not published.
+    // Returns the number of the acknowledgement. A topic with wildcards is acknowledged, not
+    // published. Without a connection, nothing is published or subscribed.
     uint32_t Publish(const Outgoing& message);
 
     // Options of subscriptions. Without the first one, only messages that the broker had retained
@@ -88,9 +92,9 @@ private:
 
     void Connect();
     void Take(const ClientPacket& packet);
+    void TakeMessage(const ClientPacket& packet);
     bool TakeFromClient();
     void Send(const ClientPacket& packet);
-    void Flush();
     void Close();
     std::string CrashText();
     void Tell(const std::string& text);
@@ -100,7 +104,8 @@ private:
     const std::string m_name;  // of the client, which nobody else has
     Descriptor m_socket;       // to the client
     pid_t m_client = 0;
-    std::deque<std::string> m_unsent;
+    std::string m_batch;               // to be sent at the next Flush()
+    std::deque<std::string> m_unsent;  // what the client's socket had no room for
     unsigned int m_connection = 0;
     bool m_is_connected = false;
     uint32_t m_number = 0;  // of the last message

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <vector>
+#include <string_view>
 
 #include "tools/base/ErrorText.h"
 #include "tools/base/Time.h"
@@ -30,7 +30,8 @@ const double LONGEST_SILENCE = 7.5;  // seconds, of the bridge, which sends hear
 const double TEND_EVERY = 1;         // seconds
 const double LEAVE_TIME = 1;         // seconds
 const int REFUSED = 128;             // reasons from here on are failures
-const int PACKETS = 50;              // taken at a time
+const int MOST_READ = 50;            // from the bridge, before the broker is served again
+const int UNUSED = 1;                // the library's limit of packets, which it ignores
 const char* const SYSTEM_CAS = "/etc/ssl/certs";
 
 using Type = ClientPacket::Type;
@@ -50,10 +51,10 @@ private:
     int ServeBroker(short events);
     void ServeBridge();
     void Obey(const ClientPacket& packet);
-    void Publish(const ClientPacket& packet);
+    void Publish(const std::string& topic, const ClientPacket& packet);
     void Leave();
     void Send(const ClientPacket& packet);
-    void Note(const std::string& text) { Send({Type::Note, 0, 0, {}, text, {}, {}}); }
+    void Note(const std::string& text) { Send({Type::Note, 0, 0, {}, text}); }
     void End(const std::string& reason);
     std::string Text(int error) const;
 
@@ -64,6 +65,7 @@ private:
     int m_refusal = 0;                           // the broker's reason
     std::string m_last_error;                    // as logged by the library, or about a file
     TimePoint m_heard = Now();                   // from the bridge
+    std::string m_data;                          // what is sent to it
     std::map<int, std::string> m_subscriptions;  // not answered yet
     std::map<int, uint32_t> m_numbers;           // of the bridge, for those of the library
 };
@@ -74,7 +76,7 @@ struct Client::Callbacks {
         auto& self = *static_cast<Client*>(object);
         self.m_refusal = reason;
         if (reason == 0) {
-            self.Send({Type::Connected, 0, 0, {}, {}, {}, {}});
+            self.Send({Type::Connected});
         }
     }
 
@@ -86,30 +88,29 @@ struct Client::Callbacks {
 
     static void Received(mosquitto*, void* object, const mosquitto_message* message,
                          const mosquitto_property* properties) {
-        ClientPacket taken{Type::Received, 0, 0, message->topic, {}, {}, {}};
-        if (message->payload != nullptr && message->payloadlen > 0) {
-            taken.payload.assign(static_cast<const char*>(message->payload),
-                                 static_cast<size_t>(message->payloadlen));
-        }
+        ClientPacket taken{Type::Received};
+        taken.topic = message->topic;
+        taken.payload = {static_cast<const char*>(message->payload),
+                         static_cast<size_t>(message->payloadlen)};
         taken.flags = message->retain ? ClientPacket::RETAINED : 0;
         char* text = nullptr;
         if (mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &text, false) !=
             nullptr) {
             taken.response_topic = text;
-            free(text);
         }
         void* data = nullptr;
         uint16_t size = 0;
         if (mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &size,
                                            false) != nullptr) {
-            taken.correlation.assign(static_cast<const char*>(data), size);
-            free(data);
+            taken.correlation = {static_cast<const char*>(data), size};
         }
         if (mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
                                           &taken.number, false) != nullptr) {
             taken.flags |= ClientPacket::EXPIRES;
         }
         static_cast<Client*>(object)->Send(taken);
+        free(text);
+        free(data);
     }
 
     static void Acknowledged(mosquitto*, void* object, int number, int reason,
@@ -117,7 +118,7 @@ struct Client::Callbacks {
         auto& self = *static_cast<Client*>(object);
         const auto known = self.m_numbers.find(number);
         if (known != self.m_numbers.end()) {
-            self.Send({Type::Acknowledged, 0, known->second, {}, {}, {}, {}});
+            self.Send({Type::Acknowledged, 0, known->second});
             self.m_numbers.erase(known);
         }
         if (reason >= REFUSED) {
@@ -204,10 +205,11 @@ int Client::Prepare() {
 void Client::Loop() {
     TimePoint tend = Now();
     while (!m_ends) {
+        // What waits for the broker stays with the bridge: then its socket is left alone.
         const bool wants_write = mosquitto_want_write(m_client);
         pollfd fds[] = {{mosquitto_socket(m_client),
                          static_cast<short>(POLLIN | (wants_write ? POLLOUT : 0)), 0},
-                        {SOCKET, static_cast<short>(wants_write ? 0 : POLLIN), 0}};
+                        {wants_write ? -1 : SOCKET, POLLIN, 0}};
         poll(fds, 2, MillisecondsUntil(tend));
         errno = 0;
         int error = ServeBroker(fds[0].revents);
@@ -228,52 +230,53 @@ void Client::Loop() {
 int Client::ServeBroker(short events) {
     int error = MOSQ_ERR_SUCCESS;
     if ((events & POLLOUT) != 0) {
-        error = mosquitto_loop_write(m_client, PACKETS);
+        error = mosquitto_loop_write(m_client, UNUSED);
     }
     if (error == MOSQ_ERR_SUCCESS && (events & ~POLLOUT) != 0) {
-        error = mosquitto_loop_read(m_client, PACKETS);
+        error = mosquitto_loop_read(m_client, UNUSED);
     }
     return error;
 }
 
-// Takes nothing while the broker accepts nothing: what waits there stays with the bridge.
 void Client::ServeBridge() {
-    std::vector<char> data(LARGEST_CLIENT_PACKET);
-    for (int i = 0; i < PACKETS && !m_ends && !mosquitto_want_write(m_client); ++i) {
-        const ssize_t size = recv(SOCKET, data.data(), data.size(), MSG_DONTWAIT);
+    static char data[LARGEST_CLIENT_PACKET];
+    for (int i = 0; i < MOST_READ && !m_ends && !mosquitto_want_write(m_client); ++i) {
+        const ssize_t size = recv(SOCKET, data, sizeof data, MSG_DONTWAIT);
         if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
             return;
         }
         m_heard = Now();
-        const auto packet =
-            size > 0 ? Decode(data.data(), static_cast<size_t>(size)) : std::nullopt;
-        if (!packet) {  // the bridge has ended
-            m_ends = true;
-            return;
+        m_ends = size <= 0;  // the bridge has ended
+        std::string_view left(data, size > 0 ? static_cast<size_t>(size) : 0);
+        while (!m_ends && !left.empty()) {
+            if (const std::optional<ClientPacket> packet = Decode(left)) {
+                Obey(*packet);
+            } else {
+                m_ends = true;
+            }
         }
-        Obey(*packet);
     }
 }
 
 void Client::Obey(const ClientPacket& packet) {
+    const std::string topic(packet.topic);
     int number = 0;
     switch (packet.type) {
         case Type::Publish:
-            return Publish(packet);
+            return Publish(topic, packet);
         case Type::Subscribe:
-            mosquitto_subscribe_v5(m_client, &number, packet.topic.c_str(), 1, packet.flags,
-                                   nullptr);
-            m_subscriptions[number] = packet.topic;
+            mosquitto_subscribe_v5(m_client, &number, topic.c_str(), 1, packet.flags, nullptr);
+            m_subscriptions[number] = topic;
             return;
         case Type::Unsubscribe:
-            mosquitto_unsubscribe(m_client, nullptr, packet.topic.c_str());
+            mosquitto_unsubscribe(m_client, nullptr, topic.c_str());
             return;
         default:
             return Leave();
     }
 }
 
-void Client::Publish(const ClientPacket& packet) {
+void Client::Publish(const std::string& topic, const ClientPacket& packet) {
     mosquitto_property* properties = nullptr;
     if (!packet.correlation.empty()) {
         mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA,
@@ -283,7 +286,7 @@ void Client::Publish(const ClientPacket& packet) {
     const bool acknowledged = (packet.flags & ClientPacket::ACKNOWLEDGE) != 0;
     int number = 0;
     const int error = mosquitto_publish_v5(
-        m_client, &number, packet.topic.c_str(), static_cast<int>(packet.payload.size()),
+        m_client, &number, topic.c_str(), static_cast<int>(packet.payload.size()),
         packet.payload.data(), acknowledged ? 1 : 0, (packet.flags & ClientPacket::RETAINED) != 0,
         properties);
     mosquitto_property_free_all(&properties);
@@ -293,7 +296,7 @@ void Client::Publish(const ClientPacket& packet) {
     if (error == MOSQ_ERR_SUCCESS) {
         m_numbers[number] = packet.number;
     } else {  // a topic that the library refuses, with wildcards
-        Send({Type::Acknowledged, 0, packet.number, {}, {}, {}, {}});
+        Send({Type::Acknowledged, 0, packet.number});
     }
 }
 
@@ -305,7 +308,7 @@ void Client::Leave() {
     while (mosquitto_want_write(m_client) && Now() < end) {
         pollfd fd = {mosquitto_socket(m_client), POLLOUT, 0};
         poll(&fd, 1, MillisecondsUntil(end));
-        if (mosquitto_loop_write(m_client, PACKETS) != MOSQ_ERR_SUCCESS) {
+        if (mosquitto_loop_write(m_client, UNUSED) != MOSQ_ERR_SUCCESS) {
             return;
         }
     }
@@ -313,11 +316,12 @@ void Client::Leave() {
 
 // Waits while the bridge takes nothing: then nothing is read from the broker either.
 void Client::Send(const ClientPacket& packet) {
-    const std::string data = Encode(packet);
-    if (data.size() > LARGEST_CLIENT_PACKET) {
+    if (SizeOf(packet) > LARGEST_CLIENT_PACKET) {
         return End("a packet is larger than " + std::to_string(LARGEST_MQTT_PACKET) + " bytes");
     }
-    while (send(SOCKET, data.data(), data.size(), MSG_NOSIGNAL) < 0) {
+    m_data.clear();
+    Encode(packet, m_data);
+    while (send(SOCKET, m_data.data(), m_data.size(), MSG_NOSIGNAL) < 0) {
         if (errno != EINTR) {
             m_ends = true;
             return;
@@ -327,7 +331,7 @@ void Client::Send(const ClientPacket& packet) {
 
 void Client::End(const std::string& reason) {
     if (!m_ends) {
-        Send({Type::Ended, 0, 0, {}, reason, {}, {}});
+        Send({Type::Ended, 0, 0, {}, reason});
     }
     m_ends = true;
 }

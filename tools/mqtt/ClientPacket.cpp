@@ -6,58 +6,62 @@ namespace {
 
 const size_t HEAD = 2 + sizeof(uint32_t);  // type, flags and number
 
-void Append(std::string& data, const std::string& text) {
-    const auto size = static_cast<uint32_t>(text.size());
-    data.append(reinterpret_cast<const char*>(&size), sizeof size);
-    data += text;
+void AppendNumber(std::string& data, uint32_t number) {
+    data.append(reinterpret_cast<const char*>(&number), sizeof number);
 }
 
-// Moves a text from data to text. False if there is none.
-bool Take(const char*& data, size_t& left, std::string& text) {
-    uint32_t size = 0;
-    if (left < sizeof size) {
+uint32_t NumberAt(const char* data) {
+    uint32_t number = 0;
+    memcpy(&number, data, sizeof number);
+    return number;
+}
+
+// Takes a text off data. False if there is none.
+bool TakeText(std::string_view& data, std::string_view& text) {
+    if (data.size() < sizeof(uint32_t)) {
         return false;
     }
-    memcpy(&size, data, sizeof size);
-    data += sizeof size;
-    left -= sizeof size;
-    if (size > left) {
+    const size_t size = NumberAt(data.data());
+    data.remove_prefix(sizeof(uint32_t));
+    if (size > data.size()) {
         return false;
     }
-    text.assign(data, size);
-    data += size;
-    left -= size;
+    text = data.substr(0, size);
+    data.remove_prefix(size);
     return true;
 }
 
 }  // namespace
 
-std::string Encode(const ClientPacket& packet) {
-    std::string data;
-    data += static_cast<char>(packet.type);
-    data += static_cast<char>(packet.flags);
-    data.append(reinterpret_cast<const char*>(&packet.number), sizeof packet.number);
-    for (const std::string* text :
-         {&packet.topic, &packet.payload, &packet.response_topic, &packet.correlation}) {
-        Append(data, *text);
-    }
-    return data;
+size_t SizeOf(const ClientPacket& packet) {
+    return HEAD + 4 * sizeof(uint32_t) + packet.topic.size() + packet.payload.size() +
+           packet.response_topic.size() + packet.correlation.size();
 }
 
-std::optional<ClientPacket> Decode(const char* data, size_t size) {
-    if (size < HEAD ||
+void Encode(const ClientPacket& packet, std::string& data) {
+    data += static_cast<char>(packet.type);
+    data += static_cast<char>(packet.flags);
+    AppendNumber(data, packet.number);
+    for (const std::string_view text :
+         {packet.topic, packet.payload, packet.response_topic, packet.correlation}) {
+        AppendNumber(data, static_cast<uint32_t>(text.size()));
+        data += text;
+    }
+}
+
+std::optional<ClientPacket> Decode(std::string_view& data) {
+    if (data.size() < HEAD ||
         static_cast<uint8_t>(data[0]) > static_cast<uint8_t>(ClientPacket::Type::Leave)) {
         return std::nullopt;
     }
     ClientPacket packet{};
     packet.type = static_cast<ClientPacket::Type>(data[0]);
     packet.flags = static_cast<uint8_t>(data[1]);
-    memcpy(&packet.number, data + 2, sizeof packet.number);
-    data += HEAD;
-    size -= HEAD;
-    for (std::string* text :
+    packet.number = NumberAt(data.data() + 2);
+    data.remove_prefix(HEAD);
+    for (std::string_view* text :
          {&packet.topic, &packet.payload, &packet.response_topic, &packet.correlation}) {
-        if (!Take(data, size, *text)) {
+        if (!TakeText(data, *text)) {
             return std::nullopt;
         }
     }

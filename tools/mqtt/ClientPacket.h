@@ -5,8 +5,11 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
-// Travels as one packet of a SOCK_SEQPACKET socket between two processes of one program.
+// Between two processes of one program, over a SOCK_SEQPACKET socket. Several may travel as one
+// packet of the socket, so that a burst wakes the other side once. The texts belong to somebody
+// else.
 struct ClientPacket {
     enum class Type : uint8_t {
         // From the client: that it is connected, a received message, an acknowledgement, a text for
@@ -30,18 +33,23 @@ struct ClientPacket {
     Type type;
     uint8_t flags = 0;    // of Subscribe: those of MQTT
     uint32_t number = 0;  // of what is to be acknowledged; of Received: seconds until it expires
-    std::string topic;
-    std::string payload;  // or the text of Note and Ended
-    std::string response_topic;
-    std::string correlation;
+    std::string_view topic{};
+    std::string_view payload{};  // or the text of Note and Ended
+    std::string_view response_topic{};
+    std::string_view correlation{};
 };
 
 // Larger MQTT packets are refused, by the broker if it obeys. So no ClientPacket is larger than its
-// bound.
+// bound, and neither is what travels as one packet of the socket.
 constexpr size_t LARGEST_MQTT_PACKET = 65536;
 constexpr size_t LARGEST_CLIENT_PACKET = LARGEST_MQTT_PACKET + 64;
 
-std::string Encode(const ClientPacket& packet);
+// The encoded size, in bytes.
+size_t SizeOf(const ClientPacket& packet);
 
-// None if it is malformed: the client may have been taken over by what it received.
-std::optional<ClientPacket> Decode(const char* data, size_t size);
+// Appends the packet.
+void Encode(const ClientPacket& packet, std::string& data);
+
+// Takes the first packet off data, which its texts are part of. None if it is malformed: the client
+// may have been taken over by what it received.
+std::optional<ClientPacket> Decode(std::string_view& data);
