@@ -26,9 +26,10 @@ using Type = ClientPacket::Type;
 
 }  // namespace
 
-Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)> tell)
+Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)> tell, As as)
     : m_config(config),
       m_tell(std::move(tell)),
+      m_as(as),
       m_name(config.prefix + "-" + config.site + "-" + std::to_string(NewRequestId())),
       m_next(Now()),
       m_random(std::random_device()()) {}
@@ -79,7 +80,7 @@ void Broker::Connect() {
     const Descriptor other(sockets[1]);
     m_client = fork();
     if (m_client == 0) {
-        RunClient(m_config, m_name, other.Get());
+        RunClient(m_config, m_name, m_as == As::Bridge, other.Get());
     }
     if (m_client < 0) {
         return Drop(ErrorText(errno));

@@ -41,8 +41,12 @@ public:
         std::string correlation;
     };
 
+    // A guest leaves no will: that it ends says nothing about the site.
+    enum class As { Bridge, Guest };
+
     // Progress is reported as a text whenever it differs from the last one.
-    Broker(const MqttConfig& config, std::function<void(const std::string&)> tell);
+    Broker(const MqttConfig& config, std::function<void(const std::string&)> tell,
+           As as = As::Bridge);
     ~Broker();
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
@@ -101,6 +105,7 @@ private:
 
     const MqttConfig& m_config;
     const std::function<void(const std::string&)> m_tell;
+    const As m_as;
     const std::string m_name;  // of the client, which nobody else has
     Descriptor m_socket;       // to the client
     pid_t m_client = 0;

@@ -38,7 +38,8 @@ using Type = ClientPacket::Type;
 
 class Client {
 public:
-    Client(const MqttConfig& config, const std::string& name) : m_config(config), m_name(name) {}
+    Client(const MqttConfig& config, const std::string& name, bool has_will)
+        : m_config(config), m_name(name), m_has_will(has_will) {}
 
     void Run();
 
@@ -60,6 +61,7 @@ private:
 
     const MqttConfig& m_config;
     const std::string m_name;
+    const bool m_has_will;
     mosquitto* m_client = nullptr;
     bool m_ends = false;
     int m_refusal = 0;                           // the broker's reason
@@ -182,9 +184,11 @@ int Client::Prepare() {
     mosquitto_publish_v5_callback_set(m_client, Callbacks::Acknowledged);
     mosquitto_subscribe_v5_callback_set(m_client, Callbacks::Subscribed);
     mosquitto_log_callback_set(m_client, Callbacks::Logged);
-    const std::string status = Topics(m_config).Status();
-    mosquitto_will_set_v5(m_client, status.c_str(), static_cast<int>(strlen(OFFLINE)), OFFLINE, 1,
-                          true, nullptr);
+    if (m_has_will) {
+        const std::string status = Topics(m_config).Status();
+        mosquitto_will_set_v5(m_client, status.c_str(), static_cast<int>(strlen(OFFLINE)), OFFLINE,
+                              1, true, nullptr);
+    }
     if (!m_config.user.empty()) {
         mosquitto_username_pw_set(m_client, m_config.user.c_str(), m_config.password.c_str());
     }
@@ -373,13 +377,13 @@ void LimitResources() {
 
 }  // namespace
 
-void RunClient(const MqttConfig& config, const std::string& name, int socket) {
+void RunClient(const MqttConfig& config, const std::string& name, bool has_will, int socket) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (dup2(socket, SOCKET) < 0) {
         _exit(1);
     }
     closefrom(SOCKET + 1);
     LimitResources();
-    Client(config, name).Run();
+    Client(config, name, has_will).Run();
     _exit(0);
 }

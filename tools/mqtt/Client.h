@@ -12,4 +12,6 @@
 // Call it in a new child of a process without threads. It connects once, exchanges ClientPackets
 // over the socket, and ends with the connection, or when the bridge ends or is silent for long. It
 // closes all other descriptors except the standard streams.
-[[noreturn]] void RunClient(const MqttConfig& config, const std::string& name, int socket);
+// With a will, the broker publishes that the site is offline if the connection ends by itself.
+[[noreturn]] void RunClient(const MqttConfig& config, const std::string& name, bool has_will,
+                            int socket);

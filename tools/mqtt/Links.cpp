@@ -338,3 +338,33 @@ std::vector<std::string> Links::ViaOf(uint32_t tag, std::optional<Level> level) 
     }
     return {};
 }
+
+Links::Reason Links::ReasonOf(const SitePin& output, TimePoint own_sign) const {
+    Reason reason;
+    for (const Link& link : m_links) {
+        if (link.config.to == output) {
+            for (const Source& source : link.sources) {
+                reason.sources.emplace_back(source.pin,
+                                            IsKnown(source, own_sign) ? "" : TroubleOf(source));
+            }
+            reason.level = ValueOf(link, own_sign);
+        }
+    }
+    return reason;
+}
+
+// Why a source is not known, if this bridge's own heartbeats come back.
+std::string Links::TroubleOf(const Source& source) const {
+    const Site& site = m_sites.at(source.pin.site);
+    if (!site.online) {
+        return site.was_seen ? "its site is offline" : "nobody of its site was ever online";
+    }
+    if (site.sign <= After(-FRESH)) {
+        return "its bridge gives no heartbeats";
+    }
+    if (source.bridge != site.bridge) {
+        return source.bridge == 0 ? "its bridge has not published it"
+                                  : "only an earlier bridge has published it";
+    }
+    return source.level ? "its messages come late" : "its device does not tell it";
+}

@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/base/Time.h"
@@ -65,6 +66,14 @@ public:
     // Which pins caused the state of this one; empty if no link did.
     std::vector<std::string> ViaOf(uint32_t tag, std::optional<Level> level) const;
 
+    // Why the link to that output gives it its level, for a person: each source, and why it is not
+    // known, empty if it is; and what they make of the output, none if they do not tell it.
+    struct Reason {
+        std::vector<std::pair<SitePin, std::string>> sources;
+        std::optional<Level> level;
+    };
+    Reason ReasonOf(const SitePin& output, TimePoint own_sign) const;
+
     // Texts for the log; the caller clears them.
     std::vector<std::string>& Notes() { return m_notes; }
 
@@ -110,6 +119,7 @@ private:
     void TakeSource(const Link& link, Source& source, const Broker::Message& message);
     bool IsKnown(const Source& source, TimePoint own_sign) const;
     std::optional<Level> ValueOf(const Link& link, TimePoint own_sign) const;
+    std::string TroubleOf(const Source& source) const;
     void Vouch(Link& link, TimePoint own_sign);
     void NoteLoss(const Link& link, TimePoint own_sign);
     void TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes);

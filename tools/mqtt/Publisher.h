@@ -35,8 +35,8 @@ public:
     // The pins in the leftovers.
     std::set<uint32_t> LeftPins() const;
 
-    // Publishes what waits, as long as the broker accepts it, but not for long. Without pins: only
-    // answers. Call it in every turn of the loop, after NextTime() at the latest.
+    // Publishes what waits, as much as the broker accepts, up to a bound for each turn of the loop.
+    // Without pins, only answers. Call it in every turn, and at NextTime().
     void Publish(bool pins);
     TimePoint NextTime() const;
 

@@ -10,6 +10,7 @@
 #include "tools/mqtt/Bridge.h"
 #include "tools/mqtt/Config.h"
 #include "tools/mqtt/Discovery.h"
+#include "tools/mqtt/Explain.h"
 #include "tools/mqtt/Topics.h"
 
 namespace {
@@ -24,11 +25,14 @@ const char* const DESCRIPTION =
 
 const char* const FOOTER =
     "FILE is described in orvex-mqtt.conf(5). SIGHUP reads it again.\n"
-    "Exit status: 0 after SIGINT or SIGTERM; 1 if FILE is wrong or the bus can't be used; 2 for a\n"
-    "usage error; 3 if another bridge has connected under this site's name.\n";
+    "Exit status: 0 after SIGINT or SIGTERM; 1 if FILE is wrong, the bus can't be used or nothing\n"
+    "can be explained; 2 for a usage error; 3 if another bridge has connected under this site's\n"
+    "name.\n";
 
 struct Options {
     std::string file;
+    std::string pin;
+    bool explain = false;
     bool check = false;
     bool print_topics = false;
 };
@@ -41,13 +45,22 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
                   "Print the topics that FILE makes, and exit");
     const CLI::Option* const file =
         line.add_option("FILE", options.file, "The configuration")->type_name("")->required();
+    CLI::Option* const pin =
+        line.add_option("PIN", options.pin, "With --explain: the output")->type_name("");
+    CLI::Option* const explain = line.add_flag(
+        "--explain", options.explain,
+        "Print why the output PIN, which a link in FILE sets, has its level, and exit");
+    explain->needs(pin);
+    pin->needs(explain);
     return line.Parse(argc, argv, {{file, Completion::File}});
 }
 
 void PrintTopics(const MqttConfig& config) {
     const Topics topics(config);
-    printf("%s\n%s\n%s\n", topics.Status().c_str(), topics.Alive().c_str(),
-           topics.Device("HOST").c_str());
+    for (const std::string& topic :
+         {topics.Status(), topics.Bridge(), topics.Alive(), topics.Device("HOST")}) {
+        printf("%s\n", topic.c_str());
+    }
     for (const PinRef& pins : config.pins) {
         for (const uint32_t tag : pins.Tags()) {
             const std::string pin = PinText(tag);
@@ -81,7 +94,10 @@ int Main(int argc, char** argv) {
     if (options.print_topics) {
         PrintTopics(config);
     }
-    if (options.check || options.print_topics) {
+    if (options.explain) {
+        Explain(config, options.pin);
+    }
+    if (options.check || options.print_topics || options.explain) {
         return 0;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -175,6 +175,10 @@ class MqttTest(unittest.TestCase):
         contacts("HHL", "tower")
         self.lamp("L", 2, "7:4:out2")
         self.assertIn("is lost: studio:1:2:in1, studio:1:2:in2\n", (RUN / "tower.mqtt").read_text("ascii"))
+        told = run("tower", f"{BUILD}/tools/mqtt/orvex-mqtt", "--explain", "/run/tower.mqtt.conf", "7:4:out5")
+        self.assertRegex(told, r"out5: L, \w+ by .*, for \d+ s\n.* line 10: any.*\n.*studio:1:2:in1: not known: its site is "
+                         r"offline.*\n.*tower:7:4:in3: L, told by 10.77.3.1, for \d+ s\nso the output is to be L\n$")
+        self.assertEqual(retained("orvex/tower/status"), "online")
 
     def test_chatter(self):
         self.both(*(f"link studio:1:2:in1 -> tower:7:4:{rest}" for rest in [
