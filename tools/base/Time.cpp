@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 
 using std::chrono::steady_clock;
 
@@ -34,4 +35,8 @@ double TimeOfDay() {
     using namespace std::chrono;
     const auto now = duration_cast<microseconds>(system_clock::now().time_since_epoch());
     return static_cast<double>(now.count()) / 1e6;
+}
+
+int64_t WholeMilliseconds(double seconds) {
+    return static_cast<int64_t>(std::llround(seconds * 1000));
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 // A moment for time limits, on a clock that is never set.
 using TimePoint = std::chrono::steady_clock::time_point;
@@ -20,3 +21,6 @@ int MillisecondsUntil(TimePoint deadline);
 
 // The time of day, in seconds since 1970.
 double TimeOfDay();
+
+// Seconds as a whole number of milliseconds, rounded.
+int64_t WholeMilliseconds(double seconds);

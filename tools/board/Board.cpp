@@ -1,7 +1,6 @@
 #include "tools/board/Board.h"
 
 #include <algorithm>
-#include <cmath>
 #include <set>
 
 #include "tools/bus/Interface.h"
@@ -33,14 +32,10 @@ FollowPolicy Policy() {
     return policy;
 }
 
-int64_t Milliseconds(double seconds) {
-    return static_cast<int64_t>(std::llround(seconds * 1000));
-}
-
 }  // namespace
 
 int64_t NowMs() {
-    return Milliseconds(TimeOfDay());
+    return WholeMilliseconds(TimeOfDay());
 }
 
 Board::Board(BoardSettings settings, History& history, EventStream& stream)
@@ -110,7 +105,7 @@ void Board::TakeChange(const PinChange& change) {
     }
     if (written || forgotten || change.status == PinStatus::Told) {
         Event event;
-        event.time = Milliseconds(change.time);
+        event.time = WholeMilliseconds(change.time);
         event.kind = written ? EventKind::Written : EventKind::Told;
         event.tag = change.tag;
         if (change.after) {
@@ -188,7 +183,7 @@ void Board::TellPin(uint32_t tag) {
 }
 
 Json Board::DeviceJsonOf(uint32_t host) const {
-    return DeviceJson(HostText(host), m_follower.Devices().at(host), m_follower.AddressesOf(host));
+    return DeviceJson(HostText(host), m_follower.Devices().at(host));
 }
 
 Json Board::StatusJson() const {

@@ -1,7 +1,5 @@
 #include "tools/board/Json.h"
 
-#include <cmath>
-
 #include "tools/bus/Escape.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
@@ -15,25 +13,20 @@ Json LevelJson(const std::optional<bool>& low) {
     return low ? Json(*low ? "L" : "H") : Json();
 }
 
-int64_t Milliseconds(double seconds) {
-    return static_cast<int64_t>(std::llround(seconds * 1000));
-}
-
 }  // namespace
 
-Json DeviceJson(const std::string& host, const PinFollower::Device& device,
-                const std::vector<uint32_t>& addresses) {
+Json DeviceJson(const std::string& host, const PinFollower::Device& device) {
     Json json = {{"host", host},
-                 {"first", Milliseconds(device.first)},
-                 {"heard", Milliseconds(device.last)},
+                 {"first", WholeMilliseconds(device.first)},
+                 {"heard", WholeMilliseconds(device.last)},
                  {"missing", device.is_silent},
-                 {"since", Milliseconds(device.since)},
+                 {"since", WholeMilliseconds(device.since)},
                  {"messages", device.messages},
                  {"answers", device.answers},
                  {"missed", device.missed},
                  {"answer_ms", device.answer_time * 1000},
                  {"addresses", Json::array()}};
-    for (const uint32_t address : addresses) {
+    for (const uint32_t address : device.addresses) {
         json["addresses"].push_back(AddressText(address));
     }
     return json;

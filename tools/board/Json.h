@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tools/board/History.h"
 #include "tools/bus/JsonFormat.h"
@@ -13,8 +12,7 @@
 class Names;
 struct ChannelInfo;
 
-Json DeviceJson(const std::string& host, const PinFollower::Device& device,
-                const std::vector<uint32_t>& addresses);
+Json DeviceJson(const std::string& host, const PinFollower::Device& device);
 Json ChannelJson(int number, const ChannelInfo& channel);
 Json EventJson(const Event& event, const Names& names);
 Json GapJson(const Gap& gap);

@@ -4,12 +4,8 @@
 
 namespace {
 
-const size_t MOST_PINS = 100;  // that are read at once
-const double PAUSE = 0.1;      // seconds, between that many and the next ones
-const double OPEN_EVERY = 1;   // seconds
-const double JITTER = 0.1;     // of an interval, so that programs do not read in step
-const int SILENT_ROUNDS = 3;
-const TimePoint NOT_ASKED{};
+const double OPEN_EVERY = 1;  // seconds
+const int SILENT_ROUNDS = 3;  // of reads: then a device without an address is silent
 
 }  // namespace
 
@@ -19,7 +15,7 @@ PinFollower::PinFollower(const BusSettings& settings, const FollowPolicy& policy
       m_down("not opened yet"),
       m_round_id(NewRequestId()),
       m_pin_id(NewRequestId()),
-      m_random(std::random_device()()) {
+      m_plan(policy) {
     if (!policy.keeps_trying) {
         Open();
     }
@@ -56,8 +52,8 @@ TimePoint PinFollower::NextTime() const {
     TimePoint due = std::min(m_link->NextTime(), m_states.NextTime());
     if (m_is_reading) {
         due = std::min(due, m_question->NextTime());
-    } else if (IsUp() && !m_schedule.empty()) {
-        due = std::min(due, std::max(m_pause, m_schedule.begin()->first));
+    } else if (IsUp()) {
+        due = std::min(due, m_plan.NextTime());
     }
     return due;
 }
@@ -106,10 +102,8 @@ void PinFollower::FollowLink(TimePoint now) {
         ForgetAll(now);
         m_is_reading = false;
     } else {
-        for (auto& [address, place] : m_places) {
-            place.asked = NOT_ASKED;
-        }
-        ReadSoon(now);
+        m_plan.DropReads();
+        m_plan.ReadAllAt(now);
     }
     if (on_link) {
         on_link(*change);
@@ -134,7 +128,7 @@ void PinFollower::NoteLost() {
     if (lost != m_lost) {
         const uint64_t more = lost - m_lost;
         m_lost = lost;
-        ReadSoon(Now());
+        m_plan.ReadAllAt(Now());
         if (on_trouble) {
             on_trouble("the bus is too fast: " + std::to_string(more) +
                        " datagrams were lost, all pins are read");
@@ -178,7 +172,9 @@ void PinFollower::TakeMessage(TimePoint now) {
 void PinFollower::TakeTold(Kind kind, TimePoint now) {
     CMessage& message = m_traffic.message;
     const auto host = static_cast<uint32_t>(message.GetHost());
-    NoteDevice(host, m_traffic.time, now);
+    if (const auto news = m_devices.Hear(host, m_traffic.time, now)) {
+        PassNews(host, *news);
+    }
     m_answerers.Take(message, now);
     if (m_is_reading) {
         m_question->Take(message);
@@ -196,8 +192,8 @@ void PinFollower::TakeTold(Kind kind, TimePoint now) {
     Pass(m_states.Take(m_traffic, now));
     for (const uint32_t address : addresses) {
         Follow(address, now);
-        if (is_answer) {
-            Answered(address, host, now);
+        if (is_answer && m_plan.Has(address)) {
+            m_devices.Answer(address, host, m_plan.Answer(address, now));
         }
     }
 }
@@ -216,9 +212,9 @@ std::vector<uint32_t> PinFollower::AddressesIn(const CMessage& message) const {
 
 // Reads the address from now on. There are no more addresses than stored pins.
 void PinFollower::Follow(uint32_t address, TimePoint now) {
-    if (m_policy.reads != FollowPolicy::Reads::Wanted && m_policy.every > 0 &&
-        m_places.count(address) == 0 && !m_states.TagsOf(address).empty()) {
-        Schedule(address, m_places[address], now);
+    if (m_policy.reads != FollowPolicy::Reads::Wanted && !m_plan.Has(address) &&
+        !m_states.TagsOf(address).empty()) {
+        m_plan.Add(address, now);
     }
 }
 
@@ -226,9 +222,7 @@ void PinFollower::Want(const PinRef& pins) {
     for (const uint32_t tag : pins.Tags()) {
         m_states.Want(tag);
     }
-    if (m_policy.every > 0 && m_places.count(pins.address) == 0) {
-        Schedule(pins.address, m_places[pins.address], Now());
-    }
+    m_plan.Add(pins.address, Now());
 }
 
 void PinFollower::Pass(const std::vector<PinChange>& changes) {
@@ -239,148 +233,53 @@ void PinFollower::Pass(const std::vector<PinChange>& changes) {
     }
 }
 
-// ---- devices ----
-
-void PinFollower::NoteDevice(uint32_t host, double time, TimePoint now) {
-    const bool is_new = m_devices.count(host) == 0;
-    if (is_new && m_devices.size() >= MAX_DEVICES) {
-        ++m_devices_passed_over;
-        return;
-    }
-    Device& device = m_devices[host];
-    device.last = time;
-    device.heard = now;
-    ++device.messages;
-    if (is_new || device.is_silent) {
-        device.first = is_new ? time : device.first;
-        device.since = time;
-        device.is_silent = false;
-        if (on_device) {
-            on_device(host, is_new ? News::First : News::Back);
-        }
+void PinFollower::PassNews(uint32_t host, News news) {
+    if (on_device) {
+        on_device(host, news);
     }
 }
 
-// Of devices without an address no answer is missed.
 void PinFollower::FindSilent(TimePoint now) {
     if (m_policy.every <= 0 || now < m_round || !IsUp()) {
         return;
     }
     m_round = Later(now, m_policy.every);
-    const TimePoint limit = Later(now, -SILENT_ROUNDS * m_policy.every);
-    for (auto& [host, device] : m_devices) {
-        if (device.addresses == 0 && device.heard < limit) {
-            Silence(host, device);
-        }
+    for (const uint32_t host : m_devices.FindSilent(Later(now, -SILENT_ROUNDS * m_policy.every))) {
+        PassNews(host, News::Silent);
     }
-}
-
-void PinFollower::Silence(uint32_t host, Device& device) {
-    if (device.is_silent) {
-        return;
-    }
-    device.is_silent = true;
-    device.since = TimeOfDay();
-    if (on_device) {
-        on_device(host, News::Silent);
-    }
-}
-
-void PinFollower::SetOwner(Place& place, uint32_t host) {
-    if (place.owner == host) {
-        return;
-    }
-    const auto before = m_devices.find(place.owner);
-    if (before != m_devices.end()) {
-        --before->second.addresses;
-    }
-    const auto after = m_devices.find(host);
-    place.owner = after != m_devices.end() ? host : 0;
-    if (after != m_devices.end()) {
-        ++after->second.addresses;
-    }
-}
-
-uint32_t PinFollower::OwnerOf(uint32_t address) const {
-    const auto place = m_places.find(address);
-    return place == m_places.end() ? 0 : place->second.owner;
-}
-
-std::vector<uint32_t> PinFollower::AddressesOf(uint32_t host) const {
-    std::vector<uint32_t> addresses;
-    for (const auto& [address, place] : m_places) {
-        if (place.owner == host) {
-            addresses.push_back(address);
-        }
-    }
-    return addresses;
-}
-
-bool PinFollower::IsUnanswered(uint32_t address) const {
-    const auto place = m_places.find(address);
-    return place != m_places.end() && place->second.misses >= m_policy.misses;
 }
 
 // ---- reads ----
 
-void PinFollower::Schedule(uint32_t address, Place& place, TimePoint due) {
-    m_schedule.erase({place.due, address});
-    place.due = due;
-    m_schedule.emplace(due, address);
-}
-
-void PinFollower::ReadSoon(TimePoint now) {
-    for (auto& [address, place] : m_places) {
-        Schedule(address, place, now);
-    }
-}
-
 void PinFollower::ReadDue(TimePoint now) {
-    if (!IsUp() || m_is_reading || now < m_pause) {
+    if (!IsUp() || m_is_reading) {
         return;
     }
     std::vector<uint32_t> ask;
-    for (const uint32_t address : DueAddresses(now)) {
-        if (ask.size() >= MOST_PINS) {
-            break;
+    for (const uint32_t address : m_plan.Due(now)) {
+        if (ask.size() < ReadPlan::MOST_PINS) {
+            ReadAddress(address, now, ask);
         }
-        ReadAddress(address, m_places.at(address), now, ask);
     }
-    if (Send(ask, m_round_id)) {
-        m_pause = Later(now, PAUSE);
-    }
+    Send(ask, m_round_id);
 }
 
-// If one is due, also those that would wake the program soon.
-std::vector<uint32_t> PinFollower::DueAddresses(TimePoint now) const {
-    std::vector<uint32_t> addresses;
-    const TimePoint soon = Later(now, m_policy.every / 2);
-    for (const auto& [due, address] : m_schedule) {
-        if (due > (addresses.empty() ? now : soon) || addresses.size() >= MOST_PINS) {
-            break;
-        }
-        const TimePoint asked = m_places.at(address).asked;
-        if (due <= now || asked == NOT_ASKED || Later(asked, m_policy.answer_time) <= now) {
-            addresses.push_back(address);
-        }
-    }
-    return addresses;
-}
-
-void PinFollower::ReadAddress(uint32_t address, Place& place, TimePoint now,
-                              std::vector<uint32_t>& ask) {
-    const std::vector<uint32_t> tags = TagsOf(address, place.rounds % m_policy.input_rounds == 0);
+void PinFollower::ReadAddress(uint32_t address, TimePoint now, std::vector<uint32_t>& ask) {
+    const std::vector<uint32_t> tags = TagsOf(address, m_plan.IncludesInputs(address));
     if (tags.empty()) {
-        ++place.rounds;
-        return Schedule(address, place, Later(now, m_policy.every));
+        m_plan.Skip(address, now);
+        return;
     }
-    if (place.asked == NOT_ASKED || Later(place.asked, m_policy.answer_time) <= now) {
-        Miss(place, now);
+    const ReadPlan::Last last = m_plan.Begin(address, now);
+    if (last == ReadPlan::Last::Missed) {
+        const TimePoint limit = Later(now, -m_policy.answer_time);
+        if (const auto host = m_devices.Miss(address, m_plan.IsUnanswered(address), limit)) {
+            PassNews(*host, News::Silent);
+        }
+    }
+    if (last != ReadPlan::Last::Awaited) {
         NoteRead(tags, now);
-        place.asked = now;
     }
-    const double again = std::min(m_policy.answer_time, m_policy.every);
-    Schedule(address, place, Later(now, place.misses < m_policy.misses ? again : m_policy.every));
     ask.insert(ask.end(), tags.begin(), tags.end());
 }
 
@@ -409,54 +308,9 @@ std::vector<uint32_t> PinFollower::TagsOf(uint32_t address, bool with_inputs) co
     return wanted;
 }
 
-void PinFollower::Answered(uint32_t address, uint32_t host, TimePoint now) {
-    const auto found = m_places.find(address);
-    if (found == m_places.end()) {
-        return;
-    }
-    Place& place = found->second;
-    if (IsUnanswered(address) && m_devices.count(place.owner) > 0) {
-        --m_devices[place.owner].unanswered;
-    }
-    place.misses = 0;
-    SetOwner(place, host);
-    if (place.asked == NOT_ASKED) {
-        return;
-    }
-    const double seconds = std::chrono::duration<double>(now - place.asked).count();
-    place.asked = NOT_ASKED;
-    ++place.rounds;
-    std::uniform_real_distribution<double> part(1 - JITTER, 1);
-    Schedule(address, place, Later(now, m_policy.every * part(m_random)));
-    if (place.owner != 0) {
-        Device& device = m_devices[place.owner];
-        const bool is_first = device.answers++ == 0;
-        device.answer_time += (seconds - device.answer_time) / (is_first ? 1 : 8);
-        device.longest_time = std::max(device.longest_time, seconds);
-    }
-}
-
-// If the last read was not answered. A device may be heard although its answers get lost.
-void PinFollower::Miss(Place& place, TimePoint now) {
-    if (place.asked == NOT_ASKED) {
-        return;
-    }
-    ++place.misses;
-    const auto device = m_devices.find(place.owner);
-    if (device == m_devices.end()) {
-        return;
-    }
-    ++device->second.missed;
-    device->second.unanswered += place.misses == m_policy.misses ? 1 : 0;
-    if (device->second.unanswered == device->second.addresses &&
-        device->second.heard < Later(now, -m_policy.answer_time)) {
-        Silence(device->first, device->second);
-    }
-}
-
-bool PinFollower::Send(const std::vector<uint32_t>& tags, uint32_t request_id) {
+void PinFollower::Send(const std::vector<uint32_t>& tags, uint32_t request_id) {
     if (tags.empty()) {
-        return false;
+        return;
     }
     try {
         AskForPins(*m_link, tags, request_id);
@@ -465,7 +319,6 @@ bool PinFollower::Send(const std::vector<uint32_t>& tags, uint32_t request_id) {
     } catch (const BusError& error) {
         NoteTrouble(error.what());
     }
-    return true;
 }
 
 void PinFollower::Write(uint32_t tag, const WriteValue& value) {
@@ -495,16 +348,6 @@ void PinFollower::Read(const std::vector<PinRef>& pins) {
     }
 }
 
-void PinFollower::ReadAll() {
-    std::vector<PinRef> pins;
-    m_states.ForEach([&](uint32_t tag, const PinState&) {
-        if (!IsUnanswered(tag >> 8)) {
-            pins.push_back({tag >> 8, static_cast<uint8_t>(tag & 0xFF)});
-        }
-    });
-    Read(pins);
-}
-
 void PinFollower::TendQuestion(TimePoint now) {
     if (!m_is_reading) {
         return;
@@ -520,23 +363,27 @@ void PinFollower::TendQuestion(TimePoint now) {
     }
 }
 
-// Whoever did not answer is read again at once, whoever did when it is due.
+// An address with a pin that was not told is read again at once, others when they are due.
 void PinFollower::EndQuestion(TimePoint now) {
     m_is_reading = false;
-    std::map<uint32_t, bool> heard;  // by tag
+    std::set<uint32_t> addresses;
+    std::vector<uint32_t> missing;
     m_states.ForEach([&](uint32_t tag, const PinState& state) {
+        const bool is_heard = (state.told && state.told->at >= m_asked) ||
+                              (state.written && state.written->at >= m_asked);
         if (m_question->IsAsked(tag)) {
-            heard[tag] = (state.told && state.told->at >= m_asked) ||
-                         (state.written && state.written->at >= m_asked);
+            addresses.insert(tag >> 8);
+            if (!is_heard) {
+                missing.push_back(tag);
+            }
         }
     });
-    for (const auto& [tag, is_heard] : heard) {
-        const auto place = m_places.find(tag >> 8);
-        if (place != m_places.end()) {
-            const TimePoint due = is_heard ? Later(now, m_policy.every) : now;
-            Schedule(place->first, place->second, due);
-        }
-        if (const auto change = is_heard ? std::nullopt : m_states.Forget(tag, now)) {
+    for (const uint32_t address : addresses) {
+        m_plan.ReadAt(address, Later(now, m_policy.every));
+    }
+    for (const uint32_t tag : missing) {
+        m_plan.ReadAt(tag >> 8, now);
+        if (const auto change = m_states.Forget(tag, now)) {
             Pass({*change});
         }
     }

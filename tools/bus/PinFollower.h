@@ -22,63 +22,23 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <random>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/bus/Answerers.h"
 #include "tools/bus/BusLink.h"
+#include "tools/bus/DeviceTable.h"
+#include "tools/bus/FollowPolicy.h"
 #include "tools/bus/PinStates.h"
 #include "tools/bus/Question.h"
+#include "tools/bus/ReadPlan.h"
 #include "tools/bus/RepeatFilter.h"
-
-struct FollowPolicy {
-    enum class Reads {
-        Wanted,    // the addresses of wanted pins
-        Heard,     // and of all pins that were heard of
-        Addresses  // all ten pins of those addresses, whether they were heard of or not
-    };
-    Reads reads = Reads::Heard;
-
-    // Seconds between two reads of an address that answers. 0: nothing is read but with Read().
-    double every = 10;
-    // Inputs are reported: they are read in one of so many reads.
-    unsigned int input_rounds = 1;
-    double answer_time = 1;  // seconds
-    int misses = 3;
-    // Whether pins that somebody has written are read, see PinStates.
-    bool reads_written = true;
-    // Whether what is heard while the bus is down counts, such as the reports of a daemon on the
-    // same host. It can't be read again then: nobody would notice if the daemon ends.
-    bool takes_while_down = true;
-
-    // If the bus can't be used at the start, tries again every second. Otherwise the constructor
-    // throws BusError.
-    bool keeps_trying = false;
-};
 
 class PinFollower {
 public:
-    // A host that has told pins.
-    struct Device {
-        double first = 0;   // seconds since 1970
-        double last = 0;    // when it was heard last, seconds since 1970
-        TimePoint heard{};  // the same
-        bool is_silent = false;
-        double since = 0;         // when it was found silent, or heard (again); seconds since 1970
-        uint64_t messages = 0;    // second copies included
-        uint64_t answers = 0;     // to the reads of this program, by address
-        uint64_t missed = 0;      // reads without an answer
-        double answer_time = 0;   // seconds, smoothed; 0: not known
-        double longest_time = 0;  // seconds
-        size_t addresses = 0;     // for which it answered last
-        size_t unanswered = 0;    // those for which nobody answers now
-    };
-    enum class News { First, Silent, Back };
-
-    static constexpr size_t MAX_DEVICES = 1000;
+    using Device = DeviceTable::Device;
+    using News = DeviceTable::News;
 
     explicit PinFollower(const BusSettings& settings, const FollowPolicy& policy = {});
 
@@ -110,9 +70,8 @@ public:
     bool Serve(int most = 500);
 
     // Reads pins now, until they are answered or the link's waiting time is over. Those that are
-    // not answered are unknown then. ReadAll() leaves out addresses for which nobody answers.
+    // not answered are unknown then.
     void Read(const std::vector<PinRef>& pins);
-    void ReadAll();
     bool IsReading() const { return m_is_reading; }
 
     // Whether the message answers it; the pins that it did not get, as in Question.
@@ -133,57 +92,39 @@ public:
     std::string Problem() const { return m_down.empty() ? m_trouble : m_down; }
     bool IsUp() const { return m_down.empty(); }
 
-    const std::map<uint32_t, Device>& Devices() const { return m_devices; }
+    const std::map<uint32_t, Device>& Devices() const { return m_devices.All(); }
 
     // Who answered for an address last; 0: nobody.
-    uint32_t OwnerOf(uint32_t address) const;
-    std::vector<uint32_t> AddressesOf(uint32_t host) const;
+    uint32_t OwnerOf(uint32_t address) const { return m_devices.OwnerOf(address); }
     // Whether it is read, and nobody answers.
-    bool IsUnanswered(uint32_t address) const;
+    bool IsUnanswered(uint32_t address) const { return m_plan.IsUnanswered(address); }
     // Addresses for which more than one host answers.
     std::map<uint32_t, std::set<uint32_t>> Shared() const { return m_answerers.Shared(Now()); }
 
-    // Reads that were sent, by address; datagrams that were lost in this host; messages about pins,
-    // and of devices, for which there was no room.
+    // Reads that were sent; messages about pins, and of devices, for which there was no room.
     uint64_t Reads() const { return m_reads; }
-    uint64_t Lost() const { return m_lost; }
-    uint64_t PassedOver() const { return m_states.PassedOver() + m_devices_passed_over; }
+    uint64_t PassedOver() const { return m_states.PassedOver() + m_devices.PassedOver(); }
 
 private:
-    struct Place {
-        TimePoint due;
-        TimePoint asked{};        // the read that was not answered yet
-        int misses = 0;           // unanswered reads in a row
-        unsigned int rounds = 0;  // reads that were answered, or needless
-        uint32_t owner = 0;       // answered last
-    };
-
     bool Open();
     void TakeMessage(TimePoint now);
     void TakeTold(Kind kind, TimePoint now);
     std::vector<uint32_t> AddressesIn(const CMessage& message) const;
     void Follow(uint32_t address, TimePoint now);
     void Pass(const std::vector<PinChange>& changes);
-    void NoteDevice(uint32_t host, double time, TimePoint now);
+    void PassNews(uint32_t host, News news);
     void FindSilent(TimePoint now);
-    void Silence(uint32_t host, Device& device);
 
     void FollowLink(TimePoint now);
     void ForgetAll(TimePoint now);
     void NoteLost();
-    void ReadSoon(TimePoint now);
     void ReadDue(TimePoint now);
-    std::vector<uint32_t> DueAddresses(TimePoint now) const;
-    void ReadAddress(uint32_t address, Place& place, TimePoint now, std::vector<uint32_t>& ask);
+    void ReadAddress(uint32_t address, TimePoint now, std::vector<uint32_t>& ask);
     void NoteRead(const std::vector<uint32_t>& tags, TimePoint now);
     std::vector<uint32_t> TagsOf(uint32_t address, bool with_inputs) const;
-    void Answered(uint32_t address, uint32_t host, TimePoint now);
-    void Miss(Place& place, TimePoint now);
-    void SetOwner(Place& place, uint32_t host);
-    void Schedule(uint32_t address, Place& place, TimePoint due);
     void TendQuestion(TimePoint now);
     void EndQuestion(TimePoint now);
-    bool Send(const std::vector<uint32_t>& tags, uint32_t request_id);
+    void Send(const std::vector<uint32_t>& tags, uint32_t request_id);
     void NoteTrouble(const std::string& text);
 
     const BusSettings m_settings;
@@ -196,19 +137,15 @@ private:
     PinStates m_states;
     RepeatFilter m_repeats;
     Answerers m_answerers;
-    std::map<uint32_t, Device> m_devices;  // by host, host byte order
-    uint64_t m_devices_passed_over = 0;
-    uint64_t m_lost = 0;
+    DeviceTable m_devices;
+    uint64_t m_lost = 0;  // datagrams, in this host
 
-    const uint32_t m_round_id;                            // reads of addresses
-    const uint32_t m_pin_id;                              // reads after writes
-    std::map<uint32_t, Place> m_places;                   // by address
-    std::set<std::pair<TimePoint, uint32_t>> m_schedule;  // due, address
-    TimePoint m_pause{};                                  // no reads before
-    TimePoint m_round{};                                  // when to look for silent devices
+    const uint32_t m_round_id;  // reads of addresses
+    const uint32_t m_pin_id;    // reads after writes
+    ReadPlan m_plan;
+    TimePoint m_round{};  // when to look for silent devices
     uint64_t m_reads = 0;
     std::optional<Question> m_question;
     bool m_is_reading = false;
     TimePoint m_asked{};  // when it began
-    std::minstd_rand m_random;
 };

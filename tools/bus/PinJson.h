@@ -12,7 +12,7 @@
 //
 //   "kind":"write","before":"H","level":"L","duration":500,"state":"written","denied":true
 //
-//   kind      write, report, reply, or forgotten: a write is over, and nobody answered
+//   kind      write, report, reply, or forgotten: nobody answers any more
 //   duration  of a write, in ms, if it has one
 //   state     told, written (and not confirmed) or unknown
 //   denied    only if true: it was written low and is answered high, which may be wrong

@@ -22,7 +22,7 @@ void AskForPins(BusLink& link, const std::vector<uint32_t>& tags, uint32_t reque
 // A read that is repeated until it is answered. Reads and replies may get lost, so it is repeated a
 // few times a second until every pin has been answered or the link's time for answers is over.
 // Different devices may answer for different pins; the first answer for a pin counts. It listens a
-// moment longer, so that Shared() sees a second device that answers for the same address.
+// moment longer, to see a second device that answers for the same address.
 class Question {
 public:
     // Ends at that time; without one, after the link's waiting time.

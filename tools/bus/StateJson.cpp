@@ -1,6 +1,5 @@
 #include "tools/bus/StateJson.h"
 
-#include <cmath>
 #include <cstdio>
 
 #include "tools/bus/Interface.h"
@@ -14,11 +13,6 @@ Json LevelValue(std::optional<Level> level) {
 
 Json HostValue(uint32_t host) {
     return host == 0 ? Json() : Json(HostText(host));
-}
-
-// Seconds since 1970 in ms.
-int64_t Milliseconds(double time) {
-    return static_cast<int64_t>(std::llround(time * 1000));
 }
 
 }  // namespace
@@ -42,10 +36,10 @@ Json BoardJson(uint32_t tag, const PinState& state, const Names& names) {
     PutBoardNames(json, tag, names);
     json["level"] = LevelValue(state.level);
     json["state"] = StatusText(state.status);
-    json["since"] = state.since ? Json(Milliseconds(state.since->time)) : Json();
+    json["since"] = state.since ? Json(WholeMilliseconds(state.since->time)) : Json();
     if (state.told) {
         json["by"] = HostText(state.told->host);
-        json["heard"] = Milliseconds(state.told->time);
+        json["heard"] = WholeMilliseconds(state.told->time);
     }
     if (state.denied) {
         json["denied"] = true;
@@ -54,7 +48,7 @@ Json BoardJson(uint32_t tag, const PinState& state, const Names& names) {
         json["write"] = {{"level", LevelLetter(state.written_level)},
                          {"duration", state.duration_ms},
                          {"by", HostText(state.written->host)},
-                         {"at", Milliseconds(state.written->time)}};
+                         {"at", WholeMilliseconds(state.written->time)}};
     }
     return json;
 }
