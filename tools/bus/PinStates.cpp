@@ -246,14 +246,6 @@ TimePoint PinStates::NextTime() const {
     return m_due.empty() ? TimePoint::max() : std::max(m_due.begin()->first, m_pause);
 }
 
-void PinStates::AskAt(uint32_t tag, TimePoint when) {
-    const auto found = m_pins.find(tag);
-    if (found != m_pins.end()) {
-        found->second.ask = std::min(found->second.ask, when);
-        Schedule(tag, found->second);
-    }
-}
-
 const PinState* PinStates::Find(uint32_t tag) const {
     const auto pin = m_pins.find(tag);
     return pin == m_pins.end() ? nullptr : &pin->second.state;

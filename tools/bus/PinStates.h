@@ -100,9 +100,6 @@ public:
     // When to call Tend() next; TimePoint::max() if nothing is due.
     TimePoint NextTime() const;
 
-    // Makes Tend() list the pin then, once. For outputs that may have changed without a write.
-    void AskAt(uint32_t tag, TimePoint when);
-
     // The pin is read now. After that many reads in a row without an answer it is unknown.
     std::optional<PinChange> NoteRead(uint32_t tag, TimePoint now, int most);
 

@@ -7,7 +7,7 @@
 #include <csignal>
 
 #include "tools/base/Signals.h"
-#include "tools/bus/Question.h"
+#include "tools/bus/PinFollower.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
@@ -16,24 +16,21 @@
 
 namespace {
 
-const double FRAME = 0.2;         // seconds between drawings, to bound the cost of a flood
-const double JSON_SECONDS = 2;    // to listen, by default
-const int TAKEN_AT_A_TIME = 500;  // messages, so that a flood does not delay keys
+const double FRAME = 0.2;       // seconds between drawings, to bound the cost of a flood
+const double JSON_SECONDS = 2;  // to listen, by default
 
 class Top {
 public:
     explicit Top(const Options& options)
         : m_options(options),
           m_signals({SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP}),
-          m_link(options.bus),
-          m_table(options.names),
-          m_id(NewRequestId()) {
-        m_link.Listen(BusLink::Hear::ReportsAndRequests);
+          m_follower(options.bus),
+          m_table(options.names) {
+        m_follower.on_change = [this](const PinChange& change) {
+            m_changes += change.before && change.IsNewLevel() ? 1 : 0;
+        };
         for (const PinRef& pins : options.pins) {
-            for (const uint32_t tag : pins.Tags()) {
-                m_states.Want(tag);
-                m_states.AskAt(tag, Now());
-            }
+            m_follower.Want(pins);
         }
     }
 
@@ -42,7 +39,6 @@ public:
 
 private:
     void Wait(TimePoint until);
-    void TakeMessages();
     std::string Note() const;
     void TakeSignals();
     void TakeKeys();
@@ -52,15 +48,10 @@ private:
 
     const Options& m_options;
     Signals m_signals;
-    BusLink m_link;
-    PinStates m_states;
-    Answerers m_answerers;
+    PinFollower m_follower;
     TopTable m_table;
-    const uint32_t m_id;
-    Traffic m_traffic;
     std::unique_ptr<TopScreen> m_screen;
     TopHeading m_heading;
-    std::string m_down;  // why the bus is not heard; empty: it is
     size_t m_first = 0;  // the topmost row
     size_t m_changes = 0;
     TimePoint m_counted = Now();
@@ -75,47 +66,23 @@ void Top::Wait(TimePoint until) {
     if (m_screen != nullptr) {
         fds.push_back({STDIN_FILENO, POLLIN, 0});
     }
-    for (const int descriptor : m_link.Descriptors()) {
+    for (const int descriptor : m_follower.Descriptors()) {
         fds.push_back({descriptor, POLLIN, 0});
     }
-    const TimePoint next = std::min({until, m_states.NextTime(), m_link.NextTime()});
-    poll(fds.data(), fds.size(), MillisecondsUntil(next));
+    poll(fds.data(), fds.size(), MillisecondsUntil(std::min(until, m_follower.NextTime())));
     if (m_screen != nullptr && (fds[1].revents & (POLLHUP | POLLERR)) != 0) {
         m_end = true;  // the terminal is gone
     }
     TakeSignals();
-    TakeMessages();
+    m_follower.Serve();
 }
 
-void Top::TakeMessages() {
-    const auto count = [this](const std::vector<PinChange>& changes) {
-        m_changes += static_cast<size_t>(std::count_if(
-            changes.begin(), changes.end(),
-            [](const PinChange& change) { return change.before && change.IsNewLevel(); }));
-    };
-    for (int i = 0; i < TAKEN_AT_A_TIME && m_link.Take(m_traffic); ++i) {
-        count(m_states.Take(m_traffic, Now()));
-        m_answerers.Take(m_traffic.message, Now());
-    }
-    std::vector<uint32_t> ask;
-    count(m_states.Tend(Now(), ask));
-    try {
-        if (!ask.empty()) {
-            AskForPins(m_link, ask, m_id);
-        }
-    } catch (const BusError&) {
-        // The interface is down: shows that, and reads unanswered pins again.
-    }
-    if (const auto change = m_link.Tend()) {
-        m_down = change->up ? "" : change->text;
-    }
-}
-
-// The bus is down, or else two devices have one address.
+// The bus can't be relied on, or else two devices have one address.
 std::string Top::Note() const {
-    const auto shared = m_answerers.Shared(Now());
-    return !m_down.empty() || shared.empty()
-               ? m_down
+    const std::string problem = m_follower.Problem();
+    const auto shared = m_follower.Shared();
+    return !problem.empty() || shared.empty()
+               ? problem
                : SharedText(shared.begin()->first, shared.begin()->second, m_options.names);
 }
 
@@ -199,10 +166,10 @@ void Top::Draw(TimePoint now) {
         m_changes = 0;
         m_counted = now;
     }
-    m_heading.pins = m_states.Count();
+    m_heading.pins = m_follower.States().Count();
     m_heading.note = Note();
     if (!m_heading.is_paused) {
-        m_table.Update(m_states);
+        m_table.Update(m_follower.States());
         m_drawn = now;
     }
     m_table.Arrange();
@@ -240,12 +207,12 @@ int Top::RunJson() {
     while (!m_end && Now() < end) {
         Wait(end);
     }
-    m_table.Update(m_states);
+    m_table.Update(m_follower.States());
     m_table.Arrange();
     for (const TopRow& row : m_table.Rows()) {
-        output.Write(m_table.ToJson(*m_states.Find(row.tag), row.tag) + "\n");
+        output.Write(m_table.ToJson(*m_follower.States().Find(row.tag), row.tag) + "\n");
     }
-    NoteShared(m_answerers.Shared(Now()), m_options);
+    NoteShared(m_follower.Shared(), m_options);
     return STATUS_DONE;
 }
 
