@@ -292,6 +292,7 @@ TEST_F(Verbs, RefusesWithAHint) {
         {{"record", "/run/there", "door"}, 1, "/run/there exists; --force overwrites it\n"},
         {{"get", "-n", "/run/bad", "1"}, 1, "/run/bad:3: it already has a name: studio1\n"},
         {{"get", "-n", "/run/nosuch", "1"}, 1, "can't read /run/nosuch: No such file"},
+        {{"get", "-n", "/dev/zero", "1"}, 1, "can't read /dev/zero: Operation not supported"},
     };
     for (const auto& c : cases) {
         const auto ctl = Start(studio, c.arguments);

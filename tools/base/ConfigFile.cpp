@@ -1,8 +1,9 @@
 #include "tools/base/ConfigFile.h"
 
 #include <algorithm>
-#include <fstream>
 #include <utility>
+
+#include "tools/base/OpenText.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ ConfigLine SplitLine(const std::string& text, int number) {
 }  // namespace
 
 std::vector<ConfigLine> ReadConfigLines(const std::string& file) {
-    std::ifstream in(file);
+    std::ifstream in = OpenText(file);
     std::vector<ConfigLine> lines;
     std::string text;
     for (int number = 1; std::getline(in, text); ++number) {

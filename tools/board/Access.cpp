@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <stdexcept>
 
 #include "tools/base/ErrorText.h"
+#include "tools/base/OpenText.h"
 
 namespace {
 
@@ -92,7 +92,7 @@ std::string ReadToken(const std::string& file) {
     if ((status.st_mode & S_IROTH) != 0) {
         throw std::runtime_error(file + ": everyone may read the token (chmod o-r)");
     }
-    std::ifstream stream(file);
+    std::ifstream stream = OpenText(file);
     std::string token;
     std::getline(stream, token);
     if (token.size() < MIN_TOKEN) {

@@ -1,13 +1,15 @@
 // Reads names from their file.
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 
 #include "tools/base/ErrorText.h"
+#include "tools/base/OpenText.h"
 #include "tools/bus/Escape.h"
 #include "tools/bus/Names.h"
 
@@ -127,7 +129,7 @@ Names Names::Read(const std::string& file) {
     Names names;
     names.m_file = file;
     errno = 0;
-    std::ifstream in(file);
+    std::ifstream in = OpenText(file);
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {
         try {
@@ -155,5 +157,5 @@ Names Names::Load(const std::string& file) {
     if (environment != nullptr && *environment != '\0') {
         return Read(environment);
     }
-    return std::ifstream(DEFAULT_FILE).good() ? Read(DEFAULT_FILE) : Names();
+    return access(DEFAULT_FILE, R_OK) == 0 ? Read(DEFAULT_FILE) : Names();
 }

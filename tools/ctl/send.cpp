@@ -40,13 +40,15 @@ private:
     Signals m_signals;
 };
 
-// The lines of a file. Waits for those of a pipe or a terminal no longer than permitted.
+// The lines of a file. Waits for those of a pipe or a terminal no longer than permitted, also for
+// somebody to open the other end of a FIFO.
 class LineFile {
 public:
     LineFile(const std::string& file, const Limit& limit)
         : m_limit(limit),
           m_name(file == "-" ? "standard input" : file),
-          m_file(file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)) {
+          m_file(file == "-" ? STDIN_FILENO
+                             : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
         if (!m_file.IsOpen()) {
             Fail();
         }

@@ -1,7 +1,8 @@
 // orvex-gpio: a control server whose pins are lines of GPIO chips.
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <optional>
 #include <string>
 
@@ -52,7 +53,7 @@ int List(const Options& options) {
     int status = 0;
     try {
         // Before there is a file, the list says what to write into it.
-        if (options.file != DEFAULT_FILE || std::ifstream(DEFAULT_FILE)) {
+        if (options.file != DEFAULT_FILE || access(DEFAULT_FILE, R_OK) == 0) {
             config = GpioConfig::Read(options.file);
         }
     } catch (const ConfigError& error) {

@@ -3,11 +3,11 @@
 #include <arpa/inet.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <utility>
 
+#include "tools/base/OpenText.h"
 #include "tools/mqtt/ConfigValues.h"
 
 namespace {
@@ -15,7 +15,7 @@ namespace {
 using Words = std::vector<std::string>;
 
 std::string ReadSecret(const std::string& file) {
-    std::ifstream in(file);
+    std::ifstream in = OpenText(file);
     std::string secret;
     std::getline(in, secret);
     if (!secret.empty() && secret.back() == '\r') {
@@ -159,7 +159,7 @@ void Reader::ParseBroker(const std::string& text) {
 
 std::string Reader::ReadableFile(const std::string& text) const {
     const std::string path = Path(text);
-    if (std::ifstream(path).peek() == EOF) {
+    if (OpenText(path).peek() == EOF) {
         Refuse("can't read " + path);
     }
     return path;
@@ -173,7 +173,7 @@ std::string Reader::Path(const std::string& text) const {
     const char* const credentials = std::getenv("CREDENTIALS_DIRECTORY");
     if (credentials != nullptr) {
         std::string path = std::string(credentials) + "/" + text;
-        if (std::ifstream(path)) {
+        if (OpenText(path)) {
             return path;
         }
     }
