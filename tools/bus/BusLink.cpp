@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "net/SvcAddress.h"
@@ -54,6 +56,22 @@ void LeaveGroup(int sock, uint32_t group, unsigned int index) {
     request.imr_multiaddr.s_addr = htonl(group);
     request.imr_ifindex = static_cast<int>(index);
     setsockopt(sock, IPPROTO_IP, IP_DROP_MEMBERSHIP, &request, sizeof request);
+}
+
+// When the socket's next datagram arrived, in ns since 1970; 0: the system does not tell.
+int64_t ArrivalOf(int sock) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec))] = {};
+    msghdr header = {};
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    timespec time = {};
+    if (recvmsg(sock, &header, MSG_PEEK | MSG_DONTWAIT) >= 0) {
+        const cmsghdr* const stamp = CMSG_FIRSTHDR(&header);
+        if (stamp != nullptr && stamp->cmsg_type == SCM_TIMESTAMPNS) {
+            memcpy(&time, CMSG_DATA(stamp), sizeof time);
+        }
+    }
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
 // Whether two checks found the same interface, as far as it matters to the sockets.
@@ -112,7 +130,9 @@ void BusLink::OpenServer(CRUdpLayer3Server& server, uint16_t port, const char* h
     }
     // Without this, Linux delivers the groups that any other program of this host has joined.
     const int off = 0;
+    const int on = 1;
     setsockopt(server.GetSocket(), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
+    setsockopt(server.GetSocket(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
     setsockopt(server.GetSocket(), SOL_SOCKET, SO_RCVBUF, &ROOM, sizeof ROOM);
     Join(server);
     Trace("listening to " + HostText(m_settings.group) + " port " + std::to_string(port));
@@ -168,14 +188,25 @@ bool BusLink::Take(Traffic& traffic) {
         if (poll(fds, 2, 0) <= 0) {
             return false;
         }
-        m_turn = !m_turn;
-        const bool requests = fds[1].revents != 0 && (m_turn || fds[0].revents == 0);
+        const bool requests = fds[1].revents != 0 && (fds[0].revents == 0 || AreRequestsFirst());
+        (requests ? m_request_arrival : m_report_arrival).reset();
         if (requests ? TakeFrom(m_requests, m_settings.send_port, traffic)
                      : TakeFrom(m_reports, m_settings.listen_port, traffic)) {
             return true;
         }
     }
     return false;
+}
+
+// If both sockets have something: a write comes before the report that it causes.
+bool BusLink::AreRequestsFirst() {
+    if (!m_report_arrival) {
+        m_report_arrival = ArrivalOf(m_reports.GetSocket());
+    }
+    if (!m_request_arrival) {
+        m_request_arrival = ArrivalOf(m_requests.GetSocket());
+    }
+    return *m_request_arrival < *m_report_arrival;
 }
 
 // Reads one datagram. False if it contained no message for us.

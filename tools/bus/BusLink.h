@@ -76,8 +76,9 @@ public:
     // The sockets that Listen() opened. They stay the same, whatever happens to the interface.
     std::vector<int> Descriptors() const;
 
-    // Takes a message that has arrived. False if there is none. Skips packets without a message,
-    // but only so many at a time that a flood of them can't hold the caller.
+    // Takes the message that arrived first, of those that wait. False if there is none. Skips
+    // packets without a message, but only so many at a time that a flood of them can't hold the
+    // caller.
     bool Take(Traffic& traffic);
 
     // How many datagrams were lost because earlier ones were not taken in time. The system buffers
@@ -114,6 +115,7 @@ private:
     void LookLater();
     std::optional<Change> Look();
     bool Rejoin(const Interface& found);
+    bool AreRequestsFirst();
     bool TakeFrom(CRUdpLayer3Server& server, uint16_t port, Traffic& traffic);
     std::string DownText(const Interface& found) const;
     void Trace(const std::string& text) const;
@@ -125,7 +127,9 @@ private:
     CRUdpLayer3Server m_reports;
     Overhearer m_requests;
     bool m_up = true;
-    bool m_turn = false;  // which socket Take() checks first
+    // When the next datagrams of the sockets arrived, ns since 1970; none: not asked yet.
+    std::optional<int64_t> m_report_arrival;
+    std::optional<int64_t> m_request_arrival;
     Change m_change{true, {}};
     TimePoint m_look = TimePoint::max();
     TimePoint m_looked = Now();
