@@ -24,24 +24,6 @@ uint32_t AddressOf(const ifaddrs& entry) {
     return address.sin_addr.s_addr;
 }
 
-// The source address of datagrams to the group; 0 without a route.
-uint32_t RouteTo(uint32_t group) {
-    const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock.IsOpen()) {
-        throw BusError("can't ask for the route: " + ErrorText(errno));
-    }
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(1);
-    address.sin_addr.s_addr = htonl(group);
-    sockaddr* const raw = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (connect(sock.Get(), raw, size) != 0 || getsockname(sock.Get(), raw, &size) != 0) {
-        return 0;
-    }
-    return address.sin_addr.s_addr;
-}
-
 // By address, or if that is 0 by name.
 Interface Find(const std::string& name, uint32_t address) {
     Interface found;
@@ -71,11 +53,28 @@ Interface Find(const std::string& name, uint32_t address) {
 Interface FindInterface(const std::string& text, uint32_t group) {
     in_addr address = {};
     if (text.empty()) {
-        address.s_addr = RouteTo(group);
-        return address.s_addr != 0 ? Find({}, address.s_addr) : Interface();
+        const Route route = FindRoute(group);
+        return route.error == 0 ? Find({}, route.address) : Interface();
     }
     return inet_pton(AF_INET, text.c_str(), &address) == 1 ? Find({}, address.s_addr)
                                                            : Find(text, 0);
+}
+
+Route FindRoute(uint32_t group) {
+    const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock.IsOpen()) {
+        throw BusError("can't ask for the route: " + ErrorText(errno));
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(1);
+    address.sin_addr.s_addr = htonl(group);
+    sockaddr* const raw = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (connect(sock.Get(), raw, size) != 0 || getsockname(sock.Get(), raw, &size) != 0) {
+        return {errno, 0};
+    }
+    return {0, address.sin_addr.s_addr};
 }
 
 std::string HostText(uint32_t address) {

@@ -19,5 +19,14 @@ struct Interface {
 // be asked, for instance for want of descriptors.
 Interface FindInterface(const std::string& text, uint32_t group);
 
+// Where the system sends datagrams to the group.
+struct Route {
+    int error = 0;         // why it can't
+    uint32_t address = 0;  // the address of this host that they come from, network byte order
+};
+
+// For the group in host byte order. Throws BusError for want of descriptors.
+Route FindRoute(uint32_t group);
+
 // "10.0.0.1" for an address in host byte order.
 std::string HostText(uint32_t address);

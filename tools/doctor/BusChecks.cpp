@@ -58,7 +58,7 @@ void ExamineRoute(const Facts& facts, const ExpectedBus& bus, Findings& findings
     const std::string way = "ip route add " + IpText(bus.group) + " dev " + bus.device +
                             ", or NIC_IPADDR=" + IpText(facts.AddressOf(bus.device).value_or(0)) +
                             " in TQRD";
-    const std::string device = facts.DeviceOf(facts.route.ip);
+    const std::string device = facts.DeviceOf(facts.route.address);
     if (facts.route.error != 0) {
         findings.push_back({Severity::Critical, "route",
                             "there is none to " + IpText(bus.group) +
@@ -151,7 +151,7 @@ bool HasProblem(const Findings& findings) {
 
 void ExamineInterface(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     const bool is_usable = ExamineAddress(facts, bus, findings);
-    if (is_usable || !facts.DeviceOf(facts.route.ip).empty()) {
+    if (is_usable || !facts.DeviceOf(facts.route.address).empty()) {
         ExamineRoute(facts, bus, findings);
     }
     if (facts.Daemon() != nullptr) {

@@ -126,7 +126,7 @@ Facts Look(const CSvcAddress& tqrd, const ExpectedBus& bus, std::chrono::millise
     facts.interfaces = ReadInterfaces();
     facts.syn_retries = ReadValue<int>("/proc/sys/net/ipv4/tcp_syn_retries");
     facts.pid_file = ReadValue<std::string>("/run/orvex.pid");
-    facts.route = FindRoute(bus.group);
+    facts.route = FindRoute(ntohl(bus.group));
     const RunningProgram* const daemon = facts.Daemon();
     facts.bind_error = daemon == nullptr ? TryToBind(BUS_PORT) : 0;
     const std::string server = daemon == nullptr ? std::string() : daemon->Option("-r");

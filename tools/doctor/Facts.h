@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/bus/Interface.h"
 #include "tools/doctor/Firewall.h"
 #include "tools/doctor/NetworkTables.h"
 #include "tools/doctor/Processes.h"

@@ -96,17 +96,6 @@ std::vector<InterfaceAddress> ReadInterfaces() {
     return interfaces;
 }
 
-Route FindRoute(uint32_t group) {
-    const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = Endpoint(group, 1);
-    auto* const raw = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (connect(sock.Get(), raw, size) != 0 || getsockname(sock.Get(), raw, &size) != 0) {
-        return {errno, 0};
-    }
-    return {0, address.sin_addr.s_addr};
-}
-
 int TryToBind(uint16_t port) {
     const Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = Endpoint(INADDR_ANY, port);

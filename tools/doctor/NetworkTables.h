@@ -37,13 +37,6 @@ std::vector<Membership> ReadMemberships();
 // Every interface, once for each address.
 std::vector<InterfaceAddress> ReadInterfaces();
 
-// Where the system sends datagrams to the group.
-struct Route {
-    int error = 0;    // why it can't
-    uint32_t ip = 0;  // the address of this host that they come from, network byte order
-};
-Route FindRoute(uint32_t group);
-
 // Whether a program can bind the UDP port on all addresses as the daemon does, which shares it only
 // with programs that do the same. 0, or why not.
 int TryToBind(uint16_t port);
