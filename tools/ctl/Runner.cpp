@@ -100,7 +100,7 @@ bool Runner::HasProgram() const {
 }
 
 void Runner::Run(const Input& input) {
-    if (!IsAllowed(Now()) || m_waiting.size() >= MAX_WAITING) {
+    if (m_waiting.size() >= MAX_WAITING || !IsAllowed(Now())) {
         if (m_left_out++ == 0) {
             m_tell("too many changes: the command is not run for all of them");
         }

@@ -38,7 +38,9 @@ public:
           m_follower(options.bus, Policy()),
           m_runner(options.runner, [this](const std::string& text) { Tell(text); }) {
         m_follower.on_change = [this](const PinChange& change) { Take(change); };
-        m_follower.on_link = [this](const BusLink::Change& change) { TakeGap(change.text); };
+        m_follower.on_link = [this](const BusLink::Change& change) {
+            change.up ? Tell(change.text) : TakeGap(change.text);
+        };
         m_follower.on_trouble = [this](const std::string& text) { Tell(text); };
         const uint32_t tag = m_condition.tag;
         const PinRef pin = {tag >> 8, static_cast<uint8_t>(tag)};
