@@ -109,7 +109,9 @@ TEST_F(Ctl, WatchesAsLongAsRequested) {
 TEST_F(Ctl, PlaysBackWhatItRecorded) {
     StartAll();
     const std::string file = "/run/recording";
-    const auto record = StartListener(studio, {"record", file, "--count", "3"});
+    const auto record =
+        StartListener(studio, {"record", file, "--count", "3", "--max-size", "600"});
+    record->Signal(SIGHUP);
     tqrd.server.Apply("GPI 1 LLLLL");
     ASSERT_TRUE(AwaitOut("parse_GPI 1 LLLLL\n"));
     Linger(300);
@@ -119,7 +121,7 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     ASSERT_EQ(Finish(*record), 0);
 
     const auto watch = StartListener(studio, {"watch", "--json", "-c", "4"});
-    ExpectRun({"send", file}, 0, "sent 3 messages\n", "");
+    ExpectRun({"send", "--rotated", file}, 0, "sent 3 messages\n", "");
     EXPECT_TRUE(AwaitHeard(tqrd, "GPO 1 xLxxx DURATION:500", 2)) << "writes are recorded too";
     ExpectRun({"send", "--fast", "/dev/null"}, 0, "sent 0 messages\n", "");
     // Written by hand, with an identifier and types that no device knows: for listeners only.
@@ -130,7 +132,10 @@ TEST_F(Ctl, PlaysBackWhatItRecorded) {
     ExpectRun({"send", "/run/made"}, 0, "sent 1 message\n", "");
     ASSERT_EQ(Finish(*watch), 0);
     std::stringstream text;
-    text << std::ifstream(file).rdbuf();
+    EXPECT_TRUE(std::ifstream(file + ".3").good()) << "put aside empty, on SIGHUP";
+    for (const char* number : {".2", ".1", ""}) {
+        text << std::ifstream(file + number).rdbuf();
+    }
     std::vector<Json> sent = Lines(text.str());
     const std::vector<Json> heard = Lines(watch->Out());
     ASSERT_EQ(sent.size(), 3U);

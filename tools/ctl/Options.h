@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,6 +52,7 @@ struct Options {
     bool force = false;  // overwrite files
     bool fast = false;   // without pauses
     bool loop = false;
+    bool rotated = false;  // also the files that were put aside
     double speed = 1;
     std::optional<unsigned long> count;
     std::optional<double> seconds;
@@ -61,7 +63,9 @@ struct Options {
     std::vector<PinWrite> writes;
     std::vector<PinCondition> conditions;
     std::string file;
-    std::string names_file;  // empty: the user's
+    std::optional<uint64_t> max_size;   // bytes, of a recording before it is put aside
+    std::optional<unsigned long> keep;  // how many of those put aside
+    std::string names_file;             // empty: the user's
     Names names;
     CSvcAddress tqrd{0x7F000001, LINE_PORT};  // the control server
     std::optional<std::string> explain;       // a source to explain instead of querying a server

@@ -17,8 +17,11 @@
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/MessageText.h"
 #include "tools/ctl/Options.h"
+#include "tools/ctl/Rotation.h"
 
 namespace {
+
+const unsigned long DEFAULT_KEEP = 9;
 
 [[noreturn]] void Fail(const std::string& name) {
     throw Failure(STATUS_FAILED, "can't write " + name + ": " + ErrorText(errno));
@@ -39,6 +42,11 @@ FILE* Open(const std::string& file, bool force) {
         throw Failure(STATUS_FAILED, file + " exists; --force overwrites it");
     }
     return fopen(file.c_str(), "we");
+}
+
+bool IsFile(FILE* file) {
+    struct stat status = {};
+    return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 // SIZE_MAX if it is no terminal.
@@ -66,7 +74,7 @@ Output::Output(const Options& options, const std::string& file)
 }
 
 Output::~Output() {
-    if (m_file != stdout) {
+    if (m_file != nullptr && m_file != stdout) {
         fclose(m_file);
     }
 }
@@ -121,7 +129,23 @@ void Output::WriteLine(const std::string& text, size_t indent) {
     Write(line + "\n");
 }
 
+void Output::Rotate() {
+    if (!IsFile(m_file)) {
+        return;
+    }
+    PutAside(m_name, m_options.keep.value_or(DEFAULT_KEEP));
+    m_size = 0;
+    m_file = freopen(m_name.c_str(), "we", m_file);
+    if (m_file == nullptr) {
+        Fail(m_name);
+    }
+}
+
 void Output::Write(const std::string& text) {
+    if (m_options.max_size && m_size > 0 && m_size + text.size() > *m_options.max_size) {
+        Rotate();
+    }
+    m_size += text.size();
     if (fwrite(text.data(), 1, text.size(), m_file) != text.size() || fflush(m_file) != 0) {
         Fail(m_name);
     }

@@ -1,6 +1,7 @@
 // The output of commands: one writer for everything they print.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -24,7 +25,7 @@ public:
     explicit Output(const Options& options);
 
     // To the file; "-" is standard output. An existing file is refused unless the options force it.
-    // A recording is JSON.
+    // A recording is JSON, and put aside when it has the size of the options.
     Output(const Options& options, const std::string& file);
     ~Output();
     Output(const Output&) = delete;
@@ -47,6 +48,9 @@ public:
 
     void Write(const std::string& text);
 
+    // Puts a recording aside and begins another file of its name. A device or a FIFO stays.
+    void Rotate();
+
     // A line without its end. A terminal gets it wrapped between words, and continued at the
     // indent.
     void WriteLine(const std::string& text, size_t indent);
@@ -55,7 +59,8 @@ private:
     const Options& m_options;
     const std::string m_name;
     const Form m_form;
-    FILE* m_file;
+    FILE* m_file;  // null: could not be opened again
+    uint64_t m_size = 0;
 };
 
 // Notes, on standard error, the addresses for which more than one host answers.

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <csignal>
 
 #include "tools/ctl/Options.h"
 
@@ -24,7 +25,9 @@ FollowPolicy PolicyFor(const Options& options, double every, bool is_passive) {
 }  // namespace
 
 PinWatch::PinWatch(const Options& options, double every, bool is_passive)
-    : m_options(options), m_follower(options.bus, PolicyFor(options, every, is_passive)) {
+    : m_options(options),
+      m_signals({options.max_size || options.keep ? SIGHUP : SIGTERM}),
+      m_follower(options.bus, PolicyFor(options, every, is_passive)) {
     m_follower.on_message = [this](const Traffic& traffic, bool is_repeat) {
         m_message = &traffic;
         m_is_repeat = is_repeat;
@@ -64,8 +67,8 @@ PinWatch::Event PinWatch::Wait(TimePoint deadline) {
         fds.push_back({descriptor, POLLIN, 0});
     }
     for (;;) {
-        if (poll(fds.data(), 1, 0) > 0) {
-            return Event::Stopped;
+        if (const auto signal = m_signals.Take()) {
+            return *signal == SIGHUP ? Event::HungUp : Event::Stopped;
         }
         m_message = nullptr;
         m_changes.clear();

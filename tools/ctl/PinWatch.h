@@ -16,6 +16,7 @@ public:
         Heard,    // a message came, or pins changed by the passage of time
         Link,     // the interface changed
         Stopped,  // by a signal
+        HungUp,   // SIGHUP, if the options say that a recording is put aside
         TimedOut
     };
 

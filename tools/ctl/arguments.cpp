@@ -17,6 +17,7 @@ const double MAX_SPEED = 1000;
 const unsigned long MAX_RUNS = 1000;
 const unsigned long MAX_PARALLEL = 100;
 const unsigned long MAX_COUNT = 1000000000;
+const unsigned long MAX_FILES = 1000;
 const unsigned long INPUT_COUNT = 256;  // that a remote server can have
 
 [[noreturn]] void Refuse(const std::string& what, const std::string& text) {
@@ -177,6 +178,20 @@ void SetInputs(Options& options, const std::string& text) {
         throw std::invalid_argument("a range begins with its lower end: " + text);
     }
     options.inputs = NumberRange{first, last};
+}
+
+// Bytes, or a number with its unit: K, M or G.
+void SetMaxSize(Options& options, const std::string& text) {
+    const std::string units = "KMG";
+    const size_t unit = text.empty() ? units.npos : units.find(text.back());
+    const bool has_unit = unit != units.npos;
+    const uint64_t number = ParseCount(text.substr(0, text.size() - (has_unit ? 1 : 0)), MAX_COUNT,
+                                       "a size, such as 500K or 100M");
+    options.max_size = has_unit ? number << (10 * (unit + 1)) : number;
+}
+
+void SetKeep(Options& options, const std::string& text) {
+    options.keep = ParseCount(text, MAX_FILES, "a number of files from 1 to 1000");
 }
 
 void SetSpeed(Options& options, const std::string& text) {

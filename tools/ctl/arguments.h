@@ -26,6 +26,8 @@ void SetParallel(Options& options, const std::string& text);
 void SetTimeout(Options& options, const std::string& text);
 void SetHeartbeat(Options& options, const std::string& text);
 void SetInputs(Options& options, const std::string& text);
+void SetMaxSize(Options& options, const std::string& text);
+void SetKeep(Options& options, const std::string& text);
 void SetSpeed(Options& options, const std::string& text);
 void SetFormat(Options& options, const std::string& text);
 

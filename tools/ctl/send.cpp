@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "tools/base/Descriptor.h"
 #include "tools/base/ErrorText.h"
@@ -14,6 +15,7 @@
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
 #include "tools/ctl/Output.h"
+#include "tools/ctl/Rotation.h"
 
 namespace {
 
@@ -147,8 +149,8 @@ public:
           m_limit(options.seconds),
           m_pace(options.speed) {}
 
-    // Sends the file once. False if the command is to end.
-    bool SendFile();
+    // Sends the file once, with --rotated after those put aside. False if the command is to end.
+    bool SendFiles();
 
     // How many messages were sent.
     unsigned long Count() const { return m_count; }
@@ -159,6 +161,7 @@ public:
     void PrintCount();
 
 private:
+    bool SendFile(const std::string& name);
     bool SendLine(const std::string& line);
 
     const Options& m_options;
@@ -195,8 +198,15 @@ bool Sender::SendLine(const std::string& line) {
     return true;
 }
 
-bool Sender::SendFile() {
-    LineFile file(m_options.file, m_limit);
+bool Sender::SendFiles() {
+    const std::vector<std::string> files =
+        m_options.rotated ? OldestFirst(m_options.file) : std::vector<std::string>{m_options.file};
+    return std::all_of(files.begin(), files.end(),
+                       [this](const std::string& file) { return SendFile(file); });
+}
+
+bool Sender::SendFile(const std::string& name) {
+    LineFile file(name, m_limit);
     while (const std::optional<std::string> line = file.Next()) {
         if (line->find_first_not_of(" \t\r") == std::string::npos) {
             continue;
@@ -233,7 +243,7 @@ int RunSend(const Options& options) {
         throw Failure(STATUS_USAGE, "--loop needs a file, not standard input");
     }
     Sender sender(options);
-    for (unsigned long before = 0; sender.SendFile() && options.loop; before = sender.Count()) {
+    for (unsigned long before = 0; sender.SendFiles() && options.loop; before = sender.Count()) {
         if (sender.Count() == before) {
             throw Failure(STATUS_FAILED, "nothing to send in " + options.file);
         }

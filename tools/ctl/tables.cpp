@@ -27,7 +27,8 @@ const char* const WATCH_DETAILS =
 
 const char* const RECORD_DETAILS =
     "The lines are those of watch --json; send plays them back. An existing file is\n"
-    "overwritten only with --force.";
+    "overwritten only with --force. With --max-size or --keep, FILE is put aside as\n"
+    "FILE.1 when it is full or SIGHUP comes, FILE.1 as FILE.2, and so on.";
 
 const char* const SET_DETAILS =
     "All pins are set with one message. A duration lasts 10 to 310 ms, in steps of\n"
@@ -194,6 +195,13 @@ const std::vector<OptionSpec> OPTIONS = {
     {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels top",
      "End after this time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
+    {"--max-size", "SIZE", Completion::None, "record",
+     "Put the file aside before it is larger (500K, 100M, 2G)", SetMaxSize},
+    {"--keep", "N", Completion::None, "record", "Keep N files that were put aside (default: 9)",
+     SetKeep},
+    {"--rotated", nullptr, Completion::None, "send",
+     "Send the files that record has put aside first, from the oldest on",
+     Switch<&Options::rotated>},
     {"--fast", nullptr, Completion::None, "send", "Send without pauses", Switch<&Options::fast>},
     {"--speed", "FACTOR", Completion::None, "send", "Send this many times as fast (default: 1)",
      SetSpeed},

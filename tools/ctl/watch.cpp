@@ -65,6 +65,9 @@ int Watch::Run() {
         switch (m_watch.Wait(std::min(m_end, m_beat))) {
             case PinWatch::Event::Stopped:
                 return STATUS_DONE;
+            case PinWatch::Event::HungUp:
+                m_output->Rotate();
+                break;
             case PinWatch::Event::Link:
                 if (m_output->IsJson()) {
                     m_output->WriteEvent("link", m_watch.LinkChange().text);
@@ -170,5 +173,8 @@ int RunWatch(const Options& options) {
 }
 
 int RunRecord(const Options& options) {
+    if (options.file == "-" && (options.max_size || options.keep)) {
+        throw Failure(STATUS_USAGE, "--max-size and --keep need a file, not standard output");
+    }
     return Watch(options).Run();
 }
