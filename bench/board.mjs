@@ -1,7 +1,7 @@
 // Measures the board as its viewers see it:  node board.mjs NODE_MODULES SECONDS
 // Run by tests/tools/board/world.sh. Sends reports to the bus as a device would, and prints a line for
 // each figure: its name, the measured value, the target, and whether it was met.
-import { execFileSync, spawn } from "node:child_process";
+import { spawn } from "node:child_process";
 import dgram from "node:dgram";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
 import http from "node:http";
@@ -198,7 +198,7 @@ async function measurePins() {
     await page.close();
 }
 
-execFileSync("sleep", ["2"]);
+await sleep(2000);
 await measureLatency();
 await measureTraffic();
 await measureKill();

@@ -119,8 +119,8 @@ HttpResponse Api::Handle(const HttpRequest& request) {
 }
 
 HttpResponse Api::Page(const HttpRequest& request) const {
-    const bool lamp =
-        request.path.rfind("/lamp/", 0) == 0;  // its script reads the pins in the path
+    // The pins of a lamp are in its path, for the script.
+    const bool lamp = request.path.compare(0, 6, "/lamp/") == 0;
     const Asset* const asset = FindAsset(lamp ? "/lamp.html" : request.path);
     if (asset == nullptr) {
         return Fail(404, "no such page");
@@ -192,11 +192,13 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     query.until = NumberField(request, "to", query.until);
     query.before_id = NumberField(request, "before", query.before_id);
     const int64_t limit = NumberField(request, "limit", query.limit);
-    query.limit = static_cast<unsigned>(std::min<int64_t>(limit, History::MAX_ROWS));
+    query.limit = static_cast<unsigned>(std::min<int64_t>(limit, HistorySearch::MAX_ROWS));
     m_history.Store(NowMs());  // the latest events are part of the answer
     const std::optional<History::Answer> found = m_history.Find(query, NowMs());
     if (!found) {
-        return Fail(503, "the history can't be read: " + m_history.Problem() + m_history.Notice());
+        const std::string& problem = m_history.Problem();
+        return Fail(
+            503, "the history can't be read: " + (problem.empty() ? m_history.Notice() : problem));
     }
     const History::Answer& answer = *found;
     const std::string format = request.Field("format").value_or("");

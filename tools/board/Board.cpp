@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "tools/base/Time.h"
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
 #include "tools/bus/StateJson.h"
@@ -122,11 +123,15 @@ void Board::TakeChange(const PinChange& change) {
 }
 
 void Board::TakeDevice(uint32_t host, PinFollower::News news) {
-    Note(news == PinFollower::News::First    ? EventKind::DeviceFirst
-         : news == PinFollower::News::Silent ? EventKind::DeviceMissing
-                                             : EventKind::DeviceBack,
+    using News = PinFollower::News;
+    Note(news == News::First    ? EventKind::DeviceFirst
+         : news == News::Silent ? EventKind::DeviceMissing
+         : news == News::Back   ? EventKind::DeviceBack
+                                : EventKind::DeviceForgotten,
          "", HostText(host));
-    m_stream.Append("device", Dump(DeviceJsonOf(host)));
+    m_stream.Append("device", Dump(news == News::Forgotten
+                                       ? Json({{"host", HostText(host)}, {"forgotten", true}})
+                                       : DeviceJsonOf(host)));
 }
 
 void Board::TakeLink() {

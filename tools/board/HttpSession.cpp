@@ -84,7 +84,7 @@ void HttpSession::Close() {
 }
 
 void HttpSession::CutOff() {
-    m_too_slow = m_viewer;
+    m_too_slow = m_too_slow || IsViewer();  // one that was dismissed was not
     Close();
 }
 

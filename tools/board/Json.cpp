@@ -1,5 +1,6 @@
 #include "tools/board/Json.h"
 
+#include "tools/base/Time.h"
 #include "tools/bus/Escape.h"
 #include "tools/bus/Names.h"
 #include "tools/bus/PinName.h"
@@ -60,6 +61,8 @@ const char* KindText(EventKind kind) {
             return "device-missing";
         case EventKind::DeviceBack:
             return "device-back";
+        case EventKind::DeviceForgotten:
+            return "device-forgotten";
         case EventKind::GapBegin:
             return "gap-begin";
         case EventKind::GapEnd:

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/board/History.h"
+#include "tools/board/Event.h"
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/PinFollower.h"
 

@@ -130,7 +130,8 @@ void Metrics::WriteGauges(Writer& writer) const {
     };
     gauge("link_up", "1: the bus is heard.", m_board.LinkProblem().empty() ? 1 : 0);
     gauge("healthy", "1: what /healthz says is good.", m_board.Complaints().empty() ? 1 : 0);
-    gauge("viewers", "Pages that follow the stream.", static_cast<double>(viewers ? viewers() : 0));
+    gauge("viewers", "Streams of events that are open.",
+          static_cast<double>(viewers ? viewers() : 0));
     gauge("pins", "Pins known.", static_cast<double>(m_board.Pins().Count()));
     gauge("history_ok", "1: the history is being written.", m_history.Problem().empty() ? 1 : 0);
     gauge("history_rows", "Events in the history.", static_cast<double>(m_history.Rows()));

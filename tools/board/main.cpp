@@ -75,7 +75,8 @@ private:
     boost::asio::steady_timer m_store{m_loop};
     bool m_storing = false;
     bool m_beating = false;
-    std::string m_problem;
+    std::string m_problem;  // of the history, as it was told
+    std::string m_notice;   // the same
 };
 
 BoardSettings Program::BoardSettingsOf(const Options& options) {
@@ -249,12 +250,12 @@ void Program::Keep() {
 }
 
 void Program::TellTrouble() {
-    const std::string problem = m_history.Problem() + m_history.Notice();
-    if (m_problem != problem) {
-        m_problem = problem;
-        if (!m_problem.empty()) {
-            fprintf(stderr, "orvex-board: history: %s\n", m_problem.c_str());
+    for (const auto& [text, told] :
+         {std::pair(&m_history.Problem(), &m_problem), std::pair(&m_history.Notice(), &m_notice)}) {
+        if (*told != *text && !text->empty()) {
+            fprintf(stderr, "orvex-board: history: %s\n", text->c_str());
         }
+        *told = *text;
     }
     m_board.TellStatus();
 }

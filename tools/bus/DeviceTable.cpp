@@ -1,5 +1,6 @@
 #include "tools/bus/DeviceTable.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -89,6 +90,25 @@ std::vector<uint32_t> DeviceTable::FindSilent(TimePoint limit) {
         }
     }
     return silent;
+}
+
+std::vector<uint32_t> DeviceTable::Forget(TimePoint limit,
+                                          const std::function<bool(uint32_t)>& is_wanted) {
+    std::vector<uint32_t> forgotten;
+    for (auto next = m_devices.begin(); next != m_devices.end();) {
+        const auto one = next++;
+        const auto& [host, device] = *one;
+        if (!device.is_silent || device.heard >= limit ||
+            std::any_of(device.addresses.begin(), device.addresses.end(), is_wanted)) {
+            continue;
+        }
+        for (const uint32_t address : device.addresses) {
+            m_owners[address] = 0;
+        }
+        forgotten.push_back(host);
+        m_devices.erase(one);
+    }
+    return forgotten;
 }
 
 uint32_t DeviceTable::OwnerOf(uint32_t address) const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -29,7 +30,7 @@ public:
         std::set<uint32_t> addresses;   // for which it answered last
         std::set<uint32_t> unanswered;  // those of them for which nobody answers now
     };
-    enum class News { First, Silent, Back };
+    enum class News { First, Silent, Back, Forgotten };
 
     // The device told pins. Returns First or Back, or none if it was heard before.
     std::optional<News> Hear(uint32_t host, double time, TimePoint now);
@@ -46,6 +47,10 @@ public:
     // Finds devices that are silent without a missed answer: they have no address, and were not
     // heard since the limit. Returns those that were not silent before.
     std::vector<uint32_t> FindSilent(TimePoint limit);
+
+    // Forgets silent devices that were not heard since the limit, unless one of them was the last
+    // to answer for a wanted address. Returns those that it forgot.
+    std::vector<uint32_t> Forget(TimePoint limit, const std::function<bool(uint32_t)>& is_wanted);
 
     const std::map<uint32_t, Device>& All() const { return m_devices; }
 

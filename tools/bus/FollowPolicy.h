@@ -15,6 +15,7 @@ struct FollowPolicy {
     unsigned int input_rounds = 1;
     double answer_time = 1;  // seconds
     int misses = 3;
+    double forgets_after = 3600;  // seconds without a sign of a device
     // Whether pins that somebody has written are read, see PinStates.
     bool reads_written = true;
     // Whether what is heard while the bus is down counts, such as the reports of a daemon on the

@@ -222,6 +222,7 @@ void PinFollower::Want(const PinRef& pins) {
     for (const uint32_t tag : pins.Tags()) {
         m_states.Want(tag);
     }
+    m_wanted.insert(pins.address);
     m_plan.Add(pins.address, Now());
 }
 
@@ -246,6 +247,10 @@ void PinFollower::FindSilent(TimePoint now) {
     m_round = Later(now, m_policy.every);
     for (const uint32_t host : m_devices.FindSilent(Later(now, -SILENT_ROUNDS * m_policy.every))) {
         PassNews(host, News::Silent);
+    }
+    const auto is_wanted = [this](uint32_t address) { return m_wanted.count(address) > 0; };
+    for (const uint32_t host : m_devices.Forget(Later(now, -m_policy.forgets_after), is_wanted)) {
+        PassNews(host, News::Forgotten);
     }
 }
 

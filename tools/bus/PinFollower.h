@@ -8,6 +8,8 @@
 //     it is read as seldom as others.
 //   - A device is silent if nobody answers for any of its addresses, or if it has none and was not
 //     heard for three rounds.
+//   - A device that was not heard for an hour is forgotten, unless it is the last that answered for
+//     a wanted pin: its address may have changed.
 //   - While the bus is down, and after it, all pins are unknown until they are told again.
 //   - If datagrams were lost because they were not taken in time, everything is read again.
 //   - Reads are spread: at most 100 pins, then a pause. Addresses that are due soon are read along,
@@ -47,6 +49,7 @@ public:
     // What is known about a pin has changed. The first knowledge of a pin is a change too. Not
     // called for each pin when the bus goes down.
     std::function<void(const PinChange&)> on_change;
+    // A device that was forgotten is no longer one of Devices().
     std::function<void(uint32_t host, News)> on_device;
     // The bus is down, back, or has another address. What States() says has changed before.
     std::function<void(const BusLink::Change&)> on_link;
@@ -138,7 +141,8 @@ private:
     RepeatFilter m_repeats;
     Answerers m_answerers;
     DeviceTable m_devices;
-    uint64_t m_lost = 0;  // datagrams, in this host
+    std::set<uint32_t> m_wanted;  // addresses
+    uint64_t m_lost = 0;          // datagrams, in this host
 
     const uint32_t m_round_id;  // reads of addresses
     const uint32_t m_pin_id;    // reads after writes

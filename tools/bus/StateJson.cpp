@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "tools/base/Time.h"
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
 

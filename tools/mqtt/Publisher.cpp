@@ -183,11 +183,14 @@ void Publisher::PublishLevel(uint32_t tag) {
 }
 
 void Publisher::PublishDevice(uint32_t host) {
-    const PinFollower::Device& device = m_pins.Follower().Devices().at(host);
-    Json json;
-    json["state"] = device.is_silent ? "silent" : "heard";
-    json["since"] = device.since;
-    Retain(m_topics.Device(HostText(host)), Dump(json));
+    const auto& devices = m_pins.Follower().Devices();
+    const auto device = devices.find(host);
+    std::string text;  // none if it is forgotten
+    if (device != devices.end()) {
+        text = Dump({{"state", device->second.is_silent ? "silent" : "heard"},
+                     {"since", device->second.since}});
+    }
+    Retain(m_topics.Device(HostText(host)), text);
 }
 
 void Publisher::PublishChange(const PinChange& change) {

@@ -82,7 +82,7 @@ protected:
     static size_t CountOf(History& history, int64_t now) {
         History::Query query;
         query.tag = PIN;
-        query.limit = History::MAX_ROWS;
+        query.limit = HistorySearch::MAX_ROWS;
         const auto answer = history.Find(query, now);
         return answer ? answer->events.size() : 0;
     }
@@ -211,6 +211,7 @@ TEST_F(HistoryTest, RecordsGaps) {
     EXPECT_EQ(answer->gaps[0].until, START + 5000);
     EXPECT_EQ(answer->gaps[1].from, START + 6000);
     EXPECT_EQ(answer->gaps[1].until, START + 6000 + excess - 1);
+    EXPECT_TRUE(answer->set_backs.empty()) << "the gaps are where they were";
 }
 
 // The order is that in which things happened, page by page, whatever the clock said.

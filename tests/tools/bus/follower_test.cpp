@@ -83,6 +83,7 @@ protected:
         policy.reads = reads;
         policy.every = every;
         policy.answer_time = 0.25;
+        policy.forgets_after = 2;
         BusSettings settings;
         settings.iface = "eth0";
         const Host::Scope on(here);
@@ -210,6 +211,13 @@ TEST_F(PinFollowerTest, FindsTwoDevicesWithOneAddress) {
     }));
     EXPECT_EQ(SharedText(0x102, follower->Shared()[0x102], Names()),
               "1:2 is answered by 10.77.0.1 and 10.77.0.3: two devices have the same address");
+    device->answers = false;
+    ASSERT_TRUE(Await([&] {
+        second->Serve();
+        return follower->Devices().count(DEVICE) == 0;
+    })) << "nobody misses it";
+    ASSERT_TRUE(Await([&] { return follower->Devices().begin()->second.is_silent; }));
+    EXPECT_FALSE(Await([&] { return follower->Devices().empty(); }, 3)) << "the pin is wanted";
 }
 
 }  // namespace

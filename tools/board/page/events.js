@@ -10,7 +10,7 @@ const KINDS = [["", "everything"], ["told", "reports"], ["written", "writes on t
 const LEVELS = [["", "any level"], ["L", "low"], ["H", "high"]];
 
 // A sentence about an event, for people.
-function sentence({ kind, level, host = "", duration, text, by }) {
+function sentence({ kind, level, host = "", duration, text }) {
     const time = duration && kind !== "clock-set-back" ? ` for ${durationText(duration)}` : "";
     switch (kind) {
         case "told":
@@ -25,6 +25,8 @@ function sentence({ kind, level, host = "", duration, text, by }) {
             return `${host} does not answer any more`;
         case "device-back":
             return `${host} answers again`;
+        case "device-forgotten":
+            return `${host} is no longer expected to answer`;
         case "gap-begin":
             return `from here nothing is known: ${text}`;
         case "gap-end":
@@ -32,7 +34,7 @@ function sentence({ kind, level, host = "", duration, text, by }) {
         case "clock-set-back":
             return `the clock was set back by ${span(duration)}: what is above happened later than what is below`;
         default:
-            return [kind, host, text, by].filter(Boolean).join(" ");
+            return [kind, host, text].filter(Boolean).join(" ");
     }
 }
 

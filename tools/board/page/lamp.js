@@ -44,13 +44,12 @@ function makeLamp(name) {
         const texts = [words[look], nameOf(pin), look === "unknown" ? unknownText(pin) : span(now() - pin.since) + sharedText(pin)];
         parts.forEach((part, i) => part.textContent !== texts[i] && (part.textContent = texts[i]));
         element.className = look;
-        element.style.setProperty("--letters", Math.max(3, words[look].length));
         if (shown && shown !== look && query.has("vibrate")) {
             navigator.vibrate?.(look === "unknown" ? [100, 100, 100] : 300);
         }
         shown = look;
     };
-    return { element, show };
+    return { name, element, show };
 }
 
 const lamps = wanted.map(makeLamp);
@@ -78,6 +77,8 @@ function setColor(name) {
 }
 
 setColor(query.get("color"));
+// All words have one size, so that nothing moves when a lamp changes.
+document.documentElement.style.setProperty("--letters", Math.max(3, words.lit.length, words.dark.length));
 document.title = `${wanted.join(", ")} \u2013 lamp`;
 document.getElementById("lamps").append(...lamps.map(({ element }) => element));
 document.addEventListener("click", () => {
@@ -85,7 +86,10 @@ document.addEventListener("click", () => {
     document.documentElement.requestFullscreen?.().catch(() => {});
 });
 document.addEventListener("visibilitychange", stayAwake);
-["pin", "new", "pins", "status"].forEach((kind) => on(kind, showAll));
+for (const kind of ["pin", "new"]) {
+    on(kind, (pin) => lamps.filter(({ name }) => name === pin.pin || name === pin.name).forEach(({ show }) => show()));
+}
+["pins", "status"].forEach((kind) => on(kind, showAll));
 setInterval(showAll, 1000);
 showAll();
 stayAwake();

@@ -150,6 +150,7 @@ export class Timeline {
     #parts = [];
     #at = null; // the time whose values are shown
     #asking = 0;
+    #fresh = 0; // when it was refreshed last; live, it is again for every pixel or so
     #canvas = h("canvas", { tabIndex: 0, role: "img", "aria-label": "Timeline of the pin" });
     #output = h("output", { "aria-live": "polite" });
     #presets;
@@ -229,6 +230,7 @@ export class Timeline {
     }
 
     #refresh() {
+        this.#fresh = now();
         this.#span = Math.min(MAX_SPAN, Math.max(MIN_SPAN, this.#span));
         this.#presets.forEach((preset, i) => preset.setAttribute("aria-pressed", String(SPANS[i][1] === this.#span)));
         this.#draw();
@@ -269,7 +271,7 @@ export class Timeline {
     }
 
     #listen() {
-        const timer = setInterval(() => this.#live && (this.#span < 7200e3 || Math.random() < 0.05) && this.#refresh(), 1000);
+        const timer = setInterval(() => this.#live && now() - this.#fresh >= this.#span / 1000 && this.#refresh(), 1000);
         const scheme = matchMedia("(prefers-color-scheme: light)");
         const draw = () => this.#draw();
         scheme.addEventListener("change", draw);
