@@ -17,7 +17,7 @@
 
 namespace {
 
-// Seconds.
+// In seconds:
 const double CONNECT_TIME = 10;
 const double LISTEN_TIME = 1.5;  // for what is retained, and for a heartbeat of each site
 

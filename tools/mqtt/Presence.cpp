@@ -7,7 +7,7 @@
 
 namespace {
 
-// Seconds.
+// In seconds:
 const double SIGN_EVERY = 0.5;
 const double SIGN_TIME = 10;  // a connection without a returned heartbeat for that long is given up
 const double DEFEND_EVERY = 3;  // enough to hear from a bridge that has claimed the site
