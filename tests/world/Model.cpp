@@ -155,8 +155,8 @@ void Model::Join() {
 
 // ---- Connections and control lines.
 
-// The table is written unless an attempt to connect has failed. Without memory for the connection there
-// is no attempt.
+// The table is written unless an attempt to connect has failed. Without memory for the connection
+// there is no attempt.
 void Model::Reach(const Endpoint& server, int number) {
     Connection& remote = m_Remotes[server];
     const bool has_failed = Connect(remote, server) && remote.fd == -1;
