@@ -1,9 +1,9 @@
 #include "tools/board/Api.h"
 
-#include <charconv>
 #include <stdexcept>
 
 #include "protocol/numbers.h"
+#include "tools/board/Answers.h"
 #include "tools/board/Assets.h"
 #include "tools/board/Json.h"
 #include "tools/bus/Escape.h"
@@ -12,45 +12,6 @@
 namespace {
 
 const size_t MAX_WHO = 64;
-
-HttpResponse Fail(unsigned status, const std::string& reason) {
-    HttpResponse response;
-    response.status = status;
-    response.body = Dump({{"error", reason}}) + "\n";
-    return response;
-}
-
-HttpResponse Answer(std::string body) {
-    HttpResponse response;
-    response.body = std::move(body);
-    response.headers.emplace_back("Cache-Control", "no-store");
-    return response;
-}
-
-int64_t NumberField(const HttpRequest& request, const char* name, int64_t otherwise) {
-    const std::string text = request.Field(name).value_or("");
-    if (text.empty()) {
-        return otherwise;
-    }
-    int64_t number = 0;
-    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size() || number < 0) {
-        throw std::invalid_argument(std::string(name) + " is not a number");
-    }
-    return number;
-}
-
-// A field of a table for spreadsheets, which read texts that begin with = + - @ as formulas.
-std::string CsvText(const std::string& text) {
-    std::string quoted = "\"";
-    if (!text.empty() && std::string("=+-@\t\r").find(text[0]) != std::string::npos) {
-        quoted += '\'';
-    }
-    for (const char c : text) {
-        quoted += c == '"' ? "\"\"" : std::string(1, c);
-    }
-    return quoted + "\"";
-}
 
 std::string CsvOf(const History::Answer& answer, const Names& names) {
     std::string csv = "id,time,kind,pin,name,level,duration,host,text\r\n";
@@ -201,12 +162,8 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
             503, "the history can't be read: " + (problem.empty() ? m_history.Notice() : problem));
     }
     const History::Answer& answer = *found;
-    const std::string format = request.Field("format").value_or("");
-    if (format == "csv" || request.Header("accept").compare(0, 8, "text/csv") == 0) {
-        HttpResponse response = Answer(CsvOf(answer, m_board.GetNames()));
-        response.type = "text/csv; charset=utf-8; header=present";
-        response.headers.emplace_back("Content-Disposition", "attachment; filename=history.csv");
-        return response;
+    if (WantsCsv(request)) {
+        return CsvAnswer(CsvOf(answer, m_board.GetNames()), "history.csv");
     }
     Json head = {{"now", NowMs()}, {"more", answer.more}, {"last", answer.last_id}};
     head["earlier"] = answer.earlier ? EventJson(*answer.earlier, m_board.GetNames()) : Json();
