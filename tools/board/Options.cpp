@@ -2,12 +2,11 @@
 
 #include <arpa/inet.h>
 
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <stdexcept>
 
 #include "protocol/numbers.h"
-#include "tools/completion/Completion.h"
+#include "tools/completion/CommandLine.h"
 
 namespace {
 
@@ -33,20 +32,6 @@ int64_t ParseAmount(const std::string& text, const std::string& units, const int
     return number * factors[unit];
 }
 
-template <typename Parse>
-CLI::Validator Check(Parse parse) {
-    return CLI::Validator(
-        [parse](std::string& text) {
-            try {
-                parse(text);
-                return std::string();
-            } catch (const std::invalid_argument& error) {
-                return std::string(error.what());
-            }
-        },
-        "");
-}
-
 // Places: the bus, the browsers, files and servers.
 void AddPlaces(CLI::App& app, Options& options, CompletionKinds& kinds) {
     kinds[app.add_option("-i,--interface", options.iface,
@@ -54,7 +39,7 @@ void AddPlaces(CLI::App& app, Options& options, CompletionKinds& kinds) {
               ->type_name("NAME")] = Completion::Interface;
     app.add_option("--listen", options.listen, "Address for browsers")
         ->type_name("IP:PORT")
-        ->check(Check([](const std::string& text) { ParseHostPort(text); }))
+        ->check(Parses([](const std::string& text) { ParseHostPort(text); }))
         ->capture_default_str();
     kinds[app.add_option("--db", options.db, "Keep the history in this file")->type_name("FILE")] =
         Completion::File;
@@ -62,18 +47,18 @@ void AddPlaces(CLI::App& app, Options& options, CompletionKinds& kinds) {
               ->type_name("FILE")] = Completion::File;
     app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
         ->type_name("IP[:PORT]")
-        ->check(Check([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));
+        ->check(Parses([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));
 }
 
 // What is kept, and who may do what.
 void AddRules(CLI::App& app, Options& options, CompletionKinds& kinds) {
     app.add_option("--keep", options.keep, "Keep events for this time")
         ->type_name("TIME")
-        ->check(Check(ParseAge))
+        ->check(Parses(ParseAge))
         ->capture_default_str();
     app.add_option("--keep-size", options.keep_size, "Maximum size of the history")
         ->type_name("SIZE")
-        ->check(Check(ParseSize))
+        ->check(Parses(ParseSize))
         ->capture_default_str();
     app.add_option("--group", options.group, "Multicast group of the bus")
         ->type_name("IP")
@@ -127,17 +112,9 @@ int64_t ParseSize(const std::string& text) {
 }
 
 std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
-    CLI::App app(DESCRIPTION, "orvex-board");
+    CommandLine line("orvex-board", DESCRIPTION, FOOTER);
     CompletionKinds kinds;
-    app.footer(FOOTER);
-    app.set_version_flag("--version", std::string("orvex-board ") + ORVEX_VERSION);
-    AddPlaces(app, options, kinds);
-    AddRules(app, options, kinds);
-    AddCompletion(app, kinds);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
-    }
-    return std::nullopt;
+    AddPlaces(line, options, kinds);
+    AddRules(line, options, kinds);
+    return line.Parse(argc, argv, kinds);
 }
