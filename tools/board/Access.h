@@ -1,43 +1,91 @@
 // Who may do what.
 #pragma once
 
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tools/base/Time.h"
+#include "tools/board/EventStream.h"
+#include "tools/board/Guesses.h"
 #include "tools/board/Http.h"
+#include "tools/board/UsersFile.h"
+#include "tools/board/Visit.h"
+#include "tools/bus/JsonFormat.h"
 
 struct AccessSettings {
     bool allow_set = false;
-    std::string token;
+    std::string token_file;  // empty: none
+    std::string users_file;  // empty: everyone reads, and whoever has the token may do the rest
     std::set<std::string> hosts;  // further host names of the board, without a port
 };
 
 // A page of another origin can make a browser send requests here, under a name that it made resolve
 // to this address. So the host of a request must be an address, "localhost" or a given name; a
-// request to set needs the same in its Origin, the token, and a header that no form can send.
+// request that changes something needs the same in its Origin, and a header that no form can send.
 class Access {
 public:
-    explicit Access(AccessSettings settings) : m_settings(std::move(settings)) {}
+    // The names must outlive it. Throws std::runtime_error if a file can't be read.
+    Access(AccessSettings settings, const Names& names);
+
+    // Reads the files again. Throws as the constructor does, and leaves all as it was.
+    void Reload();
 
     bool IsKnownHost(const std::string& host) const;
 
+    // Whose request it is, as its token says.
+    std::shared_ptr<const Visit> VisitOf(const HttpRequest& request) const;
+
+    // The following want the visit in the request.
     struct Verdict {
         unsigned status = 200;
         std::string reason;  // empty: allowed
     };
-    // Wrong tokens are counted by visitor and network: 429 is for too many in a minute.
-    Verdict MaySet(const HttpRequest& request, TimePoint now);
+    Verdict MayReadAny(const HttpRequest& request) const;
+    Verdict MayReadAll(const HttpRequest& request) const;
+    bool MayRead(const HttpRequest& request, uint32_t tag) const;
+    // For requests that change something. Wrong tokens are counted by visitor and network: 429 is
+    // for too many in a minute.
+    Verdict MaySet(const HttpRequest& request, TimePoint now);  // some pin
+    Verdict MaySetPin(const HttpRequest& request, uint32_t tag) const;
+    Verdict MayEditWalls(const HttpRequest& request, TimePoint now);
 
-    bool AllowsSet() const { return m_settings.allow_set; }
+    // Which events a viewer gets; null for all of them.
+    std::function<bool(const Audience&)> FilterOf(const HttpRequest& request) const;
+
+    // Whether the page should offer to set pins. Without users that is so for everyone, as the page
+    // asks for the token.
+    bool OffersSet(const HttpRequest& request) const;
+    // Whether the page needs a list of the pins that it may set: some, but not all.
+    bool ListsSettable(const HttpRequest& request) const;
+
+    // Who it is, and what they may do, for the page.
+    Json JsonOf(const HttpRequest& request) const;
+    bool HasUsers() const { return !m_settings.users_file.empty(); }
+
+    // Of users and tokens of the file: pins in their rights that have no name.
+    std::vector<std::string> Doubts() const;
 
 private:
-    bool CountsAsFew(const std::string& peer, TimePoint now);
+    struct Files {
+        std::string token;  // the one that may do everything; empty: none
+        std::vector<UserEntry> users;
+    };
+    static Files ReadFiles(const AccessSettings& settings);
+    void Take(Files files);
+    Verdict MayChange(const HttpRequest& request, TimePoint now);
+    Verdict Lacks(const HttpRequest& request, const std::string& what) const;
 
     const AccessSettings m_settings;
-    std::map<std::string, unsigned> m_wrong;  // wrong tokens since then, by visitor and network
-    TimePoint m_wrong_since{};
+    const Names& m_names;
+    Files m_files;
+    std::shared_ptr<Visit> m_guest;
+    std::shared_ptr<Visit> m_master;  // who has the token that may do everything
+    std::map<std::string, std::shared_ptr<Visit>> m_tokens;  // by hash
+    Guesses m_guesses;
 };
 
 // The token in a file: its first line. Throws std::runtime_error if it can't be read, is shorter

@@ -1,11 +1,13 @@
 #include "tools/board/Api.h"
 
+#include <set>
 #include <stdexcept>
 
 #include "protocol/numbers.h"
 #include "tools/board/Answers.h"
 #include "tools/board/Assets.h"
 #include "tools/board/Json.h"
+#include "tools/board/Visit.h"
 #include "tools/bus/Escape.h"
 #include "tools/bus/PinName.h"
 
@@ -45,6 +47,23 @@ std::function<bool(const Event&)> FilterOf(const HttpRequest& request, const Nam
     };
 }
 
+// Of what is about no pin, those who may read some pins get what tells when nothing was heard.
+void KeepToReadable(const HttpRequest& request, const Access& access, History::Query& query) {
+    if (access.MayReadAll(request).reason.empty()) {
+        return;
+    }
+    if (query.tag && !access.MayRead(request, *query.tag)) {
+        throw std::invalid_argument("that pin may not be read");
+    }
+    query.fits = [&request, &access, asked = query.fits](const Event& event) {
+        const bool readable = event.tag ? access.MayRead(request, *event.tag)
+                                        : event.kind == EventKind::GapBegin ||
+                                              event.kind == EventKind::GapEnd ||
+                                              event.kind == EventKind::ClockSetBack;
+        return readable && (!asked || asked(event));
+    };
+}
+
 }  // namespace
 
 Api::Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics)
@@ -61,7 +80,17 @@ Api::Api(Board& board, History& history, EventStream& stream, Access& access, Me
                {"/metrics", [this](const HttpRequest& r) { return ShowMetrics(r); }},
                {"/healthz", [this](const HttpRequest& r) { return Health(r); }}}) {}
 
-HttpResponse Api::Handle(const HttpRequest& request) {
+// Those who may read some pins get what these choose for them, and nothing else.
+Access::Verdict Api::MayRead(const HttpRequest& request) const {
+    static const std::set<std::string> CHOOSE = {"/api/v1/pins", "/api/v1/history",
+                                                 "/api/v1/events"};
+    return request.path == "/healthz"        ? Access::Verdict{}
+           : CHOOSE.count(request.path) != 0 ? m_access.MayReadAny(request)
+                                             : m_access.MayReadAll(request);
+}
+
+HttpResponse Api::Handle(HttpRequest& request) {
+    request.visit = m_access.VisitOf(request);
     if (!m_access.IsKnownHost(request.Header("host"))) {
         return Fail(421, "the Host is not a name of this board (--host)");
     }
@@ -72,6 +101,12 @@ HttpResponse Api::Handle(const HttpRequest& request) {
         return Fail(405, "only GET reads");
     }
     const auto read = m_reads.find(request.path);
+    if (read != m_reads.end()) {
+        const Access::Verdict verdict = MayRead(request);
+        if (!verdict.reason.empty()) {
+            return Fail(verdict.status, verdict.reason);
+        }
+    }
     try {
         return read != m_reads.end() ? read->second(request) : Page(request);
     } catch (const std::invalid_argument& error) {
@@ -94,15 +129,33 @@ HttpResponse Api::Page(const HttpRequest& request) const {
     return response;
 }
 
-HttpResponse Api::Pins(const HttpRequest&) const {
+HttpResponse Api::Pins(const HttpRequest& request) const {
+    std::string pins;
+    const bool whole = m_access.MayReadAll(request).reason.empty();
+    std::set<uint32_t> addresses;  // with pins that may be read
+    Json settable = Json::array();
+    m_board.Pins().ForEach([&](uint32_t tag, const PinState& state) {
+        if (m_access.MayRead(request, tag)) {
+            pins += (pins.empty() ? "" : ",\n") + m_board.TextOf(tag, state);
+            addresses.insert(tag >> 8);
+            if (m_access.ListsSettable(request) &&
+                m_access.MaySetPin(request, tag).reason.empty()) {
+                settable.push_back(PinText(tag));
+            }
+        }
+    });
     Json head;
     head["stream"] = m_stream.IdBefore(m_stream.Next());
     head["now"] = NowMs();
     head["board"] = m_board.StatusJson();
-    head["allow_set"] = m_access.AllowsSet();
+    head["allow_set"] = m_access.OffersSet(request);
+    if (m_access.HasUsers()) {
+        head["me"] = m_access.JsonOf(request);
+        head["me"]["set"] = m_access.ListsSettable(request) ? settable : Json(nullptr);
+    }
     head["groups"] = Json::array();
     for (const Names::Entry& entry : m_board.GetNames().All()) {
-        if (!entry.pins.circuit) {
+        if (!entry.pins.circuit && (whole || addresses.count(entry.pins.address) != 0)) {
             head["groups"].push_back({{"address", AddressText(entry.pins.address)},
                                       {"name", entry.name},
                                       {"title", entry.text}});
@@ -110,13 +163,7 @@ HttpResponse Api::Pins(const HttpRequest&) const {
     }
     std::string body = Dump(head);
     body.back() = ',';
-    body += "\"pins\":[";
-    const char* separator = "";
-    m_board.Pins().ForEach([&](uint32_t tag, const PinState& state) {
-        body += separator + m_board.TextOf(tag, state);
-        separator = ",\n";
-    });
-    return Answer(body + "]}\n");
+    return Answer(body + "\"pins\":[" + pins + "]}\n");
 }
 
 HttpResponse Api::Devices(const HttpRequest&) const {
@@ -154,6 +201,7 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     query.before_id = NumberField(request, "before", query.before_id);
     const int64_t limit = NumberField(request, "limit", query.limit);
     query.limit = static_cast<unsigned>(std::min<int64_t>(limit, HistorySearch::MAX_ROWS));
+    KeepToReadable(request, m_access, query);
     m_history.Store(NowMs());  // the latest events are part of the answer
     const std::optional<History::Answer> found = m_history.Find(query, NowMs());
     if (!found) {
@@ -200,14 +248,22 @@ HttpResponse Api::Follow(const HttpRequest& request) const {
                          "kept\"}\n\n";
     }
     response.follow = from;
+    response.takes = m_access.FilterOf(request);
+    response.visit = request.visit;
     return response;
+}
+
+HttpResponse Api::Refused(const HttpRequest& request, const Access::Verdict& verdict) {
+    const std::string& name = request.visit->name;
+    m_board.NoteRefusal(name.empty() ? request.peer : name + " (" + request.peer + ")",
+                        verdict.status == 429 ? "" : verdict.reason);
+    return Fail(verdict.status, verdict.reason);
 }
 
 HttpResponse Api::Set(const HttpRequest& request) {
     const Access::Verdict verdict = m_access.MaySet(request, Now());
     if (!verdict.reason.empty()) {
-        m_board.NoteRefusal(request.peer, verdict.status == 429 ? "" : verdict.reason);
-        return Fail(verdict.status, verdict.reason);
+        return Refused(request, verdict);
     }
     const auto body = nlohmann::json::parse(request.body, nullptr, false);
     const auto text = [&](const char* name) {
@@ -231,7 +287,12 @@ HttpResponse Api::Set(const HttpRequest& request) {
     if (!IsNamedPin(tag) || IsInput(tag)) {
         return Fail(400, PinText(tag) + " is no output");
     }
-    const std::string who = EscapeBytes(text("who").substr(0, MAX_WHO));
+    const Access::Verdict pin_verdict = m_access.MaySetPin(request, tag);
+    if (!pin_verdict.reason.empty()) {
+        return Refused(request, pin_verdict);
+    }
+    const std::string& name = request.visit->name;
+    const std::string who = EscapeBytes(name.empty() ? text("who").substr(0, MAX_WHO) : name);
     const WriteValue value(level == "L" ? Level::Low : Level::High,
                            timed ? body["duration"].get<unsigned long>() : 0);
     if (!m_board.Set(tag, value, who.empty() ? request.peer : who + " (" + request.peer + ")")) {
@@ -252,8 +313,14 @@ HttpResponse Api::ShowMetrics(const HttpRequest& request) const {
     return response;
 }
 
-HttpResponse Api::Health(const HttpRequest&) const {
+// Everyone may know whether all is well, and the reasons those who may read everything.
+HttpResponse Api::Health(const HttpRequest& request) const {
     const std::vector<std::string> complaints = m_board.Complaints();
+    if (!m_access.MayReadAll(request).reason.empty()) {
+        HttpResponse response = Answer(Dump({{"healthy", complaints.empty()}}) + "\n");
+        response.status = complaints.empty() ? 200 : 503;
+        return response;
+    }
     HttpResponse response =
         Answer(Dump({{"healthy", complaints.empty()},
                      {"complaints", complaints},

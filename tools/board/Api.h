@@ -17,9 +17,10 @@ public:
     // All must outlive the interface.
     Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics);
 
-    HttpResponse Handle(const HttpRequest& request);
+    HttpResponse Handle(HttpRequest& request);
 
 private:
+    Access::Verdict MayRead(const HttpRequest& request) const;
     HttpResponse Page(const HttpRequest& request) const;
     HttpResponse Pins(const HttpRequest& request) const;
     HttpResponse Devices(const HttpRequest& request) const;
@@ -27,6 +28,7 @@ private:
     HttpResponse FindHistory(const HttpRequest& request);
     HttpResponse Follow(const HttpRequest& request) const;
     HttpResponse Set(const HttpRequest& request);
+    HttpResponse Refused(const HttpRequest& request, const Access::Verdict& verdict);
     HttpResponse ShowMetrics(const HttpRequest& request) const;
     HttpResponse Health(const HttpRequest& request) const;
 

@@ -141,7 +141,7 @@ void Board::TakeLink() {
         Note(is_down ? EventKind::GapBegin : EventKind::GapEnd, LINK_LOST);
         if (is_down) {  // no level is known any more
             m_texts.clear();
-            m_stream.Append("reload", "{\"reason\":\"the bus is gone\"}");
+            m_stream.Append("reload", "{\"reason\":\"the bus is gone\"}", Audience::Everyone());
         }
     }
     if (m_problem != LinkProblem()) {
@@ -183,7 +183,7 @@ void Board::TellPin(uint32_t tag) {
     const PinState* const state = Pins().Find(tag);
     if (state != nullptr) {
         m_texts.erase(tag);
-        m_stream.Append("pin", TextOf(tag, *state));
+        m_stream.Append("pin", TextOf(tag, *state), Audience::OfPin(tag));
     }
 }
 
@@ -214,7 +214,7 @@ void Board::TellStatus() {
     std::string status = Dump(StatusJson());
     if (m_status != status) {
         m_status = std::move(status);
-        m_stream.Append("board", m_status);
+        m_stream.Append("board", m_status, Audience::Everyone());
     }
 }
 

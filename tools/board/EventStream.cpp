@@ -2,13 +2,14 @@
 
 #include <charconv>
 
-void EventStream::Append(const std::string& name, const std::string& data) {
+void EventStream::Append(const std::string& name, const std::string& data,
+                         const Audience& audience) {
     std::string frame = "id: " + IdBefore(Next() + 1) + "\nevent: " + name + "\ndata: " + data;
     frame += "\n\n";
     m_bytes += frame.size();
-    m_frames.push_back(std::move(frame));
+    m_frames.push_back({std::move(frame), audience});
     while (m_bytes > MAX_BYTES) {
-        m_bytes -= m_frames.front().size();
+        m_bytes -= m_frames.front().text.size();
         m_frames.pop_front();
         ++m_first;
     }
@@ -35,9 +36,12 @@ bool EventStream::Resume(const std::string& id, uint64_t& number) const {
     return true;
 }
 
-void EventStream::Copy(uint64_t& number, size_t max, std::string& out) const {
+void EventStream::Copy(uint64_t& number, size_t max, const Takes& takes, std::string& out) const {
     while (number < Next() && out.size() < max) {
-        out += m_frames[number - m_first];
+        const Frame& frame = m_frames[number - m_first];
+        if (!takes || takes(frame.audience)) {
+            out += frame.text;
+        }
         ++number;
     }
 }

@@ -4,7 +4,19 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
+
+// Whom an event is for: those who may read the pin, or without one, those who may read everything;
+// or everyone.
+struct Audience {
+    static Audience Everyone() { return {true, std::nullopt}; }
+    static Audience OfPin(uint32_t tag) { return {false, tag}; }
+    static Audience OfWhole() { return {false, std::nullopt}; }
+
+    bool everyone = false;
+    std::optional<uint32_t> pin;
+};
 
 // The last events in the form of server-sent events, stored once for all viewers: each viewer is a
 // number that says what it has received. A viewer that falls behind the stored events has lost
@@ -17,7 +29,8 @@ public:
     explicit EventStream(std::string epoch) : m_epoch(std::move(epoch)) {}
 
     // data is one line.
-    void Append(const std::string& name, const std::string& data);
+    void Append(const std::string& name, const std::string& data,
+                const Audience& audience = Audience::OfWhole());
 
     // The number of the next event.
     uint64_t Next() const { return m_first + m_frames.size(); }
@@ -30,15 +43,22 @@ public:
 
     bool IsKept(uint64_t number) const { return number >= m_first; }
 
-    // Appends events from `number` on, up to about max bytes, and moves the number past them.
-    void Copy(uint64_t& number, size_t max, std::string& out) const;
+    // Appends those events from `number` on that the viewer takes (null: all), up to about max
+    // bytes, and moves the number past them.
+    using Takes = std::function<bool(const Audience&)>;
+    void Copy(uint64_t& number, size_t max, const Takes& takes, std::string& out) const;
 
     // Is called after every Append().
     std::function<void()> on_append;
 
 private:
+    struct Frame {
+        std::string text;
+        Audience audience;
+    };
+
     const std::string m_epoch;
-    std::deque<std::string> m_frames;
+    std::deque<Frame> m_frames;
     uint64_t m_first = 1;
     size_t m_bytes = 0;
 };

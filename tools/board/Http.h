@@ -2,12 +2,17 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+struct Audience;
+struct Visit;
 
 struct HttpRequest {
     // A header's value, empty if there is none; name in lower case.
@@ -27,7 +32,8 @@ struct HttpRequest {
     std::map<std::string, std::string> query;    // decoded; the last one of repeated fields
     std::map<std::string, std::string> headers;  // names in lower case
     std::string body;
-    std::string peer;  // address of the client
+    std::string peer;                    // address of the client
+    std::shared_ptr<const Visit> visit;  // who it is, once that is known
 };
 
 struct HttpResponse {
@@ -36,7 +42,9 @@ struct HttpResponse {
     std::string body;
     std::string_view fixed;  // used instead of body: bytes that outlive the server
     std::vector<std::pair<std::string, std::string>> headers;
-    std::optional<uint64_t> follow;  // after the body, events follow from that number on
+    std::optional<uint64_t> follow;  // after the body, events follow from that number on,
+    std::function<bool(const Audience&)> takes;  // those for which this is true; null: all
+    std::shared_ptr<const Visit> visit;          // to whom
 };
 
 // A refusal in plain text.

@@ -102,7 +102,7 @@ void HttpServer::Admit(tcp::socket socket) {
     SweepSoon();
 }
 
-HttpResponse HttpServer::Answer(const HttpRequest& request) {
+HttpResponse HttpServer::Answer(HttpRequest& request) {
     HttpResponse response = m_handler(request);
     if (response.follow && !MakeRoom(request.peer)) {
         response = Refuse(503, "too many viewers");

@@ -25,7 +25,7 @@ public:
     static constexpr size_t MAX_VIEWERS = 200;
     static constexpr std::chrono::milliseconds FLUSH_PACE{10};
 
-    using Handler = std::function<HttpResponse(const HttpRequest&)>;
+    using Handler = std::function<HttpResponse(HttpRequest&)>;
     using Clock = HttpSession::Clock;
 
     // Handler and stream must outlive the server.
@@ -45,7 +45,7 @@ public:
     uint64_t CutOff() const { return m_cut; }  // viewers that were too slow
 
 private:
-    HttpResponse Answer(const HttpRequest& request) override;
+    HttpResponse Answer(HttpRequest& request) override;
     const EventStream& Stream() const override { return m_stream; }
     void Remove(const HttpSession& session) override;
 

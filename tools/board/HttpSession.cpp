@@ -5,6 +5,8 @@
 #include <boost/beast/http/read.hpp>
 #include <cctype>
 
+#include "tools/board/Visit.h"
+
 namespace http = boost::beast::http;
 
 namespace {
@@ -13,6 +15,14 @@ const int SEND_BUFFER = 131072;  // what the system may buffer for one client
 
 const char* const SLOW =
     "event: reload\ndata: {\"reason\":\"this viewer reads more slowly than things happen\"}\n\n";
+
+const char* const LOGGED_OUT = "you are logged out";
+
+const char* const REFUSED = "event: refused\ndata: {\"reason\":\"";
+
+std::string LastWords(const std::string& reason) {
+    return REFUSED + reason + "\"}\n\n";
+}
 
 // For every response. The page needs nothing from other origins.
 const char* const SAFETY =
@@ -168,7 +178,7 @@ void HttpSession::Respond(HttpResponse response, bool head_only) {
         body = boost::asio::const_buffer();
     }
     if (follows) {
-        BeginViewing(*response.follow);
+        BeginViewing(response);
     }
     m_writing = true;
     Await(WRITE_TIME);
@@ -198,9 +208,11 @@ void HttpSession::OnWritten(const Error& error) {
 
 // ---- viewers ----
 
-void HttpSession::BeginViewing(uint64_t from) {
+void HttpSession::BeginViewing(const HttpResponse& response) {
     m_viewer = true;
-    m_next = from;
+    m_next = *response.follow;
+    m_takes = response.takes;
+    m_visit = response.visit;
     m_parser.reset();
     WatchForEnd();
 }
@@ -224,6 +236,9 @@ void HttpSession::Pump() {
         return;
     }
     m_head.clear();
+    if (m_last_words.empty() && m_visit && (m_visit->ended || !m_visit->rights.MayReadAny())) {
+        m_last_words = LastWords(LOGGED_OUT);
+    }
     if (!stream.IsKept(m_next)) {
         m_last_words = SLOW;
         m_too_slow = true;
@@ -232,7 +247,10 @@ void HttpSession::Pump() {
         m_head = m_last_words;
         m_ending = true;
     } else {
-        stream.Copy(m_next, MAX_CHUNK, m_head);
+        stream.Copy(m_next, MAX_CHUNK, m_takes, m_head);
+    }
+    if (m_head.empty()) {  // nothing of it is for this viewer
+        return;
     }
     m_writing = true;
     Await(WRITE_TIME);
@@ -242,6 +260,6 @@ void HttpSession::Pump() {
 }
 
 void HttpSession::Dismiss(const std::string& reason) {
-    m_last_words = "event: refused\ndata: {\"reason\":\"" + reason + "\"}\n\n";
+    m_last_words = LastWords(reason);
     Pump();
 }

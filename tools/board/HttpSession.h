@@ -28,7 +28,7 @@ public:
     // Its server, which outlives it.
     class Owner {
     public:
-        virtual HttpResponse Answer(const HttpRequest& request) = 0;
+        virtual HttpResponse Answer(HttpRequest& request) = 0;
         virtual const EventStream& Stream() const = 0;
         virtual void Remove(const HttpSession& session) = 0;  // its connection is closed
 
@@ -70,7 +70,7 @@ private:
     HttpRequest TakeRequest();
     void Respond(HttpResponse response, bool head_only);
     void OnWritten(const Error& error);
-    void BeginViewing(uint64_t from);
+    void BeginViewing(const HttpResponse& response);
     void WatchForEnd();
 
     Owner& m_owner;
@@ -90,5 +90,7 @@ private:
     bool m_ending = false;     // they are being sent
     bool m_too_slow = false;
     uint64_t m_next = 0;
+    EventStream::Takes m_takes;  // of the events; null: all
+    std::shared_ptr<const Visit> m_visit;
     char m_ignored[256] = {};
 };

@@ -70,9 +70,28 @@ void AddRules(CLI::App& app, Options& options, CompletionKinds& kinds) {
     CLI::Option* const token = app.add_option("--token-file", options.token_file,
                                               "File with the token that is asked for to set a pin")
                                    ->type_name("FILE");
-    app.add_flag("--allow-set", options.allow_set, "Let those who have the token set pins")
-        ->needs(token);
+    CLI::Option* const users =
+        app.add_option("--users", options.users, "File of users and tokens with their rights")
+            ->type_name("FILE");
+    app.add_flag("--allow-set", options.allow_set,
+                 "Let those who have the token, or the right, set pins");
     kinds[token] = Completion::File;
+    kinds[users] = Completion::File;
+}
+
+// The command "user".
+void AddUserCommand(CLI::App& app, UserOptions& user, CompletionKinds& kinds) {
+    CLI::App* const command = app.add_subcommand("user", "Add, list or remove users of a board");
+    command->add_option("ACTION", user.action, "add, list or remove")
+        ->type_name("")
+        ->required()
+        ->check(CLI::IsMember({"add", "list", "remove"}));
+    command->add_option("NAME", user.name, "Of the user or token, or guest")->type_name("");
+    command->add_option("RIGHT", user.rights, "read, set, read=PINS, set=PINS or edit")
+        ->type_name("");
+    kinds[command->add_option("--users", user.file, "The file")->type_name("FILE")->required()] =
+        Completion::File;
+    command->add_flag("--token", user.token, "A token for a program, which is printed");
 }
 
 }  // namespace
@@ -116,5 +135,11 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CompletionKinds kinds;
     AddPlaces(line, options, kinds);
     AddRules(line, options, kinds);
+    AddUserCommand(line, options.user, kinds);
+    line.callback([&options] {
+        if (options.allow_set && options.token_file.empty() && options.users.empty()) {
+            throw CLI::RequiresError("--allow-set", "--token-file or --users");
+        }
+    });
     return line.Parse(argc, argv, kinds);
 }

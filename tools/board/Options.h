@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/board/UserCommand.h"
+
 struct Options {
     std::string iface;
     std::string listen = "127.0.0.1:8093";
@@ -18,6 +20,8 @@ struct Options {
     std::vector<std::string> hosts;
     bool allow_set = false;
     std::string token_file;
+    std::string users;
+    UserOptions user;  // of the command
 };
 
 // Returns an exit status if the program should end.

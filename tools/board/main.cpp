@@ -54,6 +54,7 @@ private:
     void BeatSoon();
     void Keep();
     void TellTrouble();
+    void TellDoubts() const;
     std::string StatusLine() const;
 
     boost::asio::io_context m_loop{1};
@@ -111,10 +112,9 @@ HistorySettings Program::HistorySettingsOf(const Options& options) {
 AccessSettings Program::AccessSettingsOf(const Options& options) {
     AccessSettings settings;
     settings.allow_set = options.allow_set;
+    settings.token_file = options.token_file;
+    settings.users_file = options.users;
     settings.hosts.insert(options.hosts.begin(), options.hosts.end());
-    if (!options.token_file.empty()) {
-        settings.token = ReadToken(options.token_file);
-    }
     return settings;
 }
 
@@ -131,10 +131,10 @@ Program::Program(const Options& options)
     : m_history(HistorySettingsOf(options)),
       m_stream(std::to_string(NowMs())),
       m_board(BoardSettingsOf(options), m_history, m_stream),
-      m_access(AccessSettingsOf(options)),
+      m_access(AccessSettingsOf(options), m_board.GetNames()),
       m_metrics(m_board, m_history),
       m_api(m_board, m_history, m_stream, m_access, m_metrics),
-      m_server(m_loop, m_stream, [this](const HttpRequest& request) {
+      m_server(m_loop, m_stream, [this](HttpRequest& request) {
           HttpResponse response = m_api.Handle(request);
           StoreSoon();
           if (response.follow) {
@@ -231,7 +231,8 @@ void Program::BeatSoon() {
     m_beat.async_wait([this](const Error& error) {
         m_beating = false;
         if (!error && m_server.Viewers() > 0) {
-            m_stream.Append("beat", Dump({{"now", NowMs()}, {"viewers", m_server.Viewers()}}));
+            m_stream.Append("beat", Dump({{"now", NowMs()}, {"viewers", m_server.Viewers()}}),
+                            Audience::Everyone());
             BeatSoon();
         }
     });
@@ -260,6 +261,13 @@ void Program::TellTrouble() {
     m_board.TellStatus();
 }
 
+// Mistyped names of pins.
+void Program::TellDoubts() const {
+    for (const std::string& doubt : m_access.Doubts()) {
+        fprintf(stderr, "orvex-board: %s\n", doubt.c_str());
+    }
+}
+
 // For whoever looks after the service.
 std::string Program::StatusLine() const {
     std::string text = "viewers: " + std::to_string(m_server.Viewers());
@@ -272,6 +280,7 @@ std::string Program::StatusLine() const {
 
 void Program::Run() {
     m_history.Open(NowMs());
+    TellDoubts();
     boost::asio::signal_set signals(m_loop, SIGINT, SIGTERM);
     signals.async_wait([this](const Error&, int) {
         m_notify.Stopping();
@@ -294,6 +303,9 @@ int main(int argc, char** argv) {
         Options options;
         if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
             return *status;
+        }
+        if (!options.user.action.empty()) {
+            return RunUserCommand(options.user);
         }
         signal(SIGPIPE, SIG_IGN);
         Program program(options);

@@ -1,4 +1,4 @@
-// The command line of a program without commands.
+// The command line of a program.
 #pragma once
 
 #include <CLI/CLI.hpp>
