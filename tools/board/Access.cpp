@@ -34,6 +34,9 @@ Access::Access(AccessSettings settings, const Names& names)
       m_guest(std::make_shared<Visit>()),
       m_master(std::make_shared<Visit>()) {
     m_master->rights = Rights::All();
+    if (HasUsers()) {
+        m_nobody = HashPassword(MakeToken());
+    }
     Take(ReadFiles(m_settings));
 }
 
@@ -55,6 +58,7 @@ void Access::Reload() {
 // Whoever is still in the file keeps the visit.
 void Access::Take(Files files) {
     m_files = std::move(files);
+    m_sessions.Take(m_files.users);
     m_guest->rights = Rights();
     if (!HasUsers()) {
         m_guest->rights.Add("read");
@@ -98,10 +102,11 @@ bool Access::IsKnownHost(const std::string& host) const {
     return name == "localhost" || IsAddress(name) || m_settings.hosts.count(name) != 0;
 }
 
-std::shared_ptr<const Visit> Access::VisitOf(const HttpRequest& request) const {
+std::shared_ptr<const Visit> Access::VisitOf(const HttpRequest& request) {
     const std::string token = TokenOf(request);
     if (token.empty()) {
-        return m_guest;
+        const auto visit = m_sessions.Find(request.CookieOf(m_settings.cookie), Now());
+        return visit != nullptr ? visit : m_guest;
     }
     if (!m_files.token.empty() && IsSame(token, m_files.token)) {
         return m_master;
@@ -144,8 +149,7 @@ std::function<bool(const Audience&)> Access::FilterOf(const HttpRequest& request
 
 // ---- changing ----
 
-// Whoever has the right token is never refused because of what others send.
-Access::Verdict Access::MayChange(const HttpRequest& request, TimePoint now) {
+Access::Verdict Access::IsFromPage(const HttpRequest& request) const {
     const std::string host = request.Header("host");
     const std::string origin = request.Header("origin");
     if (origin != "http://" + host && origin != "https://" + host) {
@@ -158,10 +162,17 @@ Access::Verdict Access::MayChange(const HttpRequest& request, TimePoint now) {
     if (type.compare(0, type.find(';'), "application/json") != 0) {
         return {415, "the body must be application/json"};
     }
-    if (request.visit != m_guest || (HasUsers() && TokenOf(request).empty())) {
-        return {};
+    return {};
+}
+
+// Whoever has the right token is never refused because of what others send.
+Access::Verdict Access::MayChange(const HttpRequest& request, TimePoint now) {
+    const Verdict verdict = IsFromPage(request);
+    if (!verdict.reason.empty() || request.visit != m_guest ||
+        (HasUsers() && TokenOf(request).empty())) {
+        return verdict;
     }
-    return m_guesses.CountsAsFew(request.peer, now)
+    return m_guesses.CountsAsFew(Guesses::KeysOf(request.peer), now)
                ? Verdict{401, "the token is wrong or missing"}
                : Verdict{429, "the token is wrong or missing, too often; wait a minute"};
 }
@@ -193,6 +204,18 @@ Access::Verdict Access::MayEditWalls(const HttpRequest& request, TimePoint now) 
 
 bool Access::OffersSet(const HttpRequest& request) const {
     return m_settings.allow_set && (!HasUsers() || request.visit->rights.MaySetAny());
+}
+
+const UserEntry* Access::FindUser(const std::string& name) const {
+    const auto found = std::find_if(
+        m_files.users.begin(), m_files.users.end(),
+        [&](const auto& one) { return one.kind == UserEntry::Kind::User && one.name == name; });
+    return found == m_files.users.end() ? nullptr : &*found;
+}
+
+std::string Access::PasswordOf(const std::string& name) const {
+    const UserEntry* const user = FindUser(name);
+    return user != nullptr ? user->hash : m_nobody;
 }
 
 bool Access::ListsSettable(const HttpRequest& request) const {

@@ -12,6 +12,7 @@
 #include "tools/board/EventStream.h"
 #include "tools/board/Guesses.h"
 #include "tools/board/Http.h"
+#include "tools/board/Sessions.h"
 #include "tools/board/UsersFile.h"
 #include "tools/board/Visit.h"
 #include "tools/bus/JsonFormat.h"
@@ -21,6 +22,8 @@ struct AccessSettings {
     std::string token_file;  // empty: none
     std::string users_file;  // empty: everyone reads, and whoever has the token may do the rest
     std::set<std::string> hosts;  // further host names of the board, without a port
+    std::string cookie;           // its name; of two boards on one host, each has another
+    std::string base = "/";       // the path under which the board is
 };
 
 // A page of another origin can make a browser send requests here, under a name that it made resolve
@@ -36,8 +39,8 @@ public:
 
     bool IsKnownHost(const std::string& host) const;
 
-    // Whose request it is, as its token says.
-    std::shared_ptr<const Visit> VisitOf(const HttpRequest& request) const;
+    // Whose request it is, as its token or cookie says.
+    std::shared_ptr<const Visit> VisitOf(const HttpRequest& request);
 
     // The following want the visit in the request.
     struct Verdict {
@@ -66,6 +69,19 @@ public:
     Json JsonOf(const HttpRequest& request) const;
     bool HasUsers() const { return !m_settings.users_file.empty(); }
 
+    // For logging in. A request that changes something comes from a page of this board.
+    Verdict IsFromPage(const HttpRequest& request) const;
+    // Null if there is none.
+    const UserEntry* FindUser(const std::string& name) const;
+    // The hash of the user's password. Of a user who does not exist one that takes as long to
+    // check.
+    std::string PasswordOf(const std::string& name) const;
+    void Tend(TimePoint now) { m_sessions.Tend(now); }  // call it now and then
+    Sessions& GetSessions() { return m_sessions; }
+    const std::string& CookieName() const { return m_settings.cookie; }
+    std::string KnownName() const { return m_settings.cookie + "-known"; }
+    const std::string& Base() const { return m_settings.base; }
+
     // Of users and tokens of the file: pins in their rights that have no name.
     std::vector<std::string> Doubts() const;
 
@@ -82,10 +98,12 @@ private:
     const AccessSettings m_settings;
     const Names& m_names;
     Files m_files;
+    std::string m_nobody;  // the hash of no user's password
     std::shared_ptr<Visit> m_guest;
     std::shared_ptr<Visit> m_master;  // who has the token that may do everything
     std::map<std::string, std::shared_ptr<Visit>> m_tokens;  // by hash
     Guesses m_guesses;
+    Sessions m_sessions;
 };
 
 // The token in a file: its first line. Throws std::runtime_error if it can't be read, is shorter

@@ -66,11 +66,13 @@ void KeepToReadable(const HttpRequest& request, const Access& access, History::Q
 
 }  // namespace
 
-Api::Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics)
+Api::Api(Board& board, History& history, EventStream& stream, Access& access, Login& login,
+         Metrics& metrics)
     : m_board(board),
       m_history(history),
       m_stream(stream),
       m_access(access),
+      m_login(login),
       m_metrics(metrics),
       m_reads({{"/api/v1/pins", [this](const HttpRequest& r) { return Pins(r); }},
                {"/api/v1/devices", [this](const HttpRequest& r) { return Devices(r); }},
@@ -97,6 +99,9 @@ HttpResponse Api::Handle(HttpRequest& request) {
     if (request.path == "/api/v1/set") {
         return request.method == "POST" ? Set(request) : Fail(405, "only POST sets");
     }
+    if (request.path == "/api/v1/login" || request.path == "/api/v1/logout") {
+        return InOrOut(request);
+    }
     if (request.method != "GET") {
         return Fail(405, "only GET reads");
     }
@@ -112,6 +117,17 @@ HttpResponse Api::Handle(HttpRequest& request) {
     } catch (const std::invalid_argument& error) {
         return Fail(400, error.what());
     }
+}
+
+HttpResponse Api::InOrOut(const HttpRequest& request) {
+    if (!m_access.HasUsers()) {
+        return Fail(404, "this board has no users (--users)");
+    }
+    if (request.method != "POST") {
+        return Fail(405, "only POST logs in or out");
+    }
+    return request.path == "/api/v1/login" ? m_login.LogIn(request, Now())
+                                           : m_login.LogOut(request);
 }
 
 HttpResponse Api::Page(const HttpRequest& request) const {

@@ -10,12 +10,14 @@
 #include "tools/board/EventStream.h"
 #include "tools/board/History.h"
 #include "tools/board/Http.h"
+#include "tools/board/Login.h"
 #include "tools/board/Metrics.h"
 
 class Api {
 public:
     // All must outlive the interface.
-    Api(Board& board, History& history, EventStream& stream, Access& access, Metrics& metrics);
+    Api(Board& board, History& history, EventStream& stream, Access& access, Login& login,
+        Metrics& metrics);
 
     HttpResponse Handle(HttpRequest& request);
 
@@ -27,6 +29,7 @@ private:
     HttpResponse Channels(const HttpRequest& request) const;
     HttpResponse FindHistory(const HttpRequest& request);
     HttpResponse Follow(const HttpRequest& request) const;
+    HttpResponse InOrOut(const HttpRequest& request);
     HttpResponse Set(const HttpRequest& request);
     HttpResponse Refused(const HttpRequest& request, const Access::Verdict& verdict);
     HttpResponse ShowMetrics(const HttpRequest& request) const;
@@ -36,6 +39,7 @@ private:
     History& m_history;
     EventStream& m_stream;
     Access& m_access;
+    Login& m_login;
     Metrics& m_metrics;
     const std::map<std::string, std::function<HttpResponse(const HttpRequest&)>> m_reads;
 };

@@ -47,10 +47,22 @@ Board::Board(BoardSettings settings, History& history, EventStream& stream)
       m_control(m_settings.control) {
     ListenToBus();
     ListenToControl();
-    // Pins and addresses with a name are shown and read even if nothing was heard of them.
+    WantNamed();
+}
+
+// Pins and addresses with a name are shown and read even if nothing was heard of them.
+void Board::WantNamed() {
     for (const Names::Entry& entry : m_settings.names.All()) {
         m_follower.Want(entry.pins);
     }
+}
+
+void Board::Rename(Names names) {
+    m_settings.names = std::move(names);
+    m_texts.clear();
+    WantNamed();
+    m_stream.Append("reload", "{\"reason\":\"names or rights have changed\"}",
+                    Audience::Everyone());
 }
 
 void Board::ListenToBus() {

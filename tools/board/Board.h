@@ -54,7 +54,9 @@ public:
     const std::string& TextOf(uint32_t tag, const PinState& state) const;
     const PinFollower& Follower() const { return m_follower; }
     Json DeviceJsonOf(uint32_t host) const;
+    // The names in this object stay where they are.
     const Names& GetNames() const { return m_settings.names; }
+    void Rename(Names names);
     // Why the bus can't be relied on; empty if all is well.
     std::string LinkProblem() const { return m_follower.Problem(); }
     // Why the board should not be relied on; empty if it may be.
@@ -73,6 +75,7 @@ public:
 
 private:
     void ListenToBus();
+    void WantNamed();
     void ListenToControl();
     void CountMessage(const Traffic& traffic, bool is_repeat);
     void TakeChange(const PinChange& change);
@@ -82,7 +85,7 @@ private:
     void TellPin(uint32_t tag);
     void Note(EventKind kind, const std::string& text, const std::string& host = "");
 
-    const BoardSettings m_settings;
+    BoardSettings m_settings;
     History& m_history;
     EventStream& m_stream;
     Counts m_counts;

@@ -1,5 +1,7 @@
 #include "tools/board/Guesses.h"
 
+#include <algorithm>
+
 #include "tools/board/Http.h"
 
 namespace {
@@ -8,15 +10,33 @@ const std::chrono::minutes COUNTED_FOR{1};
 
 }  // namespace
 
-bool Guesses::CountsAsFew(const std::string& peer, TimePoint now) {
+Guesses::Keys Guesses::KeysOf(const std::string& peer) {
+    return {{VisitorOf(peer), MAX_WRONG}, {NetworkOf(peer), MAX_WRONG_NEAR}};
+}
+
+bool Guesses::CountsAsFew(const Keys& keys, TimePoint now) {
     if (now - m_since >= COUNTED_FOR) {
         m_since = now;
         m_wrong.clear();
     }
-    if (m_wrong.size() >= MAX_COUNTED) {
+    const bool few = std::all_of(keys.begin(), keys.end(), [&](const auto& key) {
+        const auto found = m_wrong.find(key.first);
+        return found == m_wrong.end() || found->second < key.second;
+    });
+    if (!few || m_wrong.size() >= MAX_COUNTED) {
         return false;
     }
-    const unsigned own = ++m_wrong[VisitorOf(peer)];
-    const unsigned near = ++m_wrong[NetworkOf(peer)];
-    return own <= MAX_WRONG && near <= MAX_WRONG_NEAR;
+    for (const auto& key : keys) {
+        ++m_wrong[key.first];
+    }
+    return true;
+}
+
+void Guesses::Forgive(const Keys& keys) {
+    for (const auto& key : keys) {
+        const auto found = m_wrong.find(key.first);
+        if (found != m_wrong.end() && --found->second == 0) {
+            m_wrong.erase(found);
+        }
+    }
 }

@@ -30,6 +30,19 @@ int HexDigit(char c) {
 
 }  // namespace
 
+std::string HttpRequest::CookieOf(const std::string& name) const {
+    const std::string all = Header("cookie");
+    for (size_t begin = 0; begin < all.size();) {
+        const size_t end = std::min(all.find(';', begin), all.size());
+        begin = std::min(all.find_first_not_of(' ', begin), end);
+        if (all.compare(begin, name.size() + 1, name + "=") == 0) {
+            return all.substr(begin + name.size() + 1, end - begin - name.size() - 1);
+        }
+        begin = end + 1;
+    }
+    return "";
+}
+
 HttpResponse Refuse(unsigned status, const std::string& reason) {
     HttpResponse response;
     response.status = status;

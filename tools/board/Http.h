@@ -27,12 +27,16 @@ struct HttpRequest {
         return found == query.end() ? std::nullopt : std::optional(found->second);
     }
 
+    // The value of a cookie, empty if there is none.
+    std::string CookieOf(const std::string& name) const;
+
     std::string method;
     std::string path;                            // decoded, without the query
     std::map<std::string, std::string> query;    // decoded; the last one of repeated fields
     std::map<std::string, std::string> headers;  // names in lower case
     std::string body;
     std::string peer;                    // address of the client
+    bool secure = false;                 // it came over TLS
     std::shared_ptr<const Visit> visit;  // who it is, once that is known
 };
 
@@ -45,6 +49,9 @@ struct HttpResponse {
     std::optional<uint64_t> follow;  // after the body, events follow from that number on,
     std::function<bool(const Audience&)> takes;  // those for which this is true; null: all
     std::shared_ptr<const Visit> visit;          // to whom
+    // Instead of all this, the response comes later: this is called with whom to give it to.
+    using Done = std::function<void(HttpResponse)>;
+    std::function<void(Done)> later;
 };
 
 // A refusal in plain text.

@@ -146,7 +146,20 @@ void HttpSession::Answer() {
     } else {
         response = m_owner.Answer(request);
     }
-    Respond(std::move(response), head_only);
+    if (response.later) {
+        RespondLater(response, head_only);
+    } else {
+        Respond(std::move(response), head_only);
+    }
+}
+
+void HttpSession::RespondLater(const HttpResponse& response, bool head_only) {
+    Await(REQUEST_TIME);
+    response.later([self = shared_from_this(), head_only](HttpResponse late) {
+        if (self->m_socket.is_open()) {
+            self->Respond(std::move(late), head_only);
+        }
+    });
 }
 
 HttpRequest HttpSession::TakeRequest() {

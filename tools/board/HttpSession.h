@@ -69,6 +69,7 @@ private:
     void Answer();
     HttpRequest TakeRequest();
     void Respond(HttpResponse response, bool head_only);
+    void RespondLater(const HttpResponse& response, bool head_only);
     void OnWritten(const Error& error);
     void BeginViewing(const HttpResponse& response);
     void WatchForEnd();

@@ -22,7 +22,9 @@
 #include "tools/board/Board.h"
 #include "tools/board/HttpServer.h"
 #include "tools/board/Json.h"
+#include "tools/board/Login.h"
 #include "tools/board/Options.h"
+#include "tools/board/PasswordQueue.h"
 
 namespace {
 
@@ -55,14 +57,19 @@ private:
     void Keep();
     void TellTrouble();
     void TellDoubts() const;
+    void ReloadOnSignal();
+    void Reload();
     std::string StatusLine() const;
 
+    const Options m_options;
     boost::asio::io_context m_loop{1};
     Notify m_notify;
     History m_history;
     EventStream m_stream;
     Board m_board;
     Access m_access;
+    PasswordQueue m_passwords;
+    Login m_login;
     Metrics m_metrics;
     Api m_api;
     HttpServer m_server;
@@ -74,6 +81,7 @@ private:
     boost::asio::steady_timer m_keep{m_loop};
     boost::asio::steady_timer m_beat{m_loop};
     boost::asio::steady_timer m_store{m_loop};
+    boost::asio::signal_set m_hangup{m_loop, SIGHUP};
     bool m_storing = false;
     bool m_beating = false;
     std::string m_problem;  // of the history, as it was told
@@ -114,6 +122,7 @@ AccessSettings Program::AccessSettingsOf(const Options& options) {
     settings.allow_set = options.allow_set;
     settings.token_file = options.token_file;
     settings.users_file = options.users;
+    settings.cookie = "orvex-board-" + std::to_string(ParseHostPort(options.listen).port);
     settings.hosts.insert(options.hosts.begin(), options.hosts.end());
     return settings;
 }
@@ -128,12 +137,15 @@ Program::~Program() {
 }
 
 Program::Program(const Options& options)
-    : m_history(HistorySettingsOf(options)),
+    : m_options(options),
+      m_history(HistorySettingsOf(options)),
       m_stream(std::to_string(NowMs())),
       m_board(BoardSettingsOf(options), m_history, m_stream),
       m_access(AccessSettingsOf(options), m_board.GetNames()),
+      m_passwords(m_loop),
+      m_login(m_access, m_passwords),
       m_metrics(m_board, m_history),
-      m_api(m_board, m_history, m_stream, m_access, m_metrics),
+      m_api(m_board, m_history, m_stream, m_access, m_login, m_metrics),
       m_server(m_loop, m_stream, [this](HttpRequest& request) {
           HttpResponse response = m_api.Handle(request);
           StoreSoon();
@@ -240,6 +252,7 @@ void Program::BeatSoon() {
 
 void Program::Keep() {
     m_history.Keep(NowMs());
+    m_access.Tend(Now());
     TellTrouble();
     m_notify.Status(StatusLine());
     m_keep.expires_after(KEEP_PACE);
@@ -259,6 +272,29 @@ void Program::TellTrouble() {
         *told = *text;
     }
     m_board.TellStatus();
+}
+
+void Program::ReloadOnSignal() {
+    m_hangup.async_wait([this](const Error& error, int) {
+        if (!error) {
+            Reload();
+            ReloadOnSignal();
+        }
+    });
+}
+
+// All of it, or nothing.
+void Program::Reload() {
+    try {
+        Names names = Names::Load(m_options.names);
+        m_access.Reload();
+        m_board.Rename(std::move(names));
+        printf("orvex-board: the files were read again\n");
+        fflush(stdout);
+        TellDoubts();
+    } catch (const std::exception& error) {
+        PrintError("orvex-board", std::string(error.what()) + "; what was read before stays");
+    }
 }
 
 // Mistyped names of pins.
@@ -286,6 +322,7 @@ void Program::Run() {
         m_notify.Stopping();
         m_loop.stop();
     });
+    ReloadOnSignal();
     Turn();
     Keep();
     printf("orvex-board: http://%s/\n", m_server.Address().c_str());

@@ -231,6 +231,32 @@ const tests = {
         away = false;
         await page.goto(url);
     },
+    async "a board with users shows nothing before the login and nothing after the logout"() {
+        execFileSync("sh", ["-c", "echo 'correct horse' | /proc/$(cat /run/board.pid)/exe user add --users /run/users ann read set=1:2"]);
+        const other = spawn("sh", ["-c", "exec /proc/$(cat /run/board.pid)/exe -i eth0 --listen 127.0.0.1:8096 --names /run/names --users /run/users --allow-set"]);
+        const has = (name) => page.$$eval("button", (all, text) => all.some((one) => one.innerText === text), name);
+        const press = (name) => page.evaluate((text) => [...document.querySelectorAll("header button")].find((one) => one.innerText === text).click(), name);
+        await until("it listens", () => fetch("http://127.0.0.1:8096/").then(() => true, () => false));
+        away = true;
+        await page.goto("http://127.0.0.1:8096/");
+        await page.waitForSelector("dialog[open]");
+        await checkAccess("login");
+        await picture("login", 1280, 800, "dark");
+        await page.keyboard.type("ann");
+        await page.keyboard.press("Tab");
+        await page.keyboard.type("correct horse\n");
+        await page.waitForSelector(".lamp");
+        for (const [pin, may] of [["1:3:out1", false], ["1:2:out3", true]]) {
+            await page.goto(`http://127.0.0.1:8096/#/pin/${pin}`);
+            await until("the pin", () => page.$eval("h1", (head, name) => head.innerText.includes(name), pin));
+            assert.equal(await has("Set low\u2026"), may);
+        }
+        await press("Log out");
+        await until("nothing", async () => /^Log in to see/.test(await page.$eval("main", (main) => main.innerText)));
+        other.kill();
+        await page.goto(url);
+        away = false;
+    },
     async "a lost board is reported, no level is known, and the page recovers"() {
         await goTo("");
         away = true;

@@ -7,6 +7,7 @@ import contextlib
 import http.client
 import json
 import pathlib
+import signal
 import subprocess
 import sys
 import time
@@ -106,7 +107,75 @@ class RightsTest(unittest.TestCase):
             self.assertEqual(ask("/api/v1/set", {**body, "pin": pin}, **who)[0], status, (who, pin))
         asked = [(one.get("pin"), one["host"]) for one in ask("/api/v1/history?kind=set", **self.whole)[1]["events"]
                  if one["kind"] == "set" and not one.get("text")]
-        self.assertEqual(asked, [("1:3:out5", "Eve (127.0.0.1)"), ("1:2:out5", "setter (127.0.0.1)")])
+        self.assertEqual(asked[:2], [("1:3:out5", "Eve (127.0.0.1)"), ("1:2:out5", "setter (127.0.0.1)")])
+
+    def log_in(self, name="ann", password="correct horse", **headers):
+        """The status and the cookies."""
+        status, _ = ask("/api/v1/login", {"user": name, "password": password}, **headers)
+        return status, [line.split(";")[0] for line in ask.headers.get_all("Set-Cookie") or []]
+
+    def test_a_session_is_the_users(self):
+        self.assertEqual(self.log_in(Cookie=f"orvex-board-{PORT}=chosen", Origin="http://evil.example")[0], 403)
+        status, (session, known) = self.log_in(Cookie=f"orvex-board-{PORT}=chosen")
+        self.assertEqual(status, 200)
+        self.assertNotIn("chosen", session)
+        for line in ask.headers.get_all("Set-Cookie"):
+            self.assertIn("; Path=/; ", line)
+            self.assertIn("; HttpOnly; SameSite=Strict", line)
+        ann = {"Cookie": f"{known}; {session}"}
+        me = ask("/api/v1/pins", **ann)[1]["me"]
+        self.assertEqual(me, {"name": "ann", "guest": False, "edit": True, "set": ["1:2:out5"]})
+        self.assertEqual(ask("/api/v1/set", {"pin": "1:2:out5", "level": "H"}, **ann)[0], 202)
+        for header in ("Origin", "X_Orvex_Board"):  # another site has the browser, and not this
+            self.assertEqual(ask("/api/v1/set", {"pin": "1:2:out5", "level": "H"}, **ann, **{header: "x"})[0], 403)
+        # Guesses of others, and her own under another address, keep nobody out who has logged in before.
+        tries = [self.log_in(password="wrong", source=f"127.0.{i}.1")[0] for i in (2, 3, 4) for _ in range(11)]
+        self.assertEqual((tries[:11], tries.count(401)), (10 * [401] + [429], 20))
+        self.assertEqual(self.log_in(source="127.0.9.1")[0], 429)  # unknown browsers wait
+        self.assertEqual(self.log_in(source="127.0.0.1", Cookie=known)[0], 200)
+        stream = http.client.HTTPConnection("127.0.0.1", PORT, timeout=20)
+        stream.request("GET", "/api/v1/events", headers=ann)
+        viewer = stream.getresponse()
+        self.assertEqual(ask("/api/v1/logout", {}, **ann)[0], 200)
+        self.assertEqual(ask("/api/v1/pins", **ann)[0], 401)
+        self.assertIn(b"you are logged out", viewer.read())
+        stream.close()
+
+    def test_passwords(self):
+        """Odd ones, and that nobody waits while many are checked."""
+        for name, password in (("bob", "p\u00e4ssw\u00f6rd \U0001f511"), ("eve", "x" * 256)):
+            user("add", name, password=password)
+            self.hang_up("were read again")
+            self.assertEqual(self.log_in(name, password)[0], 200)
+            self.assertEqual(self.log_in(name, password + "\0")[0], 401)
+        self.assertEqual(self.log_in("bob", "p\u00e4ssw\u00f6rd \U0001f511\0x", source="127.0.8.1")[0], 401)
+        self.assertEqual(self.log_in("x" * 3000, "y", source="127.0.8.1")[0], 401)
+        for body in ([], {"user": 1, "password": "x"}, {"user": "ann"}):
+            self.assertEqual(ask("/api/v1/login", body)[0], 400)
+
+    def hang_up(self, answer):
+        self.log.flush()
+        before = len(pathlib.Path(self.log.name).read_text("utf-8"))
+        self.board.send_signal(signal.SIGHUP)
+        until(lambda: answer in pathlib.Path(self.log.name).read_text("utf-8")[before:])
+
+    def test_reload(self):
+        user("add", "dan", "read", password="battery staple")
+        self.hang_up("were read again")
+        _, cookies = self.log_in("dan", "battery staple")
+        dan = {"Cookie": "; ".join(cookies)}
+        self.assertEqual(ask("/api/v1/pins", **dan)[0], 200)
+        good = pathlib.Path(USERS).read_text("utf-8")
+        pathlib.Path(USERS).write_text("nonsense\n" + good, "utf-8")
+        self.hang_up(f"{USERS}:1: not user, token or guest: nonsense; what was read before stays")
+        self.assertEqual(ask("/api/v1/pins", **dan)[0], 200)
+        pathlib.Path(USERS).write_text(good.replace("dan $", "dan  $").replace(" read\n", " read=1:3\n"), "utf-8")
+        self.hang_up("were read again")
+        self.assertEqual({one["pin"][:3] for one in ask("/api/v1/pins", **dan)[1]["pins"]}, {"1:3"})
+        pathlib.Path(USERS).write_text(good, "utf-8")
+        user("remove", "dan")
+        self.hang_up("were read again")
+        self.assertEqual(ask("/api/v1/pins", **dan)[0], 401)
 
 
 if __name__ == "__main__":

@@ -5,7 +5,16 @@ const REFUSED_FOR = 10000;
 const SILENT_FOR = 12000; // the board sends a beat every 5 s
 
 // What the board answers is a reason; that it can't be reached is none.
-class Refusal extends Error {}
+class Refusal extends Error {
+    mustLogIn = false;
+}
+
+async function refusalOf(response) {
+    const text = (await response.text()).trim();
+    const refusal = new Refusal(text.startsWith("{") ? JSON.parse(text).error : text);
+    refusal.mustLogIn = response.status === 401;
+    return refusal;
+}
 
 function parse(block) {
     const fields = block.split("\n").map((line) => [line.slice(0, line.indexOf(":")), line.slice(line.indexOf(":") + 2)]);
@@ -22,7 +31,7 @@ async function read(signal, take) {
         const url = new URL("api/v1/events", import.meta.url);
         const response = await fetch(url, { signal: end.signal, cache: "no-store" });
         if (!response.ok) {
-            throw new Refusal((await response.text()).trim());
+            throw await refusalOf(response);
         }
         take({ name: "open" });
         let text = "";
@@ -44,10 +53,11 @@ async function read(signal, take) {
 }
 
 // Calls take() with {name, id, data} for each event, with {name: "open"} when the stream is connected, and with
-// {name: "lost", reason} when it is not: what happens meanwhile is missed.
+// {name: "lost", reason, mustLogIn} when it is not: what happens meanwhile is missed.
 export async function follow(take, signal = null) {
     while (!signal?.aborted) {
         let reason = "";
+        let mustLogIn = false;
         try {
             await read(signal, (event) => {
                 if (event.name === "refused") {
@@ -57,8 +67,9 @@ export async function follow(take, signal = null) {
             });
         } catch (error) {
             reason = error instanceof Refusal ? error.message : "";
+            mustLogIn = error.mustLogIn ?? false;
         }
-        take({ name: "lost", reason });
+        take({ name: "lost", reason, mustLogIn });
         await new Promise((done) => { setTimeout(done, reason ? REFUSED_FOR : AGAIN_IN); });
     }
 }

@@ -18,6 +18,9 @@ const find = (name) => store.pins.get(name) ?? [...store.pins.values()].find((pi
 const lookOf = (pin) => (pin.state !== "told" || pin.level === null ? "unknown" : pin.level === litLevel ? "lit" : "dark");
 
 function unknownText(pin) {
+    if (store.mustLogIn) {
+        return "log in on the board to see it";
+    }
     if (!isCurrent()) {
         return store.since ? `the board can't be reached since ${timeText(store.since)}` : "the board can't be reached";
     }

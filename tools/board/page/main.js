@@ -3,6 +3,7 @@ import { h } from "./dom.js";
 import { showLamps } from "./lamps.js";
 import { showChannels, showDevices, showHistory } from "./lists.js";
 import { showPin } from "./pin.js";
+import "./login.js";
 import { on, start, store } from "./store.js";
 import { timeText } from "./text.js";
 
@@ -12,9 +13,11 @@ const status = document.getElementById("status");
 const VIEWS = { "": showLamps, devices: showDevices, channels: showChannels, history: showHistory };
 let close = null;
 let shown = null;
+let first = true; // nothing has been loaded yet
+let hidden = false;
 
 function navigate() {
-    if (location.hash !== "" && !location.hash.startsWith("#/")) {
+    if (store.mustLogIn || (location.hash !== "" && !location.hash.startsWith("#/"))) {
         return;
     }
     const [path, text] = location.hash.replace(/^#\//, "").split("?");
@@ -36,7 +39,7 @@ function navigate() {
 function troubles() {
     const { board } = store;
     const found = [];
-    if (store.state === "lost") {
+    if (store.state === "lost" && !store.mustLogIn) {
         found.push((store.reason ? `The board refuses to send what happens: ${store.reason}.` : "The board can't be reached.") +
             ` ${store.since ? `Since ${timeText(store.since)}` : "So far"} no level is known. Trying again.`);
     }
@@ -66,6 +69,17 @@ function hideNotice() {
     main.focus({ preventScroll: true });
 }
 
+// What was loaded before is not for whoever comes after a logout.
+function hideAll() {
+    if (store.mustLogIn && !hidden) {
+        close?.();
+        close = null;
+        first = true;
+        main.replaceChildren(h("p", { className: "empty" }, "Log in to see what is on this board."));
+    }
+    hidden = store.mustLogIn;
+}
+
 let told = "";
 function showStatus() {
     const found = troubles();
@@ -80,7 +94,8 @@ function showStatus() {
     }
     const live = store.state === "live" && store.board?.link.up;
     status.className = live ? "status" : "status bad";
-    status.textContent = store.state === "live" ? (live ? "live" : "no bus") : store.state;
+    status.textContent = store.mustLogIn ? "logged out" : store.state === "live" ? (live ? "live" : "no bus") : store.state;
+    hideAll();
     document.querySelector('nav a[href="#/channels"]').hidden = !store.board?.control;
 }
 
@@ -99,7 +114,6 @@ document.querySelector(".skip").addEventListener("click", (event) => { event.pre
 addEventListener("hashchange", navigate);
 on("status", showStatus);
 setInterval(showStatus, 1000);
-let first = true;
 on("pins", () => {
     if (first) {
         first = false;

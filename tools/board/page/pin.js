@@ -65,7 +65,8 @@ export function showPin(main, name, query) {
             setTimeout(events.refresh, 150);
         }
     }
-    if (store.allowSet && /:out\d$/.test(name)) {
+    const mine = !store.me?.set || store.me.set.includes(name);
+    if (store.allowSet && mine && /:out\d$/.test(name)) {
         buttons.append(setting("L", "", "Set low\u2026"), setting("H", "", "Set high\u2026"), setting("L", 500, "Pulse\u2026"));
     }
     main.replaceChildren(h("p", { className: "ways" }, h("a", { href: "#/" }, "\u2190 All pins"), h("a", { href: `lamp/${name}`, target: "_blank", rel: "noopener" }, "As a lamp that fills the screen")), h("div", { className: "big" }, bulb, h("div", {}, heading, list)), buttons, timeline.element, past);

@@ -18,7 +18,7 @@ async function send(pin, level, duration, token, who) {
     try {
         response = await fetch("api/v1/set", {
             method: "POST", body: JSON.stringify(body), signal: AbortSignal.timeout(5000),
-            headers: { "Content-Type": "application/json", "X-Orvex-Board": "set", Authorization: `Bearer ${token}` },
+            headers: { "Content-Type": "application/json", "X-Orvex-Board": "set", ...(store.me ? {} : { Authorization: `Bearer ${token}` }) },
         });
         answer = await response.json();
     } catch {
@@ -47,7 +47,7 @@ const KINDS = { sending: "Sending", sent: "\u2713 ", failed: "\u2717 ", unsure: 
 export function askToSet(pin, level, duration) {
     const choice = (value, text) => h("label", {}, h("input", { type: "radio", name: "level", value, checked: value === level }), text);
     const time = h("input", { type: "number", min: 0, max: 7750, step: 10, value: duration, placeholder: "no limit" });
-    const token = h("input", { type: "password", autocomplete: "off", required: true, value: sessionStorage.getItem("token") ?? "" });
+    const token = h("input", { type: "password", autocomplete: "off", required: !store.me, value: sessionStorage.getItem("token") ?? "" });
     const who = h("input", { type: "text", maxLength: 40, autocomplete: "name", value: localStorage.getItem("who") ?? "" });
     const answer = h("p", { className: "answer", role: "status" });
     const state = h("p", { className: "note" });
@@ -68,8 +68,10 @@ export function askToSet(pin, level, duration) {
         tell("sending", "");
         try {
             const sent = await send(pin.pin, form.elements.level.value, Number(time.value), token.value, who.value);
-            sessionStorage.setItem("token", token.value);
-            localStorage.setItem("who", who.value);
+            if (!store.me) {
+                sessionStorage.setItem("token", token.value);
+                localStorage.setItem("who", who.value);
+            }
             tell("sent", `Sent${sent.duration ? ` for ${sent.duration} ms` : ""}. The lamp changes when the device confirms it.`);
         } catch (error) {
             tell(error instanceof NoAnswer ? "unsure" : "failed", error.message);
@@ -78,10 +80,11 @@ export function askToSet(pin, level, duration) {
     const form = h("form", { on: { submit: submitForm } },
         h("h2", { id: "set-title" }, `Set ${nameOf(pin)}?`, nameOf(pin) === pin.pin ? null : h("small", {}, pin.pin)),
         h("fieldset", {}, h("legend", {}, "Level"), choice("L", "low (L)"), choice("H", "high (H)")),
-        h("label", {}, "Duration in ms", time), h("label", {}, "Token", token), h("label", {}, "Your name (stored in the history)", who),
+        h("label", {}, "Duration in ms", time),
+        ...(store.me ? [] : [h("label", {}, "Token", token), h("label", {}, "Your name (stored in the history)", who)]),
         answer, state, h("div", { className: "buttons" }, cancel, submit));
     dialog.replaceChildren(form);
     dialog.showModal();
     followPin(pin.pin, state);
-    (token.value ? submit : token).focus();
+    (store.me || token.value ? submit : token).focus();
 }

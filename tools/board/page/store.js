@@ -7,6 +7,8 @@ const WORKER_TIME = 3000; // for its first answer
 
 export const store = {
     pins: new Map(), groups: [], board: null, allowSet: false,
+    me: null,           // who this is, if the board has users
+    mustLogIn: false,   // to see anything
     offset: 0,          // the board's clock minus this one
     state: "connecting", // live, lost
     reason: "",         // why it is lost, if the board says so
@@ -15,6 +17,7 @@ export const store = {
 
 const listeners = new Map();
 let close = null; // ends the stream
+let port = null; // of the worker that has it, if it is shared
 let open = false; // it is connected
 let heard = 0;
 let waiting = null; // events that came while all pins were being loaded
@@ -76,6 +79,10 @@ function take(event) {
     } else if (event.name === "lost") {
         open = false;
         waiting = null; // what is being loaded may miss something
+        store.mustLogIn = event.mustLogIn ?? false;
+        if (store.mustLogIn) {
+            Object.assign(store, { pins: new Map(), groups: [], board: null, me: null });
+        }
         become("lost", event.reason);
     } else if (waiting) {
         waiting.push(event);
@@ -104,6 +111,8 @@ async function load() {
         store.groups = all.groups;
         store.board = all.board;
         store.allowSet = all.allow_set;
+        store.me = all.me ?? null;
+        store.mustLogIn = false;
         store.pins = new Map(all.pins.map((pin) => [pin.pin, pin]));
         const later = waiting.filter(({ id }) => runOf(id) !== runOf(all.stream) || numberOf(id) > numberOf(all.stream));
         waiting = null;
@@ -143,10 +152,11 @@ function followAlone() {
 function followTogether() {
     const script = new URL("worker.js", import.meta.url).href;
     const policy = window.trustedTypes?.createPolicy("worker", { createScriptURL: () => script });
-    const worker = new SharedWorker(policy?.createScriptURL("") ?? script, { type: "module", name: "stream 1" });
+    const worker = new SharedWorker(policy?.createScriptURL("") ?? script, { type: "module", name: "stream 2" });
     const alone = () => { close(); close = followAlone(); };
     const late = setTimeout(alone, WORKER_TIME);
     worker.onerror = () => { clearTimeout(late); alone(); };
+    port = worker.port;
     worker.port.onmessage = ({ data }) => { clearTimeout(late); take(data); };
     return () => {
         clearTimeout(late);
@@ -164,6 +174,12 @@ function connect() {
     } catch {
         close = followAlone();
     }
+}
+
+// With other rights, after logging in or out.
+export function reconnect() {
+    port?.postMessage("again");
+    connect();
 }
 
 function look() {
