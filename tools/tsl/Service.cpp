@@ -51,6 +51,7 @@ Service::Service(const TslConfig& config)
     m_follower.on_trouble = m_tell;
     m_inputs.Listen(config.listen);
     Configure(config);
+    m_follower.Serve();  // tries to open the link
     if (!m_follower.IsUp()) {
         m_tell("the bus can't be used: " + m_follower.Problem());
     }
