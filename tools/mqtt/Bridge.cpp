@@ -15,6 +15,7 @@ const size_t LOG_LINES = 20;  // a second
 // In seconds:
 const double TURN_EVERY = 0.5;  // links and log need one that often
 const double COMPLAIN_EVERY = 5;
+const double OWN_PINS_TIME = 1;  // until links can know this site's own pins
 
 }  // namespace
 
@@ -29,13 +30,9 @@ Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print
       m_sets(config, m_bus, m_tell),
       m_losses(config.loss_file),
       m_links(config, m_losses.Saved()),
-      m_presence(m_topics, m_broker),
+      m_presence(config, m_topics, m_broker),
       m_publisher(config, m_topics, m_pins, m_links, m_sets, m_broker, m_presence.Number()) {
-    m_bus.on_message = [this](const Traffic& traffic, bool) {
-        if (traffic.GetKind() == Kind::Reply) {
-            m_sets.TakeReply(traffic);
-        }
-    };
+    m_bus.on_message = [this](const Traffic& traffic, bool) { TakeTraffic(traffic); };
 }
 
 Bridge::End Bridge::Run(Signals& signals) {
@@ -117,12 +114,14 @@ void Bridge::Follow(const MqttConfig& fresh) {
 void Bridge::Step() {
     FollowConnection();
     TakeMessages();
-    m_presence.Tend();
     m_bus.Serve();
+    m_presence.Tend(m_bus.IsUp());
+    FollowRole();
     m_sets.Tend();
     CarryOutLinks();
     FollowPhase();
-    m_publisher.Publish(m_phase == Phase::Publishing || m_phase == Phase::Online);
+    m_publisher.Publish((m_phase == Phase::Publishing || m_phase == Phase::Online) &&
+                        m_presence.MayDrive());
     m_log.Tend();
 }
 
@@ -137,7 +136,6 @@ void Bridge::FollowConnection() {
         if (connection != 0) {
             m_phase = Phase::Connected;
             m_presence.Begin();
-            m_publisher.Announce();
             Subscribe();
         }
     }
@@ -145,21 +143,27 @@ void Bridge::FollowConnection() {
 
 void Bridge::Subscribe() {
     m_presence.Subscribe();
-    m_broker.Subscribe(m_topics.Sets(), Broker::RETAINED_AS_PUBLISHED);
     for (const std::string& topic : m_links.Subscriptions()) {
         m_broker.Subscribe(topic);
     }
     m_broker.Subscribe(m_topics.Pins(), Broker::NO_LOCAL);
     m_broker.Subscribe(m_topics.Devices(), Broker::NO_LOCAL);
+    if (m_presence.IsActive()) {
+        TakeOver();
+    }
 }
 
 void Bridge::BeginAsking() {
-    m_phase = Phase::Asking;
+    if (m_presence.IsActive()) {
+        m_phase = Phase::Asking;
+    } else if (m_phase != Phase::StandingBy) {
+        StandBy();
+    }
     m_pins.AskAll(m_publisher.LeftPins());
 }
 
 std::string Bridge::Hindrance() const {
-    if (m_presence.IsTakenOver()) {
+    if (m_presence.IsTakenOver() || !m_presence.MayDrive()) {
         return "another bridge has the site";
     }
     if (!m_bus.IsUp()) {
@@ -173,6 +177,9 @@ std::string Bridge::StatusLine() const {
     const std::string site = "site " + m_config.site;
     if (m_connection == 0) {
         return site + " is not connected to the broker";
+    }
+    if (m_phase == Phase::StandingBy) {
+        return site + " stands by";
     }
     const std::string hindrance = Hindrance();
     return hindrance.empty() ? site + " is online" : site + " is not online: " + hindrance;
@@ -191,11 +198,14 @@ void Bridge::TakeMessages() {
 
 void Bridge::TakeMessage(const Broker::Message& message) {
     if (!m_topics.PinOfSet(message.topic).empty()) {
+        if (m_phase == Phase::StandingBy) {
+            return;  // the active bridge answers
+        }
         const std::chrono::duration<double> age = Now() - m_presence.OwnSign();
         return m_sets.Take(message, age.count(), Hindrance());
     }
     m_presence.Take(message);
-    if (m_phase == Phase::Connected) {
+    if (m_phase == Phase::Connected || m_config.standby) {
         TakeLeftover(message);
     }
     m_links.Take(message, m_presence.OwnSign());
@@ -203,17 +213,41 @@ void Bridge::TakeMessage(const Broker::Message& message) {
 }
 
 // What an earlier bridge has left at the broker has arrived when the first heartbeat is back: what
-// comes after that was published by others, and is left alone.
+// comes after that was published by others, and is left alone; but one that stands by follows what
+// the active bridge publishes, which it will have to publish or remove itself.
 void Bridge::TakeLeftover(const Broker::Message& message) {
-    if (m_presence.IsProved()) {
+    const bool is_state = m_topics.IsOfState(message.topic);
+    if (m_phase == Phase::Connected && m_presence.IsProved()) {
         BeginAsking();
-    } else if (message.retained && !message.payload.empty() && m_topics.IsOfState(message.topic)) {
-        m_publisher.TakeLeftover(message.topic);
+    } else if (is_state && m_phase > Phase::StandingBy) {
+        m_publisher.TakeForeign(message.topic);
+    } else if (is_state && (message.retained || m_config.standby)) {
+        m_publisher.TakeLeftover(message.topic, !message.payload.empty());
     }
 }
 
+// What is written while it is not known who drives the outputs comes from who has taken over.
+void Bridge::TakeTraffic(const Traffic& traffic) {
+    if (traffic.GetKind() == Kind::Reply) {
+        m_sets.TakeReply(traffic);
+    } else if (traffic.GetKind() == Kind::Write && m_presence.GetStandby().IsCutOff()) {
+        for (unsigned int i = 0; i < traffic.message.GetItemCount(); ++i) {
+            m_links.Overrule(traffic.message.GetItem(i)->m_nTag);
+        }
+    }
+}
+
+// One that stands by goes through its links too, to know at once what to write when it takes over.
+bool Bridge::MayCarryOutLinks() {
+    const Standby& standby = m_presence.GetStandby();
+    if (std::exchange(m_was_cut_off, standby.IsCutOff()) && !m_was_cut_off) {
+        m_links.Resume();
+    }
+    return m_bus.IsUp() && (!m_was_cut_off || standby.IsAlone());
+}
+
 void Bridge::CarryOutLinks() {
-    if (m_bus.IsUp()) {
+    if (MayCarryOutLinks()) {
         for (const Links::Write& write : m_links.Tend(m_presence.OwnSign())) {
             Write(write);
         }
@@ -229,6 +263,14 @@ void Bridge::CarryOutLinks() {
 }
 
 void Bridge::Write(const Links::Write& write) {
+    if (m_presence.MayDrive() || m_presence.GetStandby().IsAlone()) {
+        Send(write);
+    } else {
+        m_links.NotWritten(write.tag);
+    }
+}
+
+void Bridge::Send(const Links::Write& write) {
     try {
         m_bus.Write(write.tag, WriteValue(write.level, write.duration_ms));
         if (!write.reason.empty()) {
@@ -241,16 +283,51 @@ void Bridge::Write(const Links::Write& write) {
     }
 }
 
-void Bridge::FollowPhase() {
-    if (m_bus_up != m_bus.IsUp()) {
-        m_bus_up = m_bus.IsUp();
-        if (m_bus_up) {
-            m_links.WriteAgain();
-        }
-        if (m_presence.IsProved()) {
+void Bridge::FollowBus() {
+    if (m_bus_up == m_bus.IsUp()) {
+        return;
+    }
+    m_bus_up = m_bus.IsUp();
+    if (m_bus_up) {
+        m_links.WriteAgain();
+    }
+    if (m_presence.IsProved()) {
+        if (m_presence.MayDrive()) {
             m_presence.PublishStatus(OFFLINE);
-            BeginAsking();
         }
+        BeginAsking();
+    }
+}
+
+void Bridge::FollowRole() {
+    if (m_phase == Phase::StandingBy && m_presence.IsActive()) {
+        m_tell("site " + m_config.site + " is taken over");
+        TakeOver();
+    } else if (m_phase > Phase::StandingBy && !m_presence.IsActive()) {
+        m_broker.Unsubscribe(m_topics.Sets());
+        StandBy();
+    }
+}
+
+void Bridge::StandBy() {
+    m_phase = Phase::StandingBy;
+    m_tell("site " + m_config.site + " stands by");
+}
+
+// The pins are known already, unless this bridge has just been started.
+void Bridge::TakeOver() {
+    m_broker.Subscribe(m_topics.Sets(), Broker::RETAINED_AS_PUBLISHED);
+    m_publisher.Announce();
+    if (m_phase == Phase::StandingBy) {
+        m_phase = Phase::Asking;
+        m_links.BePatient(OWN_PINS_TIME);
+    }
+}
+
+void Bridge::FollowPhase() {
+    FollowBus();
+    if (m_phase == Phase::StandingBy) {
+        m_pins.Changes().clear();
     }
     if (m_phase == Phase::Asking && m_bus_up && !m_bus.IsReading()) {
         m_phase = Phase::Publishing;
@@ -259,6 +336,10 @@ void Bridge::FollowPhase() {
     if (m_phase == Phase::Publishing && m_publisher.IsDone()) {
         GoOnline();
     }
+    FollowDropped();
+}
+
+void Bridge::FollowDropped() {
     if (m_pins.Dropped() != m_dropped && Now() >= m_next_complaint) {
         m_next_complaint = After(COMPLAIN_EVERY);
         m_tell("the broker is too slow: " + std::to_string(m_pins.Dropped() - m_dropped) +
@@ -270,17 +351,24 @@ void Bridge::FollowPhase() {
 void Bridge::GoOnline() {
     m_phase = Phase::Online;
     m_presence.PublishStatus(ONLINE);
-    m_broker.Unsubscribe(m_topics.Pins());
-    m_broker.Unsubscribe(m_topics.Devices());
+    if (!m_config.standby) {
+        m_broker.Unsubscribe(m_topics.Pins());
+        m_broker.Unsubscribe(m_topics.Devices());
+    }
     m_tell("site " + m_config.site + " is online");
 }
 
-// From here on nobody controls the links.
+// From here on nobody controls the links, unless another bridge has them or takes them over.
 void Bridge::Stop() {
-    for (const Links::Write& write : m_links.End()) {
-        Write(write);
+    const Standby& standby = m_presence.GetStandby();
+    if (!m_config.standby || (standby.IsHolder() && !standby.HasPartner())) {
+        for (const Links::Write& write : m_links.End()) {
+            Send(write);
+        }
     }
-    if (m_connection != 0) {
+    if (m_config.standby) {
+        m_presence.Leave();
+    } else if (m_connection != 0) {
         m_presence.PublishStatus(OFFLINE);
     }
     m_broker.Leave();

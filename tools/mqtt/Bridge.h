@@ -21,6 +21,9 @@
 //
 // Before it is online it also removes what an earlier bridge of this site has left at the broker
 // about pins and devices that do not answer any more.
+//
+// One that stands by does all that too but publish and write, so that it can go on where the active
+// bridge has ended.
 class Bridge {
 public:
     enum class End { Stopped, TakenOver };
@@ -33,7 +36,7 @@ public:
     End Run(Signals& signals);
 
 private:
-    enum class Phase { Away, Connected, Asking, Publishing, Online };
+    enum class Phase { Away, Connected, StandingBy, Asking, Publishing, Online };
 
     bool Wait(const Signals& signals);
     void Reload();
@@ -44,11 +47,19 @@ private:
     void TakeMessages();
     void TakeMessage(const Broker::Message& message);
     void TakeLeftover(const Broker::Message& message);
+    void TakeTraffic(const Traffic& traffic);
     void BeginAsking();
     void FollowPhase();
+    void FollowBus();
+    void FollowRole();
+    void FollowDropped();
+    void StandBy();
+    void TakeOver();
     void GoOnline();
+    bool MayCarryOutLinks();
     void CarryOutLinks();
     void Write(const Links::Write& write);
+    void Send(const Links::Write& write);
     void Stop();
     std::string Hindrance() const;
     std::string StatusLine() const;
@@ -70,6 +81,7 @@ private:
     Phase m_phase = Phase::Away;
     unsigned int m_connection = 0;
     bool m_bus_up = true;
+    bool m_was_cut_off = false;
     uint64_t m_dropped = 0;  // events, as far as reported
     TimePoint m_next_complaint{};
 };

@@ -98,13 +98,15 @@ bool Reader::TakeBroker(const Words& words) {
         m_config.prefix = ParseLevelName(value);
     } else if (key == "discovery") {
         m_config.discovery = ParseLevelName(value);
+    } else if (key == "broker" && value == "none") {
+        m_config.is_local = true;
     } else if (key == "broker") {
         ParseBroker(value);
-    } else if (key == "tls") {
+    } else if (key == "tls" || key == "standby") {
         if (value != "yes" && value != "no") {
             Refuse("not yes or no: " + value);
         }
-        m_config.tls = value == "yes";
+        (key == "tls" ? m_config.tls : m_config.standby) = value == "yes";
     } else if (key == "ca") {
         m_config.ca = ReadableFile(value);
     } else if (key == "certificate") {
@@ -190,6 +192,8 @@ void Reader::TakeLink(const Words& words) {
     const auto read = [this](const SitePin& pin) {
         if (pin.site == m_config.site) {
             m_config.pins.push_back(ParsePinRef(pin.pin));
+        } else if (m_config.is_local) {
+            Refuse("without a broker, nobody knows " + pin.Text());
         }
     };
     link.from.ForEachPin([&](const Expression& source) { read(source.pin); });
@@ -198,7 +202,7 @@ void Reader::TakeLink(const Words& words) {
 }
 
 void Reader::Finish() {
-    if (m_config.site.empty() || m_config.host.empty()) {
+    if (m_config.site.empty() || (m_config.host.empty() && !m_config.is_local)) {
         Fail(m_config.site.empty() ? "no site is given" : "no broker is given");
     }
     if (m_config.certificate.empty() != m_config.key.empty()) {
@@ -209,6 +213,10 @@ void Reader::Finish() {
     }
     if (!m_config.tls && !(m_config.ca + m_config.certificate).empty()) {
         Fail("ca, certificate and key need tls yes");
+    }
+    if (m_config.is_local &&
+        (m_config.tls || m_config.standby || !(m_config.discovery + m_config.user).empty())) {
+        Fail("standby, discovery, tls and user need a broker");
     }
     if (m_config.port == 0) {
         m_config.port = m_config.tls ? 8883 : 1883;

@@ -23,8 +23,10 @@ struct MqttConfig {
     std::string site;
     std::string host;
     int port = 0;
+    bool is_local = false;  // there is no broker: links are within this site
     std::string prefix = "orvex";
     std::string discovery;  // prefix of what is announced to hubs; empty: nothing
+    bool standby = false;   // waits while another bridge of the site is active
 
     bool tls = false;
     std::string ca;  // empty: those that the system trusts
@@ -44,8 +46,8 @@ struct MqttConfig {
 
     // What can't be changed while the bridge runs.
     auto Fixed() const {
-        return std::tie(site, host, port, prefix, tls, ca, certificate, key, user, password,
-                        bus.iface, ask_every);
+        return std::tie(site, host, port, is_local, prefix, standby, tls, ca, certificate, key,
+                        user, password, bus.iface, ask_every);
     }
 
     // Reads and checks a file and what it refers to. Throws ConfigError.

@@ -179,7 +179,9 @@ std::optional<Level> Links::ValueOf(const Link& link, TimePoint own_sign) const 
 std::vector<Links::Write> Links::Tend(TimePoint own_sign) {
     std::vector<Write> writes;
     for (Link& link : m_links) {
-        TendLink(link, own_sign, writes);
+        if (!link.is_overruled) {
+            TendLink(link, own_sign, writes);
+        }
     }
     return writes;
 }
@@ -207,7 +209,8 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
     link.value.reset();
     link.due = TimePoint::max();
     m_losses[link.config.Text()] = link.good;
-    if (Now() < Later(link.good, link.config.loss_after)) {
+    const TimePoint patience = link.lost ? TimePoint() : m_patience;
+    if (Now() < std::max(Later(link.good, link.config.loss_after), patience)) {
         return;
     }
     if (!std::exchange(link.lost, true)) {
@@ -304,6 +307,29 @@ void Links::WriteAgain() {
     }
 }
 
+void Links::NotWritten(uint32_t tag) {
+    for (Link& link : m_links) {
+        if (link.config.to.tag == tag) {
+            link.applied.reset();
+        }
+    }
+}
+
+void Links::Overrule(uint32_t tag) {
+    for (Link& link : m_links) {
+        link.is_overruled = link.is_overruled || link.config.to.tag == tag;
+    }
+}
+
+void Links::Resume() {
+    for (Link& link : m_links) {
+        link.edge = false;
+        if (std::exchange(link.is_overruled, false)) {
+            link.applied.reset();
+        }
+    }
+}
+
 void Links::Told(uint32_t tag, Level level) {
     for (Link& link : m_links) {
         if (link.config.to.tag == tag && link.applied && link.applied != level &&
@@ -316,7 +342,7 @@ void Links::Told(uint32_t tag, Level level) {
 std::vector<Links::Write> Links::End() {
     std::vector<Write> writes;
     for (Link& link : m_links) {
-        if (link.config.on_loss && link.config.pulse_ms == 0) {
+        if (link.config.on_loss && link.config.pulse_ms == 0 && !link.is_overruled) {
             Apply(link, *link.config.on_loss, "end", writes);
         }
     }

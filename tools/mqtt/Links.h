@@ -57,6 +57,18 @@ public:
     // All outputs must be written again: those of an address may have been out of reach.
     void WriteAgain();
 
+    // A write was not carried out, because this bridge stands by.
+    void NotWritten(uint32_t tag);
+
+    // Another bridge may have driven the outputs until now: what is not lost yet is not taken for
+    // lost for that many seconds, in which this bridge's own pins are published.
+    void BePatient(double seconds) { m_patience = After(seconds); }
+
+    // While this bridge does not know who drives the outputs, somebody else has written this one:
+    // it is left alone until Resume(), when this bridge knows that it does.
+    void Overrule(uint32_t tag);
+    void Resume();
+
     // A device reports that level of an output.
     void Told(uint32_t tag, Level level);
 
@@ -98,6 +110,7 @@ private:
         TimePoint shown_since{};
         TimePoint due = TimePoint::max();  // when it may be set to the value
         bool lost = false;
+        bool is_overruled = false;
         std::optional<Level> applied;  // none: nothing, or it must be written again
         TimePoint written{};
         TimePoint again = TimePoint::max();
@@ -130,5 +143,6 @@ private:
     std::vector<Link> m_links;
     std::map<std::string, Site> m_sites;
     LossFile::Times m_losses;
+    TimePoint m_patience{};
     std::vector<std::string> m_notes;
 };

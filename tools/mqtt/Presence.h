@@ -8,6 +8,7 @@
 
 #include "tools/base/Time.h"
 #include "tools/mqtt/Broker.h"
+#include "tools/mqtt/Standby.h"
 #include "tools/mqtt/Topics.h"
 
 // Publishes the status of the site, a heartbeat twice a second, and a number that claims the site
@@ -18,9 +19,12 @@
 // The heartbeats come back to this bridge. Messages keep their order, so what arrives after a
 // heartbeat is not older than that heartbeat: this bounds the age of a set, whatever other clocks
 // say. The first one proves that what the broker had retained has arrived.
+//
+// If bridges stand by for each other, only the active one does all that; the heartbeats of others
+// have a topic of their own.
 class Presence {
 public:
-    Presence(const Topics& topics, Broker& broker);
+    Presence(const MqttConfig& config, const Topics& topics, Broker& broker);
 
     // The topics to subscribe to.
     void Subscribe();
@@ -30,8 +34,8 @@ public:
     void End();
 
     // Publishes what is due, at NextTime(); while there is a connection. One whose heartbeats do
-    // not come back is dropped.
-    void Tend();
+    // not come back is dropped. fit: this bridge can carry out links.
+    void Tend(bool fit);
     TimePoint NextTime() const { return m_next_sign; }
 
     void PublishStatus(const char* status);
@@ -43,22 +47,38 @@ public:
     TimePoint OwnSign() const { return m_own_sign; }
     bool IsProved() const { return m_own_sign != TimePoint(); }
 
-    // Whether another bridge has claimed the site, and is alive.
+    // Whether another bridge has claimed the site, and is alive, and this one does not stand by.
     bool IsTakenOver() const { return m_is_taken_over; }
+
+    // Whether this bridge is the one of its site, and whether it may drive outputs and publish.
+    bool IsActive() const { return !m_stands_by || m_standby.IsActive(); }
+    bool MayDrive() const { return !m_stands_by || m_standby.MayDrive(); }
+
+    // Leaves the site to a bridge that stands by.
+    void Leave();
+
+    const Standby& GetStandby() const { return m_standby; }
 
     // Identifies this run of the bridge.
     uint32_t Number() const { return m_number; }
 
 private:
     void SendSign();
+    void TendStatus();
+    void TendStandby();
     void TakeSign(const std::string& payload);
+    void TakeWaitingSign(const std::string& payload);
+    void TakeStatus(const std::string& payload);
     void TakeOwnSign(unsigned long count);
     void Claim();
-    void TakeClaim(const std::string& payload);
+    void TakeClaim(const Broker::Message& message);
 
     const Topics& m_topics;
     Broker& m_broker;
     const uint32_t m_number;
+    const bool m_stands_by;
+    Standby m_standby;
+    bool m_is_fit = true;
 
     bool m_was_connected = false;
     bool m_has_claimed = false;  // the site, on this connection
@@ -66,6 +86,7 @@ private:
     bool m_is_taken_over = false;
     std::string m_status;       // as last published
     std::string m_seen_status;  // as last received
+    TimePoint m_status_time{};
     TimePoint m_next_defence{};
 
     unsigned long m_sign_count = 0;

@@ -11,7 +11,9 @@ namespace {
 
 const size_t MOST_LEFTOVERS = 50000;
 const size_t LONGEST_TOPIC = 300;
-const double REST_PAUSE = 0.001;  // seconds
+// In seconds:
+const double REST_PAUSE = 0.001;
+const double REPAIR_EVERY = 0.5;
 // In one turn of the loop. Enough for a state and an event for each message that is taken from the
 // bus in a turn, so that a burst from the bus does not fill the queue.
 const int MOST_PUBLISHED = 1000;
@@ -72,9 +74,27 @@ void Publisher::Announce() {
     }
 }
 
-void Publisher::TakeLeftover(const std::string& topic) {
-    if (topic.size() <= LONGEST_TOPIC && m_leftovers.size() < MOST_LEFTOVERS) {
+void Publisher::TakeLeftover(const std::string& topic, bool is_retained) {
+    if (!is_retained) {
+        m_leftovers.erase(topic);
+    } else if (topic.size() <= LONGEST_TOPIC && m_leftovers.size() < MOST_LEFTOVERS) {
         m_leftovers.insert(topic);
+    }
+}
+
+void Publisher::TakeForeign(const std::string& topic) {
+    if (topic.size() <= LONGEST_TOPIC && m_foreign.size() < MOST_LEFTOVERS) {
+        m_foreign.insert(topic);
+    }
+}
+
+// Pins go before leftovers: what this bridge has to say is never missing.
+void Publisher::Repair() {
+    if (!m_foreign.empty() && Now() >= m_next_repair) {
+        m_next_repair = After(REPAIR_EVERY);
+        m_leftovers.merge(m_foreign);
+        m_foreign.clear();
+        m_pins.TellAll();
     }
 }
 
@@ -105,6 +125,9 @@ TimePoint Publisher::NextTime() const {
 // In the order of urgency.
 void Publisher::Publish(bool pins) {
     m_has_more = false;
+    if (pins) {
+        Repair();
+    }
     const bool is_due = Now() >= m_rest;
     for (int count = 0; m_broker.CanSend(); ++count) {
         if (count == MOST_PUBLISHED) {

@@ -28,9 +28,12 @@ public:
     // one caused is removed.
     void Follow(const MqttConfig& before);
 
-    // Notes a topic that the broker has retained. Removes it, unless it is published before its
-    // turn comes.
-    void TakeLeftover(const std::string& topic);
+    // Notes a topic that the broker has retained, or has no longer. Removes it, unless it is
+    // published before its turn comes.
+    void TakeLeftover(const std::string& topic, bool is_retained);
+
+    // Another bridge has published a state of this site: everything is published again.
+    void TakeForeign(const std::string& topic);
 
     // The pins in the leftovers.
     std::set<uint32_t> LeftPins() const;
@@ -44,6 +47,7 @@ public:
     bool IsDone() const;
 
 private:
+    void Repair();
     bool PublishPins();
     bool PublishRest();
     void PublishPin(uint32_t tag);
@@ -65,4 +69,6 @@ private:
     std::set<uint32_t> m_levels;          // pins whose level topic is due
     std::set<uint32_t> m_unannounced;     // pins to announce to hubs
     std::set<std::string> m_leftovers;
+    std::set<std::string> m_foreign;
+    TimePoint m_next_repair{};
 };

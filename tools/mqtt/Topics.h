@@ -19,6 +19,7 @@ public:
     std::string Status() const { return m_base + "/status"; }
     std::string Alive() const { return m_base + "/alive"; }
     std::string Bridge() const { return m_base + "/bridge"; }
+    std::string Standby() const { return m_base + "/standby"; }
     std::string Sets() const { return m_base + "/set/#"; }
     std::string Pins() const { return m_base + "/pin/#"; }
     std::string Devices() const { return m_base + "/device/+"; }

@@ -61,6 +61,9 @@ void PrintTopics(const MqttConfig& config) {
          {topics.Status(), topics.Bridge(), topics.Alive(), topics.Device("HOST")}) {
         printf("%s\n", topic.c_str());
     }
+    if (config.standby) {
+        printf("%s\n", topics.Standby().c_str());
+    }
     for (const PinRef& pins : config.pins) {
         for (const uint32_t tag : pins.Tags()) {
             const std::string pin = PinText(tag);

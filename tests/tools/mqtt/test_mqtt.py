@@ -2,8 +2,8 @@
 
 Usage: world.sh BUILD test_mqtt.py BUILD [TEST]...
 
-In the environment: BROKER_RESTARTS (10), HOSTILE (20000), the number of malformed messages, and CUT
-(12), the seconds for which a cable is cut.
+In the environment: BROKER_RESTARTS (10), FAULTS (4) of two that stand by for each other, HOSTILE
+(20000), the number of malformed messages, and CUT (12), the seconds for which a cable is cut.
 """
 
 import json
@@ -101,14 +101,14 @@ class MqttTest(unittest.TestCase):
         self.processes["broker"] = start("hub", "mosquitto", "-c", "/run/broker.conf", log="broker.log")
         self.until(lambda: run("hub", "ss", "-Hltn", "sport = 1883 or sport = 8883"), 5, "no broker")
 
-    def bridge(self, site, *lines, replace=(), key=None):
+    def bridge(self, site, *lines, replace=(), key=None, host=None):
         config = (RUN / f"{site}.conf").read_text("ascii")
         for old, new in replace:
             self.assertIn(old, config)
             config = config.replace(old, new)
         path = RUN / f"{key or site}.mqtt.conf"
         path.write_text(config + "".join(line + "\n" for line in lines), "ascii")
-        self.processes[key or site] = start(site, f"{BUILD}/tools/mqtt/orvex-mqtt", str(path),
+        self.processes[key or site] = start(host or site, f"{BUILD}/tools/mqtt/orvex-mqtt", str(path),
                                             log=f"{key or site}.mqtt")
 
     def until(self, condition, seconds, what):
@@ -179,6 +179,24 @@ class MqttTest(unittest.TestCase):
         self.assertRegex(told, r"out5: L, \w+ by .*, for \d+ s\n.* line 10: any.*\n.*studio:1:2:in1: not known: its site is "
                          r"offline.*\n.*tower:7:4:in3: L, told by 10.77.3.1, for \d+ s\nso the output is to be L\n$")
         self.assertEqual(retained("orvex/tower/status"), "online")
+
+    def test_without_a_broker(self):
+        self.bridge("studio", "link any(studio:1:2:in1, studio:1:2:in2) -> studio:1:2:out2", "link studio:1:2:in3 -> studio:1:2:out3 "
+                    "pulse 700", "link not studio:1:2:out2 -> studio:1:2:out4 delay 300", replace=[("10.78.0.1", "none"), (LINK, "")])
+        self.says("is online")
+        for levels, lamps in ("LHH", "LHH"), ("LLH", "LHH"), ("HHH", "HHL"), ("HHL", "HLL"), ("HHL", "HHL"):
+            contacts(levels)
+            for pin, level in enumerate(lamps, 2):
+                self.lamp(level, 2, f"1:2:out{pin}", "studio")
+        told = run("studio", f"{BUILD}/tools/mqtt/orvex-mqtt", "--explain", "/run/studio.mqtt.conf", "1:2:out4")
+        self.assertRegex(told, r"out4: L, told by .*\n.* not studio:1:2:out2 .*\n  studio:1:2:out2: H, .*\nso the output is to be L, once")
+        run("studio", "ip", "link", "set", "bus", "down")
+        self.says("is down")
+        run("studio", "ip", "link", "set", "bus", "up")
+        contact("L")
+        self.lamp("L", 8, "1:2:out2", "studio")
+        self.assertEqual(kill(self.processes["studio"], signal.SIGTERM), 0)
+        self.lamp("H", 2, "1:2:out2", "studio")
 
     def test_chatter(self):
         self.both(*(f"link studio:1:2:in1 -> tower:7:4:{rest}" for rest in [
@@ -439,6 +457,91 @@ class MqttTest(unittest.TestCase):
         self.says("is online", key="second")
         self.assertEqual(self.processes["studio"].wait(5), 3)
 
+    def spare(self, host, number):
+        """A host on the tower's bus that has just a bridge."""
+        if (RUN / "netns" / host).exists():
+            return
+        for command in [
+                f"netns add {host}", f"-n {host} link add eth0 type veth peer name {host} netns tower",
+                f"-n {host} addr add 10.77.3.{number}/24 dev eth0", f"-n {host} link set eth0 up",
+                f"-n {host} route add 224.0.0.0/4 dev eth0",
+                f"-n {host} link add wan type veth peer name {host} netns hub",
+                f"-n {host} addr add 10.78.0.{number}/24 dev wan", f"-n {host} link set wan up",
+                f"-n hub link set {host} master br0 up", "-n tower link add br1 type bridge mcast_snooping 0",
+                "-n tower link set bus master br1", "-n tower link set br1 up",
+                f"-n tower link set {host} master br1 up"]:
+            subprocess.run(["ip", *command.split()], check=False, capture_output=True)
+
+    def writers(self, since):
+        """The hosts that have written the lamp since then, with the times."""
+        lines = (RUN / "writes").read_text("ascii").splitlines()[since:]
+        found = [json.loads(line) for line in lines if line.endswith("}")]
+        return [(line["time"], line["host"]) for line in found if line["id"] == "WRNI"]
+
+    def toggle(self, seconds):
+        """Opens and closes the contact; returns for how long nobody, and more than one, drove the lamp."""
+        times, since = [], len((RUN / "writes").read_text("ascii").splitlines())
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            contact("LH"[len(times) % 2])
+            times.append(time.time())
+            time.sleep(0.2)
+        contact("L")
+        longest, spans = {0: 0.0, 2: 0.0}, {0: times[0], 2: times[0]}
+        writes = self.writers(since)
+        for begin, after in zip(times, times[1:]):
+            hosts = len({host for moment, host in writes if begin <= moment < after})
+            for kind, holds in (0, hosts == 0), (2, hosts > 1):
+                spans[kind] = spans[kind] if holds else after
+                longest[kind] = max(longest[kind], after - spans[kind])
+        return longest[0], longest[2]
+
+    def test_standby(self):
+        self.broker()
+        self.bridge("studio")
+        hosts = ["first", "second"]
+        for number, host in enumerate(hosts, 4):
+            self.spare(host, number)
+            self.bridge("tower", "standby yes", key=host, host=host)
+        self.processes["watch"] = start("tower", f"{BUILD}/tools/ctl/orvexctl", "watch", "--json", "-i", "eth0",
+                                        "7:4:out1", log="writes")
+        contact("L")
+        self.lamp("L", 8)
+        random.seed(os.environ.get("SEED", "5"))
+        rounds, worst = int(os.environ.get("FAULTS", "4")), [0.0, 0.0]
+        for number in range(rounds):
+            self.lamp("L", 8)
+            self.until(lambda: sorted((RUN / f"{host}.mqtt").read_text("utf-8").rsplit("site tower ", 1)[-1][:6]
+                                      for host in hosts) == ["is onl", "stands"], 15, "not exactly one is active")
+            active = next(host for host in hosts if "is onl" in (RUN / f"{host}.mqtt").read_text("utf-8").rsplit("site tower ")[-1])
+            waits = hosts[hosts[0] == active]
+            what = ["kill", "stop", "hub", "tower", "kill waiting", "term"][number if rounds < 6 else random.randrange(6)]
+            host, log = waits if "waiting" in what else active, (RUN / "tower.log").stat().st_size
+            process = self.processes[host]
+            if what in ("hub", "tower"):  # the cable to the broker, or the bus
+                run(what, "ip", "link", "set", host, "down")
+            elif what == "stop":
+                process.send_signal(signal.SIGSTOP)
+            else:
+                kill(process, signal.SIGTERM if what == "term" else signal.SIGKILL)
+            for index, longest in enumerate(self.toggle(4) if number % 2 else (time.sleep(4) or (0, 0))):
+                worst[index] = max(worst[index], longest)
+                self.assertLess(longest, 3 if rounds > 5 else 8, (what, "none" if index == 0 else "both"))
+            shown = re.findall(r"GPO 1 ([LH])", (RUN / "tower.log").read_text("ascii")[log:])
+            self.assertTrue(number % 2 or "H" not in shown, (number, what, shown))
+            if what in ("hub", "tower"):
+                run(what, "ip", "link", "set", host, "up")
+            elif what == "stop":
+                process.send_signal(signal.SIGCONT)
+            else:
+                self.bridge("tower", "standby yes", key=host, host=host)
+            if number % 2 == 0:  # nor when both live again
+                time.sleep(3)
+                self.assertNotIn("H", re.findall(r"GPO 1 ([LH])", (RUN / "tower.log").read_text("ascii")[log:]), what)
+            elif "waiting" not in what:
+                self.assertLess(self.toggle(3)[1], 3)
+        print(f"{rounds} faults: nobody drove for {worst[0]:.1f} s, both for {worst[1]:.1f} s", file=sys.stderr)
+
     def test_what_an_earlier_bridge_left(self):
         self.broker()
         own = [(LINK, "")]  # nothing in the studio's file names the pin
@@ -648,6 +751,8 @@ class MqttTest(unittest.TestCase):
                 (6, base + "link studio:1:2:out1 -> b:1:2:out1\nlink b:1:2:out1 -> studio:1:2:out2\n"
                  "link studio:1:2:out2 -> studio:1:2:out1", "a loop: "),
                 (4, base + "link studio:1:2:out1 -> studio:0x102:out1", "a loop: "),
+                (4, base.replace("127.0.0.1", "none") + link, "without a broker, nobody knows tower:1:2:out1"),
+                (0, base.replace("127.0.0.1", "none") + "standby yes", "need a broker"), (4, base + "standby maybe", "not yes or no"),
                 (0, base + "key /dev/zero", "needs a key"), (0, base + "ca /dev/zero", "need tls yes"),
                 (5, base + "tls yes\nca /gone", "can't read /gone"), (4, base + "key /run", "can't read"),
                 (0, base + "password-file /run/password", "needs a user"),

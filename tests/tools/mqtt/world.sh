@@ -17,7 +17,7 @@ shift 2
 export PATH=$PATH:/usr/sbin
 ip netns add hub
 ip -n hub link set lo up
-ip -n hub link add br0 type bridge
+ip -n hub link add br0 address 02:00:00:00:00:01 type bridge # the same, whatever joins it
 ip -n hub addr add 10.78.0.1/24 dev br0
 ip -n hub link set br0 up
 
