@@ -31,7 +31,9 @@ Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)>
       m_tell(std::move(tell)),
       m_as(as),
       m_name(config.prefix + "-" + config.site + "-" + std::to_string(NewRequestId())),
-      m_next(Now()),
+      m_is_local(config.is_local),
+      m_connection(m_is_local ? 1 : 0),
+      m_next(m_is_local ? TimePoint::max() : Now()),
       m_random(std::random_device()()) {}
 
 Broker::~Broker() {
@@ -65,6 +67,10 @@ void Broker::Close() {
 
 void Broker::Drop(const std::string& reason) {
     Close();
+    if (m_is_local) {
+        ++m_connection;
+        return;
+    }
     Tell("no connection to the broker: " + reason);
     // Otherwise all bridges would return to a broker at the same moment.
     m_next = After(m_pause * std::uniform_real_distribution<double>(0.5, 1)(m_random));
@@ -91,7 +97,7 @@ void Broker::Connect() {
 
 void Broker::Serve(bool readable, bool writable) {
     if (!m_socket.IsOpen()) {
-        if (Now() >= m_next) {
+        if (!m_is_local && Now() >= m_next) {
             Connect();
         }
         return;
@@ -197,6 +203,14 @@ void Broker::Flush() {
 }
 
 uint32_t Broker::Publish(const Outgoing& message) {
+    if (m_is_local) {
+        if (m_subscribed.count(message.topic) > 0) {
+            Message& back = m_inbox.emplace_back();
+            back.topic = message.topic;
+            back.payload = message.payload;
+        }
+        return ++m_number;
+    }
     const int flags = (message.retain ? ClientPacket::RETAINED : 0) |
                       (message.acknowledged ? ClientPacket::ACKNOWLEDGE : 0);
     Send({Type::Publish,
@@ -210,10 +224,14 @@ uint32_t Broker::Publish(const Outgoing& message) {
 }
 
 void Broker::Subscribe(const std::string& topic, int options) {
+    if (m_is_local) {
+        m_subscribed.insert(topic);
+    }
     Send({Type::Subscribe, static_cast<uint8_t>(options), 0, topic});
 }
 
 void Broker::Unsubscribe(const std::string& topic) {
+    m_subscribed.erase(topic);
     Send({Type::Unsubscribe, 0, 0, topic});
 }
 

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@
 // Each connection is a process of its own (Client.h): nothing that a broker sends ends the program.
 // A connection inherits nothing from the one before: sessions end with them, so that the broker
 // stores nothing for later.
+//
+// With "broker none" it is one itself, for this bridge alone: what is published comes back if it is
+// subscribed, in the next turn. Wildcards match nothing there.
 class Broker {
 public:
     struct Message {
@@ -53,19 +57,19 @@ public:
 
     int Socket() const { return m_socket.Get(); }  // -1: none
     short Events() const;
-    TimePoint NextTime() const { return m_next; }
+    TimePoint NextTime() const { return m_is_local && !m_inbox.empty() ? Now() : m_next; }
 
     // Received messages are in Inbox() and Acknowledged() afterwards.
     void Serve(bool readable, bool writable);
 
     // 0 without a connection, else a different number for each.
-    unsigned int Connection() const { return m_is_connected ? m_connection : 0; }
+    unsigned int Connection() const { return m_is_connected || m_is_local ? m_connection : 0; }
 
     // Passes to the client what was published and subscribed since the last call, all at once.
     void Flush();
 
     // Whether the client accepts more at the moment: otherwise published messages pile up.
-    bool CanSend() const { return m_is_connected && m_unsent.empty(); }
+    bool CanSend() const { return m_is_local || (m_is_connected && m_unsent.empty()); }
 
     // Returns the number of the acknowledgement. A topic with wildcards is acknowledged, not
     // published. Without a connection, nothing is published or subscribed.
@@ -107,7 +111,9 @@ private:
     const std::function<void(const std::string&)> m_tell;
     const As m_as;
     const std::string m_name;  // of the client, which nobody else has
-    Descriptor m_socket;       // to the client
+    const bool m_is_local;
+    std::set<std::string> m_subscribed;  // only without a real broker
+    Descriptor m_socket;                 // to the client
     pid_t m_client = 0;
     std::string m_batch;               // to be sent at the next Flush()
     std::deque<std::string> m_unsent;  // what the client's socket had no room for

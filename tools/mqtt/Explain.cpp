@@ -7,12 +7,14 @@
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <vector>
 
 #include "tools/base/LineBuffer.h"
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/PinJson.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Links.h"
+#include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Topics.h"
 
 namespace {
@@ -20,6 +22,8 @@ namespace {
 // In seconds:
 const double CONNECT_TIME = 10;
 const double LISTEN_TIME = 1.5;  // for what is retained, and for a heartbeat of each site
+
+const uint32_t SOME_BRIDGE = 1;  // its number, if the bus is asked
 
 const char* const NOT_KNOWN = "not known";
 
@@ -61,6 +65,10 @@ private:
     void Print() const;
     void Serve(TimePoint end);
     void TakeMessages();
+    void Take(const Broker::Message& message);
+    void Take(const std::string& topic, const std::string& payload);
+    void AskBus();
+    void TakePin(PinBook& pins, const SitePin& pin);
     std::string StateOf(const SitePin& pin) const;
     std::string ResultOf(std::optional<Level> level) const;
 
@@ -78,6 +86,12 @@ MqttConfig ConfigOf(const MqttConfig& config, const LinkConfig& link) {
     MqttConfig other = config;
     other.site = link.to.site;
     other.links = {link};
+    other.pins.clear();
+    if (config.is_local) {
+        link.from.ForEachPin(
+            [&](const Expression& source) { other.pins.push_back(ParsePinRef(source.pin.pin)); });
+        other.pins.push_back(ParsePinRef(link.to.pin));
+    }
     return other;
 }
 
@@ -113,7 +127,43 @@ void Explainer::Connect() {
     }
 }
 
+void Explainer::Take(const std::string& topic, const std::string& payload) {
+    Broker::Message message;
+    message.topic = topic;
+    message.payload = payload;
+    Take(message);
+}
+
+// As its bridge would publish it.
+void Explainer::TakePin(PinBook& pins, const SitePin& pin) {
+    PinView view = pins.ViewOf(*pin.tag);
+    view.bridge = SOME_BRIDGE;
+    Take(Topics(m_config).Pin(pin.pin), StateText(view, *pin.tag, m_config.names));
+}
+
+void Explainer::AskBus() {
+    PinBook pins(m_config, [](const std::string&) {});
+    PinFollower& bus = pins.Follower();
+    pins.AskAll({});
+    for (const TimePoint end = After(LISTEN_TIME); bus.IsReading() && Now() < end;) {
+        std::vector<pollfd> fds;
+        for (const int fd : bus.Descriptors()) {
+            fds.push_back({fd, POLLIN, 0});
+        }
+        poll(fds.data(), fds.size(), MillisecondsUntil(std::min(bus.NextTime(), end)));
+        bus.Serve();
+    }
+    Take(m_status, ONLINE);
+    Take(Topics(m_config).Alive(), SignText({SOME_BRIDGE, 1}));
+    m_link.from.ForEachPin([&](const Expression& source) { TakePin(pins, source.pin); });
+    TakePin(pins, m_link.to);
+    Print();
+}
+
 void Explainer::Run() {
+    if (m_config.is_local) {
+        return AskBus();
+    }
     Connect();
     for (const TimePoint end = After(LISTEN_TIME); Now() < end;) {
         Serve(end);
@@ -127,10 +177,14 @@ void Explainer::Run() {
 
 void Explainer::TakeMessages() {
     for (const Broker::Message& message : m_broker.Inbox()) {
-        m_payloads[message.topic] = message.payload;
-        m_links.Take(message, Now());
+        Take(message);
     }
     m_broker.Inbox().clear();
+}
+
+void Explainer::Take(const Broker::Message& message) {
+    m_payloads[message.topic] = message.payload;
+    m_links.Take(message, Now());
 }
 
 // What the broker has retained about the pin; empty if nothing.
