@@ -206,6 +206,10 @@ bool Access::OffersSet(const HttpRequest& request) const {
     return m_settings.allow_set && (!HasUsers() || request.visit->rights.MaySetAny());
 }
 
+bool Access::OffersEdit(const HttpRequest& request) const {
+    return HasUsers() ? request.visit->rights.MayEdit() : !m_files.token.empty();
+}
+
 const UserEntry* Access::FindUser(const std::string& name) const {
     const auto found = std::find_if(
         m_files.users.begin(), m_files.users.end(),

@@ -62,6 +62,8 @@ public:
     // Whether the page should offer to set pins. Without users that is so for everyone, as the page
     // asks for the token.
     bool OffersSet(const HttpRequest& request) const;
+    // The same for walls.
+    bool OffersEdit(const HttpRequest& request) const;
     // Whether the page needs a list of the pins that it may set: some, but not all.
     bool ListsSettable(const HttpRequest& request) const;
 

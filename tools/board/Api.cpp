@@ -5,8 +5,8 @@
 
 #include "protocol/numbers.h"
 #include "tools/board/Answers.h"
-#include "tools/board/Assets.h"
 #include "tools/board/Json.h"
+#include "tools/board/Pages.h"
 #include "tools/board/Visit.h"
 #include "tools/bus/Escape.h"
 #include "tools/bus/PinName.h"
@@ -67,25 +67,29 @@ void KeepToReadable(const HttpRequest& request, const Access& access, History::Q
 }  // namespace
 
 Api::Api(Board& board, History& history, EventStream& stream, Access& access, Login& login,
-         Metrics& metrics)
+         Metrics& metrics, Walls& walls)
     : m_board(board),
       m_history(history),
       m_stream(stream),
       m_access(access),
       m_login(login),
       m_metrics(metrics),
+      m_reports(board, history, access),
+      m_walls(walls, board, stream, access),
       m_reads({{"/api/v1/pins", [this](const HttpRequest& r) { return Pins(r); }},
                {"/api/v1/devices", [this](const HttpRequest& r) { return Devices(r); }},
                {"/api/v1/channels", [this](const HttpRequest& r) { return Channels(r); }},
                {"/api/v1/history", [this](const HttpRequest& r) { return FindHistory(r); }},
+               {"/api/v1/days", [this](const HttpRequest& r) { return m_reports.Days(r); }},
+               {"/api/v1/spells", [this](const HttpRequest& r) { return m_reports.Spells(r); }},
                {"/api/v1/events", [this](const HttpRequest& r) { return Follow(r); }},
                {"/metrics", [this](const HttpRequest& r) { return ShowMetrics(r); }},
                {"/healthz", [this](const HttpRequest& r) { return Health(r); }}}) {}
 
 // Those who may read some pins get what these choose for them, and nothing else.
 Access::Verdict Api::MayRead(const HttpRequest& request) const {
-    static const std::set<std::string> CHOOSE = {"/api/v1/pins", "/api/v1/history",
-                                                 "/api/v1/events"};
+    static const std::set<std::string> CHOOSE = {"/api/v1/pins", "/api/v1/history", "/api/v1/days",
+                                                 "/api/v1/spells", "/api/v1/events"};
     return request.path == "/healthz"        ? Access::Verdict{}
            : CHOOSE.count(request.path) != 0 ? m_access.MayReadAny(request)
                                              : m_access.MayReadAll(request);
@@ -102,9 +106,6 @@ HttpResponse Api::Handle(HttpRequest& request) {
     if (request.path == "/api/v1/login" || request.path == "/api/v1/logout") {
         return InOrOut(request);
     }
-    if (request.method != "GET") {
-        return Fail(405, "only GET reads");
-    }
     const auto read = m_reads.find(request.path);
     if (read != m_reads.end()) {
         const Access::Verdict verdict = MayRead(request);
@@ -113,7 +114,13 @@ HttpResponse Api::Handle(HttpRequest& request) {
         }
     }
     try {
-        return read != m_reads.end() ? read->second(request) : Page(request);
+        if (WallApi::IsFor(request.path)) {
+            return m_walls.Handle(request);
+        }
+        if (request.method != "GET") {
+            return Fail(405, "only GET reads");
+        }
+        return read != m_reads.end() ? read->second(request) : ServePage(request);
     } catch (const std::invalid_argument& error) {
         return Fail(400, error.what());
     }
@@ -128,21 +135,6 @@ HttpResponse Api::InOrOut(const HttpRequest& request) {
     }
     return request.path == "/api/v1/login" ? m_login.LogIn(request, Now())
                                            : m_login.LogOut(request);
-}
-
-HttpResponse Api::Page(const HttpRequest& request) const {
-    // The pins of a lamp are in its path, for the script.
-    const bool lamp = request.path.compare(0, 6, "/lamp/") == 0;
-    const Asset* const asset = FindAsset(lamp ? "/lamp.html" : request.path);
-    if (asset == nullptr) {
-        return Fail(404, "no such page");
-    }
-    HttpResponse response;
-    response.type = std::string(asset->type);
-    response.fixed = asset->bytes;
-    response.headers = {{"ETag", std::string(asset->tag)}, {"Cache-Control", "no-cache"}};
-    response.status = request.Header("if-none-match") == asset->tag ? 304 : 200;
-    return response;
 }
 
 HttpResponse Api::Pins(const HttpRequest& request) const {

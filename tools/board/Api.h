@@ -12,18 +12,19 @@
 #include "tools/board/Http.h"
 #include "tools/board/Login.h"
 #include "tools/board/Metrics.h"
+#include "tools/board/Reports.h"
+#include "tools/board/WallApi.h"
 
 class Api {
 public:
     // All must outlive the interface.
     Api(Board& board, History& history, EventStream& stream, Access& access, Login& login,
-        Metrics& metrics);
+        Metrics& metrics, Walls& walls);
 
     HttpResponse Handle(HttpRequest& request);
 
 private:
     Access::Verdict MayRead(const HttpRequest& request) const;
-    HttpResponse Page(const HttpRequest& request) const;
     HttpResponse Pins(const HttpRequest& request) const;
     HttpResponse Devices(const HttpRequest& request) const;
     HttpResponse Channels(const HttpRequest& request) const;
@@ -41,5 +42,7 @@ private:
     Access& m_access;
     Login& m_login;
     Metrics& m_metrics;
+    Reports m_reports;
+    WallApi m_walls;
     const std::map<std::string, std::function<HttpResponse(const HttpRequest&)>> m_reads;
 };

@@ -27,7 +27,8 @@ std::string LastWords(const std::string& reason) {
 // For every response. The page needs nothing from other origins.
 const char* const SAFETY =
     "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; img-src "
-    "'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+    "'self'; connect-src 'self'; manifest-src 'self'; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'; "
     "require-trusted-types-for 'script'\r\n"
     "X-Content-Type-Options: nosniff\r\n"
     "Referrer-Policy: no-referrer\r\n"

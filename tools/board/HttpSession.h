@@ -18,8 +18,8 @@
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
     static constexpr uint32_t MAX_HEADER = 8192;
-    static constexpr uint64_t MAX_BODY = 4096;
-    static constexpr size_t MAX_CHUNK = 65536;  // of events in one write to a viewer
+    static constexpr uint64_t MAX_BODY = 16384;  // a wall of 200 lamps
+    static constexpr size_t MAX_CHUNK = 65536;   // of events in one write to a viewer
     static constexpr std::chrono::seconds REQUEST_TIME{10};
     static constexpr std::chrono::seconds WRITE_TIME{15};
 

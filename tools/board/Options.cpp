@@ -45,6 +45,8 @@ void AddPlaces(CLI::App& app, Options& options, CompletionKinds& kinds) {
         Completion::File;
     kinds[app.add_option("--names", options.names, "Names of pins and addresses")
               ->type_name("FILE")] = Completion::File;
+    kinds[app.add_option("--walls", options.walls, "Keep the walls in this file")
+              ->type_name("FILE")] = Completion::File;
     app.add_option("-r,--control", options.control, "Follow this control server (port 93)")
         ->type_name("IP[:PORT]")
         ->check(Parses([](const std::string& text) { ParseHostPort(text, LINE_PORT); }));

@@ -13,6 +13,7 @@ struct Options {
     std::string listen = "127.0.0.1:8093";
     std::string db;
     std::string names;
+    std::string walls;
     std::string control;
     std::string keep = "90d";
     std::string keep_size = "1G";

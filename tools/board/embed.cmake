@@ -1,6 +1,6 @@
 # Writes a source file that contains the files of a folder: cmake -DFOLDER=... -DOUT=... -P embed.cmake
 set(types .html "text/html; charset=utf-8" .css "text/css; charset=utf-8"
-          .js "text/javascript; charset=utf-8" .svg "image/svg+xml")
+          .js "text/javascript; charset=utf-8" .svg "image/svg+xml" .png "image/png")
 file(GLOB files RELATIVE ${FOLDER} ${FOLDER}/*)
 list(SORT files)
 set(arrays "")

@@ -37,6 +37,12 @@ const std::chrono::milliseconds STORE_PACE{History::STORE_AFTER};
 const std::chrono::milliseconds STORE_AGAIN{500};  // while the history can't be written
 const int FIRST_PASSED_SOCKET = 3;
 
+// Empty if systemd gave the program no folder.
+std::string StateFile(const char* name) {
+    const char* const folder = getenv("STATE_DIRECTORY");
+    return folder != nullptr && *folder != '\0' ? std::string(folder) + "/" + name : "";
+}
+
 class Program {
 public:
     explicit Program(const Options& options);
@@ -49,6 +55,7 @@ private:
     static BoardSettings BoardSettingsOf(const Options& options);
     static HistorySettings HistorySettingsOf(const Options& options);
     static AccessSettings AccessSettingsOf(const Options& options);
+    static std::string WallsFileOf(const Options& options);
     void Turn();
     void WatchBus(Wait& wait);
     void WatchControl();
@@ -71,6 +78,7 @@ private:
     PasswordQueue m_passwords;
     Login m_login;
     Metrics m_metrics;
+    Walls m_walls;
     Api m_api;
     HttpServer m_server;
     // Sockets that belong to the board. Those of the bus stay the same once they are open; that of
@@ -107,14 +115,14 @@ BoardSettings Program::BoardSettingsOf(const Options& options) {
 
 HistorySettings Program::HistorySettingsOf(const Options& options) {
     HistorySettings settings;
-    settings.file = options.db;
-    const char* const folder = getenv("STATE_DIRECTORY");
-    if (settings.file.empty() && folder != nullptr && *folder != '\0') {
-        settings.file = std::string(folder) + "/history.db";
-    }
+    settings.file = !options.db.empty() ? options.db : StateFile("history.db");
     settings.keep_ms = ParseAge(options.keep);
     settings.keep_bytes = settings.file.empty() ? 8 << 20 : ParseSize(options.keep_size);
     return settings;
+}
+
+std::string Program::WallsFileOf(const Options& options) {
+    return !options.walls.empty() ? options.walls : StateFile("walls.json");
 }
 
 AccessSettings Program::AccessSettingsOf(const Options& options) {
@@ -145,7 +153,8 @@ Program::Program(const Options& options)
       m_passwords(m_loop),
       m_login(m_access, m_passwords),
       m_metrics(m_board, m_history),
-      m_api(m_board, m_history, m_stream, m_access, m_login, m_metrics),
+      m_walls(WallsFileOf(options)),
+      m_api(m_board, m_history, m_stream, m_access, m_login, m_metrics, m_walls),
       m_server(m_loop, m_stream, [this](HttpRequest& request) {
           HttpResponse response = m_api.Handle(request);
           StoreSoon();
@@ -323,6 +332,9 @@ void Program::Run() {
         m_loop.stop();
     });
     ReloadOnSignal();
+    if (!m_walls.Problem().empty()) {
+        fprintf(stderr, "orvex-board: walls: %s\n", m_walls.Problem().c_str());
+    }
     Turn();
     Keep();
     printf("orvex-board: http://%s/\n", m_server.Address().c_str());

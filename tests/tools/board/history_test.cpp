@@ -8,6 +8,8 @@
 #include <fstream>
 #include <functional>
 
+#include "tools/board/PinTimes.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -245,6 +247,47 @@ TEST_F(HistoryTest, NotesAClockThatIsSetBack) {
     ASSERT_EQ(answer->events.size(), 2U);
     EXPECT_EQ(answer->events[0].time, START + 7);
     EXPECT_FALSE(answer->earlier);
+}
+
+// H, L, again L, a gap in which it is told, L after it; the clock is set back by an hour before the
+// end.
+TEST_F(HistoryTest, StretchesOfAPin) {
+    History history(settings);
+    history.Open(START);
+    const auto note = [&](EventKind kind, int64_t time) {
+        Event event;
+        event.kind = kind;
+        event.time = START + time;
+        event.text = "x";
+        history.Add(event);
+    };
+    AddTold(history, START + 1000, false);
+    AddTold(history, START + 3000, true);
+    AddTold(history, START + 4000, true);
+    note(EventKind::GapBegin, 6000);
+    AddTold(history, START + 7000, true);
+    note(EventKind::GapEnd, 8000);
+    AddTold(history, START + 9000, true);
+    AddTold(history, START + 3600000, false);
+    AddTold(history, START + 20000, false);
+    history.Store(START + 4000000);
+    History::Query query;
+    query.tag = PIN;
+    query.from = START;
+    query.until = START + 30000;
+    const LevelTimes sum = SumOf(
+        StretchesOf(*history.Find(query, START + 4000000), START, query.until), START, query.until);
+    EXPECT_EQ(sum.high_ms, 2000 + 10000);
+    EXPECT_EQ(sum.low_ms, 3000 + 11000);
+    EXPECT_EQ(sum.unknown_ms, 1000 + 3000);
+    EXPECT_EQ(sum.became_low, 1U);
+    EXPECT_EQ(sum.became_high, 1U);
+    query.from = START + 10000;  // it was low before
+    const std::vector<Stretch> later =
+        StretchesOf(*history.Find(query, START + 4000000), query.from, query.until);
+    ASSERT_EQ(later.size(), 2U);
+    EXPECT_EQ(later[0].low, true);
+    EXPECT_EQ(later[0].until, START + 20000);
 }
 
 }  // namespace

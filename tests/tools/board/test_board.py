@@ -176,7 +176,7 @@ class BoardTest(unittest.TestCase):
         for wrong in ("", "[" * 4000, '{"pin":"1:2:in1","level":"L"}', '{"pin":"1:2:out1","level":"x"}',
                       '{"pin":"1:2:out1","level":"L","duration":-1}', '{"pin":7,"level":"L"}'):
             self.assertEqual(ask("/api/v1/set", "POST", wrong, SET)[0], 400, wrong[:40])
-        self.assertEqual(ask("/api/v1/set", "POST", "x" * 5000, SET)[0], 413)
+        self.assertEqual(ask("/api/v1/set", "POST", "x" * 20000, SET)[0], 413)
         self.assertNotIn("GPO 2 xxxxL", pathlib.Path("/run/sim.log").read_text("utf-8"))
         self.assertEqual(ask("/api/v1/set", "POST", body, SET)[0], 202)
         until(lambda: "< GPO 2 xxxxL DURATION:310" in pathlib.Path("/run/sim.log").read_text("utf-8"))
@@ -196,6 +196,50 @@ class BoardTest(unittest.TestCase):
                                 stderr=subprocess.PIPE, text=True, timeout=10, check=False)
         self.assertEqual((second.returncode, second.stderr),
                          (1, f"orvex-board: /run/h.db is used by another program (process {board_pid()})\n"))
+
+    def test_days_tell_how_long_and_how_often_and_who(self):
+        begin = int(time.time() * 1000) - 60000
+        until(lambda: pin("1:2:in1")["state"] == "told")
+        for level in "LH":
+            body = json.dumps({"pin": "1:2:out2", "level": level, "who": "Ann"})
+            self.assertEqual(ask("/api/v1/set", "POST", body, SET)[0], 202)
+            until(lambda level=level: (pin("1:2:out2")["state"], pin("1:2:out2")["level"]) == ("told", level))
+        day, end = 86400000, begin + 3600000
+        days = f"days={end - 2 * day},{end - day},{end}"
+        answer = get(f"/api/v1/days?{days}&pin=1:2:out2")
+        before, today = answer["pins"][0]["days"]
+        self.assertEqual((before["unknown_ms"], before["became_low"]), (day, 0))
+        self.assertGreater(min(today["low_ms"], today["became_low"], today["became_high"]), 0)
+        self.assertLess(abs(today["low_ms"] + today["high_ms"] + today["unknown_ms"] - (answer["now"] - (end - day))), 2000)
+        spells = get(f"/api/v1/spells?from={begin}&pin=1:2:out2")["spells"]
+        self.assertEqual((spells[-1]["who"], spells[-1]["to_known"]), ("Ann (127.0.0.1)", True))
+        self.assertIn('1:2:out2,"studio1:out2",L,', ask(f"/api/v1/spells?from={begin}&group=studio1&format=csv")[1])
+        self.assertGreater(len(get(f"/api/v1/days?{days}&after=1:2:out2")["pins"]), 4)  # the rest
+        for wrong in ("", "days=1", "days=2,1", "days=1,2x", "days=1,99999999999", "days=" + ",".join(map(str, range(40)))):
+            self.assertEqual(ask(f"/api/v1/days?{wrong}")[0], 400, wrong)
+
+    def test_walls_are_kept_by_those_who_may(self):
+        def put(name, wall, **headers):
+            return ask(f"/api/v1/walls/{name}", "PUT", json.dumps(wall), {**SET, **headers})[0]
+
+        wall = {"title": "Flur \u00fc", "version": 0, "lamps": [{"pin": "studio1.onair", "on": "", "color": "#ff8800"}]}
+        self.assertEqual(put("hall", wall, Authorization="Bearer " + "x" * 20), 401)
+        self.assertEqual(put("hall", wall), 200)
+        self.assertEqual([put("hall", wall), put("hall", {**wall, "version": 1}), put("other", {**wall, "version": 1})], [409, 200, 409])
+        for name, change in [("..%2fx", {}), ("%20", {}), ("x" * 41, {}), ("x", {"lamps": []}), ("x", {"lamps": [7]}), ("x", {"lamps": "y"}),
+                             ("x", {"lamps": [{"pin": "no"}]}), ("x", {"lamps": [{"pin": "1:2:in1"}] * 201}), ("x", {"size": -1}),
+                             ("x", {"lamps": [{"pin": "1:2:in1", "color": "url(x)"}]}), ("x", {"title": "t" * 121}), ("x", {"version": "1"})]:
+            self.assertEqual(put(name, {**wall, **change}), 400, (name, change))
+        restart("/run/h.db")
+        kept = get("/api/v1/walls/hall")
+        self.assertEqual((kept["title"], kept["version"], kept["lamps"]), (wall["title"], 2, wall["lamps"]))
+        pathlib.Path("/run/walls.json").write_text("[", "ascii")
+        restart("/run/h.db")
+        self.assertEqual(put("hall", wall), 503)
+        self.assertEqual(pathlib.Path("/run/walls.json").read_text("ascii"), "[")
+        os.remove("/run/walls.json")
+        restart("/run/h.db")
+        self.assertEqual([put("hall", wall), ask("/api/v1/walls/hall", "DELETE", None, SET)[0], len(get("/api/v1/walls")["walls"])], [200, 200, 0])
 
     def test_requests_cut_at_every_byte(self):
         end = f"Host: {HOST}\r\nConnection: close\r\n"

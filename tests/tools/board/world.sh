@@ -36,7 +36,7 @@ chmod 600 /run/token
 "$bin/tools/sim/orvex-sim" /run/tqrd.conf <&7 >/run/sim.log 2>&1 &
 "$bin/app/orvex" -debug >/run/orvex.log 2>&1 &
 cat >/run/board.sh <<BOARD
-"$bin/tools/board/orvex-board" -i eth0 --names /run/names --db "\${DB:-/run/h.db}" -r 127.0.0.1 \\
+"$bin/tools/board/orvex-board" -i eth0 --names /run/names --walls /run/walls.json --db "\${DB:-/run/h.db}" -r 127.0.0.1 \\
     --allow-set --token-file /run/token >>/run/board.log 2>&1 & echo \$! >/run/board.pid
 BOARD
 await /run/sim.log "ADD GPI 3"

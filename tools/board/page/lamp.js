@@ -1,99 +1,157 @@
-// Pins as lamps that fill the screen: /lamp/PIN or /lamp/PIN,PIN. In the query: color, a name or #rrggbb; on and off,
-// the words; level=H for lamps that are lit when high; vibrate.
+// Lamps that fill the screen: /lamp/PIN,PIN, /wall?group=GROUP,GROUP or /wall/NAME. In the query: color, a name or
+// #rrggbb; on and off, the words; level=H for lamps that are lit when high; size, the lamps in a row; vibrate.
 import { h } from "./dom.js";
-import { asKnown, isCurrent, now, on, start, store } from "./store.js";
-import { nameOf, span, timeText } from "./text.js";
+import { find, makeLight } from "./light.js";
+import { ask, isCurrent, on, start, store } from "./store.js";
+import { nameOf, rankOf } from "./text.js";
 
-const COLORS = { red: "#d90a0a", amber: "#ffb020", green: "#14b84b" };
+const MOST = 400; // lamps of a wall
+const SHAPE = 1.6; // width by height of a lamp that is easy to read
 
-const wanted = decodeURIComponent(location.pathname.slice(location.pathname.lastIndexOf("/") + 1)).split(",").filter(Boolean);
+const root = new URL(".", import.meta.url);
+const path = location.pathname.slice(root.pathname.length); // "lamp/PIN", "wall" or "wall/NAME"
+const name = decodeURIComponent(path.slice(path.indexOf("/") + 1));
 const query = new URLSearchParams(location.search);
+const main = document.getElementById("lamps");
 const hint = document.getElementById("hint");
-const litLevel = query.get("level") === "H" ? "H" : "L";
-const words = { lit: query.get("on") ?? "ON", dark: query.get("off") ?? "OFF", unknown: "?" };
 
-const find = (name) => store.pins.get(name) ?? [...store.pins.values()].find((pin) => pin.name === name) ?? { pin: name, level: null, state: "unknown" };
+const given = Object.fromEntries(["color", "level", "on", "off"].filter((key) => query.has(key)).map((key) => [key, query.get(key)]));
+let size = Number(query.get("size")) || 0;
+let lights = [];
 
-// A level that was only requested is not known: no device has confirmed it.
-const lookOf = (pin) => (pin.state !== "told" || pin.level === null ? "unknown" : pin.level === litLevel ? "lit" : "dark");
+// ---- which lamps ----
 
-function unknownText(pin) {
-    if (store.mustLogIn) {
-        return "log in on the board to see it";
-    }
-    if (!isCurrent()) {
-        return store.since ? `the board can't be reached since ${timeText(store.since)}` : "the board can't be reached";
-    }
-    if (!store.board?.link.up && pin.level === null) {
-        return "the bus can't be heard";
-    }
-    return pin.state === "written" ? `${pin.level} requested, not confirmed` : pin.heard ? `not known for ${span(now() - pin.since)}` : "never heard";
+// The pins of groups, given by names or addresses. Those without a name of their own are left out if others have one.
+function pinsOf(groups) {
+    const isIn = (pin) => !groups.length || groups.includes(pin.group) || groups.includes(pin.pin.slice(0, pin.pin.lastIndexOf(":")));
+    const all = [...store.pins.values()].filter(isIn).sort((a, b) => rankOf(a.pin) - rankOf(b.pin));
+    const named = all.filter((pin) => pin.title || (pin.name && !pin.name.includes(":")));
+    return named.length ? named : all;
 }
 
-// With two devices of the same address, a lamp shows what the last one said.
-function sharedText(pin) {
-    const address = `${pin.pin.slice(0, pin.pin.lastIndexOf(":"))} `;
-    const text = store.board?.shared?.find((one) => one.startsWith(address));
-    return text && isCurrent() ? `. ${text}` : "";
+function showMessage(reason) {
+    const text = isCurrent() ? reason : store.mustLogIn ? "Log in on the board to see it" : store.state === "lost" ? "The board can't be reached" : "Connecting";
+    lights = [];
+    main.replaceChildren(h("section", { className: "unknown message" }, h("p", { className: "word" }, "?"), h("h1", {}, text)));
+    fit();
 }
 
-function makeLamp(name) {
-    const parts = [h("p", { className: "word", role: "status" }), h("h1", {}), h("p", { className: "since" })];
-    const element = h("section", { className: "unknown" }, ...parts);
-    let shown = "";
-    const show = () => {
-        const pin = asKnown(find(name));
-        const look = lookOf(pin);
-        const texts = [words[look], nameOf(pin), look === "unknown" ? unknownText(pin) : span(now() - pin.since) + sharedText(pin)];
-        parts.forEach((part, i) => part.textContent !== texts[i] && (part.textContent = texts[i]));
-        element.className = look;
-        if (shown && shown !== look && query.has("vibrate")) {
-            navigator.vibrate?.(look === "unknown" ? [100, 100, 100] : 300);
+function vibrate(look) {
+    navigator.vibrate?.(look === "unknown" ? [100, 100, 100] : 300);
+}
+
+function showLamps(wanted, title) {
+    document.title = `${title} \u2013 lamp`;
+    const key = JSON.stringify(wanted);
+    if (main.dataset.key !== key || !lights.length) {
+        main.dataset.key = key;
+        lights = wanted.map((one) => makeLight(one, query.has("vibrate") ? vibrate : undefined));
+        main.replaceChildren(...lights.map(({ element }) => element));
+        // All words have one size, so that nothing moves when a lamp changes.
+        main.style.setProperty("--letters", Math.max(3, ...lights.map(({ letters }) => letters)));
+        fit();
+    }
+    showAll();
+}
+
+const showAll = () => lights.forEach(({ show }) => show());
+
+function showGroup() {
+    const groups = (query.get("group") ?? "").split(",").filter(Boolean);
+    const pins = pinsOf(groups);
+    if (pins.length) {
+        showLamps(pins.slice(0, MOST).map(({ pin }) => ({ pin, ...given })), groups.join(", ") || "all pins");
+        tellHint("many", pins.length > MOST ? `${MOST} of ${pins.length} pins: choose a group in the address (?group=).` : "");
+    } else {
+        showMessage("No pin is in this group");
+    }
+}
+
+async function showWall() {
+    try {
+        const wall = await ask(`api/v1/walls/${encodeURIComponent(name)}`);
+        size = Number(query.get("size")) || wall.size;
+        showLamps(wall.lamps.map((lamp) => ({ ...given, ...lamp })), wall.title || wall.name);
+    } catch (error) {
+        if (!lights.length || isCurrent()) {
+            showMessage(`${name}: ${error.message}`);
         }
-        shown = look;
-    };
-    return { name, element, show };
+    }
 }
 
-const lamps = wanted.map(makeLamp);
-const showAll = () => lamps.forEach(({ show }) => show());
+const isWall = path.startsWith("wall/") && name;
+const build = path.startsWith("lamp/") ? () => {
+    const pins = name.split(",").filter(Boolean);
+    showLamps(pins.map((pin) => ({ pin, ...given })), pins.map((pin) => nameOf(find(pin))).join(", "));
+} : isWall ? showWall : showGroup;
+
+// ---- the screen ----
+
+// As many in a row as make them largest.
+function fit() {
+    const count = main.children.length;
+    const sizeOf = (columns) => Math.min(innerWidth / columns / SHAPE, innerHeight / Math.ceil(count / columns));
+    let best = 1;
+    for (let columns = 2; columns <= count; ++columns) {
+        best = sizeOf(columns) > sizeOf(best) ? columns : best;
+    }
+    main.style.setProperty("--columns", size || best);
+    main.classList.toggle("many", count > 3);
+}
+
+const hints = new Map();
+function tellHint(kind, text) {
+    text ? hints.set(kind, text) : hints.delete(kind);
+    hint.textContent = [...hints.values()].join(" ");
+    hint.hidden = hints.size === 0;
+}
 
 // Browsers keep the screen on only where the page came over HTTPS, and only while it is visible.
 async function stayAwake() {
     try {
         await navigator.wakeLock.request("screen");
+        tellHint("awake", "");
     } catch {
         if (!document.hidden) {
-            hint.textContent = "The screen may switch itself off: browsers keep it on for pages over HTTPS only. Touch for full screen.";
-            hint.hidden = false;
+            tellHint("awake", isSecureContext ? "The screen may switch itself off: this browser does not keep it on."
+                : "The screen may switch itself off: browsers keep it on for pages over HTTPS only.");
         }
     }
 }
 
-// Letters on bright colours are black.
-function setColor(name) {
-    const lit = /^#[0-9a-f]{6}$/i.test(name) ? name : COLORS[name] ?? COLORS.red;
-    const [red, green, blue] = [1, 3, 5].map((i) => (parseInt(lit.slice(i, i + 2), 16) / 255) ** 2.2);
-    const bright = 0.2126 * red + 0.7152 * green + 0.0722 * blue > 0.18;
-    document.documentElement.style.setProperty("--lit", lit);
-    document.documentElement.style.setProperty("--on-lit", bright ? "#000" : "#fff");
+function touch() {
+    hints.clear();
+    tellHint("touch", "");
+    document.documentElement.requestFullscreen?.().catch(() => {});
+    stayAwake().then(() => { hint.hidden = true; });
 }
 
-setColor(query.get("color"));
-// All words have one size, so that nothing moves when a lamp changes.
-document.documentElement.style.setProperty("--letters", Math.max(3, words.lit.length, words.dark.length));
-document.title = `${wanted.join(", ")} \u2013 lamp`;
-document.getElementById("lamps").append(...lamps.map(({ element }) => element));
-document.addEventListener("click", () => {
-    hint.hidden = true;
-    document.documentElement.requestFullscreen?.().catch(() => {});
-});
-document.addEventListener("visibilitychange", stayAwake);
-for (const kind of ["pin", "new"]) {
-    on(kind, (pin) => lamps.filter(({ name }) => name === pin.pin || name === pin.name).forEach(({ show }) => show()));
+// Makes this page an app that can be installed.
+function offerApp() {
+    const page = encodeURIComponent(path + location.search);
+    const title = encodeURIComponent(document.title.replace(/ \u2013 lamp$/, ""));
+    document.head.append(h("link", { rel: "manifest", href: new URL(`manifest?page=${page}&name=${title}`, root).href }));
 }
-["pins", "status"].forEach((kind) => on(kind, showAll));
+
+if (query.has("vibrate")) {
+    tellHint("touch", navigator.vibrate ? "Touch once, so that the browser lets it vibrate." : "This browser can't vibrate.");
+}
+document.addEventListener("click", touch);
+document.addEventListener("visibilitychange", stayAwake);
+addEventListener("resize", fit);
+on("pin", (pin) => lights.filter(({ isOf }) => isOf(pin)).forEach(({ show }) => show()));
+let due = 0;
+const buildSoon = () => { clearTimeout(due); due = setTimeout(build, 100); };
+on("new", (pin) => (path === "wall" ? buildSoon() : lights.filter(({ isOf }) => isOf(pin)).forEach(({ show }) => show())));
+on("wall", (wall) => isWall && wall.name === name && build());
+on("status", () => (lights.length ? showAll() : build()));
+let installable = false;
+on("pins", async () => {
+    showAll();
+    await build();
+    installable ||= (offerApp(), true);
+});
 setInterval(showAll, 1000);
-showAll();
+build();
 stayAwake();
 start();

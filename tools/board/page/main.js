@@ -1,4 +1,5 @@
 // Chooses the view by the address, and shows whether the data can be relied on.
+import { showDays } from "./days.js";
 import { h } from "./dom.js";
 import { showLamps } from "./lamps.js";
 import { showChannels, showDevices, showHistory } from "./lists.js";
@@ -6,11 +7,12 @@ import { showPin } from "./pin.js";
 import "./login.js";
 import { on, start, store } from "./store.js";
 import { timeText } from "./text.js";
+import { showEditor, showWalls } from "./walls.js";
 
 const main = document.getElementById("main");
 const banner = document.getElementById("banner");
 const status = document.getElementById("status");
-const VIEWS = { "": showLamps, devices: showDevices, channels: showChannels, history: showHistory };
+const VIEWS = { "": showLamps, devices: showDevices, channels: showChannels, history: showHistory, days: showDays, walls: showWalls };
 let close = null;
 let shown = null;
 let first = true; // nothing has been loaded yet
@@ -24,9 +26,10 @@ function navigate() {
     const route = decodeURIComponent(path);
     const query = new URLSearchParams(text);
     close?.();
-    close = route.startsWith("pin/") ? showPin(main, route.slice(4), query) : (VIEWS[route] ?? showLamps)(main, query);
+    close = route.startsWith("pin/") ? showPin(main, route.slice(4), query)
+        : route.startsWith("wall/") ? showEditor(main, route.slice(5)) : (VIEWS[route] ?? showLamps)(main, query);
     for (const link of document.querySelectorAll("nav a")) {
-        link.getAttribute("href") === `#/${route}` ? link.setAttribute("aria-current", "page") : link.removeAttribute("aria-current");
+        link.getAttribute("href") === `#/${route.startsWith("wall/") ? "walls" : route}` ? link.setAttribute("aria-current", "page") : link.removeAttribute("aria-current");
     }
     document.title = route ? `${route.replace(/^pin\//, "")} \u2013 orvex board` : "orvex board";
     if (shown !== null && shown !== route) {

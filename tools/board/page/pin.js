@@ -2,6 +2,7 @@
 import { h } from "./dom.js";
 import { eventList } from "./events.js";
 import { askToSet } from "./set.js";
+import { phoneCode } from "./share.js";
 import { asKnown, now, on, store } from "./store.js";
 import { classOf, durationText, levelText, nameOf, running, span, timeText } from "./text.js";
 import { Timeline } from "./timeline.js";
@@ -69,7 +70,9 @@ export function showPin(main, name, query) {
     if (store.allowSet && mine && /:out\d$/.test(name)) {
         buttons.append(setting("L", "", "Set low\u2026"), setting("H", "", "Set high\u2026"), setting("L", 500, "Pulse\u2026"));
     }
-    main.replaceChildren(h("p", { className: "ways" }, h("a", { href: "#/" }, "\u2190 All pins"), h("a", { href: `lamp/${name}`, target: "_blank", rel: "noopener" }, "As a lamp that fills the screen")), h("div", { className: "big" }, bulb, h("div", {}, heading, list)), buttons, timeline.element, past);
+    const ways = h("div", { className: "ways" }, h("a", { href: "#/" }, "\u2190 All pins"),
+        h("a", { href: `lamp/${name}`, target: "_blank", rel: "noopener" }, "As a lamp that fills the screen"), phoneCode(`lamp/${name}`, "On a phone"));
+    main.replaceChildren(ways, h("div", { className: "big" }, bulb, h("div", {}, heading, list)), buttons, timeline.element, past);
     current = { name, show };
     show();
     return () => { current = null; timeline.close(); };

@@ -22,7 +22,7 @@ let open = false; // it is connected
 let heard = 0;
 let waiting = null; // events that came while all pins were being loaded
 
-// kind: "pin" or "new" (with the pin), "pins" (all have changed), "status", "device", "channel". Returns a
+// kind: "pin" or "new" (with the pin), "pins" (all have changed), "status", "device", "channel", "wall". Returns a
 // function that unsubscribes.
 export function on(kind, listener) {
     const all = listeners.get(kind) ?? new Set();
@@ -65,6 +65,7 @@ const takers = {
         store.board = data;
         tell("status");
     },
+    wall(data) { tell("wall", data); },
     beat(data) { store.offset = data.now - Date.now(); },
     device(data) { tell("device", data); },
     channel(data) { tell("channel", data); },

@@ -9,6 +9,8 @@ const second = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-
 const minute = new Intl.DateTimeFormat(undefined, { hour: "2-digit", minute: "2-digit", hourCycle: "h23" });
 const day = new Intl.DateTimeFormat(undefined, { month: "short", day: "2-digit" });
 
+const moment = new Intl.DateTimeFormat(undefined, { ...DAY, ...TIME, weekday: undefined, fractionalSecondDigits: undefined });
+export const momentText = (ms) => moment.format(ms);
 export const timeText = (ms) => clock.format(ms);
 export const dayText = (ms) => dayOnly.format(ms);
 export const clockText = (ms) => clockOnly.format(ms);
@@ -35,6 +37,12 @@ export function span(ms) {
     }
     const hours = Math.floor((s % 86400) / 3600);
     return `${Math.floor(s / 86400)} d${hours ? ` ${hours} h` : ""}`;
+}
+
+// A sum of times, more exactly: "3.5 s", "12 min 5 s", "2 h 5 min"
+export function lengthText(ms) {
+    const s = Math.floor(ms / 1000);
+    return s < 60 ? `${(ms / 1000).toFixed(1)} s` : s < 3600 ? `${Math.floor(s / 60)} min ${s % 60} s` : `${Math.floor(s / 3600)} h ${Math.floor((s % 3600) / 60)} min`;
 }
 
 export const levelText = (level) => (level === "L" ? "low" : level === "H" ? "high" : "not known");
