@@ -106,6 +106,8 @@ public:
 
     // Reads that were sent; messages about pins, and of devices, for which there was no room.
     uint64_t Reads() const { return m_reads; }
+    // Datagrams that this host has lost, because they were not taken in time.
+    uint64_t Lost() const { return m_lost; }
     uint64_t PassedOver() const { return m_states.PassedOver() + m_devices.PassedOver(); }
 
 private:

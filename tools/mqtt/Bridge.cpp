@@ -19,7 +19,8 @@ const double OWN_PINS_TIME = 1;  // until links can know this site's own pins
 
 }  // namespace
 
-Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print)
+Bridge::Bridge(MqttConfig& config, const std::string& metrics,
+               std::function<void(const std::string&)> print)
     : m_config(config),
       m_topics(config),
       m_log(LOG_LINES, std::move(print)),
@@ -31,7 +32,8 @@ Bridge::Bridge(MqttConfig& config, std::function<void(const std::string&)> print
       m_losses(config.loss_file),
       m_links(config, m_losses.Saved()),
       m_presence(config, m_topics, m_broker),
-      m_publisher(config, m_topics, m_pins, m_links, m_sets, m_broker, m_presence.Number()) {
+      m_publisher(config, m_topics, m_pins, m_links, m_sets, m_broker, m_presence.Number()),
+      m_metrics(metrics, m_broker, m_pins, m_sets, m_links) {
     m_bus.on_message = [this](const Traffic& traffic, bool) { TakeTraffic(traffic); };
 }
 
@@ -64,9 +66,10 @@ bool Bridge::Wait(const Signals& signals) {
     for (const int fd : m_bus.Descriptors()) {
         fds.push_back({fd, POLLIN, 0});
     }
-    const TimePoint next = std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(),
-                                     m_links.NextTime(), m_notify.NextTime(), m_presence.NextTime(),
-                                     m_publisher.NextTime(), After(TURN_EVERY)});
+    const TimePoint next =
+        std::min({m_broker.NextTime(), m_bus.NextTime(), m_sets.NextTime(), m_links.NextTime(),
+                  m_notify.NextTime(), m_presence.NextTime(), m_publisher.NextTime(),
+                  m_metrics.NextTime(), After(TURN_EVERY)});
     poll(fds.data(), fds.size(), MillisecondsUntil(next));
     const short got = fds[1].revents;
     m_broker.Serve((got & ~POLLOUT) != 0, (got & POLLOUT) != 0);
@@ -122,6 +125,11 @@ void Bridge::Step() {
     FollowPhase();
     m_publisher.Publish((m_phase == Phase::Publishing || m_phase == Phase::Online) &&
                         m_presence.MayDrive());
+    const std::string failure =
+        m_metrics.Tend(m_phase == Phase::Online, m_phase == Phase::StandingBy);
+    if (!failure.empty()) {
+        m_tell(failure);
+    }
     m_log.Tend();
 }
 

@@ -10,6 +10,7 @@
 #include "tools/base/Signals.h"
 #include "tools/mqtt/Broker.h"
 #include "tools/mqtt/Links.h"
+#include "tools/mqtt/Metrics.h"
 #include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Presence.h"
 #include "tools/mqtt/Publisher.h"
@@ -28,8 +29,10 @@ class Bridge {
 public:
     enum class End { Stopped, TakenOver };
 
-    // Throws BusError. The configuration changes when it is read again.
-    Bridge(MqttConfig& config, std::function<void(const std::string&)> print);
+    // Throws BusError. The configuration changes when it is read again. metrics is a file; empty:
+    // none.
+    Bridge(MqttConfig& config, const std::string& metrics,
+           std::function<void(const std::string&)> print);
 
     // Runs until a signal comes, or another bridge takes the site over. SIGHUP reads the file
     // again: names, pins and links may change.
@@ -76,6 +79,7 @@ private:
     Links m_links;
     Presence m_presence;
     Publisher m_publisher;
+    Metrics m_metrics;
 
     Notify m_notify;
     Phase m_phase = Phase::Away;

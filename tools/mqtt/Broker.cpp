@@ -150,6 +150,7 @@ void Broker::Take(const ClientPacket& packet) {
     switch (packet.type) {
         case Type::Connected:
             m_is_connected = true;
+            ++m_connections;
             m_next = TimePoint::max();
             return Tell("connected to the broker");
         case Type::Received:
@@ -211,6 +212,7 @@ uint32_t Broker::Publish(const Outgoing& message) {
         }
         return ++m_number;
     }
+    m_published += m_is_connected;
     const int flags = (message.retain ? ClientPacket::RETAINED : 0) |
                       (message.acknowledged ? ClientPacket::ACKNOWLEDGE : 0);
     Send({Type::Publish,

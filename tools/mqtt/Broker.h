@@ -68,6 +68,10 @@ public:
     // Passes to the client what was published and subscribed since the last call, all at once.
     void Flush();
 
+    // Connections and messages that were published, since the start.
+    uint64_t Connections() const { return m_connections; }
+    uint64_t Published() const { return m_published; }
+
     // Whether the client accepts more at the moment: otherwise published messages pile up.
     bool CanSend() const { return m_is_local || (m_is_connected && m_unsent.empty()); }
 
@@ -119,6 +123,8 @@ private:
     std::deque<std::string> m_unsent;  // what the client's socket had no room for
     unsigned int m_connection = 0;
     bool m_is_connected = false;
+    uint64_t m_connections = 0;
+    uint64_t m_published = 0;
     uint32_t m_number = 0;  // of the last message
     std::string m_last_told;
     double m_pause = FIRST_PAUSE;

@@ -68,7 +68,7 @@ private:
     void Take(const Broker::Message& message);
     void Take(const std::string& topic, const std::string& payload);
     void AskBus();
-    void TakePin(PinBook& pins, const SitePin& pin);
+    void TakePin(const PinBook& pins, const SitePin& pin);
     std::string StateOf(const SitePin& pin) const;
     std::string ResultOf(std::optional<Level> level) const;
 
@@ -135,7 +135,7 @@ void Explainer::Take(const std::string& topic, const std::string& payload) {
 }
 
 // As its bridge would publish it.
-void Explainer::TakePin(PinBook& pins, const SitePin& pin) {
+void Explainer::TakePin(const PinBook& pins, const SitePin& pin) {
     PinView view = pins.ViewOf(*pin.tag);
     view.bridge = SOME_BRIDGE;
     Take(Topics(m_config).Pin(pin.pin), StateText(view, *pin.tag, m_config.names));

@@ -365,6 +365,16 @@ std::vector<std::string> Links::ViaOf(uint32_t tag, std::optional<Level> level) 
     return {};
 }
 
+std::map<std::string, size_t> Links::CountByState() const {
+    std::map<std::string, size_t> count{{"followed", 0}, {"unknown", 0}, {"lost", 0}};
+    for (const Link& link : m_links) {
+        ++count[link.lost                                ? "lost"
+                : m_losses.count(link.config.Text()) > 0 ? "unknown"
+                                                         : "followed"];
+    }
+    return count;
+}
+
 Links::Reason Links::ReasonOf(const SitePin& output, TimePoint own_sign) const {
     Reason reason;
     for (const Link& link : m_links) {

@@ -86,6 +86,9 @@ public:
     };
     Reason ReasonOf(const SitePin& output, TimePoint own_sign) const;
 
+    // How many are lost, unknown but not for long enough to be lost, and followed.
+    std::map<std::string, size_t> CountByState() const;
+
     // Texts for the log; the caller clears them.
     std::vector<std::string>& Notes() { return m_notes; }
 

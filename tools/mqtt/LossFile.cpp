@@ -1,10 +1,9 @@
 #include "tools/mqtt/LossFile.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <fstream>
+#include <sstream>
 
-#include "tools/base/ErrorText.h"
+#include "tools/base/ReplaceFile.h"
 
 namespace {
 
@@ -32,17 +31,11 @@ std::string LossFile::Save(const Times& times) {
     return Write();
 }
 
-// A file that is half written never has the name.
 std::string LossFile::Write() const {
-    const std::string fresh = m_file + ".new";
-    std::ofstream out(fresh);
+    std::ostringstream out;
     for (const auto& [link, time] : m_saved) {
         const auto since = std::chrono::duration_cast<Milliseconds>(time.time_since_epoch());
         out << since.count() << ' ' << link << '\n';
     }
-    out.close();
-    if (!out || rename(fresh.c_str(), m_file.c_str()) != 0) {
-        return "can't write " + m_file + ": " + ErrorText(errno);
-    }
-    return {};
+    return ReplaceFile(m_file, out.str());
 }

@@ -120,6 +120,7 @@ TimePoint Sets::NextTime() const {
 
 void Sets::Answer(const Broker::Message& message, const std::string& result, const std::string& pin,
                   const std::string& reason) {
+    ++m_results[result];
     if (!message.response_topic.empty() && !IsReserved(message.response_topic)) {
         m_answers.push_back({message.response_topic, AnswerText(result, pin, reason), false, true,
                              message.correlation});

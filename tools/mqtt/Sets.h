@@ -24,6 +24,9 @@ public:
     // Processes a device's answer.
     void TakeReply(const Traffic& traffic);
 
+    // How many had each result, "done", "sent" or "refused".
+    const std::map<std::string, uint64_t>& Results() const { return m_results; }
+
     // Reads pins, and gives up waiting for devices.
     void Tend();
     TimePoint NextTime() const;
@@ -61,6 +64,7 @@ private:
     const Topics m_topics;
     PinFollower& m_pins;
     const std::function<void(const std::string&)> m_tell;
+    std::map<std::string, uint64_t> m_results{{"done", 0}, {"sent", 0}, {"refused", 0}};
     std::list<Pending> m_pending;
     std::deque<Broker::Outgoing> m_answers;
     std::map<uint32_t, Broker::Outgoing> m_unacknowledged;  // by number

@@ -32,6 +32,7 @@ const char* const FOOTER =
 struct Options {
     std::string file;
     std::string pin;
+    std::string metrics;
     bool explain = false;
     bool check = false;
     bool print_topics = false;
@@ -52,7 +53,11 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
         "Print why the output PIN, which a link in FILE sets, has its level, and exit");
     explain->needs(pin);
     pin->needs(explain);
-    return line.Parse(argc, argv, {{file, Completion::File}});
+    const CLI::Option* const metrics =
+        line.add_option("--metrics", options.metrics,
+                        "Write metrics for the textfile collector of node_exporter to this file")
+            ->type_name("FILE");
+    return line.Parse(argc, argv, {{file, Completion::File}, {metrics, Completion::File}});
 }
 
 void PrintTopics(const MqttConfig& config) {
@@ -105,7 +110,8 @@ int Main(int argc, char** argv) {
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     Signals signals({SIGHUP});
-    Bridge bridge(config, [](const std::string& text) { printf("%s\n", text.c_str()); });
+    Bridge bridge(config, options.metrics,
+                  [](const std::string& text) { printf("%s\n", text.c_str()); });
     if (bridge.Run(signals) == Bridge::End::TakenOver) {
         fprintf(stderr, "%s: another bridge has connected for site %s: this one ends\n", APP_NAME,
                 config.site.c_str());

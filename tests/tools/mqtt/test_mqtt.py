@@ -109,7 +109,7 @@ class MqttTest(unittest.TestCase):
         path = RUN / f"{key or site}.mqtt.conf"
         path.write_text(config + "".join(line + "\n" for line in lines), "ascii")
         self.processes[key or site] = start(host or site, f"{BUILD}/tools/mqtt/orvex-mqtt", str(path),
-                                            log=f"{key or site}.mqtt")
+                                            "--metrics", f"/run/{key or site}.prom", log=f"{key or site}.mqtt")
 
     def until(self, condition, seconds, what):
         end = time.monotonic() + seconds
@@ -260,6 +260,12 @@ class MqttTest(unittest.TestCase):
                 ("red", ' {"level":"H"}\n', "done")]:
             self.assertEqual(ask(f"studio/set/{pin}", payload).get("result"), result, (pin, payload))
         self.lamp("H", 2, "1:2:out2", "studio")
+        metrics = RUN / "studio.prom"
+        self.until(lambda: 'orvex_mqtt_sets_total{result="done"} 5\n' in metrics.read_text("ascii"), 12, "no metrics")
+        for line in ["orvex_mqtt_connected 1", "orvex_mqtt_online 1", 'orvex_mqtt_sets_total{result="refused"} 6',
+                     'orvex_mqtt_links{state="lost"} 0', "orvex_mqtt_reconnections_total 0"]:
+            self.assertIn(line + "\n", metrics.read_text("ascii"))
+        self.assertEqual(subprocess.run(["promtool", "check", "metrics"], input=metrics.read_bytes(), check=False).returncode, 0)
         # Who may set a pin may not speak for the bridge.
         for pin, topic in enumerate(["studio/status", "orvex/studio/bridge", "orvex", "homeassistant/x", "$SYS/x"]):
             run("hub", "mosquitto_pub", "-V", "5", "-t", f"orvex/studio/set/1/2/out{pin + 1}", "-m", "H", "-D",
