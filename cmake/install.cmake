@@ -28,8 +28,14 @@ foreach(service board mqtt gpio tsl)
   endif()
 endforeach()
 if(TARGET orvex-board)
-  install(FILES packaging/prometheus/orvex-board.rules.yml
+  install(FILES packaging/prometheus/orvex-board.rules.yml packaging/grafana/orvex-board.json
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-board/examples)
+  install(FILES docs/runbook.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvex-board)
+  install(FILES docs/openapi.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvex/schemas
+          RENAME orvex-board.openapi.json)
+endif()
+if(TARGET orvex-mqtt)
+  install(FILES docs/schemas/orvex-mqtt.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvex/schemas)
 endif()
 if(TARGET orvex-gpio)
   install(FILES packaging/systemd/orvex-gpio.sysusers DESTINATION lib/sysusers.d
@@ -52,8 +58,12 @@ foreach(tool orvexctl orvex-sim orvex-gpio orvex-tsl orvex-board orvex-mqtt)
   endif()
 endforeach()
 if(TARGET orvexctl)
+  install(FILES docs/json.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  install(FILES docs/schemas/orvexctl.json DESTINATION ${CMAKE_INSTALL_DATADIR}/orvex/schemas)
   install(FILES docs/man/orvex-names.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-  install(FILES packaging/systemd/orvex-on@.service DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+  install(FILES packaging/systemd/orvex-on@.service packaging/systemd/orvex-doctor.service
+                packaging/systemd/orvex-doctor.timer
+          DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 endif()
 if(TARGET orvex-sim)
   install(FILES tools/sim/example.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples

@@ -1,16 +1,20 @@
-# Writes a source file that contains the files of a folder: cmake -DFOLDER=... -DOUT=... -P embed.cmake
+# Writes a source file that contains the files of a folder, and another file:
+#   cmake -DFOLDER=... -DMORE=... -DOUT=... -P embed.cmake
 set(types .html "text/html; charset=utf-8" .css "text/css; charset=utf-8"
-          .js "text/javascript; charset=utf-8" .svg "image/svg+xml" .png "image/png")
-file(GLOB files RELATIVE ${FOLDER} ${FOLDER}/*)
+          .js "text/javascript; charset=utf-8" .svg "image/svg+xml" .png "image/png"
+          .json "application/json")
+file(GLOB files ${FOLDER}/*)
 list(SORT files)
+list(APPEND files ${MORE})
 set(arrays "")
 set(rows "")
 set(number 0)
-foreach(name ${files})
-  file(READ ${FOLDER}/${name} hex HEX)
+foreach(file ${files})
+  get_filename_component(name ${file} NAME)
+  file(READ ${file} hex HEX)
   string(REGEX REPLACE "(..)" "0x\\1," bytes "${hex}")
   string(REGEX REPLACE "(.....................................................................................)" "\\1\n" bytes "${bytes}")
-  file(SHA256 ${FOLDER}/${name} tag)
+  file(SHA256 ${file} tag)
   string(SUBSTRING ${tag} 0 16 tag)
   get_filename_component(extension ${name} EXT)
   list(FIND types ${extension} index)

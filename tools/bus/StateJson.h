@@ -1,5 +1,5 @@
 // The state of a pin that is followed, in the forms in which it is published. People and programs
-// read each of them, so their fields stay; docs/architecture.md compares them.
+// read each of them, so their fields stay; docs/json.md compares them.
 #pragma once
 
 #include "tools/bus/JsonFormat.h"

@@ -18,8 +18,14 @@ import sys
 import time
 import unittest
 
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT / "tests/support"))
+
+from schemas import Schemas  # noqa: E402
+
 BUILD = sys.argv.pop(1)
 RUN = pathlib.Path("/run")
+SCHEMAS = Schemas(ROOT / "docs/schemas/orvex-mqtt.json")
 PLAIN = "listener 1883\nallow_anonymous true\n"
 CUT = int(os.environ.get("CUT", "12"))
 # Sends to every client what its arguments contain in hex, then zeros if the last one says so.
@@ -81,7 +87,10 @@ def retained(topic):
 def ask(topic, payload, *options):
     text = run("hub", "mosquitto_rr", "-V", "5", "-t", f"orvex/{topic}", "-e", "reply/test", "-m",
                payload, "-W", "6", *options)
-    return json.loads(text) if text else {}
+    answer = json.loads(text) if text else {}
+    if answer:
+        SCHEMAS.check("#/$defs/answer", answer)
+    return answer
 
 
 class MqttTest(unittest.TestCase):
@@ -143,6 +152,7 @@ class MqttTest(unittest.TestCase):
     def test_contact_lights_lamp(self):
         self.both("link studio:1:2:in2 -> tower:7:4:out2 invert on-loss L",
                   "link studio:1:2:in3 -> tower:7:4:out3 pulse 500")
+        heard = self.processes["heard"] = start("hub", "mosquitto_sub", "-v", "-t", "orvex/#", log="heard")
         self.lamp("L", pin="7:4:out2")
         for level in "LHLH":
             contact(level)
@@ -155,6 +165,15 @@ class MqttTest(unittest.TestCase):
         state = json.loads(retained("orvex/studio/pin/1/2/in3"))
         self.assertEqual((state["level"], state["state"], state["host"]), ("L", "told", "10.77.2.1"))
         self.assertEqual(retained("orvex/studio/pin/1/2/in3/level"), "L")
+        kill(heard, signal.SIGTERM)
+        kinds = {"pin": "pin-state", "event": "change", "device": "device"}
+        published = (RUN / "heard").read_text("utf-8")
+        self.assertEqual([kind for kind in kinds if f"studio/{kind}/" not in published], [])
+        for line in published.splitlines():
+            topic, _, payload = line.partition(" ")
+            kind = topic.split("/")[2]
+            if kind in kinds and payload.startswith("{"):
+                SCHEMAS.check(f"#/$defs/{kinds[kind]}", json.loads(payload))
 
     def test_expressions(self):
         pins = "studio:1:2:in1, studio:1:2:in2, tower:7:4:in3"
