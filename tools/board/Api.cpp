@@ -179,7 +179,11 @@ HttpResponse Api::Devices(const HttpRequest&) const {
     for (const auto& one : m_board.Follower().Devices()) {
         devices.push_back(m_board.DeviceJsonOf(one.first));
     }
-    return Answer(Dump({{"now", NowMs()}, {"devices", devices}}) + "\n");
+    Json bounds = Json::array();
+    for (const double seconds : Histogram::BOUNDS) {
+        bounds.push_back(seconds * 1000);
+    }
+    return Answer(Dump({{"now", NowMs()}, {"bounds_ms", bounds}, {"devices", devices}}) + "\n");
 }
 
 HttpResponse Api::Channels(const HttpRequest&) const {
@@ -313,11 +317,10 @@ HttpResponse Api::Set(const HttpRequest& request) {
 }
 
 HttpResponse Api::ShowMetrics(const HttpRequest& request) const {
-    const bool open =
-        request.Header("accept").find("application/openmetrics-text") != std::string::npos;
-    HttpResponse response = Answer(m_metrics.Write(open));
-    response.type = open ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
-                         : "text/plain; version=0.0.4; charset=utf-8";
+    MetricsText text(MetricsText::WantsOpen(request.Header("accept")));
+    m_metrics.Write(text);
+    HttpResponse response = Answer(text.Text());
+    response.type = text.Type();
     return response;
 }
 

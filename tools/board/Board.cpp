@@ -103,7 +103,7 @@ bool Board::Serve() {
 // ---- what is heard ----
 
 void Board::CountMessage(const Traffic& traffic, bool is_repeat) {
-    m_counts.last_heard = Now();
+    m_counts.last_heard = traffic.time;
     m_counts.repeats += is_repeat ? 1 : 0;
     const bool room = m_counts.messages.size() < MAX_COUNTERS;
     ++m_counts.messages[{KindName(traffic.GetKind()), room ? traffic.host : "others"}];

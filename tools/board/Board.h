@@ -69,7 +69,7 @@ public:
         uint64_t changes = 0;
         uint64_t sets = 0;
         uint64_t refusals = 0;
-        std::optional<TimePoint> last_heard;
+        double last_heard = 0;  // seconds since 1970; 0: nothing
     };
     const Counts& GetCounts() const { return m_counts; }
 

@@ -26,6 +26,7 @@ Json DeviceJson(const std::string& host, const PinFollower::Device& device) {
                  {"answers", device.answers},
                  {"missed", device.missed},
                  {"answer_ms", device.answer_time * 1000},
+                 {"answer_times", device.answer_times.Counts()},
                  {"addresses", Json::array()}};
     for (const uint32_t address : device.addresses) {
         json["addresses"].push_back(AddressText(address));

@@ -1,6 +1,6 @@
 #include "tools/board/Metrics.h"
 
-#include <cstdio>
+#include <algorithm>
 
 #include "tools/board/Board.h"
 #include "tools/board/History.h"
@@ -9,159 +9,140 @@
 
 namespace {
 
-std::string NumberText(double value) {
-    char text[40];
-    snprintf(text, sizeof text, "%.15g", value);
-    return text;
-}
-
-std::string Quote(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        quoted += c == '"' ? "\\\"" : c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
-    }
-    return quoted + "\"";
+double Number(uint64_t count) {
+    return static_cast<double>(count);
 }
 
 }  // namespace
 
-class Metrics::Writer {
-public:
-    explicit Writer(bool open_metrics) : m_open(open_metrics) {}
+void Metrics::Write(MetricsText& text) {
+    text.Info("orvex_board_build", "The version of the program.");
+    text.Row(1, {{"version", ORVEX_VERSION}});
+    text.Gauge("orvex_board_healthy", "1: what /healthz says is good.",
+               m_board.Complaints().empty() ? 1 : 0);
+    WriteBus(text);
+    WriteDevices(text);
+    WriteViewers(text);
+    WriteHistory(text);
+    WritePins(text);
+    m_process.Write(text);
+}
 
-    void Counter(const std::string& name, const char* help) {
-        Head(m_open ? name : name + "_total", "counter", help);
-        m_name = name + "_total";
+void Metrics::WriteBus(MetricsText& text) const {
+    const Board::Counts& counts = m_board.GetCounts();
+    text.Gauge("orvex_board_link_up", "1: the bus is heard.", m_board.LinkProblem().empty());
+    if (m_board.Control().IsFollowed()) {
+        text.Gauge("orvex_board_control_up", "1: the control server is heard.",
+                   m_board.Control().Problem().empty());
     }
-    void Gauge(const std::string& name, const char* help) { Head(name, "gauge", help); }
-    void Head(const std::string& name, const char* type, const char* help) {
-        m_text += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
-        m_name = name;
+    text.Counter("orvex_board_messages", "Messages heard on the bus.");
+    for (const auto& [key, count] : counts.messages) {
+        text.Row(Number(count), {{"kind", key.first}, {"host", key.second}});
     }
-    void Row(const std::string& labels, double value, const char* suffix = "") {
-        m_text += m_name + suffix + (labels.empty() ? "" : "{" + labels + "}") + " " +
-                  NumberText(value) + "\n";
+    text.Counter("orvex_board_repeats", "Messages that were second copies.",
+                 Number(counts.repeats));
+    text.Counter("orvex_board_malformed", "Datagrams that were no message.",
+                 Number(counts.malformed));
+    if (counts.last_heard > 0) {
+        text.Gauge("orvex_board_last_message_timestamp_seconds",
+                   "When the last message was heard, since 1970.", counts.last_heard);
     }
-    std::string Text() const { return m_open ? m_text + "# EOF\n" : m_text; }
+    text.Counter("orvex_board_questions", "Questions asked on the bus.",
+                 Number(m_board.Follower().Reads()));
+    text.Counter("orvex_board_overflow", "Pins and devices beyond what is kept.",
+                 Number(m_board.Follower().PassedOver()));
+}
 
-private:
-    const bool m_open;
-    std::string m_name;
-    std::string m_text;
-};
-
-namespace {
-
-using Writer = Metrics::Writer;
-
-void WritePins(const Board& board, Writer& writer) {
-    const auto each = [&](const auto& write) {
-        size_t count = 0;
-        board.Pins().ForEach([&](uint32_t tag, const PinState& state) {
-            if (count++ < Metrics::MAX_PINS) {
-                const std::string name = board.GetNames().NameOf(tag);
-                write("pin=" + Quote(PinText(tag)) + (name.empty() ? "" : ",name=" + Quote(name)),
-                      tag, state);
-            }
-        });
+void Metrics::WriteDevices(MetricsText& text) const {
+    const auto each = [this](const auto& write) {
+        for (const auto& [host, device] : m_board.Follower().Devices()) {
+            write(HostText(host), device);
+        }
     };
-    writer.Counter("orvex_board_pin_changes", "Changes of a pin, of the first 1000 pins.");
-    each([&](const std::string& labels, uint32_t tag, const PinState&) {
-        writer.Row(labels, static_cast<double>(board.ChangesOf(tag)));
+    using Device = PinFollower::Device;
+    text.Gauge("orvex_board_device_missing", "1: the device does not answer.");
+    each([&](const std::string& host, const Device& device) {
+        text.Row(device.is_silent, {{"host", host}});
     });
-    writer.Gauge("orvex_board_pin_low",
-                 "1: the pin was told low (L), 0: high (H); none: not known.");
-    each([&](const std::string& labels, uint32_t, const PinState& state) {
-        if (state.status == PinStatus::Told && state.level) {
-            writer.Row(labels, *state.level == Level::Low ? 1 : 0);
+    text.Gauge("orvex_board_device_last_message_timestamp_seconds",
+               "When the device told pins last, since 1970.");
+    each([&](const std::string& host, const Device& device) {
+        text.Row(device.last, {{"host", host}});
+    });
+    text.Counter("orvex_board_device_answers", "Reads that the device answered.");
+    each([&](const std::string& host, const Device& device) {
+        text.Row(Number(device.answers), {{"host", host}});
+    });
+    text.Counter("orvex_board_device_missed", "Reads that the device did not answer.");
+    each([&](const std::string& host, const Device& device) {
+        text.Row(Number(device.missed), {{"host", host}});
+    });
+    text.Distribution("orvex_board_device_answer_seconds", "Time until the device answered.");
+    each([&](const std::string& host, const Device& device) {
+        if (device.answers > 0) {
+            text.Row(device.answer_times, {{"host", host}});
         }
     });
+    text.Gauge("orvex_board_shared_addresses", "Addresses for which several devices answer.",
+               Number(m_board.Follower().Shared().size()));
 }
 
-void WriteMessages(const Board& board, Writer& writer) {
-    writer.Counter("orvex_board_messages", "Messages heard on the bus.");
-    for (const auto& [key, count] : board.GetCounts().messages) {
-        writer.Row("kind=" + Quote(key.first) + ",host=" + Quote(key.second),
-                   static_cast<double>(count));
-    }
-}
-
-void WriteDevices(const Board& board, Writer& writer) {
-    writer.Gauge("orvex_board_device_missing", "1: the device does not answer.");
-    for (const auto& [host, device] : board.Follower().Devices()) {
-        writer.Row("host=" + Quote(HostText(host)), device.is_silent ? 1 : 0);
-    }
-}
-
-}  // namespace
-
-void Metrics::NoteStored(int64_t delay) {
-    const double seconds = static_cast<double>(delay) / 1000;
-    size_t bucket = 0;
-    while (bucket < BOUNDS.size() && seconds > BOUNDS[bucket]) {
-        ++bucket;
-    }
-    ++m_delays[bucket];
-    m_delay_sum += seconds;
-}
-
-void Metrics::WriteCounters(Writer& writer) const {
+void Metrics::WriteViewers(MetricsText& text) const {
     const Board::Counts& counts = m_board.GetCounts();
-    const auto counter = [&](const char* name, const char* help, uint64_t value) {
-        writer.Counter(std::string("orvex_board_") + name, help);
-        writer.Row("", static_cast<double>(value));
-    };
-    counter("repeats", "Messages that were second copies.", counts.repeats);
-    counter("malformed", "Datagrams that were no message.", counts.malformed);
-    counter("changes", "Changes of pins.", counts.changes);
-    counter("questions", "Questions asked on the bus.", m_board.Follower().Reads());
-    counter("sets", "Writes that viewers asked for.", counts.sets);
-    counter("refusals", "Writes that were refused.", counts.refusals);
-    counter("overflow", "Pins and devices beyond what is kept.", m_board.Follower().PassedOver());
-    counter("viewers_cut", "Viewers that were too slow.", viewers_cut ? viewers_cut() : 0);
-    counter("history_lost", "Events that could not be stored.",
-            static_cast<uint64_t>(m_history.Lost()));
+    text.Gauge("orvex_board_viewers", "Streams of events that are open.",
+               Number(viewers ? viewers() : 0));
+    text.Counter("orvex_board_viewers_cut", "Viewers that were too slow.",
+                 Number(viewers_cut ? viewers_cut() : 0));
+    text.Counter("orvex_board_sets", "Writes that viewers asked for.", Number(counts.sets));
+    text.Counter("orvex_board_refusals", "Writes that were refused.", Number(counts.refusals));
 }
 
-void Metrics::WriteGauges(Writer& writer) const {
-    const auto gauge = [&](const char* name, const char* help, double value) {
-        writer.Gauge(std::string("orvex_board_") + name, help);
-        writer.Row("", value);
-    };
-    gauge("link_up", "1: the bus is heard.", m_board.LinkProblem().empty() ? 1 : 0);
-    gauge("healthy", "1: what /healthz says is good.", m_board.Complaints().empty() ? 1 : 0);
-    gauge("viewers", "Streams of events that are open.",
-          static_cast<double>(viewers ? viewers() : 0));
-    gauge("pins", "Pins known.", static_cast<double>(m_board.Pins().Count()));
-    gauge("history_ok", "1: the history is being written.", m_history.Problem().empty() ? 1 : 0);
-    gauge("history_rows", "Events in the history.", static_cast<double>(m_history.Rows()));
-    if (const std::optional<TimePoint> heard = m_board.GetCounts().last_heard) {
-        gauge("last_message_age_seconds", "Time since the last message.",
-              std::chrono::duration<double>(Now() - *heard).count());
+void Metrics::WriteHistory(MetricsText& text) const {
+    text.Gauge("orvex_board_history_ok", "1: the history is being written.",
+               m_history.Problem().empty());
+    text.Gauge("orvex_board_history_rows", "Events in the history.",
+               static_cast<double>(m_history.Rows()));
+    text.Counter("orvex_board_history_lost", "Events that could not be stored.",
+                 static_cast<double>(m_history.Lost()));
+    text.Distribution("orvex_board_store_delay_seconds", "Time from the bus to the history.");
+    text.Row(m_delays);
+}
+
+// In the order of their tags, so that two scrapes have the same.
+std::vector<uint32_t> Metrics::Pins() const {
+    std::vector<uint32_t> named;
+    std::vector<uint32_t> others;
+    m_board.Pins().ForEach([&](uint32_t tag, const PinState&) {
+        (m_board.GetNames().NameOf(tag).empty() ? others : named).push_back(tag);
+    });
+    named.insert(named.end(), others.begin(), others.end());
+    named.resize(std::min(named.size(), MAX_PINS));
+    std::sort(named.begin(), named.end());
+    return named;
+}
+
+// The names of a pin are in a series of their own, so that all others survive when they change.
+void Metrics::WritePins(MetricsText& text) const {
+    const Names& names = m_board.GetNames();
+    const std::vector<uint32_t> pins = Pins();
+    text.Gauge("orvex_board_pins", "Pins known.", Number(m_board.Pins().Count()));
+    text.Counter("orvex_board_changes", "Changes of pins.", Number(m_board.GetCounts().changes));
+    text.Info("orvex_board_pin", "The names of a pin.");
+    for (const uint32_t tag : pins) {
+        text.Row(1, {{"pin", PinText(tag)},
+                     {"name", names.NameOf(tag)},
+                     {"title", names.TextOf(tag)},
+                     {"group", names.GroupOf(tag)}});
     }
-}
-
-void Metrics::WriteDelays(Writer& writer) const {
-    writer.Head("orvex_board_store_delay_seconds", "histogram",
-                "Time from the bus to the history.");
-    uint64_t sum = 0;
-    for (size_t i = 0; i < m_delays.size(); ++i) {
-        sum += m_delays[i];
-        const std::string bound = i < BOUNDS.size() ? NumberText(BOUNDS[i]) : "+Inf";
-        writer.Row("le=" + Quote(i + 1 < m_delays.size() && bound == "1" ? "1.0" : bound),
-                   static_cast<double>(sum), "_bucket");
+    text.Counter("orvex_board_pin_changes", "Changes of a pin.");
+    for (const uint32_t tag : pins) {
+        text.Row(Number(m_board.ChangesOf(tag)), {{"pin", PinText(tag)}});
     }
-    writer.Row("", m_delay_sum, "_sum");
-    writer.Row("", static_cast<double>(sum), "_count");
-}
-
-std::string Metrics::Write(bool open_metrics) const {
-    Writer writer(open_metrics);
-    WriteMessages(m_board, writer);
-    WriteCounters(writer);
-    WriteGauges(writer);
-    WriteDevices(m_board, writer);
-    WriteDelays(writer);
-    WritePins(m_board, writer);
-    return writer.Text();
+    text.Gauge("orvex_board_pin_low", "1: the pin was told low (L), 0: high (H); none: not known.");
+    for (const uint32_t tag : pins) {
+        const PinState* const state = m_board.Pins().Find(tag);
+        if (state != nullptr && state->status == PinStatus::Told && state->level) {
+            text.Row(*state->level == Level::Low, {{"pin", PinText(tag)}});
+        }
+    }
 }

@@ -64,6 +64,7 @@ void DeviceTable::Answer(uint32_t address, uint32_t host, std::optional<double> 
     }
     if (device != nullptr && seconds) {
         const bool is_first = device->answers++ == 0;
+        device->answer_times.Add(*seconds);
         device->answer_time += (*seconds - device->answer_time) * (is_first ? 1 : WEIGHT);
     }
 }

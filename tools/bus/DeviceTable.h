@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "tools/base/Histogram.h"
 #include "tools/base/Time.h"
 
 // Hosts are in host byte order. Memory is bounded: only the first MAX_DEVICES are stored, and
@@ -27,6 +28,7 @@ public:
         uint64_t answers = 0;    // to the reads of this program, by address
         uint64_t missed = 0;     // reads without an answer
         double answer_time = 0;  // seconds, smoothed; 0: not known
+        Histogram answer_times;
         std::set<uint32_t> addresses;   // for which it answered last
         std::set<uint32_t> unanswered;  // those of them for which nobody answers now
     };

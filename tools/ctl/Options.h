@@ -73,7 +73,8 @@ struct Options {
     double hold = 0;                          // seconds that a level must last
     bool once = false;                        // run the command once
     RunnerSettings runner;
-    bool plugin = false;  // report as a monitoring plugin
+    bool plugin = false;   // report as a monitoring plugin
+    bool metrics = false;  // report in the text format of Prometheus
 };
 
 // The positional arguments of a command; the setter takes one word.

@@ -3,9 +3,13 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
+#include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "tools/base/MetricsText.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/ExitStatus.h"
 #include "tools/ctl/Options.h"
@@ -72,6 +76,36 @@ unsigned long Waiting(const Facts& facts, unsigned long SocketRow::*count) {
     return sum;
 }
 
+double Channels(const Facts& facts, ChannelKind kind) {
+    return static_cast<double>(facts.answer.table.Find(kind).size());
+}
+
+// For the collector of a monitoring system, which tells how old it is. A check that finds nothing
+// any more has no rows.
+void PrintMetrics(const Facts& facts, const Findings& findings, Output& output) {
+    std::map<std::string, std::array<int, std::size(SEVERITIES)>> counts;
+    for (const Finding& finding : findings) {
+        ++counts[finding.subject][static_cast<size_t>(finding.severity)];
+    }
+    MetricsText text(false);
+    text.Gauge("orvex_doctor_findings", "What the checks of orvexctl doctor found.");
+    for (const auto& [check, by_severity] : counts) {
+        for (size_t i = 0; i < by_severity.size(); ++i) {
+            text.Row(by_severity[i], {{"check", check}, {"status", SEVERITIES[i].json}});
+        }
+    }
+    text.Gauge("orvex_doctor_waiting_bytes", "Bytes that wait for the daemon on its port.",
+               static_cast<double>(Waiting(facts, &SocketRow::unread)));
+    text.Counter("orvex_doctor_lost_datagrams", "Datagrams for the daemon that were lost.",
+                 static_cast<double>(Waiting(facts, &SocketRow::drops)));
+    text.Gauge("orvex_doctor_channels", "Channels by what drives their outputs.");
+    text.Row(Channels(facts, KIND_BUS), {{"source", "bus"}});
+    text.Row(Channels(facts, KIND_REMOTE), {{"source", "remote"}});
+    text.Gauge("orvex_doctor_last_run_timestamp_seconds", "When this was found, since 1970.",
+               TimeOfDay());
+    output.Write(text.Text());
+}
+
 // One line with performance data, for monitoring systems.
 int PrintPlugin(const Facts& facts, const Findings& findings, Output& output) {
     Severity worst = Severity::Well;
@@ -118,6 +152,10 @@ int RunDoctor(const Options& options) {
     const Findings findings = Examine(facts, bus, limit);
     if (options.plugin) {
         return PrintPlugin(facts, findings, output);
+    }
+    if (options.metrics) {
+        PrintMetrics(facts, findings, output);
+        return STATUS_DONE;
     }
     Print(options, findings, output);
     const bool is_well = std::all_of(findings.begin(), findings.end(), [](const Finding& finding) {

@@ -164,6 +164,8 @@ const std::vector<OptionSpec> OPTIONS = {
      "The control server (default: 127.0.0.1:93)", SetServer},
     {"--plugin", nullptr, Completion::None, "doctor", "Report as a monitoring plugin: in one line",
      Switch<&Options::plugin>},
+    {"--metrics", nullptr, Completion::None, "doctor", "Report in the text format of Prometheus",
+     Switch<&Options::metrics>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Ask no server: explain how the daemon reads this",
      [](Options& options, const std::string& text) { options.explain = text; }},

@@ -13,13 +13,15 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
-sys.path.insert(0, str(ROOT / "python"))
+sys.path[:0] = [str(ROOT / "python"), str(ROOT / "tests/support")]
 
 from orvex.packets import BYTE, GROUP, REPORT, REPORT_PORT, Item, Message, Packet  # noqa: E402
+from schemas import Schemas  # noqa: E402
 
 CTL = sys.argv[1]
 MANUAL = ROOT / "docs/man/orvex-board.8"
@@ -160,11 +162,66 @@ class BoardTest(unittest.TestCase):
         for kind in ("text/plain", "application/openmetrics-text"):
             status, text = ask("/metrics", headers={"Accept": kind})
             self.assertEqual(status, 200)
-            self.assertIn('orvex_board_pin_low{pin="1:2:in1",name="studio1.door"} 1', text)
+            self.assertIn('orvex_board_pin_low{pin="1:2:in1"} 1\n', text)
+            self.assertIn('orvex_board_pin_info{pin="1:2:in1",name="studio1.door",title="Studio 1 door",group="studio1"} 1\n',
+                          text)
         self.assertTrue(text.endswith("# EOF\n"))
-        exported = {name.removesuffix("_bucket").removesuffix("_sum").removesuffix("_count")
-                    for name in re.findall(r"^(orvex_board_\w+)", text, re.M)}
-        self.assertEqual(exported, set(re.findall(r"\.It Sy (orvex_board_\w+)", MANUAL.read_text("utf-8"))))
+
+    def test_metrics_are_documented_and_those_that_are_used_exist(self):
+        def names(pattern, text):
+            return {re.sub("_(bucket|sum|count)$", "", name) for name in re.findall(pattern, text, re.M)}
+
+        until(lambda: "orvex_board_device_answer_seconds_count" in ask("/metrics")[1])
+        exported = names(r"^(\w+)", ask("/metrics")[1])
+        listed = MANUAL.read_text("utf-8").partition(".Sh METRICS")[2]
+        self.assertEqual(exported, {name for line in re.findall(r"^\.It Sy (.*)", listed, re.M)
+                                    for name in re.findall(r"(?:orvex_board|process)_\w+", line)})
+        doctor = subprocess.run([CTL, "-q", "-i", "eth0", "doctor", "--metrics"], capture_output=True, text=True, check=True)
+        exported |= names(r"^(\w+)", doctor.stdout)
+        rules = (ROOT / "packaging/prometheus/orvex-board.rules.yml").read_text("utf-8")
+        used = rules + (ROOT / "packaging/grafana/orvex-board.json").read_text("utf-8")
+        self.assertEqual(names(r"\b((?:orvex_board|orvex_doctor|process)_\w+)", used) - exported, set())
+        self.assertEqual(re.findall(r"alert: (\w+)", rules),
+                         re.findall(r"^## (\w+)", (ROOT / "docs/runbook.md").read_text("utf-8"), re.M))
+
+    def test_what_is_emitted_fits_its_schemas(self):
+        def flip():
+            while not over.wait(0.3):
+                control("GPI 2 LHLHH\nGPI 2 LHHHH")
+
+        over = threading.Event()
+        flipping = threading.Thread(target=flip)
+        flipping.start()
+        self.addCleanup(flipping.join)
+        self.addCleanup(over.set)
+        board = Schemas(ROOT / "docs/openapi.json")
+        paths = board.document["paths"]
+        self.assertEqual(get("/openapi.json"), board.document)
+        until(lambda: get("/api/v1/devices")["devices"] and get("/api/v1/history")["events"])
+        for path, reads in paths.items():
+            content = reads.get("get", {"responses": {"200": {"content": {}}}})["responses"]["200"]["content"]
+            if "application/json" in content:
+                board.check(content["application/json"]["schema"], get(path))
+        board.check("#/components/schemas/Error", json.loads(ask("/api/v1/history?from=x")[1]))
+        wanted = {"pin", "channel", "beat"}
+        events = Viewer().events()
+        body = '{"pin":"1:2:out2","level":"L","duration":100}'
+        board.check("#/components/schemas/Sent", json.loads(ask("/api/v1/set", "POST", body, SET)[1]))
+        while wanted:
+            event = next(events)
+            board.check(paths["/api/v1/events"]["get"]["x-events"][event["event"]], json.loads(event["data"]))
+            wanted.discard(event["event"])
+        lines = Schemas(ROOT / "docs/schemas/orvexctl.json")
+        for name, command in [("fact", "get 1:2"), ("fact", "list 1:2-1:3"), ("followed", "top --for 1"), ("channel", "channels"),
+                              ("source", "channels --explain SRCA=1:2"), ("input", "channels --inputs 1-2"),
+                              ("message", "set 1:2:out2=L,100"), ("change", "watch --changes -c 1 1:2"),
+                              ("message", "watch --heartbeat 0.1 -f 1"), ("finding", "doctor")]:
+            done = subprocess.run([CTL, "-q", "-i", "eth0", "-n", "/run/names", "--json", *command.split()],
+                                  capture_output=True, text=True, timeout=60, check=False)
+            found = [json.loads(line) for line in done.stdout.splitlines()]
+            self.assertTrue(found, (command, done.stderr))
+            for one in found:
+                lines.check(f"#/$defs/{name if 'event' not in one else 'event'}", one)
 
     def test_setting_needs_everything(self):
         body = json.dumps({"pin": "1:2:out5", "level": "L", "duration": 310, "who": "Ann"})

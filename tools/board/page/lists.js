@@ -42,6 +42,24 @@ function addressList(addresses) {
     return addresses.length <= 8 ? text : h("details", {}, h("summary", {}, `${addresses.length} addresses`), text);
 }
 
+// How many answers came within which time, as bars with a text for those who can't see them.
+function answerBars(times, bounds) {
+    const all = times.reduce((sum, count) => sum + count, 0);
+    if (!all) {
+        return "";
+    }
+    const names = [...bounds.map((bound) => `up to ${bound} ms`), `more than ${bounds.at(-1)} ms`];
+    const text = times.map((count, i) => (count ? `${names[i]}: ${count}` : "")).filter(Boolean).join(", ");
+    return h("span", { className: "bars", role: "img", title: text, "aria-label": text }, ...times.map((count) =>
+        h("i", { style: `height: ${count ? Math.max(10, 100 * count / all) : 0}%` })));
+}
+
+// Reads that a device did not answer. Some are lost when it restarts; a share that grows is a fault.
+function lossText({ answers, missed }) {
+    const share = 100 * missed / (answers + missed);
+    return answers + missed ? `${missed} of ${answers + missed}${missed ? ` (${share < 10 ? share.toFixed(1) : Math.round(share)} %)` : ""}` : "";
+}
+
 function writers() {
     const found = new Map();
     for (const { pin, write } of store.pins.values()) {
@@ -55,12 +73,11 @@ function writers() {
 
 export function showDevices(main) {
     return keep(main, "Devices", ["device", "status"], 2000, async () => {
-        const { devices } = await ask("api/v1/devices");
-        const answered = ({ answers, missed }) => (answers + missed ? `${missed} of ${answers + missed}` : "");
+        const { devices, bounds_ms: bounds } = await ask("api/v1/devices");
         return [devices.length ? table("Devices", ["Device", "State", "Last heard", "Answers in", "Reads missed", "Addresses"], devices.map((device) =>
             row("", device.host, h("span", { className: device.missing ? "mark L" : "" }, deviceState(device)),
                 store.board?.link.up && isCurrent() ? `${span(now() - device.heard)} ago` : timeText(device.heard),
-                device.answer_ms ? `${device.answer_ms.toFixed(1)} ms` : "", answered(device), h("td", { className: "text" }, addressList(device.addresses)))))
+                h("span", {}, device.answer_ms ? `${device.answer_ms.toFixed(1)} ms ` : "", answerBars(device.answer_times, bounds)), lossText(device), h("td", { className: "text" }, addressList(device.addresses)))))
             : h("p", { className: "empty" }, "No device has been heard yet."),
         h("h2", {}, "Hosts that write"),
         writers().length ? table("Hosts that write", ["Host", "Last write", "To", "Pins"], writers().map(([host, one]) =>
