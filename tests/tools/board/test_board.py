@@ -197,11 +197,18 @@ class BoardTest(unittest.TestCase):
         board = Schemas(ROOT / "docs/openapi.json")
         paths = board.document["paths"]
         self.assertEqual(get("/openapi.json"), board.document)
+        served = {path for file in (ROOT / "tools/board").glob("*.cpp")
+                  for path in re.findall(r'"(/api/v1/\w+)"', file.read_text("utf-8"))}
+        self.assertEqual(served - set(paths), set())
         until(lambda: get("/api/v1/devices")["devices"] and get("/api/v1/history")["events"])
+        wall = {"lamps": [{"pin": "1:2:out3", "color": "red", "on": "ON AIR"}], "version": 0}
+        self.assertEqual(ask("/api/v1/walls/corridor", "PUT", json.dumps(wall), SET)[0], 200)
         for path, reads in paths.items():
             content = reads.get("get", {"responses": {"200": {"content": {}}}})["responses"]["200"]["content"]
             if "application/json" in content:
-                board.check(content["application/json"]["schema"], get(path))
+                required = [one for one in reads["get"].get("parameters", []) if one.get("required")]
+                query = "&".join(f"{one['name']}={one['example']}" for one in required)
+                board.check(content["application/json"]["schema"], get(path.format(name="corridor") + "?" + query))
         board.check("#/components/schemas/Error", json.loads(ask("/api/v1/history?from=x")[1]))
         wanted = {"pin", "channel", "beat"}
         events = Viewer().events()
