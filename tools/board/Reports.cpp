@@ -12,7 +12,7 @@
 namespace {
 
 const int64_t MINUTE = 60000;
-const int64_t LONGEST_DAY = MINUTE * 60 * 25;  // when clocks are put back
+const int64_t LONGEST_DAY = MINUTE * 60 * 26;  // when clocks are put back
 const int64_t FARTHEST_ZONE = 840;             // minutes: 14 hours
 const size_t PIN_COST = 200;                   // of the searches for one pin, in rows
 

@@ -6,6 +6,7 @@ import { ask, isCurrent, on, start, store } from "./store.js";
 import { nameOf, rankOf } from "./text.js";
 
 const MOST = 400; // lamps of a wall
+const HINT_FOR = 60000; // ms that a hint covers a wall that nobody touches
 const SHAPE = 1.6; // width by height of a lamp that is easy to read
 
 const root = new URL(".", import.meta.url);
@@ -82,6 +83,10 @@ async function showWall() {
 const isWall = path.startsWith("wall/") && name;
 const build = path.startsWith("lamp/") ? () => {
     const pins = name.split(",").filter(Boolean);
+    if (!pins.length) {
+        showMessage("No pin is in the address (/lamp/PIN)");
+        return;
+    }
     showLamps(pins.map((pin) => ({ pin, ...given })), pins.map((pin) => nameOf(find(pin))).join(", "));
 } : isWall ? showWall : showGroup;
 
@@ -95,7 +100,7 @@ function fit() {
     for (let columns = 2; columns <= count; ++columns) {
         best = sizeOf(columns) > sizeOf(best) ? columns : best;
     }
-    main.style.setProperty("--columns", size || best);
+    main.style.setProperty("--columns", size > 0 ? Math.min(size, count) : best);
     main.classList.toggle("many", count > 3);
 }
 
@@ -115,6 +120,7 @@ async function stayAwake() {
         if (!document.hidden) {
             tellHint("awake", isSecureContext ? "The screen may switch itself off: this browser does not keep it on."
                 : "The screen may switch itself off: browsers keep it on for pages over HTTPS only.");
+            setTimeout(() => tellHint("awake", ""), HINT_FOR);
         }
     }
 }
