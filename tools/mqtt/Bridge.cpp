@@ -81,9 +81,10 @@ void Bridge::Reload() {
     try {
         const MqttConfig fresh = MqttConfig::Read(m_config.file);
         if (fresh.Fixed() != m_config.Fixed()) {
-            return m_tell(m_config.file +
-                          ": only names, pins, links, discovery and expire can change without a "
-                          "restart; the old configuration stays");
+            return m_tell(
+                m_config.file +
+                ": only names, pins, links, discovery, board and expire can change without a "
+                "restart; the old configuration stays");
         }
         Follow(fresh);
         m_tell(m_config.file + " was read again");
@@ -103,6 +104,7 @@ void Bridge::Follow(const MqttConfig& fresh) {
     if (m_connection == 0) {
         return;
     }
+    SubscribeAnnounced();
     const std::set<std::string> now = m_links.Subscriptions();
     for (const std::string& topic : links) {
         if (now.count(topic) == 0 && topic != m_topics.Alive() && topic != m_topics.Status()) {
@@ -156,8 +158,15 @@ void Bridge::Subscribe() {
     }
     m_broker.Subscribe(m_topics.Pins(), Broker::NO_LOCAL);
     m_broker.Subscribe(m_topics.Devices(), Broker::NO_LOCAL);
+    SubscribeAnnounced();
     if (m_presence.IsActive()) {
         TakeOver();
+    }
+}
+
+void Bridge::SubscribeAnnounced() {
+    if (!m_config.discovery.empty()) {
+        m_broker.Subscribe(DiscoveryFilter(m_config), Broker::NO_LOCAL);
     }
 }
 
@@ -211,6 +220,9 @@ void Bridge::TakeMessage(const Broker::Message& message) {
         }
         const std::chrono::duration<double> age = Now() - m_presence.OwnSign();
         return m_sets.Take(message, age.count(), Hindrance());
+    }
+    if (const auto address = DiscoveredAddress(m_config, message.topic)) {
+        return m_publisher.TakeAnnounced(*address, message.payload);
     }
     m_presence.Take(message);
     if (m_phase == Phase::Connected || m_config.standby) {

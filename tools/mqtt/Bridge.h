@@ -47,6 +47,7 @@ private:
     void Step();
     void FollowConnection();
     void Subscribe();
+    void SubscribeAnnounced();
     void TakeMessages();
     void TakeMessage(const Broker::Message& message);
     void TakeLeftover(const Broker::Message& message);

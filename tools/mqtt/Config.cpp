@@ -98,6 +98,11 @@ bool Reader::TakeBroker(const Words& words) {
         m_config.prefix = ParseLevelName(value);
     } else if (key == "discovery") {
         m_config.discovery = ParseLevelName(value);
+    } else if (key == "board") {
+        if (value.rfind("http://", 0) != 0 && value.rfind("https://", 0) != 0) {
+            Refuse("not a URL of http or https: " + value);
+        }
+        m_config.board = value;
     } else if (key == "broker" && value == "none") {
         m_config.is_local = true;
     } else if (key == "broker") {
@@ -160,7 +165,7 @@ void Reader::ParseBroker(const std::string& text) {
 }
 
 std::string Reader::ReadableFile(const std::string& text) const {
-    const std::string path = Path(text);
+    std::string path = Path(text);
     if (OpenText(path).peek() == EOF) {
         Refuse("can't read " + path);
     }

@@ -26,6 +26,7 @@ struct MqttConfig {
     bool is_local = false;  // there is no broker: links are within this site
     std::string prefix = "orvex";
     std::string discovery;  // prefix of what is announced to hubs; empty: nothing
+    std::string board;      // URL of the board, for hubs; empty: none
     bool standby = false;   // waits while another bridge of the site is active
 
     bool tls = false;

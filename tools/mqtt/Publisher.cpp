@@ -1,11 +1,11 @@
 #include "tools/mqtt/Publisher.h"
 
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "tools/bus/JsonFormat.h"
 #include "tools/bus/PinJson.h"
-#include "tools/mqtt/Discovery.h"
 
 namespace {
 
@@ -24,7 +24,25 @@ Key TakeFirst(std::set<Key>& keys) {
     return keys.extract(keys.begin()).value();
 }
 
-// The retained topics that depend on the file: those with names, and those of hubs.
+const size_t MOST_ANNOUNCED = 5000;  // addresses
+const size_t MOST_ENTITIES = 512;    // of one
+
+// The pins of the file by address.
+std::map<uint32_t, std::vector<uint32_t>> PinsByAddress(const MqttConfig& config) {
+    std::map<uint32_t, std::set<uint32_t>> found;
+    for (const PinRef& pins : config.pins) {
+        for (const uint32_t tag : pins.Tags()) {
+            found[tag >> 8].insert(tag);
+        }
+    }
+    std::map<uint32_t, std::vector<uint32_t>> sorted;
+    for (const auto& [address, tags] : found) {
+        sorted[address].assign(tags.begin(), tags.end());
+    }
+    return sorted;
+}
+
+// The retained topics that depend on the names.
 std::set<std::string> TopicsOfFile(const MqttConfig& config, const Topics& topics) {
     std::set<std::string> found;
     for (const PinRef& pins : config.pins) {
@@ -33,9 +51,6 @@ std::set<std::string> TopicsOfFile(const MqttConfig& config, const Topics& topic
             if (!name.empty()) {
                 found.insert(topics.Pin(name));
                 found.insert(topics.Level(name));
-            }
-            if (!config.discovery.empty()) {
-                found.insert(DiscoveryTopic(config, tag));
             }
         }
     }
@@ -59,6 +74,11 @@ void Publisher::Follow(const MqttConfig& before) {
     for (const std::string& topic : TopicsOfFile(m_config, m_topics)) {
         m_leftovers.erase(topic);
     }
+    if (before.discovery != m_config.discovery) {
+        for (const auto& device : std::exchange(m_announced, {})) {
+            m_leftovers.insert(DiscoveryTopic(before, device.first));
+        }
+    }
     m_pins.TellAll();
     Announce();
 }
@@ -67,11 +87,41 @@ void Publisher::Follow(const MqttConfig& before) {
 void Publisher::Announce() {
     m_unannounced.clear();
     if (!m_config.discovery.empty()) {
-        for (const PinRef& pins : m_config.pins) {
-            const std::vector<uint32_t> tags = pins.Tags();
-            m_unannounced.insert(tags.begin(), tags.end());
+        for (const auto& device : m_announced) {
+            m_unannounced.insert(device.first);
+        }
+        for (const auto& device : PinsByAddress(m_config)) {
+            m_unannounced.insert(device.first);
         }
     }
+}
+
+void Publisher::TakeAnnounced(uint32_t address, const std::string& payload) {
+    Entities entities = ParseEntities(payload);
+    const bool is_bounded = m_announced.size() < MOST_ANNOUNCED && entities.size() < MOST_ENTITIES;
+    if (!payload.empty() && is_bounded) {
+        m_announced[address].merge(entities);
+        m_unannounced.insert(address);
+    }
+}
+
+// A hub keeps an entity that is merely missing until it starts again.
+void Publisher::AnnounceDevice(uint32_t address) {
+    const std::vector<uint32_t> tags = PinsByAddress(m_config)[address];
+    const std::string topic = DiscoveryTopic(m_config, address);
+    if (tags.empty()) {
+        m_announced.erase(address);
+        return Retain(topic, {});
+    }
+    const Entities entities = EntitiesOf(tags);
+    Entities gone = std::exchange(m_announced[address], entities);
+    for (const auto& entity : entities) {
+        gone.erase(entity.first);
+    }
+    if (!gone.empty()) {
+        Retain(topic, DiscoveryText(m_config, tags, gone));
+    }
+    Retain(topic, DiscoveryText(m_config, tags, {}));
 }
 
 void Publisher::TakeLeftover(const std::string& topic, bool is_retained) {
@@ -166,8 +216,7 @@ bool Publisher::PublishRest() {
     } else if (!m_leftovers.empty()) {
         Retain(std::string(*m_leftovers.begin()), {});  // a copy: the original is erased
     } else if (!m_unannounced.empty()) {
-        const uint32_t tag = TakeFirst(m_unannounced);
-        Retain(DiscoveryTopic(m_config, tag), DiscoveryText(m_config, tag));
+        AnnounceDevice(TakeFirst(m_unannounced));
     } else if (!m_pins.Changes().empty()) {
         PublishChange(m_pins.Changes().front());
         m_pins.Changes().pop_front();

@@ -3,10 +3,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 
 #include "tools/mqtt/Broker.h"
+#include "tools/mqtt/Discovery.h"
 #include "tools/mqtt/Links.h"
 #include "tools/mqtt/PinBook.h"
 #include "tools/mqtt/Sets.h"
@@ -23,6 +25,9 @@ public:
 
     // Announces the pins to hubs, if the file wants it. Call it after each connection.
     void Announce();
+
+    // What the broker has retained for hubs: what is no longer in the file is removed there.
+    void TakeAnnounced(uint32_t address, const std::string& payload);
 
     // The configuration has changed from that one: all pins are published again, and what only that
     // one caused is removed.
@@ -50,6 +55,7 @@ private:
     void Repair();
     bool PublishPins();
     bool PublishRest();
+    void AnnounceDevice(uint32_t address);
     void PublishPin(uint32_t tag);
     void PublishLevel(uint32_t tag);
     void PublishChange(const PinChange& change);
@@ -67,7 +73,8 @@ private:
     bool m_has_more = false;
     TimePoint m_rest = TimePoint::max();  // when to call PublishRest(); max: at once
     std::set<uint32_t> m_levels;          // pins whose level topic is due
-    std::set<uint32_t> m_unannounced;     // pins to announce to hubs
+    std::set<uint32_t> m_unannounced;     // addresses to announce to hubs
+    std::map<uint32_t, Entities> m_announced;
     std::set<std::string> m_leftovers;
     std::set<std::string> m_foreign;
     TimePoint m_next_repair{};

@@ -83,10 +83,10 @@ void PrintTopics(const MqttConfig& config) {
                 }
             }
             printf("%s\n", topics.Event(pin).c_str());
-            if (!config.discovery.empty()) {
-                printf("%s\n", DiscoveryTopic(config, tag).c_str());
-            }
         }
+    }
+    if (!config.discovery.empty()) {
+        printf("%s\n", DiscoveryFilter(config).c_str());
     }
     for (const std::string& topic : Links(config, {}).Subscriptions()) {
         printf("%s\n", topic.c_str());

@@ -260,11 +260,12 @@ class MqttTest(unittest.TestCase):
         self.processes["studio"].send_signal(signal.SIGHUP)
         self.says("was read again")
         self.until(lambda: retained("orvex/studio/pin/green/level") == "L", 3, "no new name")
-        self.until(lambda: not retained("homeassistant/binary_sensor/orvex_studio_1_2_in2/config"), 3, "a ghost")
+        topic = "homeassistant/device/orvex_studio/1_2/config"
+        self.until(lambda: set(json.loads(retained(topic))["components"]) == {"in1"}, 3, "a ghost")
         self.assertEqual([retained(f"orvex/studio/pin/{name}") for name in ("red", "blue")], ["", ""])
         time.sleep(1)
         self.assertEqual([retained(f"orvex/studio/pin/{name}/level") for name in ("green", "1/2/in1")], ["L", "L"])
-        self.assertIn("green", retained("homeassistant/binary_sensor/orvex_studio_1_2_in1/config"))
+        self.assertIn("green", retained(topic))
 
     def test_sets(self):
         (RUN / "names").write_text("1:2:out2 red\n", "ascii")
@@ -304,11 +305,15 @@ class MqttTest(unittest.TestCase):
     def test_discovery(self):
         (RUN / "names").write_text('1:2:in1 red "Red light"\n', "ascii")
         self.broker()
-        self.bridge("studio", "pins 1:2:out2", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
+        self.bridge("studio", "pins 1:2:out2 9:9:in1", "discovery homeassistant", "board http://board/", replace=[("/dev/null", "/run/names")])
         self.says("is online")
         # What a hub does, which knows only the discovery messages.
-        sensor, switch = (json.loads(retained(f"homeassistant/{kind}/orvex_studio_1_2_{pin}/config"))
-                          for kind, pin in [("binary_sensor", "in1"), ("switch", "out2")])
+        topic = "homeassistant/device/orvex_studio/1_2/config"
+        device = json.loads(retained(topic))
+        sensor, switch = (device["components"][pin] for pin in ("in1", "out2"))
+        self.assertEqual((sensor["platform"], switch["platform"]), ("binary_sensor", "switch"))
+        self.assertEqual(device["device"]["configuration_url"], "http://board/")
+        self.assertRegex(device["origin"]["sw_version"], r"^\d+\.\d+\.\d+$")
         self.assertEqual(sensor["name"], "Red light")
         self.assertEqual(retained(sensor["state_topic"]), sensor["payload_off"])
         run("hub", "mosquitto_pub", "-t", switch["command_topic"], "-m", switch["payload_on"])
@@ -317,7 +322,15 @@ class MqttTest(unittest.TestCase):
         self.assertEqual(retained(status), "online")
         self.assertIn('"level":"L"', retained(pin))
         self.assertNotEqual(sensor["unique_id"], switch["unique_id"])
-        self.assertEqual(sensor["device"], switch["device"])
+        # What is removed while no bridge is there leaves no ghost: the hub is told what to remove.
+        kill(self.processes["studio"])
+        self.processes["sub"] = start("hub", "mosquitto_sub", "-R", "-t", "homeassistant/#", "-F", "%t %p", log="hub")
+        self.bridge("studio", "discovery homeassistant", replace=[("/dev/null", "/run/names")])
+        self.until(lambda: retained("homeassistant/device/orvex_studio/9_9/config") == "", 8, "a ghost")
+        self.until(lambda: (RUN / "hub").read_text("utf-8").count("1_2/config") == 2, 3, "not two messages")
+        told = [json.loads(line.split(" ", 1)[1])["components"] for line in (RUN / "hub").read_text("utf-8").splitlines()
+                if "1_2/config" in line]
+        self.assertEqual((told[0]["out2"], told[0]["in1"], set(told[1])), ({"platform": "switch"}, sensor, {"in1"}))
 
     def test_no_set_comes_late(self):
         self.both()
