@@ -9,6 +9,7 @@ namespace {
 const double FRESH = SHORTEST_LOSS;  // seconds; older heartbeats prove nothing
 const double PACE = 0.25;        // seconds; heartbeats that have waited come in shorter intervals
 const double REWRITE_PAUSE = 5;  // seconds, against an output that somebody else sets
+const int MOST_DOUBTS = 3;       // a device that was not ready for the write has it then
 
 }  // namespace
 
@@ -280,6 +281,7 @@ void Links::Apply(Link& link, Level level, const std::string& reason, std::vecto
     link.applied = level;
     link.written = Now();
     if (link.shown != level) {
+        link.doubts = 0;
         const bool counts = link.shown || level == Level::Low;  // the first high changes nothing
         link.shown = level;
         link.shown_since = counts ? Now() : TimePoint();
@@ -334,6 +336,16 @@ void Links::Told(uint32_t tag, Level level) {
     for (Link& link : m_links) {
         if (link.config.to.tag == tag && link.applied && link.applied != level &&
             link.again == TimePoint::max()) {
+            link.again = std::max(Now(), Later(link.written, REWRITE_PAUSE));
+        }
+    }
+}
+
+void Links::Denied(uint32_t tag) {
+    for (Link& link : m_links) {
+        if (link.config.to.tag == tag && link.applied && link.again == TimePoint::max() &&
+            link.doubts < MOST_DOUBTS) {
+            ++link.doubts;
             link.again = std::max(Now(), Later(link.written, REWRITE_PAUSE));
         }
     }

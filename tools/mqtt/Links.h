@@ -72,6 +72,10 @@ public:
     // A device reports that level of an output.
     void Told(uint32_t tag, Level level);
 
+    // A device answers high for an output that was written low: it may not know, or it was not
+    // ready for the write.
+    void Denied(uint32_t tag);
+
     // Everything is written as after a loss, because the bridge ends.
     std::vector<Write> End();
 
@@ -116,6 +120,7 @@ private:
         bool is_overruled = false;
         std::optional<Level> applied;  // none: nothing, or it must be written again
         TimePoint written{};
+        int doubts = 0;  // how often the level was denied and written again
         TimePoint again = TimePoint::max();
     };
     struct Site {

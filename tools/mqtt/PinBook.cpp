@@ -70,6 +70,7 @@ PinView PinBook::ViewOf(uint32_t tag) const {
     }
     view.level = state->level;
     view.status = state->status;
+    view.denied = state->denied;
     view.since = state->since->time;
     view.host = state->since->host;
     return view;

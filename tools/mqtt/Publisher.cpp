@@ -231,6 +231,9 @@ void Publisher::PublishPin(uint32_t tag) {
     if (view.level && view.status == PinStatus::Told) {
         m_links.Told(tag, *view.level);
     }
+    if (view.denied) {
+        m_links.Denied(tag);
+    }
     view.bridge = m_bridge;
     view.via = m_links.ViaOf(tag, view.level);
     const std::string text = StateText(view, tag, m_config.names);

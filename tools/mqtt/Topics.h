@@ -50,6 +50,7 @@ private:
 struct PinView {
     std::optional<Level> level;  // none: not known
     PinStatus status = PinStatus::Unknown;
+    bool denied = false;           // written low, and a device answers high: it may not know
     double since = 0;              // seconds since 1970; 0: not known
     uint32_t host = 0;             // who told or wrote it, host byte order; 0: nobody
     uint32_t bridge = 0;           // the number of the bridge that published it
