@@ -12,7 +12,7 @@ set(ORVEX_WIRESHARK_DIR ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins CACHE STRING
 install(TARGETS orvex RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES docs/man/orvex.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES docs/man/orvex-protocol.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
-install(FILES docs/protocol.md docs/wireshark.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/protocol.md docs/vectors.json docs/wireshark.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/nftables/orvex.nft DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY wireshark/ DESTINATION ${ORVEX_WIRESHARK_DIR} OPTIONAL
         FILES_MATCHING PATTERN "*.lua")

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Hex.h"
 #include "tests/support/Host.h"
-#include "tests/support/captures.h"
 
 // Receives what is sent to the group on port 2055, and sends from a port of its own.
 class BusPeer {

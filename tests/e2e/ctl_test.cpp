@@ -5,7 +5,7 @@
 
 #include "net/InetAddress.h"
 #include "tests/e2e/Ctl.h"
-#include "tests/support/captures.h"
+#include "tests/support/Hex.h"
 
 namespace {
 

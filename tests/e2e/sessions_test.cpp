@@ -8,6 +8,7 @@
 #include "tests/e2e/BusPeer.h"
 #include "tests/e2e/Site.h"
 #include "tests/support/loopback.h"
+#include "tests/support/vectors.h"
 
 namespace {
 
@@ -67,7 +68,7 @@ protected:
 
 private:
     static std::string Packet(const std::string& text) {
-        return ReadCapture(text.substr(1, text.size() - 2));
+        return ReadPacket(text.substr(1, text.size() - 2));
     }
 
     static void Expect(LoopbackServer& server, const std::string& text) {

@@ -6,7 +6,7 @@
 
 #include "msg/Msg2.h"
 #include "msg/cmsgdump.h"
-#include "tests/support/captures.h"
+#include "tests/support/Hex.h"
 
 // Decodes from a block of exactly the data's size, so that a sanitizer detects any read past it.
 inline unsigned short decode(CMsg2& msg, const std::string& data) {

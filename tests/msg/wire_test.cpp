@@ -80,40 +80,6 @@ TEST(Wire, EncodesAndDecodes) {
     }
 }
 
-// What peers may send, but our encoder never writes. again is the result of encoding it again.
-const struct {
-    const char* data;
-    bool good;
-    const char* text;
-    const char* again;
-} RECEIVED[] = {
-    {"49440000 0002 00000009 0C 0005 00000001 07 01", true,  // an unknown type
-     "[ID *unknown type=12*,00000001=01]", "49440000 0002 00000009 0C 0005 00000001 07 01"},
-    {"49440000 0002 00000009 00 0005 00000001 07 01", true,  // no type
-     "[ID *unknown type=0*,00000001=01]", "49440000 0001 00000001 07 01"},
-    {"49440000 0001 00000009 02 0002 6162", true,  // a string without end
-     "[ID 00000009='ab']", "49440000 0001 00000009 02 0002 6162"},
-    {"49440000 0002 00000001 07 01 00000001 08 0203", true,  // a tag used twice
-     "[ID 00000001=01,00000001=0203]", "49440000 0002 00000001 07 01 00000001 08 0203"},
-    {"49440000 0001 00000009 06 0000", true,  // a nested message without bytes
-     "[ID 00000009=DGRM [ ]]", "49440000 0001 00000009 06 0006 00000000 0000"},
-    {"49440000 0002 00000009 06 0006 58000000 0001 00000001 07 01", true,  // without its item
-     "[ID 00000009=DGRM [X ],00000001=01]",
-     "49440000 0002 00000009 06 0006 58000000 0000 00000001 07 01"},
-    {"49440000 0001 00000009 04 0003 0001 0002", false, "[ID ]", "49440000 0000"},
-    {"49440000 0001 00000009 06 0007 58000000 0000", false, "[ID ]", "49440000 0000"},
-};
-
-TEST(Wire, DecodesWhatIsNeverEncoded) {
-    for (const auto& v : RECEIVED) {
-        SCOPED_TRACE(v.data);
-        CMsg2 msg(0, 16);
-        EXPECT_EQ(decode(msg, Hex(v.data)), v.good ? Hex(v.data).size() : 0);
-        EXPECT_EQ(dump(msg), v.text);
-        EXPECT_EQ(encode(msg), Hex(v.again));
-    }
-}
-
 TEST(Wire, DecodingMakesRoomForTheItemsOnly) {
     const std::string three = Hex("00000000 0003 00000001 07 01 00000002 07 01 00000003 07 01");
     CMsg2 msg(2, 0);
@@ -136,29 +102,6 @@ TEST(Wire, KeepsTo65535Bytes) {
     const unsigned long inner = 65536 + 7 + 65535 * 4;
     EXPECT_EQ(msg.GetTrueDataSize(), inner + 7 + inner);
     EXPECT_EQ(msg.GetDataSize(), (inner + 7 + inner) % 65536);
-}
-
-TEST(Wire, IsDocumented) {
-    const struct {
-        const char* capture;
-        const char* text;
-    } payloads[] = {
-        {"write", "[WRNI 00010208=41]"},
-        {"read", "[READ FFFFFFFF=00000007,FFFFFFFC=0102030405060708,0001020D=00,00010208=00]"},
-        {"indication",
-         "[INDI FFFFFFFE=00000007,0001020D=01,00010208=00,FFFFFFFD=02,"
-         "FFFFFFFC=0102030405060708]"},
-        {"message", "[WRIN 00010207=40,00010204=85]"},
-    };
-    for (const auto& p : payloads) {
-        const std::string packet = ReadCapture(p.capture);
-        ASSERT_GT(packet.size(), 16u);
-        EXPECT_EQ(packet[2], CMsg2::GetVer());
-        CMsg2 msg(16, 16);
-        EXPECT_EQ(decode(msg, packet.substr(16)), packet.size() - 16);
-        EXPECT_EQ(dump(msg), p.text);
-        EXPECT_EQ(encode(msg), packet.substr(16));
-    }
 }
 
 }  // namespace

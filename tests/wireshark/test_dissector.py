@@ -1,5 +1,6 @@
 """Tests the Wireshark plugins on captures made of hand-written packets and lines."""
 
+import json
 import pathlib
 import random
 import re
@@ -186,15 +187,17 @@ class BusTest(unittest.TestCase):
             found = {name: " ".join(value) for name, value in zip(links, values) if value}
             self.assertEqual(found, expected.get(number, {}), f"frame {number}")
 
-    def test_reads_the_captures_of_the_protocol(self):
-        document = (PLUGINS.parent / "docs/protocol.md").read_text("utf-8")
-        captures = re.findall(r"<!-- capture \w+ -->\n\n((?:\|.*\n)+)", document)
-        got = frames(["orvex.message", "_ws.malformed"], *(
-            bytes.fromhex("".join(re.findall(r"^\| \d+ \| ([^|]+)", rows, re.MULTILINE)))
-            for rows in captures))
-        self.assertEqual([names for names, _ in got],
-                         [["WRNI"], ["READ"], ["INDI"], ["INDI"], ["WRIN"], []])
-        self.assertFalse(any(malformed for _, malformed in got))
+    def test_reads_the_vectors(self):
+        vectors = json.loads((PLUGINS.parent / "docs/vectors.json").read_text("utf-8"))
+        packets = {v["name"]: bytes.fromhex(v["hex"]) for v in vectors["packets"] + vectors["sent"]}
+        got = frames(["orvex.message", "_ws.malformed"], *packets.values())
+        found = {name: (names, bool(malformed)) for name, (names, malformed) in zip(packets, got)}
+        self.assertEqual({name: names for name, (names, _) in found.items() if name in (
+            "write", "read", "indication", "report", "message", "acknowledgement")},
+            {"write": ["WRNI"], "read": ["READ"], "indication": ["INDI"], "report": ["INDI"], "message": ["WRIN"],
+             "acknowledgement": []})
+        self.assertEqual({name for name, (_, malformed) in found.items() if malformed},
+                         {"no payload", "bytes behind the message", "item past the end", "short"})
 
     def test_any_bytes_are_dissected(self):
         capture = Capture()
