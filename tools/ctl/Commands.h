@@ -4,6 +4,7 @@
 struct Options;
 
 int RunChannels(const Options& options);
+int RunConform(const Options& options);
 int RunDoctor(const Options& options);
 int RunGet(const Options& options);
 int RunList(const Options& options);

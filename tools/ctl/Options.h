@@ -75,6 +75,9 @@ struct Options {
     RunnerSettings runner;
     bool plugin = false;   // report as a monitoring plugin
     bool metrics = false;  // report in the text format of Prometheus
+    std::string role;      // of the peer whose duties are tried: control, remote or peer
+    int input = 1;         // of a remote GPIO server
+    bool tap = false;      // report as a test does
 };
 
 // The positional arguments of a command; the setter takes one word.

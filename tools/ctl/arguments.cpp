@@ -251,6 +251,17 @@ void SetRange(Options& options, const std::string& text) {
     }
 }
 
+void SetRole(Options& options, const std::string& text) {
+    if (text != "control" && text != "remote" && text != "peer") {
+        Refuse("control, remote or peer", text);
+    }
+    options.role = text;
+}
+
+void SetInput(Options& options, const std::string& text) {
+    options.input = static_cast<int>(ParseCount(text, INPUT_COUNT, "an input from 1 to 256"));
+}
+
 void SetFile(Options& options, const std::string& text) {
     options.file = text;
 }

@@ -37,5 +37,7 @@ void AddWrite(Options& options, const std::string& text);
 void AddCondition(Options& options, const std::string& text);
 void AddCommandWord(Options& options, const std::string& text);
 void SetRange(Options& options, const std::string& text);
+void SetRole(Options& options, const std::string& text);
+void SetInput(Options& options, const std::string& text);
 void SetFile(Options& options, const std::string& text);
 void SetRecording(Options& options, const std::string& text);

@@ -63,6 +63,14 @@ const char* const SEND_DETAILS =
     "a report if its \"kind\" is report or reply:\n"
     "  {\"pin\":\"1:2:out1\",\"level\":\"L\",\"duration\":500}";
 
+const char* const CONFORM_DETAILS =
+    "Plays the daemon to a control server (control), to a remote GPIO server (remote)\n"
+    "or to a peer on the bus (peer), and prints for each duty whether it is met.\n"
+    "control switches the first output with a source, and leaves it high. With --for,\n"
+    "somebody changes an input meanwhile. peer listens on port 2060 for what the peer\n"
+    "reads and writes within the time of --for (default: 10 s).\n"
+    "  orvexctl conform control 10.0.0.9:93";
+
 }  // namespace
 
 const std::vector<CommandSpec> COMMANDS = {
@@ -126,6 +134,14 @@ const std::vector<CommandSpec> COMMANDS = {
      "users see what could not be examined.",
      {},
      RunDoctor},
+    {"conform",
+     "Try a server or peer of one's own",
+     CONFORM_DETAILS,
+     {{"ROLE", true, false, Completion::None, "control, remote or peer", SetRole},
+      {"IP[:PORT]", false, false, Completion::None, "The server (default: 127.0.0.1:93)",
+       SetServer},
+      {"INPUT", false, false, Completion::None, "Input of a remote server (default: 1)", SetInput}},
+     RunConform},
     {"top",
      "Show every known pin on the full screen",
      "With an ADDRESS, reads its pins first. Changes are highlighted for a moment and\n"
@@ -166,6 +182,8 @@ const std::vector<OptionSpec> OPTIONS = {
      Switch<&Options::plugin>},
     {"--metrics", nullptr, Completion::None, "doctor", "Report in the text format of Prometheus",
      Switch<&Options::metrics>},
+    {"--tap", nullptr, Completion::None, "conform", "Print as a test does (TAP)",
+     Switch<&Options::tap>},
     {"--explain", "SRCA=VALUE", Completion::None, "channels",
      "Ask no server: explain how the daemon reads this",
      [](Options& options, const std::string& text) { options.explain = text; }},
@@ -194,7 +212,7 @@ const std::vector<OptionSpec> OPTIONS = {
      "Show the second copy of each message too", Switch<&Options::all>},
     {"-c,--count", "N", Completion::None, "watch record",
      "End after N messages; with pins, after N changes", SetCount},
-    {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels top",
+    {"-f,--for", "SECONDS", Completion::None, "wait watch record send channels conform top",
      "End after this time", SetLimit},
     {"--force", nullptr, Completion::None, "record", "Overwrite the file", Switch<&Options::force>},
     {"--max-size", "SIZE", Completion::None, "record",
@@ -213,7 +231,9 @@ const std::vector<OptionSpec> OPTIONS = {
 
 const std::vector<StatusSpec> STATUSES = {
     {STATUS_DONE, "done"},
-    {STATUS_FAILED, "not sent or refused; no access to the bus or to a file; doctor: trouble"},
+    {STATUS_FAILED,
+     "not sent or refused; no access to the bus or to a file; doctor: trouble; conform: a duty is "
+     "not met"},
     {STATUS_USAGE, "wrong usage"},
     {STATUS_NO_ANSWER, "no answer, no acknowledgement, or not the levels in time"},
 };

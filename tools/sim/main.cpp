@@ -231,7 +231,8 @@ int Main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGTTIN, SIG_IGN);
     const Signals signals;
-    ControlServer server(PrintEvent);
+    // With a driver, although it has no pins to drive: clients that come back are told the states.
+    ControlServer server(PrintEvent, [](int) {});
     if ((!options.file.empty() && !LoadFile(server, options.file)) ||
         !Listen(server, options.listen)) {
         return STATUS_FAILED;

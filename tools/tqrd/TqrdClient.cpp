@@ -57,10 +57,14 @@ void TqrdClient::Close() {
 }
 
 void TqrdClient::Send(const std::string& line) {
+    SendBytes(line + "\n");
+}
+
+void TqrdClient::SendBytes(const std::string& bytes) {
     if (!IsOpen()) {
         return;
     }
-    m_output += line + "\n";
+    m_output += bytes;
     if (m_output.size() > MAX_OUTPUT) {
         Fail(0, "the server does not read");
     } else if (!m_connecting) {

@@ -42,6 +42,9 @@ public:
     // slowly, up to 64 KiB.
     void Send(const std::string& line);
 
+    // The same without a line end.
+    void SendBytes(const std::string& bytes);
+
     // For poll(): the socket, -1 if closed; POLLIN, POLLOUT or both; when to call Serve() at the
     // latest, time_point::max() for no limit.
     int GetDescriptor() const { return m_socket.Get(); }

@@ -87,7 +87,8 @@ TEST(OrvexSim, FollowsFileAndInput) {
         program.HasPrinted("\nSET A=1\nCFG GPO 1 SRCA=2\nGPI 3 LHHHH\nGPO 2 LHHHH\n# 127.0.0.1:"));
     EXPECT_TRUE(program.HasPrinted("dropped\n"));
     EXPECT_FALSE(client.Read());
-    EXPECT_EQ(client.received, "SET A=1\nCFG GPO 1 SRCA=2\nGPI 3 HHHHH\nGPI 3 LHHHH\n");
+    EXPECT_EQ(client.received,
+              "SET A=1\nCFG GPO 1 SRCA=2\nGPO 1 HHHHH\nGPI 1 HHHHH\nGPI 3 HHHHH\nGPI 3 LHHHH\n");
 }
 
 TEST(OrvexSim, ServesWithoutInputUntilASignal) {
