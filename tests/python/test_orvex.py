@@ -4,6 +4,8 @@ Usage: loopback.sh test_orvex.py BUILD [TEST]...
 """
 
 import asyncio
+import contextlib
+import json
 import pathlib
 import re
 import subprocess
@@ -14,9 +16,13 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 sys.path.insert(0, str(ROOT / "python"))
 
-from orvex import Bus, BusError, ControlServer, Level, Message, Packet, Pin, RemoteServer  # noqa: E402
+from orvex import Bus, BusError, ControlServer, Item, Level, Message, Packet, Pin, RemoteServer  # noqa: E402
+from orvex.packets import BYTE, answer  # noqa: E402
 
 IN1, IN2, OUT1 = (Pin.parse(f"1:2:{name}") for name in ("in1", "in2", "out1"))
+
+
+VECTORS = json.loads((ROOT / "docs/vectors.json").read_text("utf-8"))
 
 
 def captures():
@@ -107,6 +113,56 @@ class OrvexTest(unittest.IsolatedAsyncioTestCase):
                 while (await bus.get(OUT1)).get(OUT1) is not Level.HIGH:
                     pass
 
+    async def conform(self, *words, meanwhile=None):
+        """The exit status of orvexctl conform, and the duties by their verdict."""
+        self.daemon.kill()
+        self.daemon.wait()
+        process = await asyncio.create_subprocess_exec(
+            BUILD / "tools/ctl/orvexctl", "-i", "lo", "conform", "-j", "-q", *words, stdout=asyncio.subprocess.PIPE)
+        task = asyncio.create_task(meanwhile()) if meanwhile else None
+        out, _ = await process.communicate()
+        if task:
+            task.cancel()
+        duties = {}
+        for line in out.splitlines():
+            duties.setdefault(json.loads(line)["verdict"], set()).add(json.loads(line)["duty"])
+        return process.returncode, duties
+
+    async def test_servers_conform(self):
+        async def toggle():
+            while True:
+                await asyncio.sleep(0.3)
+                for server, number in (self.device, 1), (self.remote, 3):
+                    server.set_input(number, "L" if server.input_state(number)[0] == "H" else "H")
+
+        status, duties = await self.conform("-W", "3", "control", "127.0.0.1:93", "--for", "1", meanwhile=toggle)
+        self.assertEqual((status, list(duties)), (0, ["met"]), duties)
+        status, duties = await self.conform("-W", "3", "remote", "127.0.0.1:94", "3", "--for", "1", meanwhile=toggle)
+        self.assertEqual((status, list(duties)), (0, ["met"]), duties)
+
+    async def test_faults_are_found(self):
+        class Forgetful(Device):
+            def _return(self, number, pin):  # pins stay as they are
+                self._timers.pop((number, pin))
+
+        await self.device.stop()
+        self.device = Forgetful({1: "1:2"})
+        await self.device.start("127.0.0.1", 93)
+        status, duties = await self.conform("-W", "2", "control")
+        self.assertEqual((status, duties["not met"]), (1, {"duration", "overlap", "away"}))
+
+    async def test_a_peer_conforms(self):
+        async def use():
+            async with Bus("lo", to="127.0.0.1") as bus:
+                while True:
+                    for _ in range(2):
+                        with contextlib.suppress(BusError):  # one is refused
+                            await bus.send_acknowledged(Message(b"WRNI", [Item(OUT1.tag, BYTE, 0)]))
+                    await bus.get(IN1)
+
+        status, duties = await self.conform("peer", "--for", "5", meanwhile=use)
+        self.assertEqual((status, list(duties)), (0, ["met"]), duties)
+
     async def test_examples_run(self):
         await self.device.stop()
         self.daemon.kill()
@@ -132,21 +188,38 @@ class OrvexTest(unittest.IsolatedAsyncioTestCase):
 
 
 class BytesTest(unittest.TestCase):
-    def test_captures(self):
-        seen = 0
-        for name, data in captures():
-            with self.subTest(name):
-                if name == "acknowledgement":
+    def test_the_document_has_the_bytes_of_the_vectors(self):
+        named = {v["name"]: bytes.fromhex(v["hex"]) for v in VECTORS["packets"] + VECTORS["sent"]}
+        shown = dict(captures())
+        self.assertEqual(len(shown), 6)
+        self.assertEqual(shown, {name: named[name] for name in shown})
+
+    def test_packets(self):
+        for vector in VECTORS["packets"]:
+            with self.subTest(vector["name"]):
+                data = bytes.fromhex(vector["hex"])
+                if len(data) < 16 or data[3] != 7:
+                    self.assertRaises(ValueError, Packet.decode, data)
                     continue
                 packet = Packet.decode(data)
-                message = Message.decode(packet.payload)
-                self.assertEqual(message.encode(), packet.payload)
-                if name != "message":  # which has a result port and locks
+                if vector["answer"] is not None:
+                    self.assertEqual(answer(packet, packet.layer >= 3).hex().upper(), vector["answer"])
+                if vector["name"] not in ("message", "repetition"):  # which have a result port and locks
                     self.assertEqual(packet.encode(), data)
-                for cut in range(len(packet.payload)):
-                    self.assertRaises(ValueError, Message.decode, packet.payload[:cut])
-                seen += 1
-        self.assertEqual(seen, 5)
+
+    def test_messages(self):
+        for vector in VECTORS["messages"]:
+            with self.subTest(vector["meaning"]):
+                data = bytes.fromhex(vector["hex"])
+                if not vector["valid"]:
+                    self.assertRaises(ValueError, Message.decode, data)
+                    continue
+                message = Message.decode(data)
+                self.assertEqual([item.tag for item in message.items], [item["tag"] for item in vector["items"]])
+                for item, expected in zip(message.items, vector["items"]):
+                    if isinstance(expected["value"], (int, list)):
+                        value = list(item.value) if isinstance(item.value, bytes) else item.value
+                        self.assertEqual(value, expected["value"])
 
     def test_pins(self):
         for text, tag in {"1:2:in1": 0x1020D, "258:out5": 0x10204, "0x102:c0x20": 0x10220, "010:in5": 0x809}.items():
