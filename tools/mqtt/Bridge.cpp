@@ -321,7 +321,7 @@ void Bridge::FollowBus() {
 
 void Bridge::FollowRole() {
     if (m_phase == Phase::StandingBy && m_presence.IsActive()) {
-        m_tell("site " + m_config.site + " is taken over");
+        m_tell("this bridge takes over site " + m_config.site);
         TakeOver();
     } else if (m_phase > Phase::StandingBy && !m_presence.IsActive()) {
         m_broker.Unsubscribe(m_topics.Sets());
