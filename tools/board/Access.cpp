@@ -167,7 +167,7 @@ Access::Verdict Access::IsFromPage(const HttpRequest& request) const {
 
 // Whoever has the right token is never refused because of what others send.
 Access::Verdict Access::MayChange(const HttpRequest& request, TimePoint now) {
-    const Verdict verdict = IsFromPage(request);
+    Verdict verdict = IsFromPage(request);
     if (!verdict.reason.empty() || request.visit != m_guest ||
         (HasUsers() && TokenOf(request).empty())) {
         return verdict;

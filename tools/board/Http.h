@@ -51,7 +51,7 @@ struct HttpResponse {
     std::shared_ptr<const Visit> visit;          // to whom
     // Instead of all this, the response comes later: this is called with whom to give it to.
     using Done = std::function<void(HttpResponse)>;
-    std::function<void(Done)> later;
+    std::function<void(const Done&)> later;
 };
 
 // A refusal in plain text.

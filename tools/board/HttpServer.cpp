@@ -97,7 +97,7 @@ void HttpServer::Admit(tcp::socket socket) {
         (*idle)->Close();
     }
     HttpSession::Owner& owner = *this;
-    m_sessions.push_back(std::make_shared<HttpSession>(owner, std::move(socket)));
+    m_sessions.push_back(std::make_shared<HttpSession>(owner, std::move(socket), m_tls));
     m_sessions.back()->Start();
     SweepSoon();
 }
@@ -121,7 +121,7 @@ bool HttpServer::MakeRoom(const std::string& peer) {
     std::map<std::string, size_t> count;
     size_t viewers = 0;
     for (const auto& session : m_sessions) {
-        count[VisitorOf(session->Peer())] += session->IsViewer() ? 1 : 0;
+        count[VisitorOf(session->Client())] += session->IsViewer() ? 1 : 0;
         viewers += session->IsViewer() ? 1 : 0;
     }
     const auto most =
@@ -134,7 +134,7 @@ bool HttpServer::MakeRoom(const std::string& peer) {
         return false;
     }
     const auto newest = std::find_if(m_sessions.rbegin(), m_sessions.rend(), [&](const auto& one) {
-        return one->IsViewer() && VisitorOf(one->Peer()) == most->first;
+        return one->IsViewer() && VisitorOf(one->Client()) == most->first;
     });
     (*newest)->Dismiss("too many viewers from this address");
     return true;

@@ -38,6 +38,9 @@ public:
     void Listen(int listening_socket);
     void Listen(const std::string& ip, uint16_t port);
 
+    // From now on, new connections use it. Null: no TLS.
+    void UseTls(TlsContext context) { m_tls = std::move(context); }
+
     // The address it listens on, "127.0.0.1:8093".
     std::string Address() const;
 
@@ -68,5 +71,6 @@ private:
     bool m_sweeping = false;
     Clock::time_point m_flushed;
     std::list<std::shared_ptr<HttpSession>> m_sessions;
+    TlsContext m_tls;
     uint64_t m_cut = 0;
 };

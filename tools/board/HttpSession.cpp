@@ -71,13 +71,31 @@ std::string NameOf(const boost::asio::ip::address& address) {
 
 }  // namespace
 
-HttpSession::HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket)
-    : m_owner(owner), m_socket(std::move(socket)), m_input(MAX_HEADER + 8192) {
+HttpSession::HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket,
+                         const TlsContext& context)
+    : m_owner(owner), m_connection(std::move(socket), context), m_input(MAX_HEADER + 8192) {
     Error ignored;
-    m_peer = NameOf(m_socket.remote_endpoint(ignored).address());
-    m_socket.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-    m_socket.set_option(boost::asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
+    boost::asio::ip::tcp::socket& made = m_connection.GetSocket();
+    m_peer = NameOf(made.remote_endpoint(ignored).address());
+    m_client = m_peer;
+    made.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    made.set_option(boost::asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
     Await(REQUEST_TIME);
+}
+
+// A handshake has as much time as a request.
+void HttpSession::Start() {
+    if (!m_connection.IsSecure()) {
+        ReadRequest();
+        return;
+    }
+    m_connection.Handshake([self = shared_from_this()](const Error& error) {
+        if (error) {
+            self->Close();
+        } else if (self->IsOpen()) {
+            self->ReadRequest();
+        }
+    });
 }
 
 void HttpSession::Await(std::chrono::seconds limit) {
@@ -86,10 +104,10 @@ void HttpSession::Await(std::chrono::seconds limit) {
 }
 
 void HttpSession::Close() {
-    if (m_socket.is_open()) {
+    if (IsOpen()) {
         Error ignored;
-        m_socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
-        m_socket.close(ignored);
+        m_connection.GetSocket().shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+        m_connection.GetSocket().close(ignored);
         m_owner.Remove(*this);
     }
 }
@@ -107,12 +125,12 @@ void HttpSession::ReadRequest() {
     m_parser->body_limit(MAX_BODY);
     Await(REQUEST_TIME);
     http::async_read(
-        m_socket, m_input, *m_parser,
+        m_connection, m_input, *m_parser,
         [self = shared_from_this()](const Error& error, size_t) { self->OnRequest(error); });
 }
 
 void HttpSession::OnRequest(const Error& error) {
-    if (!m_socket.is_open()) {
+    if (!IsOpen()) {
         return;
     }
     if (!error) {
@@ -146,6 +164,7 @@ void HttpSession::Answer() {
         response = Refuse(501, "this Transfer-Encoding is not known");
     } else {
         response = m_owner.Answer(request);
+        m_client = request.peer;
     }
     if (response.later) {
         RespondLater(response, head_only);
@@ -157,7 +176,7 @@ void HttpSession::Answer() {
 void HttpSession::RespondLater(const HttpResponse& response, bool head_only) {
     Await(REQUEST_TIME);
     response.later([self = shared_from_this(), head_only](HttpResponse late) {
-        if (self->m_socket.is_open()) {
+        if (self->IsOpen()) {
             self->Respond(std::move(late), head_only);
         }
     });
@@ -169,11 +188,15 @@ HttpRequest HttpSession::TakeRequest() {
     request.method = std::string(message.method_string().data(), message.method_string().size());
     request.method = request.method == "HEAD" ? "GET" : request.method;
     for (const auto& field : message) {
-        request.headers[Lower(field.name_string())] =
-            std::string(field.value().data(), field.value().size());
+        const std::string name = Lower(field.name_string());
+        const std::string value(field.value().data(), field.value().size());
+        std::string& header = request.headers[name];
+        // Of what proxies add, the last part counts, which may be in a header of its own.
+        header = name == "x-forwarded-for" && !header.empty() ? header + "," + value : value;
     }
     request.body = std::move(message.body());
     request.peer = m_peer;
+    request.secure = m_connection.IsSecure();
     return request;
 }
 
@@ -198,14 +221,14 @@ void HttpSession::Respond(HttpResponse response, bool head_only) {
     Await(WRITE_TIME);
     const std::array<boost::asio::const_buffer, 2> parts = {boost::asio::buffer(m_head), body};
     boost::asio::async_write(
-        m_socket, parts,
+        m_connection, parts,
         [self = shared_from_this()](const Error& error, size_t) { self->OnWritten(error); });
 }
 
 void HttpSession::OnWritten(const Error& error) {
     m_writing = false;
     m_body.clear();
-    if (error || !m_socket.is_open()) {
+    if (error || !IsOpen()) {
         Close();
         return;
     }
@@ -233,19 +256,19 @@ void HttpSession::BeginViewing(const HttpResponse& response) {
 
 // A viewer sends nothing; reading shows when its connection ends.
 void HttpSession::WatchForEnd() {
-    m_socket.async_read_some(boost::asio::buffer(m_ignored),
-                             [self = shared_from_this()](const Error& error, size_t) {
-                                 if (error) {
-                                     self->Close();
-                                 } else {
-                                     self->WatchForEnd();
-                                 }
-                             });
+    m_connection.async_read_some(boost::asio::buffer(m_ignored),
+                                 [self = shared_from_this()](const Error& error, size_t) {
+                                     if (error) {
+                                         self->Close();
+                                     } else {
+                                         self->WatchForEnd();
+                                     }
+                                 });
 }
 
 void HttpSession::Pump() {
     const EventStream& stream = m_owner.Stream();
-    if (!m_viewer || m_writing || m_ending || !m_socket.is_open() ||
+    if (!m_viewer || m_writing || m_ending || !IsOpen() ||
         (m_next == stream.Next() && m_last_words.empty())) {
         return;
     }
@@ -269,7 +292,7 @@ void HttpSession::Pump() {
     m_writing = true;
     Await(WRITE_TIME);
     boost::asio::async_write(
-        m_socket, boost::asio::buffer(m_head),
+        m_connection, boost::asio::buffer(m_head),
         [self = shared_from_this()](const Error& error, size_t) { self->OnWritten(error); });
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/board/Connection.h"
 #include "tools/board/EventStream.h"
 #include "tools/board/Http.h"
 
@@ -36,9 +37,9 @@ public:
         ~Owner() = default;
     };
 
-    HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket);
+    HttpSession(Owner& owner, boost::asio::ip::tcp::socket socket, const TlsContext& context);
 
-    void Start() { ReadRequest(); }
+    void Start();
 
     // Sends a viewer the events it has not received, unless a write is still pending.
     void Pump();
@@ -51,7 +52,8 @@ public:
     // Closes the connection of a client that is too slow.
     void CutOff();
 
-    const std::string& Peer() const { return m_peer; }
+    // The address of the client, as a proxy says if there is one.
+    const std::string& Client() const { return m_client; }
     bool IsViewer() const { return m_viewer && m_last_words.empty(); }
     // A viewer that did not keep up.
     bool WasTooSlow() const { return m_too_slow; }
@@ -63,6 +65,7 @@ public:
 private:
     using Error = boost::system::error_code;
 
+    bool IsOpen() { return m_connection.GetSocket().is_open(); }
     void Await(std::chrono::seconds limit);
     void ReadRequest();
     void OnRequest(const Error& error);
@@ -75,8 +78,9 @@ private:
     void WatchForEnd();
 
     Owner& m_owner;
-    boost::asio::ip::tcp::socket m_socket;
+    Connection m_connection;
     std::string m_peer;
+    std::string m_client;
     boost::beast::flat_buffer m_input;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> m_parser;
     std::string m_head;

@@ -49,7 +49,7 @@ HttpResponse Login::LogIn(const HttpRequest& request, TimePoint now) {
         return Fail(429, std::string(WRONG) + ", too often; wait a minute");
     }
     HttpResponse response;
-    response.later = [this, attempt](HttpResponse::Done done) {
+    response.later = [this, attempt](const HttpResponse::Done& done) {
         const bool waits = m_queue.Check(
             attempt.password, attempt.hash, attempt.is_known,
             [this, attempt, done](bool is_right) { done(Finish(attempt, is_right)); });

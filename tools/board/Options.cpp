@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "protocol/numbers.h"
+#include "tools/board/Entrance.h"
 #include "tools/completion/CommandLine.h"
 
 namespace {
@@ -81,6 +82,29 @@ void AddRules(CLI::App& app, Options& options, CompletionKinds& kinds) {
     kinds[users] = Completion::File;
 }
 
+// How browsers reach it.
+void AddEntrance(CLI::App& app, Options& options, CompletionKinds& kinds) {
+    CLI::Option* const certificate =
+        app.add_option("--tls-certificate", options.certificate,
+                       "Speak HTTPS with this certificate and the chain after it (PEM)")
+            ->type_name("FILE");
+    CLI::Option* const key =
+        app.add_option("--tls-key", options.key, "Its key (PEM)")->type_name("FILE");
+    certificate->needs(key);
+    key->needs(certificate);
+    kinds[certificate] = Completion::File;
+    kinds[key] = Completion::File;
+    app.add_option("--base", options.base, "Path under which a proxy passes requests on")
+        ->type_name("PATH")
+        ->check(Parses(ParseBase))
+        ->capture_default_str();
+    app.add_option("--proxy", options.proxies,
+                   "Address of a proxy whose X-Forwarded-For is believed; repeatable")
+        ->type_name("IP")
+        ->check(Parses(ParseAddress))
+        ->allow_extra_args(false);
+}
+
 // The command "user".
 void AddUserCommand(CLI::App& app, UserOptions& user, CompletionKinds& kinds) {
     CLI::App* const command = app.add_subcommand("user", "Add, list or remove users of a board");
@@ -137,6 +161,7 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options) {
     CompletionKinds kinds;
     AddPlaces(line, options, kinds);
     AddRules(line, options, kinds);
+    AddEntrance(line, options, kinds);
     AddUserCommand(line, options.user, kinds);
     line.callback([&options] {
         if (options.allow_set && options.token_file.empty() && options.users.empty()) {

@@ -22,6 +22,10 @@ struct Options {
     bool allow_set = false;
     std::string token_file;
     std::string users;
+    std::string certificate;
+    std::string key;
+    std::string base = "/";
+    std::vector<std::string> proxies;
     UserOptions user;  // of the command
 };
 

@@ -42,8 +42,7 @@ std::string Hex(const unsigned char* bytes, size_t count) {
 std::string HashPassword(const std::string& password) {
     const std::unique_ptr<char, decltype(&free)> setting(crypt_gensalt_ra(METHOD, 0, nullptr, 0),
                                                          &free);
-    const std::string hash =
-        setting && IsAcceptable(password) ? Crypt(password, setting.get()) : "";
+    std::string hash = setting && IsAcceptable(password) ? Crypt(password, setting.get()) : "";
     if (hash.empty()) {
         throw std::runtime_error("the password can't be hashed: " + ErrorText(errno));
     }

@@ -23,7 +23,7 @@ std::string Sessions::Begin(const UserEntry& user, TimePoint now) {
     if (count >= MAX_OF_USER) {
         Drop(oldest);
     }
-    const std::string secret = MakeToken();
+    std::string secret = MakeToken();
     const Visit visit = {user.name, user.rights, false};
     m_sessions[HashToken(secret)] = {std::make_shared<Visit>(visit), user.hash, now};
     return secret;
@@ -73,7 +73,7 @@ std::string Sessions::MakeKnown(const std::string& user) {
     if (m_known.size() >= MAX_KNOWN) {
         m_known.erase(m_known.begin());  // any: their keys are random
     }
-    const std::string secret = MakeToken();
+    std::string secret = MakeToken();
     m_known[HashToken(secret)] = user;
     return secret;
 }

@@ -51,7 +51,7 @@ std::string AskLine(const char* question) {
 std::string AskPassword(const std::string& name) {
     const Silence silence;
     const std::string question = "Password of " + name + ": ";
-    const std::string password = AskLine(silence.IsTerminal() ? question.c_str() : "");
+    std::string password = AskLine(silence.IsTerminal() ? question.c_str() : "");
     if (password.size() < MIN_PASSWORD || password.size() > MAX_PASSWORD) {
         throw std::runtime_error("a password has 8 to 256 bytes");
     }

@@ -20,6 +20,7 @@
 #include "tools/board/Access.h"
 #include "tools/board/Api.h"
 #include "tools/board/Board.h"
+#include "tools/board/Entrance.h"
 #include "tools/board/HttpServer.h"
 #include "tools/board/Json.h"
 #include "tools/board/Login.h"
@@ -56,6 +57,8 @@ private:
     static HistorySettings HistorySettingsOf(const Options& options);
     static AccessSettings AccessSettingsOf(const Options& options);
     static std::string WallsFileOf(const Options& options);
+    static Entrance EntranceOf(const Options& options);
+    static TlsContext TlsOf(const Options& options);
     void Turn();
     void WatchBus(Wait& wait);
     void WatchControl();
@@ -77,6 +80,7 @@ private:
     Access m_access;
     PasswordQueue m_passwords;
     Login m_login;
+    const Entrance m_entrance;
     Metrics m_metrics;
     Walls m_walls;
     Api m_api;
@@ -130,9 +134,22 @@ AccessSettings Program::AccessSettingsOf(const Options& options) {
     settings.allow_set = options.allow_set;
     settings.token_file = options.token_file;
     settings.users_file = options.users;
+    settings.base = ParseBase(options.base);
     settings.cookie = "orvex-board-" + std::to_string(ParseHostPort(options.listen).port);
     settings.hosts.insert(options.hosts.begin(), options.hosts.end());
     return settings;
+}
+
+Entrance Program::EntranceOf(const Options& options) {
+    std::set<std::string> proxies;
+    for (const std::string& proxy : options.proxies) {
+        proxies.insert(ParseAddress(proxy));
+    }
+    return Entrance(ParseBase(options.base), proxies);
+}
+
+TlsContext Program::TlsOf(const Options& options) {
+    return options.certificate.empty() ? nullptr : LoadTls(options.certificate, options.key);
 }
 
 Program::~Program() {
@@ -152,10 +169,14 @@ Program::Program(const Options& options)
       m_access(AccessSettingsOf(options), m_board.GetNames()),
       m_passwords(m_loop),
       m_login(m_access, m_passwords),
+      m_entrance(EntranceOf(options)),
       m_metrics(m_board, m_history),
       m_walls(WallsFileOf(options)),
       m_api(m_board, m_history, m_stream, m_access, m_login, m_metrics, m_walls),
       m_server(m_loop, m_stream, [this](HttpRequest& request) {
+          if (const std::optional<HttpResponse> elsewhere = m_entrance.Admit(request)) {
+              return *elsewhere;
+          }
           HttpResponse response = m_api.Handle(request);
           StoreSoon();
           if (response.follow) {
@@ -166,6 +187,7 @@ Program::Program(const Options& options)
     m_history.on_stored = [this](int64_t delay) { m_metrics.NoteStored(delay); };
     m_metrics.viewers = [this] { return m_server.Viewers(); };
     m_metrics.viewers_cut = [this] { return m_server.CutOff(); };
+    m_server.UseTls(TlsOf(options));
     const char* const pid = getenv("LISTEN_PID");
     const char* const sockets = getenv("LISTEN_FDS");
     if (pid != nullptr && sockets != nullptr && atol(pid) == getpid() && atoi(sockets) == 1) {
@@ -296,7 +318,9 @@ void Program::ReloadOnSignal() {
 void Program::Reload() {
     try {
         Names names = Names::Load(m_options.names);
+        TlsContext tls = TlsOf(m_options);
         m_access.Reload();
+        m_server.UseTls(std::move(tls));
         m_board.Rename(std::move(names));
         printf("orvex-board: the files were read again\n");
         fflush(stdout);
@@ -337,7 +361,8 @@ void Program::Run() {
     }
     Turn();
     Keep();
-    printf("orvex-board: http://%s/\n", m_server.Address().c_str());
+    printf("orvex-board: http%s://%s%s\n", m_options.certificate.empty() ? "" : "s",
+           m_server.Address().c_str(), ParseBase(m_options.base).c_str());
     fflush(stdout);
     m_notify.Ready();
     m_loop.run();

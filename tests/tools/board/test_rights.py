@@ -6,8 +6,12 @@ Usage: test_rights.py ORVEX-BOARD
 import contextlib
 import http.client
 import json
+import os
 import pathlib
+import shutil
 import signal
+import socket
+import ssl
 import subprocess
 import sys
 import time
@@ -176,6 +180,135 @@ class RightsTest(unittest.TestCase):
         user("remove", "dan")
         self.hang_up("were read again")
         self.assertEqual(ask("/api/v1/pins", **dan)[0], 401)
+
+
+PROXIED = 8097
+NGINX = """
+daemon off; pid /run/nginx.pid; error_log /run/nginx.log;
+events {} http { access_log off; client_body_temp_path /run/nginx; proxy_temp_path /run/nginx; fastcgi_temp_path /run/nginx;
+uwsgi_temp_path /run/nginx; scgi_temp_path /run/nginx;
+server { listen 127.0.0.1:8098 ssl; ssl_certificate /run/tls.crt; ssl_certificate_key /run/tls.key;
+location /board/ { proxy_pass https://127.0.0.1:8097; proxy_bind 127.0.0.77; proxy_set_header Host $http_host;
+proxy_set_header X-Forwarded-For $proxy_add_x_forwarded_for; proxy_set_header X-Forwarded-Proto $scheme; } } }
+"""
+
+
+def make_certificate(name):
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "9",
+                    "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}", "-keyout", "/run/tls.key", "-out",
+                    "/run/tls.crt"], check=True, stderr=subprocess.DEVNULL)
+
+
+def ask_tls(path, port=PROXIED, body=None, source="127.0.0.1", **headers):
+    context = ssl.create_default_context(cafile="/run/first.crt" if port == PROXIED else "/run/tls.crt")
+    context.check_hostname = False
+    context.verify_flags &= ~ssl.VERIFY_X509_STRICT
+    connection = http.client.HTTPSConnection("127.0.0.1", port, timeout=20, source_address=(source, 0), context=context)
+    given = {name.replace("_", "-"): value for name, value in headers.items()}
+    origin = {**WRITE, "Origin": f"https://127.0.0.1:{port}"} if body is not None else {}
+    connection.request("POST" if body is not None else "GET", path, body and json.dumps(body), {**origin, **given})
+    with contextlib.closing(connection):
+        answer = connection.getresponse()
+        return answer.status, answer.headers, answer.read().decode()
+
+
+class ProxyTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        make_certificate("board.test")
+        shutil.copy("/run/tls.crt", "/run/first.crt")
+        pathlib.Path("/run/proxied").write_text("guest read\n", "ascii")
+        os.chmod("/run/proxied", 0o600)
+        subprocess.run([BOARD, "user", "add", "--users", "/run/proxied", "ann", "set"], check=True, text=True,
+                       input="correct horse\n", stderr=subprocess.DEVNULL)
+        cls.log = open("/run/proxied.log", "w+", encoding="utf-8")
+        cls.board = subprocess.Popen([BOARD, "-i", "eth0", "--listen", f"127.0.0.1:{PROXIED}", "--users", "/run/proxied",
+                                      "--allow-set", "--tls-certificate", "/run/tls.crt", "--tls-key", "/run/tls.key",
+                                      "--base", "/board", "--proxy", "127.0.0.77", "--proxy", "127.0.0.78"],
+                                     stdout=cls.log, stderr=cls.log)
+        until(lambda: ask_tls("/board/")[0] == 200)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.board.terminate()
+        cls.board.wait()
+        cls.log.close()
+
+    def sender(self, source, port=PROXIED, **headers):
+        """Whom the board takes for the sender of a request that it refuses."""
+        self.assertEqual(ask_tls("/board/api/v1/set", port, {"pin": "1:2:out1", "level": "L"}, source, **headers)[0], 401)
+        return json.loads(ask_tls("/board/api/v1/history?kind=set&limit=1")[2])["events"][0]["host"]
+
+    def test_only_named_proxies_say_who_sends(self):
+        for source, forwarded, client in [
+                ("127.0.0.5", "10.0.0.1", "127.0.0.5"), ("127.0.0.77", "10.0.0.1", "10.0.0.1"), ("127.0.0.77", "", "127.0.0.77"),
+                ("127.0.0.77", "10.0.0.9, 10.0.0.2", "10.0.0.2"), ("127.0.0.77", "10.0.0.3, 127.0.0.78", "10.0.0.3"),
+                ("127.0.0.77", "10.0.0.4, evil", "127.0.0.77"), ("127.0.0.77", "::ffff:10.0.0.5", "10.0.0.5"),
+                ("127.0.0.77", "10.0.0.6,", "127.0.0.77"), ("127.0.0.77", ", " * 500 + "2001:db8::1", "2001:db8::1")]:
+            self.assertEqual(self.sender(source, X_Forwarded_For=forwarded), client, forwarded)
+
+    def test_paths_stay_below_the_base(self):
+        for path, status in [("/board/", 200), ("/board/lamp/1:2:in1", 200), ("/", 404), ("/metrics", 404), ("/boardmetrics", 404),
+                             ("/board/../metrics", 404), ("/board/%2e%2e/metrics", 404), ("/board//metrics", 404),
+                             ("//evil.example/board/", 404), ("/board", 308), ("/board?x=//evil.example", 308)]:
+            answer = ask_tls(path)
+            self.assertEqual(answer[0], status, path)
+            self.assertEqual(answer[1]["Location"], "/board/" if status == 308 else None)
+
+    @unittest.skipUnless(shutil.which("nginx"), "no nginx")
+    def test_behind_nginx(self):
+        pathlib.Path("/run/nginx.conf").write_text(NGINX, "ascii")
+        os.makedirs("/run/nginx", exist_ok=True)
+        proxy = subprocess.Popen(["nginx", "-c", "/run/nginx.conf"], stderr=subprocess.DEVNULL)
+        self.addCleanup(proxy.wait)
+        self.addCleanup(proxy.terminate)
+        until(lambda: ask_tls("/board/", 8098)[0] == 200)
+        self.assertEqual(self.sender("127.0.0.9", 8098, X_Forwarded_For="10.9.9.9"), "127.0.0.9")
+        status, headers, _ = ask_tls("/board/api/v1/login", 8098, {"user": "ann", "password": "correct horse"})
+        self.assertEqual(status, 200)
+        for cookie in headers.get_all("Set-Cookie"):
+            self.assertRegex(cookie, "; Path=/board/; .*; HttpOnly; SameSite=Strict; Secure$")
+        session = headers.get_all("Set-Cookie")[0].split(";")[0]
+        self.assertEqual(ask_tls("/board/api/v1/set", 8098, {"pin": "1:2:out1", "level": "H"}, Cookie=session)[0], 202)
+        raw = ssl.create_default_context(cafile="/run/tls.crt")
+        raw.check_hostname = False
+        raw.verify_flags &= ~ssl.VERIFY_X509_STRICT
+        with raw.wrap_socket(socket.create_connection(("127.0.0.1", 8098), timeout=20)) as viewer:
+            viewer.sendall(b"GET /board/api/v1/events HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            got = b""
+            while b"event: beat" not in got:  # at once, although nginx buffers
+                got += viewer.recv(4096)
+
+    def test_z_handshakes(self):
+        """Slow ones and many of them, then another certificate."""
+        half = [socket.create_connection(("127.0.0.1", PROXIED), timeout=20) for _ in range(500)]
+        for client in half:
+            with contextlib.suppress(OSError):
+                client.sendall(b"\x16\x03\x01")
+        begin = time.monotonic()
+        self.assertEqual(ask_tls("/board/")[0], 200)
+        self.assertLess(len(os.listdir(f"/proc/{self.board.pid}/fd")), 450)
+        half[-1].settimeout(20)
+        self.assertEqual(half[-1].recv(1), b"")  # cut off for taking too long
+        self.assertGreater(time.monotonic() - begin, 8)
+        for client in half:
+            client.close()
+        with socket.create_connection(("127.0.0.1", PROXIED), timeout=20) as plain:  # that does not speak TLS
+            plain.sendall(b"GET /board/ HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            self.assertNotIn(b"200", plain.recv(100))
+        key = pathlib.Path("/run/tls.key").read_text("ascii")
+        pathlib.Path("/run/tls.key").write_text("nonsense", "ascii")
+        self.board.send_signal(signal.SIGHUP)
+        until(lambda: "/run/tls.key: " in pathlib.Path(self.log.name).read_text("utf-8"))
+        self.assertEqual(ask_tls("/board/")[0], 200)
+        pathlib.Path("/run/tls.key").write_text(key, "ascii")
+        make_certificate("other.test")
+        self.board.send_signal(signal.SIGHUP)
+
+        def certificate():
+            return ssl.get_server_certificate(("127.0.0.1", PROXIED))
+
+        until(lambda: certificate().split() == pathlib.Path("/run/tls.crt").read_text("ascii").split())
 
 
 if __name__ == "__main__":
