@@ -180,7 +180,8 @@ class BoardTest(unittest.TestCase):
         exported |= names(r"^(\w+)", doctor.stdout)
         rules = (ROOT / "packaging/prometheus/orvex-board.rules.yml").read_text("utf-8")
         used = rules + (ROOT / "packaging/grafana/orvex-board.json").read_text("utf-8")
-        self.assertEqual(names(r"\b((?:orvex_board|orvex_doctor|process)_\w+)", used) - exported, set())
+        exported |= names(r"^\.It Ic (orvex_mqtt_\w+)", (ROOT / "docs/man/orvex-mqtt.8").read_text("utf-8"))
+        self.assertEqual(names(r"\b((?:orvex_board|orvex_doctor|orvex_mqtt|process)_\w+)", used) - exported, set())
         self.assertEqual(re.findall(r"alert: (\w+)", rules),
                          re.findall(r"^## (\w+)", (ROOT / "docs/runbook.md").read_text("utf-8"), re.M))
 
