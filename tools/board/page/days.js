@@ -96,7 +96,8 @@ function spellTable({ list }, bounds) {
     return rows.length ? table("From, to, who", ["From", "To", "For", "Pin", "Who"], rows) : null;
 }
 
-function gapNotes(gaps) {
+function gapNotes(all) {
+    const gaps = all.filter(({ from, until }) => until === null || until - from >= 1000);
     const lines = gaps.slice(-MOST_GAPS).map(({ from, until, reason }) =>
         h("p", { className: "note" }, `Nothing is known from ${momentText(from)} to ${until ? momentText(until) : "now"}: ${reason}.`));
     return gaps.length > MOST_GAPS ? [h("p", { className: "note" }, `${gaps.length} gaps; the latest are:`), ...lines] : lines;
