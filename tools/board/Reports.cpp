@@ -13,6 +13,7 @@ namespace {
 
 const int64_t MINUTE = 60000;
 const int64_t LONGEST_DAY = MINUTE * 60 * 26;  // when clocks are put back
+const int64_t LAST_TIME = 253402300800000;     // the end of the year 9999
 const int64_t FARTHEST_ZONE = 840;             // minutes: 14 hours
 const size_t PIN_COST = 200;                   // of the searches for one pin, in rows
 
@@ -32,12 +33,13 @@ std::vector<int64_t> DaysField(const HttpRequest& request) {
     for (std::string_view rest = text; !rest.empty() && bounds.size() <= Reports::MAX_DAYS + 1;) {
         const std::string_view one = rest.substr(0, rest.find(','));
         rest.remove_prefix(std::min(rest.size(), one.size() + 1));
-        bounds.push_back(Number(one, "days"));
-        const bool first = bounds.size() == 1;
-        const int64_t length = first ? 1 : bounds.back() - bounds[bounds.size() - 2];
-        if (bounds[0] < 0 || length <= 0 || length > LONGEST_DAY) {
+        const int64_t time = Number(one, "days");
+        const bool is_time = time >= 0 && time < LAST_TIME;
+        if (!is_time ||
+            (!bounds.empty() && (time <= bounds.back() || time - bounds.back() > LONGEST_DAY))) {
             throw std::invalid_argument("days is no list of times, a day apart");
         }
+        bounds.push_back(time);
     }
     if (bounds.size() < 2 || bounds.size() > Reports::MAX_DAYS + 1) {
         throw std::invalid_argument("days has no two times, or more than " +

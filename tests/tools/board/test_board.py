@@ -280,7 +280,7 @@ class BoardTest(unittest.TestCase):
         self.assertEqual((spells[-1]["who"], spells[-1]["to_known"]), ("Ann (127.0.0.1)", True))
         self.assertIn('1:2:out2,"studio1:out2",L,', ask(f"/api/v1/spells?from={begin}&group=studio1&format=csv")[1])
         self.assertGreater(len(get(f"/api/v1/days?{days}&after=1:2:out2")["pins"]), 4)  # the rest
-        for wrong in ("", "days=1", "days=2,1", "days=1,2x", "days=1,99999999999", "days=" + ",".join(map(str, range(40)))):
+        for wrong in ("", "days=1", "days=2,1", "days=1,2x", "days=1,99999999999", f"days={2**63 - 1},{-2**63}", f"days={2**63 - 2},{2**63 - 1}", "days=" + ",".join(map(str, range(40)))):
             self.assertEqual(ask(f"/api/v1/days?{wrong}")[0], 400, wrong)
 
     def test_walls_are_kept_by_those_who_may(self):
