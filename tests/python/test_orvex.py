@@ -8,6 +8,7 @@ import contextlib
 import json
 import pathlib
 import re
+import socket
 import subprocess
 import sys
 import unittest
@@ -150,6 +151,15 @@ class OrvexTest(unittest.IsolatedAsyncioTestCase):
         await self.device.start("127.0.0.1", 93)
         status, duties = await self.conform("-W", "2", "control")
         self.assertEqual((status, duties["not met"]), (1, {"duration", "overlap", "away"}))
+
+        async def send_no_packets():
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+                while True:
+                    sock.sendto(b"no packet", ("127.0.0.1", 2060))
+                    await asyncio.sleep(0.02)
+
+        status, duties = await self.conform("peer", "--for", "1", meanwhile=send_no_packets)
+        self.assertEqual((status, duties["not met"]), (1, {"header"}))
 
     async def test_a_peer_conforms(self):
         async def use():

@@ -17,6 +17,7 @@ namespace {
 const unsigned char LAYER = 3;
 const unsigned char PACKET_VERSION = 7;
 const size_t MAX_PACKET = 65536;
+const size_t MOST_REMEMBERED = 1000;
 const double PEER_PATIENCE = 3;  // seconds in which a peer repeats, at the latest
 const int UNDER_WAY = 1;         // copies that a peer may send before it reads the answer
 
@@ -41,6 +42,14 @@ void Judge(Outcome& outcome, bool is_met, const char* expected, const std::strin
     }
 }
 
+// A peer that floods the bus gets no more memory.
+template <typename Map>
+void Bound(Map& map) {
+    if (map.size() >= MOST_REMEMBERED) {
+        map.clear();
+    }
+}
+
 Descriptor OpenBus(const BusSettings& settings) {
     Descriptor sock(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     sockaddr_in address = {};
@@ -61,6 +70,12 @@ Descriptor OpenBus(const BusSettings& settings) {
     return sock;
 }
 
+// Replies go to the group, also to one peer.
+BusSettings ToGroup(BusSettings settings) {
+    settings.to.reset();
+    return settings;
+}
+
 bool IsPin(uint32_t tag) {
     return tag < TAG_REQUEST_DATA;
 }
@@ -73,7 +88,7 @@ bool IsOutput(uint32_t tag) {
 }  // namespace
 
 PeerTrial::PeerTrial(const BusSettings& bus, const ConformSettings& settings)
-    : m_settings(bus), m_seconds(settings.listen), m_link(bus), m_socket(OpenBus(bus)) {}
+    : m_settings(bus), m_seconds(settings.listen), m_link(ToGroup(bus)), m_socket(OpenBus(bus)) {}
 
 void PeerTrial::Run() {
     std::string packet(MAX_PACKET, '\0');
@@ -100,15 +115,18 @@ void PeerTrial::Run() {
 void PeerTrial::Take(const std::string& bytes, uint16_t port) {
     std::string copy = bytes;
     RUdpMsg packet(reinterpret_cast<unsigned char*>(&copy[0]), copy.size());
-    const bool has_header = bytes.size() >= RUdpMsg::HEADER_SIZE;
-    Judge(m_header,
-          has_header && packet.GetLayer() == LAYER && packet.GetRUdpVersion() == PACKET_VERSION &&
-              packet.GetPayloadVersion() == CMsg2::GetVer() &&
-              (packet.GetMsgType() == 0 || packet.GetMsgType() == 'M'),
-          "a header of 16 bytes: layer 3, type 00 or 4D, versions 2 and 7", bytes);
-    if (m_header.verdict == Verdict::NotMet && m_header.seen == HexText(bytes)) {
+    const bool is_packet = bytes.size() >= RUdpMsg::HEADER_SIZE && packet.GetLayer() == LAYER &&
+                           packet.GetRUdpVersion() == PACKET_VERSION &&
+                           packet.GetPayloadVersion() == CMsg2::GetVer() &&
+                           (packet.GetMsgType() == 0 || packet.GetMsgType() == 'M');
+    Judge(m_header, is_packet, "a header of 16 bytes: layer 3, type 00 or 4D, versions 2 and 7",
+          bytes);
+    if (!is_packet) {
         return;
     }
+    Bound(m_last);
+    Bound(m_reliable);
+    Bound(m_low);
     const std::string before = m_last[port];
     const bool is_repetition = before == bytes;
     const bool has_old_number =
