@@ -304,11 +304,19 @@ void Client::Publish(const std::string& topic, const ClientPacket& packet) {
     }
 }
 
-// Says goodbye, so that the broker does not publish the will.
+// Says goodbye, so that the broker does not publish the will. Before that, waits until it has what
+// was published: the library closes the socket at once, and what is on its way would be lost.
 void Client::Leave() {
     m_ends = true;
-    mosquitto_disconnect(m_client);
     const TimePoint end = After(LEAVE_TIME);
+    for (int error = MOSQ_ERR_SUCCESS;
+         error == MOSQ_ERR_SUCCESS && !m_numbers.empty() && Now() < end;) {
+        const int events = POLLIN | (mosquitto_want_write(m_client) ? POLLOUT : 0);
+        pollfd fd = {mosquitto_socket(m_client), static_cast<short>(events), 0};
+        poll(&fd, 1, MillisecondsUntil(end));
+        error = ServeBroker(fd.revents);
+    }
+    mosquitto_disconnect(m_client);
     while (mosquitto_want_write(m_client) && Now() < end) {
         pollfd fd = {mosquitto_socket(m_client), POLLOUT, 0};
         poll(&fd, 1, MillisecondsUntil(end));
