@@ -247,7 +247,11 @@ Outcome ControlTrial::Burst() {
     }
     m_end.Send(lines + Line("GPO", With(m_pins[0], 'L')));
     m_end.AwaitSilence();
-    if (!m_end.IsOpen() || !Shows(m_end.Output(m_number), With(m_pins[0], 'L'))) {
+    const std::string last = With(m_pins[0], 'L');
+    if (!Shows(m_end.Output(m_number), last)) {
+        AwaitPins(last);  // of a server that pauses
+    }
+    if (!m_end.IsOpen() || !Shows(m_end.Output(m_number), last)) {
         outcome = m_end.Missed(Line("GPO", With(m_pins[0], 'L')) + " as the last of these");
         outcome.sent = "300 lines for one pin at once, the last of them L";
     }
@@ -404,9 +408,9 @@ Outcome ControlTrial::TryInput(bool across_connections) {
     }
     m_end.Send("ADD GPI " + std::to_string(m_number));
     AwaitInput();
-    const std::string before = m_end.Input(m_number);
-    if (across_connections) {
-        Connect();
+    std::string before = m_end.Input(m_number);
+    if (across_connections && Connect() && !m_end.Input(m_number).empty()) {
+        before = m_end.Input(m_number);
     }
     const auto is_new = [&] {
         const std::string& now = m_end.Input(m_number);
