@@ -223,7 +223,8 @@ class BoardTest(unittest.TestCase):
         for name, command in [("fact", "get 1:2"), ("fact", "list 1:2-1:3"), ("followed", "top --for 1"), ("channel", "channels"),
                               ("source", "channels --explain SRCA=1:2"), ("input", "channels --inputs 1-2"),
                               ("message", "set 1:2:out2=L,100"), ("change", "watch --changes -c 1 1:2"),
-                              ("message", "watch --heartbeat 0.1 -f 1"), ("finding", "doctor")]:
+                              ("message", "watch --heartbeat 0.1 -f 1"), ("finding", "doctor"),
+                              ("duty", "conform remote 127.0.0.1 1 -f 1")]:
             done = subprocess.run([CTL, "-q", "-i", "eth0", "-n", "/run/names", "--json", *command.split()],
                                   capture_output=True, text=True, timeout=60, check=False)
             found = [json.loads(line) for line in done.stdout.splitlines()]
