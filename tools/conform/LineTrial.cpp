@@ -54,7 +54,7 @@ bool LineTrial::Connect() {
 }
 
 void LineTrial::Send(const std::string& lines) {
-    m_sent = lines;
+    m_sent = lines + "\n";
     m_seen.clear();
     m_client.Send(lines);
 }
@@ -71,7 +71,7 @@ void LineTrial::Take(const std::string& line) {
     TakeState(line, "GPO %d %n", m_outputs);
     const std::string fault = m_critic(line);
     if (!fault.empty() && m_fault.verdict == Verdict::Met) {
-        m_fault = {Verdict::NotMet, m_sent, fault, Shown(line)};
+        m_fault = {Verdict::NotMet, Shown(m_sent), fault, Shown(line)};
     }
 }
 
