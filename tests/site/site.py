@@ -1,0 +1,349 @@
+"""Lives through days of a whole site in simulated time, on the kernel of scripts/gpiosim: draws hosts, rules
+and events from a seed, and checks from outside what the programs owe. Called by scripts/simulate --site.
+
+Usage: site.py BUILD OUTPUT SEED SECONDS HOSTS EVENT,EVENT...|all
+"""
+
+import collections
+import http.client
+import itertools
+import json
+import os
+import pathlib
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+from machine import RUN, Chip, Host, Loop, Part, Unit
+from messages import Messages
+from rules import Board, Doctor, Follow, Growth, Link, Running, Setting, Tally
+
+SAMPLE = 5  # seconds between two looks at the lamps
+LINES = 9
+
+
+class Device:
+    """A host with a chip: two contacts, and lamps that follow a link, an expression, a write, a tally and a
+    contact of another host."""
+
+    def __init__(self, site, number, others):
+        self.world, self.site, self.number = site.world, site, number
+        self.address, self.ip = f"{site.number}:{number}", f"10.77.{site.number}.{number}"
+        self.host = Host(f"s{site.number}h{number}")
+        name = self.host.name
+        self.world.hub.ip(f"link add {name} type veth peer name eth0 netns {name}",
+                          f"link set {name} master bus{site.number} up")
+        self.host.ip(f"addr add {self.ip}/24 dev eth0", "link set eth0 up", "route add 224.0.0.0/4 dev eth0")
+        self.cable, self.chip = Part(f"{name} cable"), Chip(name, LINES)
+        for line in range(LINES):
+            self.chip.pull(line, 1)
+        self.contacts = {pin: ("H", -1000.0) for pin in (1, 2)}
+        self.source = f"10.77.{site.number}.{number % others + 1}"
+        self.write("gpio.conf", f"""listen 127.0.0.1:93
+listen 0.0.0.0:94 from 10.77.0.0/16 inputs
+chip c label {name}
+input 1.1 c 0
+input 1.2 c 1
+output 1.1 c 3
+output 1.2 c 4
+output 1.3 c 5
+output 1.4 c 6
+output 2.1 c 7
+CFG GPO 1 SRCA={self.address}
+CFG GPO 2 SRCA={self.source}:94/1
+SET NIC_IPADDR={self.ip}
+""")
+        self.units = {}
+        self.run("gpio", "gpio/orvex-gpio", self.host.folder / "gpio.conf")
+        self.run("", "../app/orvex", "-debug", ORVEX_RESUBSCRIBE="yes")
+
+    def write(self, name, text):
+        (self.host.folder / name).write_text(text, "ascii")
+
+    def run(self, name, program, *arguments, **environment):
+        self.units[name] = Unit(self.world.loop, self.host, f"orvex-{name}".rstrip("-"),
+                                ["stdbuf", "-oL", f"{self.world.build}/tools/{program}", *map(str, arguments)],
+                                **environment)
+
+    def parts(self, *names):
+        return [self.units[name].part for name in names]
+
+    def pull(self, pin, level):
+        self.chip.pull(pin - 1, int(level == "H"))
+        self.contacts[pin] = level, time.monotonic()
+
+    def contact(self, pin):
+        """Its level, and since when."""
+        level, since = self.contacts[pin]
+        is_out = bool(self.chip.part.reasons)
+        return ("H" if is_out else level), max(since, self.chip.part.since)
+
+    def lamp(self, line):
+        return "L" if self.chip.value(line) == 0 else "H"
+
+
+class Site:
+    """Hosts on one bus. The first has the bridge to the broker and the tallies, the last has the board."""
+
+    def __init__(self, world, number, hosts):
+        self.world, self.number = world, number
+        world.hub.ip(f"link add bus{number} type bridge", f"link set bus{number} up")
+        self.devices = [Device(self, i + 1, hosts) for i in range(hosts)]
+        self.first, self.last = self.devices[0], self.devices[-1]
+        name = f"w{number}"
+        world.hub.ip(f"link add {name} type veth peer name wan netns {self.first.host.name}",
+                     f"link set {name} master wan up")
+        self.first.host.ip(f"addr add 10.78.0.{number + 1}/24 dev wan", "link set wan up")
+        self.wan = Part(f"site {number} wan")
+        self.first.write("tsl.conf", "interface eth0\nnames /dev/null\nlisten udp 127.0.0.1:8900 v3.1\n" + "".join(
+            f"display {device.number} tally1 -> {device.address}:out4 on-loss H 30\n" for device in self.devices))
+        self.switcher = self.first.host.socket(2, 2)
+        self.last.write("token", "0123456789abcdef\n")
+        (self.last.host.folder / "token").chmod(0o600)
+        self.disk = self.last.host.folder / "board"
+        self.disk.mkdir()
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4M", "board", self.disk], check=True)
+        self.full = Part(f"site {number} disk")
+
+    def start(self):
+        self.configure()
+        state = self.first.host.folder / "mqtt"
+        state.mkdir()
+        self.first.run("mqtt", "mqtt/orvex-mqtt", self.first.host.folder / "mqtt.conf", STATE_DIRECTORY=str(state))
+        self.first.run("tsl", "tsl/orvex-tsl", self.first.host.folder / "tsl.conf")
+        self.last.run("board", "board/orvex-board", "-i", "eth0", "--names", "/dev/null", "--keep-size", "1M",
+                      "--allow-set", "--token-file", self.last.host.folder / "token", STATE_DIRECTORY=str(self.disk))
+
+    def configure(self):
+        """Writes the file of the bridge."""
+        self.first.write("mqtt.conf", f"site s{self.number}\nbroker 10.78.0.1\ninterface eth0\nnames /dev/null\n" +
+                         "".join(link.text for link in self.world.links if self.number in link.sites))
+
+    def bridge(self):
+        return [*self.first.parts("mqtt"), self.first.cable]
+
+    def request(self, method, path, body=None, **headers):
+        """An answer of the board, as JSON; None if there is none."""
+        sock = self.last.host.socket(2, 1)
+        sock.settimeout(5)
+        try:
+            sock.connect(("127.0.0.1", 8093))
+            connection = http.client.HTTPConnection("127.0.0.1:8093")
+            connection.sock = sock
+            connection.request(method, path, body, headers)
+            return json.loads(connection.getresponse().read() or "null")
+        except OSError:
+            return None
+        finally:
+            sock.close()
+
+
+class World:
+    def __init__(self, build, output, seed, seconds, hosts, events):
+        self.build, self.output, self.seconds = build, pathlib.Path(output), seconds
+        self.random, self.counts = random.Random(seed), collections.Counter()
+        self.loop, self.start = Loop(), time.monotonic()
+        self.trace, self.happened = collections.deque(maxlen=30), []
+        (RUN / "log").mkdir()
+        (RUN / "netns").mkdir()
+        (RUN / "orvex").mkdir()
+        self.hub = Host("hub")
+        self.hub.ip("link add wan type bridge", "addr add 10.78.0.1/24 dev wan", "link set wan up")
+        (self.hub.folder / "broker.conf").write_text(
+            "listener 1883\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n", "ascii")
+        self.broker = Unit(self.loop, self.hub, "mosquitto", ["/usr/sbin/mosquitto", "-c",
+                                                              str(self.hub.folder / "broker.conf")])
+        sizes = [self.random.randint(1, 4) for _ in range(self.random.randint(2, 3))]
+        self.sites = [Site(self, i + 1, min(size, hosts)) for i, size in enumerate(sizes)]
+        self.devices = [device for site in self.sites for device in site.devices]
+        self.links = [Link(self, device, number) for device in self.devices for number in (1, 2)]
+        for site in self.sites:
+            site.start()
+        self.settings = {device.address: Setting(device) for device in self.devices}
+        self.tallies = {device.address: Tally(device) for device in self.devices}
+        self.boards, self.doctor, self.growth = Board(self), Doctor(self), Growth(self)
+        self.messages = Messages(self)
+        self.rules = [*self.links, *self.settings.values(), *self.tallies.values(),
+                      *(Follow(device) for device in self.devices), Running(self)]
+        self.draw(seed, events)
+
+    def units(self):
+        return [self.broker, *(unit for device in self.devices for unit in device.units.values())]
+
+    def draw(self, seed, events):
+        """The rates are drawn too: a run may be nearly quiet, or a storm."""
+        kinds = {name[3:]: getattr(self, name) for name in dir(self) if name.startswith("do_")}
+        weights = [self.random.expovariate(1) * (6 if kind in ("contact", "set", "tally") else 1) for kind in kinds]
+        pause = 10 ** self.random.uniform(1.2, 2.8)
+        when = 90.0
+        for number in itertools.count():
+            when += self.random.expovariate(1 / pause)
+            kind = self.random.choices(list(kinds), weights)[0]
+            if when > self.seconds - 150:
+                break
+            if events == "all" or str(number) in events.split(","):
+                chance = random.Random(f"{seed}/{number}")
+                self.loop.at(self.start + when, lambda n=number, k=kind, c=chance: self.happen(n, k, kinds[k], c))
+
+    def happen(self, number, kind, do, chance):
+        self.counts["event: " + kind] += 1
+        self.happened.append(str(number))
+        device = chance.choice(self.devices)
+        seconds = 10 ** chance.uniform(-1, 2.5)
+        self.say(f"event {number}: {kind} {do(device, chance, seconds) or device.host.name}")
+
+    def say(self, text):
+        self.trace.append(f"{time.monotonic() - self.start:11.3f}  {text}")
+
+    def break_(self, how, part, seconds, breaks, mends):
+        """Breaks something for so long; it stays broken while another event breaks it in the same way."""
+        reason = f"{how} {time.monotonic()}"
+        breaks()
+        part.mark(reason, True)
+
+        def mend():
+            part.mark(reason, False)
+            if not any(other.startswith(how) for other in part.reasons):
+                mends()
+        self.loop.after(seconds, mend)
+        return f"{part.name} for {seconds:.1f} s"
+
+    def run(self, host, command, done=lambda said: None):
+        """Runs a command beside everything else; done gets its output."""
+        file = tempfile.TemporaryFile()
+        process = host.start(command, file)
+        descriptor = os.pidfd_open(process.pid)
+
+        def ended():
+            self.loop.forget(descriptor)
+            os.close(descriptor)
+            process.wait()
+            file.seek(0)
+            with file:
+                done(file.read().decode())
+        self.loop.read(descriptor, ended)
+
+    # ---- events
+
+    def do_contact(self, device, chance, _):
+        pin, level = chance.choice((1, 2)), chance.choice("LH")
+        if device.contacts[pin][0] != level:
+            device.pull(pin, level)
+            self.boards.changed(device, pin)
+        return f"{device.host.name} {pin} is {level}"
+
+    def do_set(self, device, chance, _):
+        level, way = chance.choice("LH"), chance.choice(("orvexctl", "mqtt", "board"))
+        self.settings[device.address].write(level, way)
+        return f"{device.address}:out3 {level} by {way}"
+
+    def do_tally(self, device, chance, _):
+        level = chance.choice("LH")
+        self.tallies[device.address].say(level)
+        return f"{device.host.name} {level}"
+
+    def do_kill(self, _, chance, __):
+        unit = chance.choice(self.units())
+        unit.signal(signal.SIGKILL)
+        return unit.part.name
+
+    def do_freeze(self, _, chance, seconds):
+        unit = chance.choice(self.units())
+        process = unit.process
+        if unit.signal(signal.SIGSTOP):
+            self.loop.after(seconds, lambda: unit.process is process and unit.signal(signal.SIGCONT))
+        return f"{unit.part.name} for {seconds:.1f} s"
+
+    def do_restart(self, _, chance, seconds):
+        unit = chance.choice(self.units())
+        unit.stop()
+        self.loop.after(seconds, unit.start)
+        return f"{unit.part.name} after {seconds:.1f} s"
+
+    def do_cable(self, device, _, seconds):
+        return self.break_("cut", device.cable, seconds, lambda: self.hub.set_link(device.host.name, False),
+                           lambda: self.hub.set_link(device.host.name, True))
+
+    def do_wan(self, device, _, seconds):
+        name = f"w{device.site.number}"
+        return self.break_("cut", device.site.wan, seconds, lambda: self.hub.set_link(name, False),
+                           lambda: self.hub.set_link(name, True))
+
+    def do_chip(self, device, _, seconds):
+        if device.chip.part.reasons:
+            return "is out already"
+        device.chip.plug(False)
+        self.loop.after(seconds, lambda: device.chip.plug(True))
+        return f"{device.host.name} for {seconds:.1f} s"
+
+    def do_disk(self, device, _, seconds):
+        file = device.site.disk / "filler"
+
+        def fill():
+            with open(file, "wb") as filler:
+                try:
+                    while True:
+                        filler.write(bytes(4096))
+                        filler.flush()
+                except OSError:
+                    os.truncate(file, file.stat().st_size)
+        return self.break_("full", device.site.full, seconds, fill, file.unlink)
+
+    def do_reload(self, device, chance, _):
+        link = chance.choice([link for link in self.links if link.device is device])
+        link.draw(chance)
+        for site in self.sites:
+            site.configure()
+            site.first.units["mqtt"].signal(signal.SIGHUP)
+        return link.text.strip()
+
+    def do_doctor(self, device, _, __):
+        self.doctor.ask(device)
+
+    # ---- the observer
+
+    def look(self):
+        for rule in self.rules:
+            rule.check()
+
+    def live(self):
+        self.loop.every(SAMPLE, self.look)
+        self.loop.every(10, lambda: [tally.send() for tally in self.tallies.values()])
+        self.loop.every(3600, self.growth.measure)
+        self.loop.every(600, self.messages.read)
+        while (now := time.monotonic() - self.start) < self.seconds:
+            print("progress", int(now), len(self.happened), flush=True)
+            self.loop.until(self.start + min(now + 600, self.seconds))
+        self.growth.measure()
+        self.messages.read()
+
+    def end(self):
+        for unit in self.units():
+            unit.stop()
+        for log in (RUN / "log").iterdir():
+            shutil.copy(log, self.output)
+
+
+def main():
+    build, output, seed, seconds, hosts, events = sys.argv[1:]
+    world = World(build, output, int(seed), int(seconds), int(hosts), events)
+    try:
+        world.live()
+    except AssertionError as error:
+        print(f"After {time.monotonic() - world.start:.0f} s: {error}\nThe last events:")
+        print("\n".join(world.trace))
+        print("happened", ",".join(world.happened))
+        return 1
+    finally:
+        world.end()
+    for what, count in sorted(world.counts.items()):
+        print("count", count, what)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
