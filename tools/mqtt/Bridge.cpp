@@ -15,7 +15,7 @@ const size_t LOG_LINES = 20;  // a second
 // In seconds:
 const double TURN_EVERY = 0.5;  // links and log need one that often
 const double COMPLAIN_EVERY = 5;
-const double OWN_PINS_TIME = 1;  // until links can know this site's own pins
+const double PATIENCE = 1.5;  // until links can know all that the bridge before has known
 
 }  // namespace
 
@@ -225,6 +225,7 @@ void Bridge::TakeMessage(const Broker::Message& message) {
         return m_publisher.TakeAnnounced(*address, message.payload);
     }
     m_presence.Take(message);
+    FollowRole();  // before links are carried out
     if (m_phase == Phase::Connected || m_config.standby) {
         TakeLeftover(message);
     }
@@ -340,7 +341,7 @@ void Bridge::TakeOver() {
     m_publisher.Announce();
     if (m_phase == Phase::StandingBy) {
         m_phase = Phase::Asking;
-        m_links.BePatient(OWN_PINS_TIME);
+        m_links.BePatient(PATIENCE);
     }
 }
 

@@ -210,8 +210,7 @@ void Links::TendLink(Link& link, TimePoint own_sign, std::vector<Write>& writes)
     link.value.reset();
     link.due = TimePoint::max();
     m_losses[link.config.Text()] = link.good;
-    const TimePoint patience = link.lost ? TimePoint() : m_patience;
-    if (Now() < std::max(Later(link.good, link.config.loss_after), patience)) {
+    if (Now() < std::max(Later(link.good, link.config.loss_after), m_patience)) {
         return;
     }
     if (!std::exchange(link.lost, true)) {

@@ -60,8 +60,8 @@ public:
     // A write was not carried out, because this bridge stands by.
     void NotWritten(uint32_t tag);
 
-    // Another bridge may have driven the outputs until now: what is not lost yet is not taken for
-    // lost for that many seconds, in which this bridge's own pins are published.
+    // Another bridge has driven the outputs until now: nothing is taken for lost for that many
+    // seconds, in which this bridge's own pins are published, and heartbeats come in their time.
     void BePatient(double seconds) { m_patience = After(seconds); }
 
     // While this bridge does not know who drives the outputs, somebody else has written this one:
