@@ -10,7 +10,8 @@
 namespace {
 
 TEST(Vectors, MessagesAreDecoded) {
-    for (const auto& v : ReadVectors()["messages"]) {
+    const nlohmann::json vectors = ReadVectors();
+    for (const auto& v : vectors["messages"]) {
         SCOPED_TRACE(v["meaning"]);
         const std::string data = Hex(v["hex"]);
         CMsg2 msg(0, 16);
@@ -25,7 +26,8 @@ TEST(Vectors, MessagesAreDecoded) {
 }
 
 TEST(Vectors, SourcesAreRead) {
-    for (const auto& v : ReadVectors()["sources"]) {
+    const nlohmann::json vectors = ReadVectors();
+    for (const auto& v : vectors["sources"]) {
         SCOPED_TRACE(v["source"]);
         const std::string source = v["source"];
         const ChannelConfig config = parse_source(source.c_str());
