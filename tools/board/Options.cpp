@@ -108,6 +108,9 @@ void AddEntrance(CLI::App& app, Options& options, CompletionKinds& kinds) {
 // The command "user".
 void AddUserCommand(CLI::App& app, UserOptions& user, CompletionKinds& kinds) {
     CLI::App* const command = app.add_subcommand("user", "Add, list or remove users of a board");
+    command->footer(
+        "A password is asked for, or read from the first line of the input.\n"
+        "Exit status: 0; 1 if the file can't be read or written; 2 for a usage error.\n");
     command->add_option("ACTION", user.action, "add, list or remove")
         ->type_name("")
         ->required()

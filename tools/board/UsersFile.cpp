@@ -6,13 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <functional>
 
 #include "tools/base/ConfigFile.h"
 #include "tools/base/Descriptor.h"
 #include "tools/base/ErrorText.h"
 #include "tools/base/OpenText.h"
+#include "tools/base/ReplaceFile.h"
 #include "tools/board/Secret.h"
 
 namespace {
@@ -72,11 +71,6 @@ bool IsEntryOf(const std::string& line, const std::string& name) {
     throw std::runtime_error(file + ": " + ErrorText(errno));
 }
 
-std::string FolderOf(const std::string& file) {
-    const size_t slash = file.rfind('/');
-    return slash == file.npos ? "." : file.substr(0, slash + 1);
-}
-
 // Two who change the file do so one after the other: the lock ends with the descriptor.
 Descriptor Lock(const std::string& file) {
     Descriptor folder(open(FolderOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -86,32 +80,10 @@ Descriptor Lock(const std::string& file) {
     return folder;
 }
 
-// The new file belongs to whom the old one belonged.
-void GiveToOwner(int descriptor, const std::string& file) {
-    struct stat status = {};
-    if (geteuid() == 0 &&
-        (stat(file.c_str(), &status) == 0 || stat(FolderOf(file).c_str(), &status) == 0) &&
-        fchown(descriptor, status.st_uid, status.st_gid) != 0) {
-        Throw(file);
-    }
-}
-
 void Replace(const std::string& file, const std::string& text) {
-    std::string made = file + ".XXXXXX";
-    const Descriptor descriptor(mkostemp(made.data(), O_CLOEXEC));  // with mode 0600
-    if (!descriptor.IsOpen()) {
-        Throw(file);
-    }
-    try {
-        GiveToOwner(descriptor.Get(), file);
-        if (write(descriptor.Get(), text.data(), text.size()) !=
-                static_cast<ssize_t>(text.size()) ||
-            fsync(descriptor.Get()) != 0 || rename(made.c_str(), file.c_str()) != 0) {
-            Throw(file);
-        }
-    } catch (const std::runtime_error&) {
-        unlink(made.c_str());
-        throw;
+    const std::string failure = ReplaceFile(file, text, Lasts::Always);
+    if (!failure.empty()) {
+        throw std::runtime_error(failure);
     }
 }
 

@@ -1,18 +1,15 @@
 #include "tools/board/Walls.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <iterator>
 #include <stdexcept>
 
-#include "tools/base/Descriptor.h"
 #include "tools/base/ErrorText.h"
 #include "tools/base/OpenText.h"
+#include "tools/base/ReplaceFile.h"
 #include "tools/bus/PinName.h"
 
 namespace {
@@ -97,24 +94,6 @@ Json WallOf(const std::string& name, const Json& sent, const Names& names) {
         wall["lamps"].push_back(LampOf(lamp, names));
     }
     return wall;
-}
-
-bool WriteAll(int file, const std::string& text) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t count = write(file, text.data() + done, text.size() - done);
-        if (count <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(count);
-    }
-    return fsync(file) == 0;
-}
-
-// A file that is half written never has the name, not even after a power failure.
-bool Replace(const std::string& file, const std::string& text) {
-    const std::string fresh = file + ".new";
-    const Descriptor out(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    return out.IsOpen() && WriteAll(out.Get(), text) && rename(fresh.c_str(), file.c_str()) == 0;
 }
 
 // What else a file contains is believed.
@@ -211,8 +190,10 @@ Walls::Verdict Walls::Keep(std::map<std::string, Json> walls) {
     if (!m_problem.empty()) {
         return {503, m_problem};
     }
-    if (!m_file.empty() && !Replace(m_file, Dump(walls) + "\n")) {
-        return {503, m_file + ": " + ErrorText(errno)};
+    const std::string failure =
+        m_file.empty() ? "" : ReplaceFile(m_file, Dump(walls) + "\n", Lasts::Always, 0644);
+    if (!failure.empty()) {
+        return {503, failure};
     }
     m_walls = std::move(walls);
     return {};

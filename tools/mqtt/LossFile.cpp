@@ -37,5 +37,5 @@ std::string LossFile::Write() const {
         const auto since = std::chrono::duration_cast<Milliseconds>(time.time_since_epoch());
         out << since.count() << ' ' << link << '\n';
     }
-    return ReplaceFile(m_file, out.str());
+    return ReplaceFile(m_file, out.str(), Lasts::Briefly);
 }

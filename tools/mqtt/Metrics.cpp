@@ -40,7 +40,7 @@ std::string Metrics::Tend(bool is_online, bool stands_by) {
         return {};
     }
     m_next = After(WRITE_EVERY);
-    std::string failure = ReplaceFile(m_file, Text(is_online, stands_by), FOR_ALL);
+    std::string failure = ReplaceFile(m_file, Text(is_online, stands_by), Lasts::Briefly, FOR_ALL);
     const bool is_new = std::exchange(m_failure, failure) != failure;
     return is_new ? failure : std::string();
 }
