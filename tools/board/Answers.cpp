@@ -12,6 +12,12 @@ HttpResponse Fail(unsigned status, const std::string& reason) {
     return response;
 }
 
+HttpResponse Unreadable(const History& history) {
+    const std::string& problem = history.Problem();
+    return Fail(503,
+                "the history can't be read: " + (problem.empty() ? history.Notice() : problem));
+}
+
 HttpResponse Answer(std::string body) {
     HttpResponse response;
     response.body = std::move(body);

@@ -4,10 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/board/History.h"
 #include "tools/board/Http.h"
 
 // {"error": reason}
 HttpResponse Fail(unsigned status, const std::string& reason);
+
+// For a search that the history does not answer.
+HttpResponse Unreadable(const History& history);
 
 // JSON that no cache keeps.
 HttpResponse Answer(std::string body);

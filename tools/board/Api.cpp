@@ -217,9 +217,7 @@ HttpResponse Api::FindHistory(const HttpRequest& request) {
     m_history.Store(NowMs());  // the latest events are part of the answer
     const std::optional<History::Answer> found = m_history.Find(query, NowMs());
     if (!found) {
-        const std::string& problem = m_history.Problem();
-        return Fail(
-            503, "the history can't be read: " + (problem.empty() ? m_history.Notice() : problem));
+        return Unreadable(m_history);
     }
     const History::Answer& answer = *found;
     if (WantsCsv(request)) {

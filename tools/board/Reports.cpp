@@ -141,12 +141,6 @@ std::string SpellColumns(const Spell& spell) {
 
 // ---- searching ----
 
-HttpResponse Reports::Unreadable() const {
-    const std::string& problem = m_history.Problem();
-    return Fail(503,
-                "the history can't be read: " + (problem.empty() ? m_history.Notice() : problem));
-}
-
 // Those after the pin `after`, in the order of their tags.
 std::vector<uint32_t> Reports::TagsOf(const HttpRequest& request) const {
     const Names& names = m_board.GetNames();
@@ -219,7 +213,7 @@ HttpResponse Reports::Days(const HttpRequest& request) {
     }
     const std::optional<Found> found = Find(request, bounds.front(), bounds.back());
     if (!found) {
-        return Unreadable();
+        return Unreadable(m_history);
     }
     Json json = HeadOf(*found);
     json["pins"] = Json::array();
@@ -250,7 +244,7 @@ HttpResponse Reports::Spells(const HttpRequest& request) {
     }
     const std::optional<Found> found = Find(request, from, until);
     if (!found) {
-        return Unreadable();
+        return Unreadable(m_history);
     }
     std::vector<Spell> spells;
     for (const Pin& pin : found->pins) {

@@ -44,7 +44,6 @@ private:
 
     std::optional<Found> Find(const HttpRequest& request, int64_t from, int64_t until);
     std::vector<uint32_t> TagsOf(const HttpRequest& request) const;
-    HttpResponse Unreadable() const;
     Json HeadOf(const Found& found) const;
 
     Board& m_board;
