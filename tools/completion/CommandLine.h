@@ -12,8 +12,8 @@
 // then call Parse().
 class CommandLine : public CLI::App {
 public:
-    // The footer ends what --help prints.
-    CommandLine(const char* name, const char* description, const char* footer);
+    // The text ends what --help prints.
+    CommandLine(const char* name, const char* description, const char* text);
 
     // Adds the hidden option --completion and reads the command line. Returns an exit status if the
     // program should end: it has printed what was asked for, or what is wrong.
