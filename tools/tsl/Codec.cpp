@@ -199,9 +199,8 @@ std::string Decode5(const uint8_t* data, size_t size, std::vector<Display>& disp
         return {};
     }
     std::vector<Display> found;
-    const std::string problem =
-        DecodeDisplays(data + HEADER_SIZE, size - HEADER_SIZE, (data[3] & UNICODE_FLAG) != 0,
-                       Read16(data + 4), found);
+    std::string problem = DecodeDisplays(data + HEADER_SIZE, size - HEADER_SIZE,
+                                         (data[3] & UNICODE_FLAG) != 0, Read16(data + 4), found);
     if (problem.empty()) {
         displays.insert(displays.end(), found.begin(), found.end());
     }

@@ -44,7 +44,7 @@ Json JsonOf(const Display& display) {
     return json;
 }
 
-void PrintJson(uint32_t host, Json fields) {
+void PrintJson(uint32_t host, const Json& fields) {
     Json json;
     json["time"] = TimeOfDay();
     json["host"] = HostText(host);

@@ -53,7 +53,9 @@ TimePoint MomentOf(const timespec& time) {
 
 Received Receive(int socket, uint8_t* data, size_t size) {
     sockaddr_in from = {};
-    iovec part = {data, size};
+    iovec part = {};
+    part.iov_base = data;
+    part.iov_len = size;
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(uint32_t))];
     msghdr message = {};
     message.msg_name = &from;

@@ -12,9 +12,9 @@
 
 namespace {
 
-const double CONNECT_PAUSE = 3;       // seconds
-const size_t MAX_UNSENT = 64 * 1024;  // bytes that a multiviewer may leave unread
-const int USER_TIMEOUT_MS = 20000;    // a multiviewer that has vanished
+const double CONNECT_PAUSE = 3;     // seconds
+const size_t MAX_UNSENT = 65536;    // bytes that a multiviewer may leave unread
+const int USER_TIMEOUT_MS = 20000;  // a multiviewer that has vanished
 
 short EventsOf(const std::vector<pollfd>& fds, int fd) {
     const auto found =
