@@ -288,7 +288,8 @@ class GpioTest(unittest.TestCase):
         thread = threading.Thread(
             target=lambda: [levels.add((value(4), value(5))) for _ in iter(stop.is_set, True)])
         thread.start()
-        for old, new, line in [("", "output 2.1 relay 7 initial L\n", "CFG GPO 2 SRCA=7\n"),
+        self.addCleanup(stop.set)
+        for old, new, line in [("", "output 2.1 relay 7 initial L\n", "CFG GPO 2 SRCA=none\n"),
                                ("output 1.3 relay 6 initial L on-exit L\n", "", ""),
                                ("input 1.2 relay 1 debounce 10ms", "input 1.3 relay 1", "")]:
             text = (RUN / "board.conf").read_text("utf-8", "replace")
