@@ -38,7 +38,7 @@ bool EventStream::Resume(const std::string& id, uint64_t& number) const {
 
 void EventStream::Copy(uint64_t& number, size_t max, const Takes& takes, std::string& out) const {
     while (number < Next() && out.size() < max) {
-        const Frame& frame = m_frames[number - m_first];
+        const Frame& frame = m_frames[static_cast<size_t>(number - m_first)];
         if (!takes || takes(frame.audience)) {
             out += frame.text;
         }
