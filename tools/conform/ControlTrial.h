@@ -49,10 +49,16 @@ private:
     enum Needs { Output, TwoPins, Input };
 
     bool Connect();
+    LineTrial Beside() const;  // another connection
     bool Lacks(Needs needs, Outcome& outcome) const;
     std::string Line(const std::string& word, const std::string& state) const;
     std::string With(size_t pin, char level, char others = 'x') const;
     void SetPin(size_t pin, char level, const char* behind = "");
+    static std::string AllHigh();
+    // Whether a state, or the output, has these pins; 'x' is any level, and a pin that is missing
+    // reads high.
+    static bool Shows(const std::string& state, const std::string& pins);
+    bool Shows(const std::string& pins) { return Shows(m_end.Output(m_number), pins); }
     bool AwaitPins(const std::string& pins);
     bool AwaitPins(const std::string& pins, std::chrono::milliseconds time);
     Outcome ExpectPins(const std::string& pins);
