@@ -2,12 +2,9 @@
 
 #include <deque>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
-#include "tests/e2e/BusPeer.h"
-#include "tests/e2e/Site.h"
-#include "tests/support/loopback.h"
+#include "tests/e2e/PeersSite.h"
 #include "tests/support/vectors.h"
 
 namespace {
@@ -36,18 +33,8 @@ std::vector<Step> ReadSession(const std::string& name) {
     return steps;
 }
 
-class Sessions : public Site, public testing::WithParamInterface<const char*> {
+class Sessions : public PeersSite, public testing::WithParamInterface<const char*> {
 protected:
-    void StartPeers() {
-        {
-            const Host::Scope on(device);
-            m_tqrd = std::make_unique<LoopbackServer>(93);
-        }
-        const Host::Scope on(studio);
-        m_remote = std::make_unique<LoopbackServer>(93, STUDIO_ADDRESS);
-        m_bus = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
-    }
-
     void Play(const Step& step) {
         const bool by_orvex = step.from == "orvex";
         const std::string& other = by_orvex ? step.to : step.from;
@@ -116,9 +103,6 @@ private:
         packets.pop_front();
     }
 
-    std::unique_ptr<LoopbackServer> m_tqrd;
-    std::unique_ptr<LoopbackServer> m_remote;
-    std::unique_ptr<BusPeer> m_bus;
     std::deque<std::string> m_reports;
     std::deque<std::string> m_answers;
 };

@@ -2,9 +2,7 @@
 
 #include "tests/support/vectors.h"
 
-#include "tests/e2e/BusPeer.h"
-#include "tests/e2e/Site.h"
-#include "tests/support/loopback.h"
+#include "tests/e2e/PeersSite.h"
 
 namespace {
 
@@ -20,16 +18,10 @@ std::string Joined(const Json& lines) {
 
 // Each step ends with a line, or a packet of another sender, that the daemon answers: what it did
 // before has happened then.
-class Vectors : public Site {
+class Vectors : public PeersSite {
 protected:
-    void StartPeers() {
-        {
-            const Host::Scope on(device);
-            m_tqrd = std::make_unique<LoopbackServer>(93);
-        }
-        const Host::Scope on(studio);
-        m_remote = std::make_unique<LoopbackServer>(93, STUDIO_ADDRESS);
-        m_bus = std::make_unique<BusPeer>(studio, STUDIO_ADDRESS);
+    void Start() {
+        StartPeers();
         StartDaemon();
         ASSERT_TRUE(m_tqrd->Accept());
         ExpectLines("SET\nCFG GPO\n");
@@ -83,14 +75,11 @@ private:
         EXPECT_EQ(seen, expected);
     }
 
-    std::unique_ptr<LoopbackServer> m_tqrd;
-    std::unique_ptr<LoopbackServer> m_remote;
-    std::unique_ptr<BusPeer> m_bus;
     bool m_is_odd = false;
 };
 
 TEST_F(Vectors, AreWhatTheDaemonDoes) {
-    StartPeers();
+    Start();
     const Json vectors = ReadVectors();
     for (const auto& v : vectors["lines"]) {
         SCOPED_TRACE(v["line"]);
