@@ -67,6 +67,17 @@ def verification_code(files):
     return hashlib.sha1("".join(sums).encode()).hexdigest()
 
 
+def installed_version(tool):
+    """Of a package NAME[:ARCHITECTURE], which may be installed for several architectures."""
+    name, _, architecture = tool.partition(":")
+    wanted = {architecture} if architecture else {run("dpkg", "--print-architecture").decode().strip(), "all"}
+    for line in run("dpkg-query", "-W", "-f", "${Architecture} ${Version}\\n", name).decode().splitlines():
+        of, version = line.split(" ", 1)
+        if of in wanted:
+            return version
+    sys.exit(f"spdx.py: {tool} is not installed")
+
+
 def document(deb, commit, date, tools):
     files = file_entries(deb)
     name, version = field(deb, "Package"), field(deb, "Version")
@@ -81,7 +92,7 @@ def document(deb, commit, date, tools):
     relations += [relation(itself, "CONTAINS", file["SPDXID"]) for file in files]
     for tool in sorted(tools):
         ref = "SPDXRef-Build-" + re.sub("[^A-Za-z0-9.-]", "-", tool)
-        packages.append(package_entry(ref, tool, run("dpkg-query", "-W", "-f", "${Version}", tool).decode()))
+        packages.append(package_entry(ref, tool, installed_version(tool)))
         relations.append(relation(ref, "BUILD_DEPENDENCY_OF", itself))
     for needed in filter(None, re.split(r",\s*", field(deb, "Depends"))):
         found = re.match(r"(\S+)(?: \((.*)\))?", needed)
