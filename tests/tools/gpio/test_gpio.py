@@ -142,7 +142,7 @@ class GpioTest(unittest.TestCase):
         """Until the daemon has subscribed to its input again."""
         until(lambda: re.search(r"connected to 127.*\n", self.log()), "no daemon")
         until(lambda: "in1 H" in re.sub(" +", " ", orvexctl("get", "1:2:in1")).replace("1:2:", ""),
-              "no answer on the bus")
+              lambda: "in1 is not high on the bus but: " + orvexctl("get", "1:2:in1"))
 
     def test_pins_on_the_bus(self):
         self.connected()
