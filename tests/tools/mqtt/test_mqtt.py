@@ -390,6 +390,18 @@ class MqttTest(unittest.TestCase):
                 self.assertEqual(level_of("7:4:out4"), before)
                 run("hub", "mosquitto_pub", "-t", "orvex/tower/set/7/4/out4", "-m", "H")
 
+    def test_state_cleared_while_away(self):
+        self.lit()
+        client = int(run("tower", "pgrep", "-P", str(self.processes["tower"].pid)))
+        os.kill(client, signal.SIGSTOP)  # takes with it what the broker sends
+        run("hub", "mosquitto_pub", "-t", "orvex/studio/pin/1/2/in1", "-q", "1", "-r", "-n")
+        os.kill(client, signal.SIGKILL)
+        self.says("crashed the MQTT client", key="tower")
+        self.lamp("H", 8)
+        contact("H")
+        contact("L")
+        self.lamp("L")
+
     def test_far_bridge_is_killed(self):
         self.lit("link studio:1:2:in3 -> tower:7:4:out3 pulse 7000")
         kill(self.processes["tower"])
