@@ -1,5 +1,6 @@
 """Hosts of a site on the kernel of scripts/gpiosim, what runs on them, and the clock that moves them."""
 
+import contextlib
 import ctypes
 import fcntl
 import heapq
@@ -90,6 +91,8 @@ class Host:
         subprocess.run(["ip", "netns", "add", name], check=True)
         self.ip("link set lo up")
         self.namespace = os.open(f"/run/netns/{name}", os.O_RDONLY)
+        with self.inside():  # an address that is followed by another takes nothing else with it
+            pathlib.Path("/proc/sys/net/ipv4/conf/all/promote_secondaries").write_text("1", "ascii")
 
     def ip(self, *commands):
         subprocess.run(["ip", "-n", self.name, "-batch", "-"], check=True, text=True,
@@ -108,14 +111,26 @@ class Host:
         return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
                                 env=dict(os.environ, **dict(environment)), preexec_fn=self.enter)
 
-    def socket(self, *kind):
-        """A socket on that host."""
+    @contextlib.contextmanager
+    def inside(self):
+        """For as long, this process is on that host."""
         with open("/proc/self/ns/net", "rb") as own:
             call(LIBC.setns, self.namespace, CLONE_NEWNET)
             try:
-                return socket.socket(*kind)
+                yield
             finally:
                 call(LIBC.setns, own.fileno(), CLONE_NEWNET)
+
+    def socket(self, *kind):
+        """A socket on that host."""
+        with self.inside():
+            return socket.socket(*kind)
+
+    def set_quality(self, name, *how):
+        """What the network emulator does to the packets towards an interface; without words, nothing."""
+        with self.inside():
+            subprocess.run(["tc", "qdisc", *(("replace", "dev", name, "root", "netem", *how) if how else
+                                             ("replace", "dev", name, "root", "pfifo"))], check=True)
 
     def set_link(self, name, is_up):
         with self.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:

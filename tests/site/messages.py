@@ -50,7 +50,7 @@ class Messages:
             with open(unit.log, "r+b") as log:
                 text = log.read()
                 if len(text) > 65536:
-                    unit.log.with_suffix(".1").write_bytes(text[-65536:])
+                    unit.log.with_name(unit.log.name + ".1").write_bytes(text[-65536:])
                     log.truncate(0)
             for line in text[unit.read_to:].decode("utf-8", "backslashreplace").splitlines():
                 self.world.counts["lines of logs"] += 1

@@ -1,10 +1,18 @@
 """What a site owes: each rule knows from the events what must be seen, and when."""
 
+import ctypes
 import itertools
-import json
 import os
+import pathlib
 import re
+import socket
+import struct
+import sys
 import time
+
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "python"))
+from orvex.packets import BUS_PORT, WRITE, Message, Packet  # noqa: E402
+from orvex.pins import Pin, read_byte  # noqa: E402
 
 # Seconds after which things are as they must be, once everything concerned is whole. The bridge reads all pins
 # every ten seconds; orvex looks for lost servers every 27 to 54, which it notices in 30; the rest is what starting
@@ -13,6 +21,7 @@ CHANGE = 3
 BRIDGE = 45
 SERVER = 110
 SILENCE = 25  # until a silent device's pins are unknown, beyond the link's own time
+HANDOVER = 10  # until a bridge that stands by has taken over
 
 
 def whole(parts, seconds):
@@ -27,6 +36,18 @@ def broken(parts, seconds):
     now = time.monotonic()
     return any(part.reasons - ({"stopped"} if part.name.endswith("orvex-gpio") else set())
                for part in parts if now - part.since >= seconds)
+
+
+def served(site, seconds):
+    """Whether a bridge of the site has been whole for so long, and with another that stands by, neither has
+    changed just now."""
+    now = time.monotonic()
+    return (any(whole(chain, seconds) for chain in site.chains) and
+            all(now - part.since >= HANDOVER for chain in site.chains for part in chain))
+
+
+def unserved(site, seconds):
+    return all(broken(chain, seconds) for chain in site.chains)
 
 
 class Rule:
@@ -104,12 +125,15 @@ class Link(Rule):
 
     def known(self, other, pin):
         """The levels that the bridge may take the pin for; None is one that is not known."""
-        near = [self.device.site.wan, other.site.wan, self.device.world.broker.part, *other.site.bridge()]
-        parts = [*near, other.cable, *other.parts("gpio", "")]
+        own, far = self.device.site, other.site
+        parts = [own.world.broker.part, other.cable, *other.parts("gpio", "")]
         level, since = other.contact(pin)
-        if whole(parts, BRIDGE) and time.monotonic() - since >= CHANGE:
+        if (whole(parts, BRIDGE) and served(own, BRIDGE) and served(far, BRIDGE) and
+                time.monotonic() - since >= CHANGE):
             return [level]
-        return [None] if broken(parts, SILENCE + self.seconds) else ["L", "H", None]
+        late = SILENCE + self.seconds
+        is_lost = broken(parts, late) or unserved(own, late) or unserved(far, late)
+        return [None] if is_lost else ["L", "H", None]
 
     def value(self, levels):
         if levels.count("L") >= self.need:
@@ -119,7 +143,9 @@ class Link(Rule):
         return "L" if self.inverts else "H"
 
     def wanted(self):
-        if not whole(self.device.site.bridge(), BRIDGE):
+        # Which of two bridges sets the output, and when, is not said while neither can be active.
+        site = self.device.site
+        if not (served(site, BRIDGE) if len(site.chains) > 1 else whole(site.bridge(), BRIDGE)):
             return None
         values = {self.value(levels) for levels in itertools.product(*(self.known(*pin) for pin in self.pins))}
         return values.pop() if len(values) == 1 else None
@@ -137,17 +163,14 @@ class Setting(Rule):
 
     def parts(self):
         site = self.device.site
-        return [*self.sink(), *site.bridge(), site.wan, site.last.cable, *site.last.parts("board"),
-                site.world.broker.part]
+        return [*self.sink(), site.first.cable, site.last.cable, *site.last.parts("board"), site.world.broker.part]
 
     def write(self, level, way):
-        self.level = level if whole(self.parts(), BRIDGE) else None
+        self.level = level if whole(self.parts(), BRIDGE) and served(self.device.site, BRIDGE) else None
         self.since = time.monotonic()
         site, world = self.device.site, self.device.world
         if way == "board":
-            site.request("POST", "/api/v1/set", json.dumps({"pin": self.what, "level": level}),
-                         **{"Origin": "http://127.0.0.1:8093", "X-Orvex-Board": "set",
-                            "Content-Type": "application/json", "Authorization": "Bearer 0123456789abcdef"})
+            site.board.set_pin(self.what, level)
         else:
             host, *command = (site.first.host, f"{world.build}/tools/ctl/orvexctl", "-q", "-i", "eth0", "set",
                               f"{self.what}={level}") if way == "orvexctl" else (
@@ -160,6 +183,37 @@ class Setting(Rule):
         if starts != self.starts:
             self.level, self.starts = self.level and "H", starts
         return self.level
+
+
+class Pulse(Rule):
+    """An output that is set low for some seconds now and then, by a client that wants an acknowledgement. If
+    that is lost, the pulse may come twice, and so end later."""
+
+    TRIES = 5  # seconds
+
+    def __init__(self, device):
+        super().__init__(device, 8, f"{device.address}:out5")
+        self.begin, self.end, self.latest, self.said = 0, 0, 0, ""
+
+    def send(self, seconds):
+        site, now = self.device.site, time.monotonic()
+        is_safe = whole([*self.sink(), site.first.cable], BRIDGE) and now > self.latest
+        self.begin, self.end = now if is_safe else now + 1e9, now + seconds
+        self.latest = max(self.latest, self.end + CHANGE + (0 if is_safe else self.TRIES))
+        site.world.run(site.first.host, [f"{site.world.build}/tools/ctl/orvexctl", "-q", "-i", "eth0", "set", "-k",
+                                         f"{self.what}=L,{seconds * 1000}"], self.hear)
+
+    def hear(self, said):
+        self.said = said
+
+    def wanted(self):
+        now = time.monotonic()
+        if self.begin + CHANGE < now < self.end - 1:
+            return "L" if all(part.since < self.begin for part in self.sink()) else None
+        return "H" if now > self.latest else None
+
+    def why(self):
+        return f"the last pulse began at {self.begin:.3f} and ended at {self.end:.3f}, {self.latest:.3f} at the latest; {self.said}"
 
 
 class Tally(Rule):
@@ -185,29 +239,39 @@ class Tally(Rule):
         return self.level if whole([*first.parts("tsl"), first.cable], BRIDGE) else None
 
 
-class Board:
-    """The history of each site's board has every change that its host could hear."""
+class Drivers:
+    """Never two bridges of a site that set one output against each other: reads the writes on the bus."""
 
-    def __init__(self, world):
-        self.world = world
+    WRITES = ((0xB1, 0, 0, 0),       # the length of the IP header
+              (0x48, 0, 0, 2),       # the port
+              (0x15, 0, 3, BUS_PORT),
+              (0x40, 0, 0, 24),      # the identifier of the message, behind the headers
+              (0x15, 0, 1, int.from_bytes(WRITE, "big")),
+              (0x06, 0, 0, 65535), (0x06, 0, 0, 0))
 
-    def changed(self, device, pin):
-        site, when = device.site, time.time()
-        parts = [device.cable, *device.parts("gpio", ""), site.last.cable, *site.last.parts("board"), site.full,
-                 device.chip.part]
-        level, since = device.contact(pin)
-        if whole(parts, BRIDGE):
-            name = f"{device.address}:in{pin}"
-            self.world.loop.after(15, lambda: self.check(site, parts, since, when, name, level))
+    def __init__(self, site):
+        self.site, self.last = site, {}
+        self.ear = site.world.hub.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(0x0800))
+        program = b"".join(struct.pack("HBBI", *step) for step in self.WRITES)
+        buffer = ctypes.create_string_buffer(program)
+        self.ear.setsockopt(socket.SOL_SOCKET, 26, struct.pack("HP", len(self.WRITES), ctypes.addressof(buffer)))
+        self.ear.bind((f"bus{site.number}", 0))
+        self.linked = {Pin.parse(link.what).tag for link in site.world.links if link.device.site is site}
+        site.world.loop.read(self.ear.fileno(), self.hear)
 
-    def check(self, site, parts, since, when, pin, level):
-        if any(part.since > since for part in parts):
-            return
-        self.world.counts["changes looked up"] += 1
-        found = site.request("GET", f"/api/v1/history?pin={pin}&from={int(when * 1000) - 500}")
-        events = [event for event in (found or {}).get("events", []) if event["kind"] == "told"]
-        assert any(event["level"] == level and event["time"] < (when + CHANGE) * 1000 for event in events), (
-            f"the board of site {site.number} has no change of {pin} to {level} at {when:.3f}: {found}")
+    def hear(self):
+        data, now = self.ear.recv(65536), time.monotonic()
+        source, udp = socket.inet_ntoa(data[12:16]), data[(data[0] & 15) * 4:]
+        for tag, value in Message.decode(Packet.decode(udp[8:]).payload).bytes_of_pins().items():
+            if tag not in self.linked:
+                continue
+            self.site.world.counts["writes heard"] += 1
+            level = read_byte(value)[0]
+            before, when, was = self.last.get(tag, (source, now, level))
+            parts = [part for chain in self.site.chains for part in chain]
+            assert before == source or was == level or now - when > 5 or not whole(parts, HANDOVER), (
+                f"{before} set {Pin.of_tag(tag)} {was}, {now - when:.3f} s later {source} {level}")
+            self.last[tag] = source, now, level
 
 
 class Doctor:
@@ -232,7 +296,7 @@ class Doctor:
 
 
 class Growth:
-    """Memory and descriptors: below the limits of the units always, and no more after the first day."""
+    """Memory, descriptors and files: below the limits of the units always, and no more after the first day."""
 
     def __init__(self, world):
         self.world, self.first, self.most = world, {}, {}
@@ -245,12 +309,12 @@ class Growth:
             folder = f"/proc/{unit.process.pid}"
             with open(f"{folder}/status", encoding="ascii", errors="replace") as status:
                 memory = re.search(r"VmRSS:\s+(\d+)", status.read())
-            now = (int(memory[1]) if memory else 0, len(os.listdir(f"{folder}/fd")))
-            most = tuple(map(max, now, self.first.get(unit.name, (0, 0))))
+            files = sum(len(names) for _, _, names in os.walk(unit.host.folder))
+            now = (int(memory[1]) if memory else 0, len(os.listdir(f"{folder}/fd")), files)
             assert now[1] < 64 and now[0] < 65536, f"{unit.part.name} has {now[0]} KiB and {now[1]} descriptors"
             if is_first:
-                self.first[unit.name] = most
-            else:
-                memory, descriptors = self.first[unit.name]
-                assert now[0] <= memory * 1.2 + 1024 and now[1] <= descriptors + 8, (
-                    f"{unit.part.name} has grown from {memory} KiB and {descriptors} descriptors to {now}")
+                self.first[unit.name] = tuple(map(max, now, self.first.get(unit.name, (0, 0, 0))))
+            elif unit.name in self.first:
+                memory, descriptors, files = self.first[unit.name]
+                assert now[0] <= memory * 1.2 + 1024 and now[1] <= descriptors + 8 and now[2] <= files + 8, (
+                    f"{unit.part.name} has grown: KiB, descriptors and files were {self.first[unit.name]}, are {now}")

@@ -20,15 +20,16 @@ import time
 
 from machine import RUN, Chip, Host, Loop, Part, Unit
 from messages import Messages
-from rules import Board, Doctor, Follow, Growth, Link, Running, Setting, Tally
+from boards import Board, Viewer
+from rules import Doctor, Drivers, Follow, Growth, Link, Pulse, Running, Setting, Tally
 
 SAMPLE = 5  # seconds between two looks at the lamps
 LINES = 9
 
 
 class Device:
-    """A host with a chip: two contacts, and lamps that follow a link, an expression, a write, a tally and a
-    contact of another host."""
+    """A host with a chip: two contacts, and lamps that follow a link, an expression, a write, a tally, a pulse and
+    a contact of another host."""
 
     def __init__(self, site, number, others):
         self.world, self.site, self.number = site.world, site, number
@@ -52,6 +53,7 @@ output 1.1 c 3
 output 1.2 c 4
 output 1.3 c 5
 output 1.4 c 6
+output 1.5 c 8
 output 2.1 c 7
 CFG GPO 1 SRCA={self.address}
 CFG GPO 2 SRCA={self.source}:94/1
@@ -87,18 +89,22 @@ SET NIC_IPADDR={self.ip}
 
 
 class Site:
-    """Hosts on one bus. The first has the bridge to the broker and the tallies, the last has the board."""
+    """Hosts on one bus. The first has the bridge to the broker and the tallies, the last has the board, and at some
+    sites another bridge that stands by."""
 
     def __init__(self, world, number, hosts):
         self.world, self.number = world, number
         world.hub.ip(f"link add bus{number} type bridge", f"link set bus{number} up")
         self.devices = [Device(self, i + 1, hosts) for i in range(hosts)]
         self.first, self.last = self.devices[0], self.devices[-1]
-        name = f"w{number}"
-        world.hub.ip(f"link add {name} type veth peer name wan netns {self.first.host.name}",
-                     f"link set {name} master wan up")
-        self.first.host.ip(f"addr add 10.78.0.{number + 1}/24 dev wan", "link set wan up")
-        self.wan = Part(f"site {number} wan")
+        self.bridged = [self.first, self.last] if hosts > 1 and world.random.random() < 0.5 else [self.first]
+        self.wans = []
+        for i, device in enumerate(self.bridged):
+            name = f"w{number}.{i}"
+            world.hub.ip(f"link add {name} type veth peer name wan netns {device.host.name}",
+                         f"link set {name} master wan up")
+            device.host.ip(f"addr add 10.78.{i}.{number + 1}/16 dev wan", "link set wan up")
+            self.wans.append(Part(name))
         self.first.write("tsl.conf", "interface eth0\nnames /dev/null\nlisten udp 127.0.0.1:8900 v3.1\n" + "".join(
             f"display {device.number} tally1 -> {device.address}:out4 on-loss H 30\n" for device in self.devices))
         self.switcher = self.first.host.socket(2, 2)
@@ -111,23 +117,30 @@ class Site:
 
     def start(self):
         self.configure()
-        state = self.first.host.folder / "mqtt"
-        state.mkdir()
-        self.first.run("mqtt", "mqtt/orvex-mqtt", self.first.host.folder / "mqtt.conf", STATE_DIRECTORY=str(state))
+        for device in self.bridged:
+            state = device.host.folder / "mqtt"
+            state.mkdir()
+            device.run("mqtt", "mqtt/orvex-mqtt", device.host.folder / "mqtt.conf", STATE_DIRECTORY=str(state))
+        self.chains = [[*device.parts("mqtt"), device.cable, wan] for device, wan in zip(self.bridged, self.wans)]
         self.first.run("tsl", "tsl/orvex-tsl", self.first.host.folder / "tsl.conf")
         self.last.run("board", "board/orvex-board", "-i", "eth0", "--names", "/dev/null", "--keep-size", "1M",
                       "--allow-set", "--token-file", self.last.host.folder / "token", STATE_DIRECTORY=str(self.disk))
+        self.board, self.drivers = Board(self), Drivers(self)
+        self.viewer = Viewer(self.board)
 
     def configure(self):
-        """Writes the file of the bridge."""
-        self.first.write("mqtt.conf", f"site s{self.number}\nbroker 10.78.0.1\ninterface eth0\nnames /dev/null\n" +
-                         "".join(link.text for link in self.world.links if self.number in link.sites))
+        """Writes the file of each bridge."""
+        text = f"site s{self.number}\nbroker 10.78.0.1\ninterface eth0\nnames /dev/null\n"
+        text += "standby yes\n" * (len(self.bridged) > 1)
+        text += "".join(link.text for link in self.world.links if self.number in link.sites)
+        for device in self.bridged:
+            device.write("mqtt.conf", text)
 
     def bridge(self):
         return [*self.first.parts("mqtt"), self.first.cable]
 
-    def request(self, method, path, body=None, **headers):
-        """An answer of the board, as JSON; None if there is none."""
+    def request(self, method, path, body=None, is_json=True, **headers):
+        """An answer of the board, None if there is none."""
         sock = self.last.host.socket(2, 1)
         sock.settimeout(5)
         try:
@@ -135,8 +148,10 @@ class Site:
             connection = http.client.HTTPConnection("127.0.0.1:8093")
             connection.sock = sock
             connection.request(method, path, body, headers)
-            return json.loads(connection.getresponse().read() or "null")
-        except OSError:
+            answer = connection.getresponse()
+            text = answer.read().decode()
+            return text if not is_json else None if answer.status >= 400 else json.loads(text)
+        except (OSError, http.client.HTTPException):
             return None
         finally:
             sock.close()
@@ -147,12 +162,13 @@ class World:
         self.build, self.output, self.seconds = build, pathlib.Path(output), seconds
         self.random, self.counts = random.Random(seed), collections.Counter()
         self.loop, self.start = Loop(), time.monotonic()
-        self.trace, self.happened = collections.deque(maxlen=30), []
+        self.trace, self.happened, self.delayed = collections.deque(maxlen=30), [], set()
         (RUN / "log").mkdir()
         (RUN / "netns").mkdir()
         (RUN / "orvex").mkdir()
         self.hub = Host("hub")
-        self.hub.ip("link add wan type bridge", "addr add 10.78.0.1/24 dev wan", "link set wan up")
+        self.hub.ip("link add wan type bridge", "addr add 10.78.0.1/16 dev wan", "link set wan up")
+        self.clock = Part("clock")
         (self.hub.folder / "broker.conf").write_text(
             "listener 1883\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n", "ascii")
         self.broker = Unit(self.loop, self.hub, "mosquitto", ["/usr/sbin/mosquitto", "-c",
@@ -165,9 +181,10 @@ class World:
             site.start()
         self.settings = {device.address: Setting(device) for device in self.devices}
         self.tallies = {device.address: Tally(device) for device in self.devices}
-        self.boards, self.doctor, self.growth = Board(self), Doctor(self), Growth(self)
+        self.pulses = {device.address: Pulse(device) for device in self.devices}
+        self.doctor, self.growth = Doctor(self), Growth(self)
         self.messages = Messages(self)
-        self.rules = [*self.links, *self.settings.values(), *self.tallies.values(),
+        self.rules = [*self.links, *self.settings.values(), *self.tallies.values(), *self.pulses.values(),
                       *(Follow(device) for device in self.devices), Running(self)]
         self.draw(seed, events)
 
@@ -202,7 +219,8 @@ class World:
     def break_(self, how, part, seconds, breaks, mends):
         """Breaks something for so long; it stays broken while another event breaks it in the same way."""
         reason = f"{how} {time.monotonic()}"
-        breaks()
+        if not any(other.startswith(how) for other in part.reasons):
+            breaks()
         part.mark(reason, True)
 
         def mend():
@@ -233,7 +251,7 @@ class World:
         pin, level = chance.choice((1, 2)), chance.choice("LH")
         if device.contacts[pin][0] != level:
             device.pull(pin, level)
-            self.boards.changed(device, pin)
+            device.site.board.changed(device, pin)
         return f"{device.host.name} {pin} is {level}"
 
     def do_set(self, device, chance, _):
@@ -245,6 +263,11 @@ class World:
         level = chance.choice("LH")
         self.tallies[device.address].say(level)
         return f"{device.host.name} {level}"
+
+    def do_pulse(self, device, chance, _):
+        seconds = chance.randint(5, 7)
+        self.pulses[device.address].send(seconds)
+        return f"{device.address}:out5 for {seconds} s"
 
     def do_kill(self, _, chance, __):
         unit = chance.choice(self.units())
@@ -265,13 +288,54 @@ class World:
         return f"{unit.part.name} after {seconds:.1f} s"
 
     def do_cable(self, device, _, seconds):
+        if device is device.site.last:
+            device.site.board.missed(seconds)
         return self.break_("cut", device.cable, seconds, lambda: self.hub.set_link(device.host.name, False),
                            lambda: self.hub.set_link(device.host.name, True))
 
-    def do_wan(self, device, _, seconds):
-        name = f"w{device.site.number}"
-        return self.break_("cut", device.site.wan, seconds, lambda: self.hub.set_link(name, False),
-                           lambda: self.hub.set_link(name, True))
+    def do_wan(self, device, chance, seconds):
+        wan = chance.choice(device.site.wans)
+        return self.break_("cut", wan, seconds, lambda: self.hub.set_link(wan.name, False),
+                           lambda: self.hub.set_link(wan.name, True))
+
+    def do_loss(self, device, chance, seconds):
+        name, loss = device.host.name, chance.randint(5, 60)
+        return self.break_("lossy", device.cable, seconds, lambda: self.hub.set_quality(
+            name, "loss", f"{loss}%", "duplicate", "5%", "delay", "30ms", "30ms"), lambda: self.hub.set_quality(name))
+
+    def do_delay(self, device, chance, seconds):
+        """Late and in another order: that is no reason to show less."""
+        if any(reason.startswith("lossy") for reason in device.cable.reasons) or device in self.delayed:
+            return None
+        name, ms = device.host.name, chance.randint(1, 30)
+        self.hub.set_quality(name, "delay", f"{ms}ms", f"{ms / 2}ms")
+        self.delayed.add(device)
+
+        def end():
+            self.delayed.discard(device)
+            if not any(reason.startswith("lossy") for reason in device.cable.reasons):
+                self.hub.set_quality(name)
+        self.loop.after(seconds, end)
+        return f"{name} {ms} ms for {seconds:.1f} s"
+
+    def do_address(self, device, _, seconds):
+        other = device.ip.rpartition(".")[0] + f".{100 + device.number}"
+
+        def move(old, new):
+            device.host.ip(f"addr add {new}/24 dev eth0", f"addr del {old}/24 dev eth0")
+        return self.break_("moved", device.cable, seconds, lambda: move(device.ip, other),
+                           lambda: move(other, device.ip))
+
+    def do_clock(self, _, chance, __):
+        seconds = chance.choice((-1, 1)) * 10 ** chance.uniform(0, 5)
+        time.clock_settime(time.CLOCK_REALTIME, time.time() + seconds)
+        self.clock.mark("set", True)
+        self.clock.mark("set", False)
+        return f"by {seconds:.1f} s"
+
+    def do_viewer(self, device, _, seconds):
+        device.site.viewer.leave(seconds)
+        return f"of site {device.site.number} is away for {seconds:.1f} s"
 
     def do_chip(self, device, _, seconds):
         if device.chip.part.reasons:
@@ -284,21 +348,21 @@ class World:
         file = device.site.disk / "filler"
 
         def fill():
-            with open(file, "wb") as filler:
-                try:
+            try:
+                with open(file, "wb", buffering=0) as filler:
                     while True:
                         filler.write(bytes(4096))
-                        filler.flush()
-                except OSError:
-                    os.truncate(file, file.stat().st_size)
-        return self.break_("full", device.site.full, seconds, fill, file.unlink)
+            except OSError:
+                pass  # it is full
+        return self.break_("full", device.site.full, seconds, fill, lambda: file.unlink(missing_ok=True))
 
     def do_reload(self, device, chance, _):
         link = chance.choice([link for link in self.links if link.device is device])
         link.draw(chance)
         for site in self.sites:
             site.configure()
-            site.first.units["mqtt"].signal(signal.SIGHUP)
+            for bridge in site.bridged:
+                bridge.units["mqtt"].signal(signal.SIGHUP)
         return link.text.strip()
 
     def do_doctor(self, device, _, __):
@@ -313,6 +377,8 @@ class World:
     def live(self):
         self.loop.every(SAMPLE, self.look)
         self.loop.every(10, lambda: [tally.send() for tally in self.tallies.values()])
+        self.loop.every(120, lambda: [site.viewer.check() for site in self.sites])
+        self.loop.every(600, lambda: [site.board.measure() for site in self.sites])
         self.loop.every(3600, self.growth.measure)
         self.loop.every(600, self.messages.read)
         while (now := time.monotonic() - self.start) < self.seconds:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tools/base/Random.h"
 #include "tools/bus/PinName.h"
 
 namespace {
@@ -17,7 +18,7 @@ const double PAUSE = 0.02;          // and then a pause
 }  // namespace
 
 PinStates::PinStates(size_t limit, size_t share)
-    : m_limit(limit), m_share(share), m_random(std::random_device()()) {}
+    : m_limit(limit), m_share(share), m_random(RandomBits()) {}
 
 void PinStates::Want(uint32_t tag) {
     Pin& pin = m_pins[tag];

@@ -1,7 +1,8 @@
 #include "tools/bus/Question.h"
 
 #include <algorithm>
-#include <random>
+
+#include "tools/base/Random.h"
 
 namespace {
 
@@ -12,8 +13,7 @@ const size_t PINS_IN_A_FRAME = 230;  // 6 bytes each, beside 31 of headers and r
 }  // namespace
 
 uint32_t NewRequestId() {
-    std::random_device random;
-    return std::uniform_int_distribution<uint32_t>(1)(random);
+    return std::max<uint32_t>(1, RandomBits());
 }
 
 void AskForPins(BusLink& link, const std::vector<uint32_t>& tags, uint32_t request_id) {

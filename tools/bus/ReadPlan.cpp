@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/base/Random.h"
+
 namespace {
 
 const double PAUSE = 0.1;   // seconds
@@ -9,8 +11,7 @@ const double JITTER = 0.1;  // of an interval, so that programs do not read in s
 
 }  // namespace
 
-ReadPlan::ReadPlan(const FollowPolicy& policy)
-    : m_policy(policy), m_random(std::random_device()()) {}
+ReadPlan::ReadPlan(const FollowPolicy& policy) : m_policy(policy), m_random(RandomBits()) {}
 
 void ReadPlan::Add(uint32_t address, TimePoint now) {
     if (m_policy.every > 0 && !Has(address)) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "tools/base/ErrorText.h"
+#include "tools/base/Random.h"
 #include "tools/bus/Question.h"
 #include "tools/mqtt/Client.h"
 
@@ -34,7 +35,7 @@ Broker::Broker(const MqttConfig& config, std::function<void(const std::string&)>
       m_is_local(config.is_local),
       m_connection(m_is_local ? 1 : 0),
       m_next(m_is_local ? TimePoint::max() : Now()),
-      m_random(std::random_device()()) {}
+      m_random(RandomBits()) {}
 
 Broker::~Broker() {
     Close();
