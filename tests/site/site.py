@@ -196,6 +196,8 @@ class World:
         kinds = {name[3:]: getattr(self, name) for name in dir(self) if name.startswith("do_")}
         weights = [self.random.expovariate(1) * (6 if kind in ("contact", "set", "tally") else 1) for kind in kinds]
         pause = 10 ** self.random.uniform(1.2, 2.8)
+        sites = ", ".join(f"{len(site.devices)}{' and a standby' * (len(site.bridged) > 1)}" for site in self.sites)
+        print(f"drawn sites with hosts: {sites}; an event every {pause:.0f} s", flush=True)
         when = 90.0
         for number in itertools.count():
             when += self.random.expovariate(1 / pause)
