@@ -31,11 +31,12 @@ def whole(parts, seconds):
 
 
 def broken(parts, seconds):
-    """Whether one of them has been broken for so long, in a way that others must notice: orvex answers for a
-    control server that hangs."""
+    """Whether one of them has been broken for so long, in a way that others must notice: some packets pass a lossy
+    cable, a device may have another address, and orvex answers for a control server that hangs."""
     now = time.monotonic()
-    return any(part.reasons - ({"stopped"} if part.name.endswith("orvex-gpio") else set())
-               for part in parts if now - part.since >= seconds)
+    return any(not reason.startswith(("lossy", "moved")) and
+               (reason != "stopped" or not part.name.endswith("orvex-gpio"))
+               for part in parts if now - part.since >= seconds for reason in part.reasons)
 
 
 def served(site, seconds):

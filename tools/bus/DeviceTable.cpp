@@ -19,9 +19,11 @@ bool Silence(DeviceTable::Device& device) {
 void Move(uint32_t address, DeviceTable::Device* from, DeviceTable::Device* to) {
     if (from != nullptr) {
         from->addresses.erase(address);
+        from->is_replaced = to != nullptr && from->addresses.empty();
     }
     if (to != nullptr) {
         to->addresses.insert(address);
+        to->is_replaced = false;
     }
 }
 
@@ -86,20 +88,22 @@ std::optional<uint32_t> DeviceTable::Miss(uint32_t address, bool is_unanswered, 
 std::vector<uint32_t> DeviceTable::FindSilent(TimePoint limit) {
     std::vector<uint32_t> silent;
     for (auto& [host, device] : m_devices) {
-        if (device.addresses.empty() && device.heard < limit && Silence(device)) {
+        if (device.addresses.empty() && !device.is_replaced && device.heard < limit &&
+            Silence(device)) {
             silent.push_back(host);
         }
     }
     return silent;
 }
 
-std::vector<uint32_t> DeviceTable::Forget(TimePoint limit,
+std::vector<uint32_t> DeviceTable::Forget(TimePoint limit, TimePoint replaced,
                                           const std::function<bool(uint32_t)>& is_wanted) {
     std::vector<uint32_t> forgotten;
     for (auto next = m_devices.begin(); next != m_devices.end();) {
         const auto one = next++;
         const auto& [host, device] = *one;
-        if (!device.is_silent || device.heard >= limit ||
+        const bool is_over = device.heard < (device.is_replaced ? replaced : limit);
+        if (!is_over || !(device.is_silent || device.is_replaced) ||
             std::any_of(device.addresses.begin(), device.addresses.end(), is_wanted)) {
             continue;
         }

@@ -31,6 +31,7 @@ public:
         Histogram answer_times;
         std::set<uint32_t> addresses;   // for which it answered last
         std::set<uint32_t> unanswered;  // those of them for which nobody answers now
+        bool is_replaced = false;       // another host answers for all that it answered for
     };
     enum class News { First, Silent, Back, Forgotten };
 
@@ -47,12 +48,15 @@ public:
     std::optional<uint32_t> Miss(uint32_t address, bool is_unanswered, TimePoint limit);
 
     // Finds devices that are silent without a missed answer: they have no address, and were not
-    // heard since the limit. Returns those that were not silent before.
+    // heard since the limit. Returns those that were not silent before. What has another host, as
+    // after a change of the device's own address, is not missed under the old one.
     std::vector<uint32_t> FindSilent(TimePoint limit);
 
     // Forgets silent devices that were not heard since the limit, unless one of them was the last
-    // to answer for a wanted address. Returns those that it forgot.
-    std::vector<uint32_t> Forget(TimePoint limit, const std::function<bool(uint32_t)>& is_wanted);
+    // to answer for a wanted address, and hosts that have been replaced and were not heard since
+    // replaced. Returns those that it forgot.
+    std::vector<uint32_t> Forget(TimePoint limit, TimePoint replaced,
+                                 const std::function<bool(uint32_t)>& is_wanted);
 
     const std::map<uint32_t, Device>& All() const { return m_devices; }
 

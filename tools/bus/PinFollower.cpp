@@ -245,11 +245,13 @@ void PinFollower::FindSilent(TimePoint now) {
         return;
     }
     m_round = Later(now, m_policy.every);
-    for (const uint32_t host : m_devices.FindSilent(Later(now, -SILENT_ROUNDS * m_policy.every))) {
+    const TimePoint silent = Later(now, -SILENT_ROUNDS * m_policy.every);
+    for (const uint32_t host : m_devices.FindSilent(silent)) {
         PassNews(host, News::Silent);
     }
     const auto is_wanted = [this](uint32_t address) { return m_wanted.count(address) > 0; };
-    for (const uint32_t host : m_devices.Forget(Later(now, -m_policy.forgets_after), is_wanted)) {
+    const TimePoint limit = Later(now, -m_policy.forgets_after);
+    for (const uint32_t host : m_devices.Forget(limit, silent, is_wanted)) {
         PassNews(host, News::Forgotten);
     }
 }

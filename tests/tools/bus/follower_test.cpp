@@ -200,7 +200,10 @@ TEST_F(PinFollowerTest, KnowsNothingWithoutTheBus) {
 
 TEST_F(PinFollowerTest, FindsTwoDevicesWithOneAddress) {
     Start(0.3);
-    follower->on_device = nullptr;
+    follower->on_device = [](uint32_t host, PinFollower::News what) {
+        EXPECT_FALSE(host == DEVICE && what == PinFollower::News::Silent)
+            << "another answers for all that it has";
+    };
     follower->Want({0x102, 8});
     ASSERT_TRUE(Await([&] { return LevelOf(OUTPUT) == Level::Low; }));
     EXPECT_TRUE(follower->Shared().empty());
