@@ -96,7 +96,7 @@ class Follow(Rule):
 
     def wanted(self):
         level, since = self.other.contact(1)
-        parts = [self.other.cable, *self.other.parts("gpio"), *self.sink()]
+        parts = [self.other.cable, *self.other.parts("gpio"), *self.sink(), self.device.world.sweeps]
         follows = since > self.device.units["gpio"].part.since and time.monotonic() - since >= CHANGE
         return level if follows and whole(parts, SERVER) else None
 
@@ -284,7 +284,7 @@ class Doctor:
     def ask(self, device):
         site = device.site
         others = [part for other in site.devices for part in (other.cable, other.chip.part, *other.parts("gpio", ""))]
-        parts = [*others, *(unit.part for unit in device.units.values())]
+        parts = [*others, *(unit.part for unit in device.units.values()), self.world.sweeps]
         own = device.parts("gpio", "")
         is_whole, is_broken, began = whole(parts, SERVER), broken(own, 5), time.monotonic()
 

@@ -168,7 +168,7 @@ class World:
         (RUN / "orvex").mkdir()
         self.hub = Host("hub")
         self.hub.ip("link add wan type bridge", "addr add 10.78.0.1/16 dev wan", "link set wan up")
-        self.clock = Part("clock")
+        self.clock, self.sweeps = Part("clock"), Part("reconnections")
         (self.hub.folder / "broker.conf").write_text(
             "listener 1883\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n", "ascii")
         self.broker = Unit(self.loop, self.hub, "mosquitto", ["/usr/sbin/mosquitto", "-c",
@@ -329,10 +329,14 @@ class World:
                            lambda: move(other, device.ip))
 
     def do_clock(self, _, chance, __):
-        seconds = chance.choice((-1, 1)) * 10 ** chance.uniform(0, 5)
+        seconds = chance.choice((-1, 1)) * 10 ** chance.uniform(0, 3.5)
         time.clock_settime(time.CLOCK_REALTIME, time.time() + seconds)
         self.clock.mark("set", True)
         self.clock.mark("set", False)
+        if seconds < 0:  # orvex reconnects to remote servers by this clock, so not until it has caught up
+            reason = f"back {time.monotonic()}"
+            self.sweeps.mark(reason, True)
+            self.loop.after(-seconds, lambda: self.sweeps.mark(reason, False))
         return f"by {seconds:.1f} s"
 
     def do_viewer(self, device, _, seconds):
