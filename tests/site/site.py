@@ -217,6 +217,8 @@ class World:
 
     def say(self, text):
         self.trace.append(f"{time.monotonic() - self.start:11.3f}  {text}")
+        with open(self.output / "events", "a", encoding="utf-8") as events:
+            events.write(self.trace[-1] + "\n")
 
     def break_(self, how, part, seconds, breaks, mends):
         """Breaks something for so long; it stays broken while another event breaks it in the same way."""

@@ -29,13 +29,15 @@ void Move(uint32_t address, DeviceTable::Device* from, DeviceTable::Device* to) 
 
 }  // namespace
 
-std::optional<DeviceTable::News> DeviceTable::Hear(uint32_t host, double time, TimePoint now) {
+std::optional<DeviceTable::News> DeviceTable::Hear(uint32_t host, uint32_t address, double time,
+                                                   TimePoint now) {
     const bool is_new = m_devices.count(host) == 0;
     if (is_new && m_devices.size() >= MAX_DEVICES) {
         ++m_passed_over;
         return std::nullopt;
     }
     Device& device = m_devices[host];
+    device.told = address;
     device.last = time;
     device.heard = now;
     ++device.messages;
@@ -88,8 +90,12 @@ std::optional<uint32_t> DeviceTable::Miss(uint32_t address, bool is_unanswered, 
 std::vector<uint32_t> DeviceTable::FindSilent(TimePoint limit) {
     std::vector<uint32_t> silent;
     for (auto& [host, device] : m_devices) {
-        if (device.addresses.empty() && !device.is_replaced && device.heard < limit &&
-            Silence(device)) {
+        if (!device.addresses.empty() || device.heard >= limit) {
+            continue;
+        }
+        const Device* const owner = FindOwner(device.told);
+        device.is_replaced = device.is_replaced || (owner != nullptr && !owner->is_silent);
+        if (!device.is_replaced && Silence(device)) {
             silent.push_back(host);
         }
     }

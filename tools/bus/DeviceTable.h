@@ -29,14 +29,16 @@ public:
         uint64_t missed = 0;     // reads without an answer
         double answer_time = 0;  // seconds, smoothed; 0: not known
         Histogram answer_times;
+        uint32_t told = 0;              // an address in its last message
         std::set<uint32_t> addresses;   // for which it answered last
         std::set<uint32_t> unanswered;  // those of them for which nobody answers now
-        bool is_replaced = false;       // another host answers for all that it answered for
+        bool is_replaced = false;       // another host answers for what it had
     };
     enum class News { First, Silent, Back, Forgotten };
 
-    // The device told pins. Returns First or Back, or none if it was heard before.
-    std::optional<News> Hear(uint32_t host, double time, TimePoint now);
+    // The device told pins, of this address among others. Returns First or Back, or none if it was
+    // heard before.
+    std::optional<News> Hear(uint32_t host, uint32_t address, double time, TimePoint now);
 
     // It answered a read of the address, after so many seconds; none: not known.
     void Answer(uint32_t address, uint32_t host, std::optional<double> seconds);

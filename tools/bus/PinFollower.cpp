@@ -172,14 +172,15 @@ void PinFollower::TakeMessage(TimePoint now) {
 void PinFollower::TakeTold(Kind kind, TimePoint now) {
     CMessage& message = m_traffic.message;
     const auto host = static_cast<uint32_t>(message.GetHost());
-    if (const auto news = m_devices.Hear(host, m_traffic.time, now)) {
+    const std::vector<uint32_t> addresses = AddressesIn(message);
+    const uint32_t told = addresses.empty() ? 0 : addresses.front();
+    if (const auto news = m_devices.Hear(host, told, m_traffic.time, now)) {
         PassNews(host, *news);
     }
     m_answerers.Take(message, now);
     if (m_is_reading) {
         m_question->Take(message);
     }
-    const std::vector<uint32_t> addresses = AddressesIn(message);
     const CMsg2::Node* const refers = FindItem(message, TAG_REFERS_TO, CMsg2::ITEM_DWORD);
     const bool is_answer =
         kind == Kind::Reply && (refers->m_Value.m_nDword == m_round_id || IsAnswer(message));

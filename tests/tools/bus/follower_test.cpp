@@ -223,4 +223,19 @@ TEST_F(PinFollowerTest, FindsTwoDevicesWithOneAddress) {
     EXPECT_FALSE(Await([&] { return follower->Devices().empty(); }, 3)) << "the pin is wanted";
 }
 
+// A device tells pins under another address for a moment, without being read there.
+TEST(DeviceTable, ForgetsTheAddressesThatADeviceHadForAMoment) {
+    const uint32_t before = 0x0A4D0101, after = 0x0A4D0165, other = 0x0A4D0102;
+    DeviceTable table;
+    const TimePoint now = Now();
+    table.Hear(before, 0x102, 1, now);
+    table.Answer(0x102, before, 0.001);
+    table.Hear(after, 0x102, 2, now);
+    table.Hear(other, 0x103, 3, now);
+    const TimePoint later = Later(now, 1);
+    EXPECT_EQ(table.FindSilent(later), std::vector<uint32_t>{other}) << "nobody else has its pins";
+    EXPECT_EQ(table.Forget(now, later, [](uint32_t) { return false; }),
+              std::vector<uint32_t>{after});
+}
+
 }  // namespace
