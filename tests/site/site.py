@@ -112,7 +112,7 @@ class Site:
         (self.last.host.folder / "token").chmod(0o600)
         self.disk = self.last.host.folder / "board"
         self.disk.mkdir()
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4M", "board", self.disk], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16M", "board", self.disk], check=True)
         self.full = Part(f"site {number} disk")
 
     def start(self):
