@@ -216,6 +216,7 @@ class Unit:
 
     def watch(self):
         if self.process and time.monotonic() - self.beaten > self.watchdog:
+            assert "stopped" in self.part.reasons, f"{self.part.name} runs, but does not feed its watchdog"
             self.signal(signal.SIGABRT)
             self.signal(signal.SIGCONT)
 
@@ -242,5 +243,6 @@ class Unit:
         self.part.mark("ended", True)
         self.part.mark("stopped", False)
         is_failure = status not in (0, -signal.SIGTERM)
-        if not self.stopping and status not in self.no_restart and (is_failure or self.restarts == "always"):
+        restarts = self.restarts == "always" or (self.restarts == "on-failure" and is_failure)
+        if not self.stopping and status not in self.no_restart and restarts:
             self.loop.after(self.pause, self.start)
