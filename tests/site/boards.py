@@ -16,7 +16,7 @@ class Board:
 
     def __init__(self, site):
         self.site, self.world, self.host = site, site.world, site.last
-        self.sets, self.starts = 0, 0
+        self.sets, self.unsure, self.starts = 0, 0, 0  # a set without an answer may be carried out later
 
     def parts(self):
         """All that it needs to hear and to store."""
@@ -59,11 +59,14 @@ class Board:
                                  **{"Origin": "http://127.0.0.1:8093", "X-Orvex-Board": "set",
                                     "Content-Type": "application/json", "Authorization": "Bearer 0123456789abcdef"})
         self.count_starts()
-        self.sets += done is not None
+        if done is None:
+            self.unsure += 1
+        else:
+            self.sets += 1
 
     def count_starts(self):
         if (starts := self.host.units["board"].starts) != self.starts:
-            self.starts, self.sets = starts, 0
+            self.starts, self.sets, self.unsure = starts, 0, 0
 
     def measure(self):
         """Compares its metrics with what has happened."""
@@ -74,10 +77,13 @@ class Board:
         found = dict(re.findall(r"^(orvex_board_\w+) (\S+)$", text, re.M))
         self.world.counts["metrics read"] += 1
         others = [part for device in self.site.devices for part in (device.cable, *device.parts("gpio", ""))]
-        wanted_of = {"link_up": 1, "history_ok": 1, "shared_addresses": 0, "sets_total": self.sets,
+        wanted_of = {"link_up": 1, "history_ok": 1, "shared_addresses": 0,
                      "viewers": int(bool(self.site.viewer.stream)), "healthy": 1}
         if not whole(others, BRIDGE):
             del wanted_of["healthy"]
+        sets = float(found.get("orvex_board_sets_total", -1))
+        assert self.sets <= sets <= self.sets + self.unsure, (
+            f"the board of site {self.site.number} counts {sets:g} sets of {self.sets} and {self.unsure} unsure ones")
         for what, wanted in wanted_of.items():
             value = float(found.get("orvex_board_" + what, -1))
             assert value == wanted, (f"{what} of the board of site {self.site.number} is {value:g}, not {wanted}: "
