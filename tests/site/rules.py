@@ -300,7 +300,7 @@ class Growth:
     """Memory, descriptors and files: below the limits of the units always, and no more after the first day."""
 
     def __init__(self, world):
-        self.world, self.first, self.most = world, {}, {}
+        self.world, self.first = world, {}
 
     def measure(self):
         is_first = time.monotonic() - self.world.start <= 86400
