@@ -167,6 +167,7 @@ class Viewer:
             seen = self.pins.get(pin["pin"], {})
             assert (seen.get("level"), seen.get("state")) == (pin["level"], pin["state"]), (
                 f"a viewer of site {self.site.number} sees {seen}, the board has {pin}")
-            events = (self.site.request("GET", f"/api/v1/history?pin={pin['pin']}&kind=told&limit=1") or {}).get("events")
+            path = f"/api/v1/history?pin={pin['pin']}&kind=told&limit=1"
+            events = (self.site.request("GET", path) or {}).get("events")
             assert not events or pin["state"] != "told" or events[0].get("level") == pin["level"], (
                 f"the history of {pin['pin']} at site {self.site.number} ends with {events}, the board has {pin}")

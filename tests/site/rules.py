@@ -203,6 +203,7 @@ class Pulse(Rule):
         self.latest = max(self.latest, self.end + CHANGE + (0 if is_safe else self.TRIES))
         site.world.run(site.first.host, [f"{site.world.build}/tools/ctl/orvexctl", "-q", "-i", "eth0", "set", "-k",
                                          f"{self.what}=L,{seconds * 1000}"], self.hear)
+        site.world.loop.after(CHANGE + 0.5, self.check)  # the next look may come too late to see it
 
     def hear(self, said):
         self.said = said
@@ -214,7 +215,8 @@ class Pulse(Rule):
         return "H" if now > self.latest else None
 
     def why(self):
-        return f"the last pulse began at {self.begin:.3f} and ended at {self.end:.3f}, {self.latest:.3f} at the latest; {self.said}"
+        return (f"the last pulse began at {self.begin:.3f} and ended at {self.end:.3f}, {self.latest:.3f} at the "
+                f"latest; {self.said}")
 
 
 class Tally(Rule):
