@@ -130,6 +130,7 @@ class Viewer:
         stream.setblocking(False)
         self.stream, self.rest, self.since = stream, b"", time.monotonic()
         self.loop.read(stream.fileno(), self.hear)
+        self.loop.after(CHANGE + 1, self.check)
 
     def hear(self):
         try:
@@ -155,7 +156,7 @@ class Viewer:
 
     def check(self):
         """It shows what the board knows, and that is what the history ends with."""
-        if not self.stream or not whole(self.board.parts(), BRIDGE) or time.monotonic() - self.since < CHANGE:
+        if not self.stream or time.monotonic() - self.since < CHANGE:
             return
         before = self.last
         found = self.site.request("GET", "/api/v1/pins")
@@ -167,6 +168,8 @@ class Viewer:
             seen = self.pins.get(pin["pin"], {})
             assert (seen.get("level"), seen.get("state")) == (pin["level"], pin["state"]), (
                 f"a viewer of site {self.site.number} sees {seen}, the board has {pin}")
+            if not whole(self.board.parts(), BRIDGE):
+                continue
             path = f"/api/v1/history?pin={pin['pin']}&kind=told&limit=1"
             events = (self.site.request("GET", path) or {}).get("events")
             assert not events or pin["state"] != "told" or events[0].get("level") == pin["level"], (

@@ -278,23 +278,36 @@ class Drivers:
 
 
 class Doctor:
-    """Names what is broken, and nothing when nothing is."""
+    """Names what is broken, and nothing when nothing is: asked about each fault, and now and then."""
 
-    def __init__(self, world):
-        self.world = world
+    QUIET = 1800  # seconds between two questions while all is well
 
-    def ask(self, device):
-        site = device.site
-        others = [part for other in site.devices for part in (other.cable, other.chip.part, *other.parts("gpio", ""))]
-        parts = [*others, *(unit.part for unit in device.units.values()), self.world.sweeps]
-        own = device.parts("gpio", "")
-        is_whole, is_broken, began = whole(parts, SERVER), broken(own, 5), time.monotonic()
+    def __init__(self, device):
+        self.device, self.world, self.asked = device, device.world, 0
+        self.own = [device.cable, *device.parts("gpio", "")]
+        others = [part for other in device.site.devices
+                  for part in (other.cable, other.chip.part, *other.parts("gpio", ""))]
+        self.parts = [*others, *(unit.part for unit in device.units.values()), self.world.sweeps]
+
+    def check(self):
+        if broken(self.own, 5):
+            asks = self.asked <= max(part.since for part in self.own)
+        else:
+            asks = time.monotonic() - self.asked > self.QUIET and whole(self.parts, SERVER)
+        if asks:
+            self.ask()
+
+    def ask(self):
+        device, is_whole, is_broken = self.device, whole(self.parts, SERVER), broken(self.own, 5)
+        self.asked = began = time.monotonic()
 
         def judge(said):
-            if all(part.since < began for part in parts):
-                self.world.counts["doctors judged"] += is_whole or is_broken
-                assert not (is_whole and said), f"doctor on {device.host.name} finds: {said}"
-                assert not (is_broken and not said), f"doctor on {device.host.name} finds nothing"
+            if is_whole and all(part.since < began for part in self.parts):
+                self.world.counts["doctors asked while all was well"] += 1
+                assert not said, f"doctor on {device.host.name} finds: {said}"
+            elif is_broken and all(part.since < began for part in self.own):
+                self.world.counts["doctors asked about a fault"] += 1
+                assert said, f"doctor on {device.host.name} finds nothing"
         self.world.run(device.host, [f"{self.world.build}/tools/ctl/orvexctl", "doctor", "-q", "-W", "3"], judge)
 
 

@@ -182,10 +182,11 @@ class World:
         self.settings = {device.address: Setting(device) for device in self.devices}
         self.tallies = {device.address: Tally(device) for device in self.devices}
         self.pulses = {device.address: Pulse(device) for device in self.devices}
-        self.doctor, self.growth = Doctor(self), Growth(self)
+        self.doctors = {device.address: Doctor(device) for device in self.devices}
+        self.growth = Growth(self)
         self.messages = Messages(self)
         self.rules = [*self.links, *self.settings.values(), *self.tallies.values(), *self.pulses.values(),
-                      *(Follow(device) for device in self.devices), Running(self)]
+                      *self.doctors.values(), *(Follow(device) for device in self.devices), Running(self)]
         self.draw(seed, events)
 
     def units(self):
@@ -374,7 +375,7 @@ class World:
         return link.text.strip()
 
     def do_doctor(self, device, _, __):
-        self.doctor.ask(device)
+        self.doctors[device.address].ask()
 
     # ---- the observer
 
