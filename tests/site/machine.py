@@ -171,6 +171,36 @@ class Chip:
         return int((self.lines / f"sim_gpio{line}/value").read_text("ascii"))
 
 
+class Panel:
+    """The same for the pins of orvex-sim, which is told its inputs, in its file too for the next start, and asked
+    for its outputs."""
+
+    def __init__(self, host, file, pins, inputs):
+        self.file, self.text, self.pins, self.inputs = file, file.read_text("ascii"), pins, inputs
+        self.part, self.log = Part(f"panel {host.name}"), RUN / f"log/{host.name}.orvex-sim"
+        self.levels, self.outputs, self.asked = {line: 1 for line in inputs}, {}, -1
+        self.input = host.folder / "panel"
+        os.mkfifo(self.input)
+        self.writer = os.open(self.input, os.O_RDWR | os.O_NONBLOCK)
+
+    def pull(self, line, level):
+        self.levels[line] = level
+        state = "GPI 1 " + "".join("LH"[self.levels[line]] for line in self.inputs) + "\n"
+        self.file.write_text(self.text + state, "ascii")
+        os.write(self.writer, state.encode())
+
+    def value(self, line):
+        if time.monotonic() - self.asked > 0.1:
+            end = self.log.stat().st_size
+            os.write(self.writer, b"show\n")
+            time.sleep(0.01)
+            text = self.log.read_bytes()[end:].decode("ascii", "replace")
+            self.outputs = dict(re.findall(r"^GPO (\d) (\w+)", text, re.M))
+            self.asked = time.monotonic()
+        number, pin = self.pins[line]
+        return int(self.outputs.get(number, "HHHHH")[pin] == "H")
+
+
 class Unit:
     """A program that is started, watched and started again as its unit says."""
 

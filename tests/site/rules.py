@@ -35,7 +35,7 @@ def broken(parts, seconds):
     cable, a device may have another address, and orvex answers for a control server that hangs."""
     now = time.monotonic()
     return any(not reason.startswith(("lossy", "moved")) and
-               (reason != "stopped" or not part.name.endswith("orvex-gpio"))
+               (reason != "stopped" or not part.name.endswith(("orvex-gpio", "orvex-sim")))
                for part in parts if now - part.since >= seconds for reason in part.reasons)
 
 

@@ -18,17 +18,19 @@ import sys
 import tempfile
 import time
 
-from machine import RUN, Chip, Host, Loop, Part, Unit
+from machine import RUN, Chip, Host, Loop, Panel, Part, Unit
 from messages import Messages
 from boards import Board, Viewer
 from rules import Doctor, Drivers, Follow, Growth, Link, Pulse, Running, Setting, Tally
 
 SAMPLE = 5  # seconds between two looks at the lamps
 LINES = 9
+PINS = {3: ("1", 0), 4: ("1", 1), 5: ("1", 2), 6: ("1", 3), 8: ("1", 4), 7: ("2", 0)}  # outputs of its lines
+PANELS = 0.2  # the share of hosts that orvex-sim plays
 
 
 class Device:
-    """A host with a chip: two contacts, and lamps that follow a link, an expression, a write, a tally, a pulse and
+    """A host with a chip, or with orvex-sim in its place: two contacts, and lamps that follow a link, an expression, a write, a tally, a pulse and
     a contact of another host."""
 
     def __init__(self, site, number, others):
@@ -39,11 +41,19 @@ class Device:
         self.world.hub.ip(f"link add {name} type veth peer name eth0 netns {name}",
                           f"link set {name} master bus{site.number} up")
         self.host.ip(f"addr add {self.ip}/24 dev eth0", "link set eth0 up", "route add 224.0.0.0/4 dev eth0")
-        self.cable, self.chip = Part(f"{name} cable"), Chip(name, LINES)
-        for line in range(LINES):
-            self.chip.pull(line, 1)
+        self.cable = Part(f"{name} cable")
         self.contacts = {pin: ("H", -1000.0) for pin in (1, 2)}
         self.source = f"10.77.{site.number}.{number % others + 1}"
+        self.units = {}
+        self.channels = (f"CFG GPO 1 SRCA={self.address}\nCFG GPO 2 SRCA={self.source}:94/1\n"
+                         f"SET NIC_IPADDR={self.ip}\n")
+        self.chip = self.make_panel() if self.world.panels.random() < PANELS else self.make_chip(name)
+        self.run("", "../app/orvex", "-debug", ORVEX_RESUBSCRIBE="yes")
+
+    def make_chip(self, name):
+        chip = Chip(name, LINES)
+        for line in range(LINES):
+            chip.pull(line, 1)
         self.write("gpio.conf", f"""listen 127.0.0.1:93
 listen 0.0.0.0:94 from 10.77.0.0/16 inputs
 chip c label {name}
@@ -55,13 +65,17 @@ output 1.3 c 5
 output 1.4 c 6
 output 1.5 c 8
 output 2.1 c 7
-CFG GPO 1 SRCA={self.address}
-CFG GPO 2 SRCA={self.source}:94/1
-SET NIC_IPADDR={self.ip}
-""")
-        self.units = {}
+""" + self.channels)
         self.run("gpio", "gpio/orvex-gpio", self.host.folder / "gpio.conf")
-        self.run("", "../app/orvex", "-debug", ORVEX_RESUBSCRIBE="yes")
+        return chip
+
+    def make_panel(self):
+        self.write("sim.conf", self.channels)
+        panel = Panel(self.host, self.host.folder / "sim.conf", PINS, (0, 1))
+        command = ["sh", "-c", 'exec "$0" "$@" <>"$PANEL"', f"{self.world.build}/tools/sim/orvex-sim", "--listen",
+                   "127.0.0.1:93", "--listen", "0.0.0.0:94", str(self.host.folder / "sim.conf")]
+        self.units["gpio"] = Unit(self.world.loop, self.host, "orvex-sim", command, PANEL=str(panel.input))
+        return panel
 
     def write(self, name, text):
         (self.host.folder / name).write_text(text, "ascii")
@@ -160,7 +174,7 @@ class Site:
 class World:
     def __init__(self, build, output, seed, seconds, hosts, events):
         self.build, self.output, self.seconds = build, pathlib.Path(output), seconds
-        self.random, self.counts = random.Random(seed), collections.Counter()
+        self.random, self.panels, self.counts = random.Random(seed), random.Random(f"{seed}/orvex-sim"), collections.Counter()
         self.loop, self.start = Loop(), time.monotonic()
         self.trace, self.happened, self.delayed = collections.deque(maxlen=30), [], set()
         (RUN / "log").mkdir()
@@ -198,7 +212,8 @@ class World:
         weights = [self.random.expovariate(1) * (6 if kind in ("contact", "set", "tally") else 1) for kind in kinds]
         pause = 10 ** self.random.uniform(1.2, 2.8)
         sites = ", ".join(f"{len(site.devices)}{' and a standby' * (len(site.bridged) > 1)}" for site in self.sites)
-        print(f"drawn sites with hosts: {sites}; an event every {pause:.0f} s", flush=True)
+        panels = sum(isinstance(device.chip, Panel) for device in self.devices)
+        print(f"drawn sites with hosts: {sites}; {panels} of them played by orvex-sim; an event every {pause:.0f} s", flush=True)
         when = 90.0
         for number in itertools.count():
             when += self.random.expovariate(1 / pause)
@@ -347,8 +362,8 @@ class World:
         return f"of site {device.site.number} is away for {seconds:.1f} s"
 
     def do_chip(self, device, _, seconds):
-        if device.chip.part.reasons:
-            return "is out already"
+        if device.chip.part.reasons or isinstance(device.chip, Panel):
+            return f"{device.host.name} has none"
         device.chip.plug(False)
         self.loop.after(seconds, lambda: device.chip.plug(True))
         return f"{device.host.name} for {seconds:.1f} s"
