@@ -171,6 +171,12 @@ TEST_F(Doctor, FindsAnInterfaceWithoutAddress) {
     EXPECT_NE(out.find("FAIL  group"), std::string::npos) << out;
 }
 
+TEST_F(Doctor, FindsACutCable) {
+    StartWell();
+    ASSERT_EQ(studio.Run("ip link set eth0 down"), 0);
+    ExpectTroubles({"link", "remote"}, "eth0 has no carrier");
+}
+
 TEST_F(Doctor, FindsWhoHasThePort) {
     const Host::Scope on(device);
     const int other = bound_socket(SOCK_DGRAM, "0.0.0.0", 2060);

@@ -50,6 +50,21 @@ bool ExamineAddress(const Facts& facts, const ExpectedBus& bus, Findings& findin
     return true;
 }
 
+// Whether anything passes on the interface.
+void ExamineLink(const Facts& facts, const std::string& device, Findings& findings) {
+    for (const InterfaceAddress& entry : facts.interfaces) {
+        if (entry.device == device && !(entry.is_on && entry.has_carrier)) {
+            findings.push_back({Severity::Critical, "link",
+                                device + (entry.is_on ? " has no carrier" : " is switched off") +
+                                    ": nothing reaches the bus, and nothing arrives",
+                                entry.is_on
+                                    ? "check the cable and what it leads to; ip link show " + device
+                                    : "ip link set " + device + " up"});
+            return;
+        }
+    }
+}
+
 // Until TQRD names an interface, the system's routes decide where replies and reports go.
 void ExamineRoute(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     if (!facts.DeviceOf(facts.answer.table.InterfaceAddress().value_or(0)).empty()) {
@@ -151,6 +166,7 @@ bool HasProblem(const Findings& findings) {
 
 void ExamineInterface(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
     const bool is_usable = ExamineAddress(facts, bus, findings);
+    ExamineLink(facts, BusDevice(facts, bus), findings);
     if (is_usable || !facts.DeviceOf(facts.route.address).empty()) {
         ExamineRoute(facts, bus, findings);
     }

@@ -1,6 +1,7 @@
 #include "tools/doctor/NetworkTables.h"
 
 #include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -73,25 +74,29 @@ std::vector<Membership> ReadMemberships() {
 
 std::vector<InterfaceAddress> ReadInterfaces() {
     std::vector<InterfaceAddress> interfaces;
-    std::map<std::string, bool> has_address;
+    std::map<std::string, InterfaceAddress> without;
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
         return interfaces;
     }
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-        has_address.emplace(entry->ifa_name, false);
+        InterfaceAddress made{entry->ifa_name, 0, (entry->ifa_flags & IFF_UP) != 0,
+                              (entry->ifa_flags & IFF_RUNNING) != 0};
         if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
             sockaddr_in address;
             memcpy(&address, entry->ifa_addr, sizeof address);
-            interfaces.push_back({entry->ifa_name, address.sin_addr.s_addr});
-            has_address[entry->ifa_name] = true;
+            made.ip = address.sin_addr.s_addr;
+            interfaces.push_back(made);
         }
+        made.ip = 0;
+        without.emplace(made.device, made);
     }
     freeifaddrs(list);
-    for (const auto& device : has_address) {
-        if (!device.second) {
-            interfaces.push_back({device.first, 0});
-        }
+    for (const InterfaceAddress& entry : interfaces) {
+        without.erase(entry.device);
+    }
+    for (const auto& entry : without) {
+        interfaces.push_back(entry.second);
     }
     return interfaces;
 }

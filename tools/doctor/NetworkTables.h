@@ -28,6 +28,8 @@ struct Membership {
 struct InterfaceAddress {
     std::string device;
     uint32_t ip = 0;  // network byte order, 0: none
+    bool is_on = true;
+    bool has_carrier = true;  // something is at the other end of its cable
 };
 
 // protocol is "tcp" or "udp". Empty if there is no such table.
