@@ -364,6 +364,9 @@ class World:
     def do_chip(self, device, _, seconds):
         if device.chip.part.reasons or isinstance(device.chip, Panel):
             return f"{device.host.name} has none"
+        # This kernel gives the interrupts of a lost chip to another, also while a program that hangs has them.
+        if device.units["gpio"].part.reasons:
+            return f"{device.host.name} stays, its program hangs or is not there"
         device.chip.plug(False)
         self.loop.after(seconds, lambda: device.chip.plug(True))
         return f"{device.host.name} for {seconds:.1f} s"

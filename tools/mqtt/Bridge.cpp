@@ -123,6 +123,7 @@ void Bridge::Step() {
     m_presence.Tend(m_bus.IsUp());
     FollowRole();
     m_sets.Tend();
+    CompareOutputs();
     CarryOutLinks();
     FollowPhase();
     m_publisher.Publish((m_phase == Phase::Publishing || m_phase == Phase::Online) &&
@@ -265,6 +266,20 @@ bool Bridge::MayCarryOutLinks() {
         m_links.Resume();
     }
     return m_bus.IsUp() && (!m_was_cut_off || standby.IsAlone());
+}
+
+// Whether outputs show what links have written: also while nobody can be told of them, when links
+// hold what they show on loss.
+void Bridge::CompareOutputs() {
+    for (const uint32_t tag : std::exchange(m_pins.Heard(), {})) {
+        const PinView view = m_pins.ViewOf(tag);
+        if (view.level && view.status == PinStatus::Told) {
+            m_links.Told(tag, *view.level);
+        }
+        if (view.denied) {
+            m_links.Denied(tag);
+        }
+    }
 }
 
 void Bridge::CarryOutLinks() {

@@ -61,6 +61,7 @@ private:
     void TakeOver();
     void GoOnline();
     bool MayCarryOutLinks();
+    void CompareOutputs();
     void CarryOutLinks();
     void Write(const Links::Write& write);
     void Send(const Links::Write& write);

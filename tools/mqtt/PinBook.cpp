@@ -34,6 +34,7 @@ void PinBook::Want(const MqttConfig& config) {
 
 void PinBook::Add(const PinChange& change) {
     m_changed.insert(change.tag);
+    m_heard.insert(change.tag);
     m_changes.push_back(change);
     if (m_changes.size() > MOST_CHANGES) {
         m_changes.pop_front();
@@ -56,7 +57,10 @@ void PinBook::AskAll(const std::set<uint32_t>& others) {
 }
 
 void PinBook::TellAll() {
-    m_follower.States().ForEach([this](uint32_t tag, const PinState&) { m_changed.insert(tag); });
+    m_follower.States().ForEach([this](uint32_t tag, const PinState&) {
+        m_changed.insert(tag);
+        m_heard.insert(tag);
+    });
     for (const auto& device : m_follower.Devices()) {
         m_changed_devices.insert(device.first);
     }

@@ -24,6 +24,7 @@ public:
 
     // What has happened since it was last cleared: pins that may have changed, changes, devices.
     std::set<uint32_t>& Changed() { return m_changed; }
+    std::set<uint32_t>& Heard() { return m_heard; }  // the same pins, for who does not wait
     std::deque<PinChange>& Changes() { return m_changes; }
     std::set<uint32_t>& ChangedDevices() { return m_changed_devices; }
 
@@ -43,6 +44,7 @@ private:
 
     PinFollower m_follower;
     std::set<uint32_t> m_changed;
+    std::set<uint32_t> m_heard;
     std::deque<PinChange> m_changes;
     uint64_t m_dropped = 0;
     std::set<uint32_t> m_changed_devices;

@@ -59,8 +59,8 @@ std::set<std::string> TopicsOfFile(const MqttConfig& config, const Topics& topic
 
 }  // namespace
 
-Publisher::Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins, Links& links,
-                     Sets& sets, Broker& broker, uint32_t bridge)
+Publisher::Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins,
+                     const Links& links, Sets& sets, Broker& broker, uint32_t bridge)
     : m_config(config),
       m_topics(topics),
       m_pins(pins),
@@ -228,12 +228,6 @@ bool Publisher::PublishRest() {
 
 void Publisher::PublishPin(uint32_t tag) {
     PinView view = m_pins.ViewOf(tag);
-    if (view.level && view.status == PinStatus::Told) {
-        m_links.Told(tag, *view.level);
-    }
-    if (view.denied) {
-        m_links.Denied(tag);
-    }
     view.bridge = m_bridge;
     view.via = m_links.ViaOf(tag, view.level);
     const std::string text = StateText(view, tag, m_config.names);

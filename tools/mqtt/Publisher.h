@@ -20,7 +20,7 @@
 class Publisher {
 public:
     // All are used while it exists. bridge is the number in the states.
-    Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins, Links& links,
+    Publisher(const MqttConfig& config, const Topics& topics, PinBook& pins, const Links& links,
               Sets& sets, Broker& broker, uint32_t bridge);
 
     // Announces the pins to hubs, if the file wants it. Call it after each connection.
@@ -65,7 +65,7 @@ private:
     const MqttConfig& m_config;
     const Topics& m_topics;
     PinBook& m_pins;
-    Links& m_links;
+    const Links& m_links;
     Sets& m_sets;
     Broker& m_broker;
     const uint32_t m_bridge;

@@ -437,6 +437,15 @@ class MqttTest(unittest.TestCase):
         self.assertEqual(level_of("7:4:out2"), "L")
         self.assertEqual(retained("orvex/tower/status"), "offline")
 
+    def test_output_is_held_without_a_broker(self):
+        self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss L 2")
+        kill(self.processes["broker"])
+        self.lamp("H", 6)
+        with open(RUN / "tower.in", "w", encoding="ascii") as control:  # as a device does that starts again
+            control.write("GPO 1 HHHHH\n")
+        self.lamp("H", 1, "7:4:out2")
+        self.lamp("L", 8, "7:4:out2")
+
     def test_device_silent(self):
         self.lit()
         daemons = [int(pid) for pid in run("studio", "pgrep", "-f", "app/orvex -debug").split()
