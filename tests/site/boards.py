@@ -8,6 +8,7 @@ import time
 from rules import BRIDGE, CHANGE, whole
 
 LATE = 15  # seconds after an event at which its history is looked up
+SETTLED = 75  # until the board has forgotten that a device has answered from two addresses at once
 
 
 class Board:
@@ -79,8 +80,8 @@ class Board:
         others = [part for device in self.site.devices for part in (device.cable, *device.parts("gpio", ""))]
         wanted_of = {"link_up": 1, "history_ok": 1, "shared_addresses": 0,
                      "viewers": int(bool(self.site.viewer.stream)), "healthy": 1}
-        if not whole(others, BRIDGE):
-            del wanted_of["healthy"]
+        if not whole(others, SETTLED):
+            del wanted_of["healthy"], wanted_of["shared_addresses"]
         sets = float(found.get("orvex_board_sets_total", -1))
         assert self.sets <= sets <= self.sets + self.unsure, (
             f"the board of site {self.site.number} counts {sets:g} sets of {self.sets} and {self.unsure} unsure ones")
