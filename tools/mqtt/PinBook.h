@@ -24,7 +24,7 @@ public:
 
     // What has happened since it was last cleared: pins that may have changed, changes, devices.
     std::set<uint32_t>& Changed() { return m_changed; }
-    std::set<uint32_t>& Heard() { return m_heard; }  // the same pins, for who does not wait
+    std::set<uint32_t>& Heard() { return m_heard; }  // the same, for whoever does not wait
     std::deque<PinChange>& Changes() { return m_changes; }
     std::set<uint32_t>& ChangedDevices() { return m_changed_devices; }
 
