@@ -254,11 +254,11 @@ class Drivers:
 
     def __init__(self, site):
         self.site, self.last = site, {}
-        self.ear = site.world.hub.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(0x0800))
+        self.ear = site.world.hub.socket(socket.AF_PACKET, socket.SOCK_DGRAM, 0)  # hears nothing yet
         program = b"".join(struct.pack("HBBI", *step) for step in self.WRITES)
         buffer = ctypes.create_string_buffer(program)
         self.ear.setsockopt(socket.SOL_SOCKET, 26, struct.pack("HP", len(self.WRITES), ctypes.addressof(buffer)))
-        self.ear.bind((f"bus{site.number}", 0))
+        self.ear.bind((f"bus{site.number}", 0x0800))
         self.linked = {Pin.parse(link.what).tag for link in site.world.links if link.device.site is site}
         site.world.loop.read(self.ear.fileno(), self.hear)
 
