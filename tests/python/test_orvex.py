@@ -170,7 +170,10 @@ class OrvexTest(unittest.IsolatedAsyncioTestCase):
                             await bus.send_acknowledged(Message(b"WRNI", [Item(OUT1.tag, BYTE, 0)]))
                     await bus.get(IN1)
 
-        status, duties = await self.conform("peer", "--for", "5", meanwhile=use)
+        for seconds in "5", "20":  # a busy machine may not try everything in the shorter time
+            status, duties = await self.conform("peer", "--for", seconds, meanwhile=use)
+            if "not tried" not in duties:
+                break
         self.assertEqual((status, list(duties)), (0, ["met"]), duties)
 
     async def test_examples_run(self):

@@ -302,7 +302,11 @@ void Model::Receive() {
 }
 
 bool Model::IsRepeated(const Endpoint& from, uint32_t tid) {
-    if (m_Senders.IsFull({from.ip, from.port}) && !IsNext("no memory")) {
+    const bool is_full = m_Senders.IsFull({from.ip, from.port});
+    if (is_full && IsNext("no senders")) {
+        Expect("no senders");
+        m_World.Count("lost: oldest sender, no memory for another");
+    } else if (is_full) {
         m_Senders.Grow(32);
     }
     const bool is_repeated = m_Senders.IsRepeated(m_Clock, {from.ip, from.port}, tid);

@@ -1,7 +1,9 @@
 // Allocations of the daemon, which can fail. Not linked with the fuzz targets: the sanitizers
 // replace the same functions.
 #include <new>
+#include <utility>
 
+#include "rudp/RUdpTIDMap.h"
 #include "tests/world/World.h"
 
 namespace {
@@ -11,13 +13,25 @@ bool is_buffer(size_t size) {
     return size == 2513;
 }
 
+// Whether it makes room for more senders: the nodes, and what comes next, the record of them.
+bool is_for_senders(size_t size) {
+    static bool is_record = false;
+    const bool is_nodes = size == 32 * sizeof(CRUdpTIDMap::Node);
+    return std::exchange(is_record, is_nodes && World::Get().memory_left > 0) || is_nodes;
+}
+
 bool is_short(size_t size) {
-    if (!World::Exists() || World::Get().memory_left < 0 || World::Get().running != nullptr ||
-        --World::Get().memory_left >= 0) {
+    if (!World::Exists() || World::Get().memory_left < 0 || World::Get().running != nullptr) {
+        return false;
+    }
+    const bool is_of_senders = is_for_senders(size);
+    if (--World::Get().memory_left >= 0) {
         return false;
     }
     World::Get().Fault("new: Cannot allocate memory");
-    World::Get().Log({is_buffer(size) ? "no buffer " : "no memory "});
+    World::Get().Log({is_buffer(size) ? "no buffer "
+                      : is_of_senders ? "no senders "
+                                      : "no memory "});
     return true;
 }
 
