@@ -172,8 +172,8 @@ class Chip:
 
 
 class Panel:
-    """The same for the pins of orvex-sim, which is told its inputs, in its file too for the next start, and asked
-    for its outputs."""
+    """The pins of orvex-sim, in place of a chip. Its console is told the inputs and asked for the outputs; its file
+    has the inputs too, for the next start."""
 
     def __init__(self, host, file, pins, inputs):
         self.file, self.text, self.pins, self.inputs = file, file.read_text("ascii"), pins, inputs
@@ -193,8 +193,9 @@ class Panel:
         if time.monotonic() - self.asked > 0.1:
             end = self.log.stat().st_size
             os.write(self.writer, b"show\n")
-            time.sleep(0.01)
+            time.sleep(0.01)  # nothing takes longer where only waiting takes time
             text = self.log.read_bytes()[end:].decode("ascii", "replace")
+            assert "SET NIC_IPADDR" in text, f"{self.part.name} does not answer"  # it says nothing of high outputs
             self.outputs = dict(re.findall(r"^GPO (\d) (\w+)", text, re.M))
             self.asked = time.monotonic()
         number, pin = self.pins[line]

@@ -25,13 +25,13 @@ from rules import Doctor, Drivers, Follow, Growth, Link, Pulse, Running, Setting
 
 SAMPLE = 5  # seconds between two looks at the lamps
 LINES = 9
-PINS = {3: ("1", 0), 4: ("1", 1), 5: ("1", 2), 6: ("1", 3), 8: ("1", 4), 7: ("2", 0)}  # outputs of its lines
-PANELS = 0.2  # the share of hosts that orvex-sim plays
+PINS = {3: ("1", 0), 4: ("1", 1), 5: ("1", 2), 6: ("1", 3), 8: ("1", 4), 7: ("2", 0)}  # line: output and its pin
+PANELS = 0.2  # the share of hosts with orvex-sim
 
 
 class Device:
-    """A host with a chip, or with orvex-sim in its place: two contacts, and lamps that follow a link, an expression, a write, a tally, a pulse and
-    a contact of another host."""
+    """A host with a chip, or with orvex-sim in its place: two contacts, and lamps that follow a link, an expression,
+    a write, a tally, a pulse and a contact of another host."""
 
     def __init__(self, site, number, others):
         self.world, self.site, self.number = site.world, site, number
@@ -174,7 +174,8 @@ class Site:
 class World:
     def __init__(self, build, output, seed, seconds, hosts, events):
         self.build, self.output, self.seconds = build, pathlib.Path(output), seconds
-        self.random, self.panels, self.counts = random.Random(seed), random.Random(f"{seed}/orvex-sim"), collections.Counter()
+        self.random, self.panels = random.Random(seed), random.Random(f"{seed}/orvex-sim")
+        self.counts = collections.Counter()
         self.loop, self.start = Loop(), time.monotonic()
         self.trace, self.happened, self.delayed = collections.deque(maxlen=30), [], set()
         (RUN / "log").mkdir()
@@ -213,7 +214,7 @@ class World:
         pause = 10 ** self.random.uniform(1.2, 2.8)
         sites = ", ".join(f"{len(site.devices)}{' and a standby' * (len(site.bridged) > 1)}" for site in self.sites)
         panels = sum(isinstance(device.chip, Panel) for device in self.devices)
-        print(f"drawn sites with hosts: {sites}; {panels} of them played by orvex-sim; an event every {pause:.0f} s", flush=True)
+        print(f"drawn sites with hosts: {sites}; {panels} with orvex-sim; an event every {pause:.0f} s", flush=True)
         when = 90.0
         for number in itertools.count():
             when += self.random.expovariate(1 / pause)
@@ -362,11 +363,13 @@ class World:
         return f"of site {device.site.number} is away for {seconds:.1f} s"
 
     def do_chip(self, device, _, seconds):
-        if device.chip.part.reasons or isinstance(device.chip, Panel):
+        if isinstance(device.chip, Panel):
             return f"{device.host.name} has none"
-        # This kernel gives the interrupts of a lost chip to another, also while a program that hangs has them.
+        if device.chip.part.reasons:
+            return f"{device.host.name} is out already"
+        # While a program that hangs has the interrupts of a lost chip, this kernel gives them to the next chip too.
         if device.units["gpio"].part.reasons:
-            return f"{device.host.name} stays, its program hangs or is not there"
+            return f"{device.host.name} stays, as orvex-gpio does not run"
         device.chip.plug(False)
         self.loop.after(seconds, lambda: device.chip.plug(True))
         return f"{device.host.name} for {seconds:.1f} s"

@@ -13,25 +13,24 @@ bool is_buffer(size_t size) {
     return size == 2513;
 }
 
-// Whether it makes room for more senders: the nodes, and what comes next, the record of them.
+// Whether it makes room for more senders: 32 nodes, or the small entry in the list of such chunks,
+// which is allocated right behind them and known by that alone.
 bool is_for_senders(size_t size) {
-    static bool is_record = false;
+    static bool has_nodes = false;
     const bool is_nodes = size == 32 * sizeof(CRUdpTIDMap::Node);
-    return std::exchange(is_record, is_nodes && World::Get().memory_left > 0) || is_nodes;
+    return std::exchange(has_nodes, is_nodes && World::Get().memory_left > 0) || is_nodes;
 }
 
 bool is_short(size_t size) {
     if (!World::Exists() || World::Get().memory_left < 0 || World::Get().running != nullptr) {
         return false;
     }
-    const bool is_of_senders = is_for_senders(size);
+    const bool for_senders = is_for_senders(size);
     if (--World::Get().memory_left >= 0) {
         return false;
     }
     World::Get().Fault("new: Cannot allocate memory");
-    World::Get().Log({is_buffer(size) ? "no buffer "
-                      : is_of_senders ? "no senders "
-                                      : "no memory "});
+    World::Get().Log({is_buffer(size) ? "no buffer " : for_senders ? "no senders " : "no memory "});
     return true;
 }
 

@@ -53,7 +53,7 @@ bool ExamineAddress(const Facts& facts, const ExpectedBus& bus, Findings& findin
 // Whether anything passes on the interface.
 void ExamineLink(const Facts& facts, const std::string& device, Findings& findings) {
     for (const InterfaceAddress& entry : facts.interfaces) {
-        if (entry.device == device && !(entry.is_on && entry.has_carrier)) {
+        if (entry.device == device && !entry.has_carrier) {
             findings.push_back({Severity::Critical, "link",
                                 device + (entry.is_on ? " has no carrier" : " is switched off") +
                                     ": nothing reaches the bus, and nothing arrives",

@@ -29,7 +29,7 @@ struct InterfaceAddress {
     std::string device;
     uint32_t ip = 0;  // network byte order, 0: none
     bool is_on = true;
-    bool has_carrier = true;  // something is at the other end of its cable
+    bool has_carrier = true;  // it is on, and something is at the other end of its cable
 };
 
 // protocol is "tcp" or "udp". Empty if there is no such table.

@@ -268,8 +268,8 @@ bool Bridge::MayCarryOutLinks() {
     return m_bus.IsUp() && (!m_was_cut_off || standby.IsAlone());
 }
 
-// Whether outputs show what links have written: also while nobody can be told of them, when links
-// hold what they show on loss.
+// Whether devices show what links have written. Also without the broker: a link that is lost then
+// holds its output.
 void Bridge::CompareOutputs() {
     for (const uint32_t tag : std::exchange(m_pins.Heard(), {})) {
         const PinView view = m_pins.ViewOf(tag);

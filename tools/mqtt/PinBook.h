@@ -24,7 +24,8 @@ public:
 
     // What has happened since it was last cleared: pins that may have changed, changes, devices.
     std::set<uint32_t>& Changed() { return m_changed; }
-    std::set<uint32_t>& Heard() { return m_heard; }  // the same, for whoever does not wait
+    // The same pins. Taken in every turn; Changed() waits for the broker.
+    std::set<uint32_t>& Heard() { return m_heard; }
     std::deque<PinChange>& Changes() { return m_changes; }
     std::set<uint32_t>& ChangedDevices() { return m_changed_devices; }
 

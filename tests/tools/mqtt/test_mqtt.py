@@ -438,9 +438,9 @@ class MqttTest(unittest.TestCase):
         self.assertEqual(retained("orvex/tower/status"), "offline")
 
     def test_output_is_held_without_a_broker(self):
-        self.lit("link studio:1:2:in1 -> tower:7:4:out2 on-loss L 2")
+        self.lit("link studio:1:2:in1 -> tower:7:4:out2 invert on-loss L 2")
         kill(self.processes["broker"])
-        self.lamp("H", 6)
+        self.lamp("L", 6, "7:4:out2")
         with open(RUN / "tower.in", "w", encoding="ascii") as control:  # as a device does that starts again
             control.write("GPO 1 HHHHH\n")
         self.lamp("H", 1, "7:4:out2")
