@@ -65,14 +65,19 @@ void ExamineLink(const Facts& facts, const std::string& device, Findings& findin
     }
 }
 
-// Until TQRD names an interface, the system's routes decide where replies and reports go.
+// The system's routes decide where replies and reports go until TQRD names another address than
+// that of eth0, which the daemon begins with. Whether it began without that one can't be seen: what
+// it sends then arrives.
 void ExamineRoute(const Facts& facts, const ExpectedBus& bus, Findings& findings) {
-    if (!facts.DeviceOf(facts.answer.table.InterfaceAddress().value_or(0)).empty()) {
+    const uint32_t named = facts.answer.table.InterfaceAddress().value_or(0);
+    if (!facts.DeviceOf(named).empty() &&
+        (named != facts.AddressOf("eth0") || facts.bus.has_answered)) {
         return;
     }
-    const std::string way = "ip route add " + IpText(bus.group) + " dev " + bus.device +
-                            ", or NIC_IPADDR=" + IpText(facts.AddressOf(bus.device).value_or(0)) +
-                            " in TQRD";
+    std::string way = "ip route add " + IpText(bus.group) + " dev " + bus.device;
+    if (bus.device != "eth0") {
+        way += ", or NIC_IPADDR=" + IpText(facts.AddressOf(bus.device).value_or(0)) + " in TQRD";
+    }
     const std::string device = facts.DeviceOf(facts.route.address);
     if (facts.route.error != 0) {
         findings.push_back({Severity::Critical, "route",
