@@ -21,7 +21,7 @@ import time
 from machine import RUN, Chip, Host, Loop, Panel, Part, Unit
 from messages import Messages
 from boards import Board, Viewer
-from rules import Doctor, Drivers, Follow, Growth, Link, Pulse, Running, Setting, Tally
+from rules import Doctor, Drivers, Figures, Follow, Growth, Link, Pulse, Running, Setting, Tally
 
 SAMPLE = 5  # seconds between two looks at the lamps
 LINES = 9
@@ -134,12 +134,13 @@ class Site:
         for device in self.bridged:
             state = device.host.folder / "mqtt"
             state.mkdir()
-            device.run("mqtt", "mqtt/orvex-mqtt", device.host.folder / "mqtt.conf", STATE_DIRECTORY=str(state))
+            device.run("mqtt", "mqtt/orvex-mqtt", "--metrics", device.host.folder / "mqtt.prom",
+                       device.host.folder / "mqtt.conf", STATE_DIRECTORY=str(state))
         self.chains = [[*device.parts("mqtt"), device.cable, wan] for device, wan in zip(self.bridged, self.wans)]
         self.first.run("tsl", "tsl/orvex-tsl", self.first.host.folder / "tsl.conf")
         self.last.run("board", "board/orvex-board", "-i", "eth0", "--names", "/dev/null", "--keep-size", "1M",
                       "--allow-set", "--token-file", self.last.host.folder / "token", STATE_DIRECTORY=str(self.disk))
-        self.board, self.drivers = Board(self), Drivers(self)
+        self.board, self.drivers, self.figures = Board(self), Drivers(self), Figures(self)
         self.viewer = Viewer(self.board)
 
     def configure(self):
@@ -408,6 +409,7 @@ class World:
         self.loop.every(SAMPLE, self.look)
         self.loop.every(10, lambda: [tally.send() for tally in self.tallies.values()])
         self.loop.every(120, lambda: [site.viewer.check() for site in self.sites])
+        self.loop.every(20, lambda: [site.figures.check() for site in self.sites])
         self.loop.every(600, lambda: [site.board.measure() for site in self.sites])
         self.loop.every(3600, self.growth.measure)
         self.loop.every(600, self.messages.read)

@@ -15,7 +15,14 @@ const double ANSWER_TIME = 1;       // after the last question
 const size_t MOST_QUESTIONS = 500;  // that are sent at once
 const double PAUSE = 0.02;          // and then a pause
 
+const double FIRST_DENIED_PAUSE = 5;  // seconds; each is twice as long as the one before
+const int LONGER_PAUSES = 7;          // up to 640 s
+
 }  // namespace
+
+double DeniedPause(int times) {
+    return FIRST_DENIED_PAUSE * (1 << std::clamp(times - 1, 0, LONGER_PAUSES));
+}
 
 PinStates::PinStates(size_t limit, size_t share)
     : m_limit(limit), m_share(share), m_random(RandomBits()) {}

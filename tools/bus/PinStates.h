@@ -74,6 +74,11 @@ struct PinChange {
     unsigned int duration_ms;  // of a write; 0: no limit
 };
 
+// In seconds: when an output that is denied so many times in a row should be written again. Its
+// device may not have had the write; one that answers high for all its outputs is not bothered
+// often.
+double DeniedPause(int times);
+
 // Processes what a BusLink hears, preferably reports and requests. Does not send: the caller reads
 // the pins that Tend() lists, for instance with AskForPins(). For one thread.
 //

@@ -4,12 +4,13 @@
 #include <iterator>
 #include <utility>
 
+#include "tools/bus/PinStates.h"
+
 namespace {
 
 const double FRESH = SHORTEST_LOSS;  // seconds; older heartbeats prove nothing
 const double PACE = 0.25;        // seconds; heartbeats that have waited come in shorter intervals
 const double REWRITE_PAUSE = 5;  // seconds, against an output that somebody else sets
-const int MOST_DOUBTS = 3;       // a device that was not ready for the write has it then
 
 }  // namespace
 
@@ -342,10 +343,8 @@ void Links::Told(uint32_t tag, Level level) {
 
 void Links::Denied(uint32_t tag) {
     for (Link& link : m_links) {
-        if (link.config.to.tag == tag && link.applied && link.again == TimePoint::max() &&
-            link.doubts < MOST_DOUBTS) {
-            ++link.doubts;
-            link.again = std::max(Now(), Later(link.written, REWRITE_PAUSE));
+        if (link.config.to.tag == tag && link.applied && link.again == TimePoint::max()) {
+            link.again = std::max(Now(), Later(link.written, DeniedPause(++link.doubts)));
         }
     }
 }

@@ -5,6 +5,7 @@
 
 #include "tools/bus/Interface.h"
 #include "tools/bus/PinName.h"
+#include "tools/bus/PinStates.h"
 
 namespace {
 
@@ -119,7 +120,9 @@ void Rules::TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes) {
         rule.written.reset();
     }
     if (level && level != rule.written) {
+        rule.doubts = level == rule.shown ? rule.doubts : 0;
         rule.written = level;
+        rule.shown = level;
         rule.written_at = now;
         writes.push_back({rule.config.tag, *level});
     }
@@ -149,6 +152,14 @@ void Rules::Told(uint32_t tag, std::optional<Level> level) {
         if (rule.config.tag == tag && level && rule.written && level != rule.written &&
             rule.again == TimePoint::max()) {
             rule.again = std::max(Now(), Later(rule.written_at, REWRITE_PAUSE));
+        }
+    }
+}
+
+void Rules::Denied(uint32_t tag) {
+    for (Rule& rule : m_rules) {
+        if (rule.config.tag == tag && rule.written && rule.again == TimePoint::max()) {
+            rule.again = std::max(Now(), Later(rule.written_at, DeniedPause(++rule.doubts)));
         }
     }
 }

@@ -41,6 +41,10 @@ public:
     // A device has that level at an output. If it is another than was written, it is written again.
     void Told(uint32_t tag, std::optional<Level> level);
 
+    // A device answers high for an output that was written low: it may not know, or it has not had
+    // the write.
+    void Denied(uint32_t tag);
+
     // Everything must be written again.
     void WriteAgain();
 
@@ -58,8 +62,10 @@ private:
         TimePoint good{};         // when that host was heard last, or the start
         bool doubtful = false;    // something may have been said since
         bool lost = false;
-        std::optional<Level> written;
+        std::optional<Level> written;  // none: nothing, or it must be written again
+        std::optional<Level> shown;    // as written last
         TimePoint written_at{};
+        int doubts = 0;  // how often that was denied and written again
         TimePoint again = TimePoint::max();  // when to write once more
     };
 

@@ -143,6 +143,8 @@ void Service::TakeChange(const PinChange& change) {
     m_outputs.Tell(change.tag, change.after);
     if (change.status == PinStatus::Told) {
         m_rules.Told(change.tag, change.after);
+    } else if (change.denied) {
+        m_rules.Denied(change.tag);
     }
 }
 

@@ -22,6 +22,7 @@ listen udp 127.0.0.1:8900 v3.1
 listen tcp 127.0.0.1:8901 v5 from 127.0.0.0/8
 display 2 tally1 -> 1:2:out1 on-loss H 2
 display screen 1 index 254 right red -> 1:2:out2
+display 4 tally1 -> 1:2:out5
 send udp 127.0.0.1:8910 v5 screen 1 every 1
 send tcp 127.0.0.1:8911 v3.1 every 1
 pin 1:2:in1 -> index 7 right red tally2 label "Front door"
@@ -120,6 +121,17 @@ class TslTest(unittest.TestCase):
         self.lamp("1:2:out1", "L")
         self.program.terminate()
         self.lamp("1:2:out1", "H")
+
+    def test_a_first_write_that_is_lost_is_repeated(self):
+        def route(do):  # the device takes nothing from a host that it has no way back to
+            subprocess.run(f"ip -n studio route {do} blackhole 10.77.0.1", shell=True, check=True)
+
+        subprocess.run("ip netns exec studio sh -c 'echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter'", shell=True, check=True)
+        route("add")
+        self.say(v31(4, 1))
+        time.sleep(0.1)
+        route("del")
+        self.lamp("1:2:out5", "L", 12)
 
     def test_what_was_lost_may_have_been_said(self):
         self.say(v31(2, 1))
