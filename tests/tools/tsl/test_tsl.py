@@ -189,7 +189,7 @@ class TslTest(unittest.TestCase):
         self.lamp("1:2:out1", "L")
         CONFIG.write_text(LINES + "display ü tally1 -> 1:2:out3\n", "utf-8")
         self.program.send_signal(signal.SIGHUP)
-        self.says(":10: not a number from 0 to 126: \\xC3\\xBC\n")
+        self.says(":11: not a number from 0 to 126: \\xC3\\xBC\n")
         CONFIG.write_text(LINES.replace("127.0.0.1:8901", "127.0.0.1:8902")
                           + "display 2 tally2 -> 1:2:out3\n", "ascii")
         self.program.send_signal(signal.SIGHUP)
