@@ -65,7 +65,7 @@ private:
         std::optional<Level> written;  // none: nothing, or it must be written again
         std::optional<Level> shown;    // as written last
         TimePoint written_at{};
-        int doubts = 0;  // how often that was denied and written again
+        int doubts = 0;                      // how often that was denied and written again
         TimePoint again = TimePoint::max();  // when to write once more
     };
 
