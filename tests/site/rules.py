@@ -64,7 +64,7 @@ class Rule:
     def check(self):
         wanted = self.wanted() if whole(self.sink(), BRIDGE) and time.monotonic() - self.since >= CHANGE else None
         if wanted:
-            self.device.world.counts["lamps looked at"] += 1
+            self.device.world.counts[f"lamps looked at: {type(self).__name__.lower()}"] += 1
             shown = self.device.lamp(self.line)
             assert shown == wanted, f"{self.what} shows {shown}, not {wanted}: {self.why()}"
 
