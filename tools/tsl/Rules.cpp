@@ -164,6 +164,14 @@ void Rules::Denied(uint32_t tag) {
     }
 }
 
+void Rules::NotWritten(uint32_t tag) {
+    for (Rule& rule : m_rules) {
+        if (rule.config.tag == tag) {
+            rule.again = After(REWRITE_PAUSE);
+        }
+    }
+}
+
 void Rules::WriteAgain() {
     for (Rule& rule : m_rules) {
         rule.written.reset();

@@ -45,6 +45,9 @@ public:
     // the write.
     void Denied(uint32_t tag);
 
+    // A write has failed: it is tried again.
+    void NotWritten(uint32_t tag);
+
     // Everything must be written again.
     void WriteAgain();
 

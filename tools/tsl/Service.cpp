@@ -176,6 +176,7 @@ void Service::Write(const Rules::Write& write) {
         m_follower.Write(write.tag, WriteValue(write.level, 0));
     } catch (const BusError& error) {
         trouble = error.what();
+        m_rules.NotWritten(write.tag);
     }
     if (trouble != m_trouble && !trouble.empty()) {
         m_tell(m_config.names.Label(write.tag) + ": " + trouble);

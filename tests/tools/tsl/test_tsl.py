@@ -22,7 +22,7 @@ listen udp 127.0.0.1:8900 v3.1
 listen tcp 127.0.0.1:8901 v5 from 127.0.0.0/8
 display 2 tally1 -> 1:2:out1 on-loss H 2
 display screen 1 index 254 right red -> 1:2:out2
-display 4 tally1 -> 1:2:out5
+display 4 tally1 -> 1:2:out5 on-loss H 60
 send udp 127.0.0.1:8910 v5 screen 1 every 1
 send tcp 127.0.0.1:8911 v3.1 every 1
 pin 1:2:in1 -> index 7 right red tally2 label "Front door"
@@ -132,6 +132,15 @@ class TslTest(unittest.TestCase):
         time.sleep(0.1)
         route("del")
         self.lamp("1:2:out5", "L", 12)
+
+    def test_a_write_that_was_not_possible_is_repeated(self):
+        subprocess.run(["/usr/sbin/nft", "add table ip t; add chain ip t o { type filter hook output priority 0; };"
+                        "add rule ip t o udp dport 2060 drop"], check=True)
+        self.addCleanup(subprocess.run, ["/usr/sbin/nft", "delete table ip t"], stderr=subprocess.DEVNULL, check=False)
+        self.say(v31(4, 1))
+        self.says("1:2:out5: not sent: Operation not permitted")
+        subprocess.run(["/usr/sbin/nft", "delete table ip t"], check=True)
+        self.lamp("1:2:out5", "L", 5)
 
     def test_what_was_lost_may_have_been_said(self):
         self.say(v31(2, 1))
