@@ -125,7 +125,6 @@ void PeerTrial::Take(const std::string& bytes, uint16_t port) {
         return;
     }
     Bound(m_last);
-    Bound(m_reliable);
     Bound(m_low);
     const std::string before = m_last[port];
     const bool is_repetition = before == bytes;
@@ -155,8 +154,13 @@ void PeerTrial::TakeReliable(const std::string& packet, uint16_t port) {
     std::string copy = packet;
     const RUdpMsg header(reinterpret_cast<unsigned char*>(&copy[0]), copy.size());
     const size_t count = m_reliable.size();
-    const auto [at, is_new] =
-        m_reliable.try_emplace({port, static_cast<uint32_t>(header.GetMsgTID())});
+    const std::pair key(port, static_cast<uint32_t>(header.GetMsgTID()));
+    if (count >= MOST_REMEMBERED && m_reliable.count(key) == 0) {  // enough to judge
+        Reliable another;
+        another.bytes = packet;
+        return Answer(another, port, true);
+    }
+    const auto [at, is_new] = m_reliable.try_emplace(key);
     Reliable& message = at->second;
     if (is_new) {
         message.bytes = packet;
