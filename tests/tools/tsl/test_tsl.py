@@ -126,7 +126,8 @@ class TslTest(unittest.TestCase):
         def route(do):  # the device takes nothing from a host that it has no way back to
             subprocess.run(f"ip -n studio route {do} blackhole 10.77.0.1", shell=True, check=True)
 
-        subprocess.run("ip netns exec studio sh -c 'echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter'", shell=True, check=True)
+        subprocess.run(["ip", "netns", "exec", "studio", "sh", "-c", "echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter"],
+                       check=True)
         route("add")
         self.say(v31(4, 1))
         time.sleep(0.1)
