@@ -38,12 +38,14 @@ class TopTest(unittest.TestCase):
         self.screen("0 pins")
 
     def screen(self, wanted):
-        """The lines of the screen, once one of them has the text."""
-        for _ in range(100):
+        """The lines of the screen, once one of them has the text and nothing is being drawn."""
+        before = ""
+        for _ in range(200):
             shown = self.tmux("capture-pane", "-p")
-            if wanted in shown:
+            if wanted in shown and shown == before:
                 return shown.rstrip("\n").split("\n")
-            time.sleep(0.1)
+            before = shown
+            time.sleep(0.05)
         self.fail(f"no {wanted!r} on the screen:\n{shown}")
 
     def tell(self, pins, message="INDI", port=2055):
