@@ -74,9 +74,8 @@ struct PinChange {
     unsigned int duration_ms;  // of a write; 0: no limit
 };
 
-// In seconds: when an output that is denied so many times in a row should be written again. Its
-// device may not have had the write; one that answers high for all its outputs is not bothered
-// often.
+// Seconds from a write that was denied, the so many-th in a row, to the next attempt. The device
+// may not have got it; the pauses grow, for a device that answers high for all its outputs.
 double DeniedPause(int times);
 
 // Processes what a BusLink hears, preferably reports and requests. Does not send: the caller reads

@@ -280,6 +280,7 @@ void Links::Apply(Link& link, Level level, const std::string& reason, std::vecto
     }
     link.applied = level;
     link.written = Now();
+    link.again = TimePoint::max();
     if (link.shown != level) {
         link.doubts = 0;
         const bool counts = link.shown || level == Level::Low;  // the first high changes nothing
@@ -334,9 +335,9 @@ void Links::Resume() {
 
 void Links::Told(uint32_t tag, Level level) {
     for (Link& link : m_links) {
-        if (link.config.to.tag == tag && link.applied && link.applied != level &&
-            link.again == TimePoint::max()) {
-            link.again = std::max(Now(), Later(link.written, REWRITE_PAUSE));
+        if (link.config.to.tag == tag && link.applied && link.applied != level) {
+            // It may wait already, and longer, as it was denied.
+            link.again = std::min(link.again, std::max(Now(), Later(link.written, REWRITE_PAUSE)));
         }
     }
 }

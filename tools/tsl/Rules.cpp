@@ -124,6 +124,7 @@ void Rules::TendRule(Rule& rule, TimePoint now, std::vector<Write>& writes) {
         rule.written = level;
         rule.shown = level;
         rule.written_at = now;
+        rule.again = TimePoint::max();
         writes.push_back({rule.config.tag, *level});
     }
 }
@@ -149,9 +150,10 @@ size_t Rules::LostCount() const {
 
 void Rules::Told(uint32_t tag, std::optional<Level> level) {
     for (Rule& rule : m_rules) {
-        if (rule.config.tag == tag && level && rule.written && level != rule.written &&
-            rule.again == TimePoint::max()) {
-            rule.again = std::max(Now(), Later(rule.written_at, REWRITE_PAUSE));
+        if (rule.config.tag == tag && level && rule.written && level != rule.written) {
+            // It may wait already, and longer, as it was denied.
+            rule.again =
+                std::min(rule.again, std::max(Now(), Later(rule.written_at, REWRITE_PAUSE)));
         }
     }
 }
